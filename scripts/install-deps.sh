@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Installs everything the project needs to build, run and test, from Debian 12's archive.
+set -euo pipefail
+
+packages=(
+    # toolchain
+    g++ cmake ninja-build pkg-config git
+    # libraries
+    qt6-base-dev qt6-websockets-dev qt6-multimedia-dev qt6-declarative-dev
+    qcoro-qt6-dev qtkeychain-qt6-dev libpoppler-cpp-dev libpulse-dev libsamplerate0-dev
+    libxi-dev libxtst-dev libxcb-xinput-dev
+    # QML modules for the windows (they do not pull each other in)
+    qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-templates
+    qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml
+    qml6-module-qtqml-models qml6-module-qtqml-workerscript
+    # tests and benchmarks
+    libgtest-dev libgmock-dev libbenchmark-dev
+    xvfb x11-utils pulseaudio pulseaudio-utils espeak-ng sox
+    gnome-keyring libsecret-tools dbus dbus-x11
+)
+
+missing=()
+for package in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+        missing+=("$package")
+    fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+    exit 0
+fi
+
+sudo=()
+if [ "$(id -u)" -ne 0 ]; then
+    sudo=(sudo)
+fi
+
+echo "Installing: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${sudo[@]}" apt-get update -qq
+"${sudo[@]}" apt-get install -y -qq "${missing[@]}"

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <QDateTime>
+#include <QString>
+
+#include <optional>
+
+// Wall-clock milliseconds since 1970, read anew at each call. Rules that tests must control
+// read Clock::nowMs() instead.
+qint64 wallClockMs();
+
+// A fresh random UUID in canonical text form, without braces.
+QString uuidUpper();
+QString uuidLower();
+
+enum class Iso8601 { withFractionalSeconds, withoutFractionalSeconds };
+
+// Internet date-time in UTC: "2024-05-01T12:30:00.250Z" or "2024-05-01T12:30:00Z".
+QString formatIso8601(const QDateTime& time, Iso8601 form);
+QString formatIso8601(qint64 msSinceEpoch, Iso8601 form);
+
+// Accepts exactly one of the two forms: fractional seconds are required by the first and
+// refused by the second, and a zone ("Z" or "+hh:mm") is required by both.
+std::optional<QDateTime> parseIso8601(const QString& text, Iso8601 form);
+
+// The backend's date rule: with fractional seconds first, then without.
+std::optional<QDateTime> parseBackendDate(const QString& text);
