@@ -44,7 +44,12 @@ std::optional<CancellationToken> TaskHandle::token() const
 
 TaskHandle::FinishedAwaiter TaskHandle::finished(Clock& clock, std::chrono::milliseconds cap) const
 {
-    return FinishedAwaiter(m_state, clock, cap.count());
+    return FinishedAwaiter(m_state, &clock, cap.count());
+}
+
+TaskHandle::FinishedAwaiter TaskHandle::finished() const
+{
+    return FinishedAwaiter(m_state, nullptr, 0);
 }
 
 void TaskHandle::FinishedAwaiter::await_suspend(std::coroutine_handle<> handle)
@@ -52,7 +57,8 @@ void TaskHandle::FinishedAwaiter::await_suspend(std::coroutine_handle<> handle)
     m_handle = handle;
     m_finishedId = m_state->nextId++;
     m_state->onFinished.emplace(m_finishedId, [this] { wake(); });
-    m_timer = m_clock->startTimer(m_capMs, [this] { wake(); });
+    if (m_clock)
+        m_timer = m_clock->startTimer(m_capMs, [this] { wake(); });
 }
 
 void TaskHandle::FinishedAwaiter::wake()

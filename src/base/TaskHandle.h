@@ -42,6 +42,8 @@ public:
     // co_await yields true once the task has finished, or false when `cap` of `clock` time
     // passed first. A cancelled task is not waited for more than the cap either.
     [[nodiscard]] FinishedAwaiter finished(Clock& clock, std::chrono::milliseconds cap) const;
+    // Waits for as long as the task runs: only for tasks bounded by a time-out of their own.
+    [[nodiscard]] FinishedAwaiter finished() const;
 
 private:
     struct State {
@@ -60,8 +62,8 @@ private:
 
 class TaskHandle::FinishedAwaiter {
 public:
-    FinishedAwaiter(std::shared_ptr<State> state, Clock& clock, qint64 capMs)
-        : m_state(std::move(state)), m_clock(&clock), m_capMs(capMs)
+    FinishedAwaiter(std::shared_ptr<State> state, Clock* clock, qint64 capMs)
+        : m_state(std::move(state)), m_clock(clock), m_capMs(capMs)
     {
     }
     // Moved only before it suspends (the coroutine machinery may move the temporary).
@@ -69,7 +71,7 @@ public:
     FinishedAwaiter& operator=(const FinishedAwaiter&) = delete;
     ~FinishedAwaiter() { disarm(); }
 
-    bool await_ready() const noexcept { return !m_state || m_state->finished || m_capMs <= 0; }
+    bool await_ready() const noexcept { return !m_state || m_state->finished || (m_clock && m_capMs <= 0); }
     void await_suspend(std::coroutine_handle<> handle);
     bool await_resume() const noexcept { return !m_state || m_state->finished; }
 
@@ -78,7 +80,7 @@ private:
     void disarm();
 
     std::shared_ptr<State> m_state;
-    Clock* m_clock;
+    Clock* m_clock; // null: no cap
     qint64 m_capMs;
     std::coroutine_handle<> m_handle;
     Clock::TimerId m_timer = 0;

@@ -1,3 +1,4 @@
+#include "AwaitTask.h"
 #include "QtPrinters.h"
 #include "AsyncQueue.h"
 #include "CancellationToken.h"
@@ -274,10 +275,10 @@ TEST(SystemClockTest, SleepsOnTheEventLoopAndCancelWakesEarly)
             co_return co_await clock.sleep(ms, token);
         }
     };
-    EXPECT_TRUE(QCoro::waitFor(Probe::sleep(clock, 20ms, {})));
+    EXPECT_TRUE(awaitTask(Probe::sleep(clock, 20ms, {})));
 
     CancellationToken token;
     QTimer::singleShot(10, [&] { token.cancel(); });
     // Without the cancel this would wait ten minutes and hit the test's time-out.
-    EXPECT_FALSE(QCoro::waitFor(Probe::sleep(clock, 600s, token)));
+    EXPECT_FALSE(awaitTask(Probe::sleep(clock, 600s, token)));
 }
