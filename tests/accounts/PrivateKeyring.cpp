@@ -1,0 +1,96 @@
+#include "PrivateKeyring.h"
+
+#include "KeychainHelper.h"
+
+#include <QFile>
+#include <QProcess>
+#include <QStandardPaths>
+
+#include <stdexcept>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// secret-tool, like our code, answers within seconds or has hung.
+constexpr int toolTimeoutMs = 20'000;
+
+std::optional<QByteArray> runSecretTool(const QStringList& arguments, const QByteArray& input = {})
+{
+    QProcess tool;
+    tool.start(u"secret-tool"_s, arguments);
+    if (!tool.waitForStarted(toolTimeoutMs))
+        return std::nullopt;
+    tool.write(input);
+    tool.closeWriteChannel();
+    if (!tool.waitForFinished(toolTimeoutMs)) {
+        tool.kill();
+        tool.waitForFinished();
+        return std::nullopt;
+    }
+    if (tool.exitStatus() != QProcess::NormalExit || tool.exitCode() != 0)
+        return std::nullopt;
+    return tool.readAllStandardOutput();
+}
+
+} // namespace
+
+std::optional<std::string> PrivateKeyring::attach()
+{
+    const auto statePath = qEnvironmentVariable("RAVLET_KEYRING_STATE");
+    if (statePath.isEmpty())
+        throw std::runtime_error("RAVLET_KEYRING_STATE is not set: run these tests through ctest, "
+                                 "whose Keyring fixture starts a private Secret Service");
+    QFile state(statePath);
+    if (!state.open(QIODevice::ReadOnly))
+        throw std::runtime_error("no keyring state file at " + statePath.toStdString()
+                                 + ": did the keyring_start test fail?");
+
+    QByteArray address;
+    while (!state.atEnd()) {
+        const auto line = state.readLine().trimmed();
+        const auto equals = line.indexOf('=');
+        const auto name = line.left(equals);
+        const auto value = line.mid(equals + 1);
+        if (name == "MISSING")
+            return "the private Secret Service needs " + value.toStdString()
+                   + ", which is not installed (scripts/install-deps.sh installs it)";
+        if (name == "DBUS_SESSION_BUS_ADDRESS")
+            address = value;
+    }
+    if (address.isEmpty())
+        throw std::runtime_error("the keyring state file names no bus");
+
+    qputenv("DBUS_SESSION_BUS_ADDRESS", address);
+    // QtKeychain picks its backend from the desktop in use; whatever runs the tests, take the
+    // Secret Service.
+    for (const char* name : {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "KDE_FULL_SESSION"})
+        qunsetenv(name);
+    return std::nullopt;
+}
+
+bool PrivateKeyring::hasSecretTool()
+{
+    return !QStandardPaths::findExecutable(u"secret-tool"_s).isEmpty();
+}
+
+std::optional<int> PrivateKeyring::itemCount(const QString& key)
+{
+    const auto listing = runSecretTool(
+        {u"search"_s, u"--all"_s, u"user"_s, key, u"server"_s, KeychainHelper::service});
+    if (!listing)
+        return std::nullopt;
+    int count = 0;
+    for (const auto& line : listing->split('\n'))
+        count += line.startsWith("[/") ? 1 : 0;
+    return count;
+}
+
+bool PrivateKeyring::storeRawItem(const QString& key, const QByteArray& bytes, Form form)
+{
+    const bool base64 = form == Form::Base64;
+    const QStringList arguments{u"store"_s, u"--label=test item"_s, u"user"_s, key, u"server"_s,
+                                KeychainHelper::service, u"type"_s,
+                                base64 ? u"base64"_s : u"plaintext"_s};
+    return runSecretTool(arguments, base64 ? bytes.toBase64() : bytes).has_value();
+}

@@ -1,0 +1,53 @@
+#include "QtPrinters.h"
+#include "AuthService.h"
+#include "AuthTokenStoreContract.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gmock/gmock.h>
+
+using namespace Qt::StringLiterals;
+using ::testing::MatchesRegex;
+
+INSTANTIATE_TEST_SUITE_P(
+    Stores, AuthTokenStoreTest,
+    ::testing::Values(TokenStoreBacking{"InMemory",
+                                        [] { return std::make_unique<InMemoryTokenStore>(); }}),
+    backingName);
+
+// A desktop without a Secret Service: saves are logged and lost, reads give nothing, and
+// neither waits for the time-out.
+TEST(AuthServiceTest, WithoutSecretServiceSavesAreLoggedAndReadsGiveNothing)
+{
+    // An address where nothing listens, set before anything in this process talks D-Bus; this
+    // test must never reach the session's real keyring.
+    QTemporaryDir scratch;
+    ASSERT_TRUE(scratch.isValid());
+    qputenv("DBUS_SESSION_BUS_ADDRESS",
+            "unix:path=" + QFile::encodeName(scratch.filePath(u"no-bus"_s)));
+    for (const char* name : {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "KDE_FULL_SESSION"})
+        qunsetenv(name);
+
+    AuthService store(std::make_shared<const KeychainHelper>());
+    LogCapture logs;
+    QElapsedTimer elapsed;
+    elapsed.start();
+
+    QCoro::waitFor(store.saveTokens(u"access-Tk9"_s, u"refresh-Tk9"_s));
+    EXPECT_FALSE(QCoro::waitFor(store.getAccessToken()));
+    QCoro::waitFor(store.clearTokens());
+
+    EXPECT_LT(elapsed.elapsed(), 5000) << "a missing bus must fail at once";
+    const auto lines = logs.lines();
+    ASSERT_EQ(lines.size(), 3) << lines.join(u'\n').toStdString();
+    EXPECT_THAT(lines[0].toStdString(),
+                MatchesRegex(R"(\[Keychain\] save failed for ravlet\.accessToken: [1-9][0-9]*)"));
+    EXPECT_THAT(lines[1].toStdString(),
+                MatchesRegex(R"(\[Keychain\] save failed for ravlet\.refreshToken: [1-9][0-9]*)"));
+    EXPECT_THAT(lines[2].toStdString(),
+                MatchesRegex(R"(\[Keychain\] read failed for ravlet\.accessToken: [1-9][0-9]*)"));
+    for (const auto& line : lines)
+        EXPECT_FALSE(line.contains(u"Tk9"_s)) << "a token reached the log";
+}
