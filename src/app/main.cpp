@@ -1,7 +1,10 @@
+#include "APIClient.h"
 #include "AppStrings.h"
+#include "AuthService.h"
 #include "BuildConfig.h"
 #include "Log.h"
 #include "NotificationCenter.h"
+#include "PopplerPdfTextExtractor.h"
 #include "PreferencesStore.h"
 #include "UserSettings.h"
 
@@ -18,6 +21,10 @@ int main(int argc, char* argv[])
     JsonPreferencesStore preferences;
     UserSettings settings(preferences, NotificationCenter::defaultCenter());
     auto& strings = AppStrings::shared();
+    AuthService tokens(std::make_shared<const KeychainHelper>());
+    APIClient api(QString::fromUtf16(BuildConfig::backendOrigin), tokens, NotificationCenter::defaultCenter());
+    PopplerPdfTextExtractor pdfText;
+    api.setPdfTextExtractor(&pdfText);
 
     logLine(u"App", u"RavletAI "_s + QCoreApplication::applicationVersion() + u" started; interface language "_s
                         + strings.languageCode());
