@@ -22,17 +22,3 @@ QString APIError::description() const
     return {};
 }
 
-TransportError::TransportError(QNetworkReply::NetworkError code, const QString& description)
-    : std::runtime_error(description.toStdString()), m_code(code), m_description(description)
-{
-}
-
-SpeechTokenError::SpeechTokenError(const QString& providerError)
-    : std::runtime_error(providerError.toStdString()), m_text(providerError)
-{
-}
-
-FileReadError::FileReadError(const QString& description)
-    : std::runtime_error(description.toStdString()), m_description(description)
-{
-}

@@ -34,35 +34,41 @@ private:
     std::string m_what;
 };
 
+// A failure whose text is shown to the user as it stands.
+class DescribedError : public std::runtime_error {
+public:
+    explicit DescribedError(const QString& description)
+        : std::runtime_error(description.toStdString()), m_description(description)
+    {
+    }
+    QString description() const { return m_description; }
+
+private:
+    QString m_description;
+};
+
 // A request that never got an answer from the server (refused, timed out, cut off). It reaches
 // callers unwrapped, with the network stack's own description.
-class TransportError : public std::runtime_error {
+class TransportError : public DescribedError {
 public:
-    TransportError(QNetworkReply::NetworkError code, const QString& description);
+    TransportError(QNetworkReply::NetworkError code, const QString& description)
+        : DescribedError(description), m_code(code)
+    {
+    }
     QNetworkReply::NetworkError code() const { return m_code; }
-    QString description() const { return m_description; }
 
 private:
     QNetworkReply::NetworkError m_code;
-    QString m_description;
 };
 
 // The backend's refusal of a speech token, in the vendor's own words.
-class SpeechTokenError : public std::runtime_error {
+class SpeechTokenError : public DescribedError {
 public:
-    explicit SpeechTokenError(const QString& providerError);
-    QString description() const { return m_text; }
-
-private:
-    QString m_text;
+    using DescribedError::DescribedError;
 };
 
 // A local file that could not be read; nothing was sent.
-class FileReadError : public std::runtime_error {
+class FileReadError : public DescribedError {
 public:
-    explicit FileReadError(const QString& description);
-    QString description() const { return m_description; }
-
-private:
-    QString m_description;
+    using DescribedError::DescribedError;
 };

@@ -153,39 +153,23 @@ TEST_F(UserSettingsTest, AssigningTriggerKeyStoresV2AndPostsEveryTime)
 
 TEST(KeyTablesTest, DisplayNamesFlagsAndBlockedKeys)
 {
-    EXPECT_EQ(UserSettings::keyDisplayName(60, u"x"_s), u"Right Shift"_s);
+    EXPECT_EQ(UserSettings::keyDisplayName(60, u"x"_s), u"Right Shift"_s) << "a table name wins over the characters";
+    EXPECT_EQ(UserSettings::keyDisplayName(113, std::nullopt), u"F15"_s) << "function keys after modifiers";
+    EXPECT_EQ(UserSettings::keyDisplayName(50, std::nullopt), u"Grave (`)"_s);
     EXPECT_EQ(UserSettings::keyDisplayName(0, u"a"_s), u"A"_s);
     EXPECT_EQ(UserSettings::keyDisplayName(10, std::nullopt), u"Key 10"_s);
     EXPECT_EQ(UserSettings::keyDisplayName(10, QString()), u"Key 10"_s);
-    EXPECT_EQ(UserSettings::keyDisplayName(113, std::nullopt), u"F15"_s);
-    EXPECT_EQ(UserSettings::keyDisplayName(50, std::nullopt), u"Grave (`)"_s);
-    EXPECT_EQ(UserSettings::modifierKeyNames().size(), 9);
-    EXPECT_EQ(UserSettings::functionKeyNames().size(), 15);
-    EXPECT_EQ(UserSettings::otherKeyNames().size(), 26);
 
-    EXPECT_FALSE(UserSettings::modifierFlagForKeyCode(57));
-    EXPECT_FALSE(UserSettings::modifierFlagForKeyCode(53));
+    EXPECT_FALSE(UserSettings::modifierFlagForKeyCode(57)) << "Caps Lock has no flag, inside the range";
     EXPECT_FALSE(UserSettings::modifierFlagForKeyCode(64));
-    EXPECT_EQ(UserSettings::modifierFlagForKeyCode(54), 1048576u);
-    EXPECT_EQ(UserSettings::modifierFlagForKeyCode(60), 131072u);
-    EXPECT_EQ(UserSettings::modifierFlagForKeyCode(61), 524288u);
-    EXPECT_EQ(UserSettings::modifierFlagForKeyCode(59), 262144u);
-    EXPECT_EQ(UserSettings::modifierFlagForKeyCode(63), 8388608u);
-    // Every named modifier but Caps Lock has the flag of its family.
+    // Every named modifier has the flag of its family.
     for (const auto& [code, name] : UserSettings::modifierKeyNames())
         EXPECT_TRUE(UserSettings::modifierFlagForKeyCode(code)) << name.toStdString();
 
-    EXPECT_EQ(UserSettings::blockedTriggerKeyCodes().size(), 10u);
     EXPECT_TRUE(UserSettings::isBlockedTriggerKey(55)) << "Left Command is blocked";
     EXPECT_FALSE(UserSettings::isBlockedTriggerKey(54)) << "Right Command is allowed";
-    EXPECT_TRUE(UserSettings::isBlockedTriggerKey(123));
     EXPECT_FALSE(UserSettings::isBlockedTriggerKey(60));
-
-    ASSERT_EQ(UserSettings::languages().size(), 9);
-    EXPECT_EQ(UserSettings::languages().first().code, u"auto"_s);
-    EXPECT_EQ(UserSettings::languages().last().nameKey, u"lang.ko"_s);
 
     EXPECT_EQ(speechProviderFromText(u"deepgram"), SpeechProvider::deepgram);
     EXPECT_FALSE(speechProviderFromText(u"Deepgram"));
-    EXPECT_EQ(toText(allSpeechProviders.front()), u"elevenlabs"_s);
 }
