@@ -58,6 +58,16 @@ public:
     bool isFinished() const { return m_finished; }
     std::size_t bufferedCount() const { return m_items.size(); }
 
+    // The next item if one is already waiting; never suspends.
+    std::optional<T> tryNext()
+    {
+        if (m_items.empty())
+            return std::nullopt;
+        std::optional<T> item(std::move(m_items.front()));
+        m_items.pop_front();
+        return item;
+    }
+
     // co_await yields the next item, or nothing at the end of the stream or once `token`
     // is cancelled. Items stay queued for a later read when a read is cancelled.
     [[nodiscard]] NextAwaiter next(CancellationToken token = {}) { return NextAwaiter(*this, std::move(token)); }

@@ -1,0 +1,259 @@
+#include "WebSocketSpeechProvider.h"
+
+#include "Clock.h"
+
+#include <QCoroSignal>
+#include <QNetworkRequest>
+#include <QTimer>
+#include <QWebSocket>
+#include <QWebSocketHandshakeOptions>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+constexpr int requestTimeoutMs = 60'000;
+// How long stop's closing message may wait for a socket that is still connecting.
+constexpr int closingGraceMs = 2'000;
+
+QString closedDescription(const QWebSocket& socket)
+{
+    if (!socket.closeReason().isEmpty())
+        return socket.closeReason();
+    if (socket.error() != QAbstractSocket::UnknownSocketError)
+        return socket.errorString();
+    return u"The connection was closed (code %1)"_s.arg(int(socket.closeCode()));
+}
+} // namespace
+
+WebSocketSpeechProvider::WebSocketSpeechProvider(Speaker speaker, QString origin, QString vendorPrefix,
+                                                 Clock& clock, QObject* parent)
+    : SpeechRecognitionProvider(speaker, parent)
+    , m_origin(std::move(origin))
+    , m_vendorPrefix(std::move(vendorPrefix))
+    , m_clock(clock)
+{
+}
+
+WebSocketSpeechProvider::~WebSocketSpeechProvider()
+{
+    m_isStopping = true;
+    m_receiveTask.cancel();
+    m_audioSendTask.cancel();
+    m_keepAliveTask.cancel();
+}
+
+QCoro::Task<> WebSocketSpeechProvider::start(QString token, QString language,
+                                             std::shared_ptr<AudioStream> audio,
+                                             std::optional<QString> model)
+{
+    resetConnection();
+    const auto target = connection(token, language, model);
+    if (!target.url.isValid())
+        qFatal("invalid recogniser address");
+
+    QNetworkRequest request(target.url);
+    request.setTransferTimeout(requestTimeoutMs);
+    for (const auto& [name, value] : target.headers)
+        request.setRawHeader(name, value);
+    QWebSocketHandshakeOptions options;
+    options.setSubprotocols(target.subprotocols);
+
+    auto* socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
+    auto incoming = std::make_shared<AsyncQueue<Incoming>>();
+    connect(socket, &QWebSocket::textMessageReceived, socket,
+            [incoming](const QString& text) { incoming->push({text, {}}); });
+    // Binary frames carry nothing for us and are not even queued.
+    connect(socket, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error), socket,
+            [incoming, socket](QAbstractSocket::SocketError) { incoming->push({std::nullopt, socket->errorString()}); });
+    connect(socket, &QWebSocket::disconnected, socket,
+            [incoming, socket] { incoming->push({std::nullopt, closedDescription(*socket)}); });
+    socket->open(request, options);
+    m_socket = socket;
+    // QWebSocket ignores the request's time-out, and a vendor that never answers the upgrade
+    // would leave the channel silent for good: fail the handshake as a receive error instead.
+    const auto handshakeTimer = m_clock.startTimer(requestTimeoutMs, [incoming, guarded = QPointer(socket)] {
+        if (!guarded || guarded->state() == QAbstractSocket::ConnectedState
+            || guarded->state() == QAbstractSocket::UnconnectedState)
+            return;
+        incoming->push({std::nullopt, u"The request timed out"_s});
+        guarded->abort();
+    });
+    const auto cancelHandshakeTimer = [clock = &m_clock, handshakeTimer] { clock->cancelTimer(handshakeTimer); };
+    connect(socket, &QWebSocket::connected, socket, cancelHandshakeTimer);
+    connect(socket, &QObject::destroyed, cancelHandshakeTimer);
+
+    m_receiveTask = TaskHandle::run([&](const CancellationToken& t) { return receiveLoop(incoming, t); });
+    m_isStopping = false;
+
+    if (auto opening = openingMessage()) {
+        QPointer self(this);
+        const auto connectionToken = *m_receiveTask.token();
+        QString error;
+        Message frame = std::move(*opening);
+        const bool sent = co_await sendWhenConnected(m_socket, std::move(frame), connectionToken, &error);
+        // A restart or a stop in the meantime owns what comes next.
+        if (!self || connectionToken.isCancelled())
+            co_return;
+        if (!sent) {
+            raiseRecovery(openingFailurePrefix() + error);
+            co_return;
+        }
+    }
+
+    m_audioSendTask = TaskHandle::run([&](const CancellationToken& t) { return sendLoop(m_socket, audio, t); });
+    if (const auto keepAlive = this->keepAlive()) {
+        m_keepAliveTask = TaskHandle::run([&](const CancellationToken& t) {
+            return keepAliveLoop(m_socket, keepAlive->first, keepAlive->second, t);
+        });
+    }
+}
+
+QCoro::Task<> WebSocketSpeechProvider::stop()
+{
+    m_isStopping = true;
+    if (m_socket) {
+        // Best effort: the vendor may close the open utterance, but nobody waits for it.
+        closeSocket(m_socket, closingMessage());
+        m_socket = nullptr;
+    }
+    m_receiveTask.cancel();
+    m_audioSendTask.cancel();
+    m_keepAliveTask.cancel();
+    m_receiveTask = {};
+    m_audioSendTask = {};
+    m_keepAliveTask = {};
+    m_segments->finish();
+    m_recovery->finish();
+    co_return;
+}
+
+void WebSocketSpeechProvider::resetConnection()
+{
+    m_isStopping = true;
+    m_receiveTask.cancel();
+    m_audioSendTask.cancel();
+    m_keepAliveTask.cancel();
+    m_receiveTask = {};
+    m_audioSendTask = {};
+    m_keepAliveTask = {};
+    if (m_socket) {
+        m_socket->close(QWebSocketProtocol::CloseCodeNormal);
+        m_socket->deleteLater();
+        m_socket = nullptr;
+    }
+}
+
+void WebSocketSpeechProvider::emitSegment(const QString& text, bool isFinal, std::optional<double> confidence)
+{
+    m_segments->push({text, isFinal, speaker(), m_clock.nowMs(), confidence});
+}
+
+void WebSocketSpeechProvider::raiseRecovery(const QString& text)
+{
+    if (m_isStopping)
+        return;
+    m_recovery->push({m_vendorPrefix + text, true});
+}
+
+QCoro::Task<bool> WebSocketSpeechProvider::sendWhenConnected(QPointer<QWebSocket> socket, Message message,
+                                                             CancellationToken token, QString* error)
+{
+    // A frame sent while the handshake is still running is silently dropped: wait for it.
+    while (socket && socket->state() != QAbstractSocket::ConnectedState
+           && socket->state() != QAbstractSocket::UnconnectedState && !token.isCancelled()) {
+        co_await qCoro(socket.data(), &QWebSocket::stateChanged, 250ms);
+    }
+    if (!socket || token.isCancelled()) {
+        *error = u"The send was cancelled"_s;
+        co_return false;
+    }
+    if (socket->state() != QAbstractSocket::ConnectedState) {
+        *error = closedDescription(*socket);
+        co_return false;
+    }
+    if (const auto* text = std::get_if<QString>(&message)) {
+        if (socket->sendTextMessage(*text) <= 0 && !text->isEmpty()) {
+            *error = socket->errorString();
+            co_return false;
+        }
+    } else {
+        const auto& bytes = std::get<QByteArray>(message);
+        if (socket->sendBinaryMessage(bytes) <= 0 && !bytes.isEmpty()) {
+            *error = socket->errorString();
+            co_return false;
+        }
+    }
+    co_return true;
+}
+
+QCoro::Task<> WebSocketSpeechProvider::closeSocket(QPointer<QWebSocket> socket, std::optional<QString> message)
+{
+    if (message) {
+        CancellationToken grace;
+        QTimer::singleShot(closingGraceMs, [grace] { grace.cancel(); });
+        QString error;
+        Message frame = std::move(*message);
+        co_await sendWhenConnected(socket, std::move(frame), grace, &error);
+    }
+    if (socket) {
+        socket->close(QWebSocketProtocol::CloseCodeNormal);
+        socket->deleteLater();
+    }
+}
+
+QCoro::Task<> WebSocketSpeechProvider::receiveLoop(std::shared_ptr<AsyncQueue<Incoming>> incoming,
+                                                   CancellationToken token)
+{
+    QPointer self(this);
+    for (;;) {
+        auto item = co_await incoming->next(token);
+        if (!item || token.isCancelled() || !self)
+            co_return;
+        if (item->text) {
+            handleMessage(*item->text);
+            continue;
+        }
+        raiseRecovery(item->error);
+        co_return;
+    }
+}
+
+QCoro::Task<> WebSocketSpeechProvider::sendLoop(QPointer<QWebSocket> socket, std::shared_ptr<AudioStream> audio,
+                                                CancellationToken token)
+{
+    QPointer self(this);
+    // Buffers wait in the stream while a send is in flight, and across a restart.
+    while (auto buffer = co_await audio->next(token)) {
+        if (token.isCancelled() || !self)
+            co_return;
+        if (!buffer->hasFloatData || buffer->samples.empty())
+            continue;
+        auto message = audioMessage(*buffer);
+        if (!message)
+            continue;
+        QString error;
+        Message frame = std::move(*message);
+        const bool sent = co_await sendWhenConnected(socket, std::move(frame), token, &error);
+        if (!sent) {
+            if (!token.isCancelled() && self)
+                raiseRecovery(u"Audio send failed: "_s + error);
+            co_return;
+        }
+    }
+}
+
+QCoro::Task<> WebSocketSpeechProvider::keepAliveLoop(QPointer<QWebSocket> socket, std::chrono::milliseconds interval,
+                                                     QString message, CancellationToken token)
+{
+    Clock& clock = m_clock;
+    for (;;) {
+        co_await clock.sleep(interval, token);
+        if (token.isCancelled())
+            co_return;
+        // A failed keep-alive is no failure of the connection; the receive loop sees those.
+        QString error;
+        Message frame = message;
+        co_await sendWhenConnected(socket, std::move(frame), token, &error);
+    }
+}

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QStringList>
+#include <QUrl>
+
+#include <utility>
+
+class QWebSocket;
+class QWebSocketServer;
+
+// A speech vendor on 127.0.0.1 with a port the system picks: a real WebSocket server that
+// records each connection's request and every frame it receives, and lets the test answer,
+// send garbage or hang up. It says nothing unless told to, so a silent vendor is the default.
+class FakeVendorServer : public QObject {
+    Q_OBJECT
+
+public:
+    struct Frame {
+        bool isText = true;
+        QByteArray payload; // UTF-8 for text frames
+        QString text() const { return QString::fromUtf8(payload); }
+    };
+
+    struct Connection {
+        QUrl url;
+        QList<std::pair<QString, QString>> queryItems; // in the order sent
+        QList<std::pair<QByteArray, QByteArray>> headers;
+        QStringList requestedSubprotocols;
+        QList<Frame> frames;
+        QPointer<QWebSocket> socket;
+
+        QByteArray header(const QByteArray& name) const;
+        QStringList textFrames() const;
+        QList<QByteArray> binaryFrames() const;
+    };
+
+    // How the vendors' live services behave today, where the fake should hold the client to
+    // it. Scripted (the default) accepts everything and answers only what the test sends.
+    enum class Behaviour {
+        scripted,
+        // v2 sockets accept only their five query keys and close on a JSON keep-alive.
+        deepgramToday,
+        // Transcription sessions need "intent=transcription" and a transcription session update.
+        openAIToday,
+        // A token of "expired" is refused with an error message type of its own.
+        elevenLabsToday,
+    };
+    void setBehaviour(Behaviour behaviour) { m_behaviour = behaviour; }
+
+    // `subprotocols`: those the server accepts (it answers with the first one requested).
+    explicit FakeVendorServer(QStringList subprotocols = {}, QObject* parent = nullptr);
+    ~FakeVendorServer() override;
+
+    QString origin() const; // "ws://127.0.0.1:<port>"
+
+    const QList<Connection>& connections() const { return m_connections; }
+    const Connection& last() const { return m_connections.last(); }
+    int connectionCount() const { return int(m_connections.size()); }
+    int openConnectionCount() const;
+
+    // To the latest connection.
+    void sendText(const QString& text);
+    void sendBinary(const QByteArray& bytes);
+    // A close handshake with this code, or a TCP reset with none.
+    void close(int code = 1000, const QString& reason = {});
+    void abort();
+
+    // Waits (spinning the event loop) until `count` frames arrived on the latest connection.
+    bool waitForFrames(int count, int deadlineMs = 10'000) const;
+    bool waitForConnections(int count, int deadlineMs = 10'000) const;
+
+Q_SIGNALS:
+    void frameReceived();
+
+private:
+    void onNewConnection();
+    void greet(qsizetype index);
+    void judge(qsizetype index, const QString& text);
+
+    QWebSocketServer* m_server;
+    QList<Connection> m_connections;
+    Behaviour m_behaviour = Behaviour::scripted;
+};
