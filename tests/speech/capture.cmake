@@ -1,0 +1,3 @@
+ravlet_add_test(capture_tests
+    SOURCES AudioCaptureServiceTest.cpp MicrophoneServiceTest.cpp
+    LIBRARIES speech)
