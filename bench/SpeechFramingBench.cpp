@@ -76,12 +76,3 @@ void BM_TwoChannelsRealTime(benchmark::State& state)
 BENCHMARK(BM_TwoChannelsRealTime)->DenseRange(0, 2);
 
 } // namespace
-
-int main(int argc, char** argv)
-{
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -121,12 +121,3 @@ void BM_StreamAnswerChunkLatency(benchmark::State& state)
 BENCHMARK(BM_StreamAnswerChunkLatency)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
-
-int main(int argc, char** argv)
-{
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -1,4 +1,4 @@
-#include "AwaitTask.h"
+#include "ProviderTestSupport.h"
 #include "QtPrinters.h"
 #include "Clock.h"
 #include "DeepgramProvider.h"
@@ -14,29 +14,15 @@ using namespace std::chrono_literals;
 using Speaker = TranscriptEntry::Speaker;
 using Items = QList<std::pair<QString, QString>>;
 
-class DeepgramProviderTest : public ::testing::Test {
+class DeepgramProviderTest : public ProviderTest<DeepgramProvider> {
 protected:
+    DeepgramProviderTest() : ProviderTest(Speaker::interviewer) {}
+
     void start(const QString& language = u"de-DE"_s)
     {
         awaitTask(provider.start(u"tok-1"_s, language, audio, u"ignored-model"_s));
         ASSERT_TRUE(server.waitForConnections(++expectedConnections));
         ASSERT_TRUE(QTest::qWaitFor([&] { return server.openConnectionCount() == 1; }, 10'000));
-    }
-    QList<TranscriptSegment> segmentsAfter(int count)
-    {
-        EXPECT_TRUE(QTest::qWaitFor([&] { return provider.transcriptSegments()->bufferedCount() >= std::size_t(count); }, 10'000));
-        QTest::qWait(20); // and nothing more
-        QList<TranscriptSegment> segments;
-        while (auto segment = provider.transcriptSegments()->tryNext())
-            segments.append(*segment);
-        return segments;
-    }
-    QStringList texts(const QList<TranscriptSegment>& segments)
-    {
-        QStringList result;
-        for (const auto& segment : segments)
-            result.append((segment.isFinal ? u"F:"_s : u"P:"_s) + segment.text);
-        return result;
     }
     static QString results(const QString& transcript, bool isFinal, std::optional<double> confidence = {})
     {
@@ -46,12 +32,6 @@ protected:
         return u"{\"type\":\"Results\",\"is_final\":"_s + (isFinal ? u"true"_s : u"false"_s)
                + u",\"channel\":{\"alternatives\":["_s + alternative + u"}]}}"_s;
     }
-
-    FakeVendorServer server;
-    ManualClock clock;
-    DeepgramProvider provider{Speaker::interviewer, clock, server.origin()};
-    std::shared_ptr<AudioStream> audio = std::make_shared<AudioStream>();
-    int expectedConnections = 0;
 };
 
 namespace {

@@ -1,5 +1,5 @@
 #include "QtPrinters.h"
-#include "AwaitTask.h"
+#include "ProviderTestSupport.h"
 #include "Clock.h"
 #include "ElevenLabsProvider.h"
 #include "FakeVendorServer.h"
@@ -38,49 +38,16 @@ void sendInvalidUtf8Text(FakeVendorServer& server, const QByteArray& payload)
 }
 } // namespace
 
-class ElevenLabsProviderTest : public ::testing::Test {
+class ElevenLabsProviderTest : public ProviderTest<ElevenLabsProvider> {
 protected:
+    ElevenLabsProviderTest() : ProviderTest(Speaker::user) {}
+
     void start(const QString& language = u"de-DE"_s, const QString& token = u"tok-1"_s)
     {
         awaitTask(provider.start(token, language, audio, u"ignored-model"_s));
         ASSERT_TRUE(server.waitForConnections(++expectedConnections));
         ASSERT_TRUE(QTest::qWaitFor([&] { return server.openConnectionCount() == 1; }, 10'000));
     }
-    QList<TranscriptSegment> segmentsAfter(int count)
-    {
-        const auto stream = provider.transcriptSegments();
-        EXPECT_TRUE(QTest::qWaitFor([&] { return stream->bufferedCount() >= std::size_t(count); }, 10'000));
-        QTest::qWait(20); // and nothing more
-        QList<TranscriptSegment> segments;
-        while (auto segment = provider.transcriptSegments()->tryNext())
-            segments.append(*segment);
-        return segments;
-    }
-    QStringList reasonsAfter(int count)
-    {
-        const auto stream = provider.recoveryEvents();
-        EXPECT_TRUE(QTest::qWaitFor([&] { return stream->bufferedCount() >= std::size_t(count); }, 10'000));
-        QTest::qWait(20);
-        QStringList reasons;
-        while (auto event = provider.recoveryEvents()->tryNext()) {
-            EXPECT_TRUE(event->countsTowardLimit);
-            reasons.append(event->reason);
-        }
-        return reasons;
-    }
-    static QStringList texts(const QList<TranscriptSegment>& segments)
-    {
-        QStringList result;
-        for (const auto& segment : segments)
-            result.append((segment.isFinal ? u"F:"_s : u"P:"_s) + segment.text);
-        return result;
-    }
-
-    FakeVendorServer server;
-    ManualClock clock;
-    ElevenLabsProvider provider{Speaker::user, clock, server.origin()};
-    std::shared_ptr<AudioStream> audio = std::make_shared<AudioStream>();
-    int expectedConnections = 0;
 };
 
 struct ElevenLabsLanguageCase {

@@ -1,5 +1,5 @@
 #include "QtPrinters.h"
-#include "AwaitTask.h"
+#include "ProviderTestSupport.h"
 #include "Clock.h"
 #include "FakeVendorServer.h"
 #include "LogCapture.h"
@@ -53,8 +53,10 @@ void sendInvalidUtf8Text(FakeVendorServer& server, const QByteArray& payload)
 }
 } // namespace
 
-class OpenAISTTProviderTest : public ::testing::Test {
+class OpenAISTTProviderTest : public ProviderTest<OpenAISTTProvider> {
 protected:
+    OpenAISTTProviderTest() : ProviderTest(Speaker::interviewer, {u"realtime"_s}) {}
+
     void start(const QString& language = u"de-DE"_s, std::optional<QString> model = std::nullopt)
     {
         awaitTask(provider.start(u"tok-1"_s, language, audio, std::move(model)));
@@ -62,41 +64,6 @@ protected:
         // The session literal has gone out once start returns.
         ASSERT_TRUE(server.waitForFrames(1));
     }
-    QList<TranscriptSegment> segmentsAfter(int count)
-    {
-        const auto stream = provider.transcriptSegments();
-        EXPECT_TRUE(QTest::qWaitFor([&] { return stream->bufferedCount() >= std::size_t(count); }, 10'000));
-        QTest::qWait(20); // and nothing more
-        QList<TranscriptSegment> segments;
-        while (auto segment = provider.transcriptSegments()->tryNext())
-            segments.append(*segment);
-        return segments;
-    }
-    QStringList reasonsAfter(int count)
-    {
-        const auto stream = provider.recoveryEvents();
-        EXPECT_TRUE(QTest::qWaitFor([&] { return stream->bufferedCount() >= std::size_t(count); }, 10'000));
-        QTest::qWait(20);
-        QStringList reasons;
-        while (auto recovery = provider.recoveryEvents()->tryNext()) {
-            EXPECT_TRUE(recovery->countsTowardLimit);
-            reasons.append(recovery->reason);
-        }
-        return reasons;
-    }
-    static QStringList texts(const QList<TranscriptSegment>& segments)
-    {
-        QStringList result;
-        for (const auto& segment : segments)
-            result.append((segment.isFinal ? u"F:"_s : u"P:"_s) + segment.text);
-        return result;
-    }
-
-    FakeVendorServer server{{u"realtime"_s}};
-    ManualClock clock;
-    OpenAISTTProvider provider{Speaker::interviewer, clock, server.origin()};
-    std::shared_ptr<AudioStream> audio = std::make_shared<AudioStream>();
-    int expectedConnections = 0;
 };
 
 struct OpenAISessionCase {
