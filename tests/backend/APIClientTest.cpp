@@ -164,6 +164,13 @@ TEST_F(APIClientTest, ExchangeCodeGetsNoRefreshAndPostsItsFailure)
     EXPECT_EQ(failures[0].value(u"route"_s), u"/api/v1/auth/exchange"_s);
     EXPECT_EQ(failures[0].value(u"status"_s), 401);
 
+    server.setRoute("POST", "/api/v1/auth/exchange", FakeBackend::Response::json(500, "{}"));
+    EXPECT_API_ERROR(client.exchangeCode(u"C1"_s), APIError::serverError(500));
+    EXPECT_EQ(failures.size(), 2);
+    server.setRoute("POST", "/api/v1/auth/exchange", garbage());
+    EXPECT_API_ERROR(client.exchangeCode(u"C1"_s), APIError::networkError());
+    EXPECT_EQ(failures.size(), 2) << "an answer that is not HTTP posts nothing";
+
     server.setRoute("POST", "/api/v1/auth/exchange",
                     FakeBackend::Response::json(200, R"({"accessToken":"A","refreshToken":"R","user":{"id":"u1","email":"a@b.c"}})"));
     const auto auth = awaitTask(client.exchangeCode(u"C2"_s));
