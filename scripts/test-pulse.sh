@@ -35,31 +35,7 @@ mic_sink=mic_feed
 mic_source=virtual_mic
 mic_rate=48000
 
-state_value() {
-    sed -n "s/^$1=//p" "$state_file" | head -n 1
-}
-
-# Stops a process only while it still runs the program we started: PIDs get reused.
-stop_pid() {
-    local pid="$1" name="$2"
-    [ -n "$pid" ] || return 0
-    if [ "$(cat "/proc/$pid/comm" 2>/dev/null)" != "${name:0:15}" ]; then
-        return 0
-    fi
-    kill "$pid" 2>/dev/null || return 0
-    for _ in $(seq "$ready_timeout_tenths"); do
-        exited "$pid" && return 0
-        sleep 0.1
-    done
-    kill -9 "$pid" 2>/dev/null || true
-}
-
-# Gone, or a zombie: whoever adopted the daemon may reap it late.
-exited() {
-    local stat
-    stat="$(cat "/proc/$1/stat" 2>/dev/null)" || return 0
-    [ "$(echo "${stat##*) }" | cut -d ' ' -f 1)" = Z ]
-}
+. "$(dirname "$0")/lib/daemons.sh"
 
 stop() {
     [ -f "$state_file" ] || return 0

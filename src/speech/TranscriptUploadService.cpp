@@ -296,17 +296,24 @@ QCoro::Task<> TranscriptUploadService::flushBuffered(std::shared_ptr<Connection>
     }
     if (connection != m_connection || !connection->isOpen())
         co_return; // the receive loop has seen the failure and reconnects
+    co_await sendBuffered(std::move(connection));
+}
+
+QCoro::Task<bool> TranscriptUploadService::sendBuffered(std::shared_ptr<Connection> connection)
+{
+    QPointer self(this);
     const QList<TranscriptEntry> entries = std::exchange(m_bufferedEntries, {});
     for (const auto& entry : entries) {
         m_pendingEntries.insert_or_assign(entry.id, entry);
         const QString frame = frameText(entry);
         auto target = connection;
-        // A failed send is left alone: the entry stays in flight and the next reconnect, which
-        // that failure brings, takes it back.
+        // A failed send is left alone: the entry stays in flight, so the next reconnect (which
+        // that failure brings) or stop's result takes it back.
         co_await sendFrame(std::move(target), frame);
         if (isGone(self))
-            co_return;
+            co_return false;
     }
+    co_return true;
 }
 
 QCoro::Task<bool> TranscriptUploadService::sendFrame(std::shared_ptr<Connection> connection,
@@ -378,17 +385,10 @@ QCoro::Task<QList<TranscriptEntry>> TranscriptUploadService::stop()
     m_reconnectTask.cancel();
     m_reconnectTask = {};
     if (m_isConnected && m_connection) {
-        const auto connection = m_connection;
-        const QList<TranscriptEntry> entries = std::exchange(m_bufferedEntries, {});
-        for (const auto& entry : entries) {
-            m_pendingEntries.insert_or_assign(entry.id, entry);
-            const QString frame = frameText(entry);
-            auto target = connection;
-            // A failed send leaves the entry in flight, and so in the result.
-            co_await sendFrame(std::move(target), frame);
-            if (isGone(self))
-                co_return QList<TranscriptEntry>();
-        }
+        auto connection = m_connection;
+        const bool alive = co_await sendBuffered(std::move(connection));
+        if (!alive)
+            co_return QList<TranscriptEntry>();
         // Time for the server to acknowledge what it has.
         Clock& clock = m_clock;
         const CancellationToken lifetime = m_lifetime;

@@ -71,6 +71,9 @@ private:
 
     void connectSocket();
     QCoro::Task<> flushBuffered(std::shared_ptr<Connection> connection);
+    // Sends every buffered line, each kept in flight until acknowledged; false once the
+    // service is gone.
+    QCoro::Task<bool> sendBuffered(std::shared_ptr<Connection> connection);
     QCoro::Task<bool> sendFrame(std::shared_ptr<Connection> connection, QString frame);
     QCoro::Task<> receiveLoop(std::shared_ptr<Connection> connection, CancellationToken token);
     QCoro::Task<> reconnectLoop(CancellationToken token);

@@ -38,9 +38,7 @@ WebSocketSpeechProvider::WebSocketSpeechProvider(Speaker speaker, QString origin
 WebSocketSpeechProvider::~WebSocketSpeechProvider()
 {
     m_isStopping = true;
-    m_receiveTask.cancel();
-    m_audioSendTask.cancel();
-    m_keepAliveTask.cancel();
+    cancelTasks();
 }
 
 QCoro::Task<> WebSocketSpeechProvider::start(QString token, QString language,
@@ -117,26 +115,24 @@ QCoro::Task<> WebSocketSpeechProvider::stop()
         closeSocket(m_socket, closingMessage());
         m_socket = nullptr;
     }
-    m_receiveTask.cancel();
-    m_audioSendTask.cancel();
-    m_keepAliveTask.cancel();
-    m_receiveTask = {};
-    m_audioSendTask = {};
-    m_keepAliveTask = {};
+    cancelTasks();
     m_segments->finish();
     m_recovery->finish();
     co_return;
 }
 
+void WebSocketSpeechProvider::cancelTasks()
+{
+    for (auto* task : {&m_receiveTask, &m_audioSendTask, &m_keepAliveTask}) {
+        task->cancel();
+        *task = {};
+    }
+}
+
 void WebSocketSpeechProvider::resetConnection()
 {
     m_isStopping = true;
-    m_receiveTask.cancel();
-    m_audioSendTask.cancel();
-    m_keepAliveTask.cancel();
-    m_receiveTask = {};
-    m_audioSendTask = {};
-    m_keepAliveTask = {};
+    cancelTasks();
     if (m_socket) {
         m_socket->close(QWebSocketProtocol::CloseCodeNormal);
         m_socket->deleteLater();

@@ -75,6 +75,7 @@ private:
     };
 
     void resetConnection();
+    void cancelTasks();
     static QCoro::Task<bool> sendWhenConnected(QPointer<QWebSocket> socket, Message message,
                                                CancellationToken token, QString* error);
     static QCoro::Task<> closeSocket(QPointer<QWebSocket> socket, std::optional<QString> message);

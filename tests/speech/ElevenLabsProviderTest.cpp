@@ -27,15 +27,6 @@ QString message(const QString& type, const QString& fields = {})
     return u"{\"message_type\":\""_s + type + u"\""_s + (fields.isEmpty() ? QString() : u","_s + fields) + u"}"_s;
 }
 
-// Qt's sockets never send a text frame that is not UTF-8, so this one is written by hand: FIN and
-// the text opcode, unmasked as a server's frames are, with a one-byte length.
-void sendInvalidUtf8Text(FakeVendorServer& server, const QByteArray& payload)
-{
-    const auto sockets = server.findChildren<QTcpSocket*>();
-    ASSERT_EQ(sockets.size(), 1);
-    ASSERT_LT(payload.size(), 126);
-    sockets.first()->write(QByteArray("\x81", 1) + char(payload.size()) + payload);
-}
 } // namespace
 
 class ElevenLabsProviderTest : public ProviderTest<ElevenLabsProvider> {
@@ -243,7 +234,7 @@ TEST_F(ElevenLabsProviderTest, InvalidUtf8FailsTheSocketOnceAndEmitsNothing)
 {
     start();
     // The WebSocket layer must fail such a connection (close code 1007); it ends as a receive error.
-    sendInvalidUtf8Text(server, "{\"message_type\":\"committed_transcript\",\"text\":\"a\xc3\x28\"}");
+    server.sendRawText("{\"message_type\":\"committed_transcript\",\"text\":\"a\xc3\x28\"}");
     EXPECT_EQ(reasonsAfter(1), QStringList{u"ElevenLabs disconnected: Invalid UTF-8 code encountered."_s});
     EXPECT_EQ(provider.transcriptSegments()->bufferedCount(), 0u);
 }

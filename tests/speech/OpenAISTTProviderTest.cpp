@@ -42,15 +42,6 @@ const auto deltaType = u"conversation.item.input_audio_transcription.delta"_s;
 const auto completedType = u"conversation.item.input_audio_transcription.completed"_s;
 const auto failedType = u"conversation.item.input_audio_transcription.failed"_s;
 
-// Qt's sockets never send a text frame that is not UTF-8, so this one is written by hand: FIN and
-// the text opcode, unmasked as a server's frames are, with a one-byte length.
-void sendInvalidUtf8Text(FakeVendorServer& server, const QByteArray& payload)
-{
-    const auto sockets = server.findChildren<QTcpSocket*>();
-    ASSERT_EQ(sockets.size(), 1);
-    ASSERT_LT(payload.size(), 126);
-    sockets.first()->write(QByteArray("\x81", 1) + char(payload.size()) + payload);
-}
 } // namespace
 
 class OpenAISTTProviderTest : public ProviderTest<OpenAISTTProvider> {
@@ -276,8 +267,8 @@ TEST_F(OpenAISTTProviderTest, InvalidUtf8FailsTheSocketOnceAndEmitsNothing)
 {
     start();
     // The WebSocket layer must fail such a connection (close code 1007); it ends as a receive error.
-    sendInvalidUtf8Text(server,
-                        "{\"type\":\"conversation.item.input_audio_transcription.delta\",\"delta\":\"\xff\"}");
+    server.sendRawText(
+        "{\"type\":\"conversation.item.input_audio_transcription.delta\",\"delta\":\"\xff\"}");
     EXPECT_EQ(reasonsAfter(1), QStringList{u"OpenAI disconnected: Invalid UTF-8 code encountered."_s});
     EXPECT_EQ(provider.transcriptSegments()->bufferedCount(), 0u);
 }

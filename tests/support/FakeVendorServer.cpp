@@ -1,6 +1,7 @@
 #include "FakeVendorServer.h"
 
 #include <QHostAddress>
+#include <QTcpSocket>
 #include <QTest>
 #include <QUrlQuery>
 #include <QWebSocket>
@@ -156,6 +157,23 @@ void FakeVendorServer::sendBinary(const QByteArray& bytes)
 {
     if (!m_connections.isEmpty() && m_connections.last().socket)
         m_connections.last().socket->sendBinaryMessage(bytes);
+}
+
+void FakeVendorServer::sendRawText(const QByteArray& payload)
+{
+    if (m_connections.isEmpty() || !m_connections.last().socket)
+        return;
+    // The server's TCP sockets are not the WebSocket's children: find this one by its peer.
+    const auto peerPort = m_connections.last().socket->peerPort();
+    QTcpSocket* tcp = nullptr;
+    for (auto* candidate : findChildren<QTcpSocket*>()) {
+        if (candidate->peerPort() == peerPort)
+            tcp = candidate;
+    }
+    if (!tcp || payload.size() >= 126)
+        qFatal("sendRawText: no socket, or a payload too long for a one-byte length");
+    // FIN and the text opcode, unmasked as a server's frames are, with a one-byte length.
+    tcp->write(QByteArray("\x81", 1) + char(payload.size()) + payload);
 }
 
 void FakeVendorServer::close(int code, const QString& reason)

@@ -66,6 +66,8 @@ public:
     // To the latest connection.
     void sendText(const QString& text);
     void sendBinary(const QByteArray& bytes);
+    // A text frame with these exact bytes, UTF-8 or not (Qt itself only sends valid UTF-8).
+    void sendRawText(const QByteArray& payload);
     // A close handshake with this code, or a TCP reset with none.
     void close(int code = 1000, const QString& reason = {});
     void abort();

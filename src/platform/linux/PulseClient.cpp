@@ -180,6 +180,15 @@ void PulseClient::close()
     m_closed.cancel();
 }
 
+void PulseClient::keep(pa_operation* operation, std::shared_ptr<void> request)
+{
+    if (!operation)
+        throw PulseError(u"The sound server did not answer: "_s + lastError());
+    pa_operation_unref(operation);
+    // The request outlives its operation's callback, which may come after a time-out.
+    m_requests.push_back(std::move(request));
+}
+
 QCoro::Task<PulseClient::ServerInfo> PulseClient::serverInfo(std::chrono::milliseconds timeout)
 {
     struct Request {
@@ -200,11 +209,7 @@ QCoro::Task<PulseClient::ServerInfo> PulseClient::serverInfo(std::chrono::millis
             }
             request->client->post(request->replies, std::move(reply));
         };
-        pa_operation* operation = pa_context_get_server_info(m_context, callback, request.get());
-        if (!operation)
-            throw PulseError(u"The sound server did not answer: "_s + lastError());
-        pa_operation_unref(operation);
-        m_requests.push_back(request);
+        keep(pa_context_get_server_info(m_context, callback, request.get()), request);
     }
     auto replies = request->replies;
     const auto reply = co_await wait(std::move(replies), timeout);
@@ -241,12 +246,8 @@ PulseClient::sourceInfo(QByteArray name, std::chrono::milliseconds timeout)
             // The end of the list, or an error (a name the server does not know).
             request->client->post(request->replies, eol > 0 ? request->found : std::nullopt);
         };
-        pa_operation* operation = pa_context_get_source_info_by_name(m_context, name.constData(),
-                                                                     callback, request.get());
-        if (!operation)
-            throw PulseError(u"The sound server did not answer: "_s + lastError());
-        pa_operation_unref(operation);
-        m_requests.push_back(request);
+        keep(pa_context_get_source_info_by_name(m_context, name.constData(), callback, request.get()),
+             request);
     }
     auto replies = request->replies;
     const auto reply = co_await wait(std::move(replies), timeout);

@@ -17,6 +17,7 @@
 #include <vector>
 
 struct pa_context;
+struct pa_operation;
 struct pa_stream;
 struct pa_threaded_mainloop;
 class Clock;
@@ -90,6 +91,9 @@ private:
     explicit PulseClient(Clock* clock);
     void beginConnect(const QByteArray& server);
     QString lastError() const;
+    // Starts tracking an operation; throws when the server refused to start it. Call with the
+    // main loop locked.
+    void keep(pa_operation* operation, std::shared_ptr<void> request);
     template <typename T>
     QCoro::Task<std::optional<T>> wait(std::shared_ptr<AsyncQueue<T>> replies,
                                        std::chrono::milliseconds timeout);
