@@ -49,23 +49,12 @@ start() {
     stop # leftovers of an interrupted run
     mkdir -p "$state_dir"
 
-    local tool
-    for tool in dbus-daemon dbus-send gnome-keyring-daemon; do
-        if ! command -v "$tool" >/dev/null 2>&1; then
-            echo "MISSING=$tool" >"$state_file"
-            echo "test-keyring: $tool is not installed (scripts/install-deps.sh installs it);" \
-                "the keyring tests will be skipped" >&2
-            return 0
-        fi
-    done
+    require_tools test-keyring keyring dbus-daemon dbus-send gnome-keyring-daemon || return 0
 
-    scratch="$(mktemp -d "${TMPDIR:-/tmp}/ravlet-keyring.XXXXXX")"
+    make_scratch keyring
     dbus_pid=""
     keyring_pid=""
     trap 'start_failed' ERR
-
-    mkdir -p "$scratch/home" "$scratch/config" "$scratch/data" "$scratch/cache"
-    mkdir -m 0700 "$scratch/runtime"
     # Neither daemon sees the user's home, session bus or display. With a display the keyring
     # would prompt for a password, and without a bus address libdbus would start its own.
     local isolated=(env -u DISPLAY -u WAYLAND_DISPLAY

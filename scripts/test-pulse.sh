@@ -53,22 +53,11 @@ start() {
     stop # leftovers of an interrupted run
     mkdir -p "$state_dir"
 
-    local tool
-    for tool in pulseaudio pactl; do
-        if ! command -v "$tool" >/dev/null 2>&1; then
-            echo "MISSING=$tool" >"$state_file"
-            echo "test-pulse: $tool is not installed (scripts/install-deps.sh installs it);" \
-                "the sound server tests will be skipped" >&2
-            return 0
-        fi
-    done
+    require_tools test-pulse "sound server" pulseaudio pactl || return 0
 
-    scratch="$(mktemp -d "${TMPDIR:-/tmp}/ravlet-pulse.XXXXXX")"
+    make_scratch pulse
     pulse_pid=""
     trap 'start_failed' ERR
-
-    mkdir -p "$scratch/home" "$scratch/config" "$scratch/data" "$scratch/cache"
-    mkdir -m 0700 "$scratch/runtime"
     local socket="$scratch/runtime/native"
     local server="unix:$socket"
     # No display and no session bus: without them the daemon looks for neither, and it never

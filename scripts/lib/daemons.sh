@@ -27,3 +27,26 @@ exited() {
     stat="$(cat "/proc/$1/stat" 2>/dev/null)" || return 0
     [ "$(echo "${stat##*) }" | cut -d ' ' -f 1)" = Z ]
 }
+
+# Records MISSING=<tool> in the state file and fails when one of the tools is absent, so that
+# the tests skip with a clear message. Usage: require_tools <script> <what> <tool>...
+require_tools() {
+    local script="$1" what="$2" tool
+    shift 2
+    for tool in "$@"; do
+        if ! command -v "$tool" >/dev/null 2>&1; then
+            echo "MISSING=$tool" >"$state_file"
+            echo "$script: $tool is not installed (scripts/install-deps.sh installs it);" \
+                "the $what tests will be skipped" >&2
+            return 1
+        fi
+    done
+}
+
+# Sets `scratch` to a new private folder with its own home, XDG folders and runtime folder, so
+# that no daemon ever sees the user's own.
+make_scratch() {
+    scratch="$(mktemp -d "${TMPDIR:-/tmp}/ravlet-$1.XXXXXX")"
+    mkdir -p "$scratch/home" "$scratch/config" "$scratch/data" "$scratch/cache"
+    mkdir -m 0700 "$scratch/runtime"
+}
