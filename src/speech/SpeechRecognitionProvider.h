@@ -36,6 +36,8 @@ public:
     virtual QCoro::Task<> start(QString token, QString language, std::shared_ptr<AudioStream> audio,
                                 std::optional<QString> model) = 0;
     virtual QCoro::Task<> stop() = 0;
+    // The vendor origin for the next start, when a speech token names one.
+    virtual void setOrigin(QString origin) { Q_UNUSED(origin) }
 
     Speaker speaker() const { return m_speaker; }
     std::shared_ptr<SegmentStream> transcriptSegments() const { return m_segments; }

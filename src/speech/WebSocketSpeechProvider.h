@@ -35,7 +35,7 @@ public:
     virtual std::optional<Message> audioMessage(const PcmBuffer& buffer) const = 0;
 
     // The vendor origin ("wss://host[:port]") for the next start; a speech token may name one.
-    void setOrigin(QString origin) { m_origin = std::move(origin); }
+    void setOrigin(QString origin) override { m_origin = std::move(origin); }
     QString origin() const { return m_origin; }
     bool isStopping() const { return m_isStopping; }
 

@@ -1,0 +1,148 @@
+// The end of a session: what the live channel did not deliver goes up, the session is closed,
+// and a transcript that could not be delivered is kept for one retry at the next start.
+
+#include "InterviewViewModel.h"
+
+#include "AppStrings.h"
+#include "Clock.h"
+
+
+
+using namespace Qt::StringLiterals;
+
+QCoro::Task<> InterviewViewModel::finishSession()
+{
+    QPointer self(this);
+    Clock& clock = m_clock;
+
+    QList<QJsonObject> entries;
+    bool channelAccounted = false;
+    if (const auto uploads = m_transcriptUploadService) {
+        // An empty answer means the live channel has done its work.
+        std::optional<QList<TranscriptEntry>> unacknowledged;
+        try {
+            unacknowledged = co_await uploads->stop();
+        } catch (...) {
+            // A channel that cannot say what it delivered leaves the whole transcript to send.
+        }
+        if (!self)
+            co_return;
+        channelAccounted = unacknowledged.has_value();
+        for (const auto& entry : unacknowledged.value_or(QList<TranscriptEntry>())) {
+            if (entry.isFinal)
+                entries.append(entry.uploadForm());
+        }
+    }
+    if (!channelAccounted)
+        entries = m_transcript.finalEntriesForUpload();
+
+    if (m_currentSessionUsesBackend && m_backend && m_currentSession) {
+        const auto backend = m_backend;
+        const QString sessionId = m_currentSession->id;
+        const qint64 audioDurationMs = m_sttStartTimeMs ? std::max<qint64>(0, clock.nowMs() - *m_sttStartTimeMs) : 0;
+        m_sttStartTimeMs.reset();
+
+        // Closed first; the server takes the last lines after completion.
+        std::exception_ptr failure;
+        try {
+            co_await backend->completeSession(sessionId, audioDurationMs);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        if (!self)
+            co_return;
+        if (failure) {
+            setNotice(m_strings.text(u"vm.upload_server_fail"_s));
+            setRecoverableError(u"Session finalize failed: "_s + errorDescription(failure));
+        }
+
+        if (!entries.isEmpty()) {
+            failure = nullptr;
+            try {
+                co_await deliverTranscript(backend, sessionId, entries);
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            if (!self)
+                co_return;
+            if (failure) {
+                // At most one is held: an older record and its transcript give way.
+                setPendingTranscriptUpload(PendingTranscriptUpload{sessionId, entries, clock.nowMs()});
+                setNotice(m_strings.text(u"vm.transcript_retry"_s));
+                setRecoverableError(u"Transcript upload failed: "_s + errorDescription(failure));
+            }
+        }
+    }
+    // A local interview reports no duration either, and must not leave one for the next.
+    m_sttStartTimeMs.reset();
+
+    // A session that a stop during a start finds is the last interview's, already archived.
+    const bool sessionIsOpen =
+        m_currentSession && m_currentSession->status == InterviewSession::SessionStatus::active;
+    const qint64 durationSeconds = sessionIsOpen
+        ? std::max<qint64>(0, m_currentSession->startedAt.secsTo(QDateTime::fromMSecsSinceEpoch(clock.nowMs())))
+        : 0;
+    if (m_telemetry)
+        m_telemetry->sessionCompleted(durationSeconds, m_aiAnswerHistory.size());
+    setRecording(false);
+    m_hasActivePipeline = false;
+    if (sessionIsOpen) {
+        m_currentSession->endedAt = QDateTime::fromMSecsSinceEpoch(clock.nowMs(), Qt::UTC);
+        m_currentSession->status = InterviewSession::SessionStatus::completed;
+        Q_EMIT currentSessionChanged();
+        m_pastSessions.prepend(*m_currentSession);
+        Q_EMIT pastSessionsChanged();
+    }
+    setUsesBackend(false);
+    setMockMode(false);
+}
+
+QCoro::Task<> InterviewViewModel::retryPendingUpload()
+{
+    if (!m_isLoggedIn || !m_backend || !m_pendingTranscriptUpload)
+        co_return;
+    QPointer self(this);
+    const auto backend = m_backend;
+    const PendingTranscriptUpload pending = *m_pendingTranscriptUpload;
+    std::exception_ptr failure;
+    try {
+        co_await deliverTranscript(backend, pending.sessionId, pending.entries);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (!self)
+        co_return;
+    if (!failure) {
+        if (m_pendingTranscriptUpload && m_pendingTranscriptUpload->capturedAtMs == pending.capturedAtMs
+            && m_pendingTranscriptUpload->sessionId == pending.sessionId)
+            setPendingTranscriptUpload(std::nullopt);
+        setNotice(m_strings.text(u"vm.recovered_upload"_s));
+        co_return;
+    }
+    const qint64 secondsAgo = (m_clock.nowMs() - pending.capturedAtMs) / 1000;
+    setNotice(m_strings.format(u"vm.pending_upload"_s, {secondsAgo}));
+}
+
+QCoro::Task<> InterviewViewModel::deliverTranscript(std::shared_ptr<InterviewBackend> backend,
+                                                    QString sessionId, QList<QJsonObject> entries)
+{
+    Clock& clock = m_clock;
+    std::exception_ptr failure;
+    try {
+        co_await backend->postTranscript(sessionId, entries);
+        co_return;
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (!isRetryableNetworkError(failure))
+        std::rethrow_exception(failure);
+    // No token: a cancelled wait still posts the second time.
+    co_await clock.sleep(transcriptRetryDelay);
+    co_await backend->postTranscript(sessionId, entries);
+}
+
+void InterviewViewModel::setPendingTranscriptUpload(std::optional<PendingTranscriptUpload> upload)
+{
+    m_pendingTranscriptUpload = std::move(upload);
+    Q_EMIT pendingTranscriptUploadChanged();
+}

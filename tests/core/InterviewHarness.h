@@ -1,0 +1,486 @@
+#pragma once
+
+// Fakes of every collaborator of InterviewViewModel, on the manual clock, and a harness that
+// wires them. Each fake records what it was asked; any suspension point can be held shut
+// with Gates, so a test can act while the model waits there.
+
+#include "QtPrinters.h"
+
+#include "AppStrings.h"
+#include "AsyncQueue.h"
+#include "AudioSource.h"
+#include "AwaitTask.h"
+#include "Clock.h"
+#include "InterviewViewModel.h"
+#include "NotificationCenter.h"
+#include "PreferencesStore.h"
+#include "UserSettings.h"
+
+#include <QHash>
+#include <QSet>
+#include <QStringList>
+
+#include <deque>
+#include <exception>
+#include <memory>
+
+using namespace Qt::StringLiterals;
+
+// Named suspension points. A held name makes the next caller of pass() wait for release().
+class Gates {
+public:
+    void hold(const QString& name) { m_held.insert(name, std::make_shared<AsyncQueue<bool>>()); }
+    void release(const QString& name)
+    {
+        if (const auto queue = m_held.take(name))
+            queue->push(true);
+    }
+    bool isWaiting(const QString& name) const { return m_waiting.contains(name); }
+    QStringList waiting() const { return QStringList(m_waiting.begin(), m_waiting.end()); }
+
+    QCoro::Task<> pass(QString name)
+    {
+        const auto queue = m_held.value(name);
+        if (!queue)
+            co_return;
+        m_waiting.insert(name);
+        co_await queue->next();
+        m_waiting.remove(name);
+    }
+
+private:
+    QHash<QString, std::shared_ptr<AsyncQueue<bool>>> m_held;
+    QSet<QString> m_waiting;
+};
+
+// Failures to throw, one per call, in order; an empty slot lets the call succeed.
+class FailureScript {
+public:
+    void add(std::exception_ptr failure, int times = 1)
+    {
+        for (int k = 0; k < times; ++k)
+            m_failures.push_back(failure);
+    }
+    void succeed(int times = 1) { add(nullptr, times); }
+    void failAlways(std::exception_ptr failure) { m_always = std::move(failure); }
+    void clear()
+    {
+        m_failures.clear();
+        m_always = nullptr;
+    }
+    void throwIfScripted()
+    {
+        std::exception_ptr failure = m_always;
+        if (!m_failures.empty()) {
+            failure = m_failures.front();
+            m_failures.pop_front();
+        }
+        if (failure)
+            std::rethrow_exception(failure);
+    }
+
+private:
+    std::deque<std::exception_ptr> m_failures;
+    std::exception_ptr m_always;
+};
+
+template<typename E>
+std::exception_ptr failureOf(E error)
+{
+    return std::make_exception_ptr(std::move(error));
+}
+
+class FakeCapture final : public AudioCapture {
+public:
+    FakeCapture(QString name, Gates& gates) : m_name(std::move(name)), m_gates(gates) {}
+
+    std::shared_ptr<AudioStream> audioStream() override
+    {
+        if (!m_stream)
+            m_stream = std::make_shared<AudioStream>();
+        return m_stream;
+    }
+    QCoro::Task<> start() override
+    {
+        co_await m_gates.pass(m_name + u".start"_s);
+        ++startCount;
+        startFailures.throwIfScripted();
+        m_stream = std::make_shared<AudioStream>();
+        isRunning = true;
+    }
+    QCoro::Task<> stop() override
+    {
+        ++stopCount;
+        co_await m_gates.pass(m_name + u".stop"_s);
+        isRunning = false;
+        if (m_stream)
+            m_stream->finish();
+    }
+
+    FailureScript startFailures;
+    bool isRunning = false;
+    int startCount = 0;
+    int stopCount = 0;
+
+private:
+    QString m_name;
+    Gates& m_gates;
+    std::shared_ptr<AudioStream> m_stream;
+};
+
+class FakeRecognizer final : public SpeechRecognitionProvider {
+public:
+    struct Start {
+        QString token;
+        QString language;
+        std::shared_ptr<AudioStream> audio;
+        std::optional<QString> model;
+    };
+
+    FakeRecognizer(SpeechProvider vendor, Speaker speaker, Gates& gates)
+        : SpeechRecognitionProvider(speaker), vendor(vendor), m_gates(gates)
+    {
+    }
+
+    QCoro::Task<> start(QString token, QString language, std::shared_ptr<AudioStream> audio,
+                        std::optional<QString> model) override
+    {
+        co_await m_gates.pass(gateName(speaker()));
+        starts.append({token, language, audio, model});
+        startFailures.throwIfScripted();
+        isRunning = true;
+    }
+    QCoro::Task<> stop() override
+    {
+        isRunning = false;
+        isStopped = true;
+        m_segments->finish();
+        m_recovery->finish();
+        co_return;
+    }
+    void setOrigin(QString origin) override { this->origin = std::move(origin); }
+
+    void say(const QString& text, bool isFinal, qint64 timestampMs)
+    {
+        TranscriptSegment segment;
+        segment.text = text;
+        segment.isFinal = isFinal;
+        segment.speaker = speaker();
+        segment.timestampMs = timestampMs;
+        m_segments->push(segment);
+    }
+    void fail(const QString& reason, bool countsTowardLimit = true)
+    {
+        m_recovery->push({reason, countsTowardLimit});
+    }
+
+    static QString gateName(Speaker speaker)
+    {
+        return speaker == Speaker::interviewer ? u"interviewerRecognizer.start"_s : u"userRecognizer.start"_s;
+    }
+
+    SpeechProvider vendor;
+    QList<Start> starts;
+    FailureScript startFailures;
+    bool isRunning = false;
+    bool isStopped = false;
+    std::optional<QString> origin;
+
+private:
+    Gates& m_gates;
+};
+
+class FakeTranscriptChannel final : public TranscriptChannel {
+public:
+    explicit FakeTranscriptChannel(Gates& gates) : m_gates(gates) {}
+
+    QCoro::Task<> start(QString baseURL, QString token, QString sessionId) override
+    {
+        co_await m_gates.pass(u"channel.start"_s);
+        startedWith = QStringList{baseURL, token, sessionId};
+        startFailures.throwIfScripted();
+        isOpen = true;
+    }
+    QCoro::Task<> send(TranscriptEntry entry) override
+    {
+        sent.append(entry);
+        co_return;
+    }
+    QCoro::Task<QList<TranscriptEntry>> stop() override
+    {
+        isOpen = false;
+        ++stopCount;
+        QList<TranscriptEntry> unacknowledged;
+        for (const auto& entry : std::as_const(sent)) {
+            if (!acknowledgedIds.contains(entry.id))
+                unacknowledged.append(entry);
+        }
+        co_return unacknowledged;
+    }
+    void acknowledgeAll()
+    {
+        for (const auto& entry : std::as_const(sent))
+            acknowledgedIds.insert(entry.id);
+    }
+
+    FailureScript startFailures;
+    QStringList startedWith;
+    QList<TranscriptEntry> sent;
+    QSet<QString> acknowledgedIds;
+    bool isOpen = false;
+    int stopCount = 0;
+
+private:
+    Gates& m_gates;
+};
+
+class FakeRights final : public AudioRights {
+public:
+    explicit FakeRights(Gates& gates) : m_gates(gates) {}
+    QCoro::Task<bool> systemAudioGranted() override
+    {
+        ++systemAudioChecks;
+        co_return systemAudio;
+    }
+    QCoro::Task<bool> microphoneGranted() override
+    {
+        co_await m_gates.pass(u"rights.microphone"_s);
+        co_return microphone;
+    }
+
+    bool systemAudio = true;
+    bool microphone = true;
+    int systemAudioChecks = 0;
+
+private:
+    Gates& m_gates;
+};
+
+// The backend's interview operations, scripted per operation. Every call is logged as
+// "operation arguments" with the time it was made.
+class ScriptedBackend final : public InterviewBackend {
+public:
+    ScriptedBackend(Clock& clock, Gates& gates) : m_clock(clock), m_gates(gates) {}
+
+    QString baseURL() const override { return u"http://backend.test"_s; }
+    std::optional<QString> accessToken() const override { return token; }
+
+    QCoro::Task<APIClient::SpeechTokenResponse> fetchSpeechToken() override
+    {
+        co_await m_gates.pass(u"fetchSpeechToken"_s);
+        log(u"fetchSpeechToken"_s);
+        speechTokenFailures.throwIfScripted();
+        ++speechTokensIssued;
+        APIClient::SpeechTokenResponse response;
+        response.provider = speechProvider;
+        response.token = u"speech-token-"_s + QString::number(speechTokensIssued);
+        response.sttModel = sttModel;
+        response.endpoint = endpoint;
+        co_return response;
+    }
+    QCoro::Task<APIClient::AccountStatus> fetchAccountStatus() override
+    {
+        co_await m_gates.pass(u"fetchAccountStatus"_s);
+        log(u"fetchAccountStatus"_s);
+        accountStatusFailures.throwIfScripted();
+        APIClient::AccountStatus status;
+        status.speechProvider = accountSpeechProvider;
+        co_return status;
+    }
+    QCoro::Task<InterviewSession> createSession(QString languageInput, QString languageOutput) override
+    {
+        co_await m_gates.pass(u"createSession"_s);
+        log(u"createSession "_s + languageInput + u' ' + languageOutput);
+        createSessionFailures.throwIfScripted();
+        InterviewSession session;
+        session.id = u"session-"_s + QString::number(++sessionsCreated);
+        session.languageInput = languageInput;
+        session.languageOutput = languageOutput;
+        session.startedAt = QDateTime::fromMSecsSinceEpoch(m_clock.nowMs(), Qt::UTC);
+        co_return session;
+    }
+    QCoro::Task<> completeSession(QString sessionId, qint64 sttAudioDurationMs) override
+    {
+        co_await m_gates.pass(u"completeSession"_s);
+        log(u"completeSession "_s + sessionId + u' ' + QString::number(sttAudioDurationMs));
+        completeSessionFailures.throwIfScripted();
+    }
+    QCoro::Task<> postTranscript(QString sessionId, QList<QJsonObject> entries) override
+    {
+        co_await m_gates.pass(u"postTranscript"_s);
+        log(u"postTranscript "_s + sessionId + u' ' + QString::number(entries.size()));
+        postedEntries.append(entries);
+        postTranscriptFailures.throwIfScripted();
+        delivered.append(entries);
+    }
+    QCoro::Task<APIClient::StreamAnswerResult> streamAnswer(APIClient::AnswerRequest request) override
+    {
+        co_await m_gates.pass(u"streamAnswer"_s);
+        log(u"streamAnswer "_s + request.question);
+        answerRequests.append(request);
+        streamAnswerFailures.throwIfScripted();
+        APIClient::StreamAnswerResult result;
+        result.logId = answerLogId;
+        result.stream = std::make_shared<AnswerStream>();
+        for (const auto& chunk : std::as_const(answerChunks))
+            result.stream->push(chunk);
+        if (finishAnswers)
+            result.stream->finish();
+        answerStreams.append(result.stream);
+        co_return result;
+    }
+    QCoro::Task<> saveAnswerLog(QString logId, QString answer) override
+    {
+        log(u"saveAnswerLog "_s + logId + u' ' + answer);
+        co_return;
+    }
+
+    // The calls whose text starts with `prefix`.
+    QStringList callsOf(const QString& prefix) const
+    {
+        QStringList matching;
+        for (const auto& call : calls) {
+            if (call.startsWith(prefix))
+                matching.append(call);
+        }
+        return matching;
+    }
+
+    std::optional<QString> token = u"access-token"_s;
+    QString speechProvider = u"deepgram"_s;
+    std::optional<QString> accountSpeechProvider;
+    std::optional<QString> sttModel = u"nova-3"_s;
+    std::optional<QString> endpoint;
+    std::optional<QString> answerLogId = u"log-1"_s;
+    QStringList answerChunks{u"An "_s, u"answer."_s};
+    bool finishAnswers = true;
+
+    FailureScript speechTokenFailures;
+    FailureScript accountStatusFailures;
+    FailureScript createSessionFailures;
+    FailureScript completeSessionFailures;
+    FailureScript postTranscriptFailures;
+    FailureScript streamAnswerFailures;
+
+    QStringList calls;
+    QList<qint64> callTimesMs;
+    QList<QJsonObject> postedEntries; // every post, failed or not
+    QList<QJsonObject> delivered;     // the posts that succeeded
+    QList<APIClient::AnswerRequest> answerRequests;
+    QList<std::shared_ptr<AnswerStream>> answerStreams;
+    int speechTokensIssued = 0;
+    int sessionsCreated = 0;
+
+private:
+    void log(const QString& call)
+    {
+        calls.append(call);
+        callTimesMs.append(m_clock.nowMs());
+    }
+
+    Clock& m_clock;
+    Gates& m_gates;
+};
+
+class FakeTelemetry final : public InterviewTelemetry {
+public:
+    void firstInterviewStarted() override { events.append(u"first_interview_started"_s); }
+    void sttProviderChanged(const QString& provider) override
+    {
+        events.append(u"stt_provider_changed "_s + provider);
+    }
+    void audioCaptureFailed(const QString& errorCode, const QString& category) override
+    {
+        events.append(u"audio_capture_failed "_s + errorCode + u' ' + category);
+    }
+    void firstAnswerReceived(qint64 latencyMs) override
+    {
+        events.append(u"first_answer_received "_s + QString::number(latencyMs));
+    }
+    void sttFailed(const QString& provider, const QString& errorCode) override
+    {
+        events.append(u"stt_failed "_s + provider + u' ' + errorCode);
+    }
+    void sessionCompleted(qint64 durationSeconds, qint64 answerCount) override
+    {
+        events.append(u"session_completed "_s + QString::number(durationSeconds) + u' '
+                      + QString::number(answerCount));
+    }
+
+    QStringList events;
+};
+
+// Everything an InterviewViewModel needs, faked, on the manual clock; signed in by default.
+struct InterviewHarness {
+    using Speaker = TranscriptEntry::Speaker;
+    using State = InterviewViewModel::PipelineState;
+
+    InterviewHarness()
+    {
+        settings.setInputLanguage(u"en-US"_s);
+        settings.setOutputLanguage(u"en"_s);
+        vm.setBackend(backend);
+        vm.setTelemetry(telemetry);
+        vm.setLoggedIn(true);
+    }
+
+    InterviewViewModel::Services services()
+    {
+        InterviewViewModel::Services s;
+        s.audioCapture = &systemAudio;
+        s.microphone = &microphone;
+        s.rights = &rights;
+        s.makeRecognizer = [this](SpeechProvider vendor, Speaker speaker) {
+            auto recognizer = std::make_shared<FakeRecognizer>(vendor, speaker, gates);
+            recognizers.append(recognizer);
+            return recognizer;
+        };
+        s.makeTranscriptChannel = [this] {
+            auto channel = std::make_shared<FakeTranscriptChannel>(gates);
+            if (failNextChannel) {
+                channel->startFailures.add(failureOf(std::runtime_error("channel refused")));
+                failNextChannel = false;
+            }
+            channels.append(channel);
+            return channel;
+        };
+        return s;
+    }
+
+    void start(int deadlineMs = 5000) { awaitTask(vm.startInterview(), deadlineMs); }
+    void stop(int deadlineMs = 5000) { awaitTask(vm.stopInterview(), deadlineMs); }
+
+    // The recogniser made last for the channel.
+    std::shared_ptr<FakeRecognizer> recognizerOf(Speaker speaker) const
+    {
+        for (auto k = recognizers.size() - 1; k >= 0; --k) {
+            if (recognizers.at(k)->speaker() == speaker)
+                return recognizers.at(k);
+        }
+        return nullptr;
+    }
+    std::shared_ptr<FakeTranscriptChannel> channel() const { return channels.isEmpty() ? nullptr : channels.last(); }
+
+    // Lets the model's tasks run what the fakes have queued.
+    static void settle()
+    {
+        for (int k = 0; k < 3; ++k)
+            QCoreApplication::processEvents();
+    }
+
+    ManualClock clock;
+    PreferencesStore preferences;
+    NotificationCenter notifications;
+    UserSettings settings{preferences, notifications};
+    AppStrings strings{QStringList{u"en"_s}};
+    Gates gates;
+    FakeCapture systemAudio{u"systemAudio"_s, gates};
+    FakeCapture microphone{u"microphone"_s, gates};
+    FakeRights rights{gates};
+    QList<std::shared_ptr<FakeRecognizer>> recognizers;
+    QList<std::shared_ptr<FakeTranscriptChannel>> channels;
+    bool failNextChannel = false;
+    std::shared_ptr<ScriptedBackend> backend = std::make_shared<ScriptedBackend>(clock, gates);
+    std::shared_ptr<FakeTelemetry> telemetry = std::make_shared<FakeTelemetry>();
+    InterviewViewModel vm{clock, settings, strings, services()};
+};
