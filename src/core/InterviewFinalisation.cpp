@@ -17,7 +17,9 @@ QCoro::Task<> InterviewViewModel::finishSession()
 
     QList<QJsonObject> entries;
     bool channelAccounted = false;
-    if (const auto uploads = m_transcriptUploadService) {
+    // Dropped here rather than at the next start: a stop during that start must not ask this
+    // channel again for lines that belong to this session.
+    if (const auto uploads = std::exchange(m_transcriptUploadService, nullptr)) {
         // An empty answer means the live channel has done its work.
         std::optional<QList<TranscriptEntry>> unacknowledged;
         try {
@@ -33,7 +35,9 @@ QCoro::Task<> InterviewViewModel::finishSession()
                 entries.append(entry.uploadForm());
         }
     }
-    if (!channelAccounted)
+    // Until a start has built its pipeline the transcript on screen is the last interview's,
+    // which is not this session's to deliver.
+    if (!channelAccounted && m_hasActivePipeline)
         entries = m_transcript.finalEntriesForUpload();
 
     if (m_currentSessionUsesBackend && m_backend && m_currentSession) {

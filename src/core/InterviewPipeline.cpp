@@ -159,8 +159,6 @@ QCoro::Task<> InterviewViewModel::runStart()
     }
     interviewer.recognizer = recognizer;
 
-    // The next start replaces the channel of the last interview, also when its own fails.
-    m_transcriptUploadService.reset();
     if (m_currentSessionUsesBackend && backend->accessToken() && m_currentSession) {
         co_await connectTranscriptChannel(u"InterviewViewModel"_s, stopCount);
         if (stopped())
@@ -528,7 +526,6 @@ QCoro::Task<> InterviewViewModel::runMockStart(QString sessionId)
     channel(Speaker::interviewer).restartCount = 0;
     channel(Speaker::user).restartCount = 0;
 
-    m_transcriptUploadService.reset();
     co_await connectTranscriptChannel(u"Mock"_s, stopCount);
     if (!self || overtakenByStop(stopCount))
         co_return;

@@ -4,6 +4,8 @@
 #include "AudioCaptureService.h"
 #include "LogCapture.h"
 
+#include <QSignalSpy>
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -11,24 +13,58 @@ namespace {
 using Speaker = TranscriptEntry::Speaker;
 using State = InterviewViewModel::PipelineState;
 
+// Every status text the model shows, in order, while `action` runs.
+template<typename Action>
+QStringList statusTrail(InterviewViewModel& vm, Action&& action)
+{
+    QStringList trail;
+    const auto connection = QObject::connect(&vm, &InterviewViewModel::statusMessageChanged, &vm,
+                                             [&] { trail.append(vm.statusMessage()); });
+    action();
+    QObject::disconnect(connection);
+    return trail;
+}
+
 class InterviewPipelineTest : public ::testing::Test {
 protected:
+    // Nothing of the pipeline is left running.
+    void expectNothingRunning()
+    {
+        EXPECT_EQ(h.vm.runningTaskCount(), 0);
+        EXPECT_FALSE(h.vm.hasActivePipeline());
+        EXPECT_FALSE(h.vm.isRecording());
+        EXPECT_FALSE(h.systemAudio.isRunning);
+        EXPECT_FALSE(h.microphone.isRunning);
+        for (const auto& recognizer : std::as_const(h.recognizers))
+            EXPECT_FALSE(recognizer->isRunning) << "a recogniser of " << toText(recognizer->speaker()).toStdString();
+        for (const auto& channel : std::as_const(h.channels))
+            EXPECT_FALSE(channel->isOpen);
+        EXPECT_EQ(h.vm.recognizer(Speaker::interviewer), nullptr);
+        EXPECT_EQ(h.vm.recognizer(Speaker::user), nullptr);
+        EXPECT_EQ(h.vm.audioStream(Speaker::interviewer), nullptr);
+        EXPECT_EQ(h.vm.audioStream(Speaker::user), nullptr);
+        EXPECT_EQ(h.clock.pendingTimerCount(), 0u);
+    }
+
     InterviewHarness h;
 };
 
-TEST_F(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndGoesLive)
+TEST_F(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndStopTakesThemDown)
 {
     LogCapture log;
-    h.start();
+    const auto trail = statusTrail(h.vm, [&] { h.start(); });
+    EXPECT_EQ(trail, (QStringList{u"Checking permissions..."_s, u"Connecting to speech service..."_s,
+                                  u"Recording live"_s}));
     EXPECT_TRUE(h.vm.isRecording());
+    EXPECT_FALSE(h.vm.isStartingInterview());
     EXPECT_EQ(h.vm.pipelineState(), State::recording);
-    EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
     EXPECT_EQ(h.backend->calls, (QStringList{u"fetchAccountStatus"_s, u"createSession en-US en"_s,
                                              u"fetchSpeechToken"_s, u"fetchSpeechToken"_s}));
     ASSERT_TRUE(h.vm.currentSession());
     EXPECT_EQ(h.vm.currentSession()->id, u"session-1"_s);
     EXPECT_TRUE(h.vm.currentSessionUsesBackend());
     EXPECT_EQ(h.vm.speechProvider(), SpeechProvider::deepgram);
+
     const auto interviewer = h.recognizerOf(Speaker::interviewer);
     const auto user = h.recognizerOf(Speaker::user);
     ASSERT_TRUE(interviewer && user);
@@ -38,13 +74,16 @@ TEST_F(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndGoesLive)
     EXPECT_EQ(interviewer->starts[0].language, u"en-US"_s);
     EXPECT_EQ(interviewer->starts[0].model, u"nova-3"_s);
     EXPECT_EQ(interviewer->starts[0].audio, h.systemAudio.audioStream());
+    EXPECT_EQ(h.vm.audioStream(Speaker::interviewer), h.systemAudio.audioStream());
+    // Each channel has its own token.
     ASSERT_EQ(user->starts.size(), 1);
     EXPECT_EQ(user->starts[0].token, u"speech-token-2"_s);
     EXPECT_EQ(user->starts[0].audio, h.microphone.audioStream());
     ASSERT_TRUE(h.channel());
-    EXPECT_EQ(h.channel()->startedWith, (QStringList{u"http://backend.test"_s, u"access-token"_s, u"session-1"_s}));
+    EXPECT_EQ(h.channel()->startedWith,
+              (QStringList{u"http://backend.test"_s, u"access-token"_s, u"session-1"_s}));
     EXPECT_EQ(h.vm.runningTaskCount(), 4);
-    EXPECT_TRUE(h.vm.sttStartTimeMs());
+    EXPECT_EQ(h.vm.sttStartTimeMs(), h.clock.nowMs());
     EXPECT_FALSE(h.vm.lastNotice());
     EXPECT_EQ(h.telemetry->events, QStringList{u"first_interview_started"_s});
     EXPECT_EQ(log.lines(), (QStringList{u"[Mic] Permission: true"_s, u"[Mic] Capture started"_s,
@@ -52,16 +91,441 @@ TEST_F(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndGoesLive)
                                         u"[Mic] Token received, starting recognition (provider: deepgram)"_s,
                                         u"[Mic] Recognition started successfully"_s}));
 
+    // Both channels feed the transcript and the upload channel.
+    interviewer->say(u"Tell me about yourself."_s, true, h.clock.nowMs());
+    user->say(u"Sure."_s, true, h.clock.nowMs());
+    user->say(u"I have"_s, false, h.clock.nowMs());
+    InterviewHarness::settle();
+    ASSERT_EQ(h.vm.transcriptManager().entries().size(), 2);
+    EXPECT_EQ(h.channel()->sent.size(), 2);
+    EXPECT_EQ(h.vm.transcriptManager().currentPartialText(Speaker::user), u"I have"_s);
+
+    const auto stopTrail = statusTrail(h.vm, [&] { h.stop(); });
+    EXPECT_EQ(stopTrail, (QStringList{u"Stopping interview..."_s, u"Ready"_s}));
+    EXPECT_EQ(h.vm.pipelineState(), State::idle);
+    EXPECT_TRUE(interviewer->isStopped);
+    EXPECT_TRUE(user->isStopped);
+    expectNothingRunning();
+    // The transcript and the session stay for the screens.
+    EXPECT_EQ(h.vm.transcriptManager().entries().size(), 2);
+    ASSERT_TRUE(h.vm.currentSession());
+    EXPECT_EQ(h.vm.currentSession()->status, InterviewSession::SessionStatus::completed);
+}
+
+TEST_F(InterviewPipelineTest, SignInAndTokenAreRequiredBeforeAnythingElse)
+{
+    h.vm.setLoggedIn(false);
+    h.start();
+    EXPECT_EQ(h.vm.pipelineState(), State::error);
+    EXPECT_EQ(h.vm.statusMessage(), u"Sign in required"_s);
+    EXPECT_EQ(h.vm.error(), u"Please sign in to use speech recognition. Your account is required to connect to the speech service."_s);
+    EXPECT_TRUE(h.backend->calls.isEmpty());
+    EXPECT_FALSE(h.vm.isStartingInterview());
+
+    h.vm.setLoggedIn(true);
+    h.backend->token.reset();
+    h.start();
+    EXPECT_EQ(h.vm.pipelineState(), State::error);
+    EXPECT_EQ(h.vm.statusMessage(), u"Auth error"_s);
+    EXPECT_EQ(h.vm.error(), u"Authentication token not available. Please sign out and sign back in."_s);
+    EXPECT_TRUE(h.backend->calls.isEmpty());
+
+    // An error is left by the next start, which clears it.
+    h.backend->token = u"access-token"_s;
+    h.start();
+    EXPECT_EQ(h.vm.pipelineState(), State::recording);
+    EXPECT_FALSE(h.vm.error());
+
+    // Without a backend the start cannot even ask.
     h.stop();
+    h.vm.setBackend(nullptr);
+    h.start();
+    EXPECT_EQ(h.vm.statusMessage(), u"Sign in required"_s);
+}
+
+struct StartFailureCase {
+    const char* name;
+    std::function<void(InterviewHarness&)> arrange;
+    bool systemAudioGranted;
+    QString status;
+    QString error;
+    QString telemetry;
+    int recognizersMade;
+};
+
+class StartFailureTest : public ::testing::TestWithParam<StartFailureCase> {};
+
+TEST_P(StartFailureTest, EndsInErrorClosesTheSessionAndLeavesNothingRunning)
+{
+    const auto& c = GetParam();
+    InterviewHarness h;
+    h.rights.systemAudio = c.systemAudioGranted;
+    c.arrange(h);
+    LogCapture log;
+    h.start();
+    InterviewHarness::settle();
+
+    EXPECT_EQ(h.vm.pipelineState(), State::error);
+    EXPECT_EQ(h.vm.statusMessage(), c.status);
+    EXPECT_EQ(h.vm.error(), c.error);
+    EXPECT_FALSE(h.vm.isRecording());
+    EXPECT_FALSE(h.vm.isStartingInterview());
+    EXPECT_FALSE(h.vm.currentSession());
+    EXPECT_FALSE(h.vm.currentSessionUsesBackend());
+    EXPECT_EQ(h.vm.runningTaskCount(), 0);
+    EXPECT_FALSE(h.systemAudio.isRunning);
+    EXPECT_EQ(h.recognizers.size(), c.recognizersMade);
+    for (const auto& recognizer : std::as_const(h.recognizers))
+        EXPECT_FALSE(recognizer->isRunning);
+    // The session opened for this start is closed at once, with no duration.
+    EXPECT_EQ(h.backend->callsOf(u"completeSession"_s), QStringList{u"completeSession session-1 0"_s});
+    EXPECT_EQ(h.telemetry->events.last(), c.telemetry);
+    EXPECT_TRUE(log.lines().filter(u"[InterviewViewModel] Start failed: "_s).size() == 1);
+    EXPECT_EQ(h.microphone.startCount, 0);
+
+    // A stop is still possible and changes nothing visible but the status.
+    h.stop();
+    EXPECT_EQ(h.vm.pipelineState(), State::error);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, StartFailureTest,
+    ::testing::Values(
+        StartFailureCase{"speechTokenRefused",
+                         [](InterviewHarness& h) {
+                             h.backend->speechTokenFailures.add(failureOf(SpeechTokenError(u"Quota exceeded"_s)));
+                         },
+                         true, u"Failed to start"_s, u"Unable to start interview: Quota exceeded"_s,
+                         u"audio_capture_failed SpeechTokenError#0 loopback"_s, 0},
+        StartFailureCase{"systemAudioMissing",
+                         [](InterviewHarness& h) {
+                             h.systemAudio.startFailures.add(
+                                 failureOf(AudioCaptureError(AudioCaptureError::Case::noDisplay)));
+                         },
+                         false, u"Waiting for system audio"_s,
+                         u"No system audio source found. Make sure PipeWire or PulseAudio is running with an output device, then restart RavletAI."_s,
+                         u"audio_capture_failed AudioCaptureError#0 permission"_s, 0},
+        StartFailureCase{"systemAudioRefusedWhileGranted",
+                         [](InterviewHarness& h) {
+                             h.systemAudio.startFailures.add(
+                                 failureOf(AudioCaptureError(AudioCaptureError::Case::noPermission)));
+                         },
+                         true, u"Failed to start"_s,
+                         u"Unable to start interview: "_s + AudioCaptureError::text(AudioCaptureError::Case::noPermission),
+                         u"audio_capture_failed AudioCaptureError#1 permission"_s, 0},
+        StartFailureCase{"interviewerRecognizerFails",
+                         [](InterviewHarness& h) {
+                             h.prepareRecognizer = [](FakeRecognizer& recognizer) {
+                                 recognizer.startFailures.add(failureOf(std::runtime_error("vendor down")));
+                             };
+                         },
+                         true, u"Failed to start"_s, u"Unable to start interview: vendor down"_s,
+                         u"audio_capture_failed Error#0 loopback"_s, 1}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+
+TEST_F(InterviewPipelineTest, OverlappingStartsAndIdleStopsChangeNothing)
+{
+    // A stop with nothing running leaves the status as it was.
+    h.vm.setLoggedIn(false);
+    h.start();
+    const QString status = h.vm.statusMessage();
+    h.stop();
+    EXPECT_EQ(h.vm.statusMessage(), status);
+    EXPECT_EQ(h.vm.pipelineState(), State::error);
+    h.vm.setLoggedIn(true);
+
+    // A second start while one runs returns at once.
+    h.gates.hold(u"createSession"_s);
+    auto first = h.vm.startInterview();
+    ASSERT_TRUE(h.gates.isWaiting(u"createSession"_s));
+    QSignalSpy anyStatus(&h.vm, &InterviewViewModel::statusMessageChanged);
+    QSignalSpy anyError(&h.vm, &InterviewViewModel::errorChanged);
+    h.start();
+    EXPECT_EQ(anyStatus.count(), 0);
+    EXPECT_EQ(anyError.count(), 0);
+    EXPECT_EQ(h.backend->callsOf(u"fetchAccountStatus"_s).size(), 1);
+    h.gates.release(u"createSession"_s);
+    awaitTask(std::move(first));
+    EXPECT_TRUE(h.vm.isRecording());
+
+    // And while it records.
+    const auto calls = h.backend->calls;
+    h.start();
+    EXPECT_EQ(h.backend->calls, calls);
+    EXPECT_EQ(h.vm.pipelineState(), State::recording);
+}
+
+TEST_F(InterviewPipelineTest, TheUserChannelIsOptional)
+{
+    {
+        LogCapture log;
+        h.rights.microphone = false;
+        h.start();
+        EXPECT_EQ(h.vm.pipelineState(), State::recording);
+        EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+        EXPECT_EQ(h.vm.recognizer(Speaker::user), nullptr);
+        EXPECT_EQ(h.microphone.startCount, 0);
+        EXPECT_EQ(h.backend->callsOf(u"fetchSpeechToken"_s).size(), 1);
+        EXPECT_EQ(log.lines(), (QStringList{u"[Mic] Permission: false"_s,
+                                            u"[Mic] Permission denied, skipping user pipeline"_s}));
+        h.stop();
+    }
+    {
+        // The second token fails: the microphone runs on, unread, until the stop.
+        LogCapture log;
+        h.rights.microphone = true;
+        h.backend->speechTokenFailures.succeed();
+        h.backend->speechTokenFailures.add(failureOf(APIError::serverError(500)));
+        h.start();
+        EXPECT_EQ(h.vm.pipelineState(), State::recording);
+        EXPECT_EQ(h.vm.recognizer(Speaker::user), nullptr);
+        EXPECT_TRUE(h.microphone.isRunning);
+        EXPECT_EQ(h.vm.runningTaskCount(), 2);
+        EXPECT_TRUE(log.lines().contains(u"[Mic] Pipeline FAILED: "_s + APIError::serverError(500).description()));
+        h.stop();
+        EXPECT_FALSE(h.microphone.isRunning);
+    }
+    {
+        // A microphone that cannot start.
+        LogCapture log;
+        h.microphone.startFailures.add(failureOf(AudioSourceError(u"no input"_s)));
+        h.start();
+        EXPECT_EQ(h.vm.pipelineState(), State::recording);
+        EXPECT_TRUE(log.lines().contains(u"[Mic] Pipeline FAILED: no input"_s));
+        h.stop();
+    }
+}
+
+TEST_F(InterviewPipelineTest, ASessionFailureRecordsLocallyWithoutUploadOrAnswers)
+{
+    h.backend->createSessionFailures.add(failureOf(APIError::serverError(502)));
+    h.start();
+    EXPECT_EQ(h.vm.pipelineState(), State::recording);
+    EXPECT_EQ(h.vm.lastNotice(), u"Cloud sync unavailable. Recording locally for this interview."_s);
+    EXPECT_EQ(h.vm.lastRecoverableError(),
+              u"Cloud session unavailable: "_s + APIError::serverError(502).description());
+    EXPECT_EQ(h.vm.lastRecoverableErrorAtMs(), h.clock.nowMs());
+    ASSERT_TRUE(h.vm.currentSession());
+    EXPECT_FALSE(h.vm.currentSessionUsesBackend());
+    EXPECT_EQ(h.vm.currentSession()->languageInput, u"en-US"_s);
+    EXPECT_EQ(h.vm.currentSession()->status, InterviewSession::SessionStatus::active);
+    EXPECT_FALSE(QUuid::fromString(h.vm.currentSession()->id).isNull());
+    EXPECT_TRUE(h.channels.isEmpty());
+    EXPECT_EQ(h.vm.transcriptUploadService(), nullptr);
+    EXPECT_FALSE(h.vm.canRequestAnswer());
+    // Speech still needs the backend's tokens, and gets them.
+    EXPECT_EQ(h.backend->callsOf(u"fetchSpeechToken"_s).size(), 2);
+
+    // The next start clears what the last one reported.
+    h.stop();
+    h.start();
+    EXPECT_FALSE(h.vm.lastRecoverableError());
+    EXPECT_FALSE(h.vm.lastNotice());
+    EXPECT_TRUE(h.vm.currentSessionUsesBackend());
+}
+
+TEST_F(InterviewPipelineTest, TheBackendChoosesTheVendorAndItsOrigin)
+{
+    // The account names a vendor, the token another: the token's wins for this start, and
+    // an unknown name changes nothing.
+    h.backend->accountSpeechProvider = u"openai"_s;
+    h.backend->speechProvider = u"somethingnew"_s;
+    h.backend->endpoint = u"wss://speech.example.org"_s;
+    h.start();
+    EXPECT_EQ(h.vm.speechProvider(), SpeechProvider::openai);
+    EXPECT_TRUE(h.telemetry->events.contains(u"stt_provider_changed openai"_s));
+    const auto interviewer = h.recognizerOf(Speaker::interviewer);
+    ASSERT_TRUE(interviewer);
+    EXPECT_EQ(interviewer->vendor, SpeechProvider::openai);
+    EXPECT_EQ(interviewer->origin, u"wss://speech.example.org"_s);
+    EXPECT_EQ(h.recognizerOf(Speaker::user)->vendor, SpeechProvider::openai);
+    h.stop();
+
+    h.telemetry->events.clear();
+    h.backend->accountSpeechProvider.reset();
+    h.backend->accountStatusFailures.add(failureOf(APIError::networkError()));
+    h.backend->speechProvider = u"elevenlabs"_s;
+    h.backend->endpoint.reset();
+    h.start();
+    EXPECT_EQ(h.vm.speechProvider(), SpeechProvider::elevenlabs);
+    EXPECT_FALSE(h.telemetry->events.filter(u"stt_provider_changed"_s).size());
+    EXPECT_FALSE(h.recognizerOf(Speaker::interviewer)->origin);
+    EXPECT_EQ(h.vm.pipelineState(), State::recording);
+}
+
+TEST_F(InterviewPipelineTest, AFailedUploadChannelLeavesTheInterviewRunning)
+{
+    LogCapture log;
+    h.failNextChannel = true;
+    h.start();
+    EXPECT_EQ(h.vm.pipelineState(), State::recording);
+    EXPECT_EQ(h.vm.transcriptUploadService(), nullptr);
+    EXPECT_TRUE(log.lines().contains(u"[InterviewViewModel] Transcript upload WebSocket failed: channel refused"_s));
+    h.recognizerOf(Speaker::interviewer)->say(u"Hello"_s, true, h.clock.nowMs());
+    InterviewHarness::settle();
+    EXPECT_EQ(h.vm.transcriptManager().entries().size(), 1);
+}
+
+TEST_F(InterviewPipelineTest, AHangingCaptureHoldsTheStopForTwoSecondsAtMost)
+{
+    h.start();
+    h.gates.hold(u"systemAudio.stop"_s);
+    h.gates.hold(u"microphone.stop"_s);
+    auto stop = h.vm.stopInterview();
+    EXPECT_EQ(h.vm.pipelineState(), State::stopping);
+    h.clock.advance(std::chrono::milliseconds(1999));
+    EXPECT_EQ(h.vm.pipelineState(), State::stopping);
+    h.clock.advance(std::chrono::milliseconds(1));
+    awaitTask(std::move(stop));
     EXPECT_EQ(h.vm.pipelineState(), State::idle);
     EXPECT_EQ(h.vm.statusMessage(), u"Ready"_s);
+    EXPECT_EQ(h.backend->callsOf(u"completeSession"_s).size(), 1);
+    h.gates.release(u"systemAudio.stop"_s);
+    h.gates.release(u"microphone.stop"_s);
+    EXPECT_FALSE(h.systemAudio.isRunning);
+}
+
+TEST_F(InterviewPipelineTest, AMockInterviewRecordsOnlyTheUserAndTakesInjectedQuestions)
+{
+    LogCapture log;
+    h.gates.hold(u"microphone.start"_s);
+    auto start = h.vm.startMockInterview(u"mock-7"_s);
+    // Recording before the microphone opens.
+    EXPECT_TRUE(h.vm.isRecording());
+    EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+    EXPECT_TRUE(h.vm.isMockMode());
+    h.gates.release(u"microphone.start"_s);
+    awaitTask(std::move(start));
+
+    EXPECT_EQ(h.systemAudio.startCount, 0);
+    EXPECT_EQ(h.vm.recognizer(Speaker::interviewer), nullptr);
+    ASSERT_NE(h.vm.recognizer(Speaker::user), nullptr);
+    ASSERT_TRUE(h.vm.currentSession());
+    EXPECT_EQ(h.vm.currentSession()->id, u"mock-7"_s);
+    EXPECT_TRUE(h.vm.currentSessionUsesBackend());
+    EXPECT_EQ(h.backend->callsOf(u"createSession"_s).size(), 0);
+    ASSERT_TRUE(h.channel());
+    EXPECT_EQ(h.channel()->startedWith.last(), u"mock-7"_s);
+
+    h.vm.injectMockQuestion(u"Why this company?"_s);
+    h.vm.injectMockQuestion(u"Where do you see yourself?"_s);
+    InterviewHarness::settle();
+    const auto& entries = h.vm.transcriptManager().entries();
+    ASSERT_EQ(entries.size(), 2);
+    EXPECT_EQ(entries[0].content, u"Why this company?"_s);
+    EXPECT_EQ(entries[0].confidence, 1.0);
+    EXPECT_EQ(h.channel()->sent.size(), 2);
+    EXPECT_FALSE(h.vm.transcriptManager().activeEntryId(Speaker::interviewer));
+
+    h.stop();
+    EXPECT_FALSE(h.vm.isMockMode());
+    EXPECT_EQ(h.backend->callsOf(u"completeSession"_s), QStringList{u"completeSession mock-7 0"_s});
+
+    // The microphone side may fail; the session stays up.
+    h.microphone.startFailures.add(failureOf(AudioSourceError(u"busy"_s)));
+    awaitTask(h.vm.startMockInterview(u"mock-8"_s));
+    EXPECT_EQ(h.vm.pipelineState(), State::recording);
+    EXPECT_TRUE(log.lines().contains(u"[Mock] Microphone pipeline FAILED: busy"_s));
+}
+
+// A stop that arrives while the start waits at one of its suspension points. Each point is
+// reached by holding the gates in turn: the first, then, once the start waits there, the next.
+struct StopPoint {
+    const char* name;
+    QStringList gates;
+    QStringList expectedCalls;
+};
+
+const QString post = u"postTranscript session-1 1"_s;
+const QString account = u"fetchAccountStatus"_s;
+const QString create = u"createSession en-US en"_s;
+const QString token = u"fetchSpeechToken"_s;
+const QString complete = u"completeSession session-2 0"_s;
+
+class StopDuringStartTest : public ::testing::TestWithParam<StopPoint> {};
+
+TEST_P(StopDuringStartTest, EndsIdleWithNothingRunningAndOnlyThePrescribedRequests)
+{
+    const auto& point = GetParam();
+    InterviewHarness h;
+    // A previous interview whose transcript could not be delivered, so that the start has a
+    // pending upload to retry first.
+    h.start();
+    h.recognizerOf(Speaker::interviewer)->say(u"Earlier question"_s, true, h.clock.nowMs());
+    InterviewHarness::settle();
+    h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
+    h.stop();
+    ASSERT_TRUE(h.vm.pendingTranscriptUpload());
+    h.backend->calls.clear();
+    const int recognizersBefore = int(h.recognizers.size());
+
+    h.gates.hold(point.gates.first());
+    auto start = h.vm.startInterview();
+    for (qsizetype k = 1; k < point.gates.size(); ++k) {
+        ASSERT_TRUE(h.gates.isWaiting(point.gates.at(k - 1))) << point.gates.at(k - 1).toStdString();
+        h.gates.hold(point.gates.at(k));
+        h.gates.release(point.gates.at(k - 1));
+    }
+    ASSERT_TRUE(h.gates.isWaiting(point.gates.last())) << "waiting at " << h.gates.waiting().join(u',').toStdString();
+
+    h.stop();
+    EXPECT_EQ(h.vm.pipelineState(), State::idle);
+    h.gates.release(point.gates.last());
+    awaitTask(std::move(start));
+    InterviewHarness::settle();
+
+    EXPECT_EQ(h.vm.pipelineState(), State::idle);
+    EXPECT_EQ(h.vm.statusMessage(), u"Ready"_s);
+    EXPECT_FALSE(h.vm.isStartingInterview());
+    EXPECT_FALSE(h.vm.isStoppingInterview());
+    EXPECT_FALSE(h.vm.currentSessionUsesBackend());
     EXPECT_FALSE(h.vm.isRecording());
-    EXPECT_FALSE(interviewer->isRunning);
-    EXPECT_FALSE(user->isRunning);
+    EXPECT_FALSE(h.vm.hasActivePipeline());
+    EXPECT_EQ(h.vm.runningTaskCount(), 0);
     EXPECT_FALSE(h.systemAudio.isRunning);
     EXPECT_FALSE(h.microphone.isRunning);
-    EXPECT_EQ(h.vm.runningTaskCount(), 0);
-    EXPECT_EQ(h.backend->callsOf(u"completeSession"_s), QStringList{u"completeSession session-1 0"_s});
+    for (auto k = recognizersBefore; k < h.recognizers.size(); ++k)
+        EXPECT_FALSE(h.recognizers.at(k)->isRunning) << toText(h.recognizers.at(k)->speaker()).toStdString();
+    for (const auto& channel : std::as_const(h.channels))
+        EXPECT_FALSE(channel->isOpen);
+    EXPECT_EQ(h.vm.recognizer(Speaker::interviewer), nullptr);
+    EXPECT_EQ(h.vm.recognizer(Speaker::user), nullptr);
+    EXPECT_EQ(h.clock.pendingTimerCount(), 0u);
+    EXPECT_EQ(h.backend->calls, point.expectedCalls);
+    // The earlier interview is archived once only; the interrupted one once it existed.
+    QStringList archived;
+    for (const auto& session : h.vm.pastSessions())
+        archived.append(session.id);
+    const bool sessionExisted = point.expectedCalls.contains(complete) && point.expectedCalls.contains(token);
+    const QStringList expectedArchive =
+        sessionExisted ? QStringList{u"session-2"_s, u"session-1"_s} : QStringList{u"session-1"_s};
+    EXPECT_EQ(archived, expectedArchive);
+
+    // The model can start again.
+    h.start();
+    EXPECT_EQ(h.vm.pipelineState(), State::recording);
 }
+
+
+INSTANTIATE_TEST_SUITE_P(
+    EverySuspensionPoint, StopDuringStartTest,
+    ::testing::Values(
+        StopPoint{"retryingThePendingUpload", {u"postTranscript"_s}, {post}},
+        StopPoint{"askingForTheAccount", {u"fetchAccountStatus"_s}, {post, account}},
+        // The session the stop could not see is closed as soon as it exists.
+        StopPoint{"creatingTheSession", {u"createSession"_s}, {post, account, create, complete}},
+        StopPoint{"fetchingTheFirstToken", {u"fetchSpeechToken"_s}, {post, account, create, complete, token}},
+        StopPoint{"startingSystemAudio", {u"systemAudio.start"_s}, {post, account, create, token, complete}},
+        StopPoint{"startingTheInterviewerRecognizer", {u"interviewerRecognizer.start"_s},
+                  {post, account, create, token, complete}},
+        StopPoint{"connectingTheUploadChannel", {u"channel.start"_s}, {post, account, create, token, complete}},
+        StopPoint{"askingForTheMicrophone", {u"rights.microphone"_s}, {post, account, create, token, complete}},
+        StopPoint{"startingTheMicrophone", {u"microphone.start"_s}, {post, account, create, token, complete}},
+        StopPoint{"fetchingTheSecondToken", {u"microphone.start"_s, u"fetchSpeechToken"_s},
+                  {post, account, create, token, complete, token}},
+        StopPoint{"startingTheUserRecognizer", {u"userRecognizer.start"_s},
+                  {post, account, create, token, token, complete}}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace

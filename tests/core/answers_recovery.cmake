@@ -1,0 +1,1 @@
+# AIAnswersTest and SpeechRecoveryTest

@@ -1,0 +1,1 @@
+# InterviewEndToEndTest and InterviewChaosTest
