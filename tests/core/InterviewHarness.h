@@ -432,6 +432,8 @@ struct InterviewHarness {
         s.rights = &rights;
         s.makeRecognizer = [this](SpeechProvider vendor, Speaker speaker) {
             auto recognizer = std::make_shared<FakeRecognizer>(vendor, speaker, gates);
+            if (prepareRecognizer)
+                prepareRecognizer(*recognizer);
             recognizers.append(recognizer);
             return recognizer;
         };
@@ -480,6 +482,8 @@ struct InterviewHarness {
     QList<std::shared_ptr<FakeRecognizer>> recognizers;
     QList<std::shared_ptr<FakeTranscriptChannel>> channels;
     bool failNextChannel = false;
+    // Called with each recogniser as it is made, to script it.
+    std::function<void(FakeRecognizer&)> prepareRecognizer;
     std::shared_ptr<ScriptedBackend> backend = std::make_shared<ScriptedBackend>(clock, gates);
     std::shared_ptr<FakeTelemetry> telemetry = std::make_shared<FakeTelemetry>();
     InterviewViewModel vm{clock, settings, strings, services()};
