@@ -75,6 +75,11 @@ QCoro::Task<QList<TranscriptEntry>> TranscriptUploadChannel::stop()
     return m_service->stop();
 }
 
+TelemetryClientReporter::TelemetryClientReporter(TelemetryClient* client)
+    : m_client(client)
+{
+}
+
 void TelemetryClientReporter::firstInterviewStarted()
 {
     if (m_client)

@@ -63,7 +63,7 @@ private:
 // Gone with the client, it reports nothing.
 class TelemetryClientReporter final : public InterviewTelemetry {
 public:
-    explicit TelemetryClientReporter(TelemetryClient* client) : m_client(client) {}
+    explicit TelemetryClientReporter(TelemetryClient* client);
     void firstInterviewStarted() override;
     void sttProviderChanged(const QString& provider) override;
     void audioCaptureFailed(const QString& errorCode, const QString& category) override;
