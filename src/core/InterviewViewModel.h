@@ -143,7 +143,7 @@ public:
     bool isRestarting(Speaker speaker) const { return channel(speaker).isRestarting; }
     int restartCount(Speaker speaker) const { return channel(speaker).restartCount; }
     double reconnectBackoffSeconds(Speaker speaker) const { return channel(speaker).backoffSeconds; }
-    bool hasScheduledReconnect(Speaker speaker) const { return channel(speaker).reconnectTask.isValid(); }
+    bool hasScheduledReconnect(Speaker speaker) const { return !channel(speaker).reconnectTask.isFinished(); }
     TranscriptChannel* transcriptUploadService() const { return m_transcriptUploadService.get(); }
     // Tasks that have not yet finished: the stream readers, the answer and the scheduled
     // reconnects.

@@ -1,0 +1,627 @@
+#include "InterviewHarness.h"
+
+#include "APIError.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+using Speaker = TranscriptEntry::Speaker;
+using State = InterviewViewModel::PipelineState;
+
+const QString aiUnavailable = u"AI answer is temporarily unavailable. Recording continues."_s;
+
+void goLive(InterviewHarness& h, bool autoTrigger = false)
+{
+    h.settings.setAutoTriggerAIAnswers(autoTrigger);
+    h.start();
+    ASSERT_TRUE(h.vm.isRecording());
+}
+
+void say(InterviewHarness& h, Speaker speaker, const QString& text, bool isFinal = true)
+{
+    h.recognizerOf(speaker)->say(text, isFinal, h.clock.nowMs());
+    InterviewHarness::settle();
+}
+
+void passTime(InterviewHarness& h, std::chrono::milliseconds by)
+{
+    h.clock.advance(by);
+    InterviewHarness::settle();
+}
+
+// When each backend call whose text starts with `prefix` was made, relative to `originMs`.
+QList<qint64> callOffsets(const ScriptedBackend& backend, const QString& prefix, qint64 originMs)
+{
+    QList<qint64> offsets;
+    for (qsizetype k = 0; k < backend.calls.size(); ++k) {
+        if (backend.calls.at(k).startsWith(prefix))
+            offsets.append(backend.callTimesMs.at(k) - originMs);
+    }
+    return offsets;
+}
+
+QStringList eventsOf(const FakeTelemetry& telemetry, const QString& prefix)
+{
+    QStringList matching;
+    for (const auto& event : telemetry.events) {
+        if (event.startsWith(prefix))
+            matching.append(event);
+    }
+    return matching;
+}
+
+QJsonObject contextLine(const QString& speaker, const QString& content)
+{
+    return QJsonObject{{u"speaker"_s, speaker}, {u"content"_s, content}};
+}
+
+class AIAnswersTest : public ::testing::Test {
+protected:
+    InterviewHarness h;
+};
+
+TEST_F(AIAnswersTest, AutomaticAnswerComesFourSecondsAfterTheLastFinalInterviewerPiece)
+{
+    goLive(h, true);
+    // The candidate's speech and unsettled interviewer text start nothing.
+    say(h, Speaker::user, u"Hello, thanks for having me."_s);
+    say(h, Speaker::interviewer, u"So"_s, false);
+    passTime(h, 10s);
+    EXPECT_TRUE(h.backend->callsOf(u"streamAnswer"_s).isEmpty());
+
+    const qint64 t0 = h.clock.nowMs();
+    say(h, Speaker::interviewer, u"Tell me"_s);
+    passTime(h, 3s);
+    say(h, Speaker::interviewer, u"about yourself"_s);
+    passTime(h, 3s);
+    say(h, Speaker::interviewer, u"please."_s);
+    // Neither the candidate nor an unsettled interviewer piece puts the wait back.
+    passTime(h, 1s);
+    say(h, Speaker::user, u"Sure."_s);
+    passTime(h, 1s);
+    say(h, Speaker::interviewer, u"and"_s, false);
+
+    passTime(h, 1999ms);
+    EXPECT_TRUE(h.backend->callsOf(u"streamAnswer"_s).isEmpty());
+    passTime(h, 1ms);
+    EXPECT_EQ(callOffsets(*h.backend, u"streamAnswer"_s, t0), QList<qint64>{10'000});
+    ASSERT_EQ(h.backend->answerRequests.size(), 1);
+    EXPECT_EQ(h.backend->answerRequests[0].question, u"Tell me about yourself please."_s);
+
+    passTime(h, 30s);
+    EXPECT_EQ(h.backend->callsOf(u"streamAnswer"_s).size(), 1);
+    ASSERT_EQ(h.vm.aiAnswerHistory().size(), 1);
+    EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"An answer."_s);
+}
+
+TEST_F(AIAnswersTest, FinalPieceDuringAStreamingAnswerCancelsItAndAsksAgainLater)
+{
+    h.backend->finishAnswers = false;
+    h.backend->answerChunks = {u"First "_s};
+    goLive(h, true);
+    const qint64 t0 = h.clock.nowMs();
+    say(h, Speaker::interviewer, u"What is a mutex?"_s);
+    passTime(h, 4s);
+    ASSERT_EQ(h.backend->answerStreams.size(), 1);
+    EXPECT_TRUE(h.vm.isGeneratingAnswer());
+    // The key cannot interrupt a streaming answer.
+    EXPECT_FALSE(h.vm.canRequestAnswer());
+    h.vm.triggerAIAnswer();
+    EXPECT_EQ(h.backend->callsOf(u"streamAnswer"_s).size(), 1);
+    EXPECT_TRUE(h.vm.isGeneratingAnswer());
+
+    passTime(h, 1s);
+    h.backend->answerChunks = {u"Second"_s};
+    say(h, Speaker::interviewer, u"And a semaphore?"_s);
+    EXPECT_FALSE(h.vm.isGeneratingAnswer());
+    h.backend->answerStreams[0]->push(u"too late"_s);
+    InterviewHarness::settle();
+    ASSERT_EQ(h.vm.aiAnswerHistory().size(), 1);
+    EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"First "_s);
+    // The cut-off answer is logged as it stands.
+    EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s), QStringList{u"saveAnswerLog log-1 First "_s});
+    // The asked entry was closed, so the new piece stands alone.
+    EXPECT_EQ(h.vm.transcriptManager().entries().size(), 2);
+
+    passTime(h, 3999ms);
+    EXPECT_EQ(h.backend->callsOf(u"streamAnswer"_s).size(), 1);
+    passTime(h, 1ms);
+    EXPECT_EQ(callOffsets(*h.backend, u"streamAnswer"_s, t0), (QList<qint64>{4000, 9000}));
+    ASSERT_EQ(h.vm.aiAnswerHistory().size(), 2);
+    EXPECT_EQ(h.vm.aiAnswerHistory()[1].question, u"And a semaphore?"_s);
+    EXPECT_EQ(h.vm.aiAnswerHistory()[1].answer, u"Second"_s);
+    EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"First "_s);
+    EXPECT_EQ(h.vm.selectedAnswerIndex(), 1);
+    EXPECT_TRUE(h.vm.isGeneratingAnswer());
+}
+
+TEST_F(AIAnswersTest, RequestFailuresAreRetriedOnlyWhenRetryable)
+{
+    struct Case {
+        const char* name;
+        std::vector<std::exception_ptr> failures;
+        QList<qint64> callOffsets;
+        std::optional<QString> failure; // the recoverable error, absent for a success
+    };
+    const std::vector<Case> cases{
+        {"ServerError503ThenSuccess",
+         {failureOf(APIError::serverError(503))},
+         {0, 700},
+         std::nullopt},
+        {"TimeoutThenSuccess",
+         {failureOf(TransportError(QNetworkReply::TimeoutError, u"The request timed out."_s))},
+         {0, 700},
+         std::nullopt},
+        {"BadRequest",
+         {failureOf(APIError::serverError(400))},
+         {0},
+         u"AI answer failed: Server error (400)"_s},
+        {"Unauthorized",
+         {failureOf(APIError::unauthorized())},
+         {0},
+         u"AI answer failed: Authentication required"_s},
+        {"RetryableTwice",
+         {failureOf(APIError::serverError(503)), failureOf(APIError::networkError())},
+         {0, 700},
+         u"AI answer failed: Network connection failed"_s},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        InterviewHarness row;
+        goLive(row);
+        say(row, Speaker::interviewer, u"Why should we hire you?"_s);
+        for (const auto& failure : c.failures)
+            row.backend->streamAnswerFailures.add(failure);
+        const qint64 t0 = row.clock.nowMs();
+        row.vm.triggerAIAnswer();
+
+        if (c.callOffsets.size() > 1) {
+            passTime(row, 699ms);
+            EXPECT_EQ(row.backend->callsOf(u"streamAnswer"_s).size(), 1);
+            EXPECT_TRUE(row.vm.isGeneratingAnswer());
+            EXPECT_FALSE(row.vm.lastNotice());
+        }
+        passTime(row, 20s);
+        EXPECT_EQ(callOffsets(*row.backend, u"streamAnswer"_s, t0), c.callOffsets);
+        EXPECT_FALSE(row.vm.isGeneratingAnswer());
+        ASSERT_EQ(row.vm.aiAnswerHistory().size(), 1);
+        if (c.failure) {
+            EXPECT_EQ(row.vm.lastNotice(), aiUnavailable);
+            EXPECT_EQ(row.vm.lastRecoverableError(), *c.failure);
+            EXPECT_EQ(row.vm.lastRecoverableErrorAtMs(), t0 + c.callOffsets.last());
+            EXPECT_EQ(row.vm.aiAnswerHistory()[0].answer, QString());
+            EXPECT_EQ(row.vm.selectedAnswerIndex(), 0);
+        } else {
+            EXPECT_FALSE(row.vm.lastNotice());
+            EXPECT_FALSE(row.vm.lastRecoverableError());
+            EXPECT_EQ(row.vm.aiAnswerHistory()[0].answer, u"An answer."_s);
+        }
+        // An answer failure never touches the recording.
+        EXPECT_EQ(row.vm.pipelineState(), State::recording);
+        EXPECT_EQ(row.vm.statusMessage(), u"Recording live"_s);
+        EXPECT_TRUE(row.vm.canRequestAnswer());
+    }
+}
+
+TEST_F(AIAnswersTest, CancelledRetryWaitStillRetries)
+{
+    goLive(h, true);
+    say(h, Speaker::interviewer, u"Walk me through your CV."_s);
+    h.backend->streamAnswerFailures.add(failureOf(APIError::serverError(502)));
+    const qint64 t0 = h.clock.nowMs();
+    h.vm.triggerAIAnswer();
+    passTime(h, 300ms);
+    // The new piece supersedes the answer in its retry wait; the retry goes out all the same.
+    say(h, Speaker::interviewer, u"Briefly."_s);
+    EXPECT_EQ(callOffsets(*h.backend, u"streamAnswer"_s, t0), (QList<qint64>{0, 300}));
+    EXPECT_FALSE(h.vm.isGeneratingAnswer());
+    EXPECT_FALSE(h.vm.lastNotice());
+}
+
+TEST_F(AIAnswersTest, RetryableErrorsAreLostConnectionsAndServerFaults)
+{
+    const auto transport = [](QNetworkReply::NetworkError code) {
+        return failureOf(TransportError(code, u"transport"_s));
+    };
+    const std::vector<std::pair<const char*, std::pair<std::exception_ptr, bool>>> table{
+        {"timed out", {transport(QNetworkReply::TimeoutError), true}},
+        {"cannot connect", {transport(QNetworkReply::ConnectionRefusedError), true}},
+        {"connection lost", {transport(QNetworkReply::RemoteHostClosedError), true}},
+        {"not connected", {transport(QNetworkReply::NetworkSessionFailedError), true}},
+        {"host not found", {transport(QNetworkReply::HostNotFoundError), true}},
+        {"cancelled", {transport(QNetworkReply::OperationCanceledError), false}},
+        {"TLS failure", {transport(QNetworkReply::SslHandshakeFailedError), false}},
+        {"not found", {transport(QNetworkReply::ContentNotFoundError), false}},
+        {"authentication", {transport(QNetworkReply::AuthenticationRequiredError), false}},
+        {"network error", {failureOf(APIError::networkError()), true}},
+        {"500", {failureOf(APIError::serverError(500)), true}},
+        {"503", {failureOf(APIError::serverError(503)), true}},
+        {"499", {failureOf(APIError::serverError(499)), false}},
+        {"400", {failureOf(APIError::serverError(400)), false}},
+        {"unauthorized", {failureOf(APIError::unauthorized()), false}},
+        {"decoding", {failureOf(APIError::decodingError()), false}},
+        {"speech token refused", {failureOf(SpeechTokenError(u"quota"_s)), false}},
+        {"plain error", {failureOf(std::runtime_error("boom")), false}},
+        {"not an exception", {failureOf(42), false}},
+        {"no error", {nullptr, false}},
+    };
+    for (const auto& [name, row] : table) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(isRetryableNetworkError(row.first), row.second);
+    }
+}
+
+TEST_F(AIAnswersTest, KeyInALocalInterviewDoesNothing)
+{
+    h.backend->createSessionFailures.add(failureOf(APIError::serverError(500)));
+    goLive(h, true);
+    ASSERT_FALSE(h.vm.currentSessionUsesBackend());
+    say(h, Speaker::interviewer, u"Introduce yourself."_s);
+    EXPECT_FALSE(h.vm.canRequestAnswer());
+    h.vm.triggerAIAnswer();
+    // Nor does the automatic trigger ask anything.
+    passTime(h, 10s);
+    EXPECT_TRUE(h.backend->callsOf(u"streamAnswer"_s).isEmpty());
+    EXPECT_TRUE(h.vm.aiAnswerHistory().isEmpty());
+    EXPECT_FALSE(h.vm.isGeneratingAnswer());
+}
+
+TEST_F(AIAnswersTest, KeyWithoutInterviewerTextDoesNothing)
+{
+    goLive(h);
+    say(h, Speaker::user, u"I am ready when you are."_s);
+    say(h, Speaker::interviewer, u"Let us"_s, false);
+    EXPECT_TRUE(h.vm.canRequestAnswer());
+    h.vm.triggerAIAnswer();
+    EXPECT_TRUE(h.backend->callsOf(u"streamAnswer"_s).isEmpty());
+    EXPECT_TRUE(h.vm.aiAnswerHistory().isEmpty());
+    EXPECT_FALSE(h.vm.selectedAnswerIndex());
+}
+
+TEST_F(AIAnswersTest, SelectedLineIsAskedAndTheActiveEntriesStayOpen)
+{
+    goLive(h);
+    say(h, Speaker::interviewer, u"First question."_s);
+    passTime(h, 6s);
+    say(h, Speaker::interviewer, u"Second question"_s);
+    passTime(h, 1s);
+    say(h, Speaker::user, u"My reply"_s);
+    const auto& entries = h.vm.transcriptManager().entries();
+    ASSERT_EQ(entries.size(), 3);
+
+    h.vm.selectPreviousTranscript();
+    h.vm.selectPreviousTranscript();
+    h.vm.selectPreviousTranscript();
+    ASSERT_EQ(h.vm.selectedTranscriptIndex(), 0);
+    h.vm.triggerAIAnswer();
+    ASSERT_EQ(h.backend->answerRequests.size(), 1);
+    EXPECT_EQ(h.backend->answerRequests[0].question, u"First question."_s);
+    EXPECT_FALSE(h.vm.selectedTranscriptIndex());
+
+    passTime(h, 1s);
+    say(h, Speaker::interviewer, u"goes on"_s);
+    say(h, Speaker::user, u"too"_s);
+    ASSERT_EQ(entries.size(), 3);
+    EXPECT_EQ(entries[1].content, u"Second question goes on"_s);
+    EXPECT_EQ(entries[2].content, u"My reply too"_s);
+}
+
+TEST_F(AIAnswersTest, WithoutSelectionTheNewestInterviewerEntryIsAskedAndClosed)
+{
+    goLive(h);
+    say(h, Speaker::interviewer, u"Why"_s);
+    passTime(h, 1s);
+    say(h, Speaker::interviewer, u"this role?"_s);
+    say(h, Speaker::user, u"Well"_s);
+    h.vm.triggerAIAnswer();
+    ASSERT_EQ(h.backend->answerRequests.size(), 1);
+    EXPECT_EQ(h.backend->answerRequests[0].question, u"Why this role?"_s);
+    ASSERT_EQ(h.vm.aiAnswerHistory().size(), 1);
+    EXPECT_EQ(h.vm.aiAnswerHistory()[0].question, u"Why this role?"_s);
+
+    // Well within the merge gap, yet both speakers start afresh.
+    passTime(h, 1s);
+    say(h, Speaker::interviewer, u"And the team?"_s);
+    say(h, Speaker::user, u"Also"_s);
+    const auto& entries = h.vm.transcriptManager().entries();
+    ASSERT_EQ(entries.size(), 4);
+    EXPECT_EQ(entries[0].content, u"Why this role?"_s);
+    EXPECT_EQ(entries[1].content, u"Well"_s);
+    EXPECT_EQ(entries[2].content, u"And the team?"_s);
+    EXPECT_EQ(entries[3].content, u"Also"_s);
+}
+
+TEST_F(AIAnswersTest, RequestCarriesTheLastTenEntriesTheSessionAndTheSettings)
+{
+    h.settings.setOutputLanguage(u"de"_s);
+    h.settings.setActiveResumeId(u"resume-7"_s);
+    goLive(h);
+    for (int k = 1; k <= 12; ++k) {
+        say(h, k % 2 ? Speaker::interviewer : Speaker::user, u"line "_s + QString::number(k));
+        passTime(h, 5001ms);
+    }
+    say(h, Speaker::user, u"unfinished"_s, false);
+    say(h, Speaker::interviewer, u"also unfinished"_s, false);
+    h.vm.triggerAIAnswer();
+
+    QList<QJsonObject> expectedContext;
+    for (int k = 3; k <= 12; ++k)
+        expectedContext.append(
+            contextLine(k % 2 ? u"interviewer"_s : u"user"_s, u"line "_s + QString::number(k)));
+    ASSERT_EQ(h.backend->answerRequests.size(), 1);
+    const auto& first = h.backend->answerRequests[0];
+    EXPECT_EQ(first.question, u"line 11"_s);
+    EXPECT_EQ(first.context, expectedContext);
+    EXPECT_EQ(first.sessionId, u"session-1"_s);
+    EXPECT_EQ(first.language, u"de"_s);
+    EXPECT_EQ(first.resumeId, u"resume-7"_s);
+    EXPECT_FALSE(first.jobDescriptionId);
+
+    h.settings.setActiveResumeId(std::nullopt);
+    h.settings.setActiveJobDescriptionId(u"jd-3"_s);
+    h.vm.triggerAIAnswer();
+    ASSERT_EQ(h.backend->answerRequests.size(), 2);
+    EXPECT_FALSE(h.backend->answerRequests[1].resumeId);
+    EXPECT_EQ(h.backend->answerRequests[1].jobDescriptionId, u"jd-3"_s);
+}
+
+TEST_F(AIAnswersTest, StreamFillsTheEntryAndLogsTheFinishedAnswer)
+{
+    h.backend->finishAnswers = false;
+    h.backend->answerChunks = {};
+    h.backend->answerLogId = u"log-42"_s;
+    goLive(h);
+    say(h, Speaker::interviewer, u"What is RAII?"_s);
+    h.vm.triggerAIAnswer();
+    ASSERT_EQ(h.backend->answerStreams.size(), 1);
+    const auto stream = h.backend->answerStreams[0];
+    ASSERT_EQ(h.vm.aiAnswerHistory().size(), 1);
+    EXPECT_EQ(h.vm.aiAnswerHistory()[0].logId, u"log-42"_s);
+    EXPECT_TRUE(h.vm.isSelectedAnswerStreaming());
+
+    stream->push(QString());
+    InterviewHarness::settle();
+    EXPECT_TRUE(eventsOf(*h.telemetry, u"first_answer_received"_s).isEmpty());
+    passTime(h, 1500ms);
+    stream->push(u"Resource "_s);
+    passTime(h, 200ms);
+    stream->push(u"acquisition."_s);
+    InterviewHarness::settle();
+    EXPECT_EQ(eventsOf(*h.telemetry, u"first_answer_received"_s),
+              QStringList{u"first_answer_received 1500"_s});
+    EXPECT_EQ(h.vm.currentAnswerText(), u"Resource acquisition."_s);
+    EXPECT_TRUE(h.backend->callsOf(u"saveAnswerLog"_s).isEmpty());
+
+    stream->finish();
+    InterviewHarness::settle();
+    EXPECT_FALSE(h.vm.isGeneratingAnswer());
+    EXPECT_FALSE(h.vm.isSelectedAnswerStreaming());
+    EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s),
+              QStringList{u"saveAnswerLog log-42 Resource acquisition."_s});
+}
+
+TEST_F(AIAnswersTest, AnswerIsLoggedOnlyWithALogIdAndText)
+{
+    struct Case {
+        const char* name;
+        std::optional<QString> logId;
+        QStringList chunks;
+        QStringList expectedLog;
+    };
+    const std::vector<Case> cases{
+        {"NoChunks", u"log-1"_s, {}, {}},
+        {"OnlyEmptyChunks", u"log-1"_s, {QString(), QString()}, {}},
+        {"NoLogId", std::nullopt, {u"Some text"_s}, {}},
+        {"LogIdAndText", u"log-9"_s, {u"A"_s, u"B"_s}, {u"saveAnswerLog log-9 AB"_s}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        InterviewHarness row;
+        row.backend->answerLogId = c.logId;
+        row.backend->answerChunks = c.chunks;
+        goLive(row);
+        say(row, Speaker::interviewer, u"Any questions for us?"_s);
+        row.vm.triggerAIAnswer();
+        ASSERT_EQ(row.vm.aiAnswerHistory().size(), 1);
+        const auto& entry = row.vm.aiAnswerHistory()[0];
+        EXPECT_EQ(entry.answer, c.chunks.join(QString()));
+        EXPECT_EQ(entry.logId, c.logId);
+        EXPECT_FALSE(row.vm.isGeneratingAnswer());
+        EXPECT_FALSE(row.vm.lastNotice());
+        EXPECT_EQ(row.backend->callsOf(u"saveAnswerLog"_s), c.expectedLog);
+        EXPECT_EQ(eventsOf(*row.telemetry, u"first_answer_received"_s).size(),
+                  entry.answer.isEmpty() ? 0 : 1);
+    }
+}
+
+TEST_F(AIAnswersTest, StreamBreakingAfterSomeChunksKeepsThePartialText)
+{
+    h.backend->finishAnswers = false;
+    h.backend->answerChunks = {u"Half an "_s};
+    goLive(h);
+    say(h, Speaker::interviewer, u"Explain consensus."_s);
+    h.vm.triggerAIAnswer();
+    passTime(h, 2s);
+    h.backend->answerStreams[0]->fail(failureOf(APIError::networkError()));
+    InterviewHarness::settle();
+
+    ASSERT_EQ(h.vm.aiAnswerHistory().size(), 1);
+    EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"Half an "_s);
+    EXPECT_FALSE(h.vm.isGeneratingAnswer());
+    EXPECT_EQ(h.vm.lastNotice(), aiUnavailable);
+    EXPECT_EQ(h.vm.lastRecoverableError(), u"AI answer failed: Network connection failed"_s);
+    EXPECT_EQ(h.vm.lastRecoverableErrorAtMs(), h.clock.nowMs());
+    EXPECT_EQ(h.vm.pipelineState(), State::recording);
+    EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+    // A broken stream is not asked again.
+    passTime(h, 10s);
+    EXPECT_EQ(h.backend->callsOf(u"streamAnswer"_s).size(), 1);
+}
+
+TEST_F(AIAnswersTest, StreamIsReadForNinetySecondsAtMost)
+{
+    h.backend->finishAnswers = false;
+    h.backend->answerChunks = {u"Start"_s};
+    goLive(h);
+    say(h, Speaker::interviewer, u"Tell me everything."_s);
+    h.vm.triggerAIAnswer();
+    const auto stream = h.backend->answerStreams[0];
+
+    passTime(h, 90s);
+    stream->push(u" on time"_s);
+    InterviewHarness::settle();
+    EXPECT_TRUE(h.vm.isGeneratingAnswer());
+    passTime(h, 1ms);
+    stream->push(u" too late"_s);
+    InterviewHarness::settle();
+    EXPECT_FALSE(h.vm.isGeneratingAnswer());
+    stream->push(u" and later"_s);
+    InterviewHarness::settle();
+    EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"Start on time"_s);
+    EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s),
+              QStringList{u"saveAnswerLog log-1 Start on time"_s});
+    EXPECT_FALSE(h.vm.lastNotice());
+}
+
+TEST_F(AIAnswersTest, AnswerSelectionStaysInBoundsAndFollowsNewAnswers)
+{
+    goLive(h);
+    h.vm.selectNextAnswer();
+    h.vm.selectPreviousAnswer();
+    EXPECT_FALSE(h.vm.selectedAnswerIndex());
+    EXPECT_EQ(h.vm.currentAnswerText(), QString());
+    EXPECT_FALSE(h.vm.isSelectedAnswerStreaming());
+
+    say(h, Speaker::interviewer, u"One?"_s);
+    for (const auto& answer : {u"zero"_s, u"one"_s, u"two"_s}) {
+        h.backend->answerChunks = {answer};
+        h.vm.triggerAIAnswer();
+    }
+    ASSERT_EQ(h.vm.aiAnswerHistory().size(), 3);
+    EXPECT_EQ(h.vm.selectedAnswerIndex(), 2);
+    h.vm.selectNextAnswer();
+    EXPECT_EQ(h.vm.selectedAnswerIndex(), 2);
+    h.vm.selectPreviousAnswer();
+    EXPECT_EQ(h.vm.currentAnswerText(), u"one"_s);
+    h.vm.selectPreviousAnswer();
+    h.vm.selectPreviousAnswer();
+    EXPECT_EQ(h.vm.selectedAnswerIndex(), 0);
+    EXPECT_EQ(h.vm.currentAnswerText(), u"zero"_s);
+    h.vm.selectNextAnswer();
+    EXPECT_EQ(h.vm.selectedAnswerIndex(), 1);
+
+    // A new answer takes the selection to the end although an older one was on show.
+    h.backend->finishAnswers = false;
+    h.backend->answerChunks = {u"three"_s};
+    h.vm.triggerAIAnswer();
+    EXPECT_EQ(h.vm.selectedAnswerIndex(), 3);
+    EXPECT_EQ(h.vm.currentAnswerText(), u"three"_s);
+    EXPECT_TRUE(h.vm.isSelectedAnswerStreaming());
+    h.vm.selectPreviousAnswer();
+    EXPECT_EQ(h.vm.currentAnswerText(), u"two"_s);
+    EXPECT_FALSE(h.vm.isSelectedAnswerStreaming());
+    h.vm.selectNextAnswer();
+    EXPECT_TRUE(h.vm.isSelectedAnswerStreaming());
+    h.backend->answerStreams.last()->finish();
+    InterviewHarness::settle();
+    EXPECT_FALSE(h.vm.isSelectedAnswerStreaming());
+    EXPECT_EQ(h.vm.currentAnswerText(), u"three"_s);
+}
+
+TEST_F(AIAnswersTest, TranscriptSelectionWalksTheLastFiveFinalRows)
+{
+    goLive(h);
+    h.vm.selectPreviousTranscript();
+    EXPECT_FALSE(h.vm.selectedTranscriptIndex());
+
+    for (int k = 1; k <= 7; ++k) {
+        say(h, Speaker::interviewer, u"line "_s + QString::number(k));
+        passTime(h, 5001ms);
+    }
+    // A partial row is on screen but cannot be chosen.
+    say(h, Speaker::user, u"um"_s, false);
+    ASSERT_EQ(h.vm.transcriptManager().displayedEntries().size(), 6);
+
+    h.vm.selectNextTranscript();
+    EXPECT_FALSE(h.vm.selectedTranscriptIndex());
+    h.vm.selectPreviousTranscript();
+    EXPECT_EQ(h.vm.selectedTranscriptIndex(), 4);
+    for (int k = 0; k < 6; ++k)
+        h.vm.selectPreviousTranscript();
+    EXPECT_EQ(h.vm.selectedTranscriptIndex(), 0);
+    for (int k = 0; k < 4; ++k)
+        h.vm.selectNextTranscript();
+    EXPECT_EQ(h.vm.selectedTranscriptIndex(), 4);
+    h.vm.selectNextTranscript();
+    EXPECT_FALSE(h.vm.selectedTranscriptIndex());
+
+    // Position 0 is the oldest of the five rows shown, not of the whole transcript.
+    h.vm.selectPreviousTranscript();
+    h.vm.selectPreviousTranscript();
+    h.vm.selectPreviousTranscript();
+    h.vm.selectPreviousTranscript();
+    h.vm.selectPreviousTranscript();
+    h.vm.triggerAIAnswer();
+    ASSERT_EQ(h.backend->answerRequests.size(), 1);
+    EXPECT_EQ(h.backend->answerRequests[0].question, u"line 3"_s);
+}
+
+TEST_F(AIAnswersTest, CanRequestAnswerOnlyWhileRecordingSignedInAndIdle)
+{
+    EXPECT_FALSE(h.vm.canRequestAnswer());
+    h.backend->finishAnswers = false;
+    goLive(h);
+    EXPECT_TRUE(h.vm.canRequestAnswer());
+    h.vm.setLoggedIn(false);
+    EXPECT_FALSE(h.vm.canRequestAnswer());
+    h.vm.setLoggedIn(true);
+    say(h, Speaker::interviewer, u"Ready?"_s);
+    h.vm.triggerAIAnswer();
+    EXPECT_FALSE(h.vm.canRequestAnswer());
+    h.backend->answerStreams[0]->finish();
+    InterviewHarness::settle();
+    EXPECT_TRUE(h.vm.canRequestAnswer());
+    h.stop();
+    EXPECT_FALSE(h.vm.canRequestAnswer());
+}
+
+TEST_F(AIAnswersTest, StopEndsARunningAnswerAndKeepsItsEntry)
+{
+    h.backend->finishAnswers = false;
+    h.backend->answerChunks = {u"Part"_s};
+    goLive(h);
+    say(h, Speaker::interviewer, u"Last question."_s);
+    h.vm.triggerAIAnswer();
+    ASSERT_TRUE(h.vm.isGeneratingAnswer());
+
+    h.stop();
+    EXPECT_FALSE(h.vm.isGeneratingAnswer());
+    EXPECT_EQ(h.vm.runningTaskCount(), 0);
+    // The cancelled answer ran to its end at once and logged what it had.
+    EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s), QStringList{u"saveAnswerLog log-1 Part"_s});
+    h.backend->answerStreams[0]->push(u" more"_s);
+    InterviewHarness::settle();
+    ASSERT_EQ(h.vm.aiAnswerHistory().size(), 1);
+    EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"Part"_s);
+    EXPECT_EQ(h.vm.currentAnswerText(), u"Part"_s);
+    EXPECT_EQ(h.vm.pipelineState(), State::idle);
+}
+
+TEST_F(AIAnswersTest, StopCancelsAPendingAutomaticAnswer)
+{
+    goLive(h, true);
+    say(h, Speaker::interviewer, u"Thank you for your time."_s);
+    passTime(h, 2s);
+    h.stop();
+    passTime(h, 10s);
+    EXPECT_TRUE(h.backend->callsOf(u"streamAnswer"_s).isEmpty());
+    EXPECT_TRUE(h.vm.aiAnswerHistory().isEmpty());
+    EXPECT_EQ(h.vm.runningTaskCount(), 0);
+}
+
+} // namespace

@@ -1,0 +1,500 @@
+#include "InterviewHarness.h"
+
+#include "APIError.h"
+#include "LogCapture.h"
+
+#include <QSignalSpy>
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+using Speaker = TranscriptEntry::Speaker;
+using State = InterviewViewModel::PipelineState;
+
+const QString reconnectingInBackground = u"Recording — reconnecting in background"_s;
+
+// The token fetches of ten counted failures in a row, in ms after the first event: 0.5 s, then
+// each scheduled attempt waits its delay and the doubled back-off again, up to 15 + 15.
+const QList<qint64> backOffSchedule{500,    2'500,  6'500,   14'500,  30'500,
+                                    60'500, 90'500, 120'500, 150'500, 180'500};
+
+void passTime(InterviewHarness& h, std::chrono::milliseconds by)
+{
+    h.clock.advance(by);
+    InterviewHarness::settle();
+}
+
+// Raises a recovery event on the channel's recogniser; the model's reader task handles it.
+void fail(InterviewHarness& h, Speaker speaker, const QString& reason,
+          bool countsTowardLimit = true)
+{
+    h.recognizerOf(speaker)->fail(reason, countsTowardLimit);
+    InterviewHarness::settle();
+}
+
+// A moment of the test: the time and how many backend calls had been made by then.
+struct Mark {
+    qsizetype call;
+    qint64 ms;
+};
+
+Mark mark(const InterviewHarness& h)
+{
+    return {h.backend->calls.size(), h.clock.nowMs()};
+}
+
+// When each backend call whose text starts with `prefix` was made after `from`, relative to it.
+QList<qint64> callOffsets(const ScriptedBackend& backend, const QString& prefix, Mark from)
+{
+    QList<qint64> offsets;
+    for (qsizetype k = from.call; k < backend.calls.size(); ++k) {
+        if (backend.calls.at(k).startsWith(prefix))
+            offsets.append(backend.callTimesMs.at(k) - from.ms);
+    }
+    return offsets;
+}
+
+int tokenFetches(const InterviewHarness& h)
+{
+    return static_cast<int>(h.backend->callsOf(u"fetchSpeechToken"_s).size());
+}
+
+QStringList sttFailures(const FakeTelemetry& telemetry)
+{
+    QStringList matching;
+    for (const auto& event : telemetry.events) {
+        if (event.startsWith(u"stt_failed"_s))
+            matching.append(event);
+    }
+    return matching;
+}
+
+// Counts every change of what the user sees of the pipeline.
+struct VisibleChanges {
+    explicit VisibleChanges(InterviewViewModel& vm)
+        : state(&vm, &InterviewViewModel::pipelineStateChanged)
+        , status(&vm, &InterviewViewModel::statusMessageChanged)
+        , notice(&vm, &InterviewViewModel::lastNoticeChanged)
+        , recoverable(&vm, &InterviewViewModel::lastRecoverableErrorChanged)
+    {
+    }
+    qsizetype total() const
+    {
+        return state.size() + status.size() + notice.size() + recoverable.size();
+    }
+
+    QSignalSpy state;
+    QSignalSpy status;
+    QSignalSpy notice;
+    QSignalSpy recoverable;
+};
+
+class SpeechRecoveryTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        h.start();
+        ASSERT_TRUE(h.vm.isRecording());
+        interviewer = h.recognizerOf(Speaker::interviewer);
+        user = h.recognizerOf(Speaker::user);
+        ASSERT_TRUE(interviewer && user);
+    }
+
+    InterviewHarness h;
+    std::shared_ptr<FakeRecognizer> interviewer;
+    std::shared_ptr<FakeRecognizer> user;
+};
+
+TEST_F(SpeechRecoveryTest, FailingTokenFetchesFollowTheBackOffScheduleUpToTheLimit)
+{
+    h.backend->speechTokenFailures.failAlways(failureOf(APIError::serverError(503)));
+    const Mark t0 = mark(h);
+    fail(h, Speaker::interviewer, u"socket closed"_s);
+
+    passTime(h, 195'499ms);
+    EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t0), backOffSchedule);
+    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 10);
+    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 15);
+    EXPECT_EQ(h.vm.statusMessage(), reconnectingInBackground);
+    EXPECT_EQ(interviewer->starts.size(), 1);
+
+    // The eleventh counted event gives up on the attempt and only reschedules, every 30 s.
+    for (int count = 11; count <= 14; ++count) {
+        SCOPED_TRACE(count);
+        passTime(h, 1ms);
+        EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), count);
+        EXPECT_EQ(h.vm.pipelineState(), State::recording);
+        EXPECT_EQ(h.vm.statusMessage(), reconnectingInBackground);
+        EXPECT_EQ(h.vm.lastRecoverableError(),
+                  u"Speech recognition reconnecting: Scheduled reconnect"_s);
+        EXPECT_EQ(h.vm.lastRecoverableErrorAtMs(), h.clock.nowMs());
+        EXPECT_TRUE(h.vm.hasScheduledReconnect(Speaker::interviewer));
+        EXPECT_FALSE(h.vm.isRestarting(Speaker::interviewer));
+        passTime(h, 29'999ms);
+        EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), count);
+    }
+    EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t0), backOffSchedule);
+    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 15);
+    EXPECT_EQ(sttFailures(*h.telemetry).size(), 14);
+    EXPECT_TRUE(h.vm.isRecording());
+    EXPECT_EQ(h.vm.restartCount(Speaker::user), 0);
+}
+
+TEST_F(SpeechRecoveryTest, CountedSuccessRestartsTheSameRecognizerAndResetsTheBackOff)
+{
+    LogCapture log;
+    const auto audio = h.vm.audioStream(Speaker::interviewer);
+    h.backend->speechTokenFailures.add(failureOf(APIError::networkError()), 2);
+    const Mark t0 = mark(h);
+    fail(h, Speaker::interviewer, u"vendor closed 1011"_s);
+    passTime(h, 6'499ms);
+    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 3);
+    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 2);
+
+    h.gates.hold(u"fetchSpeechToken"_s);
+    passTime(h, 1ms);
+    ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s));
+    EXPECT_EQ(h.vm.pipelineState(), State::reconnecting);
+    EXPECT_EQ(h.vm.statusMessage(), u"Reconnecting"_s);
+    h.gates.release(u"fetchSpeechToken"_s);
+    InterviewHarness::settle();
+
+    EXPECT_EQ(h.vm.pipelineState(), State::recording);
+    EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 0);
+    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 0.5);
+    EXPECT_FALSE(h.vm.isRestarting(Speaker::interviewer));
+    // Only the four stream readers are left.
+    EXPECT_EQ(h.vm.runningTaskCount(), 4);
+
+    // No new recogniser: the same object is started again, on the same audio, with the new token.
+    EXPECT_EQ(h.recognizers.size(), 2);
+    EXPECT_EQ(h.recognizerOf(Speaker::interviewer), interviewer);
+    EXPECT_EQ(h.vm.recognizer(Speaker::interviewer), interviewer.get());
+    ASSERT_EQ(interviewer->starts.size(), 2);
+    EXPECT_EQ(interviewer->starts[1].token, u"speech-token-3"_s);
+    EXPECT_EQ(interviewer->starts[1].audio, audio);
+    EXPECT_EQ(interviewer->starts[1].language, u"en-US"_s);
+    EXPECT_EQ(interviewer->starts[1].model, u"nova-3"_s);
+    EXPECT_TRUE(log.lines().contains(
+        u"[SpeechProvider] Restarting interviewer recognizer: vendor closed 1011"_s));
+
+    // The readers never stopped.
+    interviewer->say(u"Can you hear me now?"_s, true, h.clock.nowMs());
+    InterviewHarness::settle();
+    EXPECT_EQ(h.vm.transcriptManager().latestInterviewerText(), u"Can you hear me now?"_s);
+
+    // The next failure starts again at 0.5 s.
+    const Mark t1 = mark(h);
+    fail(h, Speaker::interviewer, u"again"_s);
+    passTime(h, 499ms);
+    EXPECT_TRUE(callOffsets(*h.backend, u"fetchSpeechToken"_s, t1).isEmpty());
+    passTime(h, 1ms);
+    EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t1), QList<qint64>{500});
+    EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t0),
+              (QList<qint64>{500, 2'500, 6'500, t1.ms - t0.ms + 500}));
+    EXPECT_EQ(interviewer->starts.size(), 3);
+}
+
+TEST_F(SpeechRecoveryTest, UncountedEventRestartsAtOnceAndShowsNothing)
+{
+    VisibleChanges changes(h.vm);
+    h.gates.hold(u"fetchSpeechToken"_s);
+    fail(h, Speaker::interviewer, u"token renewal"_s, false);
+    EXPECT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s));
+    EXPECT_EQ(h.vm.pipelineState(), State::recording);
+    EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+    h.gates.release(u"fetchSpeechToken"_s);
+    InterviewHarness::settle();
+    ASSERT_EQ(interviewer->starts.size(), 2);
+    EXPECT_EQ(interviewer->starts[1].token, u"speech-token-3"_s);
+    EXPECT_EQ(changes.total(), 0);
+    EXPECT_TRUE(sttFailures(*h.telemetry).isEmpty());
+
+    // With a count and a back-off standing, an uncounted success leaves both.
+    h.backend->speechTokenFailures.add(failureOf(APIError::serverError(500)));
+    fail(h, Speaker::interviewer, u"dropped"_s);
+    passTime(h, 500ms);
+    ASSERT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
+    ASSERT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 1);
+    fail(h, Speaker::interviewer, u"token renewal"_s, false);
+    EXPECT_EQ(interviewer->starts.size(), 3);
+    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
+    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 1);
+    EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+
+    // A failed uncounted restart still doubles the back-off, and the reschedule uses it.
+    h.backend->speechTokenFailures.add(failureOf(APIError::serverError(500)));
+    const Mark t1 = mark(h);
+    fail(h, Speaker::interviewer, u"token renewal"_s, false);
+    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
+    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 2);
+    passTime(h, 4s);
+    EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t1), (QList<qint64>{0, 4'000}));
+    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 0);
+    EXPECT_EQ(interviewer->starts.size(), 4);
+}
+
+TEST_F(SpeechRecoveryTest, EventDuringARestartAddsNothing)
+{
+    h.gates.hold(u"fetchSpeechToken"_s);
+    fail(h, Speaker::interviewer, u"first break"_s);
+    passTime(h, 500ms);
+    ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s));
+    ASSERT_TRUE(h.vm.isRestarting(Speaker::interviewer));
+
+    for (const bool counts : {true, false}) {
+        awaitTask(h.vm.handleInterviewerRecovery(u"second break"_s, counts), 1000);
+        EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
+        EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 0.5);
+        EXPECT_EQ(h.vm.pipelineState(), State::reconnecting);
+        EXPECT_FALSE(h.vm.hasScheduledReconnect(Speaker::interviewer));
+    }
+    h.gates.release(u"fetchSpeechToken"_s);
+    InterviewHarness::settle();
+    EXPECT_EQ(tokenFetches(h), 3);
+    EXPECT_EQ(interviewer->starts.size(), 2);
+    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 0);
+    // The telemetry of a counted failure goes out before the guard.
+    EXPECT_EQ(sttFailures(*h.telemetry).size(), 2);
+}
+
+TEST_F(SpeechRecoveryTest, RecognizerStartIsRetriedOnceWhenTheFailureIsRetryable)
+{
+    struct Case {
+        const char* name;
+        std::vector<std::exception_ptr> startFailures;
+        int expectedStarts; // including the start of the interview
+        std::optional<QString> failure;
+    };
+    const std::vector<Case> cases{
+        {"TimeoutThenSuccess",
+         {failureOf(TransportError(QNetworkReply::TimeoutError, u"timed out"_s))},
+         3,
+         std::nullopt},
+        {"ServerErrorTwice",
+         {failureOf(APIError::serverError(502)), failureOf(APIError::serverError(502))},
+         3,
+         u"Speech channel reconnection failed: Server error (502)"_s},
+        {"Unauthorized", {failureOf(APIError::unauthorized())}, 2,
+         u"Speech channel reconnection failed: Authentication required"_s},
+        {"HandshakeRefused", {failureOf(DescribedError(u"handshake refused"_s))}, 2,
+         u"Speech channel reconnection failed: handshake refused"_s},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        InterviewHarness row;
+        row.start();
+        const auto recognizer = row.recognizerOf(Speaker::interviewer);
+        ASSERT_TRUE(recognizer);
+        for (const auto& failure : c.startFailures)
+            recognizer->startFailures.add(failure);
+        fail(row, Speaker::interviewer, u"closed"_s);
+        passTime(row, 500ms);
+        ASSERT_EQ(recognizer->starts.size(), 2);
+        const bool retried = c.expectedStarts == 3;
+        EXPECT_EQ(row.vm.isRestarting(Speaker::interviewer), retried);
+        passTime(row, 349ms);
+        EXPECT_EQ(recognizer->starts.size(), 2);
+        passTime(row, 1ms);
+        ASSERT_EQ(recognizer->starts.size(), c.expectedStarts);
+        EXPECT_EQ(recognizer->starts.last().token, u"speech-token-3"_s);
+        EXPECT_EQ(tokenFetches(row), 3);
+        EXPECT_FALSE(row.vm.isRestarting(Speaker::interviewer));
+        EXPECT_EQ(row.vm.lastRecoverableError(), c.failure);
+        if (c.failure) {
+            EXPECT_EQ(row.vm.restartCount(Speaker::interviewer), 1);
+            EXPECT_EQ(row.vm.reconnectBackoffSeconds(Speaker::interviewer), 1);
+            EXPECT_EQ(row.vm.statusMessage(), reconnectingInBackground);
+        } else {
+            EXPECT_EQ(row.vm.restartCount(Speaker::interviewer), 0);
+            EXPECT_EQ(row.vm.statusMessage(), u"Recording live"_s);
+        }
+    }
+}
+
+TEST_F(SpeechRecoveryTest, FailedRestartReportsTheErrorTheNoticeAndTelemetry)
+{
+    InterviewHarness openai;
+    openai.backend->speechProvider = u"openai"_s;
+    openai.start();
+    ASSERT_EQ(openai.vm.speechProvider(), SpeechProvider::openai);
+    openai.backend->speechTokenFailures.failAlways(failureOf(APIError::serverError(503)));
+    const QString reason =
+        u"WebSocket closed with code 1006 after the vendor stopped answering pings, twice"_s;
+    ASSERT_GT(reason.size(), 64);
+    fail(openai, Speaker::interviewer, reason);
+    EXPECT_EQ(sttFailures(*openai.telemetry),
+              QStringList{u"stt_failed openai "_s + reason.left(64)});
+    passTime(openai, 500ms);
+
+    EXPECT_EQ(openai.vm.lastRecoverableError(),
+              u"Speech channel reconnection failed: Server error (503)"_s);
+    EXPECT_EQ(openai.vm.lastRecoverableErrorAtMs(), openai.clock.nowMs());
+    EXPECT_EQ(openai.vm.lastNotice(), u"Reconnection failed. RavletAI will keep trying."_s);
+    EXPECT_EQ(openai.vm.pipelineState(), State::recording);
+    EXPECT_EQ(openai.vm.statusMessage(), reconnectingInBackground);
+    EXPECT_TRUE(openai.vm.hasScheduledReconnect(Speaker::interviewer));
+    EXPECT_TRUE(openai.vm.isRecording());
+
+    // Neither an uncounted event nor the candidate's channel reports a failure.
+    fail(openai, Speaker::interviewer, u"renewal"_s, false);
+    fail(openai, Speaker::user, u"mic socket closed"_s);
+    EXPECT_EQ(sttFailures(*openai.telemetry).size(), 1);
+}
+
+TEST_F(SpeechRecoveryTest, UserChannelFailsSilentlyAndKeepsItsCountAcrossInterviews)
+{
+    const auto microphoneAudio = h.vm.audioStream(Speaker::user);
+    VisibleChanges changes(h.vm);
+    fail(h, Speaker::user, u"mic socket closed"_s);
+    passTime(h, 500ms);
+    ASSERT_EQ(user->starts.size(), 2);
+    EXPECT_EQ(user->starts[1].token, u"speech-token-3"_s);
+    EXPECT_EQ(user->starts[1].audio, microphoneAudio);
+    EXPECT_EQ(interviewer->starts.size(), 1);
+    EXPECT_EQ(h.vm.restartCount(Speaker::user), 0);
+
+    h.backend->speechTokenFailures.failAlways(failureOf(APIError::serverError(503)));
+    const Mark t0 = mark(h);
+    fail(h, Speaker::user, u"mic socket closed"_s);
+    passTime(h, 195'499ms);
+    EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t0), backOffSchedule);
+    EXPECT_EQ(h.vm.restartCount(Speaker::user), 10);
+    passTime(h, 1ms);
+    EXPECT_EQ(h.vm.restartCount(Speaker::user), 11);
+    EXPECT_TRUE(h.vm.hasScheduledReconnect(Speaker::user));
+    passTime(h, 30s);
+    EXPECT_EQ(h.vm.restartCount(Speaker::user), 12);
+    EXPECT_EQ(tokenFetches(h), 13);
+
+    EXPECT_EQ(changes.total(), 0);
+    EXPECT_EQ(h.vm.pipelineState(), State::recording);
+    EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+    EXPECT_FALSE(h.vm.lastNotice());
+    EXPECT_FALSE(h.vm.lastRecoverableError());
+    EXPECT_TRUE(sttFailures(*h.telemetry).isEmpty());
+    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 0);
+
+    // The next live start resets the interviewer's count and back-off but not the candidate's,
+    // whose channel therefore cannot recover in that interview.
+    fail(h, Speaker::interviewer, u"interviewer socket closed"_s);
+    passTime(h, 500ms);
+    ASSERT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
+    ASSERT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 1);
+    h.stop();
+    EXPECT_EQ(h.vm.restartCount(Speaker::user), 12);
+    h.backend->speechTokenFailures.clear();
+    h.start();
+    ASSERT_TRUE(h.vm.isRecording());
+    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 0);
+    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 0.5);
+    EXPECT_EQ(h.vm.restartCount(Speaker::user), 12);
+    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::user), 15);
+
+    const int fetchesBefore = tokenFetches(h);
+    fail(h, Speaker::user, u"mic socket closed"_s);
+    fail(h, Speaker::interviewer, u"interviewer socket closed"_s);
+    passTime(h, 500ms);
+    EXPECT_EQ(h.vm.restartCount(Speaker::user), 13);
+    EXPECT_EQ(tokenFetches(h), fetchesBefore + 1);
+    EXPECT_EQ(h.recognizerOf(Speaker::user)->starts.size(), 1);
+    EXPECT_EQ(h.recognizerOf(Speaker::interviewer)->starts.size(), 2);
+    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 0);
+}
+
+TEST_F(SpeechRecoveryTest, EventsAfterStopAreIgnored)
+{
+    h.backend->speechTokenFailures.add(failureOf(APIError::serverError(503)));
+    fail(h, Speaker::interviewer, u"socket closed"_s);
+    fail(h, Speaker::user, u"mic socket closed"_s);
+    passTime(h, 500ms);
+    ASSERT_TRUE(h.vm.hasScheduledReconnect(Speaker::interviewer));
+    const int fetchesBefore = tokenFetches(h);
+    const auto telemetryBefore = sttFailures(*h.telemetry);
+
+    h.stop();
+    EXPECT_FALSE(h.vm.hasScheduledReconnect(Speaker::interviewer));
+    EXPECT_FALSE(h.vm.hasScheduledReconnect(Speaker::user));
+    awaitTask(h.vm.handleInterviewerRecovery(u"late"_s, true), 1000);
+    awaitTask(h.vm.handleUserRecovery(u"late"_s, true), 1000);
+    passTime(h, 120s);
+    EXPECT_EQ(tokenFetches(h), fetchesBefore);
+    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
+    EXPECT_EQ(sttFailures(*h.telemetry), telemetryBefore);
+    EXPECT_EQ(h.vm.pipelineState(), State::idle);
+    EXPECT_EQ(h.vm.statusMessage(), u"Ready"_s);
+    EXPECT_EQ(interviewer->starts.size(), 1);
+}
+
+TEST_F(SpeechRecoveryTest, StopDuringARestartWins)
+{
+    struct Case {
+        const char* name;
+        QString gate;               // held while the stop comes; empty: the back-off sleep
+        bool failRecognizerStart;   // the stop comes in the wait before the start's retry
+        qsizetype expectedStarts;
+        std::chrono::milliseconds before;
+    };
+    const std::vector<Case> cases{
+        {"DuringBackOff", QString(), false, 1, 200ms},
+        {"DuringTokenFetch", u"fetchSpeechToken"_s, false, 1, 500ms},
+        {"DuringStartRetryWait", QString(), true, 2, 600ms},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        InterviewHarness row;
+        row.start();
+        const auto recognizer = row.recognizerOf(Speaker::interviewer);
+        ASSERT_TRUE(recognizer);
+        if (c.failRecognizerStart)
+            recognizer->startFailures.add(failureOf(APIError::networkError()));
+        if (!c.gate.isEmpty())
+            row.gates.hold(c.gate);
+        fail(row, Speaker::interviewer, u"socket closed"_s);
+        passTime(row, c.before);
+        ASSERT_TRUE(row.vm.isRestarting(Speaker::interviewer));
+
+        auto stopping = row.vm.stopInterview();
+        if (!c.gate.isEmpty()) {
+            ASSERT_TRUE(row.gates.isWaiting(c.gate));
+            row.gates.release(c.gate);
+        }
+        awaitTask(std::move(stopping));
+
+        EXPECT_EQ(row.vm.pipelineState(), State::idle);
+        EXPECT_EQ(row.vm.statusMessage(), u"Ready"_s);
+        EXPECT_EQ(row.vm.runningTaskCount(), 0);
+        EXPECT_FALSE(row.vm.isRestarting(Speaker::interviewer));
+        EXPECT_FALSE(row.vm.hasScheduledReconnect(Speaker::interviewer));
+        EXPECT_TRUE(recognizer->isStopped);
+        EXPECT_FALSE(row.vm.lastNotice());
+        passTime(row, 60s);
+        EXPECT_EQ(recognizer->starts.size(), c.expectedStarts);
+        EXPECT_FALSE(recognizer->isRunning);
+        EXPECT_EQ(row.vm.pipelineState(), State::idle);
+    }
+}
+
+TEST_F(SpeechRecoveryTest, TokenEndpointSetsTheRecognizerOriginOnRestart)
+{
+    fail(h, Speaker::interviewer, u"socket closed"_s);
+    passTime(h, 500ms);
+    ASSERT_EQ(interviewer->starts.size(), 2);
+    EXPECT_FALSE(interviewer->origin);
+
+    h.backend->endpoint = u"wss://eu.speech.test"_s;
+    fail(h, Speaker::interviewer, u"socket closed"_s);
+    fail(h, Speaker::user, u"mic socket closed"_s);
+    passTime(h, 500ms);
+    ASSERT_EQ(interviewer->starts.size(), 3);
+    EXPECT_EQ(interviewer->origin, u"wss://eu.speech.test"_s);
+    EXPECT_EQ(user->origin, u"wss://eu.speech.test"_s);
+}
+
+} // namespace
