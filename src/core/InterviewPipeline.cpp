@@ -71,21 +71,9 @@ QCoro::Task<> InterviewViewModel::runStart()
     const quint64 stopCount = m_stopCount;
     const auto stopped = [&] { return !self || overtakenByStop(stopCount); };
 
-    clearErrors();
-    m_isStoppingInterview = false;
-    setPipelineState(PipelineState::idle, u"vm.checking_permissions"_s);
-
-    if (!m_isLoggedIn || !m_backend) {
-        setError(m_strings.text(u"vm.sign_in_required"_s));
-        setPipelineState(PipelineState::error, u"vm.sign_in_short"_s);
+    if (!beginStart(u"vm.checking_permissions"_s))
         co_return;
-    }
     const auto backend = m_backend;
-    if (!backend->accessToken()) {
-        setError(m_strings.text(u"vm.auth_error"_s));
-        setPipelineState(PipelineState::error, u"vm.auth_error_short"_s);
-        co_return;
-    }
 
     const std::optional<QString> sessionNotice = co_await prepareSession(stopCount);
     if (stopped())
@@ -194,6 +182,25 @@ QCoro::Task<> InterviewViewModel::runStart()
     setRecording(true);
     setPipelineState(PipelineState::recording, u"vm.recording_live"_s);
     setNotice(sessionNotice);
+}
+
+bool InterviewViewModel::beginStart(const QString& statusKey)
+{
+    clearErrors();
+    m_isStoppingInterview = false;
+    setPipelineState(PipelineState::idle, statusKey);
+    // Speech needs the backend's tokens in every mode.
+    if (!m_isLoggedIn || !m_backend) {
+        setError(m_strings.text(u"vm.sign_in_required"_s));
+        setPipelineState(PipelineState::error, u"vm.sign_in_short"_s);
+        return false;
+    }
+    if (!m_backend->accessToken()) {
+        setError(m_strings.text(u"vm.auth_error"_s));
+        setPipelineState(PipelineState::error, u"vm.auth_error_short"_s);
+        return false;
+    }
+    return true;
 }
 
 QCoro::Task<std::optional<QString>> InterviewViewModel::prepareSession(quint64 stopCount)
@@ -504,19 +511,8 @@ QCoro::Task<> InterviewViewModel::runMockStart(QString sessionId)
             self->m_isStartingInterview = false;
     });
     const quint64 stopCount = m_stopCount;
-    clearErrors();
-    m_isStoppingInterview = false;
-    setPipelineState(PipelineState::idle, u"vm.connecting"_s);
-    if (!m_isLoggedIn || !m_backend) {
-        setError(m_strings.text(u"vm.sign_in_required"_s));
-        setPipelineState(PipelineState::error, u"vm.sign_in_short"_s);
+    if (!beginStart(u"vm.connecting"_s))
         co_return;
-    }
-    if (!m_backend->accessToken()) {
-        setError(m_strings.text(u"vm.auth_error"_s));
-        setPipelineState(PipelineState::error, u"vm.auth_error_short"_s);
-        co_return;
-    }
     setCurrentSession(makeLocalSession(std::move(sessionId)));
     setUsesBackend(true);
     setMockMode(true);

@@ -184,6 +184,9 @@ private:
     // Pipeline.
     QCoro::Task<> runStart();
     QCoro::Task<> runMockStart(QString sessionId);
+    // What both starts do first: clear the last errors, show `statusKey`, and check that the
+    // user is signed in with a token; false after showing why not.
+    bool beginStart(const QString& statusKey);
     QCoro::Task<std::optional<QString>> prepareSession(quint64 stopCount);
     InterviewSession makeLocalSession(QString id) const;
     QCoro::Task<> handleStartFailure(std::exception_ptr error, quint64 stopCount);
