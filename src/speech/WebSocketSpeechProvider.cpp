@@ -155,10 +155,21 @@ void WebSocketSpeechProvider::raiseRecovery(const QString& text)
 QCoro::Task<bool> WebSocketSpeechProvider::sendWhenConnected(QPointer<QWebSocket> socket, Message message,
                                                              CancellationToken token, QString* error)
 {
-    // A frame sent while the handshake is still running is silently dropped: wait for it.
+    // A frame sent while the handshake is still running is silently dropped: wait for it. The
+    // wait also ends when the socket goes away with its owner, or on cancellation; a wait tied
+    // to the socket alone would never wake then.
     while (socket && socket->state() != QAbstractSocket::ConnectedState
            && socket->state() != QAbstractSocket::UnconnectedState && !token.isCancelled()) {
-        co_await qCoro(socket.data(), &QWebSocket::stateChanged, 250ms);
+        // Queued, so that the socket's own handlers see the change first.
+        auto wake = std::make_shared<AsyncQueue<bool>>();
+        QTimer poll;
+        poll.setSingleShot(true);
+        const auto push = [wake] { wake->push(true); };
+        QObject::connect(socket.data(), &QWebSocket::stateChanged, &poll, push, Qt::QueuedConnection);
+        QObject::connect(socket.data(), &QObject::destroyed, &poll, push, Qt::QueuedConnection);
+        QObject::connect(&poll, &QTimer::timeout, push);
+        poll.start(250ms);
+        co_await wake->next(token);
     }
     if (!socket || token.isCancelled()) {
         *error = u"The send was cancelled"_s;
@@ -185,6 +196,11 @@ QCoro::Task<bool> WebSocketSpeechProvider::sendWhenConnected(QPointer<QWebSocket
 
 QCoro::Task<> WebSocketSpeechProvider::closeSocket(QPointer<QWebSocket> socket, std::optional<QString> message)
 {
+    // The farewell owns the socket from here: the provider is usually dropped right after
+    // stop, and a socket destroyed with it while still connecting would never wake the wait
+    // below, which is tied to the socket.
+    if (socket)
+        socket->setParent(nullptr);
     if (message) {
         CancellationToken grace;
         QTimer::singleShot(closingGraceMs, [grace] { grace.cancel(); });
