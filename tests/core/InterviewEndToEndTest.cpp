@@ -1,0 +1,338 @@
+// A whole interview over real sockets on loopback: the API client against the fake backend,
+// a Deepgram recogniser against the fake vendor (reached through the speech token's endpoint),
+// and the transcript channel against its fake server. Only the two audio sources are fed by
+// hand. Real time throughout.
+
+#include "QtPrinters.h"
+
+#include "APIClient.h"
+#include "AppStrings.h"
+#include "AuthTokenStore.h"
+#include "AwaitTask.h"
+#include "Clock.h"
+#include "FakeBackend.h"
+#include "FakeTranscriptChannel.h"
+#include "FakeVendorServer.h"
+#include "InterviewAdapters.h"
+#include "LoopbackInterview.h"
+#include "InterviewViewModel.h"
+#include "LogCapture.h"
+#include "NotificationCenter.h"
+#include "PreferencesStore.h"
+#include "UserSettings.h"
+
+#include <QElapsedTimer>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QSignalSpy>
+#include <QTest>
+#include <QWebSocket>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+using Speaker = TranscriptEntry::Speaker;
+using State = InterviewViewModel::PipelineState;
+using Reaction = FakeTranscriptChannel::Reaction;
+
+constexpr int deadlineMs = 10'000;
+const QByteArray sessionPath = "/api/v1/interview/session/session-1";
+
+bool waitFor(const std::function<bool()>& condition)
+{
+    return QTest::qWaitFor(condition, deadlineMs);
+}
+
+QJsonObject bodyOf(const FakeBackend::Request& request)
+{
+    return QJsonDocument::fromJson(request.body).object();
+}
+
+
+
+// Deepgram's v1 result message (German interviews take the v1 socket).
+QString results(const QString& transcript, bool isFinal, double confidence)
+{
+    const QJsonObject alternative{{u"transcript"_s, transcript}, {u"confidence"_s, confidence}};
+    const QJsonObject channel{{u"alternatives"_s, QJsonArray{alternative}}};
+    const QJsonObject message{{u"type"_s, u"Results"_s}, {u"is_final"_s, isFinal}, {u"channel"_s, channel}};
+    return QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact));
+}
+
+QList<QJsonObject> byId(QList<QJsonObject> entries)
+{
+    std::sort(entries.begin(), entries.end(), [](const QJsonObject& a, const QJsonObject& b) {
+        return a.value(u"id"_s).toString() < b.value(u"id"_s).toString();
+    });
+    return entries;
+}
+
+} // namespace
+
+class InterviewEndToEndTest : public ::testing::Test {
+protected:
+    InterviewEndToEndTest()
+    {
+        settings.setInputLanguage(u"de-DE"_s);
+        settings.setOutputLanguage(u"en"_s);
+        client.setAccessToken(u"access-1"_s);
+        vm.setBackend(std::make_shared<SeparateChannelBackend>(client, channelServer.baseURL()));
+        vm.setLoggedIn(true);
+
+        backend.setRoute("GET", "/api/v1/subscription/status",
+                         FakeBackend::Response::json(200, R"({"speechProvider":"deepgram"})"));
+        backend.setRoute("POST", "/api/v1/interview/session",
+                         FakeBackend::Response::json(200, R"({"id":"session-1","languageInput":"de-DE",)"
+                                                          R"("languageOutput":"en","startedAt":"2024-05-01T10:00:00.000Z",)"
+                                                          R"("status":"active"})"));
+        backend.setHandler("GET", "/api/v1/speech/token", [this](const FakeBackend::Request&) {
+            const QJsonObject token{{u"provider"_s, u"deepgram"_s},
+                                    {u"token"_s, u"speech-"_s + QString::number(++speechTokens)},
+                                    {u"sttModel"_s, u"nova-3"_s},
+                                    {u"endpoint"_s, vendor.origin()}};
+            return FakeBackend::Response::json(200, QJsonDocument(token).toJson(QJsonDocument::Compact));
+        });
+        backend.setRoute("PUT", sessionPath, FakeBackend::Response::json(200, "{}"));
+        backend.setRoute("POST", sessionPath + "/transcript", FakeBackend::Response::json(200, "{}"));
+        backend.setRoute("PATCH", "/api/v1/chat/log/log-7", FakeBackend::Response::json(200, "{}"));
+        backend.setRoute("POST", "/api/v1/chat/answer",
+                         FakeBackend::Response::stream({"data: {\"logId\":\"log-7\"}\n\n",
+                                                        "data: {\"content\":\"I built \"}\n\n",
+                                                        "data: {\"content\":\"a mixing desk.\"}\n\ndata: [DONE]\n\n"},
+                                                       5));
+    }
+
+    InterviewViewModel::Services services()
+    {
+        InterviewViewModel::Services s;
+        s.audioCapture = &systemAudio;
+        s.microphone = &microphone;
+        s.makeRecognizer = vendorRecognizers(clock);
+        s.makeTranscriptChannel = [this] { return std::make_shared<TranscriptUploadChannel>(clock); };
+        return s;
+    }
+
+    void start()
+    {
+        awaitTask(vm.startInterview(), deadlineMs);
+        ASSERT_TRUE(vm.isRecording());
+        // Each recogniser opened its socket; the vendor must see both before it can answer.
+        ASSERT_TRUE(vendor.waitForConnections(2));
+        ASSERT_TRUE(waitFor([&] { return vendor.openConnectionCount() == 2; }));
+    }
+
+    // What the vendor saw on the socket opened with this speech token.
+    const FakeVendorServer::Connection* vendorConnection(const QByteArray& speechToken) const
+    {
+        for (const auto& connection : vendor.connections()) {
+            if (connection.header("Authorization") == "Bearer " + speechToken)
+                return &connection;
+        }
+        return nullptr;
+    }
+    QWebSocket* vendorSocket(const QByteArray& speechToken) const
+    {
+        const auto* connection = vendorConnection(speechToken);
+        return connection ? connection->socket.data() : nullptr;
+    }
+
+    // The vendor says `text` on the socket of `speechToken` and the transcript takes it in.
+    void say(const QByteArray& speechToken, const QString& text, double confidence)
+    {
+        QSignalSpy changed(&vm.transcriptManager(), &TranscriptManager::entriesChanged);
+        auto* socket = vendorSocket(speechToken);
+        ASSERT_TRUE(socket);
+        socket->sendTextMessage(results(text, true, confidence));
+        ASSERT_TRUE(changed.wait(deadlineMs)) << "no transcript line for " << text.toStdString();
+    }
+
+    SystemClock clock;
+    PreferencesStore preferences;
+    NotificationCenter notifications;
+    UserSettings settings{preferences, notifications};
+    AppStrings strings{QStringList{u"en"_s}};
+    FakeBackend backend;
+    FakeVendorServer vendor;
+    FakeTranscriptChannel channelServer;
+    InMemoryTokenStore tokens;
+    APIClient client{backend.origin(), tokens, notifications};
+    PcmCapture systemAudio;
+    PcmCapture microphone;
+    int speechTokens = 0;
+    InterviewViewModel vm{clock, settings, strings, services()};
+};
+
+TEST_F(InterviewEndToEndTest, AudioBecomesTranscriptAnswerAndDeliveredLines)
+{
+    // The server keeps the interviewer's lines and never acknowledges the user's.
+    channelServer.setFrameRule([](const FakeTranscriptChannel::Frame& frame) {
+        return frame.json().value(u"speaker"_s) == u"user"_s ? Reaction::ignore : Reaction::ack;
+    });
+    QElapsedTimer elapsed;
+    elapsed.start();
+    ASSERT_NO_FATAL_FAILURE(start());
+
+    const auto sessionBody = bodyOf(backend.requests("POST", "/api/v1/interview/session").value(0));
+    EXPECT_EQ(sessionBody, (QJsonObject{{u"languageInput"_s, u"de-DE"_s}, {u"languageOutput"_s, u"en"_s}}));
+    EXPECT_EQ(backend.requestCount("GET", "/api/v1/speech/token"), 2);
+    EXPECT_EQ(backend.requests("GET", "/api/v1/speech/token").value(0).header("Authorization"), "Bearer access-1");
+    // The interviewer's token came first, the user's second; each socket went to the token's endpoint.
+    const auto* interviewerLine = vendorConnection("speech-1");
+    const auto* userLine = vendorConnection("speech-2");
+    ASSERT_TRUE(interviewerLine && userLine);
+    EXPECT_EQ(interviewerLine->url.path(), u"/v1/listen"_s);
+    EXPECT_TRUE(interviewerLine->queryItems.contains(std::pair(u"language"_s, u"de"_s)));
+    ASSERT_TRUE(waitFor([&] { return channelServer.openConnectionCount() == 1; }));
+    EXPECT_EQ(channelServer.connections().value(0).path, u"/api/v1/interview/ws"_s);
+    EXPECT_EQ(channelServer.connections().value(0).query, u"token=access-1&sessionId=session-1"_s);
+
+    // Audio from both sources reaches the vendor, one binary frame per buffer.
+    const std::vector<float> interviewerAudio{0.5f, -0.25f, 1.0f};
+    const std::vector<float> userAudio{-1.0f, 0.125f};
+    systemAudio.play(interviewerAudio);
+    microphone.play(userAudio);
+    ASSERT_TRUE(waitFor([&] {
+        return vendorConnection("speech-1")->binaryFrames().size() == 1
+            && vendorConnection("speech-2")->binaryFrames().size() == 1;
+    }));
+    EXPECT_EQ(vendorConnection("speech-1")->binaryFrames(), QList<QByteArray>{AudioFraming::pcm16(interviewerAudio)});
+    EXPECT_EQ(vendorConnection("speech-2")->binaryFrames(), QList<QByteArray>{AudioFraming::pcm16(userAudio)});
+
+    // A partial shows apart; two final pieces of the interviewer make one line; the user has his own.
+    vendorSocket("speech-1")->sendTextMessage(results(u"Erzählen"_s, false, 0.5));
+    ASSERT_TRUE(waitFor([&] { return vm.transcriptManager().currentPartialText(Speaker::interviewer) == u"Erzählen"_s; }));
+    ASSERT_NO_FATAL_FAILURE(say("speech-1", u"Erzählen Sie von sich."_s, 0.9));
+    ASSERT_NO_FATAL_FAILURE(say("speech-1", u"Was haben Sie gebaut?"_s, 0.8));
+    ASSERT_NO_FATAL_FAILURE(say("speech-2", u"Ein Mischpult."_s, 0.7));
+    const auto lines = vm.transcriptManager().entries();
+    ASSERT_EQ(lines.size(), 2);
+    EXPECT_EQ(lines[0].speaker, Speaker::interviewer);
+    EXPECT_EQ(lines[0].content, u"Erzählen Sie von sich. Was haben Sie gebaut?"_s);
+    EXPECT_EQ(lines[0].confidence, 0.8);
+    EXPECT_EQ(lines[1].speaker, Speaker::user);
+    EXPECT_EQ(lines[1].content, u"Ein Mischpult."_s);
+    EXPECT_FALSE(vm.transcriptManager().currentPartialText(Speaker::interviewer));
+
+    // The trigger asks about the interviewer's whole line; the answer streams into the history
+    // and its log is saved.
+    vm.triggerAIAnswer();
+    ASSERT_TRUE(waitFor([&] { return backend.requestCount("PATCH", "/api/v1/chat/log/log-7") == 1; }));
+    EXPECT_FALSE(vm.isGeneratingAnswer());
+    ASSERT_EQ(vm.aiAnswerHistory().size(), 1);
+    EXPECT_EQ(vm.aiAnswerHistory()[0].question, lines[0].content);
+    EXPECT_EQ(vm.aiAnswerHistory()[0].answer, u"I built a mixing desk."_s);
+    EXPECT_EQ(vm.aiAnswerHistory()[0].logId, u"log-7"_s);
+    EXPECT_EQ(vm.currentAnswerText(), u"I built a mixing desk."_s);
+    const auto answerRequest = bodyOf(backend.requests("POST", "/api/v1/chat/answer").value(0));
+    EXPECT_EQ(answerRequest.value(u"question"_s).toString(), lines[0].content);
+    EXPECT_EQ(answerRequest.value(u"context"_s).toArray(),
+              (QJsonArray{lines[0].contextForm(), lines[1].contextForm()}));
+    EXPECT_EQ(answerRequest.value(u"sessionId"_s).toString(), u"session-1"_s);
+    EXPECT_EQ(answerRequest.value(u"language"_s).toString(), u"en"_s);
+    EXPECT_EQ(bodyOf(backend.requests("PATCH", "/api/v1/chat/log/log-7").value(0)),
+              (QJsonObject{{u"answer"_s, u"I built a mixing desk."_s}}));
+
+    // The question closed the interviewer's line: his next piece opens a new one at once.
+    ASSERT_NO_FATAL_FAILURE(say("speech-1", u"Und danach?"_s, 0.6));
+    ASSERT_EQ(vm.transcriptManager().entries().size(), 3);
+    const auto followUp = vm.transcriptManager().entries()[2];
+    EXPECT_EQ(followUp.content, u"Und danach?"_s);
+    ASSERT_TRUE(waitFor([&] { return channelServer.acknowledgedIds().contains(followUp.id); }));
+
+    awaitTask(vm.stopInterview(), deadlineMs);
+    const qint64 elapsedMs = elapsed.elapsed();
+    EXPECT_EQ(vm.pipelineState(), State::idle);
+    EXPECT_FALSE(vm.isRecording());
+    EXPECT_EQ(vm.runningTaskCount(), 0);
+    EXPECT_FALSE(systemAudio.isRunning || microphone.isRunning);
+    EXPECT_FALSE(vm.pendingTranscriptUpload());
+    ASSERT_EQ(vm.pastSessions().size(), 1);
+    EXPECT_EQ(vm.pastSessions()[0].status, InterviewSession::SessionStatus::completed);
+
+    // Every line went over the channel; the grown line went again with its whole text.
+    QStringList channelTexts;
+    for (const auto& frame : channelServer.frames())
+        channelTexts.append(frame.json().value(u"content"_s).toString());
+    EXPECT_EQ(channelTexts, (QStringList{u"Erzählen Sie von sich."_s, lines[0].content, u"Ein Mischpult."_s,
+                                         u"Und danach?"_s}));
+    ASSERT_TRUE(waitFor([&] { return channelServer.openConnectionCount() == 0; }));
+    EXPECT_EQ(channelServer.connections().value(0).closeCode, 1000);
+
+    // The session is closed with the audio time, then only the unacknowledged line is posted.
+    const auto completes = backend.requests("PUT", sessionPath);
+    ASSERT_EQ(completes.size(), 1);
+    const auto completion = bodyOf(completes[0]);
+    EXPECT_EQ(completion.value(u"status"_s).toString(), u"completed"_s);
+    const qint64 audioMs = completion.value(u"sttAudioDurationMs"_s).toInteger(-1);
+    EXPECT_GT(audioMs, 0);
+    EXPECT_LE(audioMs, elapsedMs);
+    const auto posts = backend.requests("POST", sessionPath + "/transcript");
+    ASSERT_EQ(posts.size(), 1);
+    EXPECT_EQ(bodyOf(posts[0]).value(u"entries"_s).toArray(), QJsonArray{lines[1].uploadForm()});
+
+    // Each recogniser said goodbye to the vendor.
+    ASSERT_TRUE(waitFor([&] {
+        return vendorConnection("speech-1")->textFrames().contains(u"{\"type\": \"CloseStream\"}"_s)
+            && vendorConnection("speech-2")->textFrames().contains(u"{\"type\": \"CloseStream\"}"_s);
+    }));
+}
+
+namespace {
+struct ChannelFailure {
+    const char* name;
+    bool refusingServer; // otherwise the channel's address cannot even be formed
+};
+} // namespace
+
+class InterviewWithoutChannelTest : public InterviewEndToEndTest,
+                                    public ::testing::WithParamInterface<ChannelFailure> {
+protected:
+    InterviewWithoutChannelTest()
+    {
+        if (GetParam().refusingServer)
+            channelServer.setRefusing(true);
+        else
+            vm.setBackend(std::make_shared<SeparateChannelBackend>(client, u"http://127.0.0.1:no-port"_s));
+    }
+};
+
+TEST_P(InterviewWithoutChannelTest, StopPostsTheWholeTranscript)
+{
+    LogCapture log;
+    ASSERT_NO_FATAL_FAILURE(start());
+    ASSERT_NO_FATAL_FAILURE(say("speech-1", u"Warum wir?"_s, 0.9));
+    ASSERT_NO_FATAL_FAILURE(say("speech-2", u"Wegen des Teams."_s, 0.8));
+    awaitTask(vm.stopInterview(), deadlineMs);
+
+    EXPECT_EQ(vm.pipelineState(), State::idle);
+    EXPECT_EQ(vm.runningTaskCount(), 0);
+    EXPECT_TRUE(channelServer.frames().isEmpty());
+    EXPECT_EQ(backend.requestCount("PUT", sessionPath), 1);
+    const auto posts = backend.requests("POST", sessionPath + "/transcript");
+    ASSERT_EQ(posts.size(), 1);
+    // A refused channel hands its lines back in its own order; the transcript's is not promised.
+    QList<QJsonObject> posted;
+    for (const auto& entry : bodyOf(posts[0]).value(u"entries"_s).toArray())
+        posted.append(entry.toObject());
+    QList<QJsonObject> transcript = vm.transcriptManager().finalEntriesForUpload();
+    ASSERT_EQ(transcript.size(), 2);
+    EXPECT_EQ(byId(posted), byId(transcript));
+
+    if (GetParam().refusingServer) {
+        EXPECT_GE(channelServer.handshakeAttempts(), 1);
+    } else {
+        EXPECT_TRUE(std::any_of(log.lines().begin(), log.lines().end(), [](const QString& line) {
+            return line.startsWith(u"[InterviewViewModel] Transcript upload WebSocket failed: "_s);
+        })) << log.lines().join(u'\n').toStdString();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(ChannelFailures, InterviewWithoutChannelTest,
+                         ::testing::Values(ChannelFailure{"RefusingServer", true},
+                                           ChannelFailure{"UnusableAddress", false}),
+                         [](const auto& info) { return std::string(info.param.name); });
