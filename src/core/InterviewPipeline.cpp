@@ -11,7 +11,6 @@
 #include "Log.h"
 #include "UserSettings.h"
 
-#include <QScopeGuard>
 
 
 using namespace Qt::StringLiterals;
@@ -61,11 +60,7 @@ QCoro::Task<> InterviewViewModel::runStart()
     if (m_isRecording || m_isStartingInterview)
         co_return;
     QPointer self(this);
-    m_isStartingInterview = true;
-    const auto clearStarting = qScopeGuard([self] {
-        if (self)
-            self->m_isStartingInterview = false;
-    });
+    const StartingScope starting(this);
     // Each suspension may let a stop run; a start that resumes after one gives back what it
     // acquired meanwhile and ends.
     const quint64 stopCount = m_stopCount;
@@ -505,11 +500,7 @@ QCoro::Task<> InterviewViewModel::runMockStart(QString sessionId)
     if (m_isRecording || m_isStartingInterview)
         co_return;
     QPointer self(this);
-    m_isStartingInterview = true;
-    const auto clearStarting = qScopeGuard([self] {
-        if (self)
-            self->m_isStartingInterview = false;
-    });
+    const StartingScope starting(this);
     const quint64 stopCount = m_stopCount;
     if (!beginStart(u"vm.connecting"_s))
         co_return;

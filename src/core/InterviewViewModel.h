@@ -178,6 +178,22 @@ private:
         double backoffSeconds = initialBackoffSeconds;
         TaskHandle reconnectTask;
     };
+    // Holds isStartingInterview up while a start runs: every exit of the start clears it.
+    class StartingScope {
+    public:
+        explicit StartingScope(InterviewViewModel* model) : m_model(model) { model->m_isStartingInterview = true; }
+        ~StartingScope()
+        {
+            if (m_model)
+                m_model->m_isStartingInterview = false;
+        }
+        StartingScope(const StartingScope&) = delete;
+        StartingScope& operator=(const StartingScope&) = delete;
+
+    private:
+        QPointer<InterviewViewModel> m_model;
+    };
+
     Channel& channel(Speaker speaker) { return m_channels[static_cast<std::size_t>(speaker)]; }
     const Channel& channel(Speaker speaker) const { return m_channels[static_cast<std::size_t>(speaker)]; }
 
