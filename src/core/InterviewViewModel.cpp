@@ -24,7 +24,9 @@ InterviewViewModel::InterviewViewModel(Clock& clock, UserSettings& settings, App
 
 InterviewViewModel::~InterviewViewModel()
 {
-    // Suspended readers and timers would otherwise wait for streams that never end.
+    // Suspended readers and timers would otherwise wait for streams that never end. Counted as
+    // a stop, so that a start or a restart woken by the cancellation gives up at once.
+    ++m_stopCount;
     for (const auto& task : std::as_const(m_recognitionTasks))
         task.cancel();
     m_aiAnswerTask.cancel();

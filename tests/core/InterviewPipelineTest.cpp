@@ -429,6 +429,33 @@ TEST_F(InterviewPipelineTest, AMockInterviewRecordsOnlyTheUserAndTakesInjectedQu
     EXPECT_TRUE(log.lines().contains(u"[Mock] Microphone pipeline FAILED: busy"_s));
 }
 
+TEST_F(InterviewPipelineTest, AModelDestroyedMidInterviewLeavesNothingBehind)
+{
+    // A second model over the same fakes, so that it can go while its tasks wait: a restart
+    // in its back-off and an answer streaming.
+    h.settings.setAutoTriggerAIAnswers(true);
+    h.backend->finishAnswers = false;
+    auto vm = std::make_unique<InterviewViewModel>(h.clock, h.settings, h.strings, h.services());
+    vm->setBackend(h.backend);
+    vm->setLoggedIn(true);
+    awaitTask(vm->startInterview());
+    ASSERT_TRUE(vm->isRecording());
+    h.recognizerOf(Speaker::interviewer)->say(u"Question"_s, true, h.clock.nowMs());
+    InterviewHarness::settle();
+    h.clock.advance(std::chrono::seconds(4));
+    ASSERT_TRUE(vm->isGeneratingAnswer());
+    h.recognizerOf(Speaker::user)->fail(u"socket lost"_s);
+    InterviewHarness::settle();
+    const auto calls = h.backend->calls;
+
+    vm.reset();
+    h.clock.advance(std::chrono::minutes(1));
+    InterviewHarness::settle();
+    // Nothing woke to fetch a token or to ask again; the cut-off answer is logged as it stands.
+    EXPECT_EQ(h.backend->calls.mid(calls.size()), QStringList{u"saveAnswerLog log-1 An answer."_s});
+    EXPECT_EQ(h.clock.pendingTimerCount(), 0u);
+}
+
 // A stop that arrives while the start waits at one of its suspension points. Each point is
 // reached by holding the gates in turn: the first, then, once the start waits there, the next.
 struct StopPoint {
