@@ -33,17 +33,20 @@ QCoro::Task<InterviewSession> APIClientInterviewBackend::createSession(QString l
     return m_client.createSession(std::move(languageInput), std::move(languageOutput));
 }
 
-QCoro::Task<> APIClientInterviewBackend::completeSession(QString sessionId, qint64 sttAudioDurationMs)
+QCoro::Task<> APIClientInterviewBackend::completeSession(QString sessionId,
+                                                         qint64 sttAudioDurationMs)
 {
     return m_client.completeSession(std::move(sessionId), sttAudioDurationMs);
 }
 
-QCoro::Task<> APIClientInterviewBackend::postTranscript(QString sessionId, QList<QJsonObject> entries)
+QCoro::Task<> APIClientInterviewBackend::postTranscript(QString sessionId,
+                                                        QList<QJsonObject> entries)
 {
     return m_client.postTranscript(std::move(sessionId), std::move(entries));
 }
 
-QCoro::Task<APIClient::StreamAnswerResult> APIClientInterviewBackend::streamAnswer(APIClient::AnswerRequest request)
+QCoro::Task<APIClient::StreamAnswerResult>
+APIClientInterviewBackend::streamAnswer(APIClient::AnswerRequest request)
 {
     return m_client.streamAnswer(std::move(request));
 }
@@ -118,16 +121,17 @@ void TelemetryClientReporter::sessionCompleted(qint64 durationSeconds, qint64 an
 
 RecognizerFactory vendorRecognizers(Clock& clock)
 {
-    return [&clock](SpeechProvider provider, TranscriptEntry::Speaker speaker)
-               -> std::shared_ptr<SpeechRecognitionProvider> {
-        switch (provider) {
-        case SpeechProvider::deepgram:
-            return std::make_shared<DeepgramProvider>(speaker, clock);
-        case SpeechProvider::openai:
-            return std::make_shared<OpenAISTTProvider>(speaker, clock);
-        case SpeechProvider::elevenlabs:
-            break;
-        }
-        return std::make_shared<ElevenLabsProvider>(speaker, clock);
-    };
+    return
+        [&clock](SpeechProvider provider,
+                 TranscriptEntry::Speaker speaker) -> std::shared_ptr<SpeechRecognitionProvider> {
+            switch (provider) {
+            case SpeechProvider::deepgram:
+                return std::make_shared<DeepgramProvider>(speaker, clock);
+            case SpeechProvider::openai:
+                return std::make_shared<OpenAISTTProvider>(speaker, clock);
+            case SpeechProvider::elevenlabs:
+                break;
+            }
+            return std::make_shared<ElevenLabsProvider>(speaker, clock);
+        };
 }

@@ -16,7 +16,10 @@ class TranscriptUploadService;
 template<typename Service>
 class CaptureServiceAdapter final : public AudioCapture {
 public:
-    explicit CaptureServiceAdapter(Service& service) : m_service(service) {}
+    explicit CaptureServiceAdapter(Service& service)
+        : m_service(service)
+    {
+    }
     std::shared_ptr<AudioStream> audioStream() override { return m_service.audioStream(); }
     QCoro::Task<> start() override { return m_service.start(); }
     QCoro::Task<> stop() override { return m_service.stop(); }
@@ -31,15 +34,20 @@ using MicrophoneCapture = CaptureServiceAdapter<MicrophoneService>;
 // `client` must outlive the adapter.
 class APIClientInterviewBackend final : public InterviewBackend {
 public:
-    explicit APIClientInterviewBackend(APIClient& client) : m_client(client) {}
+    explicit APIClientInterviewBackend(APIClient& client)
+        : m_client(client)
+    {
+    }
     QString baseURL() const override;
     std::optional<QString> accessToken() const override;
     QCoro::Task<APIClient::SpeechTokenResponse> fetchSpeechToken() override;
     QCoro::Task<APIClient::AccountStatus> fetchAccountStatus() override;
-    QCoro::Task<InterviewSession> createSession(QString languageInput, QString languageOutput) override;
+    QCoro::Task<InterviewSession> createSession(QString languageInput,
+                                                QString languageOutput) override;
     QCoro::Task<> completeSession(QString sessionId, qint64 sttAudioDurationMs) override;
     QCoro::Task<> postTranscript(QString sessionId, QList<QJsonObject> entries) override;
-    QCoro::Task<APIClient::StreamAnswerResult> streamAnswer(APIClient::AnswerRequest request) override;
+    QCoro::Task<APIClient::StreamAnswerResult>
+    streamAnswer(APIClient::AnswerRequest request) override;
     QCoro::Task<> saveAnswerLog(QString logId, QString answer) override;
 
 private:

@@ -16,7 +16,8 @@ bool InterviewViewModel::canRequestAnswer() const
 
 QString InterviewViewModel::currentAnswerText() const
 {
-    if (!m_selectedAnswerIndex || *m_selectedAnswerIndex < 0 || *m_selectedAnswerIndex >= m_aiAnswerHistory.size())
+    if (!m_selectedAnswerIndex || *m_selectedAnswerIndex < 0
+        || *m_selectedAnswerIndex >= m_aiAnswerHistory.size())
         return {};
     return m_aiAnswerHistory.at(*m_selectedAnswerIndex).answer;
 }
@@ -24,7 +25,7 @@ QString InterviewViewModel::currentAnswerText() const
 bool InterviewViewModel::isSelectedAnswerStreaming() const
 {
     return m_selectedAnswerIndex && m_isGeneratingAnswer
-        && *m_selectedAnswerIndex == m_aiAnswerHistory.size() - 1;
+           && *m_selectedAnswerIndex == m_aiAnswerHistory.size() - 1;
 }
 
 QList<TranscriptEntry> InterviewViewModel::finalDisplayedRows() const
@@ -88,9 +89,11 @@ AIAnswerEntry* InterviewViewModel::answerById(const QUuid& id)
     return nullptr;
 }
 
-QCoro::Task<> InterviewViewModel::generateAnswer(std::optional<QString> question, CancellationToken token)
+QCoro::Task<> InterviewViewModel::generateAnswer(std::optional<QString> question,
+                                                 CancellationToken token)
 {
-    if (!m_isLoggedIn || !m_currentSessionUsesBackend || !m_backend || !m_isRecording || m_isStoppingInterview)
+    if (!m_isLoggedIn || !m_currentSessionUsesBackend || !m_backend || !m_isRecording
+        || m_isStoppingInterview)
         co_return;
     QPointer self(this);
     Clock& clock = m_clock;
@@ -120,7 +123,8 @@ QCoro::Task<> InterviewViewModel::generateAnswer(std::optional<QString> question
     APIClient::AnswerRequest request;
     request.question = asked;
     const auto& entries = m_transcript.entries();
-    for (auto k = std::max<qsizetype>(0, entries.size() - answerContextCount); k < entries.size(); ++k)
+    for (auto k = std::max<qsizetype>(0, entries.size() - answerContextCount); k < entries.size();
+         ++k)
         request.context.append(entries.at(k).contextForm());
     if (m_currentSession)
         request.sessionId = m_currentSession->id;

@@ -38,10 +38,12 @@ public:
     virtual std::optional<QString> accessToken() const = 0;
     virtual QCoro::Task<APIClient::SpeechTokenResponse> fetchSpeechToken() = 0;
     virtual QCoro::Task<APIClient::AccountStatus> fetchAccountStatus() = 0;
-    virtual QCoro::Task<InterviewSession> createSession(QString languageInput, QString languageOutput) = 0;
+    virtual QCoro::Task<InterviewSession> createSession(QString languageInput,
+                                                        QString languageOutput) = 0;
     virtual QCoro::Task<> completeSession(QString sessionId, qint64 sttAudioDurationMs) = 0;
     virtual QCoro::Task<> postTranscript(QString sessionId, QList<QJsonObject> entries) = 0;
-    virtual QCoro::Task<APIClient::StreamAnswerResult> streamAnswer(APIClient::AnswerRequest request) = 0;
+    virtual QCoro::Task<APIClient::StreamAnswerResult>
+    streamAnswer(APIClient::AnswerRequest request) = 0;
     virtual QCoro::Task<> saveAnswerLog(QString logId, QString answer) = 0;
 };
 

@@ -22,7 +22,8 @@ auto inspect(const std::exception_ptr& error, Handler&& handler)
         return handler(static_cast<const APIError*>(nullptr), &e);
     } catch (...) {
     }
-    return handler(static_cast<const APIError*>(nullptr), static_cast<const std::exception*>(nullptr));
+    return handler(static_cast<const APIError*>(nullptr),
+                   static_cast<const std::exception*>(nullptr));
 }
 
 } // namespace
@@ -32,17 +33,17 @@ bool isRetryableNetworkError(const std::exception_ptr& error)
     return inspect(error, [](const APIError* api, const std::exception* any) {
         if (api)
             return api->kind() == APIError::Kind::networkError
-                || (api->kind() == APIError::Kind::serverError && api->status() > 499);
+                   || (api->kind() == APIError::Kind::serverError && api->status() > 499);
         const auto* transport = dynamic_cast<const TransportError*>(any);
         if (!transport)
             return false;
         switch (transport->code()) {
-        case QNetworkReply::TimeoutError:               // timed out
-        case QNetworkReply::ConnectionRefusedError:     // cannot connect to host
-        case QNetworkReply::RemoteHostClosedError:      // network connection lost
-        case QNetworkReply::NetworkSessionFailedError:  // not connected to the internet
+        case QNetworkReply::TimeoutError:              // timed out
+        case QNetworkReply::ConnectionRefusedError:    // cannot connect to host
+        case QNetworkReply::RemoteHostClosedError:     // network connection lost
+        case QNetworkReply::NetworkSessionFailedError: // not connected to the internet
         case QNetworkReply::TemporaryNetworkFailureError:
-        case QNetworkReply::HostNotFoundError:          // cannot find host
+        case QNetworkReply::HostNotFoundError: // cannot find host
             return true;
         default:
             return false;

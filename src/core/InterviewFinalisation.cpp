@@ -6,8 +6,6 @@
 #include "AppStrings.h"
 #include "Clock.h"
 
-
-
 using namespace Qt::StringLiterals;
 
 QCoro::Task<> InterviewViewModel::finishSession()
@@ -43,7 +41,8 @@ QCoro::Task<> InterviewViewModel::finishSession()
     if (m_currentSessionUsesBackend && m_backend && m_currentSession) {
         const auto backend = m_backend;
         const QString sessionId = m_currentSession->id;
-        const qint64 audioDurationMs = m_sttStartTimeMs ? std::max<qint64>(0, clock.nowMs() - *m_sttStartTimeMs) : 0;
+        const qint64 audioDurationMs =
+            m_sttStartTimeMs ? std::max<qint64>(0, clock.nowMs() - *m_sttStartTimeMs) : 0;
         m_sttStartTimeMs.reset();
 
         // Closed first; the server takes the last lines after completion.
@@ -71,7 +70,8 @@ QCoro::Task<> InterviewViewModel::finishSession()
                 co_return;
             if (failure) {
                 // At most one is held: an older record and its transcript give way.
-                setPendingTranscriptUpload(PendingTranscriptUpload{sessionId, entries, clock.nowMs()});
+                setPendingTranscriptUpload(
+                    PendingTranscriptUpload{sessionId, entries, clock.nowMs()});
                 setNotice(m_strings.text(u"vm.transcript_retry"_s));
                 setRecoverableError(u"Transcript upload failed: "_s + errorDescription(failure));
             }
@@ -83,9 +83,10 @@ QCoro::Task<> InterviewViewModel::finishSession()
     // A session that a stop during a start finds is the last interview's, already archived.
     const bool sessionIsOpen =
         m_currentSession && m_currentSession->status == InterviewSession::SessionStatus::active;
-    const qint64 durationSeconds = sessionIsOpen
-        ? std::max<qint64>(0, m_currentSession->startedAt.secsTo(QDateTime::fromMSecsSinceEpoch(clock.nowMs())))
-        : 0;
+    const qint64 durationSeconds =
+        sessionIsOpen ? std::max<qint64>(
+            0, m_currentSession->startedAt.secsTo(QDateTime::fromMSecsSinceEpoch(clock.nowMs())))
+                      : 0;
     if (m_telemetry)
         m_telemetry->sessionCompleted(durationSeconds, m_aiAnswerHistory.size());
     setRecording(false);
@@ -117,7 +118,8 @@ QCoro::Task<> InterviewViewModel::retryPendingUpload()
     if (!self)
         co_return;
     if (!failure) {
-        if (m_pendingTranscriptUpload && m_pendingTranscriptUpload->capturedAtMs == pending.capturedAtMs
+        if (m_pendingTranscriptUpload
+            && m_pendingTranscriptUpload->capturedAtMs == pending.capturedAtMs
             && m_pendingTranscriptUpload->sessionId == pending.sessionId)
             setPendingTranscriptUpload(std::nullopt);
         setNotice(m_strings.text(u"vm.recovered_upload"_s));

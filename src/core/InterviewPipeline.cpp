@@ -11,8 +11,6 @@
 #include "Log.h"
 #include "UserSettings.h"
 
-
-
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -29,7 +27,8 @@ QCoro::Task<> stopAndSignal(AudioCapture* capture, std::shared_ptr<AsyncQueue<bo
 
 // Stops the captures side by side and returns when the first of them has stopped or `cap` has
 // passed; the others go on stopping on their own.
-QCoro::Task<> stopCapturesWithin(Clock& clock, QList<AudioCapture*> captures, std::chrono::milliseconds cap)
+QCoro::Task<> stopCapturesWithin(Clock& clock, QList<AudioCapture*> captures,
+                                 std::chrono::milliseconds cap)
 {
     auto done = std::make_shared<AsyncQueue<bool>>();
     for (auto* capture : std::as_const(captures)) {
@@ -328,7 +327,8 @@ QCoro::Task<> InterviewViewModel::startUserChannel(quint64 stopCount)
         co_return;
     if (speechToken.endpoint)
         recognizer->setOrigin(*speechToken.endpoint);
-    logLine(u"Mic", u"Token received, starting recognition (provider: "_s + toText(m_speechProvider) + u')');
+    logLine(u"Mic", u"Token received, starting recognition (provider: "_s + toText(m_speechProvider)
+                        + u')');
     const QString language = m_settings.inputLanguage();
     co_await recognizer->start(speechToken.token, language, stream, speechToken.sttModel);
     if (stopped()) {
@@ -341,8 +341,8 @@ QCoro::Task<> InterviewViewModel::startUserChannel(quint64 stopCount)
     logLine(u"Mic", u"Recognition started successfully");
 }
 
-void InterviewViewModel::startChannelTasks(const std::shared_ptr<SpeechRecognitionProvider>& recognizer,
-                                           Speaker speaker)
+void InterviewViewModel::startChannelTasks(
+    const std::shared_ptr<SpeechRecognitionProvider>& recognizer, Speaker speaker)
 {
     const auto segments = recognizer->transcriptSegments();
     const auto events = recognizer->recoveryEvents();
@@ -369,7 +369,8 @@ QCoro::Task<> InterviewViewModel::consumeSegments(
                 co_return;
         }
         // The user's speech never asks for an answer.
-        if (speaker == Speaker::interviewer && segment->isFinal && m_settings.autoTriggerAIAnswers())
+        if (speaker == Speaker::interviewer && segment->isFinal
+            && m_settings.autoTriggerAIAnswers())
             scheduleAnswer(false, std::nullopt);
     }
 }
@@ -417,8 +418,8 @@ QCoro::Task<> InterviewViewModel::handleStartFailure(std::exception_ptr error, q
     } catch (...) {
     }
     if (m_telemetry)
-        m_telemetry->audioCaptureFailed(errorCode(error),
-                                        !accessGranted || noPermission ? u"permission"_s : u"loopback"_s);
+        m_telemetry->audioCaptureFailed(
+            errorCode(error), !accessGranted || noPermission ? u"permission"_s : u"loopback"_s);
     if (accessGranted) {
         setPipelineState(PipelineState::error, u"vm.failed_to_start"_s);
         setError(u"Unable to start interview: "_s + description);
@@ -433,7 +434,7 @@ QCoro::Task<> InterviewViewModel::handleStartFailure(std::exception_ptr error, q
 QCoro::Task<> InterviewViewModel::stopInterview()
 {
     const bool somethingRuns = m_isRecording || m_hasActivePipeline || !m_recognitionTasks.isEmpty()
-        || m_aiAnswerTask.isValid() || m_isStartingInterview;
+                               || m_aiAnswerTask.isValid() || m_isStartingInterview;
     if (!somethingRuns || m_isStoppingInterview)
         co_return;
     QPointer self(this);

@@ -31,8 +31,8 @@ QCoro::Task<> InterviewViewModel::handleUserRecovery(QString reason, bool counts
     return handleRecovery(Speaker::user, std::move(reason), countsTowardLimit, {});
 }
 
-QCoro::Task<> InterviewViewModel::handleRecovery(Speaker speaker, QString reason, bool countsTowardLimit,
-                                                 CancellationToken token)
+QCoro::Task<> InterviewViewModel::handleRecovery(Speaker speaker, QString reason,
+                                                 bool countsTowardLimit, CancellationToken token)
 {
     if (!m_isRecording || !m_currentSession || m_isStoppingInterview)
         co_return;
@@ -75,7 +75,8 @@ QCoro::Task<> InterviewViewModel::handleRecovery(Speaker speaker, QString reason
             co_return;
     }
     logLine(u"SpeechProvider", (isInterviewer ? u"Restarting interviewer recognizer: "_s
-                                              : u"Restarting user recognizer: "_s) + reason);
+                                              : u"Restarting user recognizer: "_s)
+                                   + reason);
     if (countsTowardLimit && isInterviewer)
         setPipelineState(PipelineState::reconnecting, u"status.reconnecting"_s);
     if (!m_backend) {
@@ -101,7 +102,8 @@ QCoro::Task<> InterviewViewModel::handleRecovery(Speaker speaker, QString reason
         for (int attempt = 1;; ++attempt) {
             failure = nullptr;
             try {
-                co_await recognizer->start(speechToken->token, language, stream, speechToken->sttModel);
+                co_await recognizer->start(speechToken->token, language, stream,
+                                           speechToken->sttModel);
             } catch (...) {
                 failure = std::current_exception();
             }

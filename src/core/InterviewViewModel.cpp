@@ -19,7 +19,8 @@ InterviewViewModel::InterviewViewModel(Clock& clock, UserSettings& settings, App
     , m_statusMessage(strings.text(u"status.ready"_s))
 {
     // The selection of a transcript line and the answer view follow the transcript.
-    connect(&m_transcript, &TranscriptManager::entriesChanged, this, &InterviewViewModel::answerViewChanged);
+    connect(&m_transcript, &TranscriptManager::entriesChanged, this,
+            &InterviewViewModel::answerViewChanged);
 }
 
 InterviewViewModel::~InterviewViewModel()
@@ -59,7 +60,8 @@ int InterviewViewModel::runningTaskCount() const
     int count = 0;
     for (const auto& task : m_recognitionTasks)
         count += task.isFinished() ? 0 : 1;
-    for (const auto* task : {&m_aiAnswerTask, &m_channels[0].reconnectTask, &m_channels[1].reconnectTask})
+    for (const auto* task :
+         {&m_aiAnswerTask, &m_channels[0].reconnectTask, &m_channels[1].reconnectTask})
         count += task->isFinished() ? 0 : 1;
     return count;
 }

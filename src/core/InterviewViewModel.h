@@ -37,19 +37,24 @@ class InterviewViewModel : public QObject {
     Q_PROPERTY(QString statusMessage READ statusMessage NOTIFY statusMessageChanged)
     Q_PROPERTY(QString error READ errorText NOTIFY errorChanged)
     Q_PROPERTY(QString lastNotice READ lastNoticeText NOTIFY lastNoticeChanged)
-    Q_PROPERTY(QString lastRecoverableError READ lastRecoverableErrorText NOTIFY lastRecoverableErrorChanged)
-    Q_PROPERTY(QDateTime lastRecoverableErrorAt READ lastRecoverableErrorAtDate NOTIFY lastRecoverableErrorChanged)
+    Q_PROPERTY(QString lastRecoverableError READ lastRecoverableErrorText NOTIFY
+                   lastRecoverableErrorChanged)
+    Q_PROPERTY(QDateTime lastRecoverableErrorAt READ lastRecoverableErrorAtDate NOTIFY
+                   lastRecoverableErrorChanged)
     Q_PROPERTY(QString speechProvider READ speechProviderText NOTIFY speechProviderChanged)
     Q_PROPERTY(QString currentSessionId READ currentSessionId NOTIFY currentSessionChanged)
     Q_PROPERTY(bool isGeneratingAnswer READ isGeneratingAnswer NOTIFY isGeneratingAnswerChanged)
     Q_PROPERTY(QVariantList aiAnswerHistory READ aiAnswerHistoryList NOTIFY aiAnswerHistoryChanged)
     Q_PROPERTY(int selectedAnswerIndex READ selectedAnswerRow NOTIFY selectedAnswerIndexChanged)
-    Q_PROPERTY(int selectedTranscriptIndex READ selectedTranscriptRow NOTIFY selectedTranscriptIndexChanged)
+    Q_PROPERTY(int selectedTranscriptIndex READ selectedTranscriptRow NOTIFY
+                   selectedTranscriptIndexChanged)
     Q_PROPERTY(QString currentAnswerText READ currentAnswerText NOTIFY answerViewChanged)
-    Q_PROPERTY(bool isSelectedAnswerStreaming READ isSelectedAnswerStreaming NOTIFY answerViewChanged)
+    Q_PROPERTY(
+        bool isSelectedAnswerStreaming READ isSelectedAnswerStreaming NOTIFY answerViewChanged)
     Q_PROPERTY(bool canRequestAnswer READ canRequestAnswer NOTIFY canRequestAnswerChanged)
     Q_PROPERTY(QVariantList pastSessions READ pastSessionsList NOTIFY pastSessionsChanged)
-    Q_PROPERTY(bool hasPendingTranscriptUpload READ hasPendingTranscriptUpload NOTIFY pendingTranscriptUploadChanged)
+    Q_PROPERTY(bool hasPendingTranscriptUpload READ hasPendingTranscriptUpload NOTIFY
+                   pendingTranscriptUploadChanged)
 
 public:
     enum class PipelineState { idle, recording, reconnecting, stopping, error };
@@ -77,7 +82,7 @@ public:
     struct Services {
         AudioCapture* audioCapture = nullptr; // system audio, the interviewer's channel
         AudioCapture* microphone = nullptr;   // the user's channel
-        AudioRights* rights = nullptr;        // stand-ins for the screen-capture and microphone rights
+        AudioRights* rights = nullptr; // stand-ins for the screen-capture and microphone rights
         RecognizerFactory makeRecognizer;
         TranscriptChannelFactory makeTranscriptChannel;
     };
@@ -130,7 +135,10 @@ public:
     std::optional<int> selectedAnswerIndex() const { return m_selectedAnswerIndex; }
     std::optional<int> selectedTranscriptIndex() const { return m_selectedTranscriptIndex; }
     bool isGeneratingAnswer() const { return m_isGeneratingAnswer; }
-    const std::optional<PendingTranscriptUpload>& pendingTranscriptUpload() const { return m_pendingTranscriptUpload; }
+    const std::optional<PendingTranscriptUpload>& pendingTranscriptUpload() const
+    {
+        return m_pendingTranscriptUpload;
+    }
     const QList<InterviewSession>& pastSessions() const { return m_pastSessions; }
     bool isStartingInterview() const { return m_isStartingInterview; }
     bool isStoppingInterview() const { return m_isStoppingInterview; }
@@ -138,12 +146,24 @@ public:
     std::optional<qint64> sttStartTimeMs() const { return m_sttStartTimeMs; }
 
     // The per-channel fields, interviewer and user.
-    SpeechRecognitionProvider* recognizer(Speaker speaker) const { return channel(speaker).recognizer.get(); }
-    std::shared_ptr<AudioStream> audioStream(Speaker speaker) const { return channel(speaker).audioStream; }
+    SpeechRecognitionProvider* recognizer(Speaker speaker) const
+    {
+        return channel(speaker).recognizer.get();
+    }
+    std::shared_ptr<AudioStream> audioStream(Speaker speaker) const
+    {
+        return channel(speaker).audioStream;
+    }
     bool isRestarting(Speaker speaker) const { return channel(speaker).isRestarting; }
     int restartCount(Speaker speaker) const { return channel(speaker).restartCount; }
-    double reconnectBackoffSeconds(Speaker speaker) const { return channel(speaker).backoffSeconds; }
-    bool hasScheduledReconnect(Speaker speaker) const { return !channel(speaker).reconnectTask.isFinished(); }
+    double reconnectBackoffSeconds(Speaker speaker) const
+    {
+        return channel(speaker).backoffSeconds;
+    }
+    bool hasScheduledReconnect(Speaker speaker) const
+    {
+        return !channel(speaker).reconnectTask.isFinished();
+    }
     TranscriptChannel* transcriptUploadService() const { return m_transcriptUploadService.get(); }
     // Tasks that have not yet finished: the stream readers, the answer and the scheduled
     // reconnects.
@@ -181,7 +201,11 @@ private:
     // Holds isStartingInterview up while a start runs: every exit of the start clears it.
     class StartingScope {
     public:
-        explicit StartingScope(InterviewViewModel* model) : m_model(model) { model->m_isStartingInterview = true; }
+        explicit StartingScope(InterviewViewModel* model)
+            : m_model(model)
+        {
+            model->m_isStartingInterview = true;
+        }
         ~StartingScope()
         {
             if (m_model)
@@ -195,7 +219,10 @@ private:
     };
 
     Channel& channel(Speaker speaker) { return m_channels[static_cast<std::size_t>(speaker)]; }
-    const Channel& channel(Speaker speaker) const { return m_channels[static_cast<std::size_t>(speaker)]; }
+    const Channel& channel(Speaker speaker) const
+    {
+        return m_channels[static_cast<std::size_t>(speaker)];
+    }
 
     // Pipeline.
     QCoro::Task<> runStart();
@@ -212,11 +239,13 @@ private:
     // start's view of the stops.
     QCoro::Task<> startUserChannel(quint64 stopCount);
     QCoro::Task<> connectTranscriptChannel(QString logTag, quint64 stopCount);
-    QCoro::Task<> consumeSegments(std::shared_ptr<SpeechRecognitionProvider::SegmentStream> segments,
-                                  Speaker speaker, CancellationToken token);
+    QCoro::Task<>
+    consumeSegments(std::shared_ptr<SpeechRecognitionProvider::SegmentStream> segments,
+                    Speaker speaker, CancellationToken token);
     QCoro::Task<> consumeRecovery(std::shared_ptr<SpeechRecognitionProvider::RecoveryStream> events,
                                   Speaker speaker, CancellationToken token);
-    void startChannelTasks(const std::shared_ptr<SpeechRecognitionProvider>& recognizer, Speaker speaker);
+    void startChannelTasks(const std::shared_ptr<SpeechRecognitionProvider>& recognizer,
+                           Speaker speaker);
     // A stop has run since the start that counted `stopCount` began.
     bool overtakenByStop(quint64 stopCount) const { return m_stopCount != stopCount; }
     void applyProviderText(const QString& text, bool report);
@@ -232,7 +261,8 @@ private:
 
     // Answers.
     void scheduleAnswer(bool immediate, std::optional<QString> question);
-    QCoro::Task<> runAnswerTask(bool immediate, std::optional<QString> question, CancellationToken token);
+    QCoro::Task<> runAnswerTask(bool immediate, std::optional<QString> question,
+                                CancellationToken token);
     QCoro::Task<> generateAnswer(std::optional<QString> question, CancellationToken token);
     AIAnswerEntry* answerById(const QUuid& id);
     void answerFailed(const std::exception_ptr& error);
@@ -246,7 +276,8 @@ private:
     QCoro::Task<> handleRecovery(Speaker speaker, QString reason, bool countsTowardLimit,
                                  CancellationToken token);
     void scheduleReconnect(Speaker speaker, double delaySeconds);
-    QCoro::Task<> runScheduledReconnect(Speaker speaker, double delaySeconds, CancellationToken token);
+    QCoro::Task<> runScheduledReconnect(Speaker speaker, double delaySeconds,
+                                        CancellationToken token);
 
     // Finalisation.
     QCoro::Task<> finishSession();
