@@ -163,14 +163,15 @@ private:
     RankingQuery jobQuery() const
     {
         RankingQuery query;
-        query.addText(m_request.jobDescriptionText);
+        for (int i = 0; i < m_job.passages().size(); ++i)
+            query.addTerms(m_job.termsOf(i));
         return query;
     }
 
-    RankingQuery queryFor(const QString& text) const
+    static RankingQuery termsQuery(const Bm25Index& index, int passage)
     {
         RankingQuery query;
-        query.addText(text);
+        query.addTerms(index.termsOf(passage));
         return query;
     }
 
@@ -185,8 +186,9 @@ private:
                 const auto& passage = m_job.passage(j);
                 if (passage.isHeading || isRequirement(passage) != requirements)
                     continue;
-                const auto hits = m_resume.rank(queryFor(passage.text));
-                const auto resumeLine = bestEvidence(m_resume, queryFor(passage.text));
+                const auto query = termsQuery(m_job, j);
+                const auto hits = m_resume.rank(query);
+                const auto resumeLine = bestEvidence(m_resume, query);
                 if (resumeLine && hits.first().score > bestScore) {
                     bestScore = hits.first().score;
                     best = std::pair(j, *resumeLine);
@@ -288,8 +290,7 @@ private:
                 "A result that shows it, with a number if you have one.");
             if (strength)
                 addIfFound(QStringLiteral("Why it matters here"),
-                           textOf(m_job, bestStatement(
-                                             m_job, queryFor(m_resume.passage(*strength).text))));
+                           textOf(m_job, bestStatement(m_job, termsQuery(m_resume, *strength))));
         }
         if (askedWeakness) {
             add(QStringLiteral("Weakness"), {},
@@ -309,11 +310,12 @@ private:
         if (m_resume.isEmpty())
             return std::nullopt;
         for (const bool requirements : {true, false}) {
-            for (const auto& passage : m_job.passages()) {
+            for (int j = 0; j < m_job.passages().size(); ++j) {
+                const auto& passage = m_job.passage(j);
                 if (passage.isHeading || isRequirement(passage) != requirements
-                    || contentTerms(passage.text).size() < 3)
+                    || m_job.termsOf(j).size() < 3)
                     continue;
-                if (m_resume.rank(queryFor(passage.text)).isEmpty())
+                if (m_resume.rank(termsQuery(m_job, j)).isEmpty())
                     return passage.text;
             }
         }

@@ -53,6 +53,23 @@ const QSet<QString>& stopWords()
     return words;
 }
 
+// Documents are mostly ASCII; Qt's Unicode tables are the slow path.
+bool isWordCharacter(QChar c)
+{
+    const char16_t u = c.unicode();
+    if (u < 128)
+        return (u >= u'a' && u <= u'z') || (u >= u'A' && u <= u'Z') || (u >= u'0' && u <= u'9');
+    return c.isLetterOrNumber();
+}
+
+QChar lower(QChar c)
+{
+    const char16_t u = c.unicode();
+    if (u < 128)
+        return u >= u'A' && u <= u'Z' ? QChar(char16_t(u + 32)) : c;
+    return c.toLower();
+}
+
 bool isConsonant(QChar c)
 {
     return c.isLetter() && !QStringView(u"aeiouy").contains(c);
@@ -137,8 +154,9 @@ bool isSectionTitle(QStringView line, int wordCount)
 
 bool isContactLine(const QString& line)
 {
+    // Case-sensitive searches: a case-blind one costs more than all the tokenising.
     return line.contains(u'@') || line.contains(u"://") || line.contains(u"www.")
-           || line.contains(u"linkedin.com", Qt::CaseInsensitive);
+           || line.contains(u"inkedin.com");
 }
 
 int countWords(QStringView text)
@@ -214,7 +232,10 @@ QString stemWord(QString word)
     }};
     // Two rounds, so that "leadership" and "leading" both come down to "lead".
     for (int round = 0; round < 2 && word.size() > 3; ++round) {
+        const QChar last = word.back();
         for (const auto& [suffix, replacement] : rules) {
+            if (suffix.back() != last)
+                continue;
             if (word.size() - suffix.size() >= 3 && word.endsWith(suffix)) {
                 word.chop(suffix.size());
                 word.append(replacement);
@@ -234,22 +255,22 @@ QStringList contentTerms(QStringView text)
 {
     QStringList terms;
     const auto& stops = stopWords();
+    QString word;
     qsizetype i = 0;
     const auto n = text.size();
     while (i < n) {
-        if (!text.at(i).isLetterOrNumber()) {
+        if (!isWordCharacter(text.at(i))) {
             ++i;
             continue;
         }
-        auto end = i;
-        while (end < n && (text.at(end).isLetterOrNumber() || text.at(end) == u'\''))
-            ++end;
+        word.resize(0);
+        for (; i < n && (isWordCharacter(text.at(i)) || text.at(i) == u'\''); ++i) {
+            if (text.at(i) != u'\'')
+                word.append(lower(text.at(i)));
+        }
         // "C++" and "C#" are names, not the letter c.
-        while (end < n && (text.at(end) == u'+' || text.at(end) == u'#'))
-            ++end;
-        QString word = text.mid(i, end - i).toString().toLower();
-        i = end;
-        word.remove(u'\'');
+        for (; i < n && (text.at(i) == u'+' || text.at(i) == u'#'); ++i)
+            word.append(text.at(i));
         if (word.size() == 1 && word != u"c" && word != u"r" && !word.front().isDigit())
             continue;
         if (stops.contains(word))
@@ -324,46 +345,56 @@ void RankingQuery::add(const RankingQuery& other, double factor)
         m_weights[it.key()] += it.value() * factor;
 }
 
+void RankingQuery::addTerms(const QStringList& terms, double weight)
+{
+    for (const auto& term : terms)
+        m_weights[term] += weight;
+}
+
 Bm25Index::Bm25Index(QList<Passage> passages)
     : m_passages(std::move(passages))
 {
-    m_termCounts.reserve(m_passages.size());
-    m_lengths.reserve(m_passages.size());
+    m_terms.reserve(m_passages.size());
     qint64 totalLength = 0;
-    for (const auto& passage : std::as_const(m_passages)) {
-        QHash<QString, int> counts;
-        const auto terms = contentTerms(passage.text);
-        for (const auto& term : terms)
-            ++counts[term];
-        for (auto it = counts.cbegin(); it != counts.cend(); ++it)
-            ++m_documentFrequency[it.key()];
-        m_lengths.append(int(terms.size()));
+    for (int i = 0; i < m_passages.size(); ++i) {
+        auto terms = contentTerms(m_passages.at(i).text);
+        for (const auto& term : terms) {
+            auto& postings = m_postings[term];
+            if (!postings.isEmpty() && postings.back().passage == i)
+                ++postings.back().count;
+            else
+                postings.append({i, 1});
+        }
         totalLength += terms.size();
-        m_termCounts.append(std::move(counts));
+        m_terms.append(std::move(terms));
     }
-    if (!m_passages.isEmpty())
-        m_averageLength = double(totalLength) / double(m_passages.size());
+    const double averageLength =
+        m_passages.isEmpty() ? 1.0 : std::max(1.0, double(totalLength) / double(m_passages.size()));
+    m_lengthNorm.reserve(m_passages.size());
+    for (const auto& terms : std::as_const(m_terms))
+        m_lengthNorm.append(k1 * (1.0 - b + b * double(terms.size()) / averageLength));
 }
 
 QList<Bm25Index::Hit> Bm25Index::rank(const RankingQuery& query) const
 {
-    QList<Hit> hits;
     const double n = double(m_passages.size());
-    const double averageLength = std::max(m_averageLength, 1.0);
-    for (int i = 0; i < m_passages.size(); ++i) {
-        const auto& counts = m_termCounts.at(i);
-        double score = 0;
-        for (auto it = query.weights().cbegin(); it != query.weights().cend(); ++it) {
-            const int tf = counts.value(it.key());
-            if (tf == 0)
-                continue;
-            const double df = m_documentFrequency.value(it.key());
-            const double idf = std::log(1.0 + (n - df + 0.5) / (df + 0.5));
-            const double norm = k1 * (1.0 - b + b * m_lengths.at(i) / averageLength);
-            score += it.value() * idf * (tf * (k1 + 1.0)) / (tf + norm);
+    QList<double> scores(m_passages.size(), 0.0);
+    for (auto it = query.weights().cbegin(); it != query.weights().cend(); ++it) {
+        const auto found = m_postings.constFind(it.key());
+        if (found == m_postings.cend())
+            continue;
+        const double df = double(found->size());
+        const double idf = std::log(1.0 + (n - df + 0.5) / (df + 0.5));
+        for (const auto& posting : *found) {
+            const double tf = posting.count;
+            scores[posting.passage] +=
+                it.value() * idf * (tf * (k1 + 1.0)) / (tf + m_lengthNorm.at(posting.passage));
         }
-        if (score > 0)
-            hits.append({i, score});
+    }
+    QList<Hit> hits;
+    for (int i = 0; i < scores.size(); ++i) {
+        if (scores.at(i) > 0)
+            hits.append({i, scores.at(i)});
     }
     std::stable_sort(hits.begin(), hits.end(),
                      [](const Hit& x, const Hit& y) { return x.score > y.score; });

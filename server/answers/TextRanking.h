@@ -35,6 +35,7 @@ QList<Passage> splitPassages(const QString& document);
 class RankingQuery {
 public:
     void addText(QStringView text, double weight = 1.0);
+    void addTerms(const QStringList& terms, double weight = 1.0);
     void add(const RankingQuery& other, double factor);
     bool isEmpty() const { return m_weights.isEmpty(); }
     const QHash<QString, double>& weights() const { return m_weights; }
@@ -43,7 +44,8 @@ private:
     QHash<QString, double> m_weights;
 };
 
-// Okapi BM25 over the passages of one document.
+// Okapi BM25 over the passages of one document, with an inverted index so that a query
+// touches only the passages that share a term with it.
 class Bm25Index {
 public:
     struct Hit {
@@ -59,14 +61,20 @@ public:
 
     const Passage& passage(int index) const { return m_passages.at(index); }
     const QList<Passage>& passages() const { return m_passages; }
+    // The passage's own terms, to query another document with it.
+    const QStringList& termsOf(int index) const { return m_terms.at(index); }
     bool isEmpty() const { return m_passages.isEmpty(); }
 
 private:
+    struct Posting {
+        int passage = 0;
+        int count = 0;
+    };
+
     QList<Passage> m_passages;
-    QList<QHash<QString, int>> m_termCounts;
-    QList<int> m_lengths;
-    QHash<QString, int> m_documentFrequency;
-    double m_averageLength = 0;
+    QList<QStringList> m_terms;
+    QHash<QString, QList<Posting>> m_postings;
+    QList<double> m_lengthNorm; // k1 * (1 - b + b * length / average length), per passage
 };
 
 } // namespace ravlet::server
