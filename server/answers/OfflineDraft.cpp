@@ -23,6 +23,10 @@ constexpr qsizetype fewQuestionTerms = 2;
 constexpr qsizetype contextLinesForShortQuestion = 2;
 constexpr double contextWeight = 0.5;
 
+// Ten pages of resume are some 40 KB of text; beyond this a document is not read further,
+// so that an oversized upload cannot hold the server's thread.
+constexpr qsizetype longestDocument = 256 * 1024;
+
 QString shown(const QString& text)
 {
     if (text.size() <= longestShownText)
@@ -49,19 +53,29 @@ std::pair<QString, QString> splitActionAndResult(const QString& text)
     return {text.left(match.capturedStart()).trimmed(), text.mid(match.capturedEnd()).trimmed()};
 }
 
+// "Interviewer: So how..." -> "So how...": the speaker's label is no part of what was said.
+QStringView withoutSpeaker(const QString& line)
+{
+    for (const auto label : {u"Interviewer:", u"You:"}) {
+        if (line.startsWith(label))
+            return QStringView(line).mid(QStringView(label).size());
+    }
+    return line;
+}
+
 class Composer {
 public:
     explicit Composer(const AnswerRequest& request)
         : m_request(request)
-        , m_resume(splitPassages(request.resumeText))
-        , m_job(splitPassages(request.jobDescriptionText))
+        , m_resume(splitPassages(request.resumeText.left(longestDocument)))
+        , m_job(splitPassages(request.jobDescriptionText.left(longestDocument)))
     {
         m_question.addText(request.question);
         if (m_question.weights().size() < fewQuestionTerms) {
             const auto& transcript = request.recentTranscript;
             for (auto i = std::max<qsizetype>(0, transcript.size() - contextLinesForShortQuestion);
                  i < transcript.size(); ++i)
-                m_question.addText(transcript.at(i), contextWeight);
+                m_question.addText(withoutSpeaker(transcript.at(i)), contextWeight);
         }
     }
 

@@ -159,7 +159,8 @@ private:
             return;
         }
         const auto object = QJsonDocument::fromJson(payload).object();
-        if (const auto error = object.value(QStringLiteral("error")); !error.isUndefined()) {
+        if (const auto error = object.value(QStringLiteral("error"));
+            error.isObject() || error.isString()) {
             end(QStringLiteral("The model server at %1 stopped the answer: %2")
                     .arg(m_server, errorDetail(payload)));
             return;
@@ -184,10 +185,9 @@ private:
         if (!isSuccess()) {
             m_errorBody += m_reply->readAll().left(errorBodyKept - m_errorBody.size());
             auto message =
-                QStringLiteral("The model server at %1 answered HTTP %2 for model \"%3\"")
-                    .arg(m_server)
-                    .arg(code)
-                    .arg(m_model);
+                QStringLiteral("The model server at %1 answered HTTP %2").arg(m_server).arg(code);
+            if (!m_model.isEmpty())
+                message += QStringLiteral(" for model \"%1\"").arg(m_model);
             if (const auto detail = errorDetail(m_errorBody); !detail.isEmpty())
                 message += QStringLiteral(": ") + detail;
             end(message);
@@ -211,7 +211,8 @@ private:
             end(QString());
     }
 
-    // A server that ignores "stream" answers with one completion object.
+    // A server that ignores "stream" answers with one completion object. Anything else (a web
+    // page, an empty body) means the address is not a chat-completions endpoint.
     void readWholeCompletion()
     {
         const auto object = QJsonDocument::fromJson(m_wholeBody).object();
@@ -219,11 +220,17 @@ private:
                                  .value(QStringLiteral("message"))
                                  .toObject()
                                  .value(QStringLiteral("content"));
-        if (content.isString() && !content.toString().isEmpty())
-            m_onChunk(content.toString());
-        else if (object.contains(QStringLiteral("error")))
+        if (content.isString()) {
+            if (!content.toString().isEmpty())
+                m_onChunk(content.toString());
+        } else if (object.contains(QStringLiteral("error"))) {
             end(QStringLiteral("The model server at %1 refused the answer: %2")
                     .arg(m_server, errorDetail(m_wholeBody)));
+        } else {
+            end(QStringLiteral("The model server at %1 sent no completion; is %2 an "
+                               "OpenAI-compatible chat-completions address?")
+                    .arg(m_server, m_reply->url().adjusted(QUrl::RemoveUserInfo).toString()));
+        }
     }
 
     void end(const QString& error)

@@ -44,8 +44,12 @@ QuestionKind classifyQuestion(const QString& question)
                 R"(|\b(implement|optimi[sz]e|debug|scale|architect)\b|\bwhen would you use\b|\bcompare\b)")},
         }};
     }();
+    // A long turn of the interviewer ends with its question; the rest would only slow the
+    // patterns down.
+    constexpr qsizetype longestQuestion = 2'000;
+    const auto asked = QStringView(question).trimmed().right(longestQuestion);
     for (const auto& [kind, pattern] : patterns) {
-        if (pattern.match(question).hasMatch())
+        if (pattern.match(asked).hasMatch())
             return kind;
     }
     return QuestionKind::general;

@@ -243,3 +243,37 @@ TEST(AnswerEngineFactoryTest, withoutAModelServerTheOfflineEngineAnswers)
     ASSERT_FALSE(outcome.chunks.isEmpty());
     EXPECT_TRUE(outcome.chunks.first().startsWith(u"Offline draft"));
 }
+
+// Whatever an upload holds, the draft comes back with its header and every line labelled.
+TEST(OfflineDraftTest, oddDocumentsGiveADraftNotAFault)
+{
+    const QString hostile[] = {
+        QStringLiteral("•\n-\n1.\n:::\n...\n\n\n"),
+        QString(300'000, u'x'),
+        QStringLiteral("Led the rollout.\r\n• Cut costs by 10%;\r\n\r\nSKILLS:\r\n"),
+        QStringLiteral("Leitete die Migration zu Kubernetes. 负责迁移到 Kubernetes。"),
+        QString(50'000, u'.') + QStringLiteral(" A. B. C."),
+    };
+    for (const auto& document : hostile) {
+        AnswerRequest request;
+        request.question = QStringLiteral("Tell me about a time you led a migration to Kubernetes.")
+                           + QString(5'000, u' ');
+        request.resumeText = document;
+        request.jobDescriptionText = document;
+        const auto lines = draftAnswer(request);
+        ASSERT_GE(lines.size(), 3);
+        EXPECT_TRUE(lines.first().startsWith(u"Offline draft"));
+        for (qsizetype i = 1; i < lines.size(); ++i)
+            EXPECT_FALSE(contentOf(lines.at(i)).isEmpty()) << lines.at(i).left(80).toStdString();
+    }
+}
+
+TEST(OfflineDraftTest, aShortFollowUpIsReadWithTheLastLinesOfTheConversation)
+{
+    auto request = withDocuments("Can you say more?");
+    request.recentTranscript = {QStringLiteral("Interviewer: How did the Kubernetes migration go?"),
+                                QStringLiteral("You: It went well overall.")};
+    const auto lines = draftAnswer(request);
+    EXPECT_TRUE(valueOf(lines, QStringLiteral("Evidence")).startsWith(u"Led the migration"))
+        << lines.join(u'\n').toStdString();
+}

@@ -151,6 +151,10 @@ INSTANTIATE_TEST_SUITE_P(
                    {.pieces = {delta("All of it.")}, .chunked = false},
                    {QStringLiteral("All of it.")},
                    ""},
+        StreamCase{"pageThatIsNotAModelServer",
+                   {.contentType = "text/html", .pieces = {"<html><body>Welcome</body></html>"}},
+                   {},
+                   "sent no completion"},
         StreamCase{"serverThatIgnoresStreaming",
                    {.contentType = "application/json",
                     .pieces = {"{\"choices\":[{\"message\":{\"role\":\"assistant\",\n\"content\":"
