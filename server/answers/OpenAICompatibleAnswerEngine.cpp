@@ -266,17 +266,9 @@ private:
     bool m_ended = false;
 };
 
-} // namespace
-
-OpenAICompatibleAnswerEngine::OpenAICompatibleAnswerEngine(const QString& baseUrl, QString model,
-                                                           QString apiKey)
-    : m_url(completionsUrl(baseUrl))
-    , m_model(std::move(model))
-    , m_apiKey(std::move(apiKey))
-{
-}
-
-QUrl OpenAICompatibleAnswerEngine::completionsUrl(const QString& baseUrl)
+// Accepts the base with or without "/v1" and with any trailing slashes; a full
+// chat-completions address is taken as it is.
+QUrl completionsUrl(const QString& baseUrl)
 {
     QUrl url(baseUrl.trimmed());
     auto path = url.path();
@@ -289,7 +281,7 @@ QUrl OpenAICompatibleAnswerEngine::completionsUrl(const QString& baseUrl)
     return url;
 }
 
-QString OpenAICompatibleAnswerEngine::systemPrompt(const AnswerRequest& request)
+QString systemPrompt(const AnswerRequest& request)
 {
     const auto language =
         request.outputLanguage.trimmed().isEmpty()
@@ -314,6 +306,16 @@ QString OpenAICompatibleAnswerEngine::systemPrompt(const AnswerRequest& request)
     section(QStringLiteral("Recent conversation, oldest first (\"You\" is the candidate)"),
             recentLines(request.recentTranscript));
     return prompt;
+}
+
+} // namespace
+
+OpenAICompatibleAnswerEngine::OpenAICompatibleAnswerEngine(const QString& baseUrl, QString model,
+                                                           QString apiKey)
+    : m_url(completionsUrl(baseUrl))
+    , m_model(std::move(model))
+    , m_apiKey(std::move(apiKey))
+{
 }
 
 AnswerEngine::Handle

@@ -18,9 +18,6 @@ public:
     Handle answer(const AnswerRequest& request, std::function<void(const QString& chunk)> onChunk,
                   std::function<void(const QString& error)> onDone) override;
 
-    static QUrl completionsUrl(const QString& baseUrl);
-    static QString systemPrompt(const AnswerRequest& request);
-
 private:
     QUrl m_url;
     QString m_model;

@@ -37,7 +37,6 @@ public:
     void addText(QStringView text, double weight = 1.0);
     void addTerms(const QStringList& terms, double weight = 1.0);
     void add(const RankingQuery& other, double factor);
-    bool isEmpty() const { return m_weights.isEmpty(); }
     const QHash<QString, double>& weights() const { return m_weights; }
 
 private:
