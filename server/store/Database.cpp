@@ -82,8 +82,13 @@ QSqlQuery Database::run(const QString& sql, const QVariantList& values)
     QSqlQuery query(connection(m_connectionName));
     if (!query.prepare(sql))
         throw StoreError(u"Prepare failed: "_s + query.lastError().text());
-    for (const auto& value : values)
-        query.addBindValue(value);
+    for (const auto& value : values) {
+        // An empty text from Qt is often a null QString, which the drivers would write as NULL.
+        if (value.typeId() == QMetaType::QString && !value.isNull() && value.toString().isNull())
+            query.addBindValue(QString(u""_s));
+        else
+            query.addBindValue(value);
+    }
     if (!query.exec())
         throw StoreError(u"Query failed: "_s + query.lastError().text());
     return query;
