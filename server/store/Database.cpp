@@ -68,10 +68,10 @@ std::unique_ptr<Database> Database::open(const QString& location)
     if (!isPostgres) {
         // WAL lets readers run beside the writer; NORMAL keeps every committed row through a
         // crash of the process (only a power cut can lose the last transactions).
-        database->run(u"PRAGMA journal_mode=WAL"_s);
-        database->run(u"PRAGMA synchronous=NORMAL"_s);
-        database->run(u"PRAGMA foreign_keys=ON"_s);
-        database->run(u"PRAGMA busy_timeout=5000"_s);
+        database->execute(u"PRAGMA journal_mode=WAL"_s);
+        database->execute(u"PRAGMA synchronous=NORMAL"_s);
+        database->execute(u"PRAGMA foreign_keys=ON"_s);
+        database->execute(u"PRAGMA busy_timeout=5000"_s);
     }
     database->migrate();
     return database;
@@ -94,9 +94,16 @@ QSqlQuery Database::run(const QString& sql, const QVariantList& values)
     return query;
 }
 
+void Database::execute(const QString& sql)
+{
+    QSqlQuery query(connection(m_connectionName));
+    if (!query.exec(sql))
+        throw StoreError(u"Statement failed: "_s + query.lastError().text());
+}
+
 void Database::migrate()
 {
-    run(u"CREATE TABLE IF NOT EXISTS schema_migrations (version INTEGER PRIMARY KEY, applied_at BIGINT NOT NULL)"_s);
+    execute(u"CREATE TABLE IF NOT EXISTS schema_migrations (version INTEGER PRIMARY KEY, applied_at BIGINT NOT NULL)"_s);
     auto applied = run(u"SELECT COALESCE(MAX(version), 0) FROM schema_migrations"_s);
     m_schemaVersion = applied.next() ? applied.value(0).toInt() : 0;
 
@@ -127,7 +134,7 @@ void Database::migrate()
                         sql += line + u'\n';
                 }
                 if (!sql.trimmed().isEmpty())
-                    run(sql);
+                    execute(sql);
             }
             run(u"INSERT INTO schema_migrations (version, applied_at) VALUES (?, ?)"_s,
                 {version, wallClockMs()});

@@ -34,6 +34,8 @@ public:
 
 private:
     Database(Driver driver, QString connectionName);
+    // A statement without values, not prepared: PostgreSQL prepares no schema statements.
+    void execute(const QString& sql);
     void migrate();
 
     Driver m_driver;
