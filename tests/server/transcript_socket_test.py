@@ -7,7 +7,7 @@ import urllib.error, urllib.parse, urllib.request
 
 import websockets
 
-SERVER = sys.argv[1]
+SERVER = sys.argv[1] if len(sys.argv) > 1 else None
 failures = []
 
 
@@ -25,12 +25,12 @@ def free_port():
 
 class Server:
     def __init__(self, data_dir):
-        self.data_dir, self.port, self.process = data_dir, free_port(), None
+        self.data_dir, self.port, self.process, self.extra = data_dir, free_port(), None, []
         self.base = f"http://127.0.0.1:{self.port}"
 
     def start(self):
         env = dict(os.environ, XDG_DATA_HOME=self.data_dir)
-        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}"], env=env)
+        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}"] + self.extra, env=env)
         for _ in range(200):
             try:
                 urllib.request.urlopen(self.base + "/health", timeout=1)
