@@ -27,11 +27,15 @@ bool plausibleEmail(const QString& email)
 
 QString tokenHash(const QString& token)
 {
-    return QString::fromLatin1(QCryptographicHash::hash(token.toUtf8(), QCryptographicHash::Sha256).toHex());
+    return QString::fromLatin1(
+        QCryptographicHash::hash(token.toUtf8(), QCryptographicHash::Sha256).toHex());
 }
 
 AccountService::AccountService(Database& db, const Clock& clock, QByteArray signingKey)
-    : m_users(db), m_auth(db), m_clock(clock), m_signer(std::move(signingKey))
+    : m_users(db)
+    , m_auth(db)
+    , m_clock(clock)
+    , m_signer(std::move(signingKey))
 {
 }
 
@@ -40,7 +44,8 @@ QString AccountService::normalisedEmail(const QString& email)
     return email.trimmed().toLower();
 }
 
-std::variant<UserRecord, QString> AccountService::createAccount(const QString& email, const QString& password)
+std::variant<UserRecord, QString> AccountService::createAccount(const QString& email,
+                                                                const QString& password)
 {
     const auto address = normalisedEmail(email);
     if (!plausibleEmail(address) || address == localEmail)
@@ -119,7 +124,8 @@ std::optional<AccountService::TokenPair> AccountService::refresh(const QString& 
     return issuePair(*user, record->familyId);
 }
 
-std::optional<AccountService::SignedInUser> AccountService::verifyAccessToken(const QString& token) const
+std::optional<AccountService::SignedInUser>
+AccountService::verifyAccessToken(const QString& token) const
 {
     const auto claims = m_signer.verify(token);
     if (!claims || claims->value(u"typ"_s).toString() != u"access"_s)
@@ -137,15 +143,20 @@ std::optional<AccountService::SignedInUser> AccountService::verifyAccessToken(co
 QString AccountService::issueSpeechToken(const QString& userId) const
 {
     const auto now = m_clock.nowMs();
-    return m_signer.sign({{u"sub"_s, userId}, {u"typ"_s, u"speech"_s},
-                          {u"iat"_s, now / 1000}, {u"exp"_s, (now + speechTokenLifetimeMs) / 1000}});
+    return m_signer.sign({{u"sub"_s, userId},
+                          {u"typ"_s, u"speech"_s},
+                          {u"iat"_s, now / 1000},
+                          {u"exp"_s, (now + speechTokenLifetimeMs) / 1000}});
 }
 
 AccountService::TokenPair AccountService::issuePair(const UserRecord& user, const QString& familyId)
 {
     const auto now = m_clock.nowMs();
-    const auto access = m_signer.sign({{u"sub"_s, user.id}, {u"email"_s, user.email}, {u"typ"_s, u"access"_s},
-                                       {u"iat"_s, now / 1000}, {u"exp"_s, (now + accessLifetimeMs) / 1000}});
+    const auto access = m_signer.sign({{u"sub"_s, user.id},
+                                       {u"email"_s, user.email},
+                                       {u"typ"_s, u"access"_s},
+                                       {u"iat"_s, now / 1000},
+                                       {u"exp"_s, (now + accessLifetimeMs) / 1000}});
     const auto refresh = randomToken();
     m_auth.saveRefresh(tokenHash(refresh), user.id, familyId, now + refreshLifetimeMs);
     return {access, refresh, {user.id, user.email}};

@@ -35,7 +35,7 @@ bool verify(const QString& storedHash, const QString& password)
     const auto bytes = password.toUtf8();
     return crypto_pwhash_str_verify(stored.constData(), bytes.constData(),
                                     static_cast<unsigned long long>(bytes.size()))
-        == 0;
+           == 0;
 }
 
 QByteArray randomBytes(int count)
@@ -48,7 +48,8 @@ QByteArray randomBytes(int count)
 
 bool constantTimeEquals(const QByteArray& a, const QByteArray& b)
 {
-    return a.size() == b.size() && sodium_memcmp(a.constData(), b.constData(), static_cast<size_t>(a.size())) == 0;
+    return a.size() == b.size()
+           && sodium_memcmp(a.constData(), b.constData(), static_cast<size_t>(a.size())) == 0;
 }
 
 } // namespace PasswordHasher

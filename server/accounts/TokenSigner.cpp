@@ -14,13 +14,15 @@ constexpr auto base64Url = QByteArray::Base64UrlEncoding | QByteArray::OmitTrail
 
 const QByteArray& headerSegment()
 {
-    static const QByteArray header = QByteArrayLiteral(R"({"alg":"HS256","typ":"JWT"})").toBase64(base64Url);
+    static const QByteArray header =
+        QByteArrayLiteral(R"({"alg":"HS256","typ":"JWT"})").toBase64(base64Url);
     return header;
 }
 
 QByteArray signature(const QByteArray& key, const QByteArray& signingInput)
 {
-    return QMessageAuthenticationCode::hash(signingInput, key, QCryptographicHash::Sha256).toBase64(base64Url);
+    return QMessageAuthenticationCode::hash(signingInput, key, QCryptographicHash::Sha256)
+        .toBase64(base64Url);
 }
 
 bool isPlainBase64Safe(const QByteArray& segment)
@@ -36,7 +38,8 @@ QString TokenSigner::sign(QJsonObject claims) const
     // sorts before every other claim and its length varies, so it also moves the alignment of the
     // three-byte groups of what follows. About one payload in fifty passes: a few dozen tries of
     // a cheap encoding.
-    static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    static constexpr char alphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     QByteArray payload;
     for (int attempt = 0;; ++attempt) {
         const auto random = PasswordHasher::randomBytes(8 + attempt % 3);

@@ -11,7 +11,10 @@
 // such a segment is the same text in both alphabets.
 class TokenSigner {
 public:
-    explicit TokenSigner(QByteArray key) : m_key(std::move(key)) {}
+    explicit TokenSigner(QByteArray key)
+        : m_key(std::move(key))
+    {
+    }
 
     QString sign(QJsonObject claims) const;
     // The claims of a token signed with this key, or nothing. Expiry is the caller's check.

@@ -14,10 +14,10 @@
 struct ServerOptions {
     QHostAddress address = QHostAddress::LocalHost;
     quint16 port = 8787;
-    QString database;      // a file path or a postgresql:// address
+    QString database; // a file path or a postgresql:// address
     QString llmBaseUrl;
     QString llmModel;
-    QString llmApiKey;     // read from --llm-api-key-file or RAVLET_LLM_API_KEY
+    QString llmApiKey; // read from --llm-api-key-file or RAVLET_LLM_API_KEY
     QString signingKeyFile;
     ServerConfig config;
 

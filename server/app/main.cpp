@@ -28,8 +28,10 @@ void quitOnSignals()
 {
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, signalPipe) != 0)
         return;
-    auto* notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, QCoreApplication::instance());
-    QObject::connect(notifier, &QSocketNotifier::activated, QCoreApplication::instance(), &QCoreApplication::quit);
+    auto* notifier =
+        new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, QCoreApplication::instance());
+    QObject::connect(notifier, &QSocketNotifier::activated, QCoreApplication::instance(),
+                     &QCoreApplication::quit);
     struct sigaction action {};
     action.sa_handler = onTerminate;
     sigemptyset(&action.sa_mask);
@@ -44,7 +46,8 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("ravlet-server"));
 
-    const auto parsed = ServerOptions::parse(app.arguments(), QProcessEnvironment::systemEnvironment().toStringList());
+    const auto parsed = ServerOptions::parse(
+        app.arguments(), QProcessEnvironment::systemEnvironment().toStringList());
     if (const auto* help = std::get_if<ServerOptions::Help>(&parsed)) {
         std::fputs(qPrintable(help->text), stdout);
         return 0;
@@ -76,8 +79,8 @@ int main(int argc, char** argv)
     api.attach(server);
     const auto port = server.listen(options.address, options.port);
     if (!port) {
-        std::fprintf(stderr, "ravlet-server: cannot listen on %s:%u\n", qPrintable(options.address.toString()),
-                     unsigned(options.port));
+        std::fprintf(stderr, "ravlet-server: cannot listen on %s:%u\n",
+                     qPrintable(options.address.toString()), unsigned(options.port));
         return 1;
     }
     quitOnSignals();

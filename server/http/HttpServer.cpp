@@ -15,14 +15,22 @@ QByteArray methodName(QHttpServerRequest::Method method)
 {
     using M = QHttpServerRequest::Method;
     switch (method) {
-    case M::Get: return QByteArrayLiteral("GET");
-    case M::Put: return QByteArrayLiteral("PUT");
-    case M::Delete: return QByteArrayLiteral("DELETE");
-    case M::Post: return QByteArrayLiteral("POST");
-    case M::Head: return QByteArrayLiteral("HEAD");
-    case M::Options: return QByteArrayLiteral("OPTIONS");
-    case M::Patch: return QByteArrayLiteral("PATCH");
-    default: return QByteArrayLiteral("OTHER");
+    case M::Get:
+        return QByteArrayLiteral("GET");
+    case M::Put:
+        return QByteArrayLiteral("PUT");
+    case M::Delete:
+        return QByteArrayLiteral("DELETE");
+    case M::Post:
+        return QByteArrayLiteral("POST");
+    case M::Head:
+        return QByteArrayLiteral("HEAD");
+    case M::Options:
+        return QByteArrayLiteral("OPTIONS");
+    case M::Patch:
+        return QByteArrayLiteral("PATCH");
+    default:
+        return QByteArrayLiteral("OTHER");
     }
 }
 
@@ -45,7 +53,8 @@ HttpRequest toRequest(const QHttpServerRequest& request)
 class QtResponder final : public HttpResponder {
 public:
     QtResponder(QHttpServerResponder&& responder, QTcpSocket* socket)
-        : m_responder(std::move(responder)), m_socket(socket)
+        : m_responder(std::move(responder))
+        , m_socket(socket)
     {
         QObject::connect(socket, &QTcpSocket::disconnected, socket, [this] { peerGone(); });
     }
@@ -79,7 +88,8 @@ public:
         m_state = State::streaming;
         if (!m_socket)
             return;
-        writeHead(status, contentType, {{"Cache-Control", "no-cache"}, {"Transfer-Encoding", "chunked"}});
+        writeHead(status, contentType,
+                  {{"Cache-Control", "no-cache"}, {"Transfer-Encoding", "chunked"}});
         m_responder.writeBody(QByteArray());
         m_socket->flush();
     }
@@ -101,9 +111,15 @@ public:
             m_responder.writeBody(QByteArrayLiteral("0\r\n\r\n"));
     }
 
-    bool isConnected() const override { return m_socket && m_socket->state() == QAbstractSocket::ConnectedState; }
+    bool isConnected() const override
+    {
+        return m_socket && m_socket->state() == QAbstractSocket::ConnectedState;
+    }
 
-    void setOnDisconnected(std::function<void()> callback) override { m_onDisconnected = std::move(callback); }
+    void setOnDisconnected(std::function<void()> callback) override
+    {
+        m_onDisconnected = std::move(callback);
+    }
 
 private:
     enum class State { idle, streaming, done };
@@ -136,9 +152,11 @@ private:
 
 class HttpServer::Impl final : public QAbstractHttpServer {
 public:
-    explicit Impl(HttpServer* owner) : QAbstractHttpServer(owner)
+    explicit Impl(HttpServer* owner)
+        : QAbstractHttpServer(owner)
     {
-        connect(this, &QAbstractHttpServer::newWebSocketConnection, this, [this] { takeWebSockets(); });
+        connect(this, &QAbstractHttpServer::newWebSocketConnection, this,
+                [this] { takeWebSockets(); });
     }
 
     RequestHandler handler;
@@ -158,7 +176,8 @@ protected:
         if (request.value("upgrade").compare("websocket", Qt::CaseInsensitive) == 0) {
             const auto route = webSocketRoutes.constFind(converted.path);
             if (route == webSocketRoutes.cend()) {
-                refusedUpgrades.insert(socket, HttpResponse::error(404, QStringLiteral("Not found")));
+                refusedUpgrades.insert(socket,
+                                       HttpResponse::error(404, QStringLiteral("Not found")));
                 return false;
             }
             if (auto refusal = route->gate(converted)) {
@@ -194,7 +213,9 @@ private:
     }
 };
 
-HttpServer::HttpServer(QObject* parent) : QObject(parent), m_impl(std::make_unique<Impl>(this))
+HttpServer::HttpServer(QObject* parent)
+    : QObject(parent)
+    , m_impl(std::make_unique<Impl>(this))
 {
     m_impl->handler = [](const HttpRequest&, std::shared_ptr<HttpResponder> responder) {
         responder->respond(HttpResponse::error(404, QStringLiteral("Not found")));

@@ -24,7 +24,8 @@ QByteArray sseEvent(const QJsonObject& object)
 std::optional<QString> optionalText(const QJsonObject& object, const QString& key)
 {
     const auto value = object.value(key);
-    return value.isString() && !value.toString().isEmpty() ? std::optional(value.toString()) : std::nullopt;
+    return value.isString() && !value.toString().isEmpty() ? std::optional(value.toString())
+                                                           : std::nullopt;
 }
 
 // One answer on its way to the client. The response starts with the first chunk, so that an
@@ -41,7 +42,8 @@ struct AnswerFlight {
     // answer is over, after the engine's current call has returned.
     void release(const std::shared_ptr<AnswerFlight>& self)
     {
-        QMetaObject::invokeMethod(QCoreApplication::instance(), [self] { self->handle = {}; }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(), [self] { self->handle = {}; }, Qt::QueuedConnection);
     }
 
     void start()
@@ -56,7 +58,8 @@ struct AnswerFlight {
 
 } // namespace
 
-void Api::streamAnswer(const HttpRequest& request, const User& user, std::shared_ptr<HttpResponder> responder)
+void Api::streamAnswer(const HttpRequest& request, const User& user,
+                       std::shared_ptr<HttpResponder> responder)
 {
     auto body = jsonBody(request);
     if (auto* refusal = std::get_if<HttpResponse>(&body)) {
@@ -66,25 +69,30 @@ void Api::streamAnswer(const HttpRequest& request, const User& user, std::shared
     const auto& object = std::get<QJsonObject>(body);
     const auto question = object.value(u"question"_s);
     const auto context = object.value(u"context"_s);
-    if (!question.isString() || question.toString().size() > 20'000 || !(context.isArray() || context.isUndefined())) {
-        responder->respond(HttpResponse::error(400, u"question must be a text and context a list"_s));
+    if (!question.isString() || question.toString().size() > 20'000
+        || !(context.isArray() || context.isUndefined())) {
+        responder->respond(
+            HttpResponse::error(400, u"question must be a text and context a list"_s));
         return;
     }
     if (!m_engine) {
-        responder->respond(HttpResponse::error(503, u"No answer engine is configured on this server"_s));
+        responder->respond(
+            HttpResponse::error(503, u"No answer engine is configured on this server"_s));
         return;
     }
 
     AnswerRequest answerRequest;
     answerRequest.question = question.toString();
     const auto lines = context.toArray();
-    for (qsizetype i = std::max<qsizetype>(0, lines.size() - maxContextLines); i < lines.size(); ++i) {
+    for (qsizetype i = std::max<qsizetype>(0, lines.size() - maxContextLines); i < lines.size();
+         ++i) {
         const auto line = lines[i].toObject();
         const auto content = line.value(u"content"_s).toString();
         if (content.isEmpty())
             continue;
         answerRequest.recentTranscript.append(
-            (line.value(u"speaker"_s).toString() == u"user"_s ? u"You: "_s : u"Interviewer: "_s) + content);
+            (line.value(u"speaker"_s).toString() == u"user"_s ? u"You: "_s : u"Interviewer: "_s)
+            + content);
     }
     // Documents are looked up with the user's id: another user's id gives nothing.
     if (const auto id = optionalText(object, u"resumeId"_s)) {
@@ -102,7 +110,8 @@ void Api::streamAnswer(const HttpRequest& request, const User& user, std::shared
 
     auto flight = std::make_shared<AnswerFlight>();
     flight->responder = std::move(responder);
-    flight->logId = m_answerLogs.create(user.id, sessionId, answerRequest.question, m_clock.nowMs());
+    flight->logId =
+        m_answerLogs.create(user.id, sessionId, answerRequest.question, m_clock.nowMs());
     // Weak: the responder owns this callback, and the flight owns the responder.
     flight->responder->setOnDisconnected([weak = std::weak_ptr(flight)] {
         if (auto flight = weak.lock(); flight && !flight->finished && flight->handle.cancel) {

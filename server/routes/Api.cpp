@@ -41,8 +41,12 @@ Api::Api(Database& db, AccountService& accounts, const Clock& clock, ServerConfi
     registerInterviewRoutes();
     registerDocumentRoutes();
     registerTelemetryRoutes();
-    m_routes.append({"POST", u"/api/v1/chat/answer"_s.split(u'/', Qt::SkipEmptyParts), true, {},
-                     [this](const HttpRequest& request, const User& user, std::shared_ptr<HttpResponder> responder) {
+    m_routes.append({"POST",
+                     u"/api/v1/chat/answer"_s.split(u'/', Qt::SkipEmptyParts),
+                     true,
+                     {},
+                     [this](const HttpRequest& request, const User& user,
+                            std::shared_ptr<HttpResponder> responder) {
                          streamAnswer(request, user, std::move(responder));
                      }});
     addPublicRoute("GET", u"/health"_s, [](const HttpRequest&, const Params&) {
@@ -54,26 +58,34 @@ Api::~Api() = default;
 
 void Api::attach(HttpServer& server)
 {
-    server.setRequestHandler([this](const HttpRequest& request, std::shared_ptr<HttpResponder> responder) {
-        handle(request, std::move(responder));
-    });
+    server.setRequestHandler(
+        [this](const HttpRequest& request, std::shared_ptr<HttpResponder> responder) {
+            handle(request, std::move(responder));
+        });
     TranscriptChannel::attach(server, m_accounts, m_interviews, this);
 }
 
-void Api::addRoute(const char* method, const QString& pattern,
-                   std::function<HttpResponse(const HttpRequest&, const User&, const Params&)> handler)
+void Api::addRoute(
+    const char* method, const QString& pattern,
+    std::function<HttpResponse(const HttpRequest&, const User&, const Params&)> handler)
 {
-    m_routes.append({QByteArray(method), pattern.split(u'/', Qt::SkipEmptyParts), true, std::move(handler), {}});
+    m_routes.append({QByteArray(method),
+                     pattern.split(u'/', Qt::SkipEmptyParts),
+                     true,
+                     std::move(handler),
+                     {}});
 }
 
 void Api::addPublicRoute(const char* method, const QString& pattern,
                          std::function<HttpResponse(const HttpRequest&, const Params&)> handler)
 {
-    m_routes.append({QByteArray(method), pattern.split(u'/', Qt::SkipEmptyParts), false,
-                     [handler = std::move(handler)](const HttpRequest& request, const User&, const Params& params) {
-                         return handler(request, params);
-                     },
-                     {}});
+    m_routes.append(
+        {QByteArray(method),
+         pattern.split(u'/', Qt::SkipEmptyParts),
+         false,
+         [handler = std::move(handler)](const HttpRequest& request, const User&,
+                                        const Params& params) { return handler(request, params); },
+         {}});
 }
 
 std::optional<Api::User> Api::userOf(const HttpRequest& request) const
@@ -124,7 +136,8 @@ void Api::handle(const HttpRequest& request, std::shared_ptr<HttpResponder> resp
         } catch (const std::exception& error) {
             // Details stay in the log: they may name tables or values.
             qWarning("Request to %s failed: %s", qPrintable(request.path), error.what());
-            responder->respond(HttpResponse::error(500, u"The server could not complete the request"_s));
+            responder->respond(
+                HttpResponse::error(500, u"The server could not complete the request"_s));
         }
         return;
     }
@@ -134,26 +147,26 @@ void Api::handle(const HttpRequest& request, std::shared_ptr<HttpResponder> resp
 
 void Api::registerAuthRoutes()
 {
-    addPublicRoute("POST", u"/api/v1/auth/exchange"_s, [this](const HttpRequest& request, const Params&) {
-        auto body = jsonBody(request);
-        if (auto* refusal = std::get_if<HttpResponse>(&body))
-            return *refusal;
-        const auto pair = m_accounts.exchange(std::get<QJsonObject>(body).value(u"code"_s).toString());
-        if (!pair)
-            return HttpResponse::error(401, u"The sign-in code is invalid or has expired"_s);
-        return jsonResponse(200, {{u"accessToken"_s, pair->accessToken},
-                                  {u"refreshToken"_s, pair->refreshToken},
-                                  {u"user"_s, QJsonObject{{u"id"_s, pair->user.id}, {u"email"_s, pair->user.email}}}});
-    });
-    addPublicRoute("POST", u"/api/v1/auth/refresh"_s, [this](const HttpRequest& request, const Params&) {
-        auto body = jsonBody(request);
-        if (auto* refusal = std::get_if<HttpResponse>(&body))
-            return *refusal;
-        const auto pair = m_accounts.refresh(std::get<QJsonObject>(body).value(u"refreshToken"_s).toString());
-        if (!pair)
-            return HttpResponse::error(401, u"The session has ended; sign in again"_s);
-        return jsonResponse(200, {{u"accessToken"_s, pair->accessToken}, {u"refreshToken"_s, pair->refreshToken}});
-    });
+    addPublicRoute(
+        "POST", u"/api/v1/auth/exchange"_s,
+        withJsonBody([this](const QJsonObject& object, const Params&) {
+            const auto pair = m_accounts.exchange(object.value(u"code"_s).toString());
+            if (!pair)
+                return HttpResponse::error(401, u"The sign-in code is invalid or has expired"_s);
+            return jsonResponse(200, {{u"accessToken"_s, pair->accessToken},
+                                      {u"refreshToken"_s, pair->refreshToken},
+                                      {u"user"_s, QJsonObject{{u"id"_s, pair->user.id},
+                                                              {u"email"_s, pair->user.email}}}});
+        }));
+    addPublicRoute(
+        "POST", u"/api/v1/auth/refresh"_s,
+        withJsonBody([this](const QJsonObject& object, const Params&) {
+            const auto pair = m_accounts.refresh(object.value(u"refreshToken"_s).toString());
+            if (!pair)
+                return HttpResponse::error(401, u"The session has ended; sign in again"_s);
+            return jsonResponse(200, {{u"accessToken"_s, pair->accessToken},
+                                      {u"refreshToken"_s, pair->refreshToken}});
+        }));
 
     auto page = std::make_shared<LoginPage>(m_accounts, m_config.localSignIn);
     addPublicRoute("GET", u"/auth/login"_s, [page](const HttpRequest& request, const Params&) {
@@ -163,18 +176,21 @@ void Api::registerAuthRoutes()
         return page->submit(request);
     });
 
-    addRoute("GET", u"/api/v1/subscription/status"_s, [this](const HttpRequest&, const User&, const Params&) {
-        QJsonObject status;
-        if (m_config.speechEndpoint)
-            status.insert(u"speechProvider"_s, u"deepgram"_s);
-        return jsonResponse(200, status);
-    });
-    addRoute("GET", u"/api/v1/speech/token"_s, [this](const HttpRequest&, const User& user, const Params&) {
-        if (!m_config.speechEndpoint)
-            return HttpResponse::error(503, u"Speech recognition is not set up on this server: start "
-                                            u"ravlet-server with --speech-endpoint"_s);
-        return jsonResponse(200, {{u"provider"_s, u"deepgram"_s},
-                                  {u"token"_s, m_accounts.issueSpeechToken(user.id)},
-                                  {u"endpoint"_s, *m_config.speechEndpoint}});
-    });
+    addRoute("GET", u"/api/v1/subscription/status"_s,
+             [this](const HttpRequest&, const User&, const Params&) {
+                 QJsonObject status;
+                 if (m_config.speechEndpoint)
+                     status.insert(u"speechProvider"_s, u"deepgram"_s);
+                 return jsonResponse(200, status);
+             });
+    addRoute("GET", u"/api/v1/speech/token"_s,
+             [this](const HttpRequest&, const User& user, const Params&) {
+                 if (!m_config.speechEndpoint)
+                     return HttpResponse::error(
+                         503, u"Speech recognition is not set up on this server: start "
+                              u"ravlet-server with --speech-endpoint"_s);
+                 return jsonResponse(200, {{u"provider"_s, u"deepgram"_s},
+                                           {u"token"_s, m_accounts.issueSpeechToken(user.id)},
+                                           {u"endpoint"_s, *m_config.speechEndpoint}});
+             });
 }

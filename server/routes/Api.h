@@ -6,7 +6,9 @@
 #include "Stores.h"
 
 #include <QJsonObject>
+
 #include <QObject>
+#include <variant>
 
 #include <functional>
 #include <memory>
@@ -44,18 +46,21 @@ private:
         bool needsUser = true;
         std::function<HttpResponse(const HttpRequest&, const User&, const Params&)> handler;
         // For a route that answers later (the streamed answer).
-        std::function<void(const HttpRequest&, const User&, std::shared_ptr<HttpResponder>)> streamHandler;
+        std::function<void(const HttpRequest&, const User&, std::shared_ptr<HttpResponder>)>
+            streamHandler;
     };
 
-    void addRoute(const char* method, const QString& pattern,
-                  std::function<HttpResponse(const HttpRequest&, const User&, const Params&)> handler);
+    void
+    addRoute(const char* method, const QString& pattern,
+             std::function<HttpResponse(const HttpRequest&, const User&, const Params&)> handler);
     void addPublicRoute(const char* method, const QString& pattern,
                         std::function<HttpResponse(const HttpRequest&, const Params&)> handler);
     void registerAuthRoutes();
     void registerInterviewRoutes();
     void registerDocumentRoutes();
     void registerTelemetryRoutes();
-    void streamAnswer(const HttpRequest& request, const User& user, std::shared_ptr<HttpResponder> responder);
+    void streamAnswer(const HttpRequest& request, const User& user,
+                      std::shared_ptr<HttpResponder> responder);
     std::optional<User> userOf(const HttpRequest& request) const;
 
     Database& m_db;
@@ -72,4 +77,18 @@ private:
 
 // The JSON object of a request body, or the 4xx answer that refuses it.
 std::variant<QJsonObject, HttpResponse> jsonBody(const HttpRequest& request);
+
+// A route handler that takes the request's JSON object in place of the request; a body that
+// is not one is refused before the handler runs.
+template<typename Handler>
+auto withJsonBody(Handler handler)
+{
+    return [handler = std::move(handler)](const HttpRequest& request,
+                                          const auto&... rest) -> HttpResponse {
+        auto body = jsonBody(request);
+        if (auto* refusal = std::get_if<HttpResponse>(&body))
+            return *refusal;
+        return handler(std::get<QJsonObject>(body), rest...);
+    };
+}
 HttpResponse jsonResponse(int status, const QJsonObject& object);

@@ -68,16 +68,20 @@ QString field(const QUrlQuery& form, const QString& key)
 bool LoginPage::isLocalPeer(const HttpRequest& request)
 {
     return request.peer.isLoopback() && request.header("X-Forwarded-For").isEmpty()
-        && request.header("Forwarded").isEmpty();
+           && request.header("Forwarded").isEmpty();
 }
 
 HttpResponse LoginPage::show(const HttpRequest& request) const
 {
     const auto state = request.query.queryItemValue(u"state"_s, QUrl::FullyDecoded);
     if (!validState(state))
-        return {400, QByteArrayLiteral("text/plain; charset=utf-8"),
-                QByteArrayLiteral("This sign-in link is incomplete. Start the sign-in again from RavletAI."), {}};
-    const auto form = request.query.queryItemValue(u"mode"_s) == u"register"_s ? Form::createAccount : Form::signIn;
+        return {400,
+                QByteArrayLiteral("text/plain; charset=utf-8"),
+                QByteArrayLiteral(
+                    "This sign-in link is incomplete. Start the sign-in again from RavletAI."),
+                {}};
+    const auto form = request.query.queryItemValue(u"mode"_s) == u"register"_s ? Form::createAccount
+                                                                               : Form::signIn;
     return page(200, state, form, {}, {}, isLocalPeer(request));
 }
 
@@ -98,20 +102,25 @@ HttpResponse LoginPage::submit(const HttpRequest& request)
     const auto token = field(form, u"csrf"_s).toLatin1();
     const auto origin = request.header("Origin");
     const bool sameOrigin = origin.isEmpty() || origin == "null"
-        || QUrl(QString::fromLatin1(origin)).authority() == QString::fromLatin1(request.header("Host"));
+                            || QUrl(QString::fromLatin1(origin)).authority()
+                                   == QString::fromLatin1(request.header("Host"));
     if (cookie.isEmpty() || !PasswordHasher::constantTimeEquals(cookie, token) || !sameOrigin)
-        return page(403, state, Form::signIn, email, u"This form has expired. Please try again."_s, localPeer);
+        return page(403, state, Form::signIn, email, u"This form has expired. Please try again."_s,
+                    localPeer);
 
     const auto action = field(form, u"action"_s);
     std::optional<UserRecord> user;
     if (action == u"local"_s) {
         if (!m_localSignIn || !localPeer)
-            return page(403, state, Form::signIn, email,
-                        u"Continuing without a password works only on the computer that runs the server."_s, localPeer);
+            return page(
+                403, state, Form::signIn, email,
+                u"Continuing without a password works only on the computer that runs the server."_s,
+                localPeer);
         user = m_accounts.localAccount();
     } else if (action == u"register"_s) {
         if (field(form, u"password"_s) != field(form, u"confirm"_s))
-            return page(400, state, Form::createAccount, email, u"The two passwords do not match."_s, localPeer);
+            return page(400, state, Form::createAccount, email,
+                        u"The two passwords do not match."_s, localPeer);
         auto created = m_accounts.createAccount(email, field(form, u"password"_s));
         if (auto* message = std::get_if<QString>(&created))
             return page(400, state, Form::createAccount, email, *message, localPeer);
@@ -119,7 +128,8 @@ HttpResponse LoginPage::submit(const HttpRequest& request)
     } else {
         user = m_accounts.signIn(email, field(form, u"password"_s));
         if (!user)
-            return page(401, state, Form::signIn, email, u"The e-mail address or the password is wrong."_s, localPeer);
+            return page(401, state, Form::signIn, email,
+                        u"The e-mail address or the password is wrong."_s, localPeer);
     }
 
     const auto code = m_accounts.issueCode(user->id);
@@ -127,50 +137,70 @@ HttpResponse LoginPage::submit(const HttpRequest& request)
     callback.addQueryItem(u"code"_s, QString::fromLatin1(QUrl::toPercentEncoding(code)));
     callback.addQueryItem(u"state"_s, QString::fromLatin1(QUrl::toPercentEncoding(state)));
     const auto location = u"ravlet://auth-callback?"_s + callback.toString(QUrl::FullyEncoded);
-    return {303, QByteArrayLiteral("text/html; charset=utf-8"),
-            QByteArrayLiteral("<!doctype html><title>Signed in</title><p>Signed in. You can return to RavletAI.</p>"),
-            {{"Location", location.toUtf8()}, {"Cache-Control", "no-store"}}};
+    return {
+        303,
+        QByteArrayLiteral("text/html; charset=utf-8"),
+        QByteArrayLiteral(
+            "<!doctype html><title>Signed in</title><p>Signed in. You can return to RavletAI.</p>"),
+        {{"Location", location.toUtf8()}, {"Cache-Control", "no-store"}}};
 }
 
-HttpResponse LoginPage::page(int status, const QString& state, Form form, const QString& email, const QString& message,
-                             bool localPeer) const
+HttpResponse LoginPage::page(int status, const QString& state, Form form, const QString& email,
+                             const QString& message, bool localPeer) const
 {
-    const auto csrf = PasswordHasher::randomBytes(24).toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals);
+    const auto csrf = PasswordHasher::randomBytes(24).toBase64(QByteArray::Base64UrlEncoding
+                                                               | QByteArray::OmitTrailingEquals);
     const auto escapedState = state.toHtmlEscaped();
     const auto hidden = u"<input type=\"hidden\" name=\"state\" value=\""_s + escapedState
-        + u"\"><input type=\"hidden\" name=\"csrf\" value=\""_s + QString::fromLatin1(csrf) + u"\">"_s;
+                        + u"\"><input type=\"hidden\" name=\"csrf\" value=\""_s
+                        + QString::fromLatin1(csrf) + u"\">"_s;
     const bool creating = form == Form::createAccount;
     QString html = u"<!doctype html><html lang=\"en\"><head><meta charset=\"utf-8\">"
                    u"<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
                    u"<title>Sign in to RavletAI</title><style>"_s
-        + styles + u"</style></head><body><main>"_s;
-    html += creating ? u"<h1>Create your account</h1><p class=\"lead\">For RavletAI on this server.</p>"_s
-                     : u"<h1>Sign in to RavletAI</h1><p class=\"lead\">Use your e-mail address and password.</p>"_s;
+                   + styles + u"</style></head><body><main>"_s;
+    html +=
+        creating
+            ? u"<h1>Create your account</h1><p class=\"lead\">For RavletAI on this server.</p>"_s
+            : u"<h1>Sign in to RavletAI</h1><p class=\"lead\">Use your e-mail address and password.</p>"_s;
     if (!message.isEmpty())
         html += u"<div class=\"message\" role=\"alert\">"_s + message.toHtmlEscaped() + u"</div>"_s;
     html += u"<form method=\"post\" action=\"/auth/login\">"_s + hidden;
-    html += u"<input type=\"hidden\" name=\"action\" value=\""_s + (creating ? u"register"_s : u"signin"_s) + u"\">"_s;
-    html += u"<label for=\"email\">E-mail address</label><input id=\"email\" name=\"email\" type=\"email\" "
+    html += u"<input type=\"hidden\" name=\"action\" value=\""_s
+            + (creating ? u"register"_s : u"signin"_s) + u"\">"_s;
+    html += u"<label for=\"email\">E-mail address</label><input id=\"email\" name=\"email\" "
+            u"type=\"email\" "
             u"autocomplete=\"email\" required autofocus value=\""_s
-        + email.toHtmlEscaped() + u"\">"_s;
-    html += u"<label for=\"password\">Password</label><input id=\"password\" name=\"password\" type=\"password\" "
+            + email.toHtmlEscaped() + u"\">"_s;
+    html += u"<label for=\"password\">Password</label><input id=\"password\" name=\"password\" "
+            u"type=\"password\" "
             u"minlength=\"8\" required autocomplete=\""_s
-        + (creating ? u"new-password"_s : u"current-password"_s) + u"\">"_s;
+            + (creating ? u"new-password"_s : u"current-password"_s) + u"\">"_s;
     if (creating)
-        html += u"<label for=\"confirm\">Repeat the password</label><input id=\"confirm\" name=\"confirm\" "
+        html += u"<label for=\"confirm\">Repeat the password</label><input id=\"confirm\" "
+                u"name=\"confirm\" "
                 u"type=\"password\" minlength=\"8\" required autocomplete=\"new-password\">"_s;
-    html += u"<button type=\"submit\">"_s + (creating ? u"Create account"_s : u"Sign in"_s) + u"</button></form>"_s;
+    html += u"<button type=\"submit\">"_s + (creating ? u"Create account"_s : u"Sign in"_s)
+            + u"</button></form>"_s;
     const auto base = u"/auth/login?state="_s + QString::fromLatin1(QUrl::toPercentEncoding(state));
-    html += creating ? u"<p class=\"switch\">Already have an account? <a href=\""_s + base + u"\">Sign in</a></p>"_s
-                     : u"<p class=\"switch\">New here? <a href=\""_s + base + u"&amp;mode=register\">Create an account</a></p>"_s;
+    html += creating ? u"<p class=\"switch\">Already have an account? <a href=\""_s + base
+                           + u"\">Sign in</a></p>"_s
+                     : u"<p class=\"switch\">New here? <a href=\""_s + base
+                           + u"&amp;mode=register\">Create an account</a></p>"_s;
     if (m_localSignIn && localPeer) {
-        html += u"<p class=\"or\">or</p><form method=\"post\" action=\"/auth/login\">"_s + hidden
+        html +=
+            u"<p class=\"or\">or</p><form method=\"post\" action=\"/auth/login\">"_s + hidden
             + u"<input type=\"hidden\" name=\"action\" value=\"local\">"
               u"<button type=\"submit\" class=\"secondary\">Continue on this computer</button></form>"_s;
     }
     html += u"</main></body></html>"_s;
-    const auto cookie = QByteArray(csrfCookie) + '=' + csrf + "; Path=/auth; HttpOnly; SameSite=Strict";
-    return {status, QByteArrayLiteral("text/html; charset=utf-8"), html.toUtf8(),
-            {{"Set-Cookie", cookie}, {"Cache-Control", "no-store"}, {"X-Frame-Options", "DENY"},
+    const auto cookie =
+        QByteArray(csrfCookie) + '=' + csrf + "; Path=/auth; HttpOnly; SameSite=Strict";
+    return {status,
+            QByteArrayLiteral("text/html; charset=utf-8"),
+            html.toUtf8(),
+            {{"Set-Cookie", cookie},
+             {"Cache-Control", "no-store"},
+             {"X-Frame-Options", "DENY"},
              {"Content-Security-Policy", "default-src 'none'; style-src 'unsafe-inline'"}}};
 }

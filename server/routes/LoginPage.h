@@ -7,7 +7,11 @@
 // "ravlet://auth-callback?code=…&state=…" with a one-time code.
 class LoginPage {
 public:
-    LoginPage(AccountService& accounts, bool localSignIn) : m_accounts(accounts), m_localSignIn(localSignIn) {}
+    LoginPage(AccountService& accounts, bool localSignIn)
+        : m_accounts(accounts)
+        , m_localSignIn(localSignIn)
+    {
+    }
 
     HttpResponse show(const HttpRequest& request) const;
     HttpResponse submit(const HttpRequest& request);
@@ -18,8 +22,8 @@ public:
 
 private:
     enum class Form { signIn, createAccount };
-    HttpResponse page(int status, const QString& state, Form form, const QString& email, const QString& message,
-                      bool localPeer) const;
+    HttpResponse page(int status, const QString& state, Form form, const QString& email,
+                      const QString& message, bool localPeer) const;
 
     AccountService& m_accounts;
     bool m_localSignIn;

@@ -16,11 +16,12 @@ std::optional<TranscriptLine> transcriptLineFrom(const QJsonObject& object)
     const auto speaker = object.value(u"speaker"_s).toString();
     const auto content = object.value(u"content"_s);
     const auto timestamp = object.value(u"timestampMs"_s);
-    if (!id.isString() || id.toString().isEmpty() || id.toString().size() > 200 || !content.isString()
-        || content.toString().size() > 100'000 || !timestamp.isDouble()
+    if (!id.isString() || id.toString().isEmpty() || id.toString().size() > 200
+        || !content.isString() || content.toString().size() > 100'000 || !timestamp.isDouble()
         || (speaker != u"user"_s && speaker != u"interviewer"_s))
         return std::nullopt;
-    TranscriptLine line{id.toString(), speaker, content.toString(), timestamp.toInteger(), std::nullopt, 0};
+    TranscriptLine line{id.toString(),         speaker,      content.toString(),
+                        timestamp.toInteger(), std::nullopt, 0};
     if (const auto confidence = object.value(u"confidence"_s); confidence.isDouble())
         line.confidence = confidence.toDouble();
     if (const auto revision = object.value(u"revision"_s); revision.isDouble())
@@ -28,12 +29,15 @@ std::optional<TranscriptLine> transcriptLineFrom(const QJsonObject& object)
     return line;
 }
 
-void TranscriptChannel::attach(HttpServer& server, AccountService& accounts, InterviewStore& interviews, QObject* owner)
+void TranscriptChannel::attach(HttpServer& server, AccountService& accounts,
+                               InterviewStore& interviews, QObject* owner)
 {
     // The gate and the handler both read the token: the gate to refuse the handshake with a
     // status, the handler to know whose lines arrive.
-    auto sessionOf = [&accounts, &interviews](const QUrlQuery& query) -> std::optional<std::pair<QString, QString>> {
-        const auto user = accounts.verifyAccessToken(query.queryItemValue(u"token"_s, QUrl::FullyDecoded));
+    auto sessionOf = [&accounts, &interviews](
+                         const QUrlQuery& query) -> std::optional<std::pair<QString, QString>> {
+        const auto user =
+            accounts.verifyAccessToken(query.queryItemValue(u"token"_s, QUrl::FullyDecoded));
         if (!user)
             return std::nullopt;
         const auto sessionId = query.queryItemValue(u"sessionId"_s, QUrl::FullyDecoded);
@@ -65,12 +69,13 @@ void TranscriptChannel::attach(HttpServer& server, AccountService& accounts, Int
                 socket->close(QWebSocketProtocol::CloseCodePolicyViolated);
                 return;
             }
-            new TranscriptChannel(std::move(socket), session->first, session->second, interviews, owner);
+            new TranscriptChannel(std::move(socket), session->first, session->second, interviews,
+                                  owner);
         });
 }
 
-TranscriptChannel::TranscriptChannel(std::unique_ptr<QWebSocket> socket, QString userId, QString sessionId,
-                                     InterviewStore& interviews, QObject* parent)
+TranscriptChannel::TranscriptChannel(std::unique_ptr<QWebSocket> socket, QString userId,
+                                     QString sessionId, InterviewStore& interviews, QObject* parent)
     : QObject(parent)
     , m_socket(std::move(socket))
     , m_userId(std::move(userId))
@@ -81,15 +86,16 @@ TranscriptChannel::TranscriptChannel(std::unique_ptr<QWebSocket> socket, QString
     m_socket->setMaxAllowedIncomingFrameSize(maxFrameBytes);
     connect(m_socket.get(), &QWebSocket::textMessageReceived, this,
             [this](const QString& text) { onFrame(text.toUtf8()); });
-    connect(m_socket.get(), &QWebSocket::binaryMessageReceived, this, [this](const QByteArray& data) {
-        // A binary frame counts only if it is UTF-8 text.
-        auto decoder = QStringDecoder(QStringDecoder::Utf8);
-        const QString text = decoder(data);
-        if (decoder.hasError())
-            ++m_badFrames;
-        else
-            onFrame(text.toUtf8());
-    });
+    connect(m_socket.get(), &QWebSocket::binaryMessageReceived, this,
+            [this](const QByteArray& data) {
+                // A binary frame counts only if it is UTF-8 text.
+                auto decoder = QStringDecoder(QStringDecoder::Utf8);
+                const QString text = decoder(data);
+                if (decoder.hasError())
+                    ++m_badFrames;
+                else
+                    onFrame(text.toUtf8());
+            });
     connect(m_socket.get(), &QWebSocket::disconnected, this, &QObject::deleteLater);
     m_socket->sendTextMessage(u"{\"type\":\"connected\"}"_s);
 }
@@ -104,7 +110,8 @@ void TranscriptChannel::onFrame(const QByteArray& data)
         line = transcriptLineFrom(object);
     if (!line) {
         if (++m_badFrames >= maxBadFramesInARow)
-            m_socket->close(QWebSocketProtocol::CloseCodePolicyViolated, u"Too many malformed frames"_s);
+            m_socket->close(QWebSocketProtocol::CloseCodePolicyViolated,
+                            u"Too many malformed frames"_s);
         return;
     }
     m_badFrames = 0;

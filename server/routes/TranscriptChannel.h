@@ -23,7 +23,8 @@ public:
     // Frames that are not transcript lines are skipped; this many in a row ends the connection.
     static constexpr int maxBadFramesInARow = 100;
 
-    static void attach(HttpServer& server, AccountService& accounts, InterviewStore& interviews, QObject* owner);
+    static void attach(HttpServer& server, AccountService& accounts, InterviewStore& interviews,
+                       QObject* owner);
 
     TranscriptChannel(std::unique_ptr<QWebSocket> socket, QString userId, QString sessionId,
                       InterviewStore& interviews, QObject* parent);

@@ -11,7 +11,10 @@
 // A failed query or connection. Routes turn it into a 500 without details.
 class StoreError : public std::runtime_error {
 public:
-    explicit StoreError(const QString& message) : std::runtime_error(message.toStdString()) {}
+    explicit StoreError(const QString& message)
+        : std::runtime_error(message.toStdString())
+    {
+    }
 };
 
 // One connection to SQLite (a file) or PostgreSQL (a postgresql:// address), with the schema

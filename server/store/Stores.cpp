@@ -27,7 +27,8 @@ QVariant nullable(const std::optional<QString>& value)
 
 } // namespace
 
-std::optional<UserRecord> UserStore::create(const QString& email, const QString& passwordHash, qint64 nowMs)
+std::optional<UserRecord> UserStore::create(const QString& email, const QString& passwordHash,
+                                            qint64 nowMs)
 {
     if (byEmail(email))
         return std::nullopt;
@@ -68,7 +69,8 @@ void AuthStore::saveCode(const QString& codeHash, const QString& userId, qint64 
 
 std::optional<QString> AuthStore::takeCode(const QString& codeHash, qint64 nowMs)
 {
-    auto q = m_db.run(u"SELECT user_id, expires_at FROM login_codes WHERE code_hash = ?"_s, {codeHash});
+    auto q =
+        m_db.run(u"SELECT user_id, expires_at FROM login_codes WHERE code_hash = ?"_s, {codeHash});
     if (!q.next())
         return std::nullopt;
     const auto userId = q.value(0).toString();
@@ -81,16 +83,19 @@ std::optional<QString> AuthStore::takeCode(const QString& codeHash, qint64 nowMs
     return userId;
 }
 
-void AuthStore::saveRefresh(const QString& tokenHash, const QString& userId, const QString& familyId, qint64 expiresAtMs)
+void AuthStore::saveRefresh(const QString& tokenHash, const QString& userId,
+                            const QString& familyId, qint64 expiresAtMs)
 {
-    m_db.run(u"INSERT INTO refresh_tokens (token_hash, user_id, family_id, expires_at) VALUES (?, ?, ?, ?)"_s,
-             {tokenHash, userId, familyId, expiresAtMs});
+    m_db.run(
+        u"INSERT INTO refresh_tokens (token_hash, user_id, family_id, expires_at) VALUES (?, ?, ?, ?)"_s,
+        {tokenHash, userId, familyId, expiresAtMs});
 }
 
 std::optional<AuthStore::RefreshRecord> AuthStore::refresh(const QString& tokenHash)
 {
-    auto q = m_db.run(u"SELECT user_id, family_id, expires_at, used, revoked FROM refresh_tokens WHERE token_hash = ?"_s,
-                      {tokenHash});
+    auto q = m_db.run(
+        u"SELECT user_id, family_id, expires_at, used, revoked FROM refresh_tokens WHERE token_hash = ?"_s,
+        {tokenHash});
     if (!q.next())
         return std::nullopt;
     return RefreshRecord{q.value(0).toString(), q.value(1).toString(), q.value(2).toLongLong(),
@@ -99,8 +104,9 @@ std::optional<AuthStore::RefreshRecord> AuthStore::refresh(const QString& tokenH
 
 bool AuthStore::markUsed(const QString& tokenHash)
 {
-    auto q = m_db.run(u"UPDATE refresh_tokens SET used = 1 WHERE token_hash = ? AND used = 0 AND revoked = 0"_s,
-                      {tokenHash});
+    auto q = m_db.run(
+        u"UPDATE refresh_tokens SET used = 1 WHERE token_hash = ? AND used = 0 AND revoked = 0"_s,
+        {tokenHash});
     return q.numRowsAffected() == 1;
 }
 
@@ -123,7 +129,8 @@ QJsonObject sessionFrom(const QSqlQuery& q)
                        {u"startedAt"_s, isoTime(q.value(4).toLongLong())}};
     if (!q.value(5).isNull()) {
         object.insert(u"endedAt"_s, isoTime(q.value(5).toLongLong()));
-        object.insert(u"durationSeconds"_s, (q.value(5).toLongLong() - q.value(4).toLongLong()) / 1000);
+        object.insert(u"durationSeconds"_s,
+                      (q.value(5).toLongLong() - q.value(4).toLongLong()) / 1000);
     }
     if (!q.value(6).isNull())
         object.insert(u"sttAudioDurationMs"_s, q.value(6).toLongLong());
@@ -136,7 +143,8 @@ QJsonObject InterviewStore::createSession(const QString& userId, const QString& 
                                           const QString& languageOutput, qint64 nowMs)
 {
     const auto id = uuidLower();
-    m_db.run(u"INSERT INTO interview_sessions (id, user_id, language_input, language_output, status, started_at) "
+    m_db.run(u"INSERT INTO interview_sessions (id, user_id, language_input, language_output, "
+             u"status, started_at) "
              u"VALUES (?, ?, ?, ?, 'active', ?)"_s,
              {id, userId, languageInput, languageOutput, nowMs});
     return *session(userId, id);
@@ -144,7 +152,8 @@ QJsonObject InterviewStore::createSession(const QString& userId, const QString& 
 
 std::optional<QJsonObject> InterviewStore::session(const QString& userId, const QString& sessionId)
 {
-    auto q = m_db.run(u"SELECT "_s + sessionColumns + u" FROM interview_sessions WHERE id = ? AND user_id = ?"_s,
+    auto q = m_db.run(u"SELECT "_s + sessionColumns
+                          + u" FROM interview_sessions WHERE id = ? AND user_id = ?"_s,
                       {sessionId, userId});
     if (!q.next())
         return std::nullopt;
@@ -153,40 +162,49 @@ std::optional<QJsonObject> InterviewStore::session(const QString& userId, const 
 
 QList<QJsonObject> InterviewStore::sessions(const QString& userId)
 {
-    auto q = m_db.run(u"SELECT "_s + sessionColumns +
-                          u" FROM interview_sessions WHERE user_id = ? ORDER BY started_at DESC, id"_s,
-                      {userId});
+    auto q =
+        m_db.run(u"SELECT "_s + sessionColumns
+                     + u" FROM interview_sessions WHERE user_id = ? ORDER BY started_at DESC, id"_s,
+                 {userId});
     QList<QJsonObject> result;
     while (q.next())
         result.append(sessionFrom(q));
     return result;
 }
 
-bool InterviewStore::complete(const QString& userId, const QString& sessionId, qint64 sttAudioDurationMs, qint64 nowMs)
+bool InterviewStore::complete(const QString& userId, const QString& sessionId,
+                              qint64 sttAudioDurationMs, qint64 nowMs)
 {
     // A second completion keeps the first end time.
-    auto q = m_db.run(u"UPDATE interview_sessions SET status = 'completed', ended_at = COALESCE(ended_at, ?), "
-                      u"stt_audio_duration_ms = ? WHERE id = ? AND user_id = ?"_s,
-                      {nowMs, sttAudioDurationMs, sessionId, userId});
+    auto q = m_db.run(
+        u"UPDATE interview_sessions SET status = 'completed', ended_at = COALESCE(ended_at, ?), "
+        u"stt_audio_duration_ms = ? WHERE id = ? AND user_id = ?"_s,
+        {nowMs, sttAudioDurationMs, sessionId, userId});
     return q.numRowsAffected() == 1;
 }
 
 std::optional<qint64> InterviewStore::upsertLine(const QString& userId, const QString& sessionId,
                                                  const TranscriptLine& line)
 {
-    const QVariant confidence = line.confidence ? QVariant(*line.confidence) : QVariant(QMetaType::fromType<double>());
-    // An older revision never replaces a newer text; a repeat of the same revision rewrites it unchanged.
-    auto q = m_db.run(
-        u"INSERT INTO transcript_lines (session_id, entry_id, speaker, content, timestamp_ms, confidence, revision) "
-        u"SELECT ?, ?, ?, ?, ?, ?, ? WHERE EXISTS "
-        u"(SELECT 1 FROM interview_sessions WHERE id = ? AND user_id = ?) "
-        u"ON CONFLICT (session_id, entry_id) DO UPDATE SET speaker = excluded.speaker, content = excluded.content, "
-        u"timestamp_ms = excluded.timestamp_ms, confidence = excluded.confidence, revision = excluded.revision "
-        u"WHERE excluded.revision >= transcript_lines.revision"_s,
-        {sessionId, line.id, line.speaker, line.content, line.timestampMs, confidence, line.revision, sessionId, userId});
+    const QVariant confidence =
+        line.confidence ? QVariant(*line.confidence) : QVariant(QMetaType::fromType<double>());
+    // An older revision never replaces a newer text; a repeat of the same revision rewrites it
+    // unchanged.
+    auto q = m_db.run(u"INSERT INTO transcript_lines (session_id, entry_id, speaker, content, "
+                      u"timestamp_ms, confidence, revision) "
+                      u"SELECT ?, ?, ?, ?, ?, ?, ? WHERE EXISTS "
+                      u"(SELECT 1 FROM interview_sessions WHERE id = ? AND user_id = ?) "
+                      u"ON CONFLICT (session_id, entry_id) DO UPDATE SET speaker = "
+                      u"excluded.speaker, content = excluded.content, "
+                      u"timestamp_ms = excluded.timestamp_ms, confidence = excluded.confidence, "
+                      u"revision = excluded.revision "
+                      u"WHERE excluded.revision >= transcript_lines.revision"_s,
+                      {sessionId, line.id, line.speaker, line.content, line.timestampMs, confidence,
+                       line.revision, sessionId, userId});
     if (q.numRowsAffected() == 1)
         return line.revision;
-    auto stored = m_db.run(u"SELECT t.revision FROM transcript_lines t JOIN interview_sessions s ON s.id = t.session_id "
+    auto stored = m_db.run(u"SELECT t.revision FROM transcript_lines t JOIN interview_sessions s "
+                           u"ON s.id = t.session_id "
                            u"WHERE t.session_id = ? AND t.entry_id = ? AND s.user_id = ?"_s,
                            {sessionId, line.id, userId});
     if (!stored.next())
@@ -196,14 +214,16 @@ std::optional<qint64> InterviewStore::upsertLine(const QString& userId, const QS
 
 QList<TranscriptLine> InterviewStore::lines(const QString& userId, const QString& sessionId)
 {
-    auto q = m_db.run(u"SELECT t.entry_id, t.speaker, t.content, t.timestamp_ms, t.confidence, t.revision "
-                      u"FROM transcript_lines t JOIN interview_sessions s ON s.id = t.session_id "
-                      u"WHERE t.session_id = ? AND s.user_id = ? ORDER BY t.timestamp_ms, t.entry_id"_s,
-                      {sessionId, userId});
+    auto q = m_db.run(
+        u"SELECT t.entry_id, t.speaker, t.content, t.timestamp_ms, t.confidence, t.revision "
+        u"FROM transcript_lines t JOIN interview_sessions s ON s.id = t.session_id "
+        u"WHERE t.session_id = ? AND s.user_id = ? ORDER BY t.timestamp_ms, t.entry_id"_s,
+        {sessionId, userId});
     QList<TranscriptLine> result;
     while (q.next()) {
-        TranscriptLine line{q.value(0).toString(), q.value(1).toString(), q.value(2).toString(),
-                            q.value(3).toLongLong(), std::nullopt, q.value(5).toLongLong()};
+        TranscriptLine line{q.value(0).toString(), q.value(1).toString(),
+                            q.value(2).toString(), q.value(3).toLongLong(),
+                            std::nullopt,          q.value(5).toLongLong()};
         if (!q.value(4).isNull())
             line.confidence = q.value(4).toDouble();
         result.append(line);
@@ -214,10 +234,11 @@ QList<TranscriptLine> InterviewStore::lines(const QString& userId, const QString
 ResumeRecord DocumentStore::addResume(const QString& userId, ResumeRecord resume)
 {
     resume.id = uuidLower();
-    m_db.run(u"INSERT INTO resumes (id, user_id, filename, content_type, file_data, extracted_text, created_at) "
+    m_db.run(u"INSERT INTO resumes (id, user_id, filename, content_type, file_data, "
+             u"extracted_text, created_at) "
              u"VALUES (?, ?, ?, ?, ?, ?, ?)"_s,
-             {resume.id, userId, resume.filename, resume.contentType, resume.fileData, resume.extractedText,
-              resume.createdAtMs});
+             {resume.id, userId, resume.filename, resume.contentType, resume.fileData,
+              resume.extractedText, resume.createdAtMs});
     return resume;
 }
 
@@ -229,32 +250,41 @@ QList<ResumeRecord> DocumentStore::resumes(const QString& userId)
                       {userId});
     QList<ResumeRecord> result;
     while (q.next())
-        result.append({q.value(0).toString(), q.value(1).toString(), q.value(2).toString(), {},
-                       q.value(3).toString(), q.value(4).toLongLong()});
+        result.append({q.value(0).toString(),
+                       q.value(1).toString(),
+                       q.value(2).toString(),
+                       {},
+                       q.value(3).toString(),
+                       q.value(4).toLongLong()});
     return result;
 }
 
 std::optional<ResumeRecord> DocumentStore::resume(const QString& userId, const QString& id)
 {
-    auto q = m_db.run(u"SELECT id, filename, content_type, file_data, extracted_text, created_at FROM resumes "
-                      u"WHERE id = ? AND user_id = ?"_s,
-                      {id, userId});
+    auto q = m_db.run(
+        u"SELECT id, filename, content_type, file_data, extracted_text, created_at FROM resumes "
+        u"WHERE id = ? AND user_id = ?"_s,
+        {id, userId});
     if (!q.next())
         return std::nullopt;
-    return ResumeRecord{q.value(0).toString(), q.value(1).toString(), q.value(2).toString(),
+    return ResumeRecord{q.value(0).toString(),    q.value(1).toString(), q.value(2).toString(),
                         q.value(3).toByteArray(), q.value(4).toString(), q.value(5).toLongLong()};
 }
 
 bool DocumentStore::deleteResume(const QString& userId, const QString& id)
 {
-    return m_db.run(u"DELETE FROM resumes WHERE id = ? AND user_id = ?"_s, {id, userId}).numRowsAffected() == 1;
+    return m_db.run(u"DELETE FROM resumes WHERE id = ? AND user_id = ?"_s, {id, userId})
+               .numRowsAffected()
+           == 1;
 }
 
-JobDescriptionRecord DocumentStore::addJobDescription(const QString& userId, JobDescriptionRecord record)
+JobDescriptionRecord DocumentStore::addJobDescription(const QString& userId,
+                                                      JobDescriptionRecord record)
 {
     record.id = uuidLower();
-    m_db.run(u"INSERT INTO job_descriptions (id, user_id, title, company, content, created_at) VALUES (?, ?, ?, ?, ?, ?)"_s,
-             {record.id, userId, record.title, record.company, record.content, record.createdAtMs});
+    m_db.run(
+        u"INSERT INTO job_descriptions (id, user_id, title, company, content, created_at) VALUES (?, ?, ?, ?, ?, ?)"_s,
+        {record.id, userId, record.title, record.company, record.content, record.createdAtMs});
     return record;
 }
 
@@ -264,25 +294,30 @@ const auto jobColumns = u"id, title, company, content, created_at"_s;
 
 JobDescriptionRecord jobFrom(const QSqlQuery& q)
 {
-    return {q.value(0).toString(), q.value(1).toString(), q.value(2).toString(), q.value(3).toString(),
-            q.value(4).toLongLong()};
+    return {q.value(0).toString(), q.value(1).toString(), q.value(2).toString(),
+            q.value(3).toString(), q.value(4).toLongLong()};
 }
 
 } // namespace
 
 QList<JobDescriptionRecord> DocumentStore::jobDescriptions(const QString& userId)
 {
-    auto q = m_db.run(u"SELECT "_s + jobColumns + u" FROM job_descriptions WHERE user_id = ? ORDER BY created_at DESC, id"_s,
-                      {userId});
+    auto q =
+        m_db.run(u"SELECT "_s + jobColumns
+                     + u" FROM job_descriptions WHERE user_id = ? ORDER BY created_at DESC, id"_s,
+                 {userId});
     QList<JobDescriptionRecord> result;
     while (q.next())
         result.append(jobFrom(q));
     return result;
 }
 
-std::optional<JobDescriptionRecord> DocumentStore::jobDescription(const QString& userId, const QString& id)
+std::optional<JobDescriptionRecord> DocumentStore::jobDescription(const QString& userId,
+                                                                  const QString& id)
 {
-    auto q = m_db.run(u"SELECT "_s + jobColumns + u" FROM job_descriptions WHERE id = ? AND user_id = ?"_s, {id, userId});
+    auto q = m_db.run(u"SELECT "_s + jobColumns
+                          + u" FROM job_descriptions WHERE id = ? AND user_id = ?"_s,
+                      {id, userId});
     if (!q.next())
         return std::nullopt;
     return jobFrom(q);
@@ -290,28 +325,34 @@ std::optional<JobDescriptionRecord> DocumentStore::jobDescription(const QString&
 
 bool DocumentStore::deleteJobDescription(const QString& userId, const QString& id)
 {
-    return m_db.run(u"DELETE FROM job_descriptions WHERE id = ? AND user_id = ?"_s, {id, userId}).numRowsAffected() == 1;
+    return m_db.run(u"DELETE FROM job_descriptions WHERE id = ? AND user_id = ?"_s, {id, userId})
+               .numRowsAffected()
+           == 1;
 }
 
-QString AnswerLogStore::create(const QString& userId, const std::optional<QString>& sessionId, const QString& question,
-                               qint64 nowMs)
+QString AnswerLogStore::create(const QString& userId, const std::optional<QString>& sessionId,
+                               const QString& question, qint64 nowMs)
 {
     const auto id = uuidLower();
-    m_db.run(u"INSERT INTO answer_logs (id, user_id, session_id, question, answer, created_at) VALUES (?, ?, ?, ?, '', ?)"_s,
-             {id, userId, nullable(sessionId), question, nowMs});
+    m_db.run(
+        u"INSERT INTO answer_logs (id, user_id, session_id, question, answer, created_at) VALUES (?, ?, ?, ?, '', ?)"_s,
+        {id, userId, nullable(sessionId), question, nowMs});
     return id;
 }
 
 bool AnswerLogStore::setAnswer(const QString& userId, const QString& id, const QString& answer)
 {
-    return m_db.run(u"UPDATE answer_logs SET answer = ? WHERE id = ? AND user_id = ?"_s, {answer, id, userId})
-               .numRowsAffected() == 1;
+    return m_db.run(u"UPDATE answer_logs SET answer = ? WHERE id = ? AND user_id = ?"_s,
+                    {answer, id, userId})
+               .numRowsAffected()
+           == 1;
 }
 
 std::optional<QJsonObject> AnswerLogStore::log(const QString& userId, const QString& id)
 {
-    auto q = m_db.run(u"SELECT id, session_id, question, answer, created_at FROM answer_logs WHERE id = ? AND user_id = ?"_s,
-                      {id, userId});
+    auto q = m_db.run(
+        u"SELECT id, session_id, question, answer, created_at FROM answer_logs WHERE id = ? AND user_id = ?"_s,
+        {id, userId});
     if (!q.next())
         return std::nullopt;
     QJsonObject object{{u"id"_s, q.value(0).toString()},
@@ -323,20 +364,25 @@ std::optional<QJsonObject> AnswerLogStore::log(const QString& userId, const QStr
     return object;
 }
 
-void TelemetryStore::addEvent(const QString& deviceId, const QString& appVersion, const QJsonObject& event, qint64 nowMs)
+void TelemetryStore::addEvent(const QString& deviceId, const QString& appVersion,
+                              const QJsonObject& event, qint64 nowMs)
 {
-    m_db.run(u"INSERT INTO telemetry_events (id, device_id, name, category, client_ts, props, app_version, received_at) "
+    m_db.run(u"INSERT INTO telemetry_events (id, device_id, name, category, client_ts, props, "
+             u"app_version, received_at) "
              u"VALUES (?, ?, ?, ?, ?, ?, ?, ?)"_s,
-             {uuidLower(), deviceId, event.value(u"name"_s).toString(), event.value(u"category"_s).toString(),
-              event.value(u"clientTs"_s).toString(),
-              QString::fromUtf8(QJsonDocument(event.value(u"props"_s).toObject()).toJson(QJsonDocument::Compact)),
+             {uuidLower(), deviceId, event.value(u"name"_s).toString(),
+              event.value(u"category"_s).toString(), event.value(u"clientTs"_s).toString(),
+              QString::fromUtf8(
+                  QJsonDocument(event.value(u"props"_s).toObject()).toJson(QJsonDocument::Compact)),
               appVersion, nowMs});
 }
 
 void TelemetryStore::addCrash(const QString& deviceId, const QJsonObject& report, qint64 nowMs)
 {
-    m_db.run(u"INSERT INTO crash_reports (id, device_id, report, received_at) VALUES (?, ?, ?, ?)"_s,
-             {uuidLower(), deviceId, QString::fromUtf8(QJsonDocument(report).toJson(QJsonDocument::Compact)), nowMs});
+    m_db.run(
+        u"INSERT INTO crash_reports (id, device_id, report, received_at) VALUES (?, ?, ?, ?)"_s,
+        {uuidLower(), deviceId,
+         QString::fromUtf8(QJsonDocument(report).toJson(QJsonDocument::Compact)), nowMs});
 }
 
 int TelemetryStore::eventCount()

@@ -20,9 +20,13 @@ struct UserRecord {
 
 class UserStore {
 public:
-    explicit UserStore(Database& db) : m_db(db) {}
+    explicit UserStore(Database& db)
+        : m_db(db)
+    {
+    }
     // Nothing when the address is taken.
-    std::optional<UserRecord> create(const QString& email, const QString& passwordHash, qint64 nowMs);
+    std::optional<UserRecord> create(const QString& email, const QString& passwordHash,
+                                     qint64 nowMs);
     std::optional<UserRecord> byEmail(const QString& email);
     std::optional<UserRecord> byId(const QString& id);
 
@@ -32,7 +36,10 @@ private:
 
 class AuthStore {
 public:
-    explicit AuthStore(Database& db) : m_db(db) {}
+    explicit AuthStore(Database& db)
+        : m_db(db)
+    {
+    }
     void saveCode(const QString& codeHash, const QString& userId, qint64 expiresAtMs);
     // One use only: the code is deleted whether or not it is still valid.
     std::optional<QString> takeCode(const QString& codeHash, qint64 nowMs);
@@ -44,7 +51,8 @@ public:
         bool used = false;
         bool revoked = false;
     };
-    void saveRefresh(const QString& tokenHash, const QString& userId, const QString& familyId, qint64 expiresAtMs);
+    void saveRefresh(const QString& tokenHash, const QString& userId, const QString& familyId,
+                     qint64 expiresAtMs);
     std::optional<RefreshRecord> refresh(const QString& tokenHash);
     // True for the one caller that marks it first; two racing refreshes cannot both rotate.
     bool markUsed(const QString& tokenHash);
@@ -65,15 +73,20 @@ struct TranscriptLine {
 
 class InterviewStore {
 public:
-    explicit InterviewStore(Database& db) : m_db(db) {}
+    explicit InterviewStore(Database& db)
+        : m_db(db)
+    {
+    }
     QJsonObject createSession(const QString& userId, const QString& languageInput,
                               const QString& languageOutput, qint64 nowMs);
     std::optional<QJsonObject> session(const QString& userId, const QString& sessionId);
     QList<QJsonObject> sessions(const QString& userId);
-    bool complete(const QString& userId, const QString& sessionId, qint64 sttAudioDurationMs, qint64 nowMs);
+    bool complete(const QString& userId, const QString& sessionId, qint64 sttAudioDurationMs,
+                  qint64 nowMs);
     // The revision now stored for the line (which may be newer than this one), or nothing when
     // the session is not the user's.
-    std::optional<qint64> upsertLine(const QString& userId, const QString& sessionId, const TranscriptLine& line);
+    std::optional<qint64> upsertLine(const QString& userId, const QString& sessionId,
+                                     const TranscriptLine& line);
     // Ordered by the time of speech, whatever order they arrived in.
     QList<TranscriptLine> lines(const QString& userId, const QString& sessionId);
 
@@ -100,7 +113,10 @@ struct JobDescriptionRecord {
 
 class DocumentStore {
 public:
-    explicit DocumentStore(Database& db) : m_db(db) {}
+    explicit DocumentStore(Database& db)
+        : m_db(db)
+    {
+    }
     ResumeRecord addResume(const QString& userId, ResumeRecord resume);
     QList<ResumeRecord> resumes(const QString& userId);
     std::optional<ResumeRecord> resume(const QString& userId, const QString& id);
@@ -116,8 +132,12 @@ private:
 
 class AnswerLogStore {
 public:
-    explicit AnswerLogStore(Database& db) : m_db(db) {}
-    QString create(const QString& userId, const std::optional<QString>& sessionId, const QString& question, qint64 nowMs);
+    explicit AnswerLogStore(Database& db)
+        : m_db(db)
+    {
+    }
+    QString create(const QString& userId, const std::optional<QString>& sessionId,
+                   const QString& question, qint64 nowMs);
     bool setAnswer(const QString& userId, const QString& id, const QString& answer);
     std::optional<QJsonObject> log(const QString& userId, const QString& id);
 
@@ -127,8 +147,12 @@ private:
 
 class TelemetryStore {
 public:
-    explicit TelemetryStore(Database& db) : m_db(db) {}
-    void addEvent(const QString& deviceId, const QString& appVersion, const QJsonObject& event, qint64 nowMs);
+    explicit TelemetryStore(Database& db)
+        : m_db(db)
+    {
+    }
+    void addEvent(const QString& deviceId, const QString& appVersion, const QJsonObject& event,
+                  qint64 nowMs);
     void addCrash(const QString& deviceId, const QJsonObject& report, qint64 nowMs);
     int eventCount();
     int crashCount();

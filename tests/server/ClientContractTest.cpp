@@ -25,7 +25,8 @@ protected:
 
 TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
 {
-    const auto user = std::get<UserRecord>(server.accounts->createAccount(u"client@example.org"_s, u"long enough"_s));
+    const auto user = std::get<UserRecord>(
+        server.accounts->createAccount(u"client@example.org"_s, u"long enough"_s));
     const auto auth = awaitTask(client.exchangeCode(server.accounts->issueCode(user.id)));
     EXPECT_EQ(auth.user.email, u"client@example.org"_s);
     client.setAccessToken(auth.accessToken);
@@ -44,7 +45,8 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     const auto resume = awaitTask(client.uploadResume(cv.fileName()));
     EXPECT_EQ(resume.filename, u"CV.txt"_s);
     EXPECT_EQ(resume.extractedText, u"Reduced build times by half.\n"_s);
-    const auto job = awaitTask(client.createJobDescription(u"Build engineer"_s, u"Speed up CI"_s, std::nullopt));
+    const auto job =
+        awaitTask(client.createJobDescription(u"Build engineer"_s, u"Speed up CI"_s, std::nullopt));
     EXPECT_EQ(job.company, QString());
     EXPECT_EQ(awaitTask(client.fetchResumes()).resumes.size(), 1);
     EXPECT_EQ(awaitTask(client.fetchJobDescriptions()).jobDescriptions.size(), 1);
@@ -56,35 +58,47 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     SystemClock clock;
     TranscriptUploadService channel(clock);
     awaitTask(channel.start(server.base(), *client.accessToken(), session.id));
-    TranscriptEntry first{u"e1"_s, TranscriptEntry::Speaker::interviewer, u"Tell me"_s, 2000, 0.9, true};
-    TranscriptEntry second{u"e2"_s, TranscriptEntry::Speaker::user, u"Sure."_s, 1000, std::nullopt, true};
+    TranscriptEntry first{u"e1"_s, TranscriptEntry::Speaker::interviewer, u"Tell me"_s, 2000, 0.9,
+                          true};
+    TranscriptEntry second{u"e2"_s, TranscriptEntry::Speaker::user, u"Sure."_s, 1000, std::nullopt,
+                           true};
     awaitTask(channel.send(first));
     awaitTask(channel.send(second));
     first.content = u"Tell me about a time you sped up a build."_s;
     awaitTask(channel.send(first));
-    ASSERT_TRUE(waitUntil([&] { return channel.acknowledgedIds().size() == 2 && channel.pendingIds().isEmpty(); }));
+    ASSERT_TRUE(waitUntil(
+        [&] { return channel.acknowledgedIds().size() == 2 && channel.pendingIds().isEmpty(); }));
     EXPECT_TRUE(awaitTask(channel.stop()).isEmpty());
 
     // The rest after the session, as the pending upload sends it.
-    TranscriptEntry late{u"e3"_s, TranscriptEntry::Speaker::user, u"Thanks"_s, 3000, std::nullopt, true};
+    TranscriptEntry late{u"e3"_s, TranscriptEntry::Speaker::user, u"Thanks"_s, 3000, std::nullopt,
+                         true};
     awaitTask(client.postTranscript(session.id, {late.uploadForm()}));
 
     server.engine.finishAtOnce = true;
-    APIClient::AnswerRequest request{u"Tell me about a time"_s, {first.contextForm()}, session.id, u"en"_s, resume.id, job.id};
+    APIClient::AnswerRequest request{
+        u"Tell me about a time"_s, {first.contextForm()}, session.id, u"en"_s, resume.id, job.id};
     auto answer = awaitTask(client.streamAnswer(request));
     ASSERT_TRUE(answer.logId);
-    EXPECT_EQ(server.engine.answers.back()->request.resumeText, u"Reduced build times by half.\n"_s);
+    EXPECT_EQ(server.engine.answers.back()->request.resumeText,
+              u"Reduced build times by half.\n"_s);
     awaitTask(client.saveAnswerLog(*answer.logId, u"Draft, edited"_s));
     awaitTask(client.completeSession(session.id, 0));
 
-    const auto stored = QJsonDocument::fromJson(
-        server.call({{}, {}, *client.accessToken(), {}}, u"GET"_s, u"/api/v1/interview/session/"_s + session.id).body).object();
+    const auto stored =
+        QJsonDocument::fromJson(server
+                                    .call({{}, {}, *client.accessToken(), {}}, u"GET"_s,
+                                          u"/api/v1/interview/session/"_s + session.id)
+                                    .body)
+            .object();
     EXPECT_EQ(stored.value(u"status"_s).toString(), u"completed"_s);
     QStringList order;
     for (const auto& line : stored.value(u"transcript"_s).toArray())
-        order.append(line.toObject().value(u"id"_s).toString() + u'=' + line.toObject().value(u"content"_s).toString());
+        order.append(line.toObject().value(u"id"_s).toString() + u'='
+                     + line.toObject().value(u"content"_s).toString());
     // By time of speech, not by arrival.
-    EXPECT_EQ(order, (QStringList{u"e2=Sure."_s, u"e1=Tell me about a time you sped up a build."_s, u"e3=Thanks"_s}));
+    EXPECT_EQ(order, (QStringList{u"e2=Sure."_s, u"e1=Tell me about a time you sped up a build."_s,
+                                  u"e3=Thanks"_s}));
 
     awaitTask(client.deleteResume(resume.id));
     awaitTask(client.deleteJobDescription(job.id));

@@ -17,7 +17,8 @@ FakeAnswerEngine::Handle FakeAnswerEngine::answer(const ravlet::server::AnswerRe
                                                   std::function<void(const QString&)> onChunk,
                                                   std::function<void(const QString&)> onDone)
 {
-    auto pending = std::make_shared<Pending>(Pending{request, std::move(onChunk), std::move(onDone)});
+    auto pending =
+        std::make_shared<Pending>(Pending{request, std::move(onChunk), std::move(onDone)});
     answers.push_back(pending);
     if (finishAtOnce) {
         QTimer::singleShot(0, [pending] {
@@ -58,12 +59,13 @@ CurlResult curl(const QStringList& arguments)
     return result;
 }
 
-ServerHarness::ServerHarness() : clock(wallClockMs())
+ServerHarness::ServerHarness(ServerConfig config)
+    : clock(wallClockMs())
 {
     const auto url = qEnvironmentVariable("RAVLET_TEST_DATABASE");
     db = Database::open(url.isEmpty() ? dir.filePath(u"server.sqlite"_s) : url);
     accounts = std::make_unique<AccountService>(*db, clock, signingKey);
-    api = std::make_unique<Api>(*db, *accounts, clock, ServerConfig{}, &engine);
+    api = std::make_unique<Api>(*db, *accounts, clock, std::move(config), &engine);
     http = std::make_unique<HttpServer>();
     api->attach(*http);
     port = http->listen(QHostAddress::LocalHost, 0).value_or(0);
@@ -80,7 +82,8 @@ ServerHarness::Account ServerHarness::signUp()
     return {user.id, email, pair->accessToken, pair->refreshToken};
 }
 
-CurlResult ServerHarness::call(const Account& account, const QString& method, const QString& path, const QByteArray& body)
+CurlResult ServerHarness::call(const Account& account, const QString& method, const QString& path,
+                               const QByteArray& body)
 {
     QStringList arguments{u"-X"_s, method};
     if (!account.accessToken.isEmpty())
@@ -92,7 +95,8 @@ CurlResult ServerHarness::call(const Account& account, const QString& method, co
         if (out.open(QIODevice::WriteOnly))
             out.write(body);
         out.close();
-        arguments << u"-H"_s << u"Content-Type: application/json"_s << u"--data-binary"_s << u"@"_s + file;
+        arguments << u"-H"_s << u"Content-Type: application/json"_s << u"--data-binary"_s
+                  << u"@"_s + file;
     }
     return curl(arguments << base() + path);
 }

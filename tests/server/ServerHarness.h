@@ -25,7 +25,8 @@ public:
         bool cancelled = false;
     };
 
-    Handle answer(const ravlet::server::AnswerRequest& request, std::function<void(const QString&)> onChunk,
+    Handle answer(const ravlet::server::AnswerRequest& request,
+                  std::function<void(const QString&)> onChunk,
                   std::function<void(const QString&)> onDone) override;
 
     std::vector<std::shared_ptr<Pending>> answers;
@@ -46,7 +47,7 @@ CurlResult curl(const QStringList& arguments);
 // database is a fresh SQLite file, or the PostgreSQL database named by RAVLET_TEST_DATABASE.
 class ServerHarness {
 public:
-    ServerHarness();
+    explicit ServerHarness(ServerConfig config = {});
     ~ServerHarness();
 
     struct Account {
@@ -60,7 +61,8 @@ public:
 
     QString base() const { return QStringLiteral("http://127.0.0.1:%1").arg(port); }
     // curl with the account's bearer token and the JSON content type.
-    CurlResult call(const Account& account, const QString& method, const QString& path, const QByteArray& body = {});
+    CurlResult call(const Account& account, const QString& method, const QString& path,
+                    const QByteArray& body = {});
 
     static const QByteArray signingKey;
     QTemporaryDir dir;

@@ -8,7 +8,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const QByteArray input(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size));
     const auto newline = input.indexOf('\n');
-    const auto contentType = "multipart/form-data; boundary=" + (newline < 0 ? input : input.left(newline));
+    const auto contentType =
+        "multipart/form-data; boundary=" + (newline < 0 ? input : input.left(newline));
     const auto body = newline < 0 ? QByteArray() : input.mid(newline + 1);
     if (const auto boundary = Multipart::boundaryOf(contentType)) {
         if (const auto parts = Multipart::parse(body, *boundary)) {

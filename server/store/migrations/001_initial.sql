@@ -1,3 +1,4 @@
+-- ${BLOB} is the binary type of the driver: BLOB on SQLite, BYTEA on PostgreSQL.
 -- Accounts, sign-in codes and refresh tokens. Codes and tokens are stored as hashes only.
 CREATE TABLE users (
     id TEXT PRIMARY KEY,
@@ -49,7 +50,7 @@ CREATE TABLE resumes (
     user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
     filename TEXT NOT NULL,
     content_type TEXT NOT NULL,
-    file_data BLOB NOT NULL,
+    file_data ${BLOB} NOT NULL,
     extracted_text TEXT NOT NULL,
     created_at BIGINT NOT NULL
 );
