@@ -19,7 +19,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     xvfb x11-utils pulseaudio pulseaudio-utils espeak-ng sox
     gnome-keyring libsecret-tools dbus dbus-x11
-    curl python3-websockets postgresql
+    curl python3-websockets postgresql chromium
 )
 
 missing=()
