@@ -9,6 +9,8 @@ packages=(
     qt6-base-dev qt6-websockets-dev qt6-multimedia-dev qt6-declarative-dev
     qcoro-qt6-dev qtkeychain-qt6-dev libpoppler-cpp-dev libpulse-dev libsamplerate0-dev
     libxi-dev libxtst-dev libxcb-xinput-dev
+    # the server: HTTP and WebSocket, storage, password hashing
+    qt6-httpserver-dev libsodium-dev libqt6sql6-sqlite libqt6sql6-psql
     # QML modules for the windows (they do not pull each other in)
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-templates
     qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml
@@ -17,6 +19,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     xvfb x11-utils pulseaudio pulseaudio-utils espeak-ng sox
     gnome-keyring libsecret-tools dbus dbus-x11
+    curl python3-websockets postgresql chromium
 )
 
 missing=()

@@ -1,0 +1,243 @@
+#include "HttpServer.h"
+
+#include <QAbstractHttpServer>
+#include <QHash>
+#include <QHttpServerRequest>
+#include <QHttpServerResponder>
+#include <QPointer>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QWebSocket>
+
+namespace {
+
+QByteArray methodName(QHttpServerRequest::Method method)
+{
+    using M = QHttpServerRequest::Method;
+    switch (method) {
+    case M::Get:
+        return QByteArrayLiteral("GET");
+    case M::Put:
+        return QByteArrayLiteral("PUT");
+    case M::Delete:
+        return QByteArrayLiteral("DELETE");
+    case M::Post:
+        return QByteArrayLiteral("POST");
+    case M::Head:
+        return QByteArrayLiteral("HEAD");
+    case M::Options:
+        return QByteArrayLiteral("OPTIONS");
+    case M::Patch:
+        return QByteArrayLiteral("PATCH");
+    default:
+        return QByteArrayLiteral("OTHER");
+    }
+}
+
+HttpRequest toRequest(const QHttpServerRequest& request)
+{
+    HttpRequest result;
+    result.method = methodName(request.method());
+    result.path = request.url().path(QUrl::FullyEncoded); // segments are decoded one by one
+    result.query = request.query();
+    for (const auto& [key, value] : request.headers())
+        result.headers.append({key, value});
+    result.body = request.body();
+    result.peer = request.remoteAddress();
+    return result;
+}
+
+// Qt 6.4's responder writes a status line, headers and raw body bytes; the chunked framing of a
+// stream is ours. The socket may go at any time: every write is
+// guarded by the QPointer.
+class QtResponder final : public HttpResponder {
+public:
+    QtResponder(QHttpServerResponder&& responder, QTcpSocket* socket)
+        : m_responder(std::move(responder))
+        , m_socket(socket)
+    {
+        QObject::connect(socket, &QTcpSocket::disconnected, socket, [this] { peerGone(); });
+    }
+
+    ~QtResponder() override
+    {
+        if (m_socket)
+            QObject::disconnect(m_socket, &QTcpSocket::disconnected, m_socket, nullptr);
+        if (m_state == State::idle)
+            respond(HttpResponse::error(500, QStringLiteral("The request was not answered")));
+        else if (m_state == State::streaming)
+            endStream();
+    }
+
+    void respond(const HttpResponse& response) override
+    {
+        if (m_state != State::idle)
+            return;
+        m_state = State::done;
+        if (!m_socket)
+            return;
+        writeHead(response.status, response.contentType, response.headers);
+        m_responder.writeHeader("Content-Length", QByteArray::number(response.body.size()));
+        m_responder.writeBody(response.body);
+    }
+
+    void beginStream(int status, const QByteArray& contentType) override
+    {
+        if (m_state != State::idle)
+            return;
+        m_state = State::streaming;
+        if (!m_socket)
+            return;
+        writeHead(status, contentType,
+                  {{"Cache-Control", "no-cache"}, {"Transfer-Encoding", "chunked"}});
+        m_responder.writeBody(QByteArray());
+        m_socket->flush();
+    }
+
+    void writeChunk(const QByteArray& bytes) override
+    {
+        if (m_state != State::streaming || !m_socket || bytes.isEmpty())
+            return;
+        m_responder.writeBody(QByteArray::number(bytes.size(), 16) + "\r\n" + bytes + "\r\n");
+        m_socket->flush();
+    }
+
+    void endStream() override
+    {
+        if (m_state != State::streaming)
+            return;
+        m_state = State::done;
+        if (m_socket)
+            m_responder.writeBody(QByteArrayLiteral("0\r\n\r\n"));
+    }
+
+    bool isConnected() const override
+    {
+        return m_socket && m_socket->state() == QAbstractSocket::ConnectedState;
+    }
+
+    void setOnDisconnected(std::function<void()> callback) override
+    {
+        m_onDisconnected = std::move(callback);
+    }
+
+private:
+    enum class State { idle, streaming, done };
+
+    void writeHead(int status, const QByteArray& contentType, const HttpHeaders& headers)
+    {
+        m_responder.writeStatusLine(QHttpServerResponder::StatusCode(status));
+        if (!contentType.isEmpty())
+            m_responder.writeHeader("Content-Type", contentType);
+        for (const auto& [key, value] : headers)
+            m_responder.writeHeader(key, value);
+    }
+
+    void peerGone()
+    {
+        if (m_state == State::done)
+            return;
+        m_state = State::done;
+        if (auto callback = std::exchange(m_onDisconnected, {}))
+            callback();
+    }
+
+    QHttpServerResponder m_responder;
+    QPointer<QTcpSocket> m_socket;
+    State m_state = State::idle;
+    std::function<void()> m_onDisconnected;
+};
+
+} // namespace
+
+class HttpServer::Impl final : public QAbstractHttpServer {
+public:
+    explicit Impl(HttpServer* owner)
+        : QAbstractHttpServer(owner)
+    {
+        connect(this, &QAbstractHttpServer::newWebSocketConnection, this,
+                [this] { takeWebSockets(); });
+    }
+
+    RequestHandler handler;
+    struct WebSocketRoute {
+        UpgradeGate gate;
+        WebSocketHandler handler;
+    };
+    QHash<QString, WebSocketRoute> webSocketRoutes;
+    // A refused upgrade is answered from missingHandler, the only way Qt 6.4 lets us keep the
+    // socket from being handed to its WebSocket server.
+    QHash<QTcpSocket*, HttpResponse> refusedUpgrades;
+
+protected:
+    bool handleRequest(const QHttpServerRequest& request, QTcpSocket* socket) override
+    {
+        auto converted = toRequest(request);
+        if (request.value("upgrade").compare("websocket", Qt::CaseInsensitive) == 0) {
+            const auto route = webSocketRoutes.constFind(converted.path);
+            if (route == webSocketRoutes.cend()) {
+                refusedUpgrades.insert(socket,
+                                       HttpResponse::error(404, QStringLiteral("Not found")));
+                return false;
+            }
+            if (auto refusal = route->gate(converted)) {
+                refusedUpgrades.insert(socket, *refusal);
+                return false;
+            }
+            return true; // the library now performs the handshake
+        }
+        handler(converted, std::make_shared<QtResponder>(makeResponder(request, socket), socket));
+        return true;
+    }
+
+    void missingHandler(const QHttpServerRequest& request, QTcpSocket* socket) override
+    {
+        auto response = refusedUpgrades.take(socket);
+        if (response.status == 200)
+            response = HttpResponse::error(404, QStringLiteral("Not found"));
+        QtResponder(makeResponder(request, socket), socket).respond(response);
+    }
+
+private:
+    void takeWebSockets()
+    {
+        while (hasPendingWebSocketConnections()) {
+            auto socket = nextPendingWebSocketConnection();
+            const auto route = webSocketRoutes.constFind(socket->requestUrl().path());
+            if (route == webSocketRoutes.cend()) {
+                socket->close(QWebSocketProtocol::CloseCodePolicyViolated);
+                continue;
+            }
+            route->handler(std::move(socket));
+        }
+    }
+};
+
+HttpServer::HttpServer(QObject* parent)
+    : QObject(parent)
+    , m_impl(std::make_unique<Impl>(this))
+{
+    m_impl->handler = [](const HttpRequest&, std::shared_ptr<HttpResponder> responder) {
+        responder->respond(HttpResponse::error(404, QStringLiteral("Not found")));
+    };
+}
+
+HttpServer::~HttpServer() = default;
+
+void HttpServer::setRequestHandler(RequestHandler handler)
+{
+    m_impl->handler = std::move(handler);
+}
+
+void HttpServer::addWebSocketRoute(const QString& path, UpgradeGate gate, WebSocketHandler handler)
+{
+    m_impl->webSocketRoutes.insert(path, {std::move(gate), std::move(handler)});
+}
+
+std::optional<quint16> HttpServer::listen(const QHostAddress& address, quint16 port)
+{
+    const auto bound = m_impl->listen(address, port);
+    if (bound == 0)
+        return std::nullopt;
+    return bound;
+}

@@ -1,0 +1,196 @@
+#include "Api.h"
+
+#include "LoginPage.h"
+#include "TranscriptChannel.h"
+
+#include <QJsonDocument>
+#include <QUrl>
+
+using namespace Qt::StringLiterals;
+
+std::variant<QJsonObject, HttpResponse> jsonBody(const HttpRequest& request)
+{
+    if (request.body.size() > Api::maxJsonBody)
+        return HttpResponse::error(413, u"The request body is too large"_s);
+    QJsonParseError error;
+    const auto document = QJsonDocument::fromJson(request.body, &error);
+    if (error.error != QJsonParseError::NoError || !document.isObject())
+        return HttpResponse::error(400, u"The request body must be a JSON object"_s);
+    return document.object();
+}
+
+HttpResponse jsonResponse(int status, const QJsonObject& object)
+{
+    return HttpResponse::json(status, QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+
+Api::Api(Database& db, AccountService& accounts, const Clock& clock, ServerConfig config,
+         ravlet::server::AnswerEngine* engine, QObject* parent)
+    : QObject(parent)
+    , m_db(db)
+    , m_accounts(accounts)
+    , m_clock(clock)
+    , m_config(std::move(config))
+    , m_engine(engine)
+    , m_interviews(db)
+    , m_documents(db)
+    , m_answerLogs(db)
+    , m_telemetry(db)
+{
+    registerAuthRoutes();
+    registerInterviewRoutes();
+    registerDocumentRoutes();
+    registerTelemetryRoutes();
+    m_routes.append({"POST",
+                     u"/api/v1/chat/answer"_s.split(u'/', Qt::SkipEmptyParts),
+                     true,
+                     {},
+                     [this](const HttpRequest& request, const User& user,
+                            std::shared_ptr<HttpResponder> responder) {
+                         streamAnswer(request, user, std::move(responder));
+                     }});
+    addPublicRoute("GET", u"/health"_s, [](const HttpRequest&, const Params&) {
+        return jsonResponse(200, {{u"status"_s, u"ok"_s}});
+    });
+}
+
+Api::~Api() = default;
+
+void Api::attach(HttpServer& server)
+{
+    server.setRequestHandler(
+        [this](const HttpRequest& request, std::shared_ptr<HttpResponder> responder) {
+            handle(request, std::move(responder));
+        });
+    TranscriptChannel::attach(server, m_accounts, m_interviews, this);
+}
+
+void Api::addRoute(
+    const char* method, const QString& pattern,
+    std::function<HttpResponse(const HttpRequest&, const User&, const Params&)> handler)
+{
+    m_routes.append({QByteArray(method),
+                     pattern.split(u'/', Qt::SkipEmptyParts),
+                     true,
+                     std::move(handler),
+                     {}});
+}
+
+void Api::addPublicRoute(const char* method, const QString& pattern,
+                         std::function<HttpResponse(const HttpRequest&, const Params&)> handler)
+{
+    m_routes.append(
+        {QByteArray(method),
+         pattern.split(u'/', Qt::SkipEmptyParts),
+         false,
+         [handler = std::move(handler)](const HttpRequest& request, const User&,
+                                        const Params& params) { return handler(request, params); },
+         {}});
+}
+
+std::optional<Api::User> Api::userOf(const HttpRequest& request) const
+{
+    const auto authorization = request.header("Authorization");
+    if (!authorization.startsWith("Bearer "))
+        return std::nullopt;
+    return m_accounts.verifyAccessToken(QString::fromLatin1(authorization.mid(7).trimmed()));
+}
+
+void Api::handle(const HttpRequest& request, std::shared_ptr<HttpResponder> responder)
+{
+    // Split before decoding, so that an id holding "/" stays one segment.
+    QStringList segments;
+    for (const auto& segment : request.path.split(u'/', Qt::SkipEmptyParts))
+        segments.append(QUrl::fromPercentEncoding(segment.toUtf8()));
+    bool pathMatched = false;
+    for (const auto& route : std::as_const(m_routes)) {
+        if (route.segments.size() != segments.size())
+            continue;
+        Params params;
+        bool matches = true;
+        for (qsizetype i = 0; i < segments.size() && matches; ++i) {
+            if (route.segments[i] == u"*"_s)
+                params.append(segments[i]);
+            else
+                matches = route.segments[i] == segments[i];
+        }
+        if (!matches)
+            continue;
+        pathMatched = true;
+        if (route.method != request.method)
+            continue;
+        User user;
+        if (route.needsUser) {
+            const auto signedIn = userOf(request);
+            if (!signedIn) {
+                responder->respond(HttpResponse::error(401, u"Authentication required"_s));
+                return;
+            }
+            user = *signedIn;
+        }
+        try {
+            if (route.streamHandler)
+                route.streamHandler(request, user, responder);
+            else
+                responder->respond(route.handler(request, user, params));
+        } catch (const std::exception& error) {
+            // Details stay in the log: they may name tables or values.
+            qWarning("Request to %s failed: %s", qPrintable(request.path), error.what());
+            responder->respond(
+                HttpResponse::error(500, u"The server could not complete the request"_s));
+        }
+        return;
+    }
+    responder->respond(pathMatched ? HttpResponse::error(405, u"Method not allowed"_s)
+                                   : HttpResponse::error(404, u"Not found"_s));
+}
+
+void Api::registerAuthRoutes()
+{
+    addPublicRoute(
+        "POST", u"/api/v1/auth/exchange"_s,
+        withJsonBody([this](const QJsonObject& object, const Params&) {
+            const auto pair = m_accounts.exchange(object.value(u"code"_s).toString());
+            if (!pair)
+                return HttpResponse::error(401, u"The sign-in code is invalid or has expired"_s);
+            return jsonResponse(200, {{u"accessToken"_s, pair->accessToken},
+                                      {u"refreshToken"_s, pair->refreshToken},
+                                      {u"user"_s, QJsonObject{{u"id"_s, pair->user.id},
+                                                              {u"email"_s, pair->user.email}}}});
+        }));
+    addPublicRoute(
+        "POST", u"/api/v1/auth/refresh"_s,
+        withJsonBody([this](const QJsonObject& object, const Params&) {
+            const auto pair = m_accounts.refresh(object.value(u"refreshToken"_s).toString());
+            if (!pair)
+                return HttpResponse::error(401, u"The session has ended; sign in again"_s);
+            return jsonResponse(200, {{u"accessToken"_s, pair->accessToken},
+                                      {u"refreshToken"_s, pair->refreshToken}});
+        }));
+
+    auto page = std::make_shared<LoginPage>(m_accounts, m_config.localSignIn);
+    addPublicRoute("GET", u"/auth/login"_s, [page](const HttpRequest& request, const Params&) {
+        return page->show(request);
+    });
+    addPublicRoute("POST", u"/auth/login"_s, [page](const HttpRequest& request, const Params&) {
+        return page->submit(request);
+    });
+
+    addRoute("GET", u"/api/v1/subscription/status"_s,
+             [this](const HttpRequest&, const User&, const Params&) {
+                 QJsonObject status;
+                 if (m_config.speechEndpoint)
+                     status.insert(u"speechProvider"_s, u"deepgram"_s);
+                 return jsonResponse(200, status);
+             });
+    addRoute("GET", u"/api/v1/speech/token"_s,
+             [this](const HttpRequest&, const User& user, const Params&) {
+                 if (!m_config.speechEndpoint)
+                     return HttpResponse::error(
+                         503, u"Speech recognition is not set up on this server: start "
+                              u"ravlet-server with --speech-endpoint"_s);
+                 return jsonResponse(200, {{u"provider"_s, u"deepgram"_s},
+                                           {u"token"_s, m_accounts.issueSpeechToken(user.id)},
+                                           {u"endpoint"_s, *m_config.speechEndpoint}});
+             });
+}

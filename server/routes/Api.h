@@ -1,0 +1,94 @@
+#pragma once
+
+#include "AccountService.h"
+#include "HttpServer.h"
+#include "ServerConfig.h"
+#include "Stores.h"
+
+#include <QJsonObject>
+
+#include <QObject>
+#include <variant>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+class Clock;
+namespace ravlet::server {
+class AnswerEngine;
+}
+
+// Every route of the server: parses and checks each request at the edge, calls one store or
+// engine operation, and writes the answer.
+class Api : public QObject {
+    Q_OBJECT
+
+public:
+    static constexpr qint64 maxJsonBody = 1024 * 1024;
+    static constexpr qint64 maxUploadBody = 12 * 1024 * 1024;
+
+    // `engine` may be null: answers are then refused with 503.
+    Api(Database& db, AccountService& accounts, const Clock& clock, ServerConfig config,
+        ravlet::server::AnswerEngine* engine, QObject* parent = nullptr);
+    ~Api() override;
+
+    void attach(HttpServer& server);
+    void handle(const HttpRequest& request, std::shared_ptr<HttpResponder> responder);
+
+    using User = AccountService::SignedInUser;
+
+private:
+    using Params = QStringList;
+    struct Route {
+        QByteArray method;
+        QStringList segments; // "*" matches one segment, which goes into Params
+        bool needsUser = true;
+        std::function<HttpResponse(const HttpRequest&, const User&, const Params&)> handler;
+        // For a route that answers later (the streamed answer).
+        std::function<void(const HttpRequest&, const User&, std::shared_ptr<HttpResponder>)>
+            streamHandler;
+    };
+
+    void
+    addRoute(const char* method, const QString& pattern,
+             std::function<HttpResponse(const HttpRequest&, const User&, const Params&)> handler);
+    void addPublicRoute(const char* method, const QString& pattern,
+                        std::function<HttpResponse(const HttpRequest&, const Params&)> handler);
+    void registerAuthRoutes();
+    void registerInterviewRoutes();
+    void registerDocumentRoutes();
+    void registerTelemetryRoutes();
+    void streamAnswer(const HttpRequest& request, const User& user,
+                      std::shared_ptr<HttpResponder> responder);
+    std::optional<User> userOf(const HttpRequest& request) const;
+
+    Database& m_db;
+    AccountService& m_accounts;
+    const Clock& m_clock;
+    ServerConfig m_config;
+    ravlet::server::AnswerEngine* m_engine;
+    InterviewStore m_interviews;
+    DocumentStore m_documents;
+    AnswerLogStore m_answerLogs;
+    TelemetryStore m_telemetry;
+    QList<Route> m_routes;
+};
+
+// The JSON object of a request body, or the 4xx answer that refuses it.
+std::variant<QJsonObject, HttpResponse> jsonBody(const HttpRequest& request);
+
+// A route handler that takes the request's JSON object in place of the request; a body that
+// is not one is refused before the handler runs.
+template<typename Handler>
+auto withJsonBody(Handler handler)
+{
+    return [handler = std::move(handler)](const HttpRequest& request,
+                                          const auto&... rest) -> HttpResponse {
+        auto body = jsonBody(request);
+        if (auto* refusal = std::get_if<HttpResponse>(&body))
+            return *refusal;
+        return handler(std::get<QJsonObject>(body), rest...);
+    };
+}
+HttpResponse jsonResponse(int status, const QJsonObject& object);

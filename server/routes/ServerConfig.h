@@ -1,0 +1,19 @@
+#pragma once
+
+#include <QString>
+
+#include <optional>
+
+// What the routes need from the command line.
+struct ServerConfig {
+    // Origin of a recogniser that speaks Deepgram's streaming protocol; none: speech is off.
+    std::optional<QString> speechEndpoint;
+    // Folder of update packages "RavletAI-<version>....tar.gz"; none: never an update.
+    std::optional<QString> updatesDir;
+    // The origin clients reach this server at, for download links; empty: from the Host header.
+    QString publicOrigin;
+    bool telemetryEnabled = true;
+    double telemetrySampleRate = 1.0;
+    // "Continue on this computer" for loopback peers; off for a server shared by many users.
+    bool localSignIn = true;
+};

@@ -1,0 +1,106 @@
+#include "ServerHarness.h"
+
+#include "APIClient.h"
+#include "AuthTokenStore.h"
+#include "AwaitTask.h"
+#include "NotificationCenter.h"
+#include "TranscriptUploadService.h"
+
+#include <QFile>
+#include <QJsonDocument>
+
+#include <gtest/gtest.h>
+
+using namespace Qt::StringLiterals;
+
+// The program's own client libraries against the server: what they send is what the server
+// reads, and what the server answers is what they decode.
+class ClientContractTest : public ::testing::Test {
+protected:
+    ServerHarness server;
+    InMemoryTokenStore tokens;
+    NotificationCenter notifications;
+    APIClient client{server.base(), tokens, notifications};
+};
+
+TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
+{
+    const auto user = std::get<UserRecord>(
+        server.accounts->createAccount(u"client@example.org"_s, u"long enough"_s));
+    const auto auth = awaitTask(client.exchangeCode(server.accounts->issueCode(user.id)));
+    EXPECT_EQ(auth.user.email, u"client@example.org"_s);
+    client.setAccessToken(auth.accessToken);
+    awaitTask(tokens.saveTokens(auth.accessToken, auth.refreshToken));
+
+    // An expired access token is renewed through the refresh route, once, and the call retried.
+    server.clock.advance(std::chrono::minutes(16));
+    const auto status = awaitTask(client.fetchAccountStatus());
+    EXPECT_FALSE(status.speechProvider);
+    EXPECT_NE(client.accessToken(), auth.accessToken);
+
+    QFile cv(server.dir.filePath(u"CV.txt"_s));
+    ASSERT_TRUE(cv.open(QIODevice::WriteOnly));
+    cv.write("Reduced build times by half.\n");
+    cv.close();
+    const auto resume = awaitTask(client.uploadResume(cv.fileName()));
+    EXPECT_EQ(resume.filename, u"CV.txt"_s);
+    EXPECT_EQ(resume.extractedText, u"Reduced build times by half.\n"_s);
+    const auto job =
+        awaitTask(client.createJobDescription(u"Build engineer"_s, u"Speed up CI"_s, std::nullopt));
+    EXPECT_EQ(job.company, QString());
+    EXPECT_EQ(awaitTask(client.fetchResumes()).resumes.size(), 1);
+    EXPECT_EQ(awaitTask(client.fetchJobDescriptions()).jobDescriptions.size(), 1);
+
+    const auto session = awaitTask(client.createSession(u"en"_s, u"en"_s));
+    EXPECT_EQ(session.status, InterviewSession::SessionStatus::active);
+
+    // Lines over the socket: a line sent twice with growing text keeps its newest text.
+    SystemClock clock;
+    TranscriptUploadService channel(clock);
+    awaitTask(channel.start(server.base(), *client.accessToken(), session.id));
+    TranscriptEntry first{u"e1"_s, TranscriptEntry::Speaker::interviewer, u"Tell me"_s, 2000, 0.9,
+                          true};
+    TranscriptEntry second{u"e2"_s, TranscriptEntry::Speaker::user, u"Sure."_s, 1000, std::nullopt,
+                           true};
+    awaitTask(channel.send(first));
+    awaitTask(channel.send(second));
+    first.content = u"Tell me about a time you sped up a build."_s;
+    awaitTask(channel.send(first));
+    ASSERT_TRUE(waitUntil(
+        [&] { return channel.acknowledgedIds().size() == 2 && channel.pendingIds().isEmpty(); }));
+    EXPECT_TRUE(awaitTask(channel.stop()).isEmpty());
+
+    // The rest after the session, as the pending upload sends it.
+    TranscriptEntry late{u"e3"_s, TranscriptEntry::Speaker::user, u"Thanks"_s, 3000, std::nullopt,
+                         true};
+    awaitTask(client.postTranscript(session.id, {late.uploadForm()}));
+
+    server.engine.finishAtOnce = true;
+    APIClient::AnswerRequest request{
+        u"Tell me about a time"_s, {first.contextForm()}, session.id, u"en"_s, resume.id, job.id};
+    auto answer = awaitTask(client.streamAnswer(request));
+    ASSERT_TRUE(answer.logId);
+    EXPECT_EQ(server.engine.answers.back()->request.resumeText,
+              u"Reduced build times by half.\n"_s);
+    awaitTask(client.saveAnswerLog(*answer.logId, u"Draft, edited"_s));
+    awaitTask(client.completeSession(session.id, 0));
+
+    const auto stored =
+        QJsonDocument::fromJson(server
+                                    .call({{}, {}, *client.accessToken(), {}}, u"GET"_s,
+                                          u"/api/v1/interview/session/"_s + session.id)
+                                    .body)
+            .object();
+    EXPECT_EQ(stored.value(u"status"_s).toString(), u"completed"_s);
+    QStringList order;
+    for (const auto& line : stored.value(u"transcript"_s).toArray())
+        order.append(line.toObject().value(u"id"_s).toString() + u'='
+                     + line.toObject().value(u"content"_s).toString());
+    // By time of speech, not by arrival.
+    EXPECT_EQ(order, (QStringList{u"e2=Sure."_s, u"e1=Tell me about a time you sped up a build."_s,
+                                  u"e3=Thanks"_s}));
+
+    awaitTask(client.deleteResume(resume.id));
+    awaitTask(client.deleteJobDescription(job.id));
+    EXPECT_TRUE(awaitTask(client.fetchResumes()).resumes.isEmpty());
+}

@@ -1,0 +1,194 @@
+#!/usr/bin/python3
+"""The transcript socket of a real ravlet-server, driven by Python's websockets: acknowledgements
+with revisions, order by time of speech, duplicates, garbage and a flood of frames, refused
+handshakes, and a server killed with SIGKILL that keeps every acknowledged line."""
+import asyncio, http.cookiejar, json, os, re, signal, socket, subprocess, sys, tempfile, time
+import urllib.error, urllib.parse, urllib.request
+
+import websockets
+
+SERVER = sys.argv[1] if len(sys.argv) > 1 else None
+failures = []
+
+
+def check(condition, message):
+    if not condition:
+        failures.append(message)
+        print("FAIL:", message, flush=True)
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+class Server:
+    def __init__(self, data_dir):
+        self.data_dir, self.port, self.process, self.extra = data_dir, free_port(), None, []
+        self.base = f"http://127.0.0.1:{self.port}"
+
+    def start(self):
+        env = dict(os.environ, XDG_DATA_HOME=self.data_dir)
+        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}"] + self.extra, env=env)
+        for _ in range(200):
+            try:
+                urllib.request.urlopen(self.base + "/health", timeout=1)
+                return
+            except OSError:
+                time.sleep(0.05)
+        raise RuntimeError("ravlet-server did not start")
+
+    def kill(self):
+        self.process.send_signal(signal.SIGKILL)
+        self.process.wait()
+
+    def stop(self):
+        if self.process and self.process.poll() is None:
+            self.process.terminate()
+            self.process.wait(timeout=10)
+
+
+class NoRedirect(urllib.request.HTTPRedirectHandler):
+    def redirect_request(self, *args):
+        return None
+
+
+def sign_in(base, form):
+    """Through the sign-in page, as a browser would: page, cookie, form, redirect, exchange."""
+    jar = http.cookiejar.CookieJar()
+    opener = urllib.request.build_opener(urllib.request.HTTPCookieProcessor(jar), NoRedirect)
+    page = opener.open(base + "/auth/login?state=T1&mode=register").read().decode()
+    csrf = re.search(r'name="csrf" value="([^"]+)"', page).group(1)
+    data = urllib.parse.urlencode(dict(form, state="T1", csrf=csrf)).encode()
+    try:
+        opener.open(base + "/auth/login", data)
+        raise RuntimeError("no redirect")
+    except urllib.error.HTTPError as redirect:
+        location = redirect.headers["Location"]
+    query = urllib.parse.parse_qs(urllib.parse.urlparse(location).query)
+    check(location.startswith("ravlet://auth-callback?") and query["state"] == ["T1"], "callback " + location)
+    return api(base, None, "POST", "/api/v1/auth/exchange", {"code": query["code"][0]})["accessToken"]
+
+
+def api(base, token, method, path, body=None):
+    request = urllib.request.Request(base + path, method=method,
+                                     data=None if body is None else json.dumps(body).encode())
+    request.add_header("Content-Type", "application/json")
+    if token:
+        request.add_header("Authorization", "Bearer " + token)
+    return json.loads(urllib.request.urlopen(request, timeout=10).read() or b"{}")
+
+
+def entry(id, content, ts, revision=None, speaker="interviewer"):
+    frame = {"type": "transcript_entry", "id": id, "speaker": speaker, "content": content, "timestampMs": ts,
+             "confidence": 0.9}
+    if revision is not None:
+        frame["revision"] = revision
+    return json.dumps(frame)
+
+
+async def next_ack(ws):
+    while True:
+        message = json.loads(await asyncio.wait_for(ws.recv(), 10))
+        if message.get("type") == "ack":
+            return message
+
+
+async def socket_behaviour(server, token, other_token):
+    session = api(server.base, token, "POST", "/api/v1/interview/session", {"languageInput": "en", "languageOutput": "en"})["id"]
+    url = f"ws://127.0.0.1:{server.port}/api/v1/interview/ws?token={token}&sessionId={session}"
+    async with websockets.connect(url) as ws:
+        check(json.loads(await ws.recv()) == {"type": "connected"}, "greeting")
+        await ws.send(entry("b", "second said", 2000, 1))
+        check(await next_ack(ws) == {"type": "ack", "ids": ["b"], "revisions": {"b": 1}}, "ack form")
+        await ws.send(entry("a", "first said", 1000, 0, "user"))
+        await next_ack(ws)
+        await ws.send(entry("b", "second said, grown", 2000, 2))
+        check((await next_ack(ws))["revisions"] == {"b": 2}, "newer revision")
+        await ws.send(entry("b", "second said", 2000, 1))  # a late resend of the older text
+        check((await next_ack(ws))["revisions"] == {"b": 2}, "a stale revision is answered with the stored one")
+        await ws.send(entry("a", "first said", 1000, 0, "user"))  # a plain duplicate
+        check((await next_ack(ws))["ids"] == ["a"], "duplicate acknowledged again")
+        for garbage in ["not json", "{}", json.dumps({"type": "transcript_entry", "id": 5}), b"\xff\xfe\x00"]:
+            await ws.send(garbage)
+        await ws.send(entry("c", "still listening", 3000))
+        check((await next_ack(ws))["ids"] == ["c"], "garbage is skipped and the socket stays")
+    stored = api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]
+    check([(l["id"], l["content"]) for l in stored] ==
+          [("a", "first said"), ("b", "second said, grown"), ("c", "still listening")], f"stored {stored}")
+
+    # Refused handshakes: no token, and another user's session.
+    for bad in [f"token=forged&sessionId={session}", f"token={other_token}&sessionId={session}"]:
+        try:
+            async with websockets.connect(f"ws://127.0.0.1:{server.port}/api/v1/interview/ws?{bad}"):
+                check(False, "handshake accepted: " + bad)
+        except websockets.exceptions.InvalidStatusCode as refused:
+            check(refused.status_code in (401, 404), f"refusal {refused.status_code}")
+
+    # A flood of 10,000 frames: every one is acknowledged or the socket is closed; the server stays.
+    acked = 0
+    async with websockets.connect(url, max_queue=None) as ws:
+        await ws.recv()
+        for i in range(10000):
+            await ws.send(entry(f"f{i}", "flood", 10000 + i))
+        try:
+            while acked < 10000:
+                acked += len((await next_ack(ws))["ids"])
+        except (websockets.exceptions.ConnectionClosed, asyncio.TimeoutError):
+            pass
+    print(f"flood: {acked} of 10000 frames acknowledged", flush=True)
+    check(api(server.base, token, "GET", "/health")["status"] == "ok", "alive after the flood")
+    async with websockets.connect(url) as ws:
+        await ws.recv()
+        for _ in range(100):
+            await ws.send("garbage")
+        try:
+            while True:
+                await asyncio.wait_for(ws.recv(), 10)
+        except websockets.exceptions.ConnectionClosed as closed:
+            check(closed.code == 1008, f"closed with {closed.code} after 100 bad frames")
+    check(len(api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]) == 3 + acked,
+          "every acknowledged flood line is stored")
+
+
+async def killed_mid_stream(server, token):
+    session = api(server.base, token, "POST", "/api/v1/interview/session", {"languageInput": "en", "languageOutput": "en"})["id"]
+    url = f"ws://127.0.0.1:{server.port}/api/v1/interview/ws?token={token}&sessionId={session}"
+    acked = set()
+    async with websockets.connect(url) as ws:
+        await ws.recv()
+        for i in range(400):
+            await ws.send(entry(f"k{i}", f"line {i}", i))
+        try:
+            while len(acked) < 150:
+                acked.update((await next_ack(ws))["ids"])
+            server.kill()  # mid-stream: lines are still on their way
+            while True:
+                acked.update((await next_ack(ws))["ids"])
+        except (websockets.exceptions.ConnectionClosed, asyncio.TimeoutError, ConnectionError):
+            pass
+    server.start()
+    stored = {l["id"] for l in api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]}
+    print(f"sigkill: {len(acked)} acknowledged, {len(stored)} stored after restart", flush=True)
+    check(acked <= stored, f"acknowledged lines lost: {sorted(acked - stored)[:5]}")
+
+
+def main():
+    with tempfile.TemporaryDirectory() as data:
+        server = Server(data)
+        server.start()
+        try:
+            token = sign_in(server.base, {"action": "local"})
+            other = sign_in(server.base, {"action": "register", "email": "second@example.org",
+                                          "password": "pa55word!", "confirm": "pa55word!"})
+            asyncio.run(socket_behaviour(server, token, other))
+            asyncio.run(killed_mid_stream(server, token))
+        finally:
+            server.stop()
+    print("failures:", len(failures))
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
