@@ -67,12 +67,11 @@ struct TranscriptUploadService::Connection {
     Connection& operator=(const Connection&) = delete;
     ~Connection() { settle(); }
 
-    // The handshake is over, one way or the other: sends waiting for it go ahead.
+    // The handshake is over, one way or the other: its time-out is no longer needed.
     void settle()
     {
         if (handshakeTimer != 0)
             clock.cancelTimer(std::exchange(handshakeTimer, 0));
-        settled.cancel();
     }
 
     void end()
@@ -92,7 +91,6 @@ struct TranscriptUploadService::Connection {
     Clock& clock;
     QPointer<QWebSocket> socket;
     AsyncQueue<Incoming> incoming;
-    CancellationToken settled;
     Clock::TimerId handshakeTimer = 0;
     bool hasEnded = false;
 };
