@@ -43,12 +43,14 @@ QCoro::Task<> InterviewViewModel::finishSession()
         m_sttStartTimeMs.reset();
 
         // Closed first; the server takes the last lines after completion.
-        const auto completed = co_await attempt(backend->completeSession(sessionId, audioDurationMs));
+        const auto completed =
+            co_await attempt(backend->completeSession(sessionId, audioDurationMs));
         if (!self)
             co_return;
         if (completed.failure) {
             setNotice(m_strings.text(u"vm.upload_server_fail"_s));
-            setRecoverableError(u"Session finalize failed: "_s + errorDescription(completed.failure));
+            setRecoverableError(u"Session finalize failed: "_s
+                                + errorDescription(completed.failure));
         }
 
         if (!entries.isEmpty()) {
@@ -96,11 +98,11 @@ QCoro::Task<> InterviewViewModel::retryPendingUpload(quint64 stopCount)
     QPointer self(this);
     const auto backend = m_backend;
     const PendingTranscriptUpload pending = *m_pendingTranscriptUpload;
-    const auto delivered = co_await attempt(deliverTranscript(backend, pending.sessionId, pending.entries));
+    const auto delivered =
+        co_await attempt(deliverTranscript(backend, pending.sessionId, pending.entries));
     if (!self)
         co_return;
-    if (!delivered.failure
-        && m_pendingTranscriptUpload
+    if (!delivered.failure && m_pendingTranscriptUpload
         && m_pendingTranscriptUpload->capturedAtMs == pending.capturedAtMs
         && m_pendingTranscriptUpload->sessionId == pending.sessionId)
         setPendingTranscriptUpload(std::nullopt);

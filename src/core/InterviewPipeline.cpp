@@ -213,8 +213,9 @@ void InterviewViewModel::reportDroppedAudio(Speaker speaker)
     if (!stream || stream->droppedFrames() == 0)
         return;
     const qint64 seconds = qint64(stream->droppedFrames()) / nominalSampleRate;
-    logLine(u"Audio", u"Dropped %1 s of %2 audio while no recognizer was running"_s.arg(seconds).arg(
-                          toText(speaker)));
+    logLine(u"Audio",
+            u"Dropped %1 s of %2 audio while no recognizer was running"_s.arg(seconds).arg(
+                toText(speaker)));
     // One line per outage: the count starts again.
     stream->setBacklogLimit(idleBacklogFrames);
 }
@@ -324,7 +325,8 @@ QCoro::Task<> InterviewViewModel::connectTranscriptChannel(QString logTag, quint
         co_return;
     }
     if (started.failure)
-        logLine(logTag, u"Transcript upload WebSocket failed: "_s + errorDescription(started.failure));
+        logLine(logTag,
+                u"Transcript upload WebSocket failed: "_s + errorDescription(started.failure));
     else
         m_transcriptUploadService = channel;
 }

@@ -244,7 +244,7 @@ private:
     void resetForLiveInterview();
     // System audio and the interviewer's recogniser; the failure that ends the start, if any.
     QCoro::Task<Attempt<void>> startInterviewerChannel(APIClient::SpeechTokenResponse speechToken,
-                                                            quint64 stopCount);
+                                                       quint64 stopCount);
     // The microphone's channel, left out when refused or failing.
     QCoro::Task<> startOptionalUserChannel(quint64 stopCount);
     void beginRecording();
