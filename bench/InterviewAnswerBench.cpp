@@ -74,7 +74,7 @@ public:
 class NoChannel final : public TranscriptChannel {
 public:
     QCoro::Task<> start(QString, QString, QString) override { co_return; }
-    QCoro::Task<> send(TranscriptEntry) override { co_return; }
+    void send(TranscriptEntry) override {}
     QCoro::Task<QList<TranscriptEntry>> stop() override { co_return QList<TranscriptEntry>(); }
 };
 

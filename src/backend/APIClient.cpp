@@ -54,6 +54,9 @@ APIClient::APIClient(QString baseURL, AuthTokenStore& tokens, NotificationCenter
     , m_notifications(notifications)
     , m_network(network ? network : new QNetworkAccessManager(this))
 {
+    // On the manager, so that every request has it and a test's manager can set a shorter one.
+    if (m_network->transferTimeout() == 0)
+        m_network->setTransferTimeout(timeoutMs);
 }
 
 APIClient::~APIClient() = default;
@@ -65,7 +68,6 @@ QNetworkRequest APIClient::networkRequest(const Request& request,
     if (!url.isValid())
         qFatal("invalid backend address for path %s", qPrintable(request.path));
     QNetworkRequest result(url);
-    result.setTransferTimeout(timeoutMs);
     for (const auto& [name, value] : request.headers)
         result.setRawHeader(name, value);
     if (token)
@@ -81,12 +83,12 @@ QCoro::Task<APIClient::RawResponse> APIClient::send(Request request, std::option
 
     const auto status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     if (status.isValid() && isTransportFailure(reply->error()))
-        throw TransportError(reply->error(), reply->errorString()); // a body cut short
+        throw transportError(*reply); // a body cut short
     if (status.isValid())
         co_return RawResponse{status.toInt(), reply->readAll()};
     if (isNotHttp(reply->error()))
         co_return RawResponse{std::nullopt, {}};
-    throw TransportError(reply->error(), reply->errorString());
+    throw transportError(*reply);
 }
 
 void APIClient::postRequestFailed(const QString& path, int status)
@@ -195,11 +197,11 @@ QCoro::Task<> APIClient::runRefresh(QPointer<QNetworkAccessManager> network, QNe
         co_await reply.get();
         const auto status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
         if (status.isValid() && isTransportFailure(reply->error()))
-            throw TransportError(reply->error(), reply->errorString());
+            throw transportError(*reply);
         if (!status.isValid()) {
             if (isNotHttp(reply->error()))
                 throw APIError::networkError();
-            throw TransportError(reply->error(), reply->errorString());
+            throw transportError(*reply);
         }
         if (status.toInt() == 401)
             throw APIError::unauthorized();

@@ -59,7 +59,7 @@ QCoro::Task<APIClient::ResumesWrapper> APIClient::fetchResumes()
 
 QCoro::Task<> APIClient::deleteResume(QString id)
 {
-    co_await deleteResource(u"/api/v1/resume/"_s + id);
+    co_await deleteResource(u"/api/v1/resume/"_s + pathSegment(id));
 }
 
 QCoro::Task<APIClient::JobDescriptionsWrapper> APIClient::fetchJobDescriptions()
@@ -80,7 +80,7 @@ APIClient::createJobDescription(QString title, QString content, std::optional<QS
 
 QCoro::Task<> APIClient::deleteJobDescription(QString id)
 {
-    co_await deleteResource(u"/api/v1/job-description/"_s + id);
+    co_await deleteResource(u"/api/v1/job-description/"_s + pathSegment(id));
 }
 
 QString APIClient::contentTypeForExtension(const QString& ext)
@@ -145,7 +145,7 @@ QCoro::Task<APIClient::ResumeResponse> APIClient::uploadResume(QString filePath)
     co_await reply.get();
     const auto status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     if (status.isValid() ? isTransportFailure(reply->error()) : !isNotHttp(reply->error()))
-        throw TransportError(reply->error(), reply->errorString());
+        throw transportError(*reply);
     const int code = status.isValid() ? status.toInt() : 500;
     if (!isSuccess(code))
         throw APIError::serverError(code);

@@ -61,7 +61,7 @@ QCoro::Task<> readAnswerLines(ReplyPtr reply, std::shared_ptr<LogIdBox> box,
                 co_return;
             }
             if (reply->error() != QNetworkReply::NoError)
-                inner->fail(std::make_exception_ptr(TransportError(reply->error(), reply->errorString())));
+                inner->fail(std::make_exception_ptr(transportError(*reply)));
             else
                 inner->finish(); // the body ended without "[DONE]": a normal end
             co_return;
@@ -113,7 +113,7 @@ QCoro::Task<APIClient::StreamAnswerResult> APIClient::streamAnswer(AnswerRequest
     if (const auto code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute); code.isValid())
         status = code.toInt();
     else if (!isNotHttp(reply->error()))
-        throw TransportError(reply->error(), reply->errorString());
+        throw transportError(*reply);
     // Only 200 opens the stream; a 401 gets no refresh here.
     if (status != 200)
         throw APIError::serverError(status);
@@ -140,7 +140,7 @@ QCoro::Task<> APIClient::saveAnswerLog(QString logId, QString answer)
 {
     QMap<QString, QString> fields;
     fields.insert(u"answer"_s, answer);
-    co_await patch(u"/api/v1/chat/log/"_s + logId, std::move(fields));
+    co_await patch(u"/api/v1/chat/log/"_s + pathSegment(logId), std::move(fields));
 }
 
 APIClient::SpeechTokenResponse APIClient::SpeechTokenResponse::fromJson(const QJsonObject& object)
@@ -191,7 +191,7 @@ QCoro::Task<> APIClient::postTranscript(QString sessionId, QList<QJsonObject> en
         list.append(entry);
     QJsonObject body;
     body.insert(u"entries"_s, list);
-    co_await post(u"/api/v1/interview/session/"_s + sessionId + u"/transcript"_s, json(body));
+    co_await post(u"/api/v1/interview/session/"_s + pathSegment(sessionId) + u"/transcript"_s, json(body));
 }
 
 QCoro::Task<> APIClient::completeSession(QString sessionId, qint64 sttAudioDurationMs)
@@ -199,7 +199,7 @@ QCoro::Task<> APIClient::completeSession(QString sessionId, qint64 sttAudioDurat
     QJsonObject body;
     body.insert(u"status"_s, u"completed"_s);
     body.insert(u"sttAudioDurationMs"_s, sttAudioDurationMs);
-    co_await put(u"/api/v1/interview/session/"_s + sessionId, json(body));
+    co_await put(u"/api/v1/interview/session/"_s + pathSegment(sessionId), json(body));
 }
 
 APIClient::AccountStatus APIClient::AccountStatus::fromJson(const QJsonObject& object)

@@ -1,16 +1,29 @@
 #pragma once
 
-#include <QNetworkReply>
+#include "APIError.h"
+#include "Helpers.h"
 
-#include <memory>
+#include <QNetworkReply>
+#include <QUrl>
 
 // Small shared pieces of the client's request code.
 namespace ReplySupport {
 
-struct DeleteLater {
-    void operator()(QObject* object) const { object->deleteLater(); }
-};
-using ReplyPtr = std::unique_ptr<QNetworkReply, DeleteLater>;
+// The failure of a reply that got no usable answer. The client never aborts a reply of its
+// own, so a cancelled one was cut by the transfer time-out, which Qt reports as a cancellation.
+inline TransportError transportError(const QNetworkReply& reply)
+{
+    if (reply.error() == QNetworkReply::OperationCanceledError)
+        return TransportError(QNetworkReply::TimeoutError, QStringLiteral("The request timed out."));
+    return TransportError(reply.error(), reply.errorString());
+}
+
+// An id from the server as one segment of a request path: "/" or "?" in it must not change
+// which route is called.
+inline QString pathSegment(const QString& id)
+{
+    return QString::fromLatin1(QUrl::toPercentEncoding(id));
+}
 
 inline bool isSuccess(int status)
 {

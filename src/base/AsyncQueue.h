@@ -58,6 +58,19 @@ public:
     bool isFinished() const { return m_finished; }
     std::size_t bufferedCount() const { return m_items.size(); }
 
+    // Drops the oldest waiting items for as long as `tooMany(waiting items)` holds; returns how
+    // many went.
+    template<typename Predicate>
+    std::size_t dropOldestWhile(Predicate tooMany)
+    {
+        std::size_t dropped = 0;
+        while (!m_items.empty() && tooMany(std::as_const(m_items))) {
+            m_items.pop_front();
+            ++dropped;
+        }
+        return dropped;
+    }
+
     // The next item if one is already waiting; never suspends.
     std::optional<T> tryNext()
     {

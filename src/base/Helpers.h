@@ -3,7 +3,21 @@
 #include <QDateTime>
 #include <QString>
 
+#include <memory>
 #include <optional>
+
+class QNetworkReply;
+
+// Owns a QObject that must go through the event loop to die, such as a network reply whose
+// signals may still be queued.
+struct DeleteLater {
+    template<typename T>
+    void operator()(T* object) const
+    {
+        object->deleteLater();
+    }
+};
+using ReplyPtr = std::unique_ptr<QNetworkReply, DeleteLater>;
 
 // Wall-clock milliseconds since 1970, read anew at each call. Rules that tests must control
 // read Clock::nowMs() instead.

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <vector>
 
 // A started coroutine together with the token that stops it. Copies refer to the same task.
 // The coroutine runs on its own once started; dropping the handle neither cancels nor
@@ -18,6 +19,7 @@
 class TaskHandle {
 public:
     class FinishedAwaiter;
+    class FirstFinishedAwaiter;
 
     TaskHandle() = default;
     // `task` must be the coroutine that observes `token`.
@@ -44,6 +46,10 @@ public:
     [[nodiscard]] FinishedAwaiter finished(Clock& clock, std::chrono::milliseconds cap) const;
     // Waits for as long as the task runs: only for tasks bounded by a time-out of their own.
     [[nodiscard]] FinishedAwaiter finished() const;
+    // co_await ends as soon as the first of `tasks` has finished (at once if one already has),
+    // or when `cap` of `clock` time has passed; empty handles are not waited for.
+    [[nodiscard]] static FirstFinishedAwaiter firstFinished(Clock& clock, const std::vector<TaskHandle>& tasks,
+                                                            std::chrono::milliseconds cap);
 
 private:
     struct State {
@@ -85,4 +91,31 @@ private:
     std::coroutine_handle<> m_handle;
     Clock::TimerId m_timer = 0;
     std::uint64_t m_finishedId = 0;
+};
+
+class TaskHandle::FirstFinishedAwaiter {
+public:
+    FirstFinishedAwaiter(std::vector<std::shared_ptr<State>> states, Clock& clock, qint64 capMs)
+        : m_states(std::move(states)), m_clock(&clock), m_capMs(capMs)
+    {
+    }
+    // Moved only before it suspends (the coroutine machinery may move the temporary).
+    FirstFinishedAwaiter(FirstFinishedAwaiter&&) noexcept = default;
+    FirstFinishedAwaiter& operator=(const FirstFinishedAwaiter&) = delete;
+    ~FirstFinishedAwaiter() { disarm(); }
+
+    bool await_ready() const noexcept;
+    void await_suspend(std::coroutine_handle<> handle);
+    void await_resume() const noexcept {}
+
+private:
+    void wake();
+    void disarm();
+
+    std::vector<std::shared_ptr<State>> m_states;
+    std::vector<std::uint64_t> m_finishedIds;
+    Clock* m_clock;
+    qint64 m_capMs;
+    std::coroutine_handle<> m_handle;
+    Clock::TimerId m_timer = 0;
 };

@@ -68,9 +68,9 @@ QCoro::Task<> TranscriptUploadChannel::start(QString baseURL, QString token, QSt
     return m_service->start(std::move(baseURL), std::move(token), std::move(sessionId));
 }
 
-QCoro::Task<> TranscriptUploadChannel::send(TranscriptEntry entry)
+void TranscriptUploadChannel::send(TranscriptEntry entry)
 {
-    return m_service->send(std::move(entry));
+    m_service->send(std::move(entry));
 }
 
 QCoro::Task<QList<TranscriptEntry>> TranscriptUploadChannel::stop()

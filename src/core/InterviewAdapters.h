@@ -60,7 +60,7 @@ public:
     explicit TranscriptUploadChannel(Clock& clock);
     ~TranscriptUploadChannel() override;
     QCoro::Task<> start(QString baseURL, QString token, QString sessionId) override;
-    QCoro::Task<> send(TranscriptEntry entry) override;
+    void send(TranscriptEntry entry) override;
     QCoro::Task<QList<TranscriptEntry>> stop() override;
     TranscriptUploadService& service() { return *m_service; }
 

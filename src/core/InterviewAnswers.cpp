@@ -132,40 +132,31 @@ QCoro::Task<> InterviewViewModel::generateAnswer(std::optional<QString> question
     request.resumeId = m_settings.activeResumeId();
     request.jobDescriptionId = m_settings.activeJobDescriptionId();
 
-    std::optional<APIClient::StreamAnswerResult> result;
-    std::exception_ptr failure;
-    try {
-        result = co_await backend->streamAnswer(request);
-    } catch (...) {
-        failure = std::current_exception();
-    }
+    auto opened = co_await attempt(backend->streamAnswer(request));
     if (!self)
         co_return;
-    if (failure && isRetryableNetworkError(failure)) {
+    if (opened.failure && isRetryableNetworkError(opened.failure)) {
         // A cancelled wait still retries.
         co_await clock.sleep(answerRetryDelay, token);
         if (!self)
             co_return;
-        failure = nullptr;
-        try {
-            result = co_await backend->streamAnswer(request);
-        } catch (...) {
-            failure = std::current_exception();
-        }
+        opened = co_await attempt(backend->streamAnswer(request));
         if (!self)
             co_return;
     }
-    if (failure) {
-        answerFailed(failure);
+    if (opened.failure) {
+        answerFailed(opened.failure);
         co_return;
     }
+    const auto& result = opened.value;
 
-    if (auto* opened = answerById(id))
-        opened->logId = result->logId;
+    if (auto* entry = answerById(id))
+        entry->logId = result->logId;
     const qint64 startedMs = clock.nowMs();
     const qint64 deadlineMs = startedMs + std::chrono::milliseconds(answerStreamLimit).count();
     const auto stream = result->stream;
     bool firstChunkSeen = false;
+    std::exception_ptr failure;
     try {
         while (true) {
             const auto chunk = co_await stream->next(token);

@@ -52,7 +52,8 @@ class TranscriptChannel {
 public:
     virtual ~TranscriptChannel() = default;
     virtual QCoro::Task<> start(QString baseURL, QString token, QString sessionId) = 0;
-    virtual QCoro::Task<> send(TranscriptEntry entry) = 0;
+    // Hands a line over without waiting; the channel keeps the order of the calls.
+    virtual void send(TranscriptEntry entry) = 0;
     // Every line the server did not acknowledge.
     virtual QCoro::Task<QList<TranscriptEntry>> stop() = 0;
 };

@@ -43,7 +43,8 @@ bool isRetryableNetworkError(const std::exception_ptr& error)
         case QNetworkReply::RemoteHostClosedError:     // network connection lost
         case QNetworkReply::NetworkSessionFailedError: // not connected to the internet
         case QNetworkReply::TemporaryNetworkFailureError:
-        case QNetworkReply::HostNotFoundError: // cannot find host
+        case QNetworkReply::HostNotFoundError:   // cannot find host
+        case QNetworkReply::UnknownNetworkError: // network or host unreachable
             return true;
         default:
             return false;

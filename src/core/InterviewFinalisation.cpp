@@ -5,6 +5,7 @@
 
 #include "AppStrings.h"
 #include "Clock.h"
+#include "InterviewSupport.h"
 
 using namespace Qt::StringLiterals;
 
@@ -19,16 +20,12 @@ QCoro::Task<> InterviewViewModel::finishSession()
     // channel again for lines that belong to this session.
     if (const auto uploads = std::exchange(m_transcriptUploadService, nullptr)) {
         // An empty answer means the live channel has done its work.
-        std::optional<QList<TranscriptEntry>> unacknowledged;
-        try {
-            unacknowledged = co_await uploads->stop();
-        } catch (...) {
-            // A channel that cannot say what it delivered leaves the whole transcript to send.
-        }
+        // A channel that cannot say what it delivered leaves the whole transcript to send.
+        const auto unacknowledged = co_await attempt(uploads->stop());
         if (!self)
             co_return;
-        channelAccounted = unacknowledged.has_value();
-        for (const auto& entry : unacknowledged.value_or(QList<TranscriptEntry>())) {
+        channelAccounted = unacknowledged.value.has_value();
+        for (const auto& entry : unacknowledged.value.value_or(QList<TranscriptEntry>())) {
             if (entry.isFinal)
                 entries.append(entry.uploadForm());
         }
@@ -46,29 +43,21 @@ QCoro::Task<> InterviewViewModel::finishSession()
         m_sttStartTimeMs.reset();
 
         // Closed first; the server takes the last lines after completion.
-        std::exception_ptr failure;
-        try {
-            co_await backend->completeSession(sessionId, audioDurationMs);
-        } catch (...) {
-            failure = std::current_exception();
-        }
+        const auto completed =
+            co_await attempt(backend->completeSession(sessionId, audioDurationMs));
         if (!self)
             co_return;
-        if (failure) {
+        if (completed.failure) {
             setNotice(m_strings.text(u"vm.upload_server_fail"_s));
-            setRecoverableError(u"Session finalize failed: "_s + errorDescription(failure));
+            setRecoverableError(u"Session finalize failed: "_s
+                                + errorDescription(completed.failure));
         }
 
         if (!entries.isEmpty()) {
-            failure = nullptr;
-            try {
-                co_await deliverTranscript(backend, sessionId, entries);
-            } catch (...) {
-                failure = std::current_exception();
-            }
+            const auto posted = co_await attempt(deliverTranscript(backend, sessionId, entries));
             if (!self)
                 co_return;
-            if (failure) {
+            if (const auto failure = posted.failure) {
                 // At most one is held: an older record and its transcript give way.
                 setPendingTranscriptUpload(
                     PendingTranscriptUpload{sessionId, entries, clock.nowMs()});
@@ -102,26 +91,25 @@ QCoro::Task<> InterviewViewModel::finishSession()
     setMockMode(false);
 }
 
-QCoro::Task<> InterviewViewModel::retryPendingUpload()
+QCoro::Task<> InterviewViewModel::retryPendingUpload(quint64 stopCount)
 {
     if (!m_isLoggedIn || !m_backend || !m_pendingTranscriptUpload)
         co_return;
     QPointer self(this);
     const auto backend = m_backend;
     const PendingTranscriptUpload pending = *m_pendingTranscriptUpload;
-    std::exception_ptr failure;
-    try {
-        co_await deliverTranscript(backend, pending.sessionId, pending.entries);
-    } catch (...) {
-        failure = std::current_exception();
-    }
+    const auto delivered =
+        co_await attempt(deliverTranscript(backend, pending.sessionId, pending.entries));
     if (!self)
         co_return;
-    if (!failure) {
-        if (m_pendingTranscriptUpload
-            && m_pendingTranscriptUpload->capturedAtMs == pending.capturedAtMs
-            && m_pendingTranscriptUpload->sessionId == pending.sessionId)
-            setPendingTranscriptUpload(std::nullopt);
+    if (!delivered.failure && m_pendingTranscriptUpload
+        && m_pendingTranscriptUpload->capturedAtMs == pending.capturedAtMs
+        && m_pendingTranscriptUpload->sessionId == pending.sessionId)
+        setPendingTranscriptUpload(std::nullopt);
+    // The notice belongs to the start, which a stop has ended meanwhile.
+    if (overtakenByStop(stopCount))
+        co_return;
+    if (!delivered.failure) {
         setNotice(m_strings.text(u"vm.recovered_upload"_s));
         co_return;
     }
@@ -133,15 +121,11 @@ QCoro::Task<> InterviewViewModel::deliverTranscript(std::shared_ptr<InterviewBac
                                                     QString sessionId, QList<QJsonObject> entries)
 {
     Clock& clock = m_clock;
-    std::exception_ptr failure;
-    try {
-        co_await backend->postTranscript(sessionId, entries);
+    const auto first = co_await attempt(backend->postTranscript(sessionId, entries));
+    if (!first.failure)
         co_return;
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    if (!isRetryableNetworkError(failure))
-        std::rethrow_exception(failure);
+    if (!isRetryableNetworkError(first.failure))
+        std::rethrow_exception(first.failure);
     // No token: a cancelled wait still posts the second time.
     co_await clock.sleep(transcriptRetryDelay);
     co_await backend->postTranscript(sessionId, entries);

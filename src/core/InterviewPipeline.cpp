@@ -10,6 +10,7 @@
 #include "InterviewSupport.h"
 #include "Log.h"
 #include "UserSettings.h"
+#include "WhenCancelled.h"
 
 using namespace Qt::StringLiterals;
 
@@ -27,7 +28,7 @@ QCoro::Task<> stopAndSignal(AudioCapture* capture, std::shared_ptr<AsyncQueue<bo
 
 // Stops the captures side by side and returns when the first of them has stopped or `cap` has
 // passed; the others go on stopping on their own.
-QCoro::Task<> stopCapturesWithin(Clock& clock, QList<AudioCapture*> captures,
+QCoro::Task<> stopCapturesWithin(Clock* clock, QList<AudioCapture*> captures,
                                  std::chrono::milliseconds cap)
 {
     auto done = std::make_shared<AsyncQueue<bool>>();
@@ -37,9 +38,9 @@ QCoro::Task<> stopCapturesWithin(Clock& clock, QList<AudioCapture*> captures,
     }
     if (done->bufferedCount() > 0)
         co_return;
-    const auto timer = clock.startTimer(cap.count(), [done] { done->push(false); });
+    const auto timer = clock->startTimer(cap.count(), [done] { done->push(false); });
     co_await done->next();
-    clock.cancelTimer(timer);
+    clock->cancelTimer(timer);
 }
 
 } // namespace
@@ -56,7 +57,9 @@ QCoro::Task<> InterviewViewModel::startMockInterview(QString sessionId)
 
 QCoro::Task<> InterviewViewModel::runStart()
 {
-    if (m_isRecording || m_isStartingInterview)
+    // A stop that is still running could otherwise finish a later session: a start is refused
+    // until it has ended, as it is while an interview records or starts.
+    if (m_isRecording || m_isStartingInterview || m_isStoppingInterview)
         co_return;
     QPointer self(this);
     const StartingScope starting(this);
@@ -67,115 +70,154 @@ QCoro::Task<> InterviewViewModel::runStart()
 
     if (!beginStart(u"vm.checking_permissions"_s))
         co_return;
-    const auto backend = m_backend;
-
     const std::optional<QString> sessionNotice = co_await prepareSession(stopCount);
     if (stopped())
         co_return;
 
     setPipelineState(PipelineState::idle, u"vm.connecting"_s);
-    std::optional<APIClient::SpeechTokenResponse> speechToken;
-    std::exception_ptr failure;
-    try {
-        speechToken = co_await backend->fetchSpeechToken();
-    } catch (...) {
-        failure = std::current_exception();
-    }
+    const auto backend = m_backend;
+    const auto speechToken = co_await attempt(backend->fetchSpeechToken());
     if (stopped())
         co_return;
-    if (failure) {
-        co_await handleStartFailure(failure, stopCount);
+    if (speechToken.failure) {
+        co_await handleStartFailure(speechToken.failure, stopCount);
         co_return;
     }
-    applyProviderText(speechToken->provider, false);
+    applyProviderText(speechToken.value->provider, false);
+    resetForLiveInterview();
 
-    m_transcript.reset();
-    clearAnswers();
-    m_hasActivePipeline = true;
-    auto& interviewer = channel(Speaker::interviewer);
-    interviewer.restartCount = 0;
-    interviewer.backoffSeconds = initialBackoffSeconds;
-    setMockMode(false);
-
-    AudioCapture* const audioCapture = m_services.audioCapture;
-    try {
-        co_await audioCapture->start();
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    if (stopped()) {
-        // The stop may have stopped the capture before it had started.
-        if (self && !failure) {
-            const QList<AudioCapture*> started{audioCapture};
-            co_await stopCapturesWithin(m_clock, started, captureStopCap);
-        }
+    const auto interviewer = co_await startInterviewerChannel(*speechToken.value, stopCount);
+    if (stopped())
+        co_return;
+    if (interviewer.failure) {
+        co_await handleStartFailure(interviewer.failure, stopCount);
         co_return;
     }
-    if (failure) {
-        co_await handleStartFailure(failure, stopCount);
-        co_return;
-    }
-
-    const auto recognizer = m_services.makeRecognizer(m_speechProvider, Speaker::interviewer);
-    if (speechToken->endpoint)
-        recognizer->setOrigin(*speechToken->endpoint);
-    const auto stream = audioCapture->audioStream();
-    interviewer.audioStream = stream;
-    const QString token = speechToken->token;
-    const QString language = m_settings.inputLanguage();
-    const std::optional<QString> model = speechToken->sttModel;
-    try {
-        co_await recognizer->start(token, language, stream, model);
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    if (stopped()) {
-        if (self && !failure)
-            co_await recognizer->stop();
-        co_return;
-    }
-    if (failure) {
-        stream->finish();
-        co_await handleStartFailure(failure, stopCount);
-        co_return;
-    }
-    interviewer.recognizer = recognizer;
-
     if (m_currentSessionUsesBackend && backend->accessToken() && m_currentSession) {
         co_await connectTranscriptChannel(u"InterviewViewModel"_s, stopCount);
         if (stopped())
             co_return;
     }
+    startChannelTasks(channel(Speaker::interviewer).recognizer, Speaker::interviewer);
 
-    startChannelTasks(recognizer, Speaker::interviewer);
+    co_await startOptionalUserChannel(stopCount);
+    if (stopped())
+        co_return;
+    beginRecording();
+    setNotice(sessionNotice);
+}
 
+void InterviewViewModel::resetForLiveInterview()
+{
+    m_transcript.reset();
+    clearAnswers();
+    m_hasActivePipeline = true;
+    // The user channel's count and back-off carry over from the last interview by design.
+    auto& interviewer = channel(Speaker::interviewer);
+    interviewer.restartCount = 0;
+    interviewer.backoffSeconds = initialBackoffSeconds;
+    setMockMode(false);
+    m_recordingBegan = CancellationToken();
+}
+
+QCoro::Task<Attempt<void>>
+InterviewViewModel::startInterviewerChannel(APIClient::SpeechTokenResponse speechToken,
+                                            quint64 stopCount)
+{
+    QPointer self(this);
+    const auto stopped = [&] { return !self || overtakenByStop(stopCount); };
+    AudioCapture* const audioCapture = m_services.audioCapture;
+    const auto captureStart = co_await attempt(audioCapture->start());
+    if (stopped()) {
+        // The stop may have stopped the capture before it had started.
+        if (self && !captureStart.failure) {
+            const QList<AudioCapture*> started{audioCapture};
+            co_await stopCapturesWithin(&m_clock, started, captureStopCap);
+        }
+        co_return {};
+    }
+    if (captureStart.failure)
+        co_return captureStart;
+
+    const auto recognizer = m_services.makeRecognizer(m_speechProvider, Speaker::interviewer);
+    if (speechToken.endpoint)
+        recognizer->setOrigin(*speechToken.endpoint);
+    const auto stream = audioCapture->audioStream();
+    auto& interviewer = channel(Speaker::interviewer);
+    interviewer.audioStream = stream;
+    setRecognizerRunning(Speaker::interviewer, false);
+    const QString language = m_settings.inputLanguage();
+    const auto recognizerStart = co_await attempt(
+        recognizer->start(speechToken.token, language, stream, speechToken.sttModel));
+    if (stopped()) {
+        if (self && !recognizerStart.failure)
+            co_await recognizer->stop();
+        co_return {};
+    }
+    if (recognizerStart.failure) {
+        stream->finish();
+        co_return recognizerStart;
+    }
+    channel(Speaker::interviewer).recognizer = recognizer;
+    setRecognizerRunning(Speaker::interviewer, true);
+    co_return {};
+}
+
+QCoro::Task<> InterviewViewModel::startOptionalUserChannel(quint64 stopCount)
+{
+    QPointer self(this);
     // The user may take as long as he likes; the interviewer's channel is live meanwhile.
     bool microphoneGranted = true;
     if (m_services.rights)
         microphoneGranted = co_await m_services.rights->microphoneGranted();
-    if (stopped())
+    if (!self || overtakenByStop(stopCount))
         co_return;
     logLine(u"Mic", u"Permission: "_s + (microphoneGranted ? u"true"_s : u"false"_s));
     if (!microphoneGranted) {
         logLine(u"Mic", u"Permission denied, skipping user pipeline");
-    } else {
-        try {
-            co_await startUserChannel(stopCount);
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        if (stopped())
-            co_return;
-        if (failure) {
-            logLine(u"Mic", u"Pipeline FAILED: "_s + errorDescription(failure));
-            failure = nullptr;
-        }
+        co_return;
     }
+    const auto userChannel = co_await attempt(startUserChannel(stopCount));
+    if (!self || overtakenByStop(stopCount))
+        co_return;
+    if (userChannel.failure)
+        logLine(u"Mic", u"Pipeline FAILED: "_s + errorDescription(userChannel.failure));
+}
 
+void InterviewViewModel::beginRecording()
+{
     m_sttStartTimeMs = m_clock.nowMs();
     setRecording(true);
     setPipelineState(PipelineState::recording, u"vm.recording_live"_s);
-    setNotice(sessionNotice);
+    // Trouble the recognisers reported while the start ran is handled from here on.
+    m_recordingBegan.cancel();
+}
+
+void InterviewViewModel::setRecognizerRunning(Speaker speaker, bool running)
+{
+    const auto& stream = channel(speaker).audioStream;
+    if (!stream)
+        return;
+    if (!running) {
+        if (!stream->hasBacklogLimit())
+            stream->setBacklogLimit(idleBacklogFrames);
+        return;
+    }
+    reportDroppedAudio(speaker);
+    stream->setBacklogLimit(std::nullopt);
+}
+
+void InterviewViewModel::reportDroppedAudio(Speaker speaker)
+{
+    const auto& stream = channel(speaker).audioStream;
+    if (!stream || stream->droppedFrames() == 0)
+        return;
+    const qint64 seconds = qint64(stream->droppedFrames()) / nominalSampleRate;
+    logLine(u"Audio",
+            u"Dropped %1 s of %2 audio while no recognizer was running"_s.arg(seconds).arg(
+                toText(speaker)));
+    // One line per outage: the count starts again.
+    stream->setBacklogLimit(idleBacklogFrames);
 }
 
 bool InterviewViewModel::beginStart(const QString& statusKey)
@@ -207,30 +249,22 @@ QCoro::Task<std::optional<QString>> InterviewViewModel::prepareSession(quint64 s
         co_return notice;
     }
     const auto backend = m_backend;
-    co_await retryPendingUpload();
+    co_await retryPendingUpload(stopCount);
     if (!self || overtakenByStop(stopCount))
         co_return std::nullopt;
 
-    std::optional<APIClient::AccountStatus> status;
-    try {
-        status = co_await backend->fetchAccountStatus();
-    } catch (...) {
-        // The account's vendor is only a hint; the speech token names it again.
-    }
+    // The account's vendor is only a hint, and its failure is ignored: the speech token names
+    // the vendor again.
+    const auto status = co_await attempt(backend->fetchAccountStatus());
     if (!self || overtakenByStop(stopCount))
         co_return std::nullopt;
-    if (status && status->speechProvider)
-        applyProviderText(*status->speechProvider, true);
+    if (status.value && status.value->speechProvider)
+        applyProviderText(*status.value->speechProvider, true);
 
     const QString languageInput = m_settings.inputLanguage();
     const QString languageOutput = m_settings.outputLanguage();
-    std::optional<InterviewSession> session;
-    std::exception_ptr failure;
-    try {
-        session = co_await backend->createSession(languageInput, languageOutput);
-    } catch (...) {
-        failure = std::current_exception();
-    }
+    const auto created = co_await attempt(backend->createSession(languageInput, languageOutput));
+    const std::optional<InterviewSession>& session = created.value;
     if (!self)
         co_return std::nullopt;
     if (overtakenByStop(stopCount)) {
@@ -248,7 +282,7 @@ QCoro::Task<std::optional<QString>> InterviewViewModel::prepareSession(quint64 s
     }
     setCurrentSession(makeLocalSession(uuidUpper()));
     setUsesBackend(false);
-    setRecoverableError(u"Cloud session unavailable: "_s + errorDescription(failure));
+    setRecoverableError(u"Cloud session unavailable: "_s + errorDescription(created.failure));
     std::optional<QString> notice = m_strings.text(u"vm.cloud_unavailable"_s);
     co_return notice;
 }
@@ -283,20 +317,16 @@ QCoro::Task<> InterviewViewModel::connectTranscriptChannel(QString logTag, quint
     const QString baseURL = backend->baseURL();
     const QString token = backend->accessToken().value_or(QString());
     const QString sessionId = m_currentSession->id;
-    std::exception_ptr failure;
-    try {
-        co_await channel->start(baseURL, token, sessionId);
-    } catch (...) {
-        failure = std::current_exception();
-    }
+    const auto started = co_await attempt(channel->start(baseURL, token, sessionId));
     if (!self || overtakenByStop(stopCount)) {
         // Nothing was sent on it; it only has to be closed.
-        if (!failure)
+        if (!started.failure)
             co_await channel->stop();
         co_return;
     }
-    if (failure)
-        logLine(logTag, u"Transcript upload WebSocket failed: "_s + errorDescription(failure));
+    if (started.failure)
+        logLine(logTag,
+                u"Transcript upload WebSocket failed: "_s + errorDescription(started.failure));
     else
         m_transcriptUploadService = channel;
 }
@@ -310,7 +340,7 @@ QCoro::Task<> InterviewViewModel::startUserChannel(quint64 stopCount)
     if (stopped()) {
         if (self) {
             const QList<AudioCapture*> started{microphone};
-            co_await stopCapturesWithin(m_clock, started, captureStopCap);
+            co_await stopCapturesWithin(&m_clock, started, captureStopCap);
         }
         co_return;
     }
@@ -318,6 +348,8 @@ QCoro::Task<> InterviewViewModel::startUserChannel(quint64 stopCount)
     auto& user = channel(Speaker::user);
     const auto stream = microphone->audioStream();
     user.audioStream = stream;
+    // Until its recogniser runs, the microphone's audio must not pile up.
+    setRecognizerRunning(Speaker::user, false);
     const auto recognizer = m_services.makeRecognizer(m_speechProvider, Speaker::user);
 
     logLine(u"Mic", u"Fetching speech token...");
@@ -336,7 +368,8 @@ QCoro::Task<> InterviewViewModel::startUserChannel(quint64 stopCount)
             co_await recognizer->stop();
         co_return;
     }
-    user.recognizer = recognizer;
+    channel(Speaker::user).recognizer = recognizer;
+    setRecognizerRunning(Speaker::user, true);
     startChannelTasks(recognizer, Speaker::user);
     logLine(u"Mic", u"Recognition started successfully");
 }
@@ -362,12 +395,10 @@ QCoro::Task<> InterviewViewModel::consumeSegments(
         if (!segment || !self || token.isCancelled())
             co_return;
         const auto entry = m_transcript.processSegment(*segment);
-        if (entry && m_transcriptUploadService) {
-            const auto uploads = m_transcriptUploadService;
-            co_await uploads->send(*entry);
-            if (!self || token.isCancelled())
-                co_return;
-        }
+        // Handed over without waiting: the channel keeps the order, and the screen and the
+        // automatic trigger never wait for it.
+        if (entry && m_transcriptUploadService)
+            m_transcriptUploadService->send(*entry);
         // The user's speech never asks for an answer.
         if (speaker == Speaker::interviewer && segment->isFinal
             && m_settings.autoTriggerAIAnswers())
@@ -384,7 +415,16 @@ QCoro::Task<> InterviewViewModel::consumeRecovery(
         const auto event = co_await events->next(token);
         if (!event || !self || token.isCancelled())
             co_return;
-        co_await handleRecovery(speaker, event->reason, event->countsTowardLimit, token);
+        // Trouble reported while the start still runs waits until the interview records; a
+        // stop or a failed start cancels this task, and the event with it.
+        if (!m_isRecording && m_isStartingInterview) {
+            const CancellationToken began = m_recordingBegan;
+            const bool recording = co_await WhenCancelled(began, token);
+            if (!self || !recording || token.isCancelled())
+                co_return;
+        }
+        co_await handleRecovery(speaker, event->reason, event->countsTowardLimit, token,
+                                event->connection);
         if (!self)
             co_return;
     }
@@ -440,6 +480,9 @@ QCoro::Task<> InterviewViewModel::stopInterview()
     QPointer self(this);
     m_isStoppingInterview = true;
     ++m_stopCount;
+    // A notice of a start shows only while that start runs.
+    if (m_isStartingInterview)
+        setNotice(std::nullopt);
     setPipelineState(PipelineState::stopping, u"vm.stopping"_s);
     co_await tearDownPipeline();
     if (!self)
@@ -455,12 +498,13 @@ QCoro::Task<> InterviewViewModel::tearDownPipeline()
 {
     QPointer self(this);
     Clock& clock = m_clock;
-    QList<TaskHandle> cancelled = std::exchange(m_recognitionTasks, {});
-    for (const auto& task : std::as_const(cancelled))
+    const QList<TaskHandle> readers = std::exchange(m_recognitionTasks, {});
+    std::vector<TaskHandle> cancelled(readers.begin(), readers.end());
+    for (const auto& task : cancelled)
         task.cancel();
     for (auto* task : {&m_aiAnswerTask, &channel(Speaker::interviewer).reconnectTask}) {
         task->cancel();
-        cancelled.append(std::exchange(*task, {}));
+        cancelled.push_back(std::exchange(*task, {}));
     }
     setGeneratingAnswer(false);
 
@@ -473,32 +517,28 @@ QCoro::Task<> InterviewViewModel::tearDownPipeline()
     }
     auto& userReconnect = channel(Speaker::user).reconnectTask;
     userReconnect.cancel();
-    cancelled.append(std::exchange(userReconnect, {}));
+    cancelled.push_back(std::exchange(userReconnect, {}));
 
-    // Cancelled readers end at once; one that does not may hold the stop for a second at most.
-    const qint64 deadline = clock.nowMs() + std::chrono::milliseconds(taskWaitCap).count();
-    for (const auto& task : std::as_const(cancelled)) {
-        const qint64 remaining = deadline - clock.nowMs();
-        if (remaining <= 0)
-            break;
-        co_await task.finished(clock, std::chrono::milliseconds(remaining));
-    }
+    // Cancelled tasks end at once as a rule: the wait ends with the first that does, and a
+    // task caught in a call that ignores cancellation holds the stop for a second at most.
+    co_await TaskHandle::firstFinished(clock, cancelled, taskWaitCap);
     if (!self)
         co_return;
 
     const QList<AudioCapture*> captures{m_services.audioCapture, m_services.microphone};
-    co_await stopCapturesWithin(clock, captures, captureStopCap);
+    co_await stopCapturesWithin(&clock, captures, captureStopCap);
     if (!self)
         co_return;
-    for (auto& each : m_channels) {
-        each.audioStream.reset();
-        each.isRestarting = false;
+    for (const Speaker speaker : {Speaker::interviewer, Speaker::user}) {
+        reportDroppedAudio(speaker);
+        channel(speaker).audioStream.reset();
+        channel(speaker).isRestarting = false;
     }
 }
 
 QCoro::Task<> InterviewViewModel::runMockStart(QString sessionId)
 {
-    if (m_isRecording || m_isStartingInterview)
+    if (m_isRecording || m_isStartingInterview || m_isStoppingInterview)
         co_return;
     QPointer self(this);
     const StartingScope starting(this);
@@ -511,26 +551,20 @@ QCoro::Task<> InterviewViewModel::runMockStart(QString sessionId)
     m_transcript.reset();
     clearAnswers();
     m_hasActivePipeline = true;
+    m_recordingBegan = CancellationToken();
     channel(Speaker::interviewer).restartCount = 0;
     channel(Speaker::user).restartCount = 0;
 
     co_await connectTranscriptChannel(u"Mock"_s, stopCount);
     if (!self || overtakenByStop(stopCount))
         co_return;
-    m_sttStartTimeMs = m_clock.nowMs();
-    setRecording(true);
-    setPipelineState(PipelineState::recording, u"vm.recording_live"_s);
+    beginRecording();
 
-    std::exception_ptr failure;
-    try {
-        co_await startUserChannel(stopCount);
-    } catch (...) {
-        failure = std::current_exception();
-    }
+    const auto userChannel = co_await attempt(startUserChannel(stopCount));
     if (!self || overtakenByStop(stopCount))
         co_return;
-    if (failure)
-        logLine(u"Mock", u"Microphone pipeline FAILED: "_s + errorDescription(failure));
+    if (userChannel.failure)
+        logLine(u"Mock", u"Microphone pipeline FAILED: "_s + errorDescription(userChannel.failure));
 }
 
 void InterviewViewModel::injectMockQuestion(const QString& text)
@@ -543,6 +577,6 @@ void InterviewViewModel::injectMockQuestion(const QString& text)
     segment.timestampMs = m_clock.nowMs();
     segment.confidence = 1.0;
     if (const auto entry = m_transcript.processSegment(segment); entry && m_transcriptUploadService)
-        runDetached(m_transcriptUploadService, m_transcriptUploadService->send(*entry));
+        m_transcriptUploadService->send(*entry);
     m_transcript.closeActiveEntry(Speaker::interviewer);
 }

@@ -5,6 +5,7 @@
 
 #include "AppStrings.h"
 #include "Clock.h"
+#include "InterviewSupport.h"
 #include "Log.h"
 #include "UserSettings.h"
 
@@ -32,10 +33,17 @@ QCoro::Task<> InterviewViewModel::handleUserRecovery(QString reason, bool counts
 }
 
 QCoro::Task<> InterviewViewModel::handleRecovery(Speaker speaker, QString reason,
-                                                 bool countsTowardLimit, CancellationToken token)
+                                                 bool countsTowardLimit, CancellationToken token,
+                                                 quint64 connection)
 {
     if (!m_isRecording || !m_currentSession || m_isStoppingInterview)
         co_return;
+    // Both ends of one broken socket report; by the time the second report is read, the first
+    // may have replaced that socket, and the new one is healthy.
+    if (const auto& current = channel(speaker).recognizer;
+        connection != 0 && current && current->currentConnection() != connection)
+        co_return;
+    setRecognizerRunning(speaker, false);
     QPointer self(this);
     Clock& clock = m_clock;
     const bool isInterviewer = speaker == Speaker::interviewer;
@@ -85,31 +93,23 @@ QCoro::Task<> InterviewViewModel::handleRecovery(Speaker speaker, QString reason
     }
     const auto backend = m_backend;
 
-    std::exception_ptr failure;
-    std::optional<APIClient::SpeechTokenResponse> speechToken;
-    try {
-        speechToken = co_await backend->fetchSpeechToken();
-    } catch (...) {
-        failure = std::current_exception();
-    }
+    const auto fetched = co_await attempt(backend->fetchSpeechToken());
     if (stopped())
         co_return;
+    std::exception_ptr failure = fetched.failure;
+    const auto& speechToken = fetched.value;
     if (!failure) {
         if (speechToken->endpoint)
             recognizer->setOrigin(*speechToken->endpoint);
         const QString language = m_settings.inputLanguage();
         // The same object keeps its streams, so the readers go on without a break.
-        for (int attempt = 1;; ++attempt) {
-            failure = nullptr;
-            try {
-                co_await recognizer->start(speechToken->token, language, stream,
-                                           speechToken->sttModel);
-            } catch (...) {
-                failure = std::current_exception();
-            }
+        for (int round = 1;; ++round) {
+            const auto started = co_await attempt(
+                recognizer->start(speechToken->token, language, stream, speechToken->sttModel));
+            failure = started.failure;
             if (stopped())
                 co_return;
-            if (!failure || attempt > 1 || !isRetryableNetworkError(failure))
+            if (!failure || round > 1 || !isRetryableNetworkError(failure))
                 break;
             co_await clock.sleep(tokenRetryDelay, token);
             if (stopped())
@@ -125,6 +125,7 @@ QCoro::Task<> InterviewViewModel::handleRecovery(Speaker speaker, QString reason
         }
         if (isInterviewer)
             setPipelineState(PipelineState::recording, u"vm.recording_live"_s);
+        setRecognizerRunning(speaker, true);
         state.isRestarting = false;
         co_return;
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "InterviewCollaborators.h"
+#include "InterviewSupport.h"
 #include "Records.h"
 #include "TaskHandle.h"
 #include "TranscriptManager.h"
@@ -75,6 +76,11 @@ public:
     // A cancelled stream reader or a hanging capture never holds a stop for longer.
     static constexpr std::chrono::seconds taskWaitCap{1};
     static constexpr std::chrono::seconds captureStopCap{2};
+    // While no recogniser runs on a channel its stream keeps this much of the newest audio
+    // (ten seconds at the nominal rate), so an hour-long outage neither fills the memory nor
+    // reaches a returning recogniser as minutes of stale audio.
+    static constexpr qint64 nominalSampleRate = 16000;
+    static constexpr std::size_t idleBacklogFrames = 10 * nominalSampleRate;
     static inline const QString reconnectionFailedNotice =
         QStringLiteral("Reconnection failed. RavletAI will keep trying.");
 
@@ -234,7 +240,17 @@ private:
     InterviewSession makeLocalSession(QString id) const;
     QCoro::Task<> handleStartFailure(std::exception_ptr error, quint64 stopCount);
     QCoro::Task<> tearDownPipeline();
-    QCoro::Task<> stopCaptures();
+    // The steps of the live start, in its order.
+    void resetForLiveInterview();
+    // System audio and the interviewer's recogniser; the failure that ends the start, if any.
+    QCoro::Task<Attempt<void>> startInterviewerChannel(APIClient::SpeechTokenResponse speechToken,
+                                                       quint64 stopCount);
+    // The microphone's channel, left out when refused or failing.
+    QCoro::Task<> startOptionalUserChannel(quint64 stopCount);
+    void beginRecording();
+    // Bounds a channel's waiting audio while no recogniser reads it, and lifts the bound again.
+    void setRecognizerRunning(Speaker speaker, bool running);
+    void reportDroppedAudio(Speaker speaker);
     // The user's channel: microphone, recogniser, token; throws what fails. `stopCount` is the
     // start's view of the stops.
     QCoro::Task<> startUserChannel(quint64 stopCount);
@@ -273,15 +289,16 @@ private:
     QList<TranscriptEntry> finalDisplayedRows() const;
 
     // Recovery.
+    // `connection` is the recogniser connection the event came from, 0 for none in particular.
     QCoro::Task<> handleRecovery(Speaker speaker, QString reason, bool countsTowardLimit,
-                                 CancellationToken token);
+                                 CancellationToken token, quint64 connection = 0);
     void scheduleReconnect(Speaker speaker, double delaySeconds);
     QCoro::Task<> runScheduledReconnect(Speaker speaker, double delaySeconds,
                                         CancellationToken token);
 
     // Finalisation.
     QCoro::Task<> finishSession();
-    QCoro::Task<> retryPendingUpload();
+    QCoro::Task<> retryPendingUpload(quint64 stopCount);
     // One post of the transcript, with one retry after a retryable failure; throws the last error.
     QCoro::Task<> deliverTranscript(std::shared_ptr<InterviewBackend> backend, QString sessionId,
                                     QList<QJsonObject> entries);
@@ -326,6 +343,8 @@ private:
     std::optional<qint64> m_sttStartTimeMs;
     // Counts the stops, so that a start that resumes after one knows to give up.
     quint64 m_stopCount = 0;
+    // Cancelled when the interview begins to record; recovery events of the start wait for it.
+    CancellationToken m_recordingBegan;
 
     std::array<Channel, 2> m_channels;
     std::shared_ptr<TranscriptChannel> m_transcriptUploadService;

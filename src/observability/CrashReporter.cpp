@@ -206,6 +206,30 @@ private:
     bool m_ok = true;
 };
 
+// Each symbol line starts with the path of its object ("/home/<name>/.../ravlet(+0x1a)[0x..]"):
+// only the file name stays, so that a report names a device and never a person. In place, and
+// without a call that a signal handler may not make.
+std::size_t withoutFolders(char* text, std::size_t size)
+{
+    std::size_t out = 0;
+    std::size_t lineStart = 0;
+    for (std::size_t k = 0; k <= size; ++k) {
+        if (k < size && text[k] != '\n')
+            continue;
+        std::size_t nameStart = lineStart;
+        for (std::size_t j = lineStart; j < k && text[j] != '(' && text[j] != '['; ++j) {
+            if (text[j] == '/')
+                nameStart = j + 1;
+        }
+        for (std::size_t j = nameStart; j < k; ++j)
+            text[out++] = text[j];
+        if (k < size)
+            text[out++] = '\n';
+        lineStart = k + 1;
+    }
+    return out;
+}
+
 // The calling thread's stack as symbol lines joined by line feeds. backtrace_symbols_fd is the
 // one way to get symbols without allocating, and it only writes to a descriptor: the lines go
 // through the temporary file, which the report then overwrites.
@@ -230,6 +254,7 @@ Text captureStack()
         }
     }
     ::close(fd);
+    size = withoutFolders(stackText, size);
     if (size > 0 && stackText[size - 1] == '\n')
         --size;
     return {stackText, size};

@@ -26,11 +26,6 @@ const QString optInKey = u"sendAnonymousTelemetry"_s;
 const QString firstInterviewKey = u"telemetryFirstInterviewLogged"_s;
 const QString firstAnswerKey = u"telemetryFirstAnswerLogged"_s;
 
-struct DeleteLater {
-    void operator()(QObject* object) const { object->deleteLater(); }
-};
-using ReplyPtr = std::unique_ptr<QNetworkReply, DeleteLater>;
-
 QJsonValue toJson(const TelemetryClient::PropValue& value)
 {
     return std::visit([](const auto& v) { return QJsonValue(v); }, value);

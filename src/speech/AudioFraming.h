@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 
+#include <optional>
 #include <vector>
 
 // One block of captured audio: single-precision samples of one channel, nominally 16 kHz.
@@ -16,7 +17,45 @@ struct PcmBuffer {
     std::size_t frameLength() const { return samples.size(); }
 };
 
-using AudioStream = AsyncQueue<PcmBuffer>;
+// The buffers of one channel on their way to its recogniser. Buffering is unbounded while a
+// recogniser reads; while none runs on the channel a backlog limit keeps only the newest audio,
+// so that an hour without one neither fills the memory nor reaches the vendor as one burst.
+class AudioStream : public AsyncQueue<PcmBuffer> {
+public:
+    void push(PcmBuffer buffer)
+    {
+        AsyncQueue::push(std::move(buffer));
+        if (m_limitFrames)
+            trim(*m_limitFrames);
+    }
+    // Nothing lifts the limit. The frames dropped so far are counted from the moment it is set.
+    void setBacklogLimit(std::optional<std::size_t> frames)
+    {
+        m_limitFrames = frames;
+        m_droppedFrames = 0;
+        if (frames)
+            trim(*frames);
+    }
+    bool hasBacklogLimit() const { return m_limitFrames.has_value(); }
+    std::size_t droppedFrames() const { return m_droppedFrames; }
+
+private:
+    void trim(std::size_t limit)
+    {
+        dropOldestWhile([&](const auto& items) {
+            std::size_t frames = 0;
+            for (const auto& item : items)
+                frames += item.frameLength();
+            if (frames <= limit)
+                return false;
+            m_droppedFrames += items.front().frameLength();
+            return true;
+        });
+    }
+
+    std::optional<std::size_t> m_limitFrames;
+    std::size_t m_droppedFrames = 0;
+};
 
 namespace AudioFraming {
 

@@ -10,11 +10,21 @@
 
 #include <memory>
 #include <optional>
+#include <stdexcept>
 
 // The one way a recogniser reports trouble: it needs to be started again.
 struct SpeechRecognitionRecoveryEvent {
     QString reason;
     bool countsTowardLimit = true;
+    // The connection it came from (see currentConnection); 0 for none in particular. Both ends
+    // of one broken socket report, and the second report must not tear down its successor.
+    quint64 connection = 0;
+};
+
+// A recogniser was given an origin that makes no address; shown to the user as it stands.
+class InvalidSpeechEndpointError : public std::runtime_error {
+public:
+    InvalidSpeechEndpointError() : std::runtime_error("Invalid speech endpoint") {}
 };
 
 // A streaming recogniser for one channel of one interview. Everything that goes wrong after
@@ -40,6 +50,8 @@ public:
     virtual void setOrigin(QString origin) { Q_UNUSED(origin) }
 
     Speaker speaker() const { return m_speaker; }
+    // Numbers the connections of the successive starts; 0 before the first.
+    quint64 currentConnection() const { return m_connection; }
     std::shared_ptr<SegmentStream> transcriptSegments() const { return m_segments; }
     std::shared_ptr<RecoveryStream> recoveryEvents() const { return m_recovery; }
 
@@ -49,6 +61,7 @@ public:
 protected:
     const std::shared_ptr<SegmentStream> m_segments = std::make_shared<SegmentStream>();
     const std::shared_ptr<RecoveryStream> m_recovery = std::make_shared<RecoveryStream>();
+    quint64 m_connection = 0;
 
 private:
     Speaker m_speaker;

@@ -53,25 +53,6 @@ std::chrono::milliseconds reconnectDelay(int attempt)
     return std::min(std::chrono::milliseconds(std::chrono::seconds(1 << attempt)), cap);
 }
 
-// Suspends until the token is cancelled; used as a one-shot event.
-class UntilCancelled {
-public:
-    explicit UntilCancelled(CancellationToken token) : m_token(std::move(token)) {}
-    UntilCancelled(UntilCancelled&&) noexcept = default;
-    UntilCancelled& operator=(const UntilCancelled&) = delete;
-
-    bool await_ready() const noexcept { return m_token.isCancelled(); }
-    void await_suspend(std::coroutine_handle<> handle)
-    {
-        m_registration = m_token.onCancel([handle] { handle.resume(); });
-    }
-    void await_resume() noexcept { m_registration.reset(); }
-
-private:
-    CancellationToken m_token;
-    CancellationToken::Registration m_registration;
-};
-
 } // namespace
 
 // One socket and what it delivers. Socket signals arrive queued, so the channel reacts after
@@ -86,12 +67,11 @@ struct TranscriptUploadService::Connection {
     Connection& operator=(const Connection&) = delete;
     ~Connection() { settle(); }
 
-    // The handshake is over, one way or the other: sends waiting for it go ahead.
+    // The handshake is over, one way or the other: its time-out is no longer needed.
     void settle()
     {
         if (handshakeTimer != 0)
             clock.cancelTimer(std::exchange(handshakeTimer, 0));
-        settled.cancel();
     }
 
     void end()
@@ -111,7 +91,6 @@ struct TranscriptUploadService::Connection {
     Clock& clock;
     QPointer<QWebSocket> socket;
     AsyncQueue<Incoming> incoming;
-    CancellationToken settled;
     Clock::TimerId handshakeTimer = 0;
     bool hasEnded = false;
 };
@@ -146,7 +125,7 @@ std::optional<QUrl> TranscriptUploadService::uploadURL(const QString& baseURL, c
     return url;
 }
 
-QString TranscriptUploadService::frameText(const TranscriptEntry& entry)
+QString TranscriptUploadService::frameText(const TranscriptEntry& entry, int revision)
 {
     // JSON has no NaN or infinity: such a line cannot be written, and its frame says nothing.
     if (entry.confidence && !std::isfinite(*entry.confidence))
@@ -154,6 +133,7 @@ QString TranscriptUploadService::frameText(const TranscriptEntry& entry)
     QJsonObject object{
         {u"type"_s, u"transcript_entry"_s},
         {u"id"_s, entry.id},
+        {u"revision"_s, revision},
         {u"speaker"_s,
          entry.speaker == TranscriptEntry::Speaker::user ? u"user"_s : u"interviewer"_s},
         {u"content"_s, entry.content},
@@ -172,6 +152,16 @@ QList<QString> TranscriptUploadService::pendingIds() const
     return ids;
 }
 
+QSet<QString> TranscriptUploadService::acknowledgedIds() const
+{
+    QSet<QString> ids;
+    for (const auto& [id, line] : m_lines) {
+        if (line.acknowledged >= line.revision)
+            ids.insert(id);
+    }
+    return ids;
+}
+
 QCoro::Task<> TranscriptUploadService::start(QString baseURL, QString token, QString sessionId)
 {
     m_baseURL = std::move(baseURL);
@@ -179,35 +169,43 @@ QCoro::Task<> TranscriptUploadService::start(QString baseURL, QString token, QSt
     m_sessionId = std::move(sessionId);
     m_isStopping = false;
     m_reconnectAttempt = 0;
+    // Lines handed over before now go out once the handshake is over.
     connectSocket();
-    auto connection = m_connection;
-    co_await flushBuffered(std::move(connection));
+    co_return;
 }
 
-QCoro::Task<> TranscriptUploadService::send(TranscriptEntry entry)
+void TranscriptUploadService::send(TranscriptEntry entry)
 {
     // The channel carries only final, non-empty lines.
     if (!entry.isFinal || entry.content.trimmed().isEmpty())
-        co_return;
-    if (!m_isConnected || !m_connection) {
-        m_bufferedEntries.append(entry);
-        co_return;
+        return;
+    auto& line = m_lines[entry.id];
+    if (line.revision > 0 && line.content == entry.content)
+        return; // this text is on its way or acknowledged already
+    line.content = entry.content;
+    ++line.revision;
+
+    // A newer text replaces the older one wherever that waits.
+    for (auto& waiting : m_bufferedEntries) {
+        if (waiting.id == entry.id) {
+            waiting = std::move(entry);
+            return;
+        }
     }
-    QPointer self(this);
-    const auto connection = m_connection;
-    // In flight before the send, never after: an ack may be handled while the send suspends.
-    m_pendingEntries.insert_or_assign(entry.id, entry);
-    const QString frame = frameText(entry);
-    auto target = connection;
-    const bool sent = co_await sendFrame(std::move(target), frame);
-    if (sent || isGone(self))
-        co_return;
-    // When the socket was given up meanwhile, that reconnect took this entry over with the rest
-    // in flight; only a failure that is news brings the channel down.
-    if (connection != m_connection)
-        co_return;
     m_pendingEntries.erase(entry.id);
-    m_bufferedEntries.append(entry);
+    if (!m_isConnected || !m_connection || !m_connection->isOpen()) {
+        m_bufferedEntries.append(std::move(entry));
+        return;
+    }
+    // Lines sent during the handshake wait for it in the buffer; this one must not pass them.
+    if (!m_bufferedEntries.isEmpty()) {
+        m_bufferedEntries.append(std::move(entry));
+        return;
+    }
+    if (sendNow(entry))
+        return;
+    m_pendingEntries.erase(entry.id);
+    m_bufferedEntries.append(std::move(entry));
     reconnect();
 }
 
@@ -220,14 +218,11 @@ void TranscriptUploadService::connectSocket()
     // A connection that is replaced while up is closed, and its lines in flight go out again on
     // the new one instead of waiting for an acknowledgement that cannot come.
     if (auto previous = std::exchange(m_connection, {})) {
-        for (const auto& [id, entry] : m_pendingEntries) {
-            if (!m_ackedIds.contains(id))
-                m_bufferedEntries.append(entry);
-        }
-        m_pendingEntries.clear();
+        takeBackInFlight();
         discard(previous, QWebSocketProtocol::CloseCodeGoingAway);
     }
     m_receiveTask.cancel();
+    m_unansweredSends.clear();
 
     auto connection = std::make_shared<Connection>(m_clock);
     auto* socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
@@ -235,9 +230,13 @@ void TranscriptUploadService::connectSocket()
     std::weak_ptr<Connection> weak = connection;
     connect(
         socket, &QWebSocket::connected, socket,
-        [weak] {
-            if (auto c = weak.lock())
-                c->settle();
+        [this, weak] {
+            const auto c = weak.lock();
+            if (!c)
+                return;
+            c->settle();
+            if (c == m_connection)
+                flushBuffered();
         },
         Qt::QueuedConnection);
     connect(
@@ -281,56 +280,32 @@ void TranscriptUploadService::connectSocket()
         [&](const CancellationToken& token) { return receiveLoop(connection, token); });
 }
 
-QCoro::Task<> TranscriptUploadService::flushBuffered(std::shared_ptr<Connection> connection)
+void TranscriptUploadService::flushBuffered()
 {
-    QPointer self(this);
-    if (m_bufferedEntries.isEmpty())
-        co_return;
-    // Wait for the handshake first, so that a failed one leaves the lines where they are and
-    // lines sent meanwhile queue up behind them.
-    if (!connection->settled.isCancelled()) {
-        const CancellationToken handshake = connection->settled;
-        co_await UntilCancelled(handshake);
-        if (isGone(self))
-            co_return;
-    }
-    if (connection != m_connection || !connection->isOpen())
-        co_return; // the receive loop has seen the failure and reconnects
-    co_await sendBuffered(std::move(connection));
-}
-
-QCoro::Task<bool> TranscriptUploadService::sendBuffered(std::shared_ptr<Connection> connection)
-{
-    QPointer self(this);
+    if (!m_connection || !m_connection->isOpen())
+        return;
     const QList<TranscriptEntry> entries = std::exchange(m_bufferedEntries, {});
     for (const auto& entry : entries) {
+        // A failed send leaves the line in flight: the reconnect that the failure brings, or
+        // stop's result, takes it back.
         m_pendingEntries.insert_or_assign(entry.id, entry);
-        const QString frame = frameText(entry);
-        auto target = connection;
-        // A failed send is left alone: the entry stays in flight, so the next reconnect (which
-        // that failure brings) or stop's result takes it back.
-        co_await sendFrame(std::move(target), frame);
-        if (isGone(self))
-            co_return false;
+        sendNow(entry);
     }
-    co_return true;
 }
 
-QCoro::Task<bool> TranscriptUploadService::sendFrame(std::shared_ptr<Connection> connection,
-                                                      QString frame)
+bool TranscriptUploadService::sendNow(const TranscriptEntry& entry)
 {
-    QPointer self(this);
-    // Qt drops a frame sent during the handshake without a word: wait until it has ended.
-    if (!connection->settled.isCancelled()) {
-        const CancellationToken handshake = connection->settled;
-        co_await UntilCancelled(handshake);
-        if (isGone(self))
-            co_return false;
-    }
-    if (!connection->isOpen())
-        co_return false;
+    // In flight before the send, never after.
+    m_pendingEntries.insert_or_assign(entry.id, entry);
+    if (!m_connection || !m_connection->isOpen())
+        return false;
+    const int revision = m_lines[entry.id].revision;
+    const QString frame = frameText(entry, revision);
     const qint64 size = frame.toUtf8().size();
-    co_return connection->socket->sendTextMessage(frame) >= size;
+    if (m_connection->socket->sendTextMessage(frame) < size)
+        return false;
+    m_unansweredSends[entry.id].push_back(revision);
+    return true;
 }
 
 QCoro::Task<> TranscriptUploadService::receiveLoop(std::shared_ptr<Connection> connection,
@@ -372,8 +347,6 @@ QCoro::Task<> TranscriptUploadService::reconnectLoop(CancellationToken token)
         } catch (const BadURLError&) {
             continue;
         }
-        auto connection = m_connection;
-        co_await flushBuffered(std::move(connection));
         co_return;
     }
 }
@@ -385,10 +358,7 @@ QCoro::Task<QList<TranscriptEntry>> TranscriptUploadService::stop()
     m_reconnectTask.cancel();
     m_reconnectTask = {};
     if (m_isConnected && m_connection) {
-        auto connection = m_connection;
-        const bool alive = co_await sendBuffered(std::move(connection));
-        if (!alive)
-            co_return QList<TranscriptEntry>();
+        flushBuffered();
         // Time for the server to acknowledge what it has.
         Clock& clock = m_clock;
         const CancellationToken lifetime = m_lifetime;
@@ -430,10 +400,48 @@ void TranscriptUploadService::handleMessage(const QString& text)
             return; // not an array of text: the whole ack is ignored
         acknowledged.append(id.toString());
     }
+    // Our server says up to which revision it has each line; another names only the id.
+    const QJsonObject revisions = message.value(u"revisions"_s).toObject();
     for (const auto& id : std::as_const(acknowledged)) {
-        m_ackedIds.insert(id);
-        m_pendingEntries.erase(id);
+        const QJsonValue revision = revisions.value(id);
+        if (revision.isDouble()) {
+            acknowledge(id, revision.toInt());
+            continue;
+        }
+        auto sends = m_unansweredSends.find(id);
+        if (sends == m_unansweredSends.end() || sends->second.empty())
+            continue; // unknown, or a duplicate: it covers nothing
+        acknowledge(id, sends->second.front());
     }
+}
+
+void TranscriptUploadService::acknowledge(const QString& id, int revision)
+{
+    const auto line = m_lines.find(id);
+    if (line == m_lines.end())
+        return;
+    // Never beyond what was sent: a later text must still be acknowledged itself.
+    const int covered = std::min(revision, line->second.revision);
+    line->second.acknowledged = std::max(line->second.acknowledged, covered);
+    if (auto sends = m_unansweredSends.find(id); sends != m_unansweredSends.end()) {
+        auto& queue = sends->second;
+        while (!queue.empty() && queue.front() <= covered)
+            queue.pop_front();
+    }
+    if (line->second.acknowledged >= line->second.revision)
+        m_pendingEntries.erase(id);
+}
+
+void TranscriptUploadService::takeBackInFlight()
+{
+    QList<TranscriptEntry> inFlight;
+    for (const auto& [id, entry] : m_pendingEntries) {
+        const auto& line = m_lines[id];
+        if (line.acknowledged < line.revision)
+            inFlight.append(entry);
+    }
+    m_pendingEntries.clear();
+    m_bufferedEntries = inFlight + m_bufferedEntries;
 }
 
 void TranscriptUploadService::reconnect()
@@ -441,18 +449,13 @@ void TranscriptUploadService::reconnect()
     if (m_isStopping)
         return;
     m_isConnected = false;
-    for (const auto& [id, entry] : m_pendingEntries) {
-        if (!m_ackedIds.contains(id))
-            m_bufferedEntries.append(entry);
-    }
-    m_pendingEntries.clear();
+    takeBackInFlight();
     auto connection = std::exchange(m_connection, {});
     m_receiveTask.cancel();
     m_receiveTask = {};
     m_reconnectTask.cancel();
     m_reconnectTask =
         TaskHandle::run([&](const CancellationToken& token) { return reconnectLoop(token); });
-    // Last: the sends this wakes must find the channel already down.
     if (connection)
         discard(connection, QWebSocketProtocol::CloseCodeGoingAway);
 }

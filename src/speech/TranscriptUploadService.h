@@ -14,6 +14,7 @@
 #include <QWebSocketProtocol>
 
 #include <chrono>
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -23,9 +24,11 @@ class Clock;
 class QWebSocket;
 
 // Carries finished transcript lines to the backend over a WebSocket while the interview runs.
-// Every line is kept until the server acknowledges it; what is still unacknowledged when the
-// channel stops is handed back by stop(), so a line is either acknowledged or returned.
-// Nothing is reported during the session: failures only lead to reconnecting.
+// A line grows as final pieces join it and is sent again under its id, each new text with a
+// higher revision. Its newest text is kept until the server acknowledges that revision; what
+// is still unacknowledged when the channel stops is handed back by stop(), so the newest text
+// of every line is either acknowledged or returned. Nothing is reported during the session:
+// failures only lead to reconnecting.
 class TranscriptUploadService : public QObject {
     Q_OBJECT
 
@@ -38,8 +41,8 @@ public:
 
     static constexpr std::chrono::milliseconds stopAckWait{500};
     static constexpr std::chrono::seconds maxReconnectDelay{15};
-    // A handshake still running after this long counts as a failed socket. Sends must wait for
-    // the handshake (Qt 6.4 drops frames sent before it) and Qt has no time-out of its own, so a
+    // A handshake still running after this long counts as a failed socket. Lines wait for the
+    // handshake (Qt 6.4 drops frames sent before it) and Qt has no time-out of its own, so a
     // server that never answers would otherwise hold every line.
     static constexpr std::chrono::seconds handshakeTimeout{10};
 
@@ -49,7 +52,8 @@ public:
 
     // Throws BadURLError when the address cannot be formed.
     QCoro::Task<> start(QString baseURL, QString token, QString sessionId);
-    QCoro::Task<> send(TranscriptEntry entry);
+    // Never waits: a line the socket cannot take at once queues in order behind the others.
+    void send(TranscriptEntry entry);
     // Flushes, waits briefly for acknowledgements and closes; returns every line the server
     // did not acknowledge (in flight first, then never sent).
     QCoro::Task<QList<TranscriptEntry>> stop();
@@ -57,27 +61,35 @@ public:
     // Nothing when the address cannot be formed.
     static std::optional<QUrl> uploadURL(const QString& baseURL, const QString& token,
                                          const QString& sessionId);
-    // The frame of one line; "{}" when the line cannot be written as JSON.
-    static QString frameText(const TranscriptEntry& entry);
+    // The frame of one revision of a line; "{}" when the line cannot be written as JSON.
+    static QString frameText(const TranscriptEntry& entry, int revision);
 
     // Read-only views of the bookkeeping, for diagnostics and tests.
     bool isConnected() const { return m_isConnected; }
     QList<QString> pendingIds() const;
     QList<TranscriptEntry> bufferedEntries() const { return m_bufferedEntries; }
-    QSet<QString> acknowledgedIds() const { return m_ackedIds; }
+    // The lines whose newest text the server has acknowledged.
+    QSet<QString> acknowledgedIds() const;
 
 private:
     struct Connection;
+    // What the channel knows of one line over the whole session.
+    struct Line {
+        QString content;      // the newest text handed over
+        int revision = 0;     // of that text
+        int acknowledged = 0; // the highest revision the server has acknowledged
+    };
 
     void connectSocket();
-    QCoro::Task<> flushBuffered(std::shared_ptr<Connection> connection);
-    // Sends every buffered line, each kept in flight until acknowledged; false once the
-    // service is gone.
-    QCoro::Task<bool> sendBuffered(std::shared_ptr<Connection> connection);
-    QCoro::Task<bool> sendFrame(std::shared_ptr<Connection> connection, QString frame);
+    // Sends what waits, in order, once the socket is open; lines stay in flight until acknowledged.
+    void flushBuffered();
+    bool sendNow(const TranscriptEntry& entry);
     QCoro::Task<> receiveLoop(std::shared_ptr<Connection> connection, CancellationToken token);
     QCoro::Task<> reconnectLoop(CancellationToken token);
     void handleMessage(const QString& text);
+    void acknowledge(const QString& id, int revision);
+    // The lines in flight that still lack an acknowledgement go back to the front of the queue.
+    void takeBackInFlight();
     void reconnect();
     void discard(const std::shared_ptr<Connection>& connection, QWebSocketProtocol::CloseCode code);
     static bool isGone(const QPointer<TranscriptUploadService>& self);
@@ -86,9 +98,12 @@ private:
     std::shared_ptr<Connection> m_connection; // the socket and what it delivers
     TaskHandle m_receiveTask;
     TaskHandle m_reconnectTask;
-    std::map<QString, TranscriptEntry> m_pendingEntries; // sent, not yet acknowledged
+    std::map<QString, TranscriptEntry> m_pendingEntries; // sent, newest text not yet acknowledged
     QList<TranscriptEntry> m_bufferedEntries;            // not yet sent, in order
-    QSet<QString> m_ackedIds;                            // for the whole session
+    std::map<QString, Line> m_lines;                     // for the whole session
+    // The revisions sent on the current socket and not yet answered, oldest first: an ack that
+    // names only the id covers the oldest of them.
+    std::map<QString, std::deque<int>> m_unansweredSends;
     bool m_isConnected = false;
     bool m_isStopping = false;
     QString m_baseURL;

@@ -4,7 +4,6 @@
 
 #include <QCoroSignal>
 #include <QNetworkRequest>
-#include <QTimer>
 #include <QWebSocket>
 #include <QWebSocketHandshakeOptions>
 
@@ -14,7 +13,17 @@ using namespace std::chrono_literals;
 namespace {
 constexpr int requestTimeoutMs = 60'000;
 // How long stop's closing message may wait for a socket that is still connecting.
-constexpr int closingGraceMs = 2'000;
+constexpr auto closingGrace = 2000ms;
+// How often a send that waits for the handshake looks again, besides the socket's own signals.
+constexpr auto handshakePoll = 250ms;
+
+// A vendor origin from a speech token must make a WebSocket address as it stands.
+bool isUsableOrigin(const QString& origin)
+{
+    const QUrl url(origin, QUrl::StrictMode);
+    return url.isValid() && !url.host().isEmpty()
+           && (url.scheme() == u"ws"_s || url.scheme() == u"wss"_s);
+}
 
 QString closedDescription(const QWebSocket& socket)
 {
@@ -46,9 +55,12 @@ QCoro::Task<> WebSocketSpeechProvider::start(QString token, QString language,
                                              std::optional<QString> model)
 {
     resetConnection();
+    if (!isUsableOrigin(m_origin))
+        throw InvalidSpeechEndpointError();
     const auto target = connection(token, language, model);
     if (!target.url.isValid())
-        qFatal("invalid recogniser address");
+        throw InvalidSpeechEndpointError();
+    const quint64 connectionNumber = ++m_connection;
 
     QNetworkRequest request(target.url);
     request.setTransferTimeout(requestTimeoutMs);
@@ -81,7 +93,8 @@ QCoro::Task<> WebSocketSpeechProvider::start(QString token, QString language,
     connect(socket, &QWebSocket::connected, socket, cancelHandshakeTimer);
     connect(socket, &QObject::destroyed, cancelHandshakeTimer);
 
-    m_receiveTask = TaskHandle::run([&](const CancellationToken& t) { return receiveLoop(incoming, t); });
+    m_receiveTask = TaskHandle::run(
+        [&](const CancellationToken& t) { return receiveLoop(incoming, connectionNumber, t); });
     m_isStopping = false;
 
     if (auto opening = openingMessage()) {
@@ -89,17 +102,19 @@ QCoro::Task<> WebSocketSpeechProvider::start(QString token, QString language,
         const auto connectionToken = *m_receiveTask.token();
         QString error;
         Message frame = std::move(*opening);
-        const bool sent = co_await sendWhenConnected(m_socket, std::move(frame), connectionToken, &error);
+        const bool sent =
+            co_await sendWhenConnected(&m_clock, m_socket, std::move(frame), connectionToken, &error);
         // A restart or a stop in the meantime owns what comes next.
         if (!self || connectionToken.isCancelled())
             co_return;
         if (!sent) {
-            raiseRecovery(openingFailurePrefix() + error);
+            raiseRecovery(openingFailurePrefix() + error, connectionNumber);
             co_return;
         }
     }
 
-    m_audioSendTask = TaskHandle::run([&](const CancellationToken& t) { return sendLoop(m_socket, audio, t); });
+    m_audioSendTask = TaskHandle::run(
+        [&](const CancellationToken& t) { return sendLoop(m_socket, audio, connectionNumber, t); });
     if (const auto keepAlive = this->keepAlive()) {
         m_keepAliveTask = TaskHandle::run([&](const CancellationToken& t) {
             return keepAliveLoop(m_socket, keepAlive->first, keepAlive->second, t);
@@ -112,7 +127,7 @@ QCoro::Task<> WebSocketSpeechProvider::stop()
     m_isStopping = true;
     if (m_socket) {
         // Best effort: the vendor may close the open utterance, but nobody waits for it.
-        closeSocket(m_socket, closingMessage());
+        closeSocket(&m_clock, m_socket, closingMessage());
         m_socket = nullptr;
     }
     cancelTasks();
@@ -147,13 +162,19 @@ void WebSocketSpeechProvider::emitSegment(const QString& text, bool isFinal, std
 
 void WebSocketSpeechProvider::raiseRecovery(const QString& text)
 {
-    if (m_isStopping)
-        return;
-    m_recovery->push({m_vendorPrefix + text, true});
+    raiseRecovery(text, m_connection);
 }
 
-QCoro::Task<bool> WebSocketSpeechProvider::sendWhenConnected(QPointer<QWebSocket> socket, Message message,
-                                                             CancellationToken token, QString* error)
+void WebSocketSpeechProvider::raiseRecovery(const QString& text, quint64 connection)
+{
+    if (m_isStopping)
+        return;
+    m_recovery->push({m_vendorPrefix + text, true, connection});
+}
+
+QCoro::Task<bool> WebSocketSpeechProvider::sendWhenConnected(Clock* clock, QPointer<QWebSocket> socket,
+                                                             Message message, CancellationToken token,
+                                                             QString* error)
 {
     // A frame sent while the handshake is still running is silently dropped: wait for it. The
     // wait also ends when the socket goes away with its owner, or on cancellation; a wait tied
@@ -162,14 +183,13 @@ QCoro::Task<bool> WebSocketSpeechProvider::sendWhenConnected(QPointer<QWebSocket
            && socket->state() != QAbstractSocket::UnconnectedState && !token.isCancelled()) {
         // Queued, so that the socket's own handlers see the change first.
         auto wake = std::make_shared<AsyncQueue<bool>>();
-        QTimer poll;
-        poll.setSingleShot(true);
+        QObject context;
         const auto push = [wake] { wake->push(true); };
-        QObject::connect(socket.data(), &QWebSocket::stateChanged, &poll, push, Qt::QueuedConnection);
-        QObject::connect(socket.data(), &QObject::destroyed, &poll, push, Qt::QueuedConnection);
-        QObject::connect(&poll, &QTimer::timeout, push);
-        poll.start(250ms);
+        QObject::connect(socket.data(), &QWebSocket::stateChanged, &context, push, Qt::QueuedConnection);
+        QObject::connect(socket.data(), &QObject::destroyed, &context, push, Qt::QueuedConnection);
+        const auto poll = clock->startTimer(std::chrono::milliseconds(handshakePoll).count(), push);
         co_await wake->next(token);
+        clock->cancelTimer(poll);
     }
     if (!socket || token.isCancelled()) {
         *error = u"The send was cancelled"_s;
@@ -194,7 +214,8 @@ QCoro::Task<bool> WebSocketSpeechProvider::sendWhenConnected(QPointer<QWebSocket
     co_return true;
 }
 
-QCoro::Task<> WebSocketSpeechProvider::closeSocket(QPointer<QWebSocket> socket, std::optional<QString> message)
+QCoro::Task<> WebSocketSpeechProvider::closeSocket(Clock* clock, QPointer<QWebSocket> socket,
+                                                   std::optional<QString> message)
 {
     // The farewell owns the socket from here: the provider is usually dropped right after
     // stop, and a socket destroyed with it while still connecting would never wake the wait
@@ -203,10 +224,12 @@ QCoro::Task<> WebSocketSpeechProvider::closeSocket(QPointer<QWebSocket> socket, 
         socket->setParent(nullptr);
     if (message) {
         CancellationToken grace;
-        QTimer::singleShot(closingGraceMs, [grace] { grace.cancel(); });
+        const auto timer = clock->startTimer(std::chrono::milliseconds(closingGrace).count(),
+                                             [grace] { grace.cancel(); });
         QString error;
         Message frame = std::move(*message);
-        co_await sendWhenConnected(socket, std::move(frame), grace, &error);
+        co_await sendWhenConnected(clock, socket, std::move(frame), grace, &error);
+        clock->cancelTimer(timer);
     }
     if (socket) {
         socket->close(QWebSocketProtocol::CloseCodeNormal);
@@ -215,7 +238,7 @@ QCoro::Task<> WebSocketSpeechProvider::closeSocket(QPointer<QWebSocket> socket, 
 }
 
 QCoro::Task<> WebSocketSpeechProvider::receiveLoop(std::shared_ptr<AsyncQueue<Incoming>> incoming,
-                                                   CancellationToken token)
+                                                   quint64 connection, CancellationToken token)
 {
     QPointer self(this);
     for (;;) {
@@ -226,13 +249,13 @@ QCoro::Task<> WebSocketSpeechProvider::receiveLoop(std::shared_ptr<AsyncQueue<In
             handleMessage(*item->text);
             continue;
         }
-        raiseRecovery(item->error);
+        raiseRecovery(item->error, connection);
         co_return;
     }
 }
 
 QCoro::Task<> WebSocketSpeechProvider::sendLoop(QPointer<QWebSocket> socket, std::shared_ptr<AudioStream> audio,
-                                                CancellationToken token)
+                                                quint64 connection, CancellationToken token)
 {
     QPointer self(this);
     // Buffers wait in the stream while a send is in flight, and across a restart.
@@ -246,10 +269,10 @@ QCoro::Task<> WebSocketSpeechProvider::sendLoop(QPointer<QWebSocket> socket, std
             continue;
         QString error;
         Message frame = std::move(*message);
-        const bool sent = co_await sendWhenConnected(socket, std::move(frame), token, &error);
+        const bool sent = co_await sendWhenConnected(&clock(), socket, std::move(frame), token, &error);
         if (!sent) {
             if (!token.isCancelled() && self)
-                raiseRecovery(u"Audio send failed: "_s + error);
+                raiseRecovery(u"Audio send failed: "_s + error, connection);
             co_return;
         }
     }
@@ -266,6 +289,6 @@ QCoro::Task<> WebSocketSpeechProvider::keepAliveLoop(QPointer<QWebSocket> socket
         // A failed keep-alive is no failure of the connection; the receive loop sees those.
         QString error;
         Message frame = message;
-        co_await sendWhenConnected(socket, std::move(frame), token, &error);
+        co_await sendWhenConnected(&clock, socket, std::move(frame), token, &error);
     }
 }

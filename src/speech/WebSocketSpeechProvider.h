@@ -64,7 +64,7 @@ protected:
     }
 
     void emitSegment(const QString& text, bool isFinal, std::optional<double> confidence = std::nullopt);
-    // Adds the vendor prefix; nothing once stopping.
+    // Adds the vendor prefix and names the current connection; nothing once stopping.
     void raiseRecovery(const QString& text);
     Clock& clock() const { return m_clock; }
 
@@ -76,12 +76,14 @@ private:
 
     void resetConnection();
     void cancelTasks();
-    static QCoro::Task<bool> sendWhenConnected(QPointer<QWebSocket> socket, Message message,
+    void raiseRecovery(const QString& text, quint64 connection);
+    static QCoro::Task<bool> sendWhenConnected(Clock* clock, QPointer<QWebSocket> socket, Message message,
                                                CancellationToken token, QString* error);
-    static QCoro::Task<> closeSocket(QPointer<QWebSocket> socket, std::optional<QString> message);
-    QCoro::Task<> receiveLoop(std::shared_ptr<AsyncQueue<Incoming>> incoming, CancellationToken token);
+    static QCoro::Task<> closeSocket(Clock* clock, QPointer<QWebSocket> socket, std::optional<QString> message);
+    QCoro::Task<> receiveLoop(std::shared_ptr<AsyncQueue<Incoming>> incoming, quint64 connection,
+                              CancellationToken token);
     QCoro::Task<> sendLoop(QPointer<QWebSocket> socket, std::shared_ptr<AudioStream> audio,
-                           CancellationToken token);
+                           quint64 connection, CancellationToken token);
     QCoro::Task<> keepAliveLoop(QPointer<QWebSocket> socket, std::chrono::milliseconds interval,
                                 QString message, CancellationToken token);
 

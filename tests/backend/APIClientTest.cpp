@@ -3,6 +3,10 @@
 #include <QJsonDocument>
 #include <QTcpServer>
 
+#include <functional>
+#include <tuple>
+#include <vector>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -253,6 +257,26 @@ TEST_F(APIClientTest, SpeechTokenHasItsOwnRefreshAndVendorErrors)
     EXPECT_EQ(server.requestCount("POST", refreshPath), 1);
     EXPECT_EQ(server.requests("GET", path).last().header("Authorization"), "Bearer new");
     EXPECT_TRUE(failures.isEmpty()) << "the speech token never posts a failure";
+}
+
+TEST_F(APIClientTest, IdsFromTheServerStayOnePathSegment)
+{
+    // "/" and "?" in an id must not lead to another route or a query.
+    const QString id = u"a/b?c d"_s;
+    const QByteArray encoded = "a%2Fb%3Fc%20d";
+    const std::vector<std::tuple<QByteArray, QByteArray, std::function<QCoro::Task<>()>>> calls{
+        {"PATCH", "/api/v1/chat/log/" + encoded, [&] { return client.saveAnswerLog(id, u"x"_s); }},
+        {"PUT", "/api/v1/interview/session/" + encoded, [&] { return client.completeSession(id, 0); }},
+        {"POST", "/api/v1/interview/session/" + encoded + "/transcript",
+         [&] { return client.postTranscript(id, {}); }},
+        {"DELETE", "/api/v1/resume/" + encoded, [&] { return client.deleteResume(id); }},
+        {"DELETE", "/api/v1/job-description/" + encoded, [&] { return client.deleteJobDescription(id); }},
+    };
+    for (const auto& [method, path, call] : calls) {
+        server.setRoute(method, path, FakeBackend::Response::json(200, "{}"));
+        EXPECT_NO_THROW(awaitTask(call())) << path.toStdString();
+        EXPECT_EQ(server.requestCount(method, path), 1) << path.toStdString();
+    }
 }
 
 TEST_F(APIClientTest, InterviewEndpointBodies)

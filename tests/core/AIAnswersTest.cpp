@@ -1,9 +1,16 @@
 #include "InterviewHarness.h"
 
+#include "APIClient.h"
 #include "APIError.h"
+#include "AuthTokenStore.h"
+
+#include <QHostAddress>
+#include <QNetworkAccessManager>
+#include <QTcpServer>
 
 #include <gtest/gtest.h>
 
+#include <iostream>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -221,6 +228,44 @@ TEST_F(AIAnswersTest, CancelledRetryWaitStillRetries)
     EXPECT_EQ(callOffsets(*h.backend, u"streamAnswer"_s, t0), (QList<qint64>{0, 300}));
     EXPECT_FALSE(h.vm.isGeneratingAnswer());
     EXPECT_FALSE(h.vm.lastNotice());
+}
+
+// What a real request reports when the backend stalls, refuses or cannot be routed to: each is
+// worth the one retry. The transfer time-out is cut from 60 s to 300 ms on the test's manager.
+TEST(RetryableNetworkErrorTest, RealStalledRefusedAndUnroutableRequestsAreRetryable)
+{
+    QTcpServer stalling; // takes the request and never answers
+    ASSERT_TRUE(stalling.listen(QHostAddress::LocalHost, 0));
+    QTcpServer closed;
+    ASSERT_TRUE(closed.listen(QHostAddress::LocalHost, 0));
+    const quint16 refusedPort = closed.serverPort();
+    closed.close();
+
+    NotificationCenter notifications;
+    InMemoryTokenStore tokens;
+    QNetworkAccessManager network;
+    network.setTransferTimeout(300);
+    const auto failureAt = [&](const QString& origin) -> std::exception_ptr {
+        APIClient client(origin, tokens, notifications, &network);
+        try {
+            awaitTask(client.fetchAccountStatus(), 20'000);
+        } catch (...) {
+            return std::current_exception();
+        }
+        return nullptr;
+    };
+    const std::vector<std::pair<const char*, QString>> cases{
+        {"stalled", u"http://127.0.0.1:"_s + QString::number(stalling.serverPort())},
+        {"refused", u"http://127.0.0.1:"_s + QString::number(refusedPort)},
+        {"unroutable", u"http://[100::1]:80"_s},
+    };
+    for (const auto& [name, origin] : cases) {
+        const auto failure = failureAt(origin);
+        ASSERT_TRUE(failure) << name;
+        std::cout << name << ": " << errorCode(failure).toStdString() << " "
+                  << errorDescription(failure).toStdString() << std::endl;
+        EXPECT_TRUE(isRetryableNetworkError(failure)) << name << " " << errorCode(failure).toStdString();
+    }
 }
 
 TEST_F(AIAnswersTest, RetryableErrorsAreLostConnectionsAndServerFaults)

@@ -94,7 +94,8 @@ protected:
             const QJsonObject token{{u"provider"_s, u"deepgram"_s},
                                     {u"token"_s, u"speech-"_s + QString::number(++speechTokens)},
                                     {u"sttModel"_s, u"nova-3"_s},
-                                    {u"endpoint"_s, vendor.origin()}};
+                                    {u"endpoint"_s, endpoint.isEmpty() ? vendor.origin() : endpoint}};
+            restartCountsAtTokens.append(vm.restartCount(Speaker::interviewer));
             return FakeBackend::Response::json(200, QJsonDocument(token).toJson(QJsonDocument::Compact));
         });
         backend.setRoute("PUT", sessionPath, FakeBackend::Response::json(200, "{}"));
@@ -164,6 +165,8 @@ protected:
     PcmCapture systemAudio;
     PcmCapture microphone;
     int speechTokens = 0;
+    QString endpoint; // the vendor's when empty
+    QList<int> restartCountsAtTokens;
     InterviewViewModel vm{clock, settings, strings, services()};
 };
 
@@ -280,6 +283,59 @@ TEST_F(InterviewEndToEndTest, AudioBecomesTranscriptAnswerAndDeliveredLines)
         return vendorConnection("speech-1")->textFrames().contains(u"{\"type\": \"CloseStream\"}"_s)
             && vendorConnection("speech-2")->textFrames().contains(u"{\"type\": \"CloseStream\"}"_s);
     }));
+}
+
+namespace {
+// Only the speech failures are of interest here.
+class SttFailures final : public InterviewTelemetry {
+public:
+    void firstInterviewStarted() override {}
+    void sttProviderChanged(const QString&) override {}
+    void audioCaptureFailed(const QString&, const QString&) override {}
+    void firstAnswerReceived(qint64) override {}
+    void sttFailed(const QString&, const QString& errorCode) override { reasons.append(errorCode); }
+    void sessionCompleted(qint64, qint64) override {}
+    QStringList reasons;
+};
+} // namespace
+
+TEST_F(InterviewEndToEndTest, ASocketTheVendorClosesOnceMakesOneRestart)
+{
+    const auto telemetry = std::make_shared<SttFailures>();
+    vm.setTelemetry(telemetry);
+    ASSERT_NO_FATAL_FAILURE(start());
+    auto* socket = vendorSocket("speech-1");
+    ASSERT_TRUE(socket);
+    socket->close(QWebSocketProtocol::CloseCodeAbnormalDisconnection, u"vendor restarting"_s);
+    // Audio that arrives while the restart waits makes the send side fail on the closed socket
+    // too, so the one socket reports twice.
+    ASSERT_TRUE(waitFor([&] { return vm.isRestarting(Speaker::interviewer); }));
+    systemAudio.play({0.5f, -0.5f});
+    ASSERT_TRUE(waitFor([&] { return vendorConnection("speech-3") != nullptr; }));
+    ASSERT_TRUE(waitFor([&] { return !vm.isRestarting(Speaker::interviewer); }));
+    // Time for a second restart to show, were there one.
+    QTest::qWait(1500);
+    EXPECT_EQ(speechTokens, 3);
+    EXPECT_EQ(vendor.connectionCount(), 3);
+    EXPECT_EQ(telemetry->reasons.size(), 1) << telemetry->reasons.join(u'\n').toStdString();
+    EXPECT_EQ(restartCountsAtTokens, (QList<int>{0, 0, 1}));
+    EXPECT_EQ(vm.pipelineState(), State::recording);
+    EXPECT_EQ(vm.statusMessage(), u"Recording live"_s);
+    awaitTask(vm.stopInterview(), deadlineMs);
+}
+
+TEST_F(InterviewEndToEndTest, ASpeechEndpointThatIsNoAddressFailsTheStart)
+{
+    endpoint = u"wss://bad host"_s;
+    awaitTask(vm.startInterview(), deadlineMs);
+    EXPECT_FALSE(vm.isRecording());
+    EXPECT_EQ(vm.pipelineState(), State::error);
+    EXPECT_EQ(vm.error(), u"Unable to start interview: Invalid speech endpoint"_s);
+    EXPECT_EQ(vendor.connectionCount(), 0);
+    EXPECT_EQ(vm.runningTaskCount(), 0);
+    // The failed start closes its session without waiting; that request ends before the test.
+    ASSERT_TRUE(waitFor([&] { return backend.requestCount("PUT", sessionPath) == 1; }));
+    QTest::qWait(100);
 }
 
 namespace {

@@ -201,11 +201,7 @@ public:
         startFailures.throwIfScripted();
         isOpen = true;
     }
-    QCoro::Task<> send(TranscriptEntry entry) override
-    {
-        sent.append(entry);
-        co_return;
-    }
+    void send(TranscriptEntry entry) override { sent.append(entry); }
     QCoro::Task<QList<TranscriptEntry>> stop() override
     {
         isOpen = false;
@@ -262,7 +258,7 @@ class ScriptedBackend final : public InterviewBackend {
 public:
     ScriptedBackend(Clock& clock, Gates& gates) : m_clock(clock), m_gates(gates) {}
 
-    QString baseURL() const override { return u"http://backend.test"_s; }
+    QString baseURL() const override { return base; }
     std::optional<QString> accessToken() const override { return token; }
 
     QCoro::Task<APIClient::SpeechTokenResponse> fetchSpeechToken() override
@@ -346,6 +342,7 @@ public:
         return matching;
     }
 
+    QString base = u"http://backend.test"_s;
     std::optional<QString> token = u"access-token"_s;
     QString speechProvider = u"deepgram"_s;
     std::optional<QString> accountSpeechProvider;
@@ -437,7 +434,9 @@ struct InterviewHarness {
             recognizers.append(recognizer);
             return recognizer;
         };
-        s.makeTranscriptChannel = [this] {
+        s.makeTranscriptChannel = [this]() -> std::shared_ptr<TranscriptChannel> {
+            if (makeRealChannel)
+                return makeRealChannel();
             auto channel = std::make_shared<FakeTranscriptChannel>(gates);
             if (failNextChannel) {
                 channel->startFailures.add(failureOf(std::runtime_error("channel refused")));
@@ -482,6 +481,8 @@ struct InterviewHarness {
     QList<std::shared_ptr<FakeRecognizer>> recognizers;
     QList<std::shared_ptr<FakeTranscriptChannel>> channels;
     bool failNextChannel = false;
+    // Replaces the fake channel, for a test that needs the real one.
+    std::function<std::shared_ptr<TranscriptChannel>()> makeRealChannel;
     // Called with each recogniser as it is made, to script it.
     std::function<void(FakeRecognizer&)> prepareRecognizer;
     std::shared_ptr<ScriptedBackend> backend = std::make_shared<ScriptedBackend>(clock, gates);

@@ -2,9 +2,12 @@
 
 #include "APIError.h"
 #include "AudioCaptureService.h"
+#include "InterviewAdapters.h"
 #include "LogCapture.h"
 
+#include <QHostAddress>
 #include <QSignalSpy>
+#include <QTcpServer>
 
 #include <gtest/gtest.h>
 
@@ -456,6 +459,155 @@ TEST_F(InterviewPipelineTest, AModelDestroyedMidInterviewLeavesNothingBehind)
     EXPECT_EQ(h.clock.pendingTimerCount(), 0u);
 }
 
+TEST_F(InterviewPipelineTest, TroubleReportedBeforeRecordingIsHandledOnceRecordingBegins)
+{
+    // The vendor refuses the interviewer's token a moment after the socket opens, while the
+    // microphone is still being set up.
+    h.gates.hold(u"microphone.start"_s);
+    auto start = h.vm.startInterview();
+    ASSERT_TRUE(h.gates.isWaiting(u"microphone.start"_s));
+    h.clock.advance(std::chrono::milliseconds(1));
+    h.recognizerOf(Speaker::interviewer)->fail(u"Deepgram disconnected: token refused"_s);
+    InterviewHarness::settle();
+    h.gates.release(u"microphone.start"_s);
+    awaitTask(std::move(start));
+    ASSERT_TRUE(h.vm.isRecording());
+
+    h.clock.advance(std::chrono::milliseconds(500));
+    InterviewHarness::settle();
+    EXPECT_EQ(h.recognizerOf(Speaker::interviewer)->starts.size(), 2);
+    EXPECT_EQ(h.telemetry->events.filter(u"stt_failed"_s).size(), 1);
+    EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+
+    // A stop discards what a start had kept back.
+    h.stop();
+    h.gates.hold(u"microphone.start"_s);
+    auto second = h.vm.startInterview();
+    ASSERT_TRUE(h.gates.isWaiting(u"microphone.start"_s));
+    h.recognizerOf(Speaker::interviewer)->fail(u"Deepgram disconnected: token refused"_s);
+    InterviewHarness::settle();
+    const int tokensBefore = h.backend->speechTokensIssued;
+    h.stop();
+    h.gates.release(u"microphone.start"_s);
+    awaitTask(std::move(second));
+    h.clock.advance(std::chrono::seconds(1));
+    InterviewHarness::settle();
+    EXPECT_EQ(h.backend->speechTokensIssued, tokensBefore);
+    expectNothingRunning();
+}
+
+TEST_F(InterviewPipelineTest, AChannelStuckInItsHandshakeHoldsNoLineBack)
+{
+    // Accepts the connection and never answers the WebSocket handshake.
+    QTcpServer silent;
+    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost, 0));
+    h.backend->base = u"http://127.0.0.1:"_s + QString::number(silent.serverPort());
+    h.makeRealChannel = [this] { return std::make_shared<TranscriptUploadChannel>(h.clock); };
+    h.settings.setAutoTriggerAIAnswers(true);
+    h.start();
+    ASSERT_TRUE(h.vm.transcriptUploadService());
+
+    const auto interviewer = h.recognizerOf(Speaker::interviewer);
+    interviewer->say(u"Tell me"_s, true, h.clock.nowMs());
+    InterviewHarness::settle();
+    h.clock.advance(std::chrono::seconds(1));
+    interviewer->say(u"about yourself."_s, true, h.clock.nowMs());
+    InterviewHarness::settle();
+    ASSERT_EQ(h.vm.transcriptManager().entries().size(), 1);
+    EXPECT_EQ(h.vm.transcriptManager().entries().first().content, u"Tell me about yourself."_s);
+
+    h.clock.advance(std::chrono::milliseconds(3999));
+    InterviewHarness::settle();
+    EXPECT_TRUE(h.backend->callsOf(u"streamAnswer"_s).isEmpty());
+    h.clock.advance(std::chrono::milliseconds(1));
+    InterviewHarness::settle();
+    EXPECT_EQ(h.backend->callsOf(u"streamAnswer"_s), QStringList{u"streamAnswer Tell me about yourself."_s});
+}
+
+TEST_F(InterviewPipelineTest, AChannelWithoutARecognizerKeepsOnlyTheNewestTenSecondsOfAudio)
+{
+    LogCapture log;
+    h.start();
+    h.backend->speechTokenFailures.failAlways(failureOf(APIError::serverError(503)));
+    h.recognizerOf(Speaker::interviewer)->fail(u"socket lost"_s);
+    InterviewHarness::settle();
+    const auto stream = h.vm.audioStream(Speaker::interviewer);
+    ASSERT_TRUE(stream);
+
+    // One hour at 16 kHz in blocks of 1,600 frames, with nothing reading them.
+    constexpr std::size_t frames = 1600;
+    for (int second = 0; second < 3600; ++second) {
+        for (int k = 0; k < 10; ++k)
+            stream->push(PcmBuffer{std::vector<float>(frames, 0.25f)});
+        h.clock.advance(std::chrono::seconds(1));
+    }
+    InterviewHarness::settle();
+    const std::size_t waitingBytes = stream->bufferedCount() * frames * sizeof(float);
+    EXPECT_LT(waitingBytes, 1'000'000u);
+    EXPECT_GE(stream->bufferedCount(), 100u); // the newest ten seconds are still there
+
+    h.stop();
+    const auto dropped = log.lines().filter(u"[Audio] Dropped"_s);
+    ASSERT_EQ(dropped.size(), 1) << log.lines().join(u'\n').toStdString();
+    EXPECT_TRUE(dropped.first().contains(u"3590 s of interviewer audio"_s)) << dropped.first().toStdString();
+}
+
+TEST_F(InterviewPipelineTest, AStartWaitsUntilAStopThatInterruptedAStartHasEnded)
+{
+    h.gates.hold(u"fetchSpeechToken"_s);
+    auto first = h.vm.startInterview();
+    ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s));
+    h.gates.hold(u"completeSession"_s);
+    auto stop = h.vm.stopInterview();
+    ASSERT_TRUE(h.gates.isWaiting(u"completeSession"_s));
+    h.gates.release(u"fetchSpeechToken"_s);
+    awaitTask(std::move(first));
+    ASSERT_FALSE(h.vm.isStartingInterview());
+
+    // The stop still runs: a start now is refused and changes nothing.
+    awaitTask(h.vm.startInterview());
+    EXPECT_EQ(h.vm.pipelineState(), State::stopping);
+    EXPECT_TRUE(h.vm.isStoppingInterview());
+    EXPECT_EQ(h.backend->sessionsCreated, 1);
+
+    h.gates.release(u"completeSession"_s);
+    awaitTask(std::move(stop));
+    EXPECT_EQ(h.vm.statusMessage(), u"Ready"_s);
+
+    h.start();
+    EXPECT_TRUE(h.vm.isRecording());
+    EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+    ASSERT_TRUE(h.vm.currentSession());
+    EXPECT_EQ(h.vm.currentSession()->id, u"session-2"_s);
+    EXPECT_EQ(h.vm.currentSession()->status, InterviewSession::SessionStatus::active);
+    ASSERT_EQ(h.vm.pastSessions().size(), 1);
+    EXPECT_EQ(h.vm.pastSessions().first().id, u"session-1"_s);
+}
+
+TEST_F(InterviewPipelineTest, AStopWaitsOnlyUntilTheFirstCancelledTaskHasEnded)
+{
+    h.start();
+    // The interviewer's reader is caught in a token fetch that ignores cancellation.
+    h.gates.hold(u"fetchSpeechToken"_s);
+    h.recognizerOf(Speaker::interviewer)->fail(u"socket lost"_s);
+    InterviewHarness::settle();
+    h.clock.advance(std::chrono::milliseconds(500));
+    InterviewHarness::settle();
+    ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s));
+
+    const qint64 before = h.clock.nowMs();
+    auto stop = h.vm.stopInterview();
+    InterviewHarness::settle();
+    EXPECT_EQ(h.vm.pipelineState(), State::idle);
+    EXPECT_EQ(h.clock.nowMs(), before);
+
+    h.clock.advance(std::chrono::seconds(5));
+    h.gates.release(u"fetchSpeechToken"_s);
+    awaitTask(std::move(stop));
+    InterviewHarness::settle();
+    EXPECT_EQ(h.vm.runningTaskCount(), 0);
+}
+
 // A stop that arrives while the start waits at one of its suspension points. Each point is
 // reached by holding the gates in turn: the first, then, once the start waits there, the next.
 struct StopPoint {
@@ -504,6 +656,8 @@ TEST_P(StopDuringStartTest, EndsIdleWithNothingRunningAndOnlyThePrescribedReques
 
     EXPECT_EQ(h.vm.pipelineState(), State::idle);
     EXPECT_EQ(h.vm.statusMessage(), u"Ready"_s);
+    // A notice of the start, such as a recovered upload, goes with the start.
+    EXPECT_EQ(h.vm.lastNotice(), std::nullopt);
     EXPECT_FALSE(h.vm.isStartingInterview());
     EXPECT_FALSE(h.vm.isStoppingInterview());
     EXPECT_FALSE(h.vm.currentSessionUsesBackend());

@@ -125,6 +125,8 @@ TEST_P(ChildCrashTest, LeavesOneReportThatTheNextLaunchSendsOnce)
 
     const auto stack = report.value(u"stackTrace"_s).toString();
     EXPECT_TRUE(stack.contains(u"crash_child("_s)) << stack.toStdString();
+    // A frame names its object by file name: an install under a home folder names no person.
+    EXPECT_FALSE(stack.contains(u'/')) << stack.toStdString();
     EXPECT_GT(stack.count(u'\n'), 2);
     EXPECT_FALSE(stack.endsWith(u'\n'));
     if (crash.stackFillsTheLimit) {

@@ -4,6 +4,10 @@
 #include "DeepgramProvider.h"
 #include "FakeVendorServer.h"
 
+#include <QElapsedTimer>
+#include <QHostAddress>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTest>
 #include <QWebSocket>
 
@@ -211,6 +215,44 @@ TEST_F(DeepgramProviderTest, StopClosesTheStreamAndRaisesNothingAfter)
     EXPECT_TRUE(QTest::qWaitFor([&] { return server.openConnectionCount() == 0; }, 10'000));
     EXPECT_EQ(provider.recoveryEvents()->bufferedCount(), 0u) << "the close after stop is no failure";
     EXPECT_EQ(provider.transcriptSegments()->bufferedCount(), 0u) << "an open partial is not flushed by stop";
+}
+
+TEST_F(DeepgramProviderTest, AnOriginThatMakesNoAddressFailsTheStart)
+{
+    provider.setOrigin(u"wss://bad host"_s);
+    try {
+        awaitTask(provider.start(u"tok-1"_s, u"de-DE"_s, audio, std::nullopt));
+        ADD_FAILURE() << "the start went ahead";
+    } catch (const std::exception& error) {
+        EXPECT_EQ(QString::fromUtf8(error.what()), u"Invalid speech endpoint"_s);
+    }
+    EXPECT_EQ(server.connectionCount(), 0);
+    EXPECT_EQ(provider.recoveryEvents()->bufferedCount(), 0u);
+}
+
+TEST_F(DeepgramProviderTest, StopsFarewellWaitIsOnTheClock)
+{
+    // A vendor that never finishes the handshake: the closing message waits for it, for the
+    // clock's two seconds.
+    QTcpServer silent;
+    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost, 0));
+    QPointer<QTcpSocket> accepted;
+    QObject::connect(&silent, &QTcpServer::newConnection, [&] { accepted = silent.nextPendingConnection(); });
+    provider.setOrigin(u"ws://127.0.0.1:"_s + QString::number(silent.serverPort()));
+    awaitTask(provider.start(u"tok-1"_s, u"de-DE"_s, audio, std::nullopt));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return accepted != nullptr; }, 10'000));
+    awaitTask(provider.stop());
+    QTest::qWait(50);
+    EXPECT_EQ(accepted->state(), QAbstractSocket::ConnectedState);
+
+    QElapsedTimer real;
+    real.start();
+    clock.advance(1999ms);
+    QTest::qWait(50);
+    EXPECT_EQ(accepted->state(), QAbstractSocket::ConnectedState);
+    clock.advance(1ms);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !accepted || accepted->state() != QAbstractSocket::ConnectedState; }, 1000));
+    EXPECT_LT(real.elapsed(), 1500);
 }
 
 TEST_F(DeepgramProviderTest, TodaysV2ServiceKeepsTheEnglishSocketOpen)

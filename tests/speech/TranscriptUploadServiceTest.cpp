@@ -5,6 +5,7 @@
 #include "FakeTranscriptChannel.h"
 #include "TranscriptUploadService.h"
 
+#include <QMap>
 #include <QRandomGenerator>
 #include <QTcpServer>
 #include <QTest>
@@ -108,7 +109,7 @@ protected:
         awaitTask(service->start(server.baseURL(), u"tok"_s, u"session-1"_s), deadlineMs);
         ASSERT_TRUE(waitFor([&] { return server.openConnectionCount() == 1; }));
     }
-    void send(const TranscriptEntry& entry) { awaitTask(service->send(entry), deadlineMs); }
+    void send(const TranscriptEntry& entry) { service->send(entry); }
 
     ManualClock clock;
     FakeTranscriptChannel server;
@@ -189,6 +190,7 @@ TEST_F(TranscriptUploadServiceTest, SendsFinalNonEmptyLinesAsFramesAndDropsTheRe
         EXPECT_FALSE(frame.isBinary);
     EXPECT_EQ(frames[1].json(), (QJsonObject{{u"type"_s, u"transcript_entry"_s},
                                              {u"id"_s, u"u1"_s},
+                                             {u"revision"_s, 1},
                                              {u"speaker"_s, u"user"_s},
                                              {u"content"_s, u"I led the team"_s},
                                              {u"timestampMs"_s, qint64(1'700'000'000'123)},
@@ -210,9 +212,8 @@ TEST_F(TranscriptUploadServiceTest, AcksTakeOutOnlyTheIdsTheyNameAndBinaryAcksCo
     startChannel();
     send(line(u"a"_s));
     send(line(u"b"_s));
-    ASSERT_TRUE(waitFor([&] { return service->acknowledgedIds().size() == 3; }));
-    EXPECT_EQ(service->acknowledgedIds(),
-              (QSet<QString>{u"a"_s, u"b"_s, FakeTranscriptChannel::unknownAckId}));
+    ASSERT_TRUE(waitFor([&] { return service->acknowledgedIds().size() == 2; }));
+    EXPECT_EQ(service->acknowledgedIds(), (QSet<QString>{u"a"_s, u"b"_s}));
     EXPECT_TRUE(service->pendingIds().isEmpty());
 
     server.setAckPolicy(FakeTranscriptChannel::AckPolicy::ackNothing);
@@ -280,10 +281,10 @@ TEST_F(TranscriptUploadServiceTest, RefusingServerIsRetriedEverySecondAndLineInF
     server.setRefusing(true);
     awaitTask(service->start(server.baseURL(), u"tok"_s, u"s"_s), deadlineMs);
     EXPECT_TRUE(service->isConnected()); // up as soon as opened, before the server answers
-    Running sending(service->send(line(u"early"_s)));
-    EXPECT_EQ(service->pendingIds(), QStringList{u"early"_s});
-    ASSERT_TRUE(sending.waitDone());
-    EXPECT_FALSE(service->isConnected());
+    // During the handshake a line waits in the queue, and stays there when the socket fails.
+    service->send(line(u"early"_s));
+    EXPECT_EQ(ids(service->bufferedEntries()), QStringList{u"early"_s});
+    ASSERT_TRUE(waitFor([&] { return !service->isConnected(); }));
     EXPECT_EQ(ids(service->bufferedEntries()), QStringList{u"early"_s});
     EXPECT_TRUE(service->pendingIds().isEmpty());
 
@@ -319,25 +320,71 @@ TEST_F(TranscriptUploadServiceTest, StopWhileReconnectingReturnsLinesUnsentAndEn
     EXPECT_TRUE(server.frames().isEmpty());
 }
 
-TEST_F(TranscriptUploadServiceTest, LineWhoseIdWasAcknowledgedIsNotResentAfterReconnect)
+TEST_F(TranscriptUploadServiceTest, AnAckForALineNotYetSentCoversNothing)
 {
     server.setAckPolicy(FakeTranscriptChannel::AckPolicy::ackNothing);
     startChannel();
     server.sendAck({u"x"_s}); // before the line was ever sent
-    ASSERT_TRUE(waitFor([&] { return service->acknowledgedIds().contains(u"x"_s); }));
+    QTest::qWait(20);
     send(line(u"x"_s));
-    send(line(u"y"_s));
-    ASSERT_TRUE(waitFor([&] { return server.frames().size() == 2; }));
-    EXPECT_EQ(service->pendingIds(), (QStringList{u"x"_s, u"y"_s}));
+    ASSERT_TRUE(waitFor([&] { return server.frames().size() == 1; }));
+    EXPECT_EQ(service->pendingIds(), QStringList{u"x"_s});
+    EXPECT_TRUE(service->acknowledgedIds().isEmpty());
+    EXPECT_EQ(ids(stopOn(*service, clock)), QStringList{u"x"_s});
+}
 
+// Acks of a line that grew: by id alone each covers the oldest send not yet covered; with
+// revisions each covers what it names. Neither clears the newer text early.
+class GrownLineAckTest : public TranscriptUploadServiceTest,
+                         public ::testing::WithParamInterface<bool> {};
+
+TEST_P(GrownLineAckTest, CoversOnlyTheTextItWasFor)
+{
+    const bool withRevisions = GetParam();
+    const auto ack = [&](int revision) {
+        if (withRevisions)
+            server.sendText(u"{\"type\":\"ack\",\"ids\":[\"a\"],\"revisions\":{\"a\":%1}}"_s.arg(revision));
+        else
+            server.sendAck({u"a"_s});
+    };
+    server.setAckPolicy(FakeTranscriptChannel::AckPolicy::ackNothing);
+    startChannel();
+    send(line(u"a"_s, u"Tell me"_s));
+    ASSERT_TRUE(waitFor([&] { return server.frames().size() == 1; }));
+    send(line(u"a"_s, u"Tell me more"_s));
+    ASSERT_TRUE(waitFor([&] { return server.frames().size() == 2; }));
+    EXPECT_EQ(server.frames()[0].revision() + 1, server.frames()[1].revision());
+
+    ack(server.frames()[0].revision());
+    server.sendAck({u"unknown"_s});
+    QTest::qWait(50);
+    EXPECT_EQ(service->pendingIds(), QStringList{u"a"_s});
+    EXPECT_FALSE(service->acknowledgedIds().contains(u"a"_s));
+
+    // Cut before the newer text was acknowledged: it goes out again, and only it.
     server.closeAbruptly();
     ASSERT_TRUE(waitFor([&] { return !service->isConnected(); }));
-    EXPECT_EQ(ids(service->bufferedEntries()), QStringList{u"y"_s});
     clock.advance(1s);
     ASSERT_TRUE(waitFor([&] { return server.frames().size() == 3; }));
-    EXPECT_EQ(server.receivedIds(), (QStringList{u"x"_s, u"y"_s, u"y"_s}));
-    EXPECT_EQ(ids(stopOn(*service, clock)), QStringList{u"y"_s});
+    EXPECT_EQ(server.frames()[2].content(), u"Tell me more"_s);
+    EXPECT_EQ(server.frames()[2].revision(), server.frames()[1].revision());
+
+    ack(server.frames()[2].revision());
+    ASSERT_TRUE(waitFor([&] { return service->pendingIds().isEmpty(); }));
+    EXPECT_TRUE(service->acknowledgedIds().contains(u"a"_s));
+    // A duplicate covers nothing, and a line that grows again goes out again.
+    ack(server.frames()[2].revision());
+    QTest::qWait(50);
+    send(line(u"a"_s, u"Tell me more, please"_s));
+    ASSERT_TRUE(waitFor([&] { return server.frames().size() == 4; }));
+    QTest::qWait(20);
+    const auto returned = stopOn(*service, clock);
+    ASSERT_EQ(returned.size(), 1);
+    EXPECT_EQ(returned[0].content, u"Tell me more, please"_s);
 }
+
+INSTANTIATE_TEST_SUITE_P(BothAckForms, GrownLineAckTest, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "Revisions" : "IdsAlone"; });
 
 TEST_F(TranscriptUploadServiceTest, HandshakeThatNeverEndsCountsAsAFailedSend)
 {
@@ -345,12 +392,11 @@ TEST_F(TranscriptUploadServiceTest, HandshakeThatNeverEndsCountsAsAFailedSend)
     ASSERT_TRUE(silent.listen(QHostAddress::LocalHost, 0));
     const auto base = u"http://127.0.0.1:"_s + QString::number(silent.serverPort());
     awaitTask(service->start(base, u"t"_s, u"s"_s), deadlineMs);
-    Running sending(service->send(line(u"a"_s)));
+    service->send(line(u"a"_s));
     QTest::qWait(50);
-    EXPECT_FALSE(sending.isDone());
+    EXPECT_EQ(ids(service->bufferedEntries()), QStringList{u"a"_s});
     clock.advance(TranscriptUploadService::handshakeTimeout);
-    ASSERT_TRUE(sending.waitDone());
-    EXPECT_FALSE(service->isConnected());
+    ASSERT_TRUE(waitFor([&] { return !service->isConnected(); }));
     EXPECT_EQ(ids(service->bufferedEntries()), QStringList{u"a"_s});
     EXPECT_TRUE(hasTimerIn(clock, 1s));
 }
@@ -367,13 +413,12 @@ TEST_F(TranscriptUploadServiceTest, DestroyedMidFlightEndsEverySuspendedCall)
     refusing.setRefusing(true);
     auto reconnecting = std::make_unique<TranscriptUploadService>(clock);
     awaitTask(reconnecting->start(refusing.baseURL(), u"t"_s, u"s"_s), deadlineMs);
-    Running sending(reconnecting->send(line(u"b"_s))); // waits for the handshake
+    reconnecting->send(line(u"b"_s)); // waits for the handshake
 
     service.reset();
     reconnecting.reset();
     EXPECT_TRUE(stopping.isDone());
     EXPECT_TRUE(stopping.result().isEmpty());
-    EXPECT_TRUE(sending.isDone());
     EXPECT_EQ(clock.pendingTimerCount(), 0u);
 }
 
@@ -451,14 +496,16 @@ INSTANTIATE_TEST_SUITE_P(
 
 namespace {
 
-// One session against a server that acks, holds, ignores and cuts at random, while lines,
-// clock jumps and abrupt closes come in random order.
+// One session against a server that acks, holds, ignores and cuts at random, while lines
+// grow, clock jumps and abrupt closes come in random order. Half the seeds get acks that name
+// the revision, half acks by id alone.
 void runRandomSession(quint32 seed)
 {
     QRandomGenerator rng(seed);
     QRandomGenerator serverRng(seed ^ 0x9e3779b9u);
     ManualClock clock;
     FakeTranscriptChannel server;
+    server.setAckRevisions(seed % 2 == 0);
     server.setFrameRule([&serverRng](const FakeTranscriptChannel::Frame&) {
         const auto roll = serverRng.bounded(100);
         return roll < 55 ? Reaction::ack
@@ -470,20 +517,25 @@ void runRandomSession(quint32 seed)
     auto service = std::make_unique<TranscriptUploadService>(clock);
     awaitTask(service->start(server.baseURL(), u"tok"_s, u"s"_s), deadlineMs);
 
-    QList<TranscriptEntry> sent;
+    QMap<QString, TranscriptEntry> latest; // what the transcript shows of each line
     QStringList dropped;
-    QList<Running<void>> sends;
     const int steps = 40 + int(rng.bounded(40));
     for (int step = 0; step < steps; ++step) {
         const auto roll = rng.bounded(100);
-        if (roll < 50) {
-            sent.append(line(u"line-%1"_s.arg(step), u"words %1"_s.arg(step)));
-            sends.append(Running(service->send(sent.last())));
+        if (roll < 35 || (roll < 50 && latest.isEmpty())) {
+            const auto entry = line(u"line-%1"_s.arg(step), u"words %1"_s.arg(step));
+            latest.insert(entry.id, entry);
+            service->send(entry);
+        } else if (roll < 50) {
+            // A final piece joins a line that went out before.
+            auto& grown = latest[latest.keys().at(int(rng.bounded(int(latest.size()))))];
+            grown.content += u" and %1"_s.arg(step);
+            service->send(grown);
         } else if (roll < 56) {
             const bool partial = rng.bounded(2) == 0;
             dropped.append(u"dropped-%1"_s.arg(step));
             const auto content = partial ? u"part"_s : u"  "_s;
-            sends.append(Running(service->send(line(dropped.last(), content, !partial))));
+            service->send(line(dropped.last(), content, !partial));
         } else if (roll < 68) {
             server.releaseHeld();
         } else if (roll < 74) {
@@ -497,20 +549,19 @@ void runRandomSession(quint32 seed)
     }
     QTest::qWait(2);
     const auto returned = stopOn(*service, clock);
-    for (const auto& sending : sends)
-        EXPECT_TRUE(sending.isDone());
 
+    // Each line's newest text was acknowledged by the server, or the line is returned with it.
     const auto acknowledged = service->acknowledgedIds();
     const QStringList returnedIds = ids(returned);
     EXPECT_EQ(QSet<QString>(returnedIds.begin(), returnedIds.end()).size(), returnedIds.size())
         << "a line returned twice";
-    for (const auto& entry : sent) {
+    for (const auto& entry : std::as_const(latest)) {
         const bool isAcknowledged = acknowledged.contains(entry.id);
         const auto at = returnedIds.indexOf(entry.id);
         EXPECT_NE(isAcknowledged, at >= 0)
             << entry.id.toStdString() << (isAcknowledged ? " in both" : " lost");
         if (isAcknowledged) {
-            EXPECT_TRUE(server.acknowledgedIds().contains(entry.id)) << entry.id.toStdString();
+            EXPECT_EQ(server.acknowledgedText(entry.id), entry.content) << entry.id.toStdString();
         }
         if (at >= 0) {
             EXPECT_EQ(returned[at], entry);
@@ -525,11 +576,11 @@ void runRandomSession(quint32 seed)
 
 } // namespace
 
-TEST_F(TranscriptUploadServiceTest, RandomDropsAndAcksLeaveEveryLineAcknowledgedOrReturnedNeverBoth)
+TEST_F(TranscriptUploadServiceTest, RandomDropsAndAcksLeaveEveryNewestTextAcknowledgedOrReturnedNeverBoth)
 {
+    // Fixed unless asked otherwise, so that every run (CI's included) tries the same series.
     const QByteArray fixed = qgetenv("RAVLET_TEST_SEED");
-    const quint32 baseSeed =
-        fixed.isEmpty() ? QRandomGenerator::global()->generate() : fixed.toUInt();
+    const quint32 baseSeed = fixed.isEmpty() ? 20'261'124u : fixed.toUInt();
     constexpr int runs = 100;
     for (int run = 0; run < runs && !HasFailure(); ++run) {
         const quint32 seed = baseSeed + quint32(run);

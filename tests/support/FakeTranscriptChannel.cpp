@@ -72,12 +72,20 @@ QStringList FakeTranscriptChannel::receivedIds() const
     return ids;
 }
 
+std::optional<QString> FakeTranscriptChannel::acknowledgedText(const QString& id) const
+{
+    const auto it = m_acknowledgedLines.constFind(id);
+    if (it == m_acknowledgedLines.cend())
+        return std::nullopt;
+    return it->content;
+}
+
 bool FakeTranscriptChannel::sendAck(const QStringList& ids)
 {
     auto* peer = newestOpen();
     if (!peer)
         return false;
-    ack(peer, ids);
+    sendAckFrame(peer, ids);
     return true;
 }
 
@@ -155,15 +163,17 @@ void FakeTranscriptChannel::onFrame(Peer* peer, bool isBinary, const QByteArray&
     const Frame frame{peer->index, isBinary, data};
     m_frames.append(frame);
     ++peer->framesReceived;
-    const QString id = frame.id();
+    auto& latest = m_latest[frame.id()];
+    if (frame.revision() >= latest.revision)
+        latest = {frame.revision(), frame.content()};
 
     if (m_rule) {
         switch (m_rule(frame)) {
         case Reaction::ack:
-            ack(peer, {id});
+            ack(peer, {frame});
             break;
         case Reaction::hold:
-            peer->held.append(id);
+            peer->held.append(frame);
             break;
         case Reaction::ignore:
             break;
@@ -171,7 +181,7 @@ void FakeTranscriptChannel::onFrame(Peer* peer, bool isBinary, const QByteArray&
             cut(peer);
             break;
         case Reaction::ackThenDrop:
-            ack(peer, {id});
+            ack(peer, {frame});
             cut(peer);
             break;
         }
@@ -180,7 +190,7 @@ void FakeTranscriptChannel::onFrame(Peer* peer, bool isBinary, const QByteArray&
 
     switch (m_policy) {
     case AckPolicy::ackEverything:
-        ack(peer, {id});
+        ack(peer, {frame});
         break;
     case AckPolicy::ackNothing:
         break;
@@ -188,21 +198,44 @@ void FakeTranscriptChannel::onFrame(Peer* peer, bool isBinary, const QByteArray&
         if (peer->framesReceived >= m_dropAfter)
             cut(peer);
         else
-            ack(peer, {id});
+            ack(peer, {frame});
         break;
     case AckPolicy::duplicateAndUnknown:
-        ack(peer, {id});
-        ack(peer, {id});
-        ack(peer, {unknownAckId});
+        ack(peer, {frame});
+        ack(peer, {frame});
+        sendAckFrame(peer, {unknownAckId});
         break;
     }
 }
 
-void FakeTranscriptChannel::ack(Peer* peer, const QStringList& ids)
+void FakeTranscriptChannel::ack(Peer* peer, const QList<Frame>& frames)
 {
     if (!peer->socket)
         return;
-    const QJsonObject message{{u"type"_s, u"ack"_s}, {u"ids"_s, QJsonArray::fromStringList(ids)}};
+    QStringList ids;
+    for (const auto& frame : frames) {
+        ids.append(frame.id());
+        // Without revisions an ack covers the frame it answers; with them, what it names.
+        const int revision = m_withRevisions ? m_latest.value(frame.id()).revision : frame.revision();
+        const QString content = m_withRevisions ? m_latest.value(frame.id()).content : frame.content();
+        auto& acknowledged = m_acknowledgedLines[frame.id()];
+        if (revision >= acknowledged.revision)
+            acknowledged = {revision, content};
+    }
+    sendAckFrame(peer, ids);
+}
+
+void FakeTranscriptChannel::sendAckFrame(Peer* peer, const QStringList& ids)
+{
+    if (!peer->socket)
+        return;
+    QJsonObject message{{u"type"_s, u"ack"_s}, {u"ids"_s, QJsonArray::fromStringList(ids)}};
+    if (m_withRevisions) {
+        QJsonObject revisions;
+        for (const auto& id : ids)
+            revisions.insert(id, m_latest.value(id).revision);
+        message.insert(u"revisions"_s, revisions);
+    }
     const auto text = QJsonDocument(message).toJson(QJsonDocument::Compact);
     peer->socket->sendTextMessage(QString::fromUtf8(text));
     for (const auto& id : ids)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHash>
 #include <QJsonObject>
 #include <QList>
 #include <QObject>
@@ -51,6 +52,9 @@ public:
         // Empty when the frame is not a JSON object.
         QJsonObject json() const;
         QString id() const { return json().value(QStringLiteral("id")).toString(); }
+        QString content() const { return json().value(QStringLiteral("content")).toString(); }
+        // 0 for a client that does not number its sends.
+        int revision() const { return json().value(QStringLiteral("revision")).toInt(); }
     };
 
     struct ConnectionRecord {
@@ -74,6 +78,8 @@ public:
     void setFrameRule(std::function<Reaction(const Frame&)> rule);
     // A refusing server answers every handshake with 403.
     void setRefusing(bool refusing) { m_refusing = refusing; }
+    // Whether each ack also names, in "revisions", the highest revision received of each id.
+    void setAckRevisions(bool withRevisions) { m_withRevisions = withRevisions; }
     // Whether a new connection is greeted with {"type":"connected"}; on by default.
     void setGreeting(bool greeting) { m_greeting = greeting; }
 
@@ -85,6 +91,10 @@ public:
     QStringList receivedIds() const;
     // Every id the server has put into an ack frame.
     const QSet<QString>& acknowledgedIds() const { return m_acknowledged; }
+    // What the server holds of a line: the text of the highest revision received, a later
+    // frame winning a tie; and the text that an ack of the server confirmed to the client.
+    QString latestText(const QString& id) const { return m_latest.value(id).content; }
+    std::optional<QString> acknowledgedText(const QString& id) const;
 
     // On the newest open connection; false when none is open.
     bool sendAck(const QStringList& ids);
@@ -100,13 +110,14 @@ private:
         QWebSocket* socket = nullptr;
         int index = 0;
         int framesReceived = 0;
-        QStringList held;
+        QList<Frame> held;
         bool wasCut = false;
     };
 
     void onNewConnection();
     void onFrame(Peer* peer, bool isBinary, const QByteArray& data);
-    void ack(Peer* peer, const QStringList& ids);
+    void ack(Peer* peer, const QList<Frame>& frames);
+    void sendAckFrame(Peer* peer, const QStringList& ids);
     void cut(Peer* peer);
     Peer* newestOpen();
 
@@ -115,6 +126,13 @@ private:
     QList<ConnectionRecord> m_records;
     QList<Frame> m_frames;
     QSet<QString> m_acknowledged;
+    struct Line {
+        int revision = -1;
+        QString content;
+    };
+    QHash<QString, Line> m_latest;
+    QHash<QString, Line> m_acknowledgedLines;
+    bool m_withRevisions = false;
     AckPolicy m_policy = AckPolicy::ackEverything;
     int m_dropAfter = 0;
     std::function<Reaction(const Frame&)> m_rule;
