@@ -17,6 +17,8 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     xvfb x11-utils pulseaudio pulseaudio-utils espeak-ng sox
     gnome-keyring libsecret-tools dbus dbus-x11
+    # fuzzing (scripts/fuzz.sh): clang with its libFuzzer and sanitizer runtimes
+    clang-14 libclang-rt-14-dev
 )
 
 missing=()

@@ -1,6 +1,7 @@
 #include "WebSocketSpeechProvider.h"
 
 #include "Clock.h"
+#include "Helpers.h"
 
 #include <QCoroSignal>
 #include <QNetworkRequest>
@@ -142,14 +143,14 @@ void WebSocketSpeechProvider::resetConnection()
 
 void WebSocketSpeechProvider::emitSegment(const QString& text, bool isFinal, std::optional<double> confidence)
 {
-    m_segments->push({text, isFinal, speaker(), m_clock.nowMs(), confidence});
+    m_segments->push({withValidUnicode(text), isFinal, speaker(), m_clock.nowMs(), confidence});
 }
 
 void WebSocketSpeechProvider::raiseRecovery(const QString& text)
 {
     if (m_isStopping)
         return;
-    m_recovery->push({m_vendorPrefix + text, true});
+    m_recovery->push({withValidUnicode(m_vendorPrefix + text), true});
 }
 
 QCoro::Task<bool> WebSocketSpeechProvider::sendWhenConnected(QPointer<QWebSocket> socket, Message message,
