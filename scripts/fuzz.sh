@@ -3,6 +3,7 @@
 #
 #   scripts/fuzz.sh [TARGET|all] [SECONDS]      (default: all, 20 seconds each)
 #   scripts/fuzz.sh list                         names the targets
+#   scripts/fuzz.sh check-harness [SECONDS]      a target with a planted fault must fail in time
 #
 # Each run starts from the seed corpus in tests/fuzz/corpus/<target>/ (read only; what the
 # fuzzer learns goes to build-fuzz/corpus/<target>/) with tests/fuzz/<target>.dict when there is
@@ -28,6 +29,25 @@ targets() {
 
 if [ "$target" = list ]; then
     targets
+    exit 0
+fi
+
+if [ "$target" = check-harness ]; then
+    configure
+    cmake --build "$build_dir" --parallel "$(nproc)" --target fuzz_planted_fault
+    rm -rf "$build_dir/planted" && mkdir -p "$build_dir/planted/corpus"
+    if ASAN_OPTIONS=detect_leaks=0 "$build_dir/tests/fuzz/fuzz_planted_fault" -max_total_time="$seconds" \
+        -artifact_prefix="$build_dir/planted/" "$build_dir/planted/corpus" "$root/tests/fuzz/corpus/fuzz_planted_fault" \
+        >"$build_dir/planted.log" 2>&1; then
+        echo "fuzz: the planted fault was not found in ${seconds} s: the harness is broken" >&2
+        exit 1
+    fi
+    if ! grep -q 'heap-buffer-overflow' "$build_dir/planted.log"; then
+        tail -n 30 "$build_dir/planted.log"
+        echo "fuzz: the planted target failed, but not on its planted fault" >&2
+        exit 1
+    fi
+    echo "fuzz: the planted fault was found after $(grep -c -E '^#[0-9]+' "$build_dir/planted.log") progress lines"
     exit 0
 fi
 
