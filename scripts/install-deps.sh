@@ -20,6 +20,8 @@ packages=(
     xvfb x11-utils pulseaudio pulseaudio-utils espeak-ng sox
     gnome-keyring libsecret-tools dbus dbus-x11
     curl python3-websockets postgresql chromium
+    # fuzzing (scripts/fuzz.sh): clang with its libFuzzer and sanitizer runtimes
+    clang-14 libclang-rt-14-dev
 )
 
 missing=()

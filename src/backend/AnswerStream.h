@@ -49,3 +49,9 @@ private:
     mutable QMutex m_lock;
     std::optional<QString> m_value;
 };
+
+namespace AnswerEvents {
+// One line of the answer's "data: " stream: a chunk goes to `stream`, a log id to `box`.
+// True once the stream is done.
+bool handleLine(QByteArray line, LogIdBox& box, AnswerStream& stream);
+} // namespace AnswerEvents

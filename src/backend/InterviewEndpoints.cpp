@@ -15,32 +15,9 @@ using namespace ReplySupport;
 
 namespace {
 
-const QByteArray eventPrefix = "data: ";
-
 QByteArray json(const QJsonObject& object)
 {
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
-}
-
-// One line of the answer stream. True once the stream is done.
-bool handleAnswerLine(QByteArray line, LogIdBox& box, AnswerStream& stream)
-{
-    while (line.endsWith('\n') || line.endsWith('\r'))
-        line.chop(1);
-    if (!line.startsWith(eventPrefix))
-        return false; // blank lines, comments and other fields
-    const auto payload = line.mid(eventPrefix.size());
-    if (payload == "[DONE]")
-        return true;
-    const auto object = QJsonDocument::fromJson(payload).object();
-    if (const auto logId = object.value(u"logId"_s); logId.isString()) {
-        // The event is finished with: a chunk in the same event is not used.
-        box.setValue(logId.toString());
-        return false;
-    }
-    if (const auto content = object.value(u"content"_s); content.isString())
-        stream.push(content.toString());
-    return false;
 }
 
 // Reads the body as it arrives; never holds more than the line being read.
@@ -49,14 +26,14 @@ QCoro::Task<> readAnswerLines(ReplyPtr reply, std::shared_ptr<LogIdBox> box,
 {
     for (;;) {
         while (reply->canReadLine()) {
-            if (handleAnswerLine(reply->readLine(), *box, *inner)) {
+            if (AnswerEvents::handleLine(reply->readLine(), *box, *inner)) {
                 inner->finish();
                 co_return;
             }
         }
         if (reply->isFinished()) {
             // A last line without a line end.
-            if (const auto rest = reply->readAll(); !rest.isEmpty() && handleAnswerLine(rest, *box, *inner)) {
+            if (const auto rest = reply->readAll(); !rest.isEmpty() && AnswerEvents::handleLine(rest, *box, *inner)) {
                 inner->finish();
                 co_return;
             }

@@ -71,3 +71,19 @@ std::optional<QDateTime> parseBackendDate(const QString& text)
         return date;
     return parseIso8601(text, Iso8601::withoutFractionalSeconds);
 }
+
+QString withValidUnicode(QString text)
+{
+    const auto size = text.size();
+    for (qsizetype i = 0; i < size; ++i) {
+        const QChar c = text.at(i);
+        if (!c.isSurrogate())
+            continue;
+        if (c.isHighSurrogate() && i + 1 < size && text.at(i + 1).isLowSurrogate()) {
+            ++i; // a whole pair
+            continue;
+        }
+        text[i] = QChar::ReplacementCharacter;
+    }
+    return text;
+}

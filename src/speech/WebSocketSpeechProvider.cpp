@@ -1,6 +1,7 @@
 #include "WebSocketSpeechProvider.h"
 
 #include "Clock.h"
+#include "Helpers.h"
 
 #include <QCoroSignal>
 #include <QNetworkRequest>
@@ -157,7 +158,7 @@ void WebSocketSpeechProvider::resetConnection()
 
 void WebSocketSpeechProvider::emitSegment(const QString& text, bool isFinal, std::optional<double> confidence)
 {
-    m_segments->push({text, isFinal, speaker(), m_clock.nowMs(), confidence});
+    m_segments->push({withValidUnicode(text), isFinal, speaker(), m_clock.nowMs(), confidence});
 }
 
 void WebSocketSpeechProvider::raiseRecovery(const QString& text)
@@ -169,7 +170,7 @@ void WebSocketSpeechProvider::raiseRecovery(const QString& text, quint64 connect
 {
     if (m_isStopping)
         return;
-    m_recovery->push({m_vendorPrefix + text, true, connection});
+    m_recovery->push({withValidUnicode(m_vendorPrefix + text), true, connection});
 }
 
 QCoro::Task<bool> WebSocketSpeechProvider::sendWhenConnected(Clock* clock, QPointer<QWebSocket> socket,

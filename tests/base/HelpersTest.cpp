@@ -40,6 +40,30 @@ TEST(Iso8601Test, FormatsInUtcAndRoundTrips)
     EXPECT_EQ(parseBackendDate(formatIso8601(ms, Iso8601::withFractionalSeconds))->toMSecsSinceEpoch(), ms);
 }
 
+// Found by fuzzing: a "\\ud800" escape in a vendor's JSON gave a segment with half a character.
+TEST(ValidUnicodeTest, UnpairedSurrogatesBecomeReplacementCharacters)
+{
+    // UTF-16 units as they stand, half characters included.
+    const auto units = [](std::initializer_list<char16_t> list) {
+        return QString(reinterpret_cast<const QChar*>(list.begin()), qsizetype(list.size()));
+    };
+    const char16_t high = 0xD83D, low = 0xDE00, bad = 0xFFFD;
+    const struct {
+        QString in, out;
+    } cases[] = {
+        {u"plain text"_s, u"plain text"_s},
+        {units({u'a', high, low, u'b'}), units({u'a', high, low, u'b'})}, // a whole pair stays
+        {units({u'a', high, u'b'}), units({u'a', bad, u'b'})},
+        {units({u'a', low, u'b'}), units({u'a', bad, u'b'})},
+        {units({low, high}), units({bad, bad})},
+        {units({u'x', high}), units({u'x', bad})}, // cut at the end
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(withValidUnicode(c.in), c.out);
+        EXPECT_EQ(QString::fromUtf8(withValidUnicode(c.in).toUtf8()), c.out);
+    }
+}
+
 TEST(UuidTest, CanonicalTextInBothCasesAndFreshEachTime)
 {
     static const QRegularExpression upper(u"^[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}$"_s);

@@ -162,7 +162,9 @@ TEST_F(DeepgramProviderTest, BadInputIsIgnoredAndTheLoopGoesOn)
     server.sendBinary(QByteArray("\xff\xfe\x00{\"type\":\"Results\"}", 20));
     server.sendText(u"{\"type\":\"Results\",\"channel\":{\"alternatives\":[{\"transcript\":\""_s + QString(10 * 1024 * 1024, u'x'));
     server.sendText(results(u"still here"_s, true));
-    EXPECT_EQ(texts(segmentsAfter(1)), QStringList{u"F:still here"_s});
+    // Half a character, written as a JSON escape: it cannot travel on as UTF-8.
+    server.sendText(results(u"a \\ud800b"_s, true));
+    EXPECT_EQ(texts(segmentsAfter(2)), (QStringList{u"F:still here"_s, u"F:a \ufffdb"_s}));
     EXPECT_EQ(provider.recoveryEvents()->bufferedCount(), 0u);
 }
 
