@@ -1,0 +1,32 @@
+import QtQuick
+import QtQuick.Window
+
+// The tray's popup: a small frameless window beside the icon that closes when it loses focus.
+Window {
+    id: window
+
+    property InterviewViewModel interview
+    property AuthViewModel auth
+    property UserSettings settings
+    property AppStrings strings
+    property WelcomeViewModel welcome
+    property MenuBarViewModel menuBar
+    property SettingsViewModel settingsPage
+
+    width: 240
+    height: view.implicitHeight
+    title: "RavletAI"
+    color: "transparent"
+    flags: Qt.Tool | Qt.FramelessWindowHint | Qt.WindowStaysOnTopHint
+
+    onActiveChanged: if (!active) hide()
+
+    MenuBarView {
+        id: view
+        anchors.fill: parent
+        menuBar: window.menuBar
+        onActionTaken: window.hide()
+        LayoutMirroring.enabled: window.strings.isRightToLeft
+        LayoutMirroring.childrenInherit: true
+    }
+}
