@@ -55,6 +55,7 @@ AppDelegate::AppDelegate(Environment environment, QObject* parent)
 
 AppDelegate::~AppDelegate()
 {
+    m_env.windows.destroyWindows();
     m_env.notifications.removeObservers(this);
 }
 

@@ -38,6 +38,11 @@ QmlShellWindows::QmlShellWindows() = default;
 
 QmlShellWindows::~QmlShellWindows()
 {
+    destroyWindows();
+}
+
+void QmlShellWindows::destroyWindows()
+{
     m_tray.reset();
     for (auto& window : m_panels)
         delete window.data();
@@ -51,6 +56,11 @@ QUrl QmlShellWindows::fileUrl(const QString& fileName)
 QQuickWindow* QmlShellWindows::createWindow(const QString& fileName, const ShellModels& models)
 {
     QQmlComponent component(&m_engine, fileUrl(fileName));
+    if (!component.isReady()) {
+        // Every window is part of the program itself, so this is a fault of the build.
+        logLine(u"App", u"window "_s + fileName + u" failed: "_s + component.errorString());
+        return nullptr;
+    }
     const QVariantMap properties{
         {u"interview"_s, QVariant::fromValue(models.interview)},
         {u"auth"_s, QVariant::fromValue(models.auth)},
@@ -60,10 +70,13 @@ QQuickWindow* QmlShellWindows::createWindow(const QString& fileName, const Shell
         {u"menuBar"_s, QVariant::fromValue(models.menuBar)},
         {u"settingsPage"_s, QVariant::fromValue(models.settingsPage)},
     };
-    QObject* object = component.createWithInitialProperties(properties);
+    // Bindings run at completion, once the models are in place.
+    QObject* object = component.beginCreate(m_engine.rootContext());
+    if (object)
+        component.setInitialProperties(object, properties);
+    component.completeCreate();
     auto* window = qobject_cast<QQuickWindow*>(object);
     if (!window) {
-        // Every window is part of the program itself, so this is a fault of the build.
         logLine(u"App", u"window "_s + fileName + u" failed: "_s + component.errorString());
         delete object;
         return nullptr;

@@ -24,6 +24,7 @@ public:
     void hide(Panel panel) override;
     bool isVisible(Panel panel) const override;
     QObject* window(Panel panel) const override;
+    void destroyWindows() override;
 
     QQuickWindow* quickWindow(Panel panel) const;
     TrayIcon* trayIcon() const { return m_tray.get(); }

@@ -43,6 +43,8 @@ public:
     virtual bool isVisible(Panel panel) const = 0;
     // The window object of the panel, for the browser sign-in to belong to.
     virtual QObject* window(Panel panel) const = 0;
+    // Closes every window for good, before the models they show go away.
+    virtual void destroyWindows() = 0;
 };
 
 // The global key paths: the trigger key monitors and the arrow-key tap of the overlay.

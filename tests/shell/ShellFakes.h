@@ -55,6 +55,7 @@ public:
     }
     bool isVisible(Panel panel) const override { return m_visible[index(panel)]; }
     QObject* window(Panel) const override { return nullptr; }
+    void destroyWindows() override { m_created = {}; }
 
 private:
     static std::size_t index(Panel panel) { return static_cast<std::size_t>(panel); }

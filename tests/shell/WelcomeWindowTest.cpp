@@ -117,7 +117,7 @@ TEST_P(WelcomeLanguageTest, ShowsTheWelcomePanelInTheLanguageAndItsDirection)
     fakeRights.microphone = false;
     keysRight.value = true;
     launch(language, fakeRights);
-    QTest::qWaitFor([&] { return delegate->models().welcome->screenPermission(); }, 5000);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate->models().welcome->screenPermission(); }, 5000));
 
     EXPECT_EQ(welcome->title(), strings.text(u"welcome.title"_s));
     EXPECT_EQ(welcome->size(), QSize(440, 570));
@@ -211,7 +211,7 @@ TEST_F(WindowsTest, RightThatAppearsTurnsItsRowToGrantedAtTheNextPoll)
     EXPECT_FALSE(findByAccessibleName(welcome, rowButton));
 
     windows.hide(ShellWindows::Panel::welcome);
-    EXPECT_FALSE(delegate->models().welcome->isPolling());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->models().welcome->isPolling(); }, 2000)) << "the timer outlived the panel";
     QProcess::execute(u"bash"_s, {QStringLiteral(RAVLET_PULSE_SCRIPT), u"stop"_s, pulseState.path()});
 }
 

@@ -1,4 +1,5 @@
 import QtQuick
+import Ravlet.Shell
 
 // A symbol of the program's icon set, by its symbol name.
 Text {

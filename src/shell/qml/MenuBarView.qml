@@ -1,4 +1,5 @@
 import QtQuick
+import Ravlet.Shell
 import QtQuick.Controls.Basic
 import QtQuick.Layouts
 
@@ -15,13 +16,13 @@ Rectangle {
     border.color: "#3d3d46"
 
     component MenuRow: ItemDelegate {
-        property string icon
+        property string symbol
         Layout.fillWidth: true
         font.pixelSize: 13
         Accessible.name: text
         contentItem: RowLayout {
             spacing: 8
-            Icon { name: parent.parent.icon; size: 15; color: "#d0d0d5"; Layout.preferredWidth: 18 }
+            Icon { name: parent.parent.symbol; size: 15; color: "#d0d0d5"; Layout.preferredWidth: 18 }
             Label { text: parent.parent.text; color: "white"; font: parent.parent.font; Layout.fillWidth: true }
         }
     }
@@ -70,18 +71,18 @@ Rectangle {
         }
         Divider {}
         MenuRow {
-            icon: view.menuBar.overlayIcon
+            symbol: view.menuBar.overlayIcon
             text: view.menuBar.overlayText
             onClicked: { view.actionTaken(); view.menuBar.toggleOverlay() }
         }
         MenuRow {
-            icon: "gearshape"
+            symbol: "gearshape"
             text: view.menuBar.settingsText
             onClicked: { view.actionTaken(); view.menuBar.openSettings() }
         }
         Divider {}
         MenuRow {
-            icon: "power"
+            symbol: "power"
             text: view.menuBar.quitText
             onClicked: view.menuBar.quit()
         }

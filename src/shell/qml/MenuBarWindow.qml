@@ -1,17 +1,18 @@
 import QtQuick
+import Ravlet.Shell
 import QtQuick.Window
 
 // The tray's popup: a small frameless window beside the icon that closes when it loses focus.
 Window {
     id: window
 
-    property InterviewViewModel interview
-    property AuthViewModel auth
-    property UserSettings settings
-    property AppStrings strings
-    property WelcomeViewModel welcome
-    property MenuBarViewModel menuBar
-    property SettingsViewModel settingsPage
+    required property InterviewViewModel interview
+    required property AuthViewModel auth
+    required property UserSettings settings
+    required property AppStrings strings
+    required property WelcomeViewModel welcome
+    required property MenuBarViewModel menuBar
+    required property SettingsViewModel settingsPage
 
     width: 240
     height: view.implicitHeight

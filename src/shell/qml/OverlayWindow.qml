@@ -1,4 +1,5 @@
 import QtQuick
+import Ravlet.Shell
 import QtQuick.Window
 
 // The floating overlay: on top of the call, on every workspace, never taking the focus. Its
@@ -6,13 +7,13 @@ import QtQuick.Window
 Window {
     id: window
 
-    property InterviewViewModel interview
-    property AuthViewModel auth
-    property UserSettings settings
-    property AppStrings strings
-    property WelcomeViewModel welcome
-    property MenuBarViewModel menuBar
-    property SettingsViewModel settingsPage
+    required property InterviewViewModel interview
+    required property AuthViewModel auth
+    required property UserSettings settings
+    required property AppStrings strings
+    required property WelcomeViewModel welcome
+    required property MenuBarViewModel menuBar
+    required property SettingsViewModel settingsPage
 
     width: 680
     height: 700
@@ -24,7 +25,7 @@ Window {
         id: content
         objectName: "overlayContent"
         anchors.fill: parent
-        LayoutMirroring.enabled: window.strings ? window.strings.isRightToLeft : false
+        LayoutMirroring.enabled: window.strings.isRightToLeft
         LayoutMirroring.childrenInherit: true
     }
 }

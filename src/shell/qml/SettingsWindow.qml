@@ -1,4 +1,5 @@
 import QtQuick
+import Ravlet.Shell
 import QtQuick.Controls.Basic
 import QtQuick.Layouts
 import QtQuick.Window
@@ -8,13 +9,13 @@ import QtQuick.Window
 Window {
     id: window
 
-    property InterviewViewModel interview
-    property AuthViewModel auth
-    property UserSettings settings
-    property AppStrings strings
-    property WelcomeViewModel welcome
-    property MenuBarViewModel menuBar
-    property SettingsViewModel settingsPage
+    required property InterviewViewModel interview
+    required property AuthViewModel auth
+    required property UserSettings settings
+    required property AppStrings strings
+    required property WelcomeViewModel welcome
+    required property MenuBarViewModel menuBar
+    required property SettingsViewModel settingsPage
 
     width: 880
     height: 550
@@ -26,13 +27,13 @@ Window {
            | Qt.WindowMaximizeButtonHint | Qt.WindowStaysOnTopHint
 
     component SidebarRow: ItemDelegate {
-        property string icon
+        property string symbol
         Layout.fillWidth: true
         font.pixelSize: 13
         Accessible.name: text
         contentItem: RowLayout {
             spacing: 8
-            Icon { name: parent.parent.icon; size: 16; color: "#d0d0d5" }
+            Icon { name: parent.parent.symbol; size: 16; color: "#d0d0d5" }
             Label { text: parent.parent.text; color: "white"; font: parent.parent.font; Layout.fillWidth: true }
         }
     }
@@ -53,18 +54,18 @@ Window {
                 anchors.margins: 10
                 spacing: 2
                 SidebarRow {
-                    icon: "person.circle.fill"
+                    symbol: "person.circle.fill"
                     text: window.strings.text("sidebar.profile")
                     highlighted: true
                 }
                 Item { Layout.fillHeight: true }
                 SidebarRow {
-                    icon: "rectangle.portrait.and.arrow.right"
+                    symbol: "rectangle.portrait.and.arrow.right"
                     text: window.strings.text("sidebar.signOut")
                     onClicked: window.settingsPage.signOut()
                 }
                 SidebarRow {
-                    icon: "power"
+                    symbol: "power"
                     text: window.strings.text("sidebar.quit")
                     onClicked: window.settingsPage.quit()
                 }

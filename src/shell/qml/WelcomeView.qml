@@ -1,4 +1,5 @@
 import QtQuick
+import Ravlet.Shell
 import QtQuick.Controls.Basic
 import QtQuick.Layouts
 

@@ -1,17 +1,18 @@
 import QtQuick
+import Ravlet.Shell
 import QtQuick.Window
 
 // The welcome panel: a small floating window that greets a signed-out user.
 Window {
     id: window
 
-    property InterviewViewModel interview
-    property AuthViewModel auth
-    property UserSettings settings
-    property AppStrings strings
-    property WelcomeViewModel welcome
-    property MenuBarViewModel menuBar
-    property SettingsViewModel settingsPage
+    required property InterviewViewModel interview
+    required property AuthViewModel auth
+    required property UserSettings settings
+    required property AppStrings strings
+    required property WelcomeViewModel welcome
+    required property MenuBarViewModel menuBar
+    required property SettingsViewModel settingsPage
 
     width: 440
     height: 570
@@ -19,7 +20,7 @@ Window {
     minimumHeight: 570
     maximumWidth: 440
     maximumHeight: 570
-    title: strings ? strings.text("welcome.title") : ""
+    title: strings.text("welcome.title")
     color: "#1c1c21"
     flags: Qt.Window | Qt.WindowTitleHint | Qt.WindowCloseButtonHint | Qt.WindowMinimizeButtonHint
            | Qt.WindowStaysOnTopHint
