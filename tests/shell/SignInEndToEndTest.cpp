@@ -119,9 +119,16 @@ TEST_F(SignInEndToEndTest, BrowserSignInThroughASecondStartAndTheDashboardThroug
     ASSERT_TRUE(waitFor([] { return DisplayFixture::isWindowViewable(welcomeTitle); })) << "no welcome panel";
     EXPECT_FALSE(DisplayFixture::isWindowViewable(overlayTitle));
 
-    // The user presses "Sign In": the button is the first control under the greeting.
-    QProcess::execute(u"xdotool"_s, {u"search"_s, u"--sync"_s, u"--onlyvisible"_s, u"--name"_s, welcomeTitle,
-                                    u"mousemove"_s, u"--window"_s, u"%1"_s, u"220"_s, u"196"_s, u"click"_s, u"1"_s});
+    // A first start shows the notice on anonymous usage data over the panel: the user answers
+    // "OK, got it", then presses "Sign In", the first control under the greeting.
+    const auto click = [](int x, int y) {
+        QProcess::execute(u"xdotool"_s, {u"search"_s, u"--sync"_s, u"--onlyvisible"_s, u"--name"_s, welcomeTitle,
+                                        u"mousemove"_s, u"--window"_s, u"%1"_s, QString::number(x), QString::number(y),
+                                        u"sleep"_s, u"0.2"_s, u"click"_s, u"1"_s});
+    };
+    click(342, 341);
+    QTest::qWait(300);
+    click(220, 192);
 
     const QString browser = home.filePath(u"browser"_s);
     ASSERT_TRUE(waitFor([&] { return QFile::exists(browser + u"/second.result"_s); }))
