@@ -28,7 +28,6 @@ public:
 
     QQuickWindow* quickWindow(Panel panel) const;
     TrayIcon* trayIcon() const { return m_tray.get(); }
-    QQmlEngine& engine() { return m_engine; }
 
     // The module's files as the engine loads them: Qt 6.4 has no loading by module name.
     static QUrl fileUrl(const QString& fileName);

@@ -25,7 +25,6 @@ public:
     // not say where the icon is).
     void showPopup();
     QQuickWindow* popup() const { return m_popup; }
-    bool isIconVisible() const { return m_icon.isVisible(); }
 
 private:
     QSystemTrayIcon m_icon;
