@@ -15,6 +15,8 @@ packages=(
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-templates
     qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml
     qml6-module-qtqml-models qml6-module-qtqml-workerscript
+    # the icon font of the windows and the tray; xdg-utils registers the ravlet:// handler
+    fonts-materialdesignicons-webfont xdg-utils
     # tests and benchmarks
     libgtest-dev libgmock-dev libbenchmark-dev
     xvfb x11-utils pulseaudio pulseaudio-utils espeak-ng sox
@@ -22,6 +24,8 @@ packages=(
     curl python3-websockets postgresql chromium
     # fuzzing (scripts/fuzz.sh): clang with its libFuzzer and sanitizer runtimes
     clang-14 libclang-rt-14-dev
+    # a tray on the test display, and clicks on its windows
+    trayer xdotool
 )
 
 missing=()

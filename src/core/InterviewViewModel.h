@@ -102,6 +102,9 @@ public:
     void setBackend(std::shared_ptr<InterviewBackend> backend);
     void setTelemetry(std::shared_ptr<InterviewTelemetry> telemetry);
     void setLoggedIn(bool loggedIn);
+    // The signed-in user's address, handed over by the shell after sign-in.
+    void setUserEmail(std::optional<QString> email) { m_userEmail = std::move(email); }
+    const std::optional<QString>& userEmail() const { return m_userEmail; }
 
     // The operations of the screens, the keys and the mock driver.
     QCoro::Task<> startInterview();
@@ -328,6 +331,7 @@ private:
     bool m_isRecording = false;
     bool m_isMockMode = false;
     bool m_isLoggedIn = false;
+    std::optional<QString> m_userEmail;
     PipelineState m_pipelineState = PipelineState::idle;
     QString m_statusMessage;
     std::optional<QString> m_error;

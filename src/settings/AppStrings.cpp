@@ -90,6 +90,8 @@ const QStringList& AppStrings::laterKeys()
         u"mock.error.no_resume"_s,
         u"mock.error.no_jd"_s,
         u"mock.error.camera_denied"_s,
+        u"welcome.allow_microphone"_s,
+        u"welcome.allow_keys"_s,
     };
     return keys;
 }

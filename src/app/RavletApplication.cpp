@@ -1,0 +1,133 @@
+#include "RavletApplication.h"
+
+#include "APIClient.h"
+#include "AppDelegate.h"
+#include "AppStrings.h"
+#include "AudioCaptureService.h"
+#include "AuthService.h"
+#include "BuildConfig.h"
+#include "Clock.h"
+#include "CrashReporter.h"
+#include "DesktopIntegration.h"
+#include "InterviewAdapters.h"
+#include "Log.h"
+#include "MicrophoneService.h"
+#include "NotificationCenter.h"
+#include "PopplerPdfTextExtractor.h"
+#include "PreferencesStore.h"
+#include "PulseAudioRights.h"
+#include "PulseMicrophoneSource.h"
+#include "PulseSystemAudioSource.h"
+#include "QmlShellWindows.h"
+#include "SingleInstance.h"
+#include "SoundSettings.h"
+#include "X11KeysRight.h"
+
+#include <QApplication>
+#include <QDesktopServices>
+#include <QDir>
+#include <QNetworkAccessManager>
+#include <QTimer>
+#include <QtQml/qqmlextensionplugin.h>
+
+Q_IMPORT_QML_PLUGIN(Ravlet_ShellPlugin)
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// An installed program has its desktop entry from the install; one started from anywhere
+// else (its build folder) writes its own.
+bool isInstalled(const QString& programPath)
+{
+    return QDir::cleanPath(programPath).startsWith(QDir::cleanPath(QString::fromUtf16(BuildConfig::installBinDir)) + u'/');
+}
+
+QCoro::Task<> launchThenWait(AppDelegate* delegate, QStringList arguments, RavletApplicationOptions* options)
+{
+    co_await delegate->applicationDidFinishLaunching();
+    // A first start that was given an address: the callback of a sign-in begun by an earlier
+    // run, or an action of the desktop entry.
+    if (!arguments.isEmpty())
+        delegate->handleLaunchArguments(arguments);
+    if (options->whenIdle)
+        QTimer::singleShot(0, delegate, [delegate, options] { options->whenIdle(*delegate); });
+}
+
+} // namespace
+
+int runRavletApplication(int argc, char* argv[], RavletApplicationOptions options)
+{
+    QApplication app(argc, argv);
+    QCoreApplication::setApplicationName(u"RavletAI"_s);
+    QCoreApplication::setApplicationVersion(QString::fromUtf16(BuildConfig::version));
+    QGuiApplication::setDesktopFileName(u"ravletai"_s);
+
+    const QStringList arguments = QCoreApplication::arguments().mid(1);
+    SingleInstance instance;
+    if (instance.forwardToRunning(arguments))
+        return 0;
+    instance.listen();
+
+    auto& strings = AppStrings::shared();
+    if (strings.isRightToLeft())
+        QGuiApplication::setLayoutDirection(Qt::RightToLeft);
+
+    JsonPreferencesStore preferences;
+    SystemClock clock;
+    QNetworkAccessManager network;
+    PopplerPdfTextExtractor pdfText;
+    AudioCaptureService systemAudio([&clock] { return std::make_unique<PulseSystemAudioSource>(clock); });
+    MicrophoneService microphone([&clock] { return std::make_unique<PulseMicrophoneSource>(clock); });
+    SystemAudioCapture systemAudioCapture(systemAudio);
+    MicrophoneCapture microphoneCapture(microphone);
+    PulseAudioRights rights(clock);
+    X11KeysRight keysRight;
+    QmlShellWindows windows;
+    LoggedKeyMonitors keyMonitors;
+    LoggedUpdateChecks updates;
+
+    AppDelegate delegate(AppDelegate::Environment{
+        options.backendOrigin,
+        clock,
+        preferences,
+        NotificationCenter::defaultCenter(),
+        strings,
+        windows,
+        keyMonitors,
+        updates,
+        rights,
+        keysRight,
+        [] { return std::make_unique<AuthService>(std::make_shared<const KeychainHelper>()); },
+        [&] {
+            InterviewViewModel::Services services;
+            services.audioCapture = &systemAudioCapture;
+            services.microphone = &microphoneCapture;
+            services.rights = &rights;
+            services.makeRecognizer = vendorRecognizers(clock);
+            services.makeTranscriptChannel = [&clock] { return std::make_shared<TranscriptUploadChannel>(clock); };
+            return services;
+        },
+        [&pdfText](APIClient& client) {
+            client.setPdfTextExtractor(&pdfText);
+            return std::make_shared<APIClientInterviewBackend>(client);
+        },
+        [](TelemetryClient* telemetry, std::function<QString()> lastState) {
+            CrashReporter::shared().install(telemetry, std::move(lastState));
+        },
+        [](const QUrl& url) { return QDesktopServices::openUrl(url); },
+        &SoundSettings::open,
+        [] { QCoreApplication::quit(); },
+        &network,
+    });
+    QObject::connect(&instance, &SingleInstance::argumentsReceived, &delegate, &AppDelegate::handleLaunchArguments);
+
+    DesktopIntegration desktop;
+    if (!isInstalled(QCoreApplication::applicationFilePath()))
+        desktop.registerSchemeHandler(QCoreApplication::applicationFilePath());
+
+    logLine(u"App", u"RavletAI "_s + QCoreApplication::applicationVersion() + u" started; interface language "_s
+                        + strings.languageCode());
+    const auto launch = TaskHandle(CancellationToken(), launchThenWait(&delegate, arguments, &options));
+    return app.exec();
+}

@@ -1,0 +1,100 @@
+#include "DesktopIntegration.h"
+
+#include "DesktopEntryTemplate.h"
+#include "Log.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QSaveFile>
+#include <QStandardPaths>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// The Exec key's quoting: a path in double quotes, with the four reserved characters escaped.
+QString quotedExec(const QString& programPath)
+{
+    QString escaped;
+    for (const QChar c : programPath) {
+        if (c == u'"' || c == u'`' || c == u'$' || c == u'\\')
+            escaped.append(u'\\');
+        escaped.append(c);
+    }
+    // In a desktop file a backslash is itself escaped once more.
+    escaped.replace(u"\\"_s, u"\\\\"_s);
+    return u'"' + escaped + u'"';
+}
+
+} // namespace
+
+QString DesktopIntegration::entryText(const QString& programPath)
+{
+    return QString::fromUtf16(desktopEntryTemplate).replace(u"{exec}"_s, quotedExec(programPath));
+}
+
+QString DesktopIntegration::userEntryPath()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + u"/applications/"_s + fileName;
+}
+
+bool DesktopIntegration::isCurrent(const QString& entryPath, const QString& programPath)
+{
+    QFile file(entryPath);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    return QString::fromUtf8(file.readAll()) == entryText(programPath);
+}
+
+void DesktopIntegration::registerSchemeHandler(const QString& programPath)
+{
+    const QString path = userEntryPath();
+    if (!isCurrent(path, programPath)) {
+        QDir().mkpath(QFileInfo(path).absolutePath());
+        QSaveFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(entryText(programPath).toUtf8()) < 0 || !file.commit()) {
+            logLine(u"App", u"could not write the desktop entry "_s + path);
+            Q_EMIT finished(false);
+            return;
+        }
+    }
+
+    const QString xdgMime = QStandardPaths::findExecutable(u"xdg-mime"_s);
+    if (xdgMime.isEmpty()) {
+        logLine(u"App", u"xdg-mime (xdg-utils) is not installed; sign-in callbacks need it to reach RavletAI"_s);
+        Q_EMIT finished(false);
+        return;
+    }
+    auto* query = new QProcess(this);
+    connect(query, &QProcess::finished, this, [this, query](int exitCode, QProcess::ExitStatus) {
+        const QString current = QString::fromUtf8(query->readAllStandardOutput()).trimmed();
+        query->deleteLater();
+        if (exitCode == 0 && current == fileName) {
+            Q_EMIT finished(true);
+            return;
+        }
+        setDefaultHandler();
+    });
+    connect(query, &QProcess::errorOccurred, this, [this, query](QProcess::ProcessError error) {
+        if (error == QProcess::FailedToStart) {
+            query->deleteLater();
+            Q_EMIT finished(false);
+        }
+    });
+    query->start(xdgMime, {u"query"_s, u"default"_s, schemeMimeType});
+}
+
+void DesktopIntegration::setDefaultHandler()
+{
+    auto* setter = new QProcess(this);
+    connect(setter, &QProcess::finished, this, [this, setter](int exitCode, QProcess::ExitStatus status) {
+        setter->deleteLater();
+        const bool ok = status == QProcess::NormalExit && exitCode == 0;
+        if (!ok)
+            logLine(u"App", u"xdg-mime could not make RavletAI the handler of ravlet:// addresses"_s);
+        Q_EMIT finished(ok);
+    });
+    setter->start(QStandardPaths::findExecutable(u"xdg-mime"_s), {u"default"_s, fileName, schemeMimeType});
+}

@@ -1,0 +1,346 @@
+#include "AppDelegate.h"
+
+#include "APIClient.h"
+#include "AppStrings.h"
+#include "AuthTokenStore.h"
+#include "AuthViewModel.h"
+#include "InterviewAdapters.h"
+#include "Log.h"
+#include "MenuBarViewModel.h"
+#include "NotificationCenter.h"
+#include "SettingsViewModel.h"
+#include "TelemetryClient.h"
+#include "UserSettings.h"
+#include "WelcomeViewModel.h"
+
+#include <QGuiApplication>
+#include <QTimer>
+
+using namespace Qt::StringLiterals;
+using Panel = ShellWindows::Panel;
+
+void LoggedKeyMonitors::installKeyMonitors()
+{
+    logLine(u"Keys", u"global key monitors are not available in this build");
+}
+
+void LoggedKeyMonitors::removeEventTap()
+{
+    logLine(u"Keys", u"no arrow-key tap to remove in this build");
+}
+
+void LoggedKeyMonitors::installEventTap()
+{
+    logLine(u"Keys", u"arrow-key tap is not available in this build");
+}
+
+void LoggedUpdateChecks::startPeriodicCheck()
+{
+    logLine(u"Update", u"update checks are not available in this build");
+}
+
+AppDelegate::AppDelegate(Environment environment, QObject* parent)
+    : QObject(parent)
+    , m_env(std::move(environment))
+{
+    m_oauthService = std::make_unique<OAuthService>(m_env.backendOrigin, m_env.clock, m_env.openUrl);
+    m_authService = m_env.makeAuthService();
+    m_userSettings = std::make_unique<UserSettings>(m_env.preferences, m_env.notifications);
+    m_telemetry = std::make_unique<TelemetryClient>(m_env.backendOrigin, m_env.preferences, m_env.clock,
+                                                    TelemetryClient::Environment::current(), m_env.network);
+    m_interviewViewModel = std::make_unique<InterviewViewModel>(m_env.clock, *m_userSettings, m_env.strings,
+                                                                m_env.makeInterviewServices());
+    m_authViewModel = std::make_unique<AuthViewModel>(*m_authService);
+}
+
+AppDelegate::~AppDelegate()
+{
+    m_env.windows.destroyWindows();
+    m_env.notifications.removeObservers(this);
+}
+
+QCoro::Task<> AppDelegate::applicationDidFinishLaunching()
+{
+    QPointer self(this);
+    // The last piece of the sign-in state's construction: the secret store answers over D-Bus.
+    auto* auth = m_authViewModel.get();
+    co_await auth->loadStoredTokens();
+    if (!self)
+        co_return;
+
+    // No main window: closing the last one leaves the program in the tray.
+    QGuiApplication::setQuitOnLastWindowClosed(false);
+
+    m_apiClient = std::make_unique<APIClient>(m_env.backendOrigin, *m_authService, m_env.notifications,
+                                              m_env.network);
+    m_authViewModel->setApiClient(m_apiClient.get());
+    m_interviewViewModel->setBackend(m_env.makeInterviewBackend(*m_apiClient));
+    m_authViewModel->setTelemetry(m_telemetry.get());
+    m_interviewViewModel->setTelemetry(std::make_shared<TelemetryClientReporter>(m_telemetry.get()));
+    m_env.updateService.setTelemetry(m_telemetry.get());
+
+    m_env.installCrashReporter(m_telemetry.get(), [self] { return self ? self->lastState() : u"idle"_s; });
+
+    later([telemetry = QPointer(m_telemetry.get())] {
+        if (!telemetry)
+            return;
+        telemetry->start();
+        telemetry->appLaunched();
+    });
+
+    m_welcome = std::make_unique<WelcomeViewModel>(WelcomeViewModel::Services{
+        m_env.clock, m_env.preferences, m_env.notifications, m_env.audioRights, m_env.keysRight,
+        m_env.openSoundSettings});
+    m_welcome->setSettings(m_userSettings.get());
+    m_menuBar = std::make_unique<MenuBarViewModel>(*m_interviewViewModel, *m_authViewModel, m_env.strings,
+                                                   m_env.notifications, [self] {
+                                                       if (self)
+                                                           self->quit();
+                                                   });
+    m_settingsPage = std::make_unique<SettingsViewModel>(*m_authViewModel, m_env.notifications, [self] {
+        if (self)
+            self->quit();
+    });
+    m_models = ShellModels{m_interviewViewModel.get(), m_authViewModel.get(), m_userSettings.get(),
+                           &m_env.strings, m_welcome.get(), m_menuBar.get(), m_settingsPage.get()};
+
+    m_env.windows.createMenuBarItem(m_models);
+    m_env.windows.createPanel(Panel::overlay, m_models);
+    m_env.windows.createPanel(Panel::settings, m_models);
+    m_env.windows.createPanel(Panel::welcome, m_models);
+
+    addObservers();
+    m_env.keyMonitors.installKeyMonitors();
+    m_env.updateService.startPeriodicCheck();
+
+    if (!m_authViewModel->isLoggedIn())
+        showWelcome();
+    else
+        m_lastTask = TaskHandle::run([this](const CancellationToken&) { return restoreAndContinue(); });
+}
+
+QCoro::Task<> AppDelegate::restoreAndContinue()
+{
+    QPointer self(this);
+    auto* auth = m_authViewModel.get();
+    co_await auth->restoreSession();
+    if (!self)
+        co_return;
+    if (m_authViewModel->isLoggedIn())
+        postSignIn(false);
+    else
+        showWelcome();
+}
+
+void AppDelegate::addObservers()
+{
+    auto& center = m_env.notifications;
+    center.addObserver(Notifications::userDidLogout, this, [this](const Notification&) { handleLogout(); });
+    center.addObserver(Notifications::showDashboard, this, [this](const Notification&) { handleShowDashboard(); });
+    center.addObserver(Notifications::toggleOverlay, this, [this](const Notification&) { handleToggleOverlay(); });
+    center.addObserver(Notifications::triggerAI, this, [this](const Notification&) { handleTriggerAI(); });
+    center.addObserver(Notifications::startOAuthLogin, this, [this](const Notification&) { handleStartOAuthLogin(); });
+    center.addObserver(Notifications::apiRequestFailed, this,
+                       [this](const Notification& n) { handleApiRequestFailed(n); });
+    center.addObserver(Notifications::startMockInterview, this,
+                       [this](const Notification& n) { handleStartMockInterview(n); });
+    center.addObserver(Notifications::aiTriggerKeyChanged, this,
+                       [this](const Notification&) { handleTriggerKeyChanged(); });
+}
+
+void AppDelegate::later(std::function<void()> work)
+{
+    QTimer::singleShot(0, this, std::move(work));
+}
+
+void AppDelegate::showWelcome()
+{
+    m_env.windows.show(Panel::welcome);
+}
+
+void AppDelegate::postSignIn(bool afterBrowserSignIn)
+{
+    m_interviewViewModel->setLoggedIn(true);
+    const auto& user = m_authViewModel->currentUser();
+    m_interviewViewModel->setUserEmail(user ? std::optional(user->email) : std::nullopt);
+    m_env.updateService.setUserId(user ? std::optional(user->id) : std::nullopt);
+    if (afterBrowserSignIn)
+        m_env.windows.hide(Panel::welcome);
+
+    // Rebuilding the tap here makes the arrow keys work right after the right was granted.
+    m_env.keyMonitors.removeEventTap();
+    m_env.keyMonitors.installEventTap();
+    setOverlayVisible(true);
+}
+
+void AppDelegate::setOverlayVisible(bool visible)
+{
+    if (visible)
+        m_env.windows.show(Panel::overlay);
+    else
+        m_env.windows.hide(Panel::overlay);
+    m_env.notifications.post(Notifications::overlayVisibilityChanged, visible);
+    later([telemetry = QPointer(m_telemetry.get()), visible] {
+        if (telemetry)
+            telemetry->overlayToggled(visible);
+    });
+}
+
+void AppDelegate::handleLogout()
+{
+    // A running interview is left alone: its captures and recognisers stop by their own logic.
+    m_env.windows.hide(Panel::settings);
+    m_env.windows.hide(Panel::overlay);
+    later([telemetry = QPointer(m_telemetry.get())] {
+        if (telemetry)
+            telemetry->overlayToggled(false);
+    });
+    showWelcome();
+}
+
+void AppDelegate::handleShowDashboard()
+{
+    if (!m_authViewModel->isLoggedIn()) {
+        showWelcome();
+        return;
+    }
+    m_env.windows.show(Panel::settings);
+    later([telemetry = QPointer(m_telemetry.get())] {
+        if (telemetry)
+            telemetry->settingsOpened();
+    });
+}
+
+void AppDelegate::handleToggleOverlay()
+{
+    if (!m_env.windows.hasPanel(Panel::overlay))
+        return;
+    setOverlayVisible(!m_env.windows.isVisible(Panel::overlay));
+}
+
+void AppDelegate::handleTriggerAI()
+{
+    m_interviewViewModel->triggerAIAnswer();
+    later([telemetry = QPointer(m_telemetry.get()), name = m_userSettings->aiTriggerKey().displayName] {
+        if (telemetry)
+            telemetry->hotkeyUsed(name);
+    });
+}
+
+void AppDelegate::handleTriggerKeyChanged()
+{
+    m_env.keyMonitors.installKeyMonitors();
+}
+
+void AppDelegate::handleStartOAuthLogin()
+{
+    m_oauthService->setPresentationAnchor(m_env.windows.window(Panel::welcome));
+    m_oauthService->startLogin([self = QPointer(this)](std::optional<QString> code) {
+        if (!code || !self)
+            return;
+        self->m_lastTask = TaskHandle::run(
+            [delegate = self.data(), code = *code](const CancellationToken&) { return delegate->finishSignIn(code); });
+    });
+}
+
+QCoro::Task<> AppDelegate::finishSignIn(QString code)
+{
+    QPointer self(this);
+    auto* auth = m_authViewModel.get();
+    co_await auth->exchangeCode(std::move(code));
+    if (self && m_authViewModel->isLoggedIn())
+        postSignIn(true);
+}
+
+void AppDelegate::handleApiRequestFailed(const Notification& notification)
+{
+    const auto route = notification.userInfo.value(u"route"_s);
+    const auto status = notification.userInfo.value(u"status"_s);
+    const auto statusType = status.metaType().id();
+    const bool isInteger = statusType == QMetaType::Int || statusType == QMetaType::LongLong
+        || statusType == QMetaType::UInt || statusType == QMetaType::ULongLong;
+    if (route.metaType().id() != QMetaType::QString || !isInteger)
+        return;
+    later([telemetry = QPointer(m_telemetry.get()), route = route.toString(), status = status.toLongLong()] {
+        if (telemetry)
+            telemetry->apiFailed(route, status);
+    });
+}
+
+void AppDelegate::openURLs(const QList<QUrl>& urls)
+{
+    // While a browser sign-in waits, its callback ends it and must carry the state it sent.
+    if (m_oauthService->isPending() && !urls.isEmpty() && OAuthService::isCallback(urls.first())) {
+        m_oauthService->handleCallback(urls.first());
+        return;
+    }
+    const auto code = OAuthService::deepLinkCode(urls);
+    if (!code)
+        return;
+    m_lastTask = TaskHandle::run([this, code = *code](const CancellationToken&) { return finishSignIn(code); });
+}
+
+void AppDelegate::handleLaunchArguments(const QStringList& arguments)
+{
+    QList<QUrl> urls;
+    for (const auto& argument : arguments) {
+        if (argument == u"--quit"_s) {
+            quit();
+            return;
+        }
+        if (argument == u"--settings"_s) {
+            m_env.notifications.post(Notifications::showDashboard);
+            return;
+        }
+        if (argument == u"--show-overlay"_s) {
+            if (!m_env.windows.isVisible(Panel::overlay))
+                m_env.notifications.post(Notifications::toggleOverlay);
+            return;
+        }
+        const QUrl url(argument, QUrl::StrictMode);
+        if (url.isValid() && !url.scheme().isEmpty())
+            urls.append(url);
+    }
+    if (!urls.isEmpty()) {
+        openURLs(urls);
+        return;
+    }
+    // A start with nothing to do stands in for a click on the menu-bar item where no tray
+    // exists: it brings the dashboard forward.
+    m_env.notifications.post(Notifications::showDashboard);
+}
+
+void AppDelegate::handleStartMockInterview(const Notification& notification)
+{
+    const auto resumeId = notification.userInfo.value(u"resumeId"_s);
+    const auto jobDescriptionId = notification.userInfo.value(u"jobDescriptionId"_s);
+    if (resumeId.metaType().id() != QMetaType::QString || jobDescriptionId.metaType().id() != QMetaType::QString)
+        return;
+    if (!m_apiClient)
+        return;
+    logLine(u"Mock", u"practice interviews are not available in this build");
+}
+
+void AppDelegate::endMockSession()
+{
+    if (m_isCleaningUpMockSession)
+        return;
+    m_isCleaningUpMockSession = true;
+    logLine(u"Mock", u"no practice session to end in this build");
+    m_isCleaningUpMockSession = false;
+}
+
+void AppDelegate::quit()
+{
+    // No stop of the interview, no upload, no telemetry flush: the process simply ends.
+    m_env.terminate();
+}
+
+QString AppDelegate::lastState() const
+{
+    if (m_interviewViewModel->isRecording())
+        return u"recording"_s;
+    if (m_interviewViewModel->isGeneratingAnswer())
+        return u"generating"_s;
+    return u"idle"_s;
+}

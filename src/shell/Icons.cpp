@@ -1,0 +1,82 @@
+#include "Icons.h"
+
+#include "Log.h"
+
+#include <QFontDatabase>
+#include <QHash>
+#include <QPainter>
+#include <QPixmap>
+#include <QQmlEngine>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// Symbol name → code point of the font.
+const QHash<QString, char32_t>& nameMap()
+{
+    static const QHash<QString, char32_t> map{
+        {u"waveform.and.person.filled"_s, 0xF5CB}, // voice
+        {u"gearshape"_s, 0xF493},                  // settings
+        {u"eye"_s, 0xF208},                        // eye
+        {u"eye.slash"_s, 0xF209},                  // eye-off
+        {u"power"_s, 0xF425},                      // power
+        {u"person.circle.fill"_s, 0xF009},         // account-circle
+        {u"checkmark"_s, 0xF12C},                  // check
+        {u"lock.shield"_s, 0xF498},                // shield
+        {u"rectangle.dashed.badge.record"_s, 0xF44B}, // record-rec
+        {u"mic.fill"_s, 0xF36C},                   // microphone
+        {u"keyboard"_s, 0xF30C},                   // keyboard
+        {u"rectangle.portrait.and.arrow.right"_s, 0xF343}, // logout
+    };
+    return map;
+}
+
+} // namespace
+
+Icons::Icons()
+{
+    const int id = QFontDatabase::addApplicationFont(fontPath);
+    const auto families = QFontDatabase::applicationFontFamilies(id);
+    if (id < 0 || families.isEmpty())
+        logLine(u"App", u"icon font not found at "_s + fontPath + u"; icons are left out"_s);
+    else
+        m_family = families.first();
+}
+
+Icons& Icons::shared()
+{
+    static Icons* instance = new Icons; // lives as long as the process, like the fonts
+    return *instance;
+}
+
+Icons* Icons::create(QQmlEngine*, QJSEngine*)
+{
+    auto* instance = &shared();
+    QQmlEngine::setObjectOwnership(instance, QQmlEngine::CppOwnership);
+    return instance;
+}
+
+QString Icons::glyph(const QString& symbol)
+{
+    const auto it = nameMap().find(symbol);
+    if (it == nameMap().end())
+        return {};
+    const char32_t codePoint = it.value();
+    return QString::fromUcs4(&codePoint, 1);
+}
+
+QIcon Icons::icon(const QString& symbol, int size, const QColor& color) const
+{
+    QPixmap pixmap(size, size);
+    pixmap.fill(Qt::transparent);
+    if (!m_family.isEmpty()) {
+        QPainter painter(&pixmap);
+        QFont font(m_family);
+        font.setPixelSize(size);
+        painter.setFont(font);
+        painter.setPen(color);
+        painter.drawText(pixmap.rect(), Qt::AlignCenter, glyph(symbol));
+    }
+    return QIcon(pixmap);
+}

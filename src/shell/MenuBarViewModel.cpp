@@ -1,0 +1,130 @@
+#include "MenuBarViewModel.h"
+
+#include "AppStrings.h"
+#include "AuthViewModel.h"
+#include "InterviewViewModel.h"
+#include "NotificationCenter.h"
+
+using namespace Qt::StringLiterals;
+using State = InterviewViewModel::PipelineState;
+
+MenuBarViewModel::MenuBarViewModel(InterviewViewModel& interview, AuthViewModel& auth, AppStrings& strings,
+                                   NotificationCenter& notifications, std::function<void()> quit, QObject* parent)
+    : QObject(parent)
+    , m_interview(interview)
+    , m_auth(auth)
+    , m_strings(strings)
+    , m_notifications(notifications)
+    , m_quit(std::move(quit))
+{
+    connect(&interview, &InterviewViewModel::pipelineStateChanged, this, &MenuBarViewModel::statusChanged);
+    connect(&interview, &InterviewViewModel::statusMessageChanged, this, &MenuBarViewModel::statusChanged);
+    connect(&auth, &AuthViewModel::isLoggedInChanged, this, &MenuBarViewModel::accountChanged);
+    connect(&auth, &AuthViewModel::currentUserChanged, this, &MenuBarViewModel::accountChanged);
+    connect(&strings, &AppStrings::languageCodeChanged, this, [this] {
+        Q_EMIT statusChanged();
+        Q_EMIT accountChanged();
+        Q_EMIT isOverlayVisibleChanged();
+    });
+    notifications.addObserver(Notifications::overlayVisibilityChanged, this, [this](const Notification& n) {
+        const bool visible = n.object.toBool();
+        if (visible == m_isOverlayVisible)
+            return;
+        m_isOverlayVisible = visible;
+        Q_EMIT isOverlayVisibleChanged();
+    });
+}
+
+MenuBarViewModel::~MenuBarViewModel()
+{
+    m_notifications.removeObservers(this);
+}
+
+QString MenuBarViewModel::statusText() const
+{
+    switch (m_interview.pipelineState()) {
+    case State::idle:
+        return m_strings.text(u"status.ready"_s);
+    case State::recording:
+        return m_strings.text(u"status.recording"_s);
+    case State::reconnecting:
+        return m_strings.text(u"status.reconnecting"_s);
+    case State::stopping:
+        return m_strings.text(u"status.stopping"_s);
+    case State::error:
+        break;
+    }
+    return m_interview.statusMessage();
+}
+
+QColor MenuBarViewModel::statusColor() const
+{
+    switch (m_interview.pipelineState()) {
+    case State::idle:
+        return QColor(0x8e, 0x8e, 0x93);
+    case State::recording:
+        return QColor(0x34, 0xc7, 0x59);
+    case State::reconnecting:
+    case State::stopping:
+        return QColor(0xff, 0xcc, 0x00);
+    case State::error:
+        break;
+    }
+    return QColor(0xff, 0x3b, 0x30);
+}
+
+QString MenuBarViewModel::accountTitle() const
+{
+    if (!m_auth.isLoggedIn())
+        return m_strings.text(u"menu.sign_in"_s);
+    const auto& user = m_auth.currentUser();
+    if (user && user->displayName)
+        return *user->displayName;
+    return user ? user->email : m_strings.text(u"menu.logged_in"_s);
+}
+
+QString MenuBarViewModel::accountSubtitle() const
+{
+    if (!m_auth.isLoggedIn())
+        return {};
+    const auto& user = m_auth.currentUser();
+    if (user && user->displayName)
+        return user->email;
+    return user ? m_strings.text(u"menu.logged_in"_s) : QString();
+}
+
+QString MenuBarViewModel::overlayText() const
+{
+    return m_strings.text(m_isOverlayVisible ? u"menu.hide_overlay"_s : u"menu.show_overlay"_s);
+}
+
+QString MenuBarViewModel::overlayIcon() const
+{
+    return m_isOverlayVisible ? u"eye.slash"_s : u"eye"_s;
+}
+
+QString MenuBarViewModel::settingsText() const
+{
+    return m_strings.text(u"menu.settings"_s);
+}
+
+QString MenuBarViewModel::quitText() const
+{
+    return m_strings.text(u"menu.quit"_s);
+}
+
+void MenuBarViewModel::toggleOverlay()
+{
+    m_notifications.post(Notifications::toggleOverlay);
+}
+
+void MenuBarViewModel::openSettings()
+{
+    m_notifications.post(Notifications::showDashboard);
+}
+
+void MenuBarViewModel::quit()
+{
+    if (m_quit)
+        m_quit();
+}

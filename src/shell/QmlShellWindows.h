@@ -1,0 +1,41 @@
+#pragma once
+
+#include "ShellInterfaces.h"
+
+#include <QPointer>
+#include <QQmlEngine>
+
+#include <array>
+#include <memory>
+
+#include <QQuickWindow>
+class TrayIcon;
+
+// The windows as Qt Quick windows from the shell's QML module, and the tray item.
+class QmlShellWindows final : public ShellWindows {
+public:
+    QmlShellWindows();
+    ~QmlShellWindows() override;
+
+    void createMenuBarItem(const ShellModels& models) override;
+    void createPanel(Panel panel, const ShellModels& models) override;
+    bool hasPanel(Panel panel) const override;
+    void show(Panel panel) override;
+    void hide(Panel panel) override;
+    bool isVisible(Panel panel) const override;
+    QObject* window(Panel panel) const override;
+    void destroyWindows() override;
+
+    QQuickWindow* quickWindow(Panel panel) const;
+    TrayIcon* trayIcon() const { return m_tray.get(); }
+
+    // The module's files as the engine loads them: Qt 6.4 has no loading by module name.
+    static QUrl fileUrl(const QString& fileName);
+    // Makes the root object of a window file with the models as its initial properties.
+    QQuickWindow* createWindow(const QString& fileName, const ShellModels& models);
+
+private:
+    QQmlEngine m_engine;
+    std::array<QPointer<QQuickWindow>, 3> m_panels;
+    std::unique_ptr<TrayIcon> m_tray;
+};
