@@ -9,6 +9,8 @@ packages=(
     qt6-base-dev qt6-websockets-dev qt6-multimedia-dev qt6-declarative-dev
     qcoro-qt6-dev qtkeychain-qt6-dev libpoppler-cpp-dev libpulse-dev libsamplerate0-dev
     libxi-dev libxtst-dev libxcb-xinput-dev
+    # the server's built-in recogniser and speech
+    libpocketsphinx-dev libsphinxbase-dev pocketsphinx-en-us libespeak-ng-dev
     # QML modules for the windows (they do not pull each other in)
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-templates
     qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml
