@@ -48,6 +48,8 @@ QString cleanHypothesis(const char* hypothesis)
 struct OfflineRecognizer::Decoder {
     cmd_ln_t* config = nullptr;
     ps_decoder_t* decoder = nullptr;
+    // Our references to the mixed models; the mix takes references of its own.
+    std::vector<ngram_model_t*> models;
     QString error;
     QByteArray carry;          // an odd byte waiting for its partner
     qint64 samples = 0;        // audio decoded so far
@@ -60,6 +62,8 @@ struct OfflineRecognizer::Decoder {
     {
         if (decoder)
             ps_free(decoder);
+        for (auto* model : models)
+            ngram_model_free(model);
         if (config)
             cmd_ln_free_r(config);
     }
@@ -100,13 +104,11 @@ void OfflineRecognizer::Decoder::load(const Options& options)
             return;
         }
         logmath_t* logmath = ps_get_logmath(decoder);
-        ngram_model_t* models[2] = {ngram_model_read(config, generalLm.constData(), NGRAM_AUTO, logmath),
-                                    ngram_model_read(config, arpaFile.fileName().toUtf8().constData(), NGRAM_ARPA, logmath)};
-        if (!models[0] || !models[1]) {
-            for (auto* model : models) {
-                if (model)
-                    ngram_model_free(model);
-            }
+        for (const auto& path : {generalLm, arpaFile.fileName().toUtf8()}) {
+            if (auto* model = ngram_model_read(config, path.constData(), NGRAM_AUTO, logmath))
+                models.push_back(model);
+        }
+        if (models.size() != 2) {
             error = u"The language models could not be read"_s;
             return;
         }
@@ -114,8 +116,8 @@ void OfflineRecognizer::Decoder::load(const Options& options)
         char interview[] = "interview";
         char* names[2] = {general, interview};
         const float32 weights[2] = {1.0f - options.interviewWeight, options.interviewWeight};
-        ngram_model_t* mix = ngram_model_set_init(config, models, names, weights, 2);
-        // The search keeps its own reference to the mix, and the mix owns both models.
+        ngram_model_t* mix = ngram_model_set_init(config, models.data(), names, weights, 2);
+        // The search keeps its own reference to the mix.
         const bool set = mix && ps_set_lm(decoder, "mix", mix) == 0 && ps_set_search(decoder, "mix") == 0;
         if (mix)
             ngram_model_free(mix);
