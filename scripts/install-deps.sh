@@ -11,6 +11,8 @@ packages=(
     libxi-dev libxtst-dev libxcb-xinput-dev
     # the server: HTTP and WebSocket, storage, password hashing
     qt6-httpserver-dev libsodium-dev libqt6sql6-sqlite libqt6sql6-psql
+    # the server's built-in recogniser and speech
+    libpocketsphinx-dev libsphinxbase-dev pocketsphinx-en-us libespeak-ng-dev
     # QML modules for the windows (they do not pull each other in)
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-templates
     qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <optional>
+
+// Speech made at test time by espeak-ng and resampled by sox, as 16 kHz 16-bit mono PCM with
+// half a second of silence before and `trailingSilence` seconds after.
+namespace SpokenAudio {
+
+// Empty when a tool is missing; tests skip then.
+QString missingTool();
+
+struct Voice {
+    QString name = QStringLiteral("en");
+    int wordsPerMinute = 150;
+};
+std::optional<QByteArray> speak(const QString& text, const Voice& voice = {}, double trailingSilence = 1.0);
+
+// The same speech with white noise added at the given signal-to-noise ratio, in decibels.
+QByteArray withNoise(const QByteArray& pcm, double snrDb, unsigned seed = 7);
+
+} // namespace SpokenAudio
