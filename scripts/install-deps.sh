@@ -28,6 +28,8 @@ packages=(
     clang-14 libclang-rt-14-dev
     # a tray on the test display, and clicks on its windows
     trayer xdotool
+    # fonts for the screenshots in every language of the string tables (Latin, Arabic, CJK)
+    fonts-noto-core fonts-noto-cjk
 )
 
 missing=()
