@@ -18,9 +18,37 @@ def p95(values):
     return statistics.quantiles(values, n=20)[18] if len(values) >= 20 else (max(values) if values else float("nan"))
 
 
-async def first_answer_line(port, token, session):
+RESUME = "\n".join(
+    ["Jordan Example", "EXPERIENCE", "Senior Backend Engineer, Northwind Payments (2019-2024)"]
+    + [f"- {verb} the {thing} service, cutting {metric} by {10 + i * 3}% for {i + 2} teams."
+       for i, (verb, thing, metric) in enumerate(
+           [(v, t, m) for v in ("Led", "Rebuilt", "Migrated", "Designed")
+            for t in ("billing", "ledger", "fraud detection", "search")
+            for m in ("latency", "cost", "incidents")])]
+    + ["EDUCATION", "BSc Computer Science, University of Somewhere"])
+JOB = "\n".join(["Requirements:"] + [f"- Experience with {t} at scale, owning {m}." for t in
+                                       ("distributed systems", "PostgreSQL", "Kubernetes", "Go or C++")
+                                       for m in ("reliability", "on-call", "design reviews")])
+
+
+def upload_documents(base, token):
+    """The answers of a real interview are drafted from the user's own documents."""
+    import urllib.request
+    boundary = "benchboundary"
+    body = (f"--{boundary}\r\nContent-Disposition: form-data; name=\"file\"; filename=\"resume.txt\"\r\n"
+            f"Content-Type: text/plain\r\n\r\n{RESUME}\r\n--{boundary}--\r\n").encode()
+    request = urllib.request.Request(base + "/api/v1/resume/upload", data=body, method="POST", headers={
+        "Authorization": f"Bearer {token}", "Content-Type": f"multipart/form-data; boundary={boundary}"})
+    with urllib.request.urlopen(request) as response:
+        resume = json.loads(response.read())
+    job = api(base, token, "POST", "/api/v1/job-description", {"title": "Backend", "content": JOB})
+    return resume["id"], job["id"]
+
+
+async def first_answer_line(port, token, session, documents):
     reader, writer = await asyncio.open_connection("127.0.0.1", port)
-    body = json.dumps({"question": "Tell me about a time you led a project.", "context": [], "sessionId": session})
+    body = json.dumps({"question": "Tell me about a time you led a project.", "context": [], "sessionId": session,
+                       "resumeId": documents[0], "jobDescriptionId": documents[1]})
     started = time.perf_counter()
     writer.write((f"POST /api/v1/chat/answer HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer {token}\r\n"
                   f"Content-Type: application/json\r\nContent-Length: {len(body)}\r\n\r\n{body}").encode())
@@ -35,7 +63,7 @@ async def first_answer_line(port, token, session):
     return status, elapsed
 
 
-async def interview(index, args, server, token, acks, answers, statuses, stop_at):
+async def interview(index, args, server, token, documents, acks, answers, statuses, stop_at):
     session = await asyncio.to_thread(api, server.base, token, "POST", "/api/v1/interview/session",
                                       {"languageInput": "en", "languageOutput": "en"})
     url = f"ws://127.0.0.1:{server.port}/api/v1/interview/ws?token={token}&sessionId={session['id']}"
@@ -61,7 +89,7 @@ async def interview(index, args, server, token, acks, answers, statuses, stop_at
             line += 1
             if time.perf_counter() >= next_answer:
                 next_answer += 30.0
-                status, elapsed = await first_answer_line(server.port, token, session["id"])
+                status, elapsed = await first_answer_line(server.port, token, session["id"], documents)
                 statuses.append(status)
                 if elapsed is not None:
                     answers.append(elapsed)
@@ -82,7 +110,8 @@ async def run(args, server, token):
     acks, answers, statuses = [], [], []
     started = time.perf_counter()
     stop_at = started + args.seconds
-    await asyncio.gather(*[interview(i, args, server, token, acks, answers, statuses, stop_at)
+    documents = upload_documents(server.base, token)
+    await asyncio.gather(*[interview(i, args, server, token, documents, acks, answers, statuses, stop_at)
                            for i in range(args.interviews)])
     elapsed = time.perf_counter() - started
     refused = sum(1 for s in statuses if s != b"200")

@@ -67,8 +67,10 @@ class Composer {
 public:
     explicit Composer(const AnswerRequest& request)
         : m_request(request)
-        , m_resume(splitPassages(request.resumeText.left(longestDocument)))
-        , m_job(splitPassages(request.jobDescriptionText.left(longestDocument)))
+        , m_resumeIndex(indexOf(request.resumeText))
+        , m_jobIndex(indexOf(request.jobDescriptionText))
+        , m_resume(*m_resumeIndex)
+        , m_job(*m_jobIndex)
     {
         m_question.addText(request.question);
         if (m_question.weights().size() < fewQuestionTerms) {
@@ -416,9 +418,18 @@ private:
         return line;
     }
 
+    static std::shared_ptr<const Bm25Index> indexOf(const QString& document)
+    {
+        // Enough for the active documents of every interview a server of this size runs.
+        static Bm25IndexCache cache(256);
+        return cache.indexOf(document.left(longestDocument));
+    }
+
     const AnswerRequest& m_request;
-    Bm25Index m_resume;
-    Bm25Index m_job;
+    std::shared_ptr<const Bm25Index> m_resumeIndex;
+    std::shared_ptr<const Bm25Index> m_jobIndex;
+    const Bm25Index& m_resume;
+    const Bm25Index& m_job;
     RankingQuery m_question;
     QStringList m_lines;
     bool m_usedDocuments = false;

@@ -401,4 +401,33 @@ QList<Bm25Index::Hit> Bm25Index::rank(const RankingQuery& query) const
     return hits;
 }
 
+Bm25IndexCache::Bm25IndexCache(qsizetype capacity)
+    : m_capacity(std::max<qsizetype>(1, capacity))
+{
+}
+
+std::shared_ptr<const Bm25Index> Bm25IndexCache::indexOf(const QString& document)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (const auto found = m_byDocument.constFind(document); found != m_byDocument.cend()) {
+            m_entries.splice(m_entries.begin(), m_entries, *found);
+            return m_entries.front().index;
+        }
+    }
+    // Built outside the lock: two threads may build the same index once each, which is
+    // cheaper than one waiting for the other.
+    auto index = std::make_shared<const Bm25Index>(splitPassages(document));
+    const std::lock_guard lock(m_mutex);
+    if (const auto found = m_byDocument.constFind(document); found != m_byDocument.cend())
+        return (*found)->index;
+    m_entries.push_front({document, index});
+    m_byDocument.insert(document, m_entries.begin());
+    if (m_entries.size() > size_t(m_capacity)) {
+        m_byDocument.remove(m_entries.back().document);
+        m_entries.pop_back();
+    }
+    return index;
+}
+
 } // namespace ravlet::server

@@ -6,6 +6,10 @@
 #include <QStringList>
 #include <QStringView>
 
+#include <list>
+#include <memory>
+#include <mutex>
+
 namespace ravlet::server {
 
 // The words of a text that carry meaning: lower-cased, stop words dropped, lightly stemmed so
@@ -74,6 +78,29 @@ private:
     QList<QStringList> m_terms;
     QHash<QString, QList<Posting>> m_postings;
     QList<double> m_lengthNorm; // k1 * (1 - b + b * length / average length), per passage
+};
+
+// Indexes of recently seen documents. An interview asks about the same resume and job
+// description again and again, and cutting and indexing them is most of a draft's cost; with
+// many interviews asking at once this keeps the first line of each answer quick.
+class Bm25IndexCache {
+public:
+    explicit Bm25IndexCache(qsizetype capacity);
+
+    // The index of `document` (its passages as `splitPassages` cuts them), built at most once
+    // while it stays among the `capacity` most recently used.
+    std::shared_ptr<const Bm25Index> indexOf(const QString& document);
+
+private:
+    struct Entry {
+        QString document;
+        std::shared_ptr<const Bm25Index> index;
+    };
+
+    qsizetype m_capacity;
+    std::mutex m_mutex;
+    std::list<Entry> m_entries; // most recently used first
+    QHash<QString, std::list<Entry>::iterator> m_byDocument;
 };
 
 } // namespace ravlet::server

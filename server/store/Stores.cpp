@@ -190,9 +190,11 @@ std::optional<qint64> InterviewStore::upsertLine(const QString& userId, const QS
         line.confidence ? QVariant(*line.confidence) : QVariant(QMetaType::fromType<double>());
     // An older revision never replaces a newer text; a repeat of the same revision rewrites it
     // unchanged.
+    // A new line's arrival is one past the session's last; an update keeps it.
     auto q = m_db.run(u"INSERT INTO transcript_lines (session_id, entry_id, speaker, content, "
-                      u"timestamp_ms, confidence, revision) "
-                      u"SELECT ?, ?, ?, ?, ?, ?, ? WHERE EXISTS "
+                      u"timestamp_ms, confidence, revision, arrival) "
+                      u"SELECT ?, ?, ?, ?, ?, ?, ?, (SELECT COALESCE(MAX(arrival), 0) + 1 FROM "
+                      u"transcript_lines WHERE session_id = ?) WHERE EXISTS "
                       u"(SELECT 1 FROM interview_sessions WHERE id = ? AND user_id = ?) "
                       u"ON CONFLICT (session_id, entry_id) DO UPDATE SET speaker = "
                       u"excluded.speaker, content = excluded.content, "
@@ -200,7 +202,7 @@ std::optional<qint64> InterviewStore::upsertLine(const QString& userId, const QS
                       u"revision = excluded.revision "
                       u"WHERE excluded.revision >= transcript_lines.revision"_s,
                       {sessionId, line.id, line.speaker, line.content, line.timestampMs, confidence,
-                       line.revision, sessionId, userId});
+                       line.revision, sessionId, sessionId, userId});
     if (q.numRowsAffected() == 1)
         return line.revision;
     auto stored = m_db.run(u"SELECT t.revision FROM transcript_lines t JOIN interview_sessions s "
@@ -217,7 +219,7 @@ QList<TranscriptLine> InterviewStore::lines(const QString& userId, const QString
     auto q = m_db.run(
         u"SELECT t.entry_id, t.speaker, t.content, t.timestamp_ms, t.confidence, t.revision "
         u"FROM transcript_lines t JOIN interview_sessions s ON s.id = t.session_id "
-        u"WHERE t.session_id = ? AND s.user_id = ? ORDER BY t.timestamp_ms, t.entry_id"_s,
+        u"WHERE t.session_id = ? AND s.user_id = ? ORDER BY t.timestamp_ms, t.arrival, t.entry_id"_s,
         {sessionId, userId});
     QList<TranscriptLine> result;
     while (q.next()) {

@@ -47,7 +47,9 @@ CurlResult curl(const QStringList& arguments);
 // database is a fresh SQLite file, or the PostgreSQL database named by RAVLET_TEST_DATABASE.
 class ServerHarness {
 public:
-    explicit ServerHarness(ServerConfig config = {});
+    // `answers`: the engine behind the answer route; the test-driven `engine` when none.
+    explicit ServerHarness(ServerConfig config = {},
+                           ravlet::server::AnswerEngine* answers = nullptr);
     ~ServerHarness();
 
     struct Account {

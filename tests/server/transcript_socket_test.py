@@ -114,9 +114,17 @@ async def socket_behaviour(server, token, other_token):
             await ws.send(garbage)
         await ws.send(entry("c", "still listening", 3000))
         check((await next_ack(ws))["ids"] == ["c"], "garbage is skipped and the socket stays")
+        # Both speakers in the same millisecond: the order they arrived in, not that of their ids.
+        await ws.send(entry("y", "same moment, first", 4000, 0, "user"))
+        await next_ack(ws)
+        await ws.send(entry("x", "same moment, second", 4000))
+        await next_ack(ws)
+        await ws.send(entry("y", "same moment, first, grown", 4000, 1, "user"))
+        await next_ack(ws)
     stored = api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]
     check([(l["id"], l["content"]) for l in stored] ==
-          [("a", "first said"), ("b", "second said, grown"), ("c", "still listening")], f"stored {stored}")
+          [("a", "first said"), ("b", "second said, grown"), ("c", "still listening"),
+           ("y", "same moment, first, grown"), ("x", "same moment, second")], f"stored {stored}")
 
     # Refused handshakes: no token, and another user's session.
     for bad in [f"token=forged&sessionId={session}", f"token={other_token}&sessionId={session}"]:
@@ -127,17 +135,17 @@ async def socket_behaviour(server, token, other_token):
             check(refused.status_code in (401, 404), f"refusal {refused.status_code}")
 
     # A flood of 10,000 frames: every one is acknowledged or the socket is closed; the server stays.
-    acked = 0
+    acked = set()
     async with websockets.connect(url, max_queue=None) as ws:
         await ws.recv()
         for i in range(10000):
             await ws.send(entry(f"f{i}", "flood", 10000 + i))
         try:
-            while acked < 10000:
-                acked += len((await next_ack(ws))["ids"])
+            while len(acked) < 10000:
+                acked.update((await next_ack(ws))["ids"])
         except (websockets.exceptions.ConnectionClosed, asyncio.TimeoutError):
             pass
-    print(f"flood: {acked} of 10000 frames acknowledged", flush=True)
+    print(f"flood: {len(acked)} of 10000 frames acknowledged", flush=True)
     check(api(server.base, token, "GET", "/health")["status"] == "ok", "alive after the flood")
     async with websockets.connect(url) as ws:
         await ws.recv()
@@ -148,8 +156,10 @@ async def socket_behaviour(server, token, other_token):
                 await asyncio.wait_for(ws.recv(), 10)
         except websockets.exceptions.ConnectionClosed as closed:
             check(closed.code == 1008, f"closed with {closed.code} after 100 bad frames")
-    check(len(api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]) == 3 + acked,
-          "every acknowledged flood line is stored")
+    # A loaded machine may stop the client waiting before every acknowledgement came; lines
+    # stored but not yet acknowledged are fine, acknowledged but not stored are not.
+    stored = {l["id"] for l in api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]}
+    check(acked <= stored, f"acknowledged flood lines lost: {sorted(acked - stored)[:5]}")
 
 
 async def killed_mid_stream(server, token):

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 using namespace ravlet::server;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -114,4 +115,26 @@ TEST(TextRankingTest, noSharedWordsMeansNoHit)
     query.addText(u"Have you ever sailed across the Atlantic?");
     EXPECT_TRUE(index.rank(query).isEmpty());
     EXPECT_TRUE(Bm25Index({}).rank(query).isEmpty());
+}
+
+// The cache must never hand one document's index to another, and must forget the least
+// recently used document first.
+TEST(TextRankingTest, cacheKeepsTheRecentlyUsedAndNeverMixesDocuments)
+{
+    Bm25IndexCache cache(2);
+    const QString a = sampleResume();
+    const QString b = u"Led the migration of billing to Kubernetes."_s;
+    const QString c = u"Sailed across the Atlantic twice."_s;
+
+    const auto first = cache.indexOf(a);
+    EXPECT_EQ(cache.indexOf(a), first);
+    const auto other = cache.indexOf(b);
+    ASSERT_EQ(other->passages().size(), 1);
+    EXPECT_EQ(other->passage(0).text, b);
+    EXPECT_EQ(first->passages().size(), Bm25Index(splitPassages(a)).passages().size());
+
+    cache.indexOf(a);      // a is now the most recent
+    cache.indexOf(c);      // evicts b
+    EXPECT_EQ(cache.indexOf(a), first);
+    EXPECT_NE(cache.indexOf(b), other);
 }
