@@ -98,16 +98,16 @@ QByteArray paintPng(const QString& seed)
     painter.setBrush(shading);
     painter.drawEllipse(head);
 
-    // Hair: a cap over the top of the head, of one of three cuts.
+    // Hair: a cap over the top of the head that ends above the eyes, of one of three cuts.
     painter.setBrush(hair);
     QPainterPath cap;
-    const QRectF capBox = head.adjusted(-10, -14, 10, -headHeight * 0.42);
+    const QRectF capBox = head.adjusted(-10, -14, 10, -headHeight * 0.66);
     switch (random.bounded(3u)) {
     case 0:
         cap.addEllipse(capBox);
         break;
     case 1:
-        cap.addRoundedRect(capBox.adjusted(0, 0, 0, 30), 60, 60);
+        cap.addRoundedRect(capBox.adjusted(0, 0, 0, 12), 60, 60);
         break;
     default:
         cap.moveTo(capBox.bottomLeft());
