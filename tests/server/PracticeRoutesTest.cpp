@@ -13,6 +13,7 @@
 #include <QJsonObject>
 #include <QSet>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 #include <QtEndian>
 
 #include <gtest/gtest.h>
@@ -274,6 +275,69 @@ TEST(PracticeSpeechTest, WithoutEspeakTheRouteSaysSo)
         server.call(account, u"POST"_s, u"/api/v1/mock-interview/tts"_s, R"({"text":"Hello"})");
     EXPECT_EQ(result.status, 503);
     EXPECT_TRUE(json(result).value(u"error"_s).toString().contains(u"espeak-ng"_s));
+}
+
+// A stand-in for espeak-ng that records its arguments and standard input, then answers as the
+// real one does on a pipe, or fails when told to.
+TEST(PracticeSpeechTest, TheTextGoesOnStandardInputAndTheVoiceFollowsTheQuestionsLanguage)
+{
+    QTemporaryDir dir;
+    const auto program = dir.filePath(u"fake-espeak"_s);
+    QFile script(program);
+    ASSERT_TRUE(script.open(QIODevice::WriteOnly));
+    script.write(R"(#!/usr/bin/python3
+import struct, sys
+folder = sys.argv[0].rsplit('/', 1)[0]
+text = sys.stdin.buffer.read()
+with open(folder + '/calls', 'ab') as calls:
+    calls.write(repr((sys.argv[1:], text)).encode() + b'\n')
+if b'fail' in text:
+    sys.exit(1)
+pcm = struct.pack('<4h', 0, 1000, -1000, 0)
+sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
+    + struct.pack('<IHHIIHH', 16, 1, 1, 22050, 44100, 2, 16)
+    + b'data' + struct.pack('<I', 0x7ffff000) + pcm)
+)");
+    script.close();
+    script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
+
+    ServerConfig config;
+    config.espeakProgram = program;
+    ServerHarness server(config);
+    const auto account = server.signUp();
+    const auto speak = [&](const QJsonObject& body) {
+        return server.call(account, u"POST"_s, u"/api/v1/mock-interview/tts"_s, compact(body));
+    };
+    const auto hostile = u"Why $(touch /tmp/x); rm -rf ~ `id` -v de"_s;
+    const auto spoken = speak({{u"text"_s, hostile}});
+    ASSERT_EQ(spoken.status, 200) << spoken.body.toStdString();
+    EXPECT_EQ(spoken.body.size(), 44 + 8);
+    EXPECT_EQ(le32(spoken.body, 40), 8u);
+
+    const auto german = u"Warum interessieren Sie sich für diese Stelle?"_s;
+    ASSERT_EQ(speak({{u"text"_s, german}}).status, 200);
+    ASSERT_EQ(speak({{u"text"_s, u"Hello"_s}, {u"language"_s, u"es"_s}}).status, 200);
+    // After German questions, a text the bank does not hold (the question about the user's own
+    // role) is spoken in German too.
+    ASSERT_EQ(server.call(account, u"POST"_s, u"/api/v1/mock-interview/questions"_s,
+                          R"({"language":"de","count":1})")
+                  .status,
+              200);
+    ASSERT_EQ(speak({{u"text"_s, u"Was reizt Sie an der Stelle als Koch?"_s}}).status, 200);
+    EXPECT_EQ(speak({{u"text"_s, u"please fail"_s}}).status, 500);
+
+    QFile calls(dir.filePath(u"calls"_s));
+    ASSERT_TRUE(calls.open(QIODevice::ReadOnly));
+    const auto lines = QString::fromUtf8(calls.readAll()).split(u'\n', Qt::SkipEmptyParts);
+    ASSERT_EQ(lines.size(), 5);
+    const auto expected = [](const QString& voice) {
+        return u"(['-v', '"_s + voice + u"', '--stdout'], b"_s;
+    };
+    EXPECT_TRUE(lines[0].startsWith(expected(u"en-us"_s))) << lines[0].toStdString();
+    EXPECT_TRUE(lines[0].contains(u"$(touch /tmp/x); rm -rf ~ `id` -v de"_s)) << "on stdin, untouched";
+    EXPECT_TRUE(lines[1].startsWith(expected(u"de"_s))) << lines[1].toStdString();
+    EXPECT_TRUE(lines[2].startsWith(expected(u"es"_s))) << lines[2].toStdString();
+    EXPECT_TRUE(lines[3].startsWith(expected(u"de"_s))) << lines[3].toStdString();
 }
 
 TEST(PracticeSpeechTest, StreamedHeadersAreCompletedAndOtherBytesRefused)
