@@ -13,6 +13,9 @@ packages=(
     qt6-httpserver-dev libsodium-dev libqt6sql6-sqlite libqt6sql6-psql
     # the server's built-in recogniser and speech
     libpocketsphinx-dev libsphinxbase-dev pocketsphinx-en-us libespeak-ng-dev
+    # practice interviews: the server speaks questions through the espeak-ng program; Qt
+    # Multimedia's GStreamer backend needs the "good" plugins (wavparse) to decode that speech
+    espeak-ng gstreamer1.0-plugins-good
     # QML modules for the windows (they do not pull each other in)
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-templates
     qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml
@@ -21,7 +24,7 @@ packages=(
     fonts-materialdesignicons-webfont xdg-utils
     # tests and benchmarks
     libgtest-dev libgmock-dev libbenchmark-dev
-    xvfb x11-utils pulseaudio pulseaudio-utils espeak-ng sox
+    xvfb x11-utils pulseaudio pulseaudio-utils sox
     gnome-keyring libsecret-tools dbus dbus-x11
     curl python3-websockets postgresql chromium
     # fuzzing (scripts/fuzz.sh): clang with its libFuzzer and sanitizer runtimes

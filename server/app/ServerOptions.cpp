@@ -34,6 +34,24 @@ const QList<Option>& options()
          u"File holding the model server's API key (or set RAVLET_LLM_API_KEY)."_s},
         {u"--speech-endpoint"_s, u"RAVLET_SPEECH_ENDPOINT"_s, u"URL"_s,
          u"Origin of a recogniser that speaks Deepgram's streaming protocol (ws:// or wss://)."_s},
+        {u"--speech-vendor"_s, u"RAVLET_SPEECH_VENDOR"_s, u"NAME"_s,
+         u"deepgram, elevenlabs or openai: the vendor whose key mints speech tokens, when keys of several are given."_s},
+        {u"--deepgram-key-file"_s, u"RAVLET_DEEPGRAM_API_KEY_FILE"_s, u"PATH"_s,
+         u"File holding a Deepgram API key (or set RAVLET_DEEPGRAM_API_KEY)."_s},
+        {u"--elevenlabs-key-file"_s, u"RAVLET_ELEVENLABS_API_KEY_FILE"_s, u"PATH"_s,
+         u"File holding an ElevenLabs API key (or set RAVLET_ELEVENLABS_API_KEY)."_s},
+        {u"--openai-key-file"_s, u"RAVLET_OPENAI_API_KEY_FILE"_s, u"PATH"_s,
+         u"File holding an OpenAI API key (or set RAVLET_OPENAI_API_KEY)."_s},
+        {u"--deepgram-url"_s, u"RAVLET_DEEPGRAM_URL"_s, u"URL"_s,
+         u"Deepgram's API origin (default https://api.deepgram.com)."_s},
+        {u"--elevenlabs-url"_s, u"RAVLET_ELEVENLABS_URL"_s, u"URL"_s,
+         u"ElevenLabs' API origin (default https://api.elevenlabs.io)."_s},
+        {u"--openai-url"_s, u"RAVLET_OPENAI_URL"_s, u"URL"_s,
+         u"OpenAI's API origin (default https://api.openai.com)."_s},
+        {u"--openai-stt-model"_s, u"RAVLET_OPENAI_STT_MODEL"_s, u"NAME"_s,
+         u"OpenAI transcription model for clients (default gpt-4o-mini-transcribe)."_s},
+        {u"--espeak-ng"_s, u"RAVLET_ESPEAK_NG"_s, u"PATH"_s,
+         u"The espeak-ng program that speaks practice questions (default: espeak-ng on PATH)."_s},
         {u"--updates-dir"_s, u"RAVLET_UPDATES_DIR"_s, u"PATH"_s,
          u"Folder of update packages RavletAI-<version>*.tar.gz."_s},
         {u"--public-url"_s, u"RAVLET_PUBLIC_URL"_s, u"URL"_s,
@@ -78,6 +96,68 @@ QString readSecretFile(const QString& path, QString* error)
     return QString::fromUtf8(file.readAll()).trimmed();
 }
 
+// A secret from the file its option names, else from its own environment variable.
+QString secret(const QHash<QString, QString>& values, const QStringList& environment,
+               const QString& fileOption, const QString& variable, QString* error)
+{
+    if (values.contains(fileOption))
+        return readSecretFile(values.value(fileOption), error);
+    const auto prefix = variable + u'=';
+    for (const auto& entry : environment) {
+        if (entry.startsWith(prefix))
+            return entry.mid(prefix.size()).trimmed();
+    }
+    return {};
+}
+
+bool isHttpOrigin(const QString& text)
+{
+    const QUrl url(text);
+    return url.isValid() && (url.scheme() == u"http"_s || url.scheme() == u"https"_s)
+           && !url.host().isEmpty();
+}
+
+// The vendor that mints speech tokens: the one whose key is given, or the one named when keys
+// of several are.
+std::variant<std::optional<SpeechVendorConfig>, QString>
+speechVendorOf(const QHash<QString, QString>& values, const QStringList& environment)
+{
+    QList<SpeechVendorConfig> configured;
+    for (auto vendor : {SpeechVendor::deepgram, SpeechVendor::elevenlabs, SpeechVendor::openai}) {
+        const auto name = vendorName(vendor);
+        QString error;
+        const auto key = secret(values, environment, u"--"_s + name + u"-key-file"_s,
+                                u"RAVLET_"_s + name.toUpper() + u"_API_KEY"_s, &error);
+        if (!error.isEmpty())
+            return error;
+        const auto urlOption = u"--"_s + name + u"-url"_s;
+        const auto baseUrl = values.value(urlOption, defaultVendorBaseUrl(vendor));
+        if (!isHttpOrigin(baseUrl))
+            return urlOption + u" expects an http:// or https:// origin"_s;
+        if (key.isEmpty())
+            continue;
+        configured.append({vendor, key, baseUrl,
+                           vendor == SpeechVendor::openai
+                               ? values.value(u"--openai-stt-model"_s, u"gpt-4o-mini-transcribe"_s)
+                               : QString()});
+    }
+    if (values.contains(u"--speech-vendor"_s)) {
+        const auto chosen = vendorFromName(values.value(u"--speech-vendor"_s));
+        if (!chosen)
+            return u"--speech-vendor expects deepgram, elevenlabs or openai"_s;
+        for (const auto& config : std::as_const(configured)) {
+            if (config.vendor == *chosen)
+                return std::optional(config);
+        }
+        return u"--speech-vendor "_s + vendorName(*chosen) + u" needs that vendor's key ("_s
+               + u"--"_s + vendorName(*chosen) + u"-key-file or RAVLET_"_s
+               + vendorName(*chosen).toUpper() + u"_API_KEY)"_s;
+    }
+    if (configured.size() > 1)
+        return u"Keys of several speech vendors are given: choose one with --speech-vendor"_s;
+    return configured.isEmpty() ? std::nullopt : std::optional(configured.first());
+}
+
 } // namespace
 
 std::variant<ServerOptions, ServerOptions::Help, QString>
@@ -104,6 +184,12 @@ ServerOptions::parse(const QStringList& arguments, const QStringList& environmen
         }
         if (argument == u"--llm-api-key"_s)
             return u"The API key is never given on the command line: use --llm-api-key-file or RAVLET_LLM_API_KEY."_s;
+        for (const auto& vendor : {u"deepgram"_s, u"elevenlabs"_s, u"openai"_s}) {
+            if (argument == u"--"_s + vendor + u"-key"_s
+                || argument == u"--"_s + vendor + u"-api-key"_s)
+                return u"API keys are never given on the command line: use --"_s + vendor
+                       + u"-key-file or RAVLET_"_s + vendor.toUpper() + u"_API_KEY."_s;
+        }
         const auto found =
             std::find_if(options().cbegin(), options().cend(),
                          [&](const Option& option) { return option.name == argument; });
@@ -163,6 +249,12 @@ ServerOptions::parse(const QStringList& arguments, const QStringList& environmen
             return u"--speech-endpoint expects a ws:// or wss:// origin"_s;
         result.config.speechEndpoint = values.value(u"--speech-endpoint"_s);
     }
+    auto vendor = speechVendorOf(values, environment);
+    if (const auto* error = std::get_if<QString>(&vendor))
+        return *error;
+    result.config.speechVendor = std::get<std::optional<SpeechVendorConfig>>(std::move(vendor));
+    if (values.contains(u"--espeak-ng"_s))
+        result.config.espeakProgram = values.value(u"--espeak-ng"_s);
     if (values.contains(u"--updates-dir"_s))
         result.config.updatesDir = values.value(u"--updates-dir"_s);
     result.config.publicOrigin = values.value(u"--public-url"_s);

@@ -9,8 +9,9 @@
 #include <optional>
 #include <variant>
 
-// The command line, with an environment variable for each option. Secrets (the model's API
-// key, the signing key) come from files or the environment only, never from the command line.
+// The command line, with an environment variable for each option. Secrets (the API keys of
+// the model and the speech vendors, the signing key) come from files or the environment only,
+// never from the command line.
 struct ServerOptions {
     QHostAddress address = QHostAddress::LocalHost;
     quint16 port = 8787;

@@ -1,7 +1,9 @@
 #include "Api.h"
 
 #include "LoginPage.h"
+#include "SpeechSynthesizer.h"
 #include "TranscriptChannel.h"
+#include "VendorTokens.h"
 
 #include <QJsonDocument>
 #include <QUrl>
@@ -36,11 +38,16 @@ Api::Api(Database& db, AccountService& accounts, const Clock& clock, ServerConfi
     , m_documents(db)
     , m_answerLogs(db)
     , m_telemetry(db)
+    , m_practice(db)
+    , m_synthesizer(std::make_unique<SpeechSynthesizer>(m_config.espeakProgram))
 {
+    if (m_config.speechVendor)
+        m_vendorTokens = std::make_unique<VendorTokens>(*m_config.speechVendor);
     registerAuthRoutes();
     registerInterviewRoutes();
     registerDocumentRoutes();
     registerTelemetryRoutes();
+    registerPracticeRoutes();
     m_routes.append({"POST",
                      u"/api/v1/chat/answer"_s.split(u'/', Qt::SkipEmptyParts),
                      true,
@@ -86,6 +93,17 @@ void Api::addPublicRoute(const char* method, const QString& pattern,
          [handler = std::move(handler)](const HttpRequest& request, const User&,
                                         const Params& params) { return handler(request, params); },
          {}});
+}
+
+void Api::addDeferredRoute(
+    const char* method, const QString& pattern,
+    std::function<void(const HttpRequest&, const User&, std::shared_ptr<HttpResponder>)> handler)
+{
+    m_routes.append({QByteArray(method),
+                     pattern.split(u'/', Qt::SkipEmptyParts),
+                     true,
+                     {},
+                     std::move(handler)});
 }
 
 std::optional<Api::User> Api::userOf(const HttpRequest& request) const
@@ -179,18 +197,29 @@ void Api::registerAuthRoutes()
     addRoute("GET", u"/api/v1/subscription/status"_s,
              [this](const HttpRequest&, const User&, const Params&) {
                  QJsonObject status;
-                 if (m_config.speechEndpoint)
+                 if (m_config.speechVendor)
+                     status.insert(u"speechProvider"_s, vendorName(m_config.speechVendor->vendor));
+                 else if (m_config.speechEndpoint)
                      status.insert(u"speechProvider"_s, u"deepgram"_s);
                  return jsonResponse(200, status);
              });
-    addRoute("GET", u"/api/v1/speech/token"_s,
-             [this](const HttpRequest&, const User& user, const Params&) {
-                 if (!m_config.speechEndpoint)
-                     return HttpResponse::error(
-                         503, u"Speech recognition is not set up on this server: start "
-                              u"ravlet-server with --speech-endpoint"_s);
-                 return jsonResponse(200, {{u"provider"_s, u"deepgram"_s},
-                                           {u"token"_s, m_accounts.issueSpeechToken(user.id)},
-                                           {u"endpoint"_s, *m_config.speechEndpoint}});
-             });
+    addDeferredRoute("GET", u"/api/v1/speech/token"_s,
+                     [this](const HttpRequest&, const User& user,
+                            std::shared_ptr<HttpResponder> responder) {
+                         // A vendor's key comes first: the operator gave it for quality.
+                         if (m_vendorTokens)
+                             mintVendorToken(std::move(responder));
+                         else
+                             responder->respond(localSpeechToken(user));
+                     });
+}
+
+HttpResponse Api::localSpeechToken(const User& user)
+{
+    if (!m_config.speechEndpoint)
+        return HttpResponse::error(503, u"Speech recognition is not set up on this server: start "
+                                        u"ravlet-server with --speech-endpoint or a vendor key"_s);
+    return jsonResponse(200, {{u"provider"_s, u"deepgram"_s},
+                              {u"token"_s, m_accounts.issueSpeechToken(user.id)},
+                              {u"endpoint"_s, *m_config.speechEndpoint}});
 }

@@ -2,9 +2,11 @@
 
 #include "AccountService.h"
 #include "HttpServer.h"
+#include "PracticeStore.h"
 #include "ServerConfig.h"
 #include "Stores.h"
 
+#include <QHash>
 #include <QJsonObject>
 
 #include <QObject>
@@ -15,6 +17,8 @@
 #include <optional>
 
 class Clock;
+class SpeechSynthesizer;
+class VendorTokens;
 namespace ravlet::server {
 class AnswerEngine;
 }
@@ -55,10 +59,20 @@ private:
              std::function<HttpResponse(const HttpRequest&, const User&, const Params&)> handler);
     void addPublicRoute(const char* method, const QString& pattern,
                         std::function<HttpResponse(const HttpRequest&, const Params&)> handler);
+    // For a signed-in route that answers later, once a vendor or a child process has.
+    void addDeferredRoute(
+        const char* method, const QString& pattern,
+        std::function<void(const HttpRequest&, const User&, std::shared_ptr<HttpResponder>)>
+            handler);
     void registerAuthRoutes();
     void registerInterviewRoutes();
     void registerDocumentRoutes();
     void registerTelemetryRoutes();
+    void registerPracticeRoutes();
+    HttpResponse localSpeechToken(const User& user);
+    void mintVendorToken(std::shared_ptr<HttpResponder> responder);
+    void speak(const HttpRequest& request, const User& user,
+               std::shared_ptr<HttpResponder> responder);
     void streamAnswer(const HttpRequest& request, const User& user,
                       std::shared_ptr<HttpResponder> responder);
     std::optional<User> userOf(const HttpRequest& request) const;
@@ -72,6 +86,11 @@ private:
     DocumentStore m_documents;
     AnswerLogStore m_answerLogs;
     TelemetryStore m_telemetry;
+    PracticeStore m_practice;
+    std::unique_ptr<VendorTokens> m_vendorTokens; // null without a vendor key
+    std::unique_ptr<SpeechSynthesizer> m_synthesizer;
+    // The language of each user's latest practice questions, for the voice that speaks them.
+    QHash<QString, QString> m_practiceLanguage;
     QList<Route> m_routes;
 };
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "SpeechVendor.h"
+
 #include <QString>
 
 #include <optional>
@@ -8,6 +10,10 @@
 struct ServerConfig {
     // Origin of a recogniser that speaks Deepgram's streaming protocol; none: speech is off.
     std::optional<QString> speechEndpoint;
+    // A vendor whose token API mints the speech tokens; it comes before `speechEndpoint`.
+    std::optional<SpeechVendorConfig> speechVendor;
+    // The speech synthesiser of practice interviews, run as a process.
+    QString espeakProgram = QStringLiteral("espeak-ng");
     // Folder of update packages "RavletAI-<version>....tar.gz"; none: never an update.
     std::optional<QString> updatesDir;
     // The origin clients reach this server at, for download links; empty: from the Host header.

@@ -3,6 +3,11 @@
 #include "APIClient.h"
 #include "AuthTokenStore.h"
 #include "AwaitTask.h"
+#include "DeepgramProvider.h"
+#include "ElevenLabsProvider.h"
+#include "FakeBackend.h"
+#include "FakeVendorServer.h"
+#include "OpenAISTTProvider.h"
 #include "NotificationCenter.h"
 #include "TranscriptUploadService.h"
 
@@ -103,4 +108,89 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     awaitTask(client.deleteResume(resume.id));
     awaitTask(client.deleteJobDescription(job.id));
     EXPECT_TRUE(awaitTask(client.fetchResumes()).resumes.isEmpty());
+}
+
+// A server holding a vendor key: the client decodes the token it mints and connects to the
+// vendor with it, and a vendor's refusal reaches the client in words that name the vendor.
+TEST(VendorTokenContractTest, TheClientConnectsWithTheMintedTokenAndShowsRefusals)
+{
+    FakeBackend vendorApi;
+    vendorApi.setRouteSequence(
+        "POST", "/v1/realtime/client_secrets",
+        {FakeBackend::Response::json(200, R"({"value":"ek_minted","expires_at":1756310470})"),
+         FakeBackend::Response::json(429, R"({"error":{"message":"Rate limit reached"}})")});
+    vendorApi.setRoute("POST", "/v1/auth/grant",
+                       FakeBackend::Response::json(200, R"({"access_token":"dg.jwt.minted"})"));
+    vendorApi.setRoute("POST", "/v1/single-use-token/realtime_scribe",
+                       FakeBackend::Response::json(200, R"({"token":"el_minted"})"));
+
+    SystemClock clock;
+    for (auto vendor : {SpeechVendor::openai, SpeechVendor::deepgram, SpeechVendor::elevenlabs}) {
+        SCOPED_TRACE(vendorName(vendor).toStdString());
+        ServerConfig config;
+        config.speechVendor =
+            SpeechVendorConfig{vendor, u"sk-long-lived"_s, vendorApi.origin(), u"gpt-4o-transcribe"_s};
+        ServerHarness server(config);
+        InMemoryTokenStore tokens;
+        NotificationCenter notifications;
+        APIClient client{server.base(), tokens, notifications};
+        const auto account = server.signUp();
+        client.setAccessToken(account.accessToken);
+
+        const auto status = awaitTask(client.fetchAccountStatus());
+        EXPECT_EQ(status.speechProvider, vendorName(vendor));
+        const auto token = awaitTask(client.fetchSpeechToken());
+        EXPECT_EQ(token.provider, vendorName(vendor));
+        EXPECT_FALSE(token.endpoint);
+
+        FakeVendorServer vendorSocket(QStringList{u"realtime"_s});
+        std::unique_ptr<SpeechRecognitionProvider> provider;
+        switch (vendor) {
+        case SpeechVendor::openai:
+            EXPECT_EQ(token.sttModel, u"gpt-4o-transcribe"_s);
+            provider = std::make_unique<OpenAISTTProvider>(TranscriptEntry::Speaker::interviewer,
+                                                           clock, vendorSocket.origin());
+            break;
+        case SpeechVendor::deepgram:
+            provider = std::make_unique<DeepgramProvider>(TranscriptEntry::Speaker::interviewer,
+                                                          clock, vendorSocket.origin());
+            break;
+        case SpeechVendor::elevenlabs:
+            provider = std::make_unique<ElevenLabsProvider>(TranscriptEntry::Speaker::interviewer,
+                                                            clock, vendorSocket.origin());
+            break;
+        }
+        awaitTask(provider->start(token.token, u"en-US"_s, std::make_shared<AudioStream>(),
+                                  token.sttModel));
+        ASSERT_TRUE(vendorSocket.waitForConnections(1));
+        const auto& connection = vendorSocket.last();
+        switch (vendor) {
+        case SpeechVendor::openai:
+            EXPECT_TRUE(connection.requestedSubprotocols.contains(
+                u"openai-insecure-api-key.ek_minted"_s));
+            ASSERT_TRUE(vendorSocket.waitForFrames(1));
+            EXPECT_TRUE(connection.textFrames().first().contains(u"\"model\":\"gpt-4o-transcribe\""_s));
+            break;
+        case SpeechVendor::deepgram:
+            EXPECT_EQ(connection.header("Authorization"), "Bearer dg.jwt.minted");
+            break;
+        case SpeechVendor::elevenlabs:
+            EXPECT_TRUE(connection.queryItems.contains(std::pair(u"token"_s, u"el_minted"_s)));
+            break;
+        }
+        awaitTask(provider->stop());
+        for (const auto& request : vendorApi.requests("POST", "/v1/auth/grant")
+                                       + vendorApi.requests("POST", "/v1/realtime/client_secrets"))
+            EXPECT_FALSE(request.body.contains("sk-long-lived")) << "the key travels in a header only";
+
+        if (vendor == SpeechVendor::openai) {
+            try {
+                awaitTask(client.fetchSpeechToken());
+                ADD_FAILURE() << "a rate-limited vendor gave a token";
+            } catch (const SpeechTokenError& error) {
+                EXPECT_TRUE(error.description().startsWith(u"OpenAI is limiting this server's requests"_s))
+                    << error.description().toStdString();
+            }
+        }
+    }
 }

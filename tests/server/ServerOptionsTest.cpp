@@ -89,3 +89,45 @@ TEST(ServerOptionsTest, SigningKeyIsCreatedOnceAndKeptPrivate)
     const auto refused = loadOrCreateSigningKey(shortKey.fileName());
     EXPECT_TRUE(std::get_if<QString>(&refused));
 }
+
+TEST(ServerOptionsTest, SpeechVendorKeysComeFromFilesOrTheEnvironmentOnly)
+{
+    QTemporaryDir dir;
+    QFile key(dir.filePath(u"openai.key"_s));
+    ASSERT_TRUE(key.open(QIODevice::WriteOnly));
+    key.write("sk-file\n");
+    key.close();
+
+    EXPECT_FALSE(parsed({}).config.speechVendor) << "no key, no vendor";
+    const auto fromEnvironment = parsed({}, {u"RAVLET_DEEPGRAM_API_KEY=dg-env"_s});
+    ASSERT_TRUE(fromEnvironment.config.speechVendor);
+    EXPECT_EQ(fromEnvironment.config.speechVendor->vendor, SpeechVendor::deepgram);
+    EXPECT_EQ(fromEnvironment.config.speechVendor->apiKey, u"dg-env"_s);
+    EXPECT_EQ(fromEnvironment.config.speechVendor->baseUrl, u"https://api.deepgram.com"_s);
+
+    const auto fromFile = parsed({u"--openai-key-file"_s, key.fileName(), u"--openai-url"_s,
+                                  u"http://127.0.0.1:9"_s, u"--openai-stt-model"_s, u"whisper-1"_s});
+    ASSERT_TRUE(fromFile.config.speechVendor);
+    EXPECT_EQ(fromFile.config.speechVendor->vendor, SpeechVendor::openai);
+    EXPECT_EQ(fromFile.config.speechVendor->apiKey, u"sk-file"_s);
+    EXPECT_EQ(fromFile.config.speechVendor->baseUrl, u"http://127.0.0.1:9"_s);
+    EXPECT_EQ(fromFile.config.speechVendor->sttModel, u"whisper-1"_s);
+
+    // Two keys: the operator has to say which one mints.
+    const QStringList both{u"RAVLET_DEEPGRAM_API_KEY=dg"_s, u"RAVLET_ELEVENLABS_API_KEY=el"_s};
+    const auto ambiguous = ServerOptions::parse({u"ravlet-server"_s}, both);
+    ASSERT_TRUE(std::get_if<QString>(&ambiguous));
+    EXPECT_TRUE(std::get<QString>(ambiguous).contains(u"--speech-vendor"_s));
+    const auto chosen = parsed({u"--speech-vendor"_s, u"elevenlabs"_s}, both);
+    ASSERT_TRUE(chosen.config.speechVendor);
+    EXPECT_EQ(chosen.config.speechVendor->vendor, SpeechVendor::elevenlabs);
+    EXPECT_EQ(chosen.config.speechVendor->apiKey, u"el"_s);
+
+    for (const auto& argument : {u"--deepgram-key"_s, u"--openai-api-key=sk"_s, u"--elevenlabs-key"_s})
+        EXPECT_TRUE(refusal({argument, u"sk"_s}).contains(u"never given on the command line"_s))
+            << argument.toStdString();
+    EXPECT_FALSE(refusal({u"--speech-vendor"_s, u"openai"_s}).isEmpty()) << "a vendor without its key";
+    EXPECT_FALSE(refusal({u"--speech-vendor"_s, u"acme"_s}).isEmpty());
+    EXPECT_FALSE(refusal({u"--deepgram-url"_s, u"wss://api.deepgram.com"_s}).isEmpty());
+    EXPECT_FALSE(refusal({u"--elevenlabs-key-file"_s, u"/nonexistent/key"_s}).isEmpty());
+}

@@ -1,0 +1,144 @@
+#include "SpeechSynthesizer.h"
+
+#include <QHash>
+#include <QPointer>
+#include <QProcess>
+#include <QTimer>
+#include <QtEndian>
+
+#include <memory>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// espeak-ng speaks a question in well under a second; a child still busy after this is stuck.
+constexpr int processLimitMs = 20'000;
+
+quint32 readLe32(const QByteArray& bytes, qsizetype at)
+{
+    return qFromLittleEndian<quint32>(bytes.constData() + at);
+}
+
+QByteArray le32(quint32 value)
+{
+    QByteArray bytes(4, Qt::Uninitialized);
+    qToLittleEndian(value, bytes.data());
+    return bytes;
+}
+
+} // namespace
+
+SpeechSynthesizer::SpeechSynthesizer(QString program, QObject* parent)
+    : QObject(parent)
+    , m_program(std::move(program))
+{
+}
+
+QString SpeechSynthesizer::voiceFor(const QString& language)
+{
+    static const QHash<QString, QString> voices{
+        {u"en"_s, u"en-us"_s}, {u"de"_s, u"de"_s}, {u"es"_s, u"es"_s}, {u"fr"_s, u"fr"_s},
+        {u"it"_s, u"it"_s},    {u"pt"_s, u"pt"_s}, {u"nl"_s, u"nl"_s}, {u"pl"_s, u"pl"_s},
+        {u"sv"_s, u"sv"_s},    {u"tr"_s, u"tr"_s}, {u"ru"_s, u"ru"_s}, {u"uk"_s, u"uk"_s},
+    };
+    const auto lower = language.toLower();
+    if (lower.startsWith(u"en-gb"_s) || lower.startsWith(u"en_gb"_s))
+        return u"en-gb"_s;
+    return voices.value(lower.left(2), u"en-us"_s);
+}
+
+std::optional<QByteArray> SpeechSynthesizer::completeWav(const QByteArray& streamed)
+{
+    if (streamed.size() < 12 || !streamed.startsWith("RIFF") || streamed.mid(8, 4) != "WAVE")
+        return std::nullopt;
+    QByteArray format;
+    qsizetype at = 12;
+    while (at + 8 <= streamed.size()) {
+        const auto id = streamed.mid(at, 4);
+        const auto size = readLe32(streamed, at + 4);
+        if (id == "data") {
+            // The streamed size is a placeholder: the audio is whatever follows.
+            if (format.size() < 16)
+                return std::nullopt;
+            const auto blockAlign = qFromLittleEndian<quint16>(format.constData() + 12);
+            auto pcm = streamed.mid(at + 8);
+            if (blockAlign > 0)
+                pcm.truncate(pcm.size() - pcm.size() % blockAlign);
+            return "RIFF" + le32(quint32(4 + 8 + format.size() + 8 + pcm.size())) + "WAVE"
+                   + "fmt " + le32(quint32(format.size())) + format + "data"
+                   + le32(quint32(pcm.size())) + pcm;
+        }
+        if (size > quint32(streamed.size() - at - 8))
+            return std::nullopt;
+        if (id == "fmt ") {
+            format = streamed.mid(at + 8, qsizetype(size));
+            if (format.size() < 16 || qFromLittleEndian<quint16>(format.constData()) != 1)
+                return std::nullopt; // not plain PCM
+        }
+        at += 8 + qsizetype(size) + qsizetype(size % 2);
+    }
+    return std::nullopt;
+}
+
+void SpeechSynthesizer::speak(const QString& text, const QString& language,
+                              std::function<void(const Result&)> done)
+{
+    if (m_running >= maxRunning) {
+        QTimer::singleShot(0, this, [done = std::move(done)] {
+            done(Failure{503, u"Speech synthesis is busy; try again in a moment"_s});
+        });
+        return;
+    }
+    ++m_running;
+    auto* process = new QProcess(this);
+    auto* watchdog = new QTimer(process);
+    watchdog->setSingleShot(true);
+    // One answer per child, whichever of its signals comes first.
+    auto finish = std::make_shared<std::function<void(const Result&)>>(std::move(done));
+    auto settle = [this, process, finish](const Result& result) {
+        if (!*finish)
+            return;
+        auto callback = std::move(*finish);
+        *finish = nullptr;
+        --m_running;
+        process->disconnect(this);
+        process->deleteLater();
+        callback(result);
+    };
+    connect(process, &QProcess::errorOccurred, this,
+            [process, settle](QProcess::ProcessError error) {
+                if (error == QProcess::FailedToStart) {
+                    settle(Failure{503, u"Speech synthesis is not available on this server: "
+                                        u"espeak-ng is not installed"_s});
+                } else if (error == QProcess::Crashed || error == QProcess::Timedout) {
+                    process->kill();
+                    settle(Failure{500, u"Speech synthesis failed"_s});
+                }
+            });
+    connect(process, &QProcess::finished, this,
+            [process, settle](int exitCode, QProcess::ExitStatus status) {
+                if (status != QProcess::NormalExit || exitCode != 0) {
+                    settle(Failure{500, u"Speech synthesis failed"_s});
+                    return;
+                }
+                const auto wav = completeWav(process->readAllStandardOutput());
+                if (!wav)
+                    settle(Failure{500, u"Speech synthesis produced no audio"_s});
+                else
+                    settle(*wav);
+            });
+    connect(watchdog, &QTimer::timeout, this, [process, settle] {
+        process->kill();
+        settle(Failure{500, u"Speech synthesis took too long"_s});
+    });
+    process->setProcessChannelMode(QProcess::SeparateChannels);
+    process->setStandardErrorFile(QProcess::nullDevice());
+    process->start(m_program, {u"-v"_s, voiceFor(language), u"--stdout"_s});
+    if (!*finish)
+        return; // refused at once: the child never ran
+    watchdog->start(processLimitMs);
+    // Written before the child runs: QProcess buffers it, and a failed start discards it.
+    process->write(text.toUtf8());
+    process->closeWriteChannel();
+}
