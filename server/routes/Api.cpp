@@ -1,6 +1,7 @@
 #include "Api.h"
 
 #include "LoginPage.h"
+#include "SpeechTokens.h"
 #include "TranscriptChannel.h"
 
 #include <QJsonDocument>
@@ -36,6 +37,7 @@ Api::Api(Database& db, AccountService& accounts, const Clock& clock, ServerConfi
     , m_documents(db)
     , m_answerLogs(db)
     , m_telemetry(db)
+    , m_speechTokens(std::make_unique<SpeechTokens>(accounts, m_interviews, m_config))
 {
     registerAuthRoutes();
     registerInterviewRoutes();
@@ -63,6 +65,7 @@ void Api::attach(HttpServer& server)
             handle(request, std::move(responder));
         });
     TranscriptChannel::attach(server, m_accounts, m_interviews, this);
+    m_speechTokens->attach(server, this);
 }
 
 void Api::addRoute(
@@ -179,18 +182,12 @@ void Api::registerAuthRoutes()
     addRoute("GET", u"/api/v1/subscription/status"_s,
              [this](const HttpRequest&, const User&, const Params&) {
                  QJsonObject status;
-                 if (m_config.speechEndpoint)
-                     status.insert(u"speechProvider"_s, u"deepgram"_s);
+                 if (const auto provider = m_speechTokens->provider())
+                     status.insert(u"speechProvider"_s, *provider);
                  return jsonResponse(200, status);
              });
     addRoute("GET", u"/api/v1/speech/token"_s,
-             [this](const HttpRequest&, const User& user, const Params&) {
-                 if (!m_config.speechEndpoint)
-                     return HttpResponse::error(
-                         503, u"Speech recognition is not set up on this server: start "
-                              u"ravlet-server with --speech-endpoint"_s);
-                 return jsonResponse(200, {{u"provider"_s, u"deepgram"_s},
-                                           {u"token"_s, m_accounts.issueSpeechToken(user.id)},
-                                           {u"endpoint"_s, *m_config.speechEndpoint}});
+             [this](const HttpRequest& request, const User& user, const Params&) {
+                 return m_speechTokens->token(request, user.id);
              });
 }

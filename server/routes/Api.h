@@ -15,6 +15,7 @@
 #include <optional>
 
 class Clock;
+class SpeechTokens;
 namespace ravlet::server {
 class AnswerEngine;
 }
@@ -72,6 +73,7 @@ private:
     DocumentStore m_documents;
     AnswerLogStore m_answerLogs;
     TelemetryStore m_telemetry;
+    std::unique_ptr<SpeechTokens> m_speechTokens;
     QList<Route> m_routes;
 };
 

@@ -8,6 +8,8 @@
 struct ServerConfig {
     // Origin of a recogniser that speaks Deepgram's streaming protocol; none: speech is off.
     std::optional<QString> speechEndpoint;
+    // Without an endpoint, the built-in English recogniser listens (where it is installed).
+    bool offlineSpeech = true;
     // Folder of update packages "RavletAI-<version>....tar.gz"; none: never an update.
     std::optional<QString> updatesDir;
     // The origin clients reach this server at, for download links; empty: from the Host header.

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "DeepgramWire.h"
+
+#include <QObject>
+
+#include <memory>
+
+class AccountService;
+class HttpServer;
+class QThread;
+class QWebSocket;
+
+// One socket of the built-in recogniser. The socket stays on the main thread; its decoder runs
+// on a thread of its own, so a slow decode holds up this socket's results and no other's.
+class ListenChannel : public QObject {
+    Q_OBJECT
+
+public:
+    // Each socket holds a decoder of its own (about 20 MB) and a thread; more are refused.
+    static constexpr int maxOpenChannels = 64;
+    // A second of audio is 32 KB: a frame of half a minute is no capture's.
+    static constexpr qint64 maxFrameBytes = 1024 * 1024;
+
+    // The listen paths of both protocol versions; a handshake without a valid speech token,
+    // or asking for what the recogniser cannot do, is refused before any decoder loads.
+    static void attach(HttpServer& server, AccountService& accounts, QObject* owner);
+    // Channels whose decoder thread has not ended yet.
+    static int openCount();
+
+    ListenChannel(std::unique_ptr<QWebSocket> socket, DeepgramWire::ListenRequest request,
+                  QObject* parent);
+    ~ListenChannel() override;
+
+private:
+    void end();
+
+    std::unique_ptr<QWebSocket> m_socket;
+    // Runs the socket's RecognizerWorker, which is deleted when the thread ends.
+    std::unique_ptr<QThread> m_thread;
+};
