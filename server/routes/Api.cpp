@@ -25,7 +25,7 @@ HttpResponse jsonResponse(int status, const QJsonObject& object)
     return HttpResponse::json(status, QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 
-Api::Api(Database& db, AccountService& accounts, const Clock& clock, ServerConfig config,
+Api::Api(Database& db, AccountService& accounts, Clock& clock, ServerConfig config,
          ravlet::server::AnswerEngine* engine, QObject* parent)
     : QObject(parent)
     , m_db(db)
@@ -37,7 +37,7 @@ Api::Api(Database& db, AccountService& accounts, const Clock& clock, ServerConfi
     , m_documents(db)
     , m_answerLogs(db)
     , m_telemetry(db)
-    , m_speechTokens(std::make_unique<SpeechTokens>(accounts, m_interviews, m_config))
+    , m_speechTokens(std::make_unique<SpeechTokens>(accounts, m_interviews, m_config, clock))
 {
     registerAuthRoutes();
     registerInterviewRoutes();

@@ -30,7 +30,8 @@ public:
     static constexpr qint64 maxUploadBody = 12 * 1024 * 1024;
 
     // `engine` may be null: answers are then refused with 503.
-    Api(Database& db, AccountService& accounts, const Clock& clock, ServerConfig config,
+    // `clock` also times out listen sockets that have gone quiet.
+    Api(Database& db, AccountService& accounts, Clock& clock, ServerConfig config,
         ravlet::server::AnswerEngine* engine, QObject* parent = nullptr);
     ~Api() override;
 
@@ -66,7 +67,7 @@ private:
 
     Database& m_db;
     AccountService& m_accounts;
-    const Clock& m_clock;
+    Clock& m_clock;
     ServerConfig m_config;
     ravlet::server::AnswerEngine* m_engine;
     InterviewStore m_interviews;

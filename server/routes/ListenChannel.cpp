@@ -1,6 +1,7 @@
 #include "ListenChannel.h"
 
 #include "AccountService.h"
+#include "Clock.h"
 #include "Helpers.h"
 #include "HttpServer.h"
 #include "RecognizerWorker.h"
@@ -33,7 +34,8 @@ DeepgramWire::ListenRequest listenRequestOf(const HttpRequest& request)
 
 } // namespace
 
-void ListenChannel::attach(HttpServer& server, AccountService& accounts, QObject* owner)
+void ListenChannel::attach(HttpServer& server, AccountService& accounts, Clock& clock,
+                           QObject* owner)
 {
     auto gate = [&accounts](const HttpRequest& request) -> std::optional<HttpResponse> {
         if (!isValidSpeechToken(accounts, request.header("Authorization")))
@@ -45,7 +47,7 @@ void ListenChannel::attach(HttpServer& server, AccountService& accounts, QObject
             return HttpResponse::error(503, u"The speech recogniser is busy; try again shortly"_s);
         return std::nullopt;
     };
-    auto handler = [&accounts, owner](std::unique_ptr<QWebSocket> socket) {
+    auto handler = [&accounts, &clock, owner](std::unique_ptr<QWebSocket> socket) {
         // The gate has passed this very request; the token may have expired in between.
         const auto listen = DeepgramWire::parseListenUrl(socket->requestUrl());
         if (!isValidSpeechToken(accounts, socket->request().rawHeader("Authorization"))
@@ -53,7 +55,7 @@ void ListenChannel::attach(HttpServer& server, AccountService& accounts, QObject
             socket->close(QWebSocketProtocol::CloseCodePolicyViolated);
             return;
         }
-        new ListenChannel(std::move(socket), listen, owner);
+        new ListenChannel(std::move(socket), listen, clock, owner);
     };
     server.addWebSocketRoute(u"/v1/listen"_s, gate, handler);
     server.addWebSocketRoute(u"/v2/listen"_s, gate, handler);
@@ -65,10 +67,13 @@ int ListenChannel::openCount()
 }
 
 ListenChannel::ListenChannel(std::unique_ptr<QWebSocket> socket,
-                             DeepgramWire::ListenRequest request, QObject* parent)
+                             DeepgramWire::ListenRequest request, Clock& clock,
+                             QObject* parent)
     : QObject(parent)
     , m_socket(std::move(socket))
     , m_thread(std::make_unique<QThread>())
+    , m_clock(clock)
+    , m_lastFrameMs(clock.nowMs())
 {
     ++openChannels;
     m_socket->setMaxAllowedIncomingMessageSize(maxFrameBytes);
@@ -89,6 +94,10 @@ ListenChannel::ListenChannel(std::unique_ptr<QWebSocket> socket,
     connect(worker, &RecognizerWorker::failed, this,
             [this] { m_socket->close(QWebSocketProtocol::CloseCodeBadOperation); });
     connect(m_socket.get(), &QWebSocket::disconnected, this, &ListenChannel::end);
+    const auto heardFrom = [this] { m_lastFrameMs = m_clock.nowMs(); };
+    connect(m_socket.get(), &QWebSocket::binaryMessageReceived, this, heardFrom);
+    connect(m_socket.get(), &QWebSocket::textMessageReceived, this, heardFrom);
+    m_idleTimer = m_clock.startTimer(idleLimitMs, [this] { checkIdle(); });
 
     m_thread->setObjectName(u"listen"_s);
     m_thread->start();
@@ -98,10 +107,25 @@ ListenChannel::ListenChannel(std::unique_ptr<QWebSocket> socket,
 ListenChannel::~ListenChannel()
 {
     disconnect(m_socket.get(), nullptr, this, nullptr);
+    m_clock.cancelTimer(m_idleTimer);
     // At shutdown the decoder may still be busy; it stops at its next slice of audio.
     end();
     m_thread->wait();
     --openChannels;
+}
+
+void ListenChannel::checkIdle()
+{
+    const qint64 quietMs = m_clock.nowMs() - m_lastFrameMs;
+    if (quietMs < idleLimitMs) {
+        m_idleTimer = m_clock.startTimer(idleLimitMs - quietMs, [this] { checkIdle(); });
+        return;
+    }
+    m_idleTimer = 0;
+    m_socket->close(QWebSocketProtocol::CloseCodePolicyViolated,
+                    u"No audio or keep-alive for 30 seconds"_s);
+    // A peer that has gone without a word answers no close either.
+    end();
 }
 
 void ListenChannel::end()

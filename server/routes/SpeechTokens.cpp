@@ -38,10 +38,11 @@ QString languageName(const QString& languageCode)
 } // namespace
 
 SpeechTokens::SpeechTokens(AccountService& accounts, InterviewStore& interviews,
-                           const ServerConfig& config)
+                           const ServerConfig& config, Clock& clock)
     : m_accounts(accounts)
     , m_interviews(interviews)
     , m_config(config)
+    , m_clock(clock)
     , m_usesBuiltIn(!config.speechEndpoint && config.offlineSpeech
                     && isBuiltInRecognizerInstalled())
 {
@@ -110,6 +111,6 @@ void SpeechTokens::attach([[maybe_unused]] HttpServer& server, [[maybe_unused]] 
 {
 #ifdef RAVLET_OFFLINE_SPEECH
     if (m_usesBuiltIn)
-        ListenChannel::attach(server, m_accounts, owner);
+        ListenChannel::attach(server, m_accounts, m_clock, owner);
 #endif
 }

@@ -8,6 +8,7 @@
 #include <optional>
 
 class AccountService;
+class Clock;
 class HttpServer;
 class InterviewStore;
 class QObject;
@@ -17,7 +18,8 @@ class QObject;
 // speaks Deepgram's streaming protocol with a short-lived token of ours.
 class SpeechTokens {
 public:
-    SpeechTokens(AccountService& accounts, InterviewStore& interviews, const ServerConfig& config);
+    SpeechTokens(AccountService& accounts, InterviewStore& interviews, const ServerConfig& config,
+                 Clock& clock);
 
     // Whether this build, on this machine, can recognise speech by itself.
     static bool isBuiltInRecognizerInstalled();
@@ -34,5 +36,6 @@ private:
     AccountService& m_accounts;
     InterviewStore& m_interviews;
     const ServerConfig& m_config;
+    Clock& m_clock;
     bool m_usesBuiltIn = false;
 };

@@ -204,6 +204,18 @@ TEST_F(ListenChannelTest, SurvivesGarbageOddFramesAndAClientThatVanishesMidPhras
     EXPECT_TRUE(next->waitConnected());
 }
 
+// A client that is gone without closing its connection sends nothing more: its decoder is let go.
+TEST_F(ListenChannelTest, ASocketQuietForThirtySecondsIsClosed)
+{
+    auto client = open(englishPath, bearer);
+    ASSERT_TRUE(client->waitConnected());
+    ASSERT_TRUE(waitUntil([] { return ListenChannel::openCount() == 1; }));
+    server.clock.advance(std::chrono::milliseconds(ListenChannel::idleLimitMs - 1000));
+    EXPECT_FALSE(waitUntil([&] { return client->isClosed; }, 200));
+    server.clock.advance(std::chrono::seconds(1));
+    EXPECT_TRUE(waitUntil([&] { return client->isClosed && ListenChannel::openCount() == 0; }));
+}
+
 // Twenty sockets at once, each fed its own question faster than real time: every socket gets
 // its own text back, never a neighbour's.
 TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeech)
