@@ -29,16 +29,6 @@ const auto englishPath = u"/v2/listen?model=flux-general-en&encoding=linear16&sa
                          u"&eot_threshold=0.7&eot_timeout_ms=5000"_s;
 constexpr int decodeTimeoutMs = 90'000;
 
-// How many of the expected words were heard, in any order, each counted once.
-int wordsHeard(const QString& expected, const QString& heard)
-{
-    auto remaining = heard.toLower().split(u' ', Qt::SkipEmptyParts);
-    int count = 0;
-    for (const auto& word : expected.toLower().split(u' ', Qt::SkipEmptyParts))
-        count += remaining.removeOne(word) ? 1 : 0;
-    return count;
-}
-
 // One client socket and everything the server said on it.
 class ListenClient {
 public:
@@ -185,7 +175,7 @@ TEST_F(ListenChannelTest, SurvivesGarbageOddFramesAndAClientThatVanishesMidPhras
     ASSERT_TRUE(waitUntil([&] { return client->isClosed; }, decodeTimeoutMs))
         << "the server closes the socket after its last message";
     const auto heard = client->finals().join(u' ');
-    EXPECT_GE(wordsHeard(proudQuestion, heard), 4) << "heard: " << heard.toStdString();
+    EXPECT_GE(SpokenAudio::wordsHeard(proudQuestion, heard), 4) << "heard: " << heard.toStdString();
     EXPECT_GT(client->count(u"Results"_s, false), 0) << "partials while the phrase is under way";
     EXPECT_EQ(client->count(u"Metadata"_s), 1);
     EXPECT_EQ(client->messages.last().value(u"type"_s), u"Metadata"_s);
@@ -265,12 +255,12 @@ TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeech)
 
     for (std::size_t i = 0; i < clients.size(); ++i) {
         const auto heard = clients[i]->finals().join(u' ');
-        const int own = wordsHeard(questions[qsizetype(i)], heard);
+        const int own = SpokenAudio::wordsHeard(questions[qsizetype(i)], heard);
         SCOPED_TRACE(heard.toStdString());
         EXPECT_GE(2 * own, questions[qsizetype(i)].count(u' ') + 1) << questions[qsizetype(i)].toStdString();
         for (qsizetype j = 0; j < questions.size(); ++j) {
             if (j != qsizetype(i)) {
-                EXPECT_LT(wordsHeard(questions[j], heard), own) << questions[j].toStdString();
+                EXPECT_LT(SpokenAudio::wordsHeard(questions[j], heard), own) << questions[j].toStdString();
             }
         }
     }

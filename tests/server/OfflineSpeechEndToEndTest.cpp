@@ -17,6 +17,7 @@
 #include "PreferencesStore.h"
 #include "PulseSystemAudioSource.h"
 #include "SpeechTokens.h"
+#include "SpokenAudio.h"
 #include "UserSettings.h"
 
 #include <QFile>
@@ -35,15 +36,6 @@ namespace {
 
 const auto proudQuestion = u"Tell me about a project you are proud of"_s;
 constexpr int toolTimeoutMs = 30'000;
-
-int wordsHeard(const QString& expected, const QString& heard)
-{
-    auto remaining = heard.toLower().split(u' ', Qt::SkipEmptyParts);
-    int count = 0;
-    for (const auto& word : expected.toLower().split(u' ', Qt::SkipEmptyParts))
-        count += remaining.removeOne(word) ? 1 : 0;
-    return count;
-}
 
 // The fixture's state file: KEY=VALUE lines, or MISSING=<tool>.
 std::map<QByteArray, QString> readState(const QString& path)
@@ -166,7 +158,7 @@ TEST_P(OfflineSpeechLanguageTest, SpeechPlayedOnTheMachineComesBackAsAFinalSegme
     EXPECT_TRUE(recognizer.recoveryEvents()->tryNext() == std::nullopt) << "the socket never failed";
     const auto final = std::find_if(segments.begin(), segments.end(), [](const auto& s) { return s.isFinal; });
     EXPECT_EQ(final->speaker, TranscriptEntry::Speaker::interviewer);
-    EXPECT_GE(wordsHeard(proudQuestion, final->text), 4) << "heard: " << final->text.toStdString();
+    EXPECT_GE(SpokenAudio::wordsHeard(proudQuestion, final->text), 4) << "heard: " << final->text.toStdString();
 }
 
 INSTANTIATE_TEST_SUITE_P(Languages, OfflineSpeechLanguageTest, ::testing::Values("auto", "en-US"),
@@ -205,7 +197,7 @@ TEST_F(OfflineSpeechEndToEndTest, AQuestionSpokenOnTheMachineGetsAnOfflineAnswer
         return std::nullopt;
     };
     ASSERT_TRUE(waitUntil([&] { return interviewerLine().has_value(); }, 30'000));
-    EXPECT_GE(wordsHeard(proudQuestion, interviewerLine()->content), 4)
+    EXPECT_GE(SpokenAudio::wordsHeard(proudQuestion, interviewerLine()->content), 4)
         << "heard: " << interviewerLine()->content.toStdString();
 
     vm.triggerAIAnswer();
