@@ -1,16 +1,30 @@
 // Word error rate of the built-in recogniser on interview questions spoken by espeak-ng, clean
-// and at 10 dB signal-to-noise, with and without the interview language model; and the CPU
-// share of one recogniser fed in real time. Prints its figures; it asserts nothing.
+// and at 10 dB signal-to-noise, with and without the interview language model; the CPU share of
+// one recogniser fed in real time; and, through a running ravlet-server, the CPU share and memory
+// of one listen socket. Prints its figures; it asserts nothing.
 #include "OfflineRecognizer.h"
 #include "SpokenAudio.h"
+#include "TokenSigner.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QNetworkRequest>
+#include <QProcess>
 #include <QRegularExpression>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTemporaryDir>
 #include <QThread>
+#include <QTimer>
+#include <QWebSocket>
 
 #include <cstdio>
 #include <ctime>
+#include <functional>
+#include <unistd.h>
 #include <vector>
 
 using namespace Qt::StringLiterals;
@@ -85,6 +99,145 @@ double threadCpuSeconds()
     return double(time.tv_sec) + double(time.tv_nsec) / 1e9;
 }
 
+// The server's own CPU seconds (user and system) and resident memory, from /proc.
+struct ProcessUsage {
+    double cpuSeconds = 0;
+    double rssMb = 0;
+};
+ProcessUsage usageOf(qint64 pid)
+{
+    ProcessUsage usage;
+    QFile stat(u"/proc/%1/stat"_s.arg(pid));
+    if (stat.open(QIODevice::ReadOnly)) {
+        const auto fields = stat.readAll().split(')').value(1).split(' ');
+        // After the name: state is field 3, utime 14 and stime 15 of the whole line.
+        usage.cpuSeconds = double(fields.value(12).toLongLong() + fields.value(13).toLongLong())
+                           / double(sysconf(_SC_CLK_TCK));
+    }
+    QFile status(u"/proc/%1/status"_s.arg(pid));
+    if (status.open(QIODevice::ReadOnly)) {
+        for (const auto& line : status.readAll().split('\n')) {
+            if (line.startsWith("VmRSS:"))
+                usage.rssMb = line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024.0;
+        }
+    }
+    return usage;
+}
+
+void turnEventLoop(int ms)
+{
+    QEventLoop loop;
+    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+bool waitFor(const std::function<bool()>& condition, int timeoutMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition()) {
+        if (timer.elapsed() > timeoutMs)
+            return false;
+        turnEventLoop(10);
+    }
+    return true;
+}
+
+// Sockets of the built-in recogniser on a real ravlet-server: one fed in real time for its CPU
+// share, then more opened for the memory each takes.
+void measureListenSockets(const QByteArray& stream)
+{
+    QTemporaryDir dir;
+    const QByteArray key(32, 'b');
+    QFile keyFile(dir.filePath(u"key"_s));
+    if (!keyFile.open(QIODevice::WriteOnly))
+        return;
+    keyFile.write(key.toHex() + '\n');
+    keyFile.close();
+    quint16 port = 0;
+    {
+        QTcpServer probe;
+        probe.listen(QHostAddress::LocalHost, 0);
+        port = probe.serverPort();
+    }
+    QProcess server;
+    server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    server.start(QStringLiteral(RAVLET_SERVER_PATH),
+                 {u"--listen"_s, u"127.0.0.1:%1"_s.arg(port), u"--database"_s, dir.filePath(u"db.sqlite"_s),
+                  u"--signing-key-file"_s, keyFile.fileName()});
+    const auto isUp = [&] {
+        QTcpSocket probe;
+        probe.connectToHost(QHostAddress::LocalHost, port);
+        return probe.waitForConnected(200);
+    };
+    if (!server.waitForStarted() || !waitFor(isUp, 10'000)) {
+        std::printf("listen sockets: ravlet-server did not start\n");
+        return;
+    }
+    const auto now = QDateTime::currentSecsSinceEpoch();
+    const auto token = TokenSigner(key).sign(
+        {{u"sub"_s, u"bench"_s}, {u"typ"_s, u"speech"_s}, {u"iat"_s, now}, {u"exp"_s, now + 600}});
+    QUrl url(u"ws://127.0.0.1:%1/v1/listen?encoding=linear16&sample_rate=16000&channels=1"
+             u"&interim_results=true&utterance_end_ms=1500&language=au"_s.arg(port));
+    QNetworkRequest request(url);
+    request.setRawHeader("Authorization", "Bearer " + token.toLatin1());
+
+    struct Socket {
+        QWebSocket socket;
+        int finals = 0;
+        bool isOpen = false;
+    };
+    std::vector<std::unique_ptr<Socket>> sockets;
+    const auto openSocket = [&] {
+        auto socket = std::make_unique<Socket>();
+        auto* raw = socket.get();
+        QObject::connect(&raw->socket, &QWebSocket::connected, [raw] { raw->isOpen = true; });
+        QObject::connect(&raw->socket, &QWebSocket::textMessageReceived, [raw](const QString& text) {
+            if (text.contains(u"\"is_final\":true"_s))
+                ++raw->finals;
+        });
+        raw->socket.open(request);
+        waitFor([raw] { return raw->isOpen; }, 10'000);
+        sockets.push_back(std::move(socket));
+        return raw;
+    };
+
+    const auto idle = usageOf(server.processId());
+    auto* first = openSocket();
+    // The decoder loads with the first frame; a second of speech shows what one socket holds.
+    first->socket.sendBinaryMessage(stream.left(32'000));
+    turnEventLoop(2'000);
+    const auto oneLoaded = usageOf(server.processId());
+
+    QElapsedTimer wall;
+    wall.start();
+    constexpr qsizetype chunk = 3200; // 100 ms, as the capture sends it
+    for (qsizetype offset = 32'000; offset < stream.size(); offset += chunk) {
+        first->socket.sendBinaryMessage(stream.mid(offset, chunk));
+        const qint64 due = (offset - 32'000 + chunk) * 1000 / 32000;
+        if (const auto wait = due - wall.elapsed(); wait > 0)
+            turnEventLoop(int(wait));
+    }
+    turnEventLoop(500); // the last frames' decoding
+    const auto fed = usageOf(server.processId());
+    const double seconds = double(wall.elapsed()) / 1000.0;
+    std::printf("one listen socket through ravlet-server: %.1f s of audio in real time, %d final results, "
+                "%.2f s of server CPU: %.1f %% of one core (goal under 50 %%)\n",
+                seconds, first->finals, fed.cpuSeconds - oneLoaded.cpuSeconds,
+                100.0 * (fed.cpuSeconds - oneLoaded.cpuSeconds) / seconds);
+
+    constexpr int more = 4;
+    for (int i = 0; i < more; ++i)
+        openSocket()->socket.sendBinaryMessage(stream.left(32'000));
+    turnEventLoop(4'000);
+    const auto allLoaded = usageOf(server.processId());
+    std::printf("memory: server idle %.0f MB; first socket +%.1f MB; %d more sockets +%.1f MB each\n",
+                idle.rssMb, oneLoaded.rssMb - idle.rssMb, more, (allLoaded.rssMb - oneLoaded.rssMb) / more);
+    sockets.clear();
+    server.terminate();
+    server.waitForFinished(5'000);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -155,5 +308,7 @@ int main(int argc, char** argv)
     const double seconds = double(wall.elapsed()) / 1000.0;
     std::printf("real-time feed: %.1f s of audio, %.2f s of CPU: %.1f %% of one core (goal under 50 %%)\n", seconds,
                 cpu, 100.0 * cpu / seconds);
+    std::fflush(stdout);
+    measureListenSockets(stream);
     return 0;
 }

@@ -149,6 +149,19 @@ QString AccountService::issueSpeechToken(const QString& userId) const
                           {u"exp"_s, (now + speechTokenLifetimeMs) / 1000}});
 }
 
+std::optional<QString> AccountService::verifySpeechToken(const QString& token) const
+{
+    const auto claims = m_signer.verify(token);
+    if (!claims || claims->value(u"typ"_s).toString() != u"speech"_s)
+        return std::nullopt;
+    if (claims->value(u"exp"_s).toInteger(0) * 1000 <= m_clock.nowMs())
+        return std::nullopt;
+    const auto sub = claims->value(u"sub"_s).toString();
+    if (sub.isEmpty())
+        return std::nullopt;
+    return sub;
+}
+
 AccountService::TokenPair AccountService::issuePair(const UserRecord& user, const QString& familyId)
 {
     const auto now = m_clock.nowMs();

@@ -45,6 +45,8 @@ public:
 
     // A short-lived token of ours for a self-hosted recogniser, which checks it with the same key.
     QString issueSpeechToken(const QString& userId) const;
+    // The user a speech token was issued to, while it lasts; an access token is no speech token.
+    std::optional<QString> verifySpeechToken(const QString& token) const;
 
     static QString normalisedEmail(const QString& email);
 

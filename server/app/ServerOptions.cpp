@@ -62,6 +62,10 @@ const QList<Option>& options()
          u"RAVLET_NO_LOCAL_SIGN_IN"_s,
          {},
          u"Hide \"Continue on this computer\" (for a server shared by many users)."_s},
+        {u"--no-offline-speech"_s,
+         u"RAVLET_NO_OFFLINE_SPEECH"_s,
+         {},
+         u"Without --speech-endpoint, refuse speech instead of recognising English here."_s},
         {u"--no-telemetry"_s,
          u"RAVLET_NO_TELEMETRY"_s,
          {},
@@ -262,6 +266,7 @@ ServerOptions::parse(const QStringList& arguments, const QStringList& environmen
         result.config.publicOrigin.chop(1);
     result.config.localSignIn = !values.contains(u"--no-local-sign-in"_s);
     result.config.telemetryEnabled = !values.contains(u"--no-telemetry"_s);
+    result.config.offlineSpeech = !values.contains(u"--no-offline-speech"_s);
     return result;
 }
 

@@ -2,6 +2,7 @@
 
 #include "LoginPage.h"
 #include "SpeechSynthesizer.h"
+#include "SpeechTokens.h"
 #include "TranscriptChannel.h"
 #include "VendorTokens.h"
 
@@ -26,7 +27,7 @@ HttpResponse jsonResponse(int status, const QJsonObject& object)
     return HttpResponse::json(status, QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 
-Api::Api(Database& db, AccountService& accounts, const Clock& clock, ServerConfig config,
+Api::Api(Database& db, AccountService& accounts, Clock& clock, ServerConfig config,
          ravlet::server::AnswerEngine* engine, QObject* parent)
     : QObject(parent)
     , m_db(db)
@@ -40,6 +41,7 @@ Api::Api(Database& db, AccountService& accounts, const Clock& clock, ServerConfi
     , m_telemetry(db)
     , m_practice(db)
     , m_synthesizer(std::make_unique<SpeechSynthesizer>(m_config.espeakProgram))
+    , m_speechTokens(std::make_unique<SpeechTokens>(accounts, m_interviews, m_config, clock))
 {
     if (m_config.speechVendor)
         m_vendorTokens = std::make_unique<VendorTokens>(*m_config.speechVendor);
@@ -70,6 +72,7 @@ void Api::attach(HttpServer& server)
             handle(request, std::move(responder));
         });
     TranscriptChannel::attach(server, m_accounts, m_interviews, this);
+    m_speechTokens->attach(server, this);
 }
 
 void Api::addRoute(
@@ -199,27 +202,17 @@ void Api::registerAuthRoutes()
                  QJsonObject status;
                  if (m_config.speechVendor)
                      status.insert(u"speechProvider"_s, vendorName(m_config.speechVendor->vendor));
-                 else if (m_config.speechEndpoint)
-                     status.insert(u"speechProvider"_s, u"deepgram"_s);
+                 else if (const auto provider = m_speechTokens->provider())
+                     status.insert(u"speechProvider"_s, *provider);
                  return jsonResponse(200, status);
              });
     addDeferredRoute("GET", u"/api/v1/speech/token"_s,
-                     [this](const HttpRequest&, const User& user,
+                     [this](const HttpRequest& request, const User& user,
                             std::shared_ptr<HttpResponder> responder) {
                          // A vendor's key comes first: the operator gave it for quality.
                          if (m_vendorTokens)
                              mintVendorToken(std::move(responder));
                          else
-                             responder->respond(localSpeechToken(user));
+                             responder->respond(m_speechTokens->token(request, user.id));
                      });
-}
-
-HttpResponse Api::localSpeechToken(const User& user)
-{
-    if (!m_config.speechEndpoint)
-        return HttpResponse::error(503, u"Speech recognition is not set up on this server: start "
-                                        u"ravlet-server with --speech-endpoint or a vendor key"_s);
-    return jsonResponse(200, {{u"provider"_s, u"deepgram"_s},
-                              {u"token"_s, m_accounts.issueSpeechToken(user.id)},
-                              {u"endpoint"_s, *m_config.speechEndpoint}});
 }

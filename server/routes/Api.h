@@ -19,6 +19,7 @@
 class Clock;
 class SpeechSynthesizer;
 class VendorTokens;
+class SpeechTokens;
 namespace ravlet::server {
 class AnswerEngine;
 }
@@ -33,7 +34,8 @@ public:
     static constexpr qint64 maxUploadBody = 12 * 1024 * 1024;
 
     // `engine` may be null: answers are then refused with 503.
-    Api(Database& db, AccountService& accounts, const Clock& clock, ServerConfig config,
+    // `clock` also times out listen sockets that have gone quiet.
+    Api(Database& db, AccountService& accounts, Clock& clock, ServerConfig config,
         ravlet::server::AnswerEngine* engine, QObject* parent = nullptr);
     ~Api() override;
 
@@ -69,7 +71,6 @@ private:
     void registerDocumentRoutes();
     void registerTelemetryRoutes();
     void registerPracticeRoutes();
-    HttpResponse localSpeechToken(const User& user);
     void mintVendorToken(std::shared_ptr<HttpResponder> responder);
     void speak(const HttpRequest& request, const User& user,
                std::shared_ptr<HttpResponder> responder);
@@ -79,7 +80,7 @@ private:
 
     Database& m_db;
     AccountService& m_accounts;
-    const Clock& m_clock;
+    Clock& m_clock;
     ServerConfig m_config;
     ravlet::server::AnswerEngine* m_engine;
     InterviewStore m_interviews;
@@ -91,6 +92,7 @@ private:
     std::unique_ptr<SpeechSynthesizer> m_synthesizer;
     // The language of each user's latest practice questions, for the voice that speaks them.
     QHash<QString, QString> m_practiceLanguage;
+    std::unique_ptr<SpeechTokens> m_speechTokens;
     QList<Route> m_routes;
 };
 

@@ -14,6 +14,8 @@ struct ServerConfig {
     std::optional<SpeechVendorConfig> speechVendor;
     // The speech synthesiser of practice interviews, run as a process.
     QString espeakProgram = QStringLiteral("espeak-ng");
+    // Without an endpoint, the built-in English recogniser listens (where it is installed).
+    bool offlineSpeech = true;
     // Folder of update packages "RavletAI-<version>....tar.gz"; none: never an update.
     std::optional<QString> updatesDir;
     // The origin clients reach this server at, for download links; empty: from the Host header.

@@ -2,6 +2,10 @@
 
 #include "Log.h"
 
+#include <QThread>
+
+#include <algorithm>
+
 using namespace Qt::StringLiterals;
 
 RecognizerWorker::RecognizerWorker(DeepgramWire::ListenRequest request, QString requestId,
@@ -12,9 +16,20 @@ RecognizerWorker::RecognizerWorker(DeepgramWire::ListenRequest request, QString 
 
 RecognizerWorker::~RecognizerWorker() = default;
 
+namespace {
+
+// Set when the socket has gone: the decoder stops at the next slice instead of finishing audio
+// that nobody will read.
+bool isInterrupted()
+{
+    return QThread::currentThread()->isInterruptionRequested();
+}
+
+} // namespace
+
 bool RecognizerWorker::ensureStarted()
 {
-    if (m_isClosed)
+    if (m_isClosed || isInterrupted())
         return false;
     if (m_recognizer)
         return m_recognizer->isValid();
@@ -36,10 +51,12 @@ void RecognizerWorker::start()
 
 void RecognizerWorker::pushAudio(const QByteArray& pcm)
 {
-    if (!ensureStarted())
-        return;
-    const auto events = m_recognizer->feed(pcm);
-    send(m_session.heard(events, m_recognizer->processedSeconds()));
+    for (qsizetype offset = 0; offset < pcm.size(); offset += sliceBytes) {
+        if (!ensureStarted())
+            return;
+        const auto slice = QByteArrayView(pcm).sliced(offset, std::min(sliceBytes, pcm.size() - offset));
+        send(m_session.heard(m_recognizer->feed(slice), m_recognizer->processedSeconds()));
+    }
 }
 
 void RecognizerWorker::pushText(const QString& text)

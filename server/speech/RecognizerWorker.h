@@ -10,10 +10,13 @@
 
 // One listen socket's recogniser. It lives on a thread of its own (moveToThread), so a slow
 // decoder holds up only its own socket; the socket's side calls its slots through queued
-// connections and forwards the messages it emits.
+// connections and forwards the messages it emits. Interrupting the thread stops the decoding.
 class RecognizerWorker : public QObject {
     Q_OBJECT
 public:
+    // Half a second of audio: a long frame is decoded in slices of this size.
+    static constexpr qsizetype sliceBytes = 16'000;
+
     explicit RecognizerWorker(DeepgramWire::ListenRequest request, QString requestId,
                               OfflineRecognizer::Options options = {}, QObject* parent = nullptr);
     ~RecognizerWorker() override;

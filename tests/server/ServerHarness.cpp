@@ -59,14 +59,14 @@ CurlResult curl(const QStringList& arguments)
     return result;
 }
 
-ServerHarness::ServerHarness(ServerConfig config, ravlet::server::AnswerEngine* answers)
+ServerHarness::ServerHarness(ServerConfig config, ravlet::server::AnswerEngine* answerEngine)
     : clock(wallClockMs())
 {
     const auto url = qEnvironmentVariable("RAVLET_TEST_DATABASE");
     db = Database::open(url.isEmpty() ? dir.filePath(u"server.sqlite"_s) : url);
     accounts = std::make_unique<AccountService>(*db, clock, signingKey);
     api = std::make_unique<Api>(*db, *accounts, clock, std::move(config),
-                                answers ? answers : &engine);
+                                answerEngine ? answerEngine : &engine);
     http = std::make_unique<HttpServer>();
     api->attach(*http);
     port = http->listen(QHostAddress::LocalHost, 0).value_or(0);

@@ -47,9 +47,10 @@ CurlResult curl(const QStringList& arguments);
 // database is a fresh SQLite file, or the PostgreSQL database named by RAVLET_TEST_DATABASE.
 class ServerHarness {
 public:
-    // `answers`: the engine behind the answer route; the test-driven `engine` when none.
+    // `answerEngine`, if given, answers in place of the test-driven `engine` and must outlive the
+    // harness.
     explicit ServerHarness(ServerConfig config = {},
-                           ravlet::server::AnswerEngine* answers = nullptr);
+                           ravlet::server::AnswerEngine* answerEngine = nullptr);
     ~ServerHarness();
 
     struct Account {

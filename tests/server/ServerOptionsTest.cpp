@@ -33,15 +33,18 @@ TEST(ServerOptionsTest, CommandLineOverEnvironmentOverDefaults)
     EXPECT_TRUE(defaults.database.endsWith(u"/RavletAI/server.sqlite"_s));
     EXPECT_TRUE(defaults.config.localSignIn);
     EXPECT_FALSE(defaults.config.speechEndpoint);
+    EXPECT_TRUE(defaults.config.offlineSpeech);
 
     const QStringList environment{u"RAVLET_LISTEN=0.0.0.0:9000"_s, u"RAVLET_DATABASE=postgresql://db/ravlet"_s,
-                                  u"RAVLET_LLM_API_KEY=from-env"_s, u"RAVLET_NO_LOCAL_SIGN_IN=1"_s};
+                                  u"RAVLET_LLM_API_KEY=from-env"_s, u"RAVLET_NO_LOCAL_SIGN_IN=1"_s,
+                                  u"RAVLET_NO_OFFLINE_SPEECH=1"_s};
     const auto fromEnvironment = parsed({}, environment);
     EXPECT_EQ(fromEnvironment.address, QHostAddress(u"0.0.0.0"_s));
     EXPECT_EQ(fromEnvironment.port, 9000);
     EXPECT_EQ(fromEnvironment.database, u"postgresql://db/ravlet"_s);
     EXPECT_EQ(fromEnvironment.llmApiKey, u"from-env"_s);
     EXPECT_FALSE(fromEnvironment.config.localSignIn);
+    EXPECT_FALSE(fromEnvironment.config.offlineSpeech);
 
     QTemporaryDir dir;
     QFile key(dir.filePath(u"key"_s));

@@ -69,3 +69,12 @@ QByteArray SpokenAudio::withNoise(const QByteArray& pcm, double snrDb, unsigned 
         noisy[i] = qint16(std::clamp(std::lround(samples[i] + noise(random)), -32768L, 32767L));
     return out;
 }
+
+int SpokenAudio::wordsHeard(const QString& expected, const QString& heard)
+{
+    auto remaining = heard.toLower().split(u' ', Qt::SkipEmptyParts);
+    int count = 0;
+    for (const auto& word : expected.toLower().split(u' ', Qt::SkipEmptyParts))
+        count += remaining.removeOne(word) ? 1 : 0;
+    return count;
+}

@@ -18,6 +18,9 @@ struct Voice {
 };
 std::optional<QByteArray> speak(const QString& text, const Voice& voice = {}, double trailingSilence = 1.0);
 
+// How many of the expected words were heard, in any order, each counted once; case is ignored.
+int wordsHeard(const QString& expected, const QString& heard);
+
 // The same speech with white noise added at the given signal-to-noise ratio, in decibels.
 QByteArray withNoise(const QByteArray& pcm, double snrDb, unsigned seed = 7);
 

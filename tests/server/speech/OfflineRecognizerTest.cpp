@@ -22,16 +22,6 @@ namespace {
 
 const auto proudQuestion = u"Tell me about a project you are proud of"_s;
 
-// How many of the expected words the recogniser heard, in any order, each counted once.
-int wordsHeard(const QString& expected, const QString& heard)
-{
-    auto remaining = heard.toLower().split(u' ', Qt::SkipEmptyParts);
-    int count = 0;
-    for (const auto& word : expected.toLower().split(u' ', Qt::SkipEmptyParts))
-        count += remaining.removeOne(word) ? 1 : 0;
-    return count;
-}
-
 QString finals(const std::vector<RecognitionEvent>& events)
 {
     QStringList texts;
@@ -73,7 +63,7 @@ TEST_F(OfflineRecognizerTest, HearsASpokenQuestionWithPartialsThenOneFinalAtTheP
     // Odd chunk sizes split samples between calls; the odd byte must wait for its partner.
     const auto events = feedInChunks(recognizer, *speech, 4095);
     const auto heard = finals(events);
-    EXPECT_GE(wordsHeard(proudQuestion, heard), 4) << "heard: " << heard.toStdString();
+    EXPECT_GE(SpokenAudio::wordsHeard(proudQuestion, heard), 4) << "heard: " << heard.toStdString();
     ASSERT_FALSE(events.empty());
     EXPECT_EQ(events.front().kind, Kind::partial) << "a guess comes while the phrase is under way";
     const auto last = events.back();
@@ -106,7 +96,7 @@ TEST_F(OfflineRecognizerTest, GarbageAndOddLengthsSurviveAndTheDecoderRecovers)
     ASSERT_TRUE(speech);
     // Three bytes at a time for the last one: every other sample is split across two calls.
     const auto heard = finals(feedInChunks(recognizer, *speech, 3));
-    EXPECT_GE(wordsHeard(u"What is your greatest weakness"_s, heard), 3) << "heard: " << heard.toStdString();
+    EXPECT_GE(SpokenAudio::wordsHeard(u"What is your greatest weakness"_s, heard), 3) << "heard: " << heard.toStdString();
 }
 
 TEST_F(OfflineRecognizerTest, FinishEndsThePhraseUnderWayAndAMissingModelIsAClearError)
@@ -185,10 +175,10 @@ TEST_F(OfflineRecognizerTest, WorkersOnTheirOwnThreadsEachHearTheirOwnSpeech)
     }
     for (std::size_t i = 0; i < channels.size(); ++i) {
         const auto heard = channels[i].finals.join(u' ');
-        EXPECT_GE(wordsHeard(questions[int(i)], heard), 3) << i << " heard: " << heard.toStdString();
+        EXPECT_GE(SpokenAudio::wordsHeard(questions[int(i)], heard), 3) << i << " heard: " << heard.toStdString();
         for (std::size_t j = 0; j < channels.size(); ++j) {
             if (j != i) {
-                EXPECT_LT(wordsHeard(questions[int(j)], heard), wordsHeard(questions[int(i)], heard)) << i << " vs " << j;
+                EXPECT_LT(SpokenAudio::wordsHeard(questions[int(j)], heard), SpokenAudio::wordsHeard(questions[int(i)], heard)) << i << " vs " << j;
             }
         }
     }

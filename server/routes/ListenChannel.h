@@ -1,0 +1,50 @@
+#pragma once
+
+#include "DeepgramWire.h"
+
+#include <QObject>
+
+#include <memory>
+
+class AccountService;
+class Clock;
+class HttpServer;
+class QThread;
+class QWebSocket;
+
+// One socket of the built-in recogniser. The socket stays on the main thread; its decoder runs
+// on a thread of its own, so a slow decode holds up this socket's results and no other's.
+class ListenChannel : public QObject {
+    Q_OBJECT
+
+public:
+    // Each socket holds a decoder of its own (about 100 MB) and a thread, and takes a fifth of
+    // a core in real time: sixteen interviews of two channels; more sockets are refused.
+    static constexpr int maxOpenChannels = 32;
+    // A second of audio is 32 KB: a frame of half a minute is no capture's.
+    static constexpr qint64 maxFrameBytes = 1024 * 1024;
+    // The program sends audio or a keep-alive at least every 5 s: a socket quiet for this long
+    // has lost its client without a close, and its decoder is let go.
+    static constexpr qint64 idleLimitMs = 30'000;
+
+    // The listen paths of both protocol versions; a handshake without a valid speech token,
+    // or asking for what the recogniser cannot do, is refused before any decoder loads.
+    static void attach(HttpServer& server, AccountService& accounts, Clock& clock, QObject* owner);
+    // Channels whose decoder thread has not ended yet.
+    static int openCount();
+
+    ListenChannel(std::unique_ptr<QWebSocket> socket, DeepgramWire::ListenRequest request,
+                  Clock& clock, QObject* parent);
+    ~ListenChannel() override;
+
+private:
+    void end();
+    void checkIdle();
+
+    std::unique_ptr<QWebSocket> m_socket;
+    // Runs the socket's RecognizerWorker, which is deleted when the thread ends.
+    std::unique_ptr<QThread> m_thread;
+    Clock& m_clock;
+    qint64 m_lastFrameMs = 0;
+    quint64 m_idleTimer = 0;
+};

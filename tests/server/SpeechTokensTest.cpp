@@ -1,0 +1,112 @@
+// Where the speech token route sends the program: a configured recogniser, the built-in one for
+// English, or a clear refusal.
+#include "ServerHarness.h"
+
+#include "SpeechTokens.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <ostream>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+struct Case {
+    const char* name;
+    std::optional<QString> speechEndpoint;
+    bool offlineSpeech;
+    QString publicOrigin;
+    // The input language of the interview session opened before the token; none: no session.
+    std::optional<QString> languageInput;
+    bool needsBuiltIn;
+    int status;
+    // The endpoint of a granted token ("{self}" is this server's ws:// origin), or the error.
+    QString expected;
+};
+
+const auto englishOnly = u"Offline speech recognition supports English only; configure a speech "
+                         u"vendor for "_s;
+
+const Case cases[] = {
+    {"a configured endpoint takes every language", u"ws://10.0.0.5:9100"_s, true, {},
+     u"de-DE"_s, false, 200, u"ws://10.0.0.5:9100"_s},
+    {"built in, no session yet", {}, true, {}, {}, true, 200, u"{self}"_s},
+    {"built in, auto detect", {}, true, {}, u"auto"_s, true, 200, u"{self}"_s},
+    {"built in, British English", {}, true, {}, u"en-GB"_s, true, 200, u"{self}"_s},
+    {"built in, behind a TLS proxy", {}, true, u"https://ravlet.example.org"_s, u"en-US"_s, true,
+     200, u"wss://ravlet.example.org"_s},
+    {"built in refuses German", {}, true, {}, u"de-DE"_s, true, 503, englishOnly + u"German."_s},
+    {"built in refuses Chinese", {}, true, {}, u"zh-CN"_s, true, 503,
+     englishOnly + u"Chinese (Simplified)."_s},
+    {"built in names a language it does not know by its code", {}, true, {}, u"pt-BR"_s, true,
+     503, englishOnly + u"pt-BR."_s},
+    {"speech off", {}, false, {}, u"en-US"_s, false, 503,
+     u"Speech recognition is not set up on this server: start ravlet-server with "
+     u"--speech-endpoint"_s},
+};
+
+void PrintTo(const Case& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class SpeechTokensTest : public ::testing::TestWithParam<Case> {};
+
+} // namespace
+
+TEST_P(SpeechTokensTest, TokenAndAccountStatusNameWhereSpeechGoes)
+{
+    const auto& c = GetParam();
+    if (c.needsBuiltIn && !SpeechTokens::isBuiltInRecognizerInstalled())
+        GTEST_SKIP() << "PocketSphinx's English model is not installed";
+    ServerConfig config;
+    config.speechEndpoint = c.speechEndpoint;
+    config.offlineSpeech = c.offlineSpeech;
+    config.publicOrigin = c.publicOrigin;
+    ServerHarness server(config);
+    const auto account = server.signUp();
+    if (c.languageInput) {
+        const auto body = QJsonDocument(QJsonObject{{u"languageInput"_s, *c.languageInput},
+                                                    {u"languageOutput"_s, u"en-US"_s}})
+                              .toJson();
+        ASSERT_EQ(server.call(account, u"POST"_s, u"/api/v1/interview/session"_s, body).status, 200);
+    }
+
+    const auto reply = server.call(account, u"GET"_s, u"/api/v1/speech/token"_s);
+    const auto object = QJsonDocument::fromJson(reply.body).object();
+    ASSERT_EQ(reply.status, c.status) << reply.body.toStdString();
+    if (c.status == 200) {
+        auto expected = c.expected;
+        expected.replace(u"{self}"_s, server.base().replace(u"http://"_s, u"ws://"_s));
+        EXPECT_EQ(object.value(u"provider"_s).toString(), u"deepgram"_s);
+        EXPECT_EQ(object.value(u"endpoint"_s).toString(), expected);
+        // Bound to the user and short-lived; an access token is no speech token.
+        const auto token = object.value(u"token"_s).toString();
+        EXPECT_EQ(server.accounts->verifySpeechToken(token), account.id);
+        EXPECT_FALSE(server.accounts->verifySpeechToken(account.accessToken));
+        server.clock.advance(std::chrono::milliseconds(AccountService::speechTokenLifetimeMs));
+        EXPECT_FALSE(server.accounts->verifySpeechToken(token));
+    } else {
+        EXPECT_EQ(object.value(u"error"_s).toString(), c.expected);
+    }
+
+    const auto status = server.call(account, u"GET"_s, u"/api/v1/subscription/status"_s);
+    const auto provider = QJsonDocument::fromJson(status.body).object().value(u"speechProvider"_s);
+    if (c.speechEndpoint || (c.offlineSpeech && SpeechTokens::isBuiltInRecognizerInstalled()))
+        EXPECT_EQ(provider.toString(), u"deepgram"_s);
+    else
+        EXPECT_TRUE(provider.isUndefined());
+}
+
+INSTANTIATE_TEST_SUITE_P(Routes, SpeechTokensTest, ::testing::ValuesIn(cases),
+                         [](const auto& info) {
+                             std::string name;
+                             for (const char* p = info.param.name; *p; ++p)
+                                 name += std::isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
+                             return name;
+                         });
