@@ -33,33 +33,13 @@ using namespace std::chrono_literals;
 
 namespace {
 
+using DisplayFixture::findByAccessibleName;
+using DisplayFixture::saveScreenshot;
+
 using Speaker = TranscriptEntry::Speaker;
 
 template<typename T>
 using XcbReply = std::unique_ptr<T, decltype(&std::free)>;
-
-QQuickItem* findByAccessibleName(QQuickWindow* window, const QString& name)
-{
-    QList<QQuickItem*> pending{window->contentItem()};
-    while (!pending.isEmpty()) {
-        QQuickItem* item = pending.takeFirst();
-        if (item->isVisible()) {
-            const QQmlProperty property(item, u"Accessible.name"_s, qmlContext(item));
-            if (property.isValid() && property.read().toString() == name)
-                return item;
-            pending.append(item->childItems());
-        }
-    }
-    return nullptr;
-}
-
-bool saveScreenshot(QQuickWindow* window, const QString& name)
-{
-    const QString folder = QStringLiteral(RAVLET_SCREENSHOT_DIR);
-    QDir().mkpath(folder);
-    const QImage image = window->grabWindow();
-    return !image.isNull() && image.save(folder + u'/' + name + u".png"_s);
-}
 
 // A connection of the test's own to the display, apart from Qt's.
 class X11 {
@@ -204,13 +184,30 @@ private:
     static inline std::unique_ptr<QTemporaryDir> s_home;
 };
 
-// Clicks with the real pointer of the display, so the window manager sees them too.
+// Drives the real pointer of the display, so the window manager sees it too. The program keeps
+// handling its events meanwhile, as it would under a user's hand.
+bool xdotool(const QStringList& arguments)
+{
+    QProcess process;
+    process.start(u"xdotool"_s, arguments);
+    return QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 10000)
+        && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+}
+
 bool click(QQuickItem* item)
 {
     const QPoint at = item->mapToGlobal(QPointF(item->width() / 2, item->height() / 2)).toPoint();
-    return QProcess::execute(u"xdotool"_s, {u"mousemove"_s, QString::number(at.x()),
-                                            QString::number(at.y()), u"click"_s, u"1"_s})
-        == 0;
+    return xdotool({u"mousemove"_s, QString::number(at.x()), QString::number(at.y()), u"click"_s, u"1"_s});
+}
+
+// Presses at `from`, moves in two steps (past the drag threshold, then on) and lets go.
+bool drag(QPoint from, QPoint by)
+{
+    const auto number = [](int value) { return QString::number(value); };
+    return xdotool({u"mousemove"_s, number(from.x()), number(from.y()), u"mousedown"_s, u"1"_s, u"sleep"_s,
+                    u"0.2"_s, u"mousemove"_s, number(from.x() + by.x() / 10), number(from.y() + by.y() / 10),
+                    u"sleep"_s, u"0.2"_s, u"mousemove"_s, number(from.x() + by.x()), number(from.y() + by.y()),
+                    u"sleep"_s, u"0.2"_s, u"mouseup"_s, u"1"_s});
 }
 
 QCoro::Task<qsizetype> noResumeList()
@@ -261,7 +258,7 @@ protected:
         h.notifications.post(Notifications::overlayVisibilityChanged, true);
         ASSERT_TRUE(QTest::qWaitForWindowExposed(window));
         // No tool tip from where an earlier test left the pointer.
-        QProcess::execute(u"xdotool"_s, {u"mousemove"_s, u"5"_s, u"5"_s});
+        xdotool({u"mousemove"_s, u"5"_s, u"5"_s});
     }
 
     void line(Speaker speaker, const QString& text)
@@ -327,6 +324,25 @@ TEST_F(OverlayWindowTest, ClicksOnTheOverlayLeaveTheFocusWhereItWas)
     ASSERT_TRUE(row);
     ASSERT_TRUE(click(row));
     QTest::qWait(300);
+    EXPECT_TRUE(stillFocused());
+
+    // The divider, dragged down by 200 from its place at a fifth of the height.
+    auto* divider = control(u"Resize areas"_s);
+    ASSERT_TRUE(divider);
+    ASSERT_TRUE(drag(divider->mapToGlobal(QPointF(divider->width() / 2, divider->height() / 2)).toPoint(),
+                     QPoint(0, 200)));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !overlay->isDragging() && overlay->dividerRatio() > 0.4; }, 5000))
+        << overlay->dividerRatio();
+    EXPECT_LT(overlay->dividerRatio(), 0.6);
+    EXPECT_TRUE(stillFocused());
+
+    // The top bar moves the panel.
+    auto* bar = control(u"Move overlay"_s);
+    ASSERT_TRUE(bar);
+    const QPoint before = window->position();
+    ASSERT_TRUE(drag(bar->mapToGlobal(QPointF(60, bar->height() / 2)).toPoint(), QPoint(-100, 40)));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return window->position() == before + QPoint(-100, 40); }, 5000))
+        << window->position().x() << "," << window->position().y();
     EXPECT_TRUE(stillFocused());
 
     int dashboards = 0;

@@ -303,24 +303,23 @@ Item {
             height: 1
             color: Qt.rgba(1, 1, 1, view.overlay.isDragging ? 0.2 : 0.08)
         }
-        HoverHandler {
+        MouseArea {
+            anchors.fill: parent
             cursorShape: Qt.SizeVerCursor
-        }
-        DragHandler {
-            id: dividerDrag
-            target: null
-            xAxis.enabled: false
+            preventStealing: true
             property real startHeight: 0
-            onActiveChanged: {
-                if (active)
-                    startHeight = upperArea.height;
-                else
-                    view.overlay.endDividerDrag();
+            property real pressedY: 0
+            onPressed: mouse => {
+                startHeight = upperArea.height;
+                pressedY = mapToGlobal(mouse.x, mouse.y).y;
             }
-            onTranslationChanged: {
-                if (active)
-                    view.overlay.dragDivider(startHeight, translation.y, view.areasHeight);
+            onPositionChanged: mouse => {
+                if (pressed)
+                    view.overlay.dragDivider(startHeight, mapToGlobal(mouse.x, mouse.y).y - pressedY,
+                                             view.areasHeight);
             }
+            onReleased: view.overlay.endDividerDrag()
+            onCanceled: view.overlay.endDividerDrag()
         }
     }
 
