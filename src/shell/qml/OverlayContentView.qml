@@ -256,6 +256,12 @@ Item {
                 }
             }
 
+            // Programmatic scrolls glide; the user's own drags and flicks do not.
+            Behavior on contentY {
+                enabled: !transcript.moving
+                NumberAnimation { duration: 200; easing.type: Easing.InOutQuad }
+            }
+
             // Follows the newest line, or the selected question while one is chosen.
             function follow() {
                 if (view.overlay.transcriptRows.selectedRow >= 0)
