@@ -19,7 +19,7 @@ packages=(
     # QML modules for the windows (they do not pull each other in)
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-templates
     qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml
-    qml6-module-qtqml-models qml6-module-qtqml-workerscript
+    qml6-module-qtqml-models qml6-module-qtqml-workerscript qml6-module-qtquick-shapes
     # the icon font of the windows and the tray; xdg-utils registers the ravlet:// handler
     fonts-materialdesignicons-webfont xdg-utils
     # tests and benchmarks
@@ -29,8 +29,9 @@ packages=(
     curl python3-websockets postgresql chromium
     # fuzzing (scripts/fuzz.sh): clang with its libFuzzer and sanitizer runtimes
     clang-14 libclang-rt-14-dev
-    # a tray on the test display, and clicks on its windows
-    trayer xdotool
+    # a tray on the test display, clicks on its windows, and a window manager for the tests
+    # of focus
+    trayer xdotool openbox
     # fonts for the screenshots in every language of the string tables (Latin, Arabic, CJK)
     fonts-noto-core fonts-noto-cjk
 )

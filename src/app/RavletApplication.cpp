@@ -22,6 +22,7 @@
 #include "SingleInstance.h"
 #include "SoundSettings.h"
 #include "X11KeysRight.h"
+#include "X11Workspaces.h"
 
 #include <QApplication>
 #include <QDesktopServices>
@@ -84,6 +85,7 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
     PulseAudioRights rights(clock);
     X11KeysRight keysRight;
     QmlShellWindows windows;
+    windows.setAllWorkspaces(showOnAllWorkspaces);
     LoggedKeyMonitors keyMonitors;
     LoggedUpdateChecks updates;
 

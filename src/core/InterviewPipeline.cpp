@@ -50,6 +50,16 @@ QCoro::Task<> InterviewViewModel::startInterview()
     return runStart();
 }
 
+void InterviewViewModel::requestStartInterview()
+{
+    TaskHandle::run([this](const CancellationToken&) { return startInterview(); });
+}
+
+void InterviewViewModel::requestStopInterview()
+{
+    TaskHandle::run([this](const CancellationToken&) { return stopInterview(); });
+}
+
 QCoro::Task<> InterviewViewModel::startMockInterview(QString sessionId)
 {
     return runMockStart(std::move(sessionId));

@@ -109,6 +109,9 @@ public:
     // The operations of the screens, the keys and the mock driver.
     QCoro::Task<> startInterview();
     QCoro::Task<> stopInterview();
+    // The same two for the windows, which cannot await: each runs on its own to its end.
+    Q_INVOKABLE void requestStartInterview();
+    Q_INVOKABLE void requestStopInterview();
     QCoro::Task<> startMockInterview(QString sessionId);
     void injectMockQuestion(const QString& text);
     Q_INVOKABLE void triggerAIAnswer();

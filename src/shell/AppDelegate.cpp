@@ -8,6 +8,7 @@
 #include "Log.h"
 #include "MenuBarViewModel.h"
 #include "NotificationCenter.h"
+#include "OverlayViewModel.h"
 #include "SettingsViewModel.h"
 #include "TelemetryClient.h"
 #include "UserSettings.h"
@@ -16,8 +17,23 @@
 #include <QGuiApplication>
 #include <QTimer>
 
+#include <stdexcept>
+
 using namespace Qt::StringLiterals;
 using Panel = ShellWindows::Panel;
+
+namespace {
+
+// The overlay's question whether the user has a resume, through the one client.
+QCoro::Task<qsizetype> countResumes(QPointer<APIClient> api)
+{
+    if (!api)
+        throw std::runtime_error("no backend client");
+    const auto wrapper = co_await api->fetchResumes();
+    co_return wrapper.resumes.size();
+}
+
+} // namespace
 
 void LoggedKeyMonitors::installKeyMonitors()
 {
@@ -101,8 +117,12 @@ QCoro::Task<> AppDelegate::applicationDidFinishLaunching()
         if (self)
             self->quit();
     });
+    m_overlay = std::make_unique<OverlayViewModel>(OverlayViewModel::Services{
+        *m_interviewViewModel, *m_userSettings, m_env.strings, m_env.notifications, m_env.clock,
+        [api = QPointer(m_apiClient.get())] { return countResumes(api); }});
     m_models = ShellModels{m_interviewViewModel.get(), m_authViewModel.get(), m_userSettings.get(),
-                           &m_env.strings, m_welcome.get(), m_menuBar.get(), m_settingsPage.get()};
+                           &m_env.strings,           m_welcome.get(),       m_menuBar.get(),
+                           m_settingsPage.get(),     m_overlay.get()};
 
     m_env.windows.createMenuBarItem(m_models);
     m_env.windows.createPanel(Panel::overlay, m_models);

@@ -23,6 +23,7 @@ class Clock;
 class InterviewBackend;
 class MenuBarViewModel;
 class NotificationCenter;
+class OverlayViewModel;
 class PreferencesStore;
 class QNetworkAccessManager;
 class SettingsViewModel;
@@ -126,6 +127,7 @@ private:
     std::unique_ptr<WelcomeViewModel> m_welcome;
     std::unique_ptr<MenuBarViewModel> m_menuBar;
     std::unique_ptr<SettingsViewModel> m_settingsPage;
+    std::unique_ptr<OverlayViewModel> m_overlay;
     ShellModels m_models;
     bool m_isCleaningUpMockSession = false;
     TaskHandle m_lastTask;

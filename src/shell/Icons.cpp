@@ -28,6 +28,15 @@ const QHash<QString, char32_t>& nameMap()
         {u"mic.fill"_s, 0xF36C},                   // microphone
         {u"keyboard"_s, 0xF30C},                   // keyboard
         {u"rectangle.portrait.and.arrow.right"_s, 0xF343}, // logout
+        {u"record.circle"_s, 0xF44A},              // record
+        {u"stop.fill"_s, 0xF4DB},                  // stop
+        {u"doc.text.fill"_s, 0xF219},              // file-document
+        {u"briefcase.fill"_s, 0xF0D6},             // briefcase
+        {u"xmark.circle.fill"_s, 0xF159},          // close-circle
+        {u"sparkles"_s, 0xF4CE},                   // star
+        {u"wand.and.sparkles"_s, 0xF068},          // auto-fix
+        {u"chevron.left"_s, 0xF141},               // chevron-left
+        {u"chevron.right"_s, 0xF142},              // chevron-right
     };
     return map;
 }

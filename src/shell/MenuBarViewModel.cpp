@@ -4,6 +4,7 @@
 #include "AuthViewModel.h"
 #include "InterviewViewModel.h"
 #include "NotificationCenter.h"
+#include "OverlayViewModel.h"
 
 using namespace Qt::StringLiterals;
 using State = InterviewViewModel::PipelineState;
@@ -59,18 +60,7 @@ QString MenuBarViewModel::statusText() const
 
 QColor MenuBarViewModel::statusColor() const
 {
-    switch (m_interview.pipelineState()) {
-    case State::idle:
-        return QColor(0x8e, 0x8e, 0x93);
-    case State::recording:
-        return QColor(0x34, 0xc7, 0x59);
-    case State::reconnecting:
-    case State::stopping:
-        return QColor(0xff, 0xcc, 0x00);
-    case State::error:
-        break;
-    }
-    return QColor(0xff, 0x3b, 0x30);
+    return OverlayViewModel::colorOf(m_interview.pipelineState());
 }
 
 QString MenuBarViewModel::accountTitle() const

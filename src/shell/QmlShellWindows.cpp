@@ -4,6 +4,7 @@
 #include "AuthViewModel.h"
 #include "InterviewViewModel.h"
 #include "MenuBarViewModel.h"
+#include "OverlayViewModel.h"
 #include "SettingsViewModel.h"
 #include "UserSettings.h"
 #include "WelcomeViewModel.h"
@@ -69,11 +70,19 @@ QQuickWindow* QmlShellWindows::createWindow(const QString& fileName, const Shell
         {u"welcome"_s, QVariant::fromValue(models.welcome)},
         {u"menuBar"_s, QVariant::fromValue(models.menuBar)},
         {u"settingsPage"_s, QVariant::fromValue(models.settingsPage)},
+        {u"overlay"_s, QVariant::fromValue(models.overlay)},
     };
     // Bindings run at completion, once the models are in place.
     QObject* object = component.beginCreate(m_engine.rootContext());
-    if (object)
-        component.setInitialProperties(object, properties);
+    if (object) {
+        // Each window declares the models it shows.
+        QVariantMap declared;
+        for (auto it = properties.cbegin(); it != properties.cend(); ++it) {
+            if (object->metaObject()->indexOfProperty(it.key().toUtf8().constData()) >= 0)
+                declared.insert(it.key(), it.value());
+        }
+        component.setInitialProperties(object, declared);
+    }
     component.completeCreate();
     auto* window = qobject_cast<QQuickWindow*>(object);
     if (!window) {
@@ -91,7 +100,21 @@ void QmlShellWindows::createMenuBarItem(const ShellModels& models)
 
 void QmlShellWindows::createPanel(Panel panel, const ShellModels& models)
 {
-    m_panels[static_cast<std::size_t>(panel)] = createWindow(fileOf(panel), models);
+    auto* window = createWindow(fileOf(panel), models);
+    m_panels[static_cast<std::size_t>(panel)] = window;
+    if (!window || panel != Panel::overlay)
+        return;
+    // Placed once; where the user moves it afterwards is not kept.
+    if (const auto* screen = QGuiApplication::primaryScreen())
+        window->setPosition(overlayPosition(screen->availableGeometry(), window->size()));
+    if (m_pinToAllWorkspaces)
+        m_pinToAllWorkspaces(*window);
+}
+
+QPoint QmlShellWindows::overlayPosition(const QRect& availableArea, const QSize& size)
+{
+    return {availableArea.x() + availableArea.width() - size.width() - overlayRightInset,
+            availableArea.y() + availableArea.height() - size.height() - overlayBottomInset};
 }
 
 QQuickWindow* QmlShellWindows::quickWindow(Panel panel) const
@@ -120,6 +143,8 @@ void QmlShellWindows::show(Panel panel)
     window->raise();
     if (panel != Panel::overlay)
         window->requestActivate();
+    else if (m_pinToAllWorkspaces)
+        m_pinToAllWorkspaces(*window); // a window manager may have reset it while hidden
 }
 
 void QmlShellWindows::hide(Panel panel)

@@ -5,10 +5,12 @@
 #include <QPointer>
 #include <QQmlEngine>
 
+#include <QQuickWindow>
+
 #include <array>
+#include <functional>
 #include <memory>
 
-#include <QQuickWindow>
 class TrayIcon;
 
 // The windows as Qt Quick windows from the shell's QML module, and the tray item.
@@ -27,6 +29,13 @@ public:
     void destroyWindows() override;
 
     QQuickWindow* quickWindow(Panel panel) const;
+    // What puts the overlay on every workspace; the desktop's own code, handed over by the
+    // entry point before the panels are made.
+    void setAllWorkspaces(std::function<void(QWindow&)> pin) { m_pinToAllWorkspaces = std::move(pin); }
+    // Where the overlay opens: near the bottom right of the screen's free area.
+    static QPoint overlayPosition(const QRect& availableArea, const QSize& size);
+    static constexpr int overlayRightInset = 200;
+    static constexpr int overlayBottomInset = 48;
     TrayIcon* trayIcon() const { return m_tray.get(); }
 
     // The module's files as the engine loads them: Qt 6.4 has no loading by module name.
@@ -38,4 +47,5 @@ private:
     QQmlEngine m_engine;
     std::array<QPointer<QQuickWindow>, 3> m_panels;
     std::unique_ptr<TrayIcon> m_tray;
+    std::function<void(QWindow&)> m_pinToAllWorkspaces;
 };

@@ -10,6 +10,7 @@ class AppStrings;
 class AuthViewModel;
 class InterviewViewModel;
 class MenuBarViewModel;
+class OverlayViewModel;
 class SettingsViewModel;
 class TelemetryClient;
 class UserSettings;
@@ -24,6 +25,7 @@ struct ShellModels {
     WelcomeViewModel* welcome = nullptr;
     MenuBarViewModel* menuBar = nullptr;
     SettingsViewModel* settingsPage = nullptr;
+    OverlayViewModel* overlay = nullptr;
 };
 
 // The program's windows and its tray item. They are created once, at launch, and then only

@@ -1,6 +1,11 @@
 #include "DisplayFixture.h"
 
+#include <QDir>
 #include <QFile>
+#include <QQmlContext>
+#include <QQmlProperty>
+#include <QQuickItem>
+#include <QQuickWindow>
 
 #include <xcb/xcb.h>
 
@@ -87,4 +92,27 @@ bool DisplayFixture::isWindowViewable(const QString& title)
     }
     xcb_disconnect(connection);
     return viewable;
+}
+
+QQuickItem* DisplayFixture::findByAccessibleName(QQuickWindow* window, const QString& name)
+{
+    QList<QQuickItem*> pending{window->contentItem()};
+    while (!pending.isEmpty()) {
+        QQuickItem* item = pending.takeFirst();
+        if (item->isVisible()) {
+            const QQmlProperty property(item, QStringLiteral("Accessible.name"), qmlContext(item));
+            if (property.isValid() && property.read().toString() == name)
+                return item;
+            pending.append(item->childItems());
+        }
+    }
+    return nullptr;
+}
+
+bool DisplayFixture::saveScreenshot(QQuickWindow* window, const QString& name)
+{
+    const QString folder = QStringLiteral(RAVLET_SCREENSHOT_DIR);
+    QDir().mkpath(folder);
+    const QImage image = window->grabWindow();
+    return !image.isNull() && image.save(folder + QLatin1Char('/') + name + QStringLiteral(".png"));
 }

@@ -3,6 +3,9 @@
 #include <QByteArray>
 #include <QString>
 
+class QQuickItem;
+class QQuickWindow;
+
 #include <optional>
 #include <string>
 
@@ -20,5 +23,10 @@ QByteArray stateValue(const QString& stateFile, const QByteArray& key);
 
 // Top-level windows of the display by title: whether one is mapped and viewable.
 bool isWindowViewable(const QString& title);
+
+// The visible item of `window` whose accessible name is `name`, if any.
+QQuickItem* findByAccessibleName(QQuickWindow* window, const QString& name);
+// What the window shows, as build/screenshots/<name>.png.
+bool saveScreenshot(QQuickWindow* window, const QString& name);
 
 } // namespace DisplayFixture

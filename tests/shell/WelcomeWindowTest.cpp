@@ -28,29 +28,8 @@
 
 namespace {
 
-// The visible item of `window` whose accessible name is `name`, if any.
-QQuickItem* findByAccessibleName(QQuickWindow* window, const QString& name)
-{
-    QList<QQuickItem*> pending{window->contentItem()};
-    while (!pending.isEmpty()) {
-        QQuickItem* item = pending.takeFirst();
-        if (item->isVisible()) {
-            const QQmlProperty property(item, u"Accessible.name"_s, qmlContext(item));
-            if (property.isValid() && property.read().toString() == name)
-                return item;
-            pending.append(item->childItems());
-        }
-    }
-    return nullptr;
-}
-
-bool saveScreenshot(QQuickWindow* window, const QString& name)
-{
-    const QString folder = QStringLiteral(RAVLET_SCREENSHOT_DIR);
-    QDir().mkpath(folder);
-    const QImage image = window->grabWindow();
-    return !image.isNull() && image.save(folder + u'/' + name + u".png"_s);
-}
+using DisplayFixture::findByAccessibleName;
+using DisplayFixture::saveScreenshot;
 
 // The whole shell over real windows, with the interview's fakes behind it.
 class WindowsTest : public ::testing::Test {

@@ -2,29 +2,32 @@ import QtQuick
 import Ravlet.Shell
 import QtQuick.Window
 
-// The floating overlay: on top of the call, on every workspace, never taking the focus. Its
-// content comes with the overlay's own screens.
+// The floating overlay: on top of the call, on every workspace, never taking the focus. The
+// shell places it once when it is made; where the user drags it is not kept.
 Window {
     id: window
 
     required property InterviewViewModel interview
-    required property AuthViewModel auth
     required property UserSettings settings
     required property AppStrings strings
-    required property WelcomeViewModel welcome
-    required property MenuBarViewModel menuBar
-    required property SettingsViewModel settingsPage
+    required property OverlayViewModel overlay
 
     width: 680
     height: 700
+    minimumWidth: 400
+    minimumHeight: 300
     title: "RavletAI Overlay"
     color: "transparent"
     flags: Qt.Tool | Qt.FramelessWindowHint | Qt.WindowStaysOnTopHint | Qt.WindowDoesNotAcceptFocus
 
-    Item {
-        id: content
+    OverlayContentView {
         objectName: "overlayContent"
         anchors.fill: parent
+        hostWindow: window
+        interview: window.interview
+        settings: window.settings
+        strings: window.strings
+        overlay: window.overlay
         LayoutMirroring.enabled: window.strings.isRightToLeft
         LayoutMirroring.childrenInherit: true
     }

@@ -1,0 +1,369 @@
+// The overlay's view model and its two lists, against the interview's fakes on the manual
+// clock: what the panel shows, derived from a real interview, and its layout rules.
+
+#include "../core/InterviewHarness.h"
+
+#include "AnswersModel.h"
+#include "OverlayViewModel.h"
+#include "TranscriptRowsModel.h"
+
+#include <QAbstractItemModelTester>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+using Speaker = TranscriptEntry::Speaker;
+using AnswerState = OverlayViewModel::AnswerState;
+
+QCoro::Task<qsizetype> resumeCount(qsizetype count, bool fails)
+{
+    if (fails)
+        throw std::runtime_error("503");
+    co_return count;
+}
+
+class OverlayModelTest : public ::testing::Test {
+protected:
+    OverlayModelTest()
+    {
+        h.settings.setAutoTriggerAIAnswers(false);
+        // Attached while both lists are still empty, so every change they make is checked.
+        rowsTester = std::make_unique<QAbstractItemModelTester>(
+            overlay.transcriptRows(), QAbstractItemModelTester::FailureReportingMode::Fatal);
+        answersTester = std::make_unique<QAbstractItemModelTester>(
+            overlay.answers(), QAbstractItemModelTester::FailureReportingMode::Fatal);
+    }
+
+    void goLive()
+    {
+        h.start();
+        ASSERT_TRUE(h.vm.isRecording());
+    }
+
+    // A final line of its own: more than the utterance gap after the speaker's last one.
+    void line(Speaker speaker, const QString& text)
+    {
+        h.clock.advance(6s);
+        h.recognizerOf(speaker)->say(text, true, h.clock.nowMs());
+        InterviewHarness::settle();
+    }
+
+    void partial(Speaker speaker, const QString& text)
+    {
+        h.recognizerOf(speaker)->say(text, false, h.clock.nowMs());
+        InterviewHarness::settle();
+    }
+
+    QVariant rowValue(int row, TranscriptRowsModel::Role role) const
+    {
+        const auto* rows = overlay.transcriptRows();
+        return rows->data(rows->index(row), role);
+    }
+
+    QVariant answerValue(int row, AnswersModel::Role role) const
+    {
+        const auto* answers = overlay.answers();
+        return answers->data(answers->index(row), role);
+    }
+
+    InterviewHarness h;
+    qsizetype resumes = 0;
+    bool resumeRequestFails = false;
+    bool hasClient = true;
+    OverlayViewModel overlay{OverlayViewModel::Services{
+        h.vm, h.settings, h.strings, h.notifications, h.clock,
+        [this] { return resumeCount(resumes, resumeRequestFails); }}};
+    std::unique_ptr<QAbstractItemModelTester> rowsTester;
+    std::unique_ptr<QAbstractItemModelTester> answersTester;
+};
+
+TEST(TranscriptRowOpacity, FadesByAQuarterPerStepBackDownToAFloor)
+{
+    EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(0, 1), 1.0);
+    EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(0, 0), 1.0);
+    // Two rows: the older one is a step back.
+    EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(0, 2), 0.75);
+    // Six rows: the second would reach zero by the formula and stays at the floor.
+    const QList<double> six{0.25, 0.25, 0.25, 0.5, 0.75, 1.0};
+    for (int k = 0; k < 6; ++k)
+        EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(k, 6), six.at(k)) << "row " << k;
+}
+
+TEST_F(OverlayModelTest, RowsFollowTheDisplayedTranscriptWithTheirShading)
+{
+    goLive();
+    line(Speaker::interviewer, u"Tell me about yourself."_s);
+    ASSERT_EQ(overlay.transcriptRows()->rowCount(), 1);
+    EXPECT_DOUBLE_EQ(rowValue(0, TranscriptRowsModel::RowOpacityRole).toDouble(), 1.0);
+
+    line(Speaker::user, u"I build audio software."_s);
+    line(Speaker::interviewer, u"Why this team?"_s);
+    line(Speaker::user, u"The product."_s);
+    line(Speaker::interviewer, u"What is your biggest weakness?"_s);
+    partial(Speaker::user, u"Probably"_s);
+    // Five committed lines and one partial.
+    auto* rows = overlay.transcriptRows();
+    ASSERT_EQ(rows->rowCount(), 6);
+    EXPECT_EQ(rowValue(0, TranscriptRowsModel::ContentRole).toString(), u"Tell me about yourself."_s);
+    EXPECT_EQ(rowValue(5, TranscriptRowsModel::ContentRole).toString(), u"Probably"_s);
+    EXPECT_FALSE(rowValue(5, TranscriptRowsModel::IsFinalRole).toBool());
+    EXPECT_FALSE(rowValue(1, TranscriptRowsModel::IsInterviewerRole).toBool());
+    EXPECT_DOUBLE_EQ(rowValue(1, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.25);
+    EXPECT_DOUBLE_EQ(rowValue(4, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.75);
+    EXPECT_DOUBLE_EQ(rowValue(5, TranscriptRowsModel::RowOpacityRole).toDouble(), 1.0);
+
+    // A growing partial changes its row in place, and the rows above keep theirs.
+    QSignalSpy inserted(rows, &QAbstractItemModel::rowsInserted);
+    QSignalSpy changed(rows, &QAbstractItemModel::dataChanged);
+    partial(Speaker::user, u"Probably patience"_s);
+    EXPECT_EQ(inserted.count(), 0);
+    ASSERT_GE(changed.count(), 1);
+    EXPECT_EQ(changed.last().at(0).toModelIndex().row(), 5);
+    EXPECT_EQ(rowValue(5, TranscriptRowsModel::ContentRole).toString(), u"Probably patience"_s);
+}
+
+TEST_F(OverlayModelTest, SelectionMarksTheFinalRowAtItsPositionNeverAPartial)
+{
+    goLive();
+    line(Speaker::interviewer, u"First question"_s);
+    line(Speaker::user, u"First reply"_s);
+    line(Speaker::interviewer, u"Second question"_s);
+    partial(Speaker::interviewer, u"and also"_s);
+    auto* rows = overlay.transcriptRows();
+    ASSERT_EQ(rows->rowCount(), 4);
+    EXPECT_EQ(rows->selectedRow(), -1);
+
+    QSignalSpy selectedRow(rows, &TranscriptRowsModel::selectedRowChanged);
+    h.vm.selectPreviousTranscript(); // the newest final line
+    EXPECT_EQ(rows->selectedRow(), 2);
+    EXPECT_TRUE(rowValue(2, TranscriptRowsModel::IsSelectedRole).toBool());
+    EXPECT_FALSE(rowValue(3, TranscriptRowsModel::IsSelectedRole).toBool());
+    h.vm.selectPreviousTranscript();
+    EXPECT_EQ(rows->selectedRow(), 1);
+    EXPECT_FALSE(rowValue(2, TranscriptRowsModel::IsSelectedRole).toBool());
+    EXPECT_TRUE(rowValue(1, TranscriptRowsModel::IsSelectedRole).toBool());
+    h.vm.selectNextTranscript();
+    h.vm.selectNextTranscript(); // past the last line: back to following the newest
+    EXPECT_EQ(rows->selectedRow(), -1);
+    EXPECT_EQ(selectedRow.count(), 4);
+}
+
+TEST_F(OverlayModelTest, HintFollowsTheSettingsAtOnceAndGoesWithTheFirstRow)
+{
+    QSignalSpy hint(&overlay, &OverlayViewModel::hintChanged);
+    EXPECT_TRUE(overlay.showsHint());
+    EXPECT_EQ(overlay.hintText(), u"Press Right Shift to trigger AI after interviewer speaks"_s);
+
+    h.settings.setAutoTriggerAIAnswers(true);
+    EXPECT_EQ(hint.count(), 1);
+    EXPECT_EQ(overlay.hintText(), u"AI will trigger automatically after interviewer speaks"_s);
+
+    h.settings.setAutoTriggerAIAnswers(false);
+    AITriggerKey f5;
+    f5.keyCode = 96;
+    f5.displayName = u"F5"_s;
+    h.settings.setAITriggerKey(f5);
+    EXPECT_EQ(hint.count(), 3);
+    EXPECT_EQ(overlay.hintText(), u"Press F5 to trigger AI after interviewer speaks"_s);
+    EXPECT_EQ(overlay.triggerKeyName(), u"F5"_s);
+
+    goLive();
+    partial(Speaker::interviewer, u"So"_s);
+    EXPECT_FALSE(overlay.showsHint());
+    EXPECT_EQ(hint.count(), 4);
+}
+
+TEST(OverlayDivider, DragStopsFortyShortOfEitherEnd)
+{
+    // total 600: the upper area can be 40 to 560 high.
+    EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(120, 50, 600), 170);
+    EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(120, -500, 600), 40);
+    EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(120, 900, 600), 560);
+    // Too small for both limits: the upper area keeps its minimum.
+    EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(30, 10, 60), 40);
+}
+
+TEST_F(OverlayModelTest, DividerDragSetsTheRatioUntilItEnds)
+{
+    EXPECT_DOUBLE_EQ(overlay.dividerRatio(), 0.2);
+    QSignalSpy divider(&overlay, &OverlayViewModel::dividerChanged);
+    overlay.dragDivider(100, 1000, 500);
+    EXPECT_TRUE(overlay.isDragging());
+    EXPECT_DOUBLE_EQ(overlay.dividerRatio(), 460.0 / 500);
+    overlay.dragDivider(100, -1000, 500);
+    EXPECT_DOUBLE_EQ(overlay.dividerRatio(), 40.0 / 500);
+    overlay.endDividerDrag();
+    EXPECT_FALSE(overlay.isDragging());
+    EXPECT_DOUBLE_EQ(overlay.dividerRatio(), 40.0 / 500);
+    // A panel with no room for the areas leaves the ratio alone.
+    overlay.dragDivider(0, 10, 0);
+    EXPECT_DOUBLE_EQ(overlay.dividerRatio(), 40.0 / 500);
+    EXPECT_EQ(divider.count(), 3);
+}
+
+AIAnswerEntry answer(const QString& text)
+{
+    AIAnswerEntry entry;
+    entry.id = QUuid::createUuid();
+    entry.answer = text;
+    return entry;
+}
+
+TEST(OverlayAnswerView, ShowsTheSelectedAnswerOrWhatStandsInForIt)
+{
+    const QList<AIAnswerEntry> three{answer(u"one"_s), answer(u"two"_s), answer(QString())};
+    struct Case {
+        const char* name;
+        std::optional<int> selected;
+        bool generating;
+        QString text;
+        AnswerState state;
+        QString position;
+        bool hasPrevious;
+        bool hasNext;
+    };
+    const QList<Case> cases{
+        {"nothing selected", std::nullopt, false, {}, AnswerState::placeholder, u"–/3"_s, false, false},
+        {"first", 0, false, u"one"_s, AnswerState::answer, u"1/3"_s, false, true},
+        {"middle while the last streams", 1, true, u"two"_s, AnswerState::answer, u"2/3"_s, true, true},
+        {"last, streaming, no text yet", 2, true, {}, AnswerState::generating, u"3/3"_s, true, false},
+        {"last, finished empty", 2, false, {}, AnswerState::placeholder, u"3/3"_s, true, false},
+        {"past the end", 3, true, {}, AnswerState::placeholder, u"–/3"_s, false, false},
+        {"negative", -1, false, {}, AnswerState::placeholder, u"–/3"_s, false, false},
+    };
+    for (const auto& c : cases) {
+        const auto view = OverlayViewModel::answerViewOf(three, c.selected, c.generating);
+        EXPECT_EQ(view.text, c.text) << c.name;
+        EXPECT_EQ(view.state, c.state) << c.name;
+        EXPECT_EQ(view.isStreaming, c.state == AnswerState::generating) << c.name;
+        EXPECT_EQ(view.position, c.position) << c.name;
+        EXPECT_EQ(view.hasPrevious, c.hasPrevious) << c.name;
+        EXPECT_EQ(view.hasNext, c.hasNext) << c.name;
+    }
+    EXPECT_EQ(OverlayViewModel::answerViewOf({}, std::nullopt, false).position, u"–/0"_s);
+}
+
+TEST_F(OverlayModelTest, StreamedAnswerGrowsInPlaceAndTheTriggerWaitsForIt)
+{
+    EXPECT_FALSE(overlay.canTrigger()); // not recording
+    h.backend->finishAnswers = false;
+    h.backend->answerChunks = {};
+    goLive();
+    EXPECT_TRUE(overlay.canTrigger());
+    line(Speaker::interviewer, u"How do you handle conflict?"_s);
+
+    QSignalSpy trigger(&overlay, &OverlayViewModel::canTriggerChanged);
+    h.vm.triggerAIAnswer();
+    InterviewHarness::settle();
+    ASSERT_EQ(overlay.answers()->rowCount(), 1);
+    EXPECT_FALSE(overlay.canTrigger());
+    EXPECT_GE(trigger.count(), 1);
+    EXPECT_EQ(overlay.answerState(), AnswerState::generating);
+    EXPECT_TRUE(answerValue(0, AnswersModel::IsStreamingRole).toBool());
+    EXPECT_TRUE(answerValue(0, AnswersModel::IsSelectedRole).toBool());
+
+    QSignalSpy changed(overlay.answers(), &QAbstractItemModel::dataChanged);
+    QSignalSpy answerChanged(&overlay, &OverlayViewModel::answerChanged);
+    const auto stream = h.backend->answerStreams.last();
+    stream->push(u"Calmly, "_s);
+    stream->push(u"and early."_s);
+    InterviewHarness::settle();
+    EXPECT_EQ(overlay.answers()->rowCount(), 1);
+    EXPECT_GE(changed.count(), 2);
+    EXPECT_GE(answerChanged.count(), 2);
+    EXPECT_EQ(overlay.selectedAnswerText(), u"Calmly, and early."_s);
+    EXPECT_EQ(overlay.answerState(), AnswerState::answer);
+    EXPECT_TRUE(overlay.isStreaming());
+
+    stream->finish();
+    InterviewHarness::settle();
+    EXPECT_FALSE(overlay.isStreaming());
+    EXPECT_FALSE(answerValue(0, AnswersModel::IsStreamingRole).toBool());
+    EXPECT_TRUE(overlay.canTrigger());
+    EXPECT_EQ(overlay.positionText(), u"1/1"_s);
+}
+
+TEST_F(OverlayModelTest, FailedOrEmptyResumeListShowsTheTipAfterTheDelay)
+{
+    resumeRequestFails = true;
+    h.notifications.post(Notifications::overlayVisibilityChanged, false);
+    InterviewHarness::settle();
+    h.clock.advance(1s);
+    EXPECT_FALSE(overlay.showResumeTip()); // hiding checks nothing
+
+    h.notifications.post(Notifications::overlayVisibilityChanged, true);
+    InterviewHarness::settle();
+    h.clock.advance(599ms);
+    InterviewHarness::settle();
+    EXPECT_FALSE(overlay.showResumeTip());
+    h.clock.advance(1ms);
+    InterviewHarness::settle();
+    EXPECT_TRUE(overlay.showResumeTip());
+
+    // The resume button takes the tip away on its way to the dashboard.
+    QStringList pages;
+    h.notifications.addObserver(Notifications::showDashboard, nullptr, [&pages](const Notification& n) {
+        pages.append(n.userInfo.value(u"page"_s, u"none"_s).toString());
+    });
+    overlay.openResume();
+    overlay.openJobDescription();
+    overlay.openSettings();
+    EXPECT_FALSE(overlay.showResumeTip());
+    EXPECT_EQ(pages, (QStringList{u"resume"_s, u"jobDescription"_s, u"none"_s}));
+
+    // With a resume on file the next appearance brings no tip; an empty list does.
+    resumeRequestFails = false;
+    resumes = 1;
+    h.notifications.post(Notifications::overlayVisibilityChanged, true);
+    InterviewHarness::settle();
+    h.clock.advance(1s);
+    InterviewHarness::settle();
+    EXPECT_FALSE(overlay.showResumeTip());
+    resumes = 0;
+    h.notifications.post(Notifications::overlayVisibilityChanged, true);
+    InterviewHarness::settle();
+    h.clock.advance(600ms);
+    InterviewHarness::settle();
+    EXPECT_TRUE(overlay.showResumeTip());
+}
+
+TEST_F(OverlayModelTest, WithoutABackendClientNoTipComes)
+{
+    OverlayViewModel noClient{OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications,
+                                                         h.clock, {}}};
+    resumeRequestFails = true;
+    h.notifications.post(Notifications::overlayVisibilityChanged, true);
+    InterviewHarness::settle();
+    h.clock.advance(1s);
+    InterviewHarness::settle();
+    EXPECT_FALSE(noClient.showResumeTip());
+    EXPECT_TRUE(overlay.showResumeTip()); // the one with a client did check
+}
+
+TEST_F(OverlayModelTest, ControlsReachTheInterviewAndTheShell)
+{
+    QStringList posted;
+    for (const auto& name : {Notifications::toggleOverlay, Notifications::triggerAI}) {
+        h.notifications.addObserver(name, nullptr, [&posted](const Notification& n) { posted.append(n.name); });
+    }
+    overlay.closeOverlay();
+    overlay.triggerAnswer();
+    EXPECT_EQ(posted, (QStringList{Notifications::toggleOverlay, Notifications::triggerAI}));
+
+    EXPECT_EQ(overlay.startStopText(), u"Start"_s);
+    overlay.toggleInterview();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.isRecording(); }, 5000));
+    EXPECT_EQ(overlay.startStopText(), u"Stop"_s);
+    overlay.toggleInterview();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.pipelineState() == InterviewViewModel::PipelineState::idle; }, 5000));
+    EXPECT_EQ(overlay.startStopText(), u"Start"_s);
+}
+
+} // namespace
