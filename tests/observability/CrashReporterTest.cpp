@@ -223,6 +223,11 @@ INSTANTIATE_TEST_SUITE_P(
         PendingFile{.name = "MissingKeys",
                     .contents = R"json({"stackTrace":"frame"})json",
                     .sent = QStringList{u"unknown"_s, QString(), u"frame"_s, u"unknown"_s}},
+        // A "\ud800" escape alone is half a character, which the server refuses in a body.
+        PendingFile{.name = "HalfCharacters",
+                    .contents = R"json({"exceptionType":")\ud800","exceptionMessage":"11",
+                        "stackTrace":"rav2\udc00]","lastState":"unknown"})json",
+                    .sent = QStringList{u")\uFFFD"_s, u"11"_s, u"rav2\uFFFD]"_s, u"unknown"_s}},
         PendingFile{.name = "UploadFails",
                     .contents = wholeReport,
                     .status = 500,
