@@ -16,7 +16,7 @@ QByteArray entryFrame(const QString& id, const QString& content)
                             {u"id"_s, id},
                             {u"speaker"_s, u"user"_s},
                             {u"content"_s, content},
-                            {u"timestampMs"_s, 1'700'000'000'000},
+                            {u"timestampMs"_s, qint64(1'700'000'000'000)},
                             {u"revision"_s, 2}};
     return QJsonDocument(frame).toJson(QJsonDocument::Compact);
 }
