@@ -1,15 +1,49 @@
 #include "Api.h"
 
+#include "Helpers.h"
 #include "LoginPage.h"
 #include "SpeechSynthesizer.h"
 #include "SpeechTokens.h"
 #include "TranscriptChannel.h"
 #include "VendorTokens.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QUrl>
 
+#include <algorithm>
+
 using namespace Qt::StringLiterals;
+
+namespace {
+
+bool isUnicode(const QString& text)
+{
+    return withValidUnicode(text) == text;
+}
+
+// A "\ud800" escape is valid JSON but half a character: stored, it would read back as other
+// text. Keys count too, as some objects are stored whole.
+bool holdsOnlyUnicode(const QJsonValue& value)
+{
+    if (value.isString())
+        return isUnicode(value.toString());
+    if (value.isArray()) {
+        const auto array = value.toArray();
+        return std::all_of(array.begin(), array.end(),
+                           [](const QJsonValue& item) { return holdsOnlyUnicode(item); });
+    }
+    if (value.isObject()) {
+        const auto object = value.toObject();
+        for (auto it = object.begin(); it != object.end(); ++it) {
+            if (!isUnicode(it.key()) || !holdsOnlyUnicode(it.value()))
+                return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
 
 std::variant<QJsonObject, HttpResponse> jsonBody(const HttpRequest& request)
 {
@@ -19,6 +53,8 @@ std::variant<QJsonObject, HttpResponse> jsonBody(const HttpRequest& request)
     const auto document = QJsonDocument::fromJson(request.body, &error);
     if (error.error != QJsonParseError::NoError || !document.isObject())
         return HttpResponse::error(400, u"The request body must be a JSON object"_s);
+    if (!holdsOnlyUnicode(document.object()))
+        return HttpResponse::error(400, u"The request body holds text that is not Unicode"_s);
     return document.object();
 }
 

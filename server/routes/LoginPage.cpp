@@ -6,6 +6,8 @@
 #include <QUrl>
 #include <QUrlQuery>
 
+#include <map>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -51,19 +53,58 @@ QByteArray cookieValue(const HttpRequest& request, const QByteArray& name)
     return {};
 }
 
-QUrlQuery formFields(const QByteArray& body)
+int hexValue(char c)
 {
-    auto text = QString::fromUtf8(body);
-    text.replace(u'+', u' ');
-    return QUrlQuery(text);
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
 }
 
-QString field(const QUrlQuery& form, const QString& key)
+// One name or value of the form: "+" is a space, "%" and two hex digits a byte, anything else
+// itself; the bytes are then read as UTF-8. Done by hand: QUrl's decoding leaves some
+// characters (U+FFFF, for one) percent-encoded, so a password holding one would not be the
+// password typed, and QByteArray's decodes "%" followed by anything.
+QString formText(QByteArrayView part)
 {
-    return form.queryItemValue(key, QUrl::FullyDecoded);
+    QByteArray bytes;
+    bytes.reserve(part.size());
+    for (qsizetype i = 0; i < part.size(); ++i) {
+        const char c = part[i];
+        if (c == '%' && i + 2 < part.size() && hexValue(part[i + 1]) >= 0
+            && hexValue(part[i + 2]) >= 0) {
+            bytes.append(char(hexValue(part[i + 1]) * 16 + hexValue(part[i + 2])));
+            i += 2;
+        } else {
+            bytes.append(c == '+' ? ' ' : c);
+        }
+    }
+    return QString::fromUtf8(bytes);
 }
 
 } // namespace
+
+LoginPage::Submission LoginPage::readForm(const QByteArray& body)
+{
+    // application/x-www-form-urlencoded; of a name given twice, the first counts.
+    std::map<QString, QString> fields;
+    for (const auto& pair : body.split('&')) {
+        if (pair.isEmpty())
+            continue;
+        const auto equals = pair.indexOf('=');
+        fields.try_emplace(formText(equals < 0 ? pair : pair.left(equals)),
+                           equals < 0 ? QString() : formText(pair.mid(equals + 1)));
+    }
+    const auto field = [&fields](const QString& name) {
+        const auto it = fields.find(name);
+        return it == fields.end() ? QString() : it->second;
+    };
+    return {field(u"state"_s),   field(u"email"_s), field(u"password"_s),
+            field(u"confirm"_s), field(u"csrf"_s),  field(u"action"_s)};
+}
 
 bool LoginPage::isLocalPeer(const HttpRequest& request)
 {
@@ -89,9 +130,9 @@ HttpResponse LoginPage::submit(const HttpRequest& request)
 {
     if (request.body.size() > 64 * 1024)
         return HttpResponse::error(413, u"The form is too large"_s);
-    const auto form = formFields(request.body);
-    const auto state = field(form, u"state"_s);
-    const auto email = field(form, u"email"_s);
+    const auto form = readForm(request.body);
+    const auto& state = form.state;
+    const auto& email = form.email;
     const bool localPeer = isLocalPeer(request);
     if (!validState(state))
         return HttpResponse::error(400, u"Missing sign-in state"_s);
@@ -99,7 +140,7 @@ HttpResponse LoginPage::submit(const HttpRequest& request)
     // Double-submit token: a page of another site can post this form but cannot read our
     // cookie to copy it into the form.
     const auto cookie = cookieValue(request, csrfCookie);
-    const auto token = field(form, u"csrf"_s).toLatin1();
+    const auto token = form.csrf.toLatin1();
     const auto origin = request.header("Origin");
     const bool sameOrigin = origin.isEmpty() || origin == "null"
                             || QUrl(QString::fromLatin1(origin)).authority()
@@ -108,7 +149,7 @@ HttpResponse LoginPage::submit(const HttpRequest& request)
         return page(403, state, Form::signIn, email, u"This form has expired. Please try again."_s,
                     localPeer);
 
-    const auto action = field(form, u"action"_s);
+    const auto action = form.action;
     std::optional<UserRecord> user;
     if (action == u"local"_s) {
         if (!m_localSignIn || !localPeer)
@@ -118,15 +159,15 @@ HttpResponse LoginPage::submit(const HttpRequest& request)
                 localPeer);
         user = m_accounts.localAccount();
     } else if (action == u"register"_s) {
-        if (field(form, u"password"_s) != field(form, u"confirm"_s))
+        if (form.password != form.confirm)
             return page(400, state, Form::createAccount, email,
                         u"The two passwords do not match."_s, localPeer);
-        auto created = m_accounts.createAccount(email, field(form, u"password"_s));
+        auto created = m_accounts.createAccount(email, form.password);
         if (auto* message = std::get_if<QString>(&created))
             return page(400, state, Form::createAccount, email, *message, localPeer);
         user = std::get<UserRecord>(created);
     } else {
-        user = m_accounts.signIn(email, field(form, u"password"_s));
+        user = m_accounts.signIn(email, form.password);
         if (!user)
             return page(401, state, Form::signIn, email,
                         u"The e-mail address or the password is wrong."_s, localPeer);

@@ -13,6 +13,18 @@ public:
     {
     }
 
+    // The fields of a posted form (application/x-www-form-urlencoded), decoded.
+    struct Submission {
+        QString state;
+        QString email;
+        QString password;
+        QString confirm;
+        QString csrf;
+        QString action;
+        friend bool operator==(const Submission&, const Submission&) = default;
+    };
+    static Submission readForm(const QByteArray& body);
+
     HttpResponse show(const HttpRequest& request) const;
     HttpResponse submit(const HttpRequest& request);
 

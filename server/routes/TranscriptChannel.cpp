@@ -1,5 +1,6 @@
 #include "TranscriptChannel.h"
 
+#include "Helpers.h"
 #include "HttpServer.h"
 
 #include <QJsonArray>
@@ -19,6 +20,10 @@ std::optional<TranscriptLine> transcriptLineFrom(const QJsonObject& object)
     if (!id.isString() || id.toString().isEmpty() || id.toString().size() > 200
         || !content.isString() || content.toString().size() > 100'000 || !timestamp.isDouble()
         || (speaker != u"user"_s && speaker != u"interviewer"_s))
+        return std::nullopt;
+    // A "\ud800" escape alone is half a character: stored, it would read back as other text.
+    if (withValidUnicode(id.toString()) != id.toString()
+        || withValidUnicode(content.toString()) != content.toString())
         return std::nullopt;
     TranscriptLine line{id.toString(),         speaker,      content.toString(),
                         timestamp.toInteger(), std::nullopt, 0};
@@ -88,13 +93,10 @@ TranscriptChannel::TranscriptChannel(std::unique_ptr<QWebSocket> socket, QString
             [this](const QString& text) { onFrame(text.toUtf8()); });
     connect(m_socket.get(), &QWebSocket::binaryMessageReceived, this,
             [this](const QByteArray& data) {
-                // A binary frame counts only if it is UTF-8 text.
-                auto decoder = QStringDecoder(QStringDecoder::Utf8);
-                const QString text = decoder(data);
-                if (decoder.hasError())
-                    ++m_badFrames;
+                if (const auto text = binaryFrameText(data))
+                    onFrame(text->toUtf8());
                 else
-                    onFrame(text.toUtf8());
+                    ++m_badFrames;
             });
     connect(m_socket.get(), &QWebSocket::disconnected, this, &QObject::deleteLater);
     m_socket->sendTextMessage(u"{\"type\":\"connected\"}"_s);
@@ -102,12 +104,35 @@ TranscriptChannel::TranscriptChannel(std::unique_ptr<QWebSocket> socket, QString
 
 TranscriptChannel::~TranscriptChannel() = default;
 
-void TranscriptChannel::onFrame(const QByteArray& data)
+std::optional<TranscriptLine> TranscriptChannel::lineOfFrame(const QByteArray& data)
 {
     const auto object = QJsonDocument::fromJson(data).object();
-    std::optional<TranscriptLine> line;
-    if (object.value(u"type"_s).toString() == u"transcript_entry"_s)
-        line = transcriptLineFrom(object);
+    if (object.value(u"type"_s).toString() != u"transcript_entry"_s)
+        return std::nullopt;
+    return transcriptLineFrom(object);
+}
+
+std::optional<QString> TranscriptChannel::binaryFrameText(const QByteArray& data)
+{
+    // Stateless: a sequence cut off at the end of the frame is an error, not a wait for more.
+    auto decoder = QStringDecoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QString text = decoder(data);
+    if (decoder.hasError())
+        return std::nullopt;
+    return text;
+}
+
+QString TranscriptChannel::ackFrame(const QString& id, qint64 storedRevision)
+{
+    const QJsonObject ack{{u"type"_s, u"ack"_s},
+                          {u"ids"_s, QJsonArray{id}},
+                          {u"revisions"_s, QJsonObject{{id, storedRevision}}}};
+    return QString::fromUtf8(QJsonDocument(ack).toJson(QJsonDocument::Compact));
+}
+
+void TranscriptChannel::onFrame(const QByteArray& data)
+{
+    const auto line = lineOfFrame(data);
     if (!line) {
         if (++m_badFrames >= maxBadFramesInARow)
             m_socket->close(QWebSocketProtocol::CloseCodePolicyViolated,
@@ -129,8 +154,5 @@ void TranscriptChannel::onFrame(const QByteArray& data)
         return;
     }
     // Acknowledged only now that the row is written.
-    const QJsonObject ack{{u"type"_s, u"ack"_s},
-                          {u"ids"_s, QJsonArray{line->id}},
-                          {u"revisions"_s, QJsonObject{{line->id, *stored}}}};
-    m_socket->sendTextMessage(QString::fromUtf8(QJsonDocument(ack).toJson(QJsonDocument::Compact)));
+    m_socket->sendTextMessage(ackFrame(line->id, *stored));
 }

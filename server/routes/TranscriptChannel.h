@@ -26,6 +26,13 @@ public:
     static void attach(HttpServer& server, AccountService& accounts, InterviewStore& interviews,
                        QObject* owner);
 
+    // A frame as a line to store; nothing when it is not a transcript line.
+    static std::optional<TranscriptLine> lineOfFrame(const QByteArray& data);
+    // The text of a binary frame; nothing unless it is UTF-8 throughout.
+    static std::optional<QString> binaryFrameText(const QByteArray& data);
+    // The acknowledgement of a stored line, naming the revision now stored for it.
+    static QString ackFrame(const QString& id, qint64 storedRevision);
+
     TranscriptChannel(std::unique_ptr<QWebSocket> socket, QString userId, QString sessionId,
                       InterviewStore& interviews, QObject* parent);
     ~TranscriptChannel() override;

@@ -3,6 +3,7 @@
 #include "APIClient.h"
 #include "APIError.h"
 #include "AuthTokenStore.h"
+#include "Helpers.h"
 #include "Log.h"
 #include "TaskHandle.h"
 #include "TelemetryClient.h"
@@ -212,7 +213,13 @@ std::optional<AuthViewModel::UserProfile> AuthViewModel::decodeProfile(const QSt
     const auto email = object.value(u"email"_s);
     if (!sub.isString() || !email.isString())
         return std::nullopt;
-    return UserProfile{sub.toString(), email.toString(), std::nullopt};
+    // A "\ud800" escape alone is half a character: no account has such an id or address, and
+    // the server refuses it in a body.
+    const auto id = sub.toString();
+    const auto address = email.toString();
+    if (withValidUnicode(id) != id || withValidUnicode(address) != address)
+        return std::nullopt;
+    return UserProfile{id, address, std::nullopt};
 }
 
 void AuthViewModel::setLoggedIn(bool loggedIn)

@@ -1,5 +1,6 @@
 #include "CrashReporter.h"
 
+#include "Helpers.h"
 #include "TelemetryClient.h"
 
 #include <QDir>
@@ -260,17 +261,10 @@ Text captureStack()
     return {stackText, size};
 }
 
-// Replaces the report as a whole: a crash in the middle leaves the earlier file, or none.
-void writeReport(Text type, Text message, Text stack, const timespec& moment)
+// The report's one JSON object; false when a write failed.
+bool writeReportTo(int fd, Text type, Text message, Text stack,
+                   const char (&timestamp)[CrashReporter::timestampLength])
 {
-    char timestamp[CrashReporter::timestampLength];
-    CrashReporter::formatTimestamp(moment.tv_sec, moment.tv_nsec, timestamp);
-
-    const int fd = ::open(tempPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        ::unlink(tempPath);
-        return;
-    }
     ReportStream out(fd);
     out.put(textOf("{\"exceptionType\":"));
     out.putJsonString(type, unlimited);
@@ -282,7 +276,21 @@ void writeReport(Text type, Text message, Text stack, const timespec& moment)
     out.put(textOf(",\"lastState\":\"unknown\",\"clientTs\":\""));
     out.put(Text{timestamp, sizeof timestamp});
     out.put(textOf("\"}"));
-    const bool written = out.flush();
+    return out.flush();
+}
+
+// Replaces the report as a whole: a crash in the middle leaves the earlier file, or none.
+void writeReport(Text type, Text message, Text stack, const timespec& moment)
+{
+    char timestamp[CrashReporter::timestampLength];
+    CrashReporter::formatTimestamp(moment.tv_sec, moment.tv_nsec, timestamp);
+
+    const int fd = ::open(tempPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        ::unlink(tempPath);
+        return;
+    }
+    const bool written = writeReportTo(fd, type, message, stack, timestamp);
     const bool closed = ::close(fd) == 0;
     if (!written || !closed || ::rename(tempPath, reportPath) != 0)
         ::unlink(tempPath);
@@ -371,25 +379,37 @@ void installSignalHandlers()
         ::sigaction(signalNumber, &action, nullptr);
 }
 
-// Nothing but text values: anything else is not a report of ours.
-std::optional<QJsonObject> readReport(const QString& path)
+} // namespace
+
+bool CrashReporter::writeReport(int fd, std::string_view type, std::string_view message,
+                                std::string_view stack, std::int64_t seconds,
+                                std::int64_t nanoseconds) noexcept
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return std::nullopt;
+    char timestamp[timestampLength];
+    formatTimestamp(seconds, nanoseconds, timestamp);
+    return writeReportTo(fd, Text{type.data(), type.size()}, Text{message.data(), message.size()},
+                         Text{stack.data(), stack.size()}, timestamp);
+}
+
+std::optional<CrashReporter::PendingReport> CrashReporter::readPendingReport(const QByteArray& bytes)
+{
     QJsonParseError error{};
-    const auto document = QJsonDocument::fromJson(file.readAll(), &error);
+    const auto document = QJsonDocument::fromJson(bytes, &error);
     if (error.error != QJsonParseError::NoError || !document.isObject())
         return std::nullopt;
-    auto object = document.object();
+    // Nothing but text values: anything else is not a report of ours.
+    const auto object = document.object();
     for (auto it = object.constBegin(); it != object.constEnd(); ++it) {
         if (!it.value().isString())
             return std::nullopt;
     }
-    return object;
+    // A "\ud800" escape alone is half a character, which the server refuses in a body: the
+    // report goes with U+FFFD in its place.
+    return PendingReport{withValidUnicode(object.value(u"exceptionType"_s).toString(u"unknown"_s)),
+                         withValidUnicode(object.value(u"exceptionMessage"_s).toString()),
+                         withValidUnicode(object.value(u"stackTrace"_s).toString()),
+                         withValidUnicode(object.value(u"lastState"_s).toString(u"unknown"_s))};
 }
-
-} // namespace
 
 void CrashReporter::formatTimestamp(std::int64_t seconds, std::int64_t nanoseconds,
                                     char* out) noexcept
@@ -471,18 +491,17 @@ QCoro::Task<> CrashReporter::uploadPendingReport()
         QFile::remove(path);
         co_return;
     }
-    const auto report = readReport(path);
+    QFile file(path);
+    auto report = file.open(QIODevice::ReadOnly) ? readPendingReport(file.readAll()) : std::nullopt;
+    file.close();
     if (!report) {
         QFile::remove(path);
         co_return;
     }
-    QString type = report->value(u"exceptionType"_s).toString(u"unknown"_s);
-    QString message = report->value(u"exceptionMessage"_s).toString();
-    QString stack = report->value(u"stackTrace"_s).toString();
-    QString lastState = report->value(u"lastState"_s).toString(u"unknown"_s);
     try {
-        co_await telemetry->reportCrash(std::move(type), std::move(message), std::move(stack),
-                                        std::move(lastState));
+        co_await telemetry->reportCrash(std::move(report->exceptionType),
+                                        std::move(report->exceptionMessage),
+                                        std::move(report->stackTrace), std::move(report->lastState));
     } catch (...) {
         // Telemetry raises nothing by design; should it, the report still gets only one try.
     }

@@ -8,6 +8,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <string_view>
 
 class TelemetryClient;
 
@@ -21,6 +23,15 @@ public:
     static constexpr int maxStackLength = 16384;
     // "2026-11-23T00:40:12.345Z"
     static constexpr std::size_t timestampLength = 24;
+
+    // What the next launch sends of a report, with the defaults of missing keys filled in.
+    struct PendingReport {
+        QString exceptionType;
+        QString exceptionMessage;
+        QString stackTrace;
+        QString lastState;
+        friend bool operator==(const PendingReport&, const PendingReport&) = default;
+    };
 
     explicit CrashReporter(QString reportPath = defaultReportPath());
     CrashReporter(const CrashReporter&) = delete;
@@ -42,6 +53,15 @@ public:
     QCoro::Task<> uploadPendingReport();
     // The upload that install started (tests wait for it).
     const TaskHandle& uploadTask() const { return m_upload; }
+
+    // The report the handlers write, to an open descriptor; false when a write failed. Texts
+    // are cut to the limits above, and bytes that are not UTF-8 become U+FFFD. Like the
+    // handlers, it allocates nothing and is not reentrant.
+    static bool writeReport(int fd, std::string_view type, std::string_view message,
+                            std::string_view stack, std::int64_t seconds,
+                            std::int64_t nanoseconds) noexcept;
+    // A report file's bytes; nothing unless they are one JSON object of texts.
+    static std::optional<PendingReport> readPendingReport(const QByteArray& bytes);
 
     // Formats a UTC moment as the report's clientTs without the C library, so that a signal
     // handler may call it. `out` gets timestampLength characters and no terminator.

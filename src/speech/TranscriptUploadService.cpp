@@ -34,16 +34,6 @@ QString queryEncoded(const QString& value)
     return QString::fromLatin1(utf8.toPercentEncoding(queryKeepsAsIs));
 }
 
-// A binary frame counts only when it is valid UTF-8 throughout.
-std::optional<QString> strictUtf8(const QByteArray& bytes)
-{
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    QString text = decoder.decode(bytes);
-    if (decoder.hasError())
-        return std::nullopt;
-    return text;
-}
-
 std::chrono::milliseconds reconnectDelay(int attempt)
 {
     // 1, 2, 4, 8, then 15 seconds; the cap keeps the shift small.
@@ -142,6 +132,15 @@ QString TranscriptUploadService::frameText(const TranscriptEntry& entry, int rev
     if (entry.confidence)
         object.insert(u"confidence"_s, *entry.confidence);
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+
+std::optional<QString> TranscriptUploadService::binaryFrameText(const QByteArray& bytes)
+{
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QString text = decoder.decode(bytes);
+    if (decoder.hasError())
+        return std::nullopt;
+    return text;
 }
 
 QList<QString> TranscriptUploadService::pendingIds() const
@@ -252,7 +251,7 @@ void TranscriptUploadService::connectSocket()
             auto c = weak.lock();
             if (!c)
                 return;
-            if (auto text = strictUtf8(bytes))
+            if (auto text = binaryFrameText(bytes))
                 c->incoming.push({std::move(*text)});
         },
         Qt::QueuedConnection);

@@ -63,6 +63,8 @@ public:
                                          const QString& sessionId);
     // The frame of one revision of a line; "{}" when the line cannot be written as JSON.
     static QString frameText(const TranscriptEntry& entry, int revision);
+    // The text of a binary frame from the server; nothing unless it is valid UTF-8 throughout.
+    static std::optional<QString> binaryFrameText(const QByteArray& bytes);
 
     // Read-only views of the bookkeeping, for diagnostics and tests.
     bool isConnected() const { return m_isConnected; }
@@ -72,6 +74,9 @@ public:
     QSet<QString> acknowledgedIds() const;
 
 private:
+    // The fuzz harness drives the acknowledgement bookkeeping without a socket.
+    friend struct TranscriptUploadProbe;
+
     struct Connection;
     // What the channel knows of one line over the whole session.
     struct Line {

@@ -236,7 +236,14 @@ INSTANTIATE_TEST_SUITE_P(
         PayloadCase{"NoEmail", token(R"({"sub":"u-1"})"), std::nullopt},
         PayloadCase{"NumericSub", token(R"({"sub":7,"email":"a@example.com"})"), std::nullopt},
         PayloadCase{"NotJson", token("not json"), std::nullopt},
-        PayloadCase{"JsonArray", token(R"(["sub","email"])"), std::nullopt}),
+        PayloadCase{"JsonArray", token(R"(["sub","email"])"), std::nullopt},
+        // Half a character ("\ud800" alone) names nobody; a whole pair is an ordinary character.
+        PayloadCase{"HalfCharacterInEmail", token(R"({"sub":"u-2","email":"b@exa\ud800mple.com"})"),
+                    std::nullopt},
+        PayloadCase{"HalfCharacterInSub", token(R"({"sub":"u-\udc00","email":"a@example.com"})"),
+                    std::nullopt},
+        PayloadCase{"SurrogatePairInEmail", token(R"({"sub":"u-3","email":"\ud83d\ude00@example.com"})"),
+                    AuthViewModel::UserProfile{u"u-3"_s, u"\U0001F600@example.com"_s, std::nullopt}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // The browser sign-in and the deep-link path, on the manual clock.

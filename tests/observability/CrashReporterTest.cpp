@@ -223,6 +223,11 @@ INSTANTIATE_TEST_SUITE_P(
         PendingFile{.name = "MissingKeys",
                     .contents = R"json({"stackTrace":"frame"})json",
                     .sent = QStringList{u"unknown"_s, QString(), u"frame"_s, u"unknown"_s}},
+        // A "\ud800" escape alone is half a character, which the server refuses in a body.
+        PendingFile{.name = "HalfCharacters",
+                    .contents = R"json({"exceptionType":")\ud800","exceptionMessage":"11",
+                        "stackTrace":"rav2\udc00]","lastState":"unknown"})json",
+                    .sent = QStringList{u")\uFFFD"_s, u"11"_s, u"rav2\uFFFD]"_s, u"unknown"_s}},
         PendingFile{.name = "UploadFails",
                     .contents = wholeReport,
                     .status = 500,
@@ -247,4 +252,26 @@ TEST_F(CrashReporterTest, TimestampMatchesTheIsoFormatter)
     }
     check(951'782'400'000);     // 2000-02-29, a leap day of a century year
     check(253'402'300'799'999); // 9999-12-31T23:59:59.999Z
+}
+
+// What the handlers write, read as the next launch reads it: bytes that are not UTF-8 become
+// U+FFFD, and the message is cut to its limit without splitting a character.
+TEST_F(CrashReporterTest, AWrittenReportReadsBackWithinTheLimits)
+{
+    QTemporaryDir dir;
+    QFile file(dir.filePath(u"report.json"_s));
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    // 511 units, then a character of two units that no longer fits.
+    const QByteArray message = QByteArray(511, 'm') + "\xf0\x9f\x98\x80" + "tail";
+    const QByteArray stack = "rav\xfflet(+0x1a)\n\"quoted\"\t\x01\xed\xa0\x80";
+    ASSERT_TRUE(CrashReporter::writeReport(file.handle(), "std::runtime_error", message.toStdString(),
+                                           stack.toStdString(), 1'795'000'000, 5'000'000));
+    file.seek(0);
+    const auto report = CrashReporter::readPendingReport(file.readAll());
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->exceptionType, u"std::runtime_error"_s);
+    EXPECT_EQ(report->exceptionMessage, QString(511, u'm'));
+    EXPECT_EQ(report->stackTrace,
+              u"rav\uFFFDlet(+0x1a)\n\"quoted\"\t\u0001\uFFFD\uFFFD\uFFFD"_s);
+    EXPECT_EQ(report->lastState, u"unknown"_s);
 }

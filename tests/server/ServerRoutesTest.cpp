@@ -246,6 +246,12 @@ TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
         server.call(account, u"POST"_s, path, "{\"title\":\"\xff\xfe\",\"content\":\"x\"}").status,
         400);
     EXPECT_EQ(server.call(account, u"POST"_s, path, R"({"title":5,"content":"x"})").status, 400);
+    // Valid JSON, but half a character that would be stored as something else.
+    EXPECT_EQ(server.call(account, u"POST"_s, path, R"({"title":"Eng\udfff","content":"x"})").status,
+              400);
+    EXPECT_EQ(server.call(account, u"POST"_s, path, R"({"title":"E","content":"x","\ud800":1})")
+                  .status,
+              400);
     EXPECT_EQ(
         server.call(account, u"POST"_s, path, QByteArray(10 * 1024 * 1024, ' ') + "{}").status,
         413);
