@@ -304,6 +304,8 @@ bool TranscriptUploadService::sendNow(const TranscriptEntry& entry)
     if (m_connection->socket->sendTextMessage(frame) < size)
         return false;
     m_unansweredSends[entry.id].push_back(revision);
+    auto& line = m_lines[entry.id];
+    line.sent = std::max(line.sent, revision);
     return true;
 }
 
@@ -419,8 +421,9 @@ void TranscriptUploadService::acknowledge(const QString& id, int revision)
     const auto line = m_lines.find(id);
     if (line == m_lines.end())
         return;
-    // Never beyond what was sent: a later text must still be acknowledged itself.
-    const int covered = std::min(revision, line->second.revision);
+    // Never beyond what went out: a text still waiting to be sent, or a later one, must be
+    // acknowledged itself. A server that names a revision it never got cannot lose that text.
+    const int covered = std::min(revision, line->second.sent);
     line->second.acknowledged = std::max(line->second.acknowledged, covered);
     if (auto sends = m_unansweredSends.find(id); sends != m_unansweredSends.end()) {
         auto& queue = sends->second;

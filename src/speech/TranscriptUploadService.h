@@ -82,6 +82,7 @@ private:
     struct Line {
         QString content;      // the newest text handed over
         int revision = 0;     // of that text
+        int sent = 0;         // the newest revision that went out on a socket
         int acknowledged = 0; // the highest revision the server has acknowledged
     };
 

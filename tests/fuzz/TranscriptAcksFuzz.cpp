@@ -29,7 +29,9 @@ struct TranscriptUploadProbe {
         for (const auto& entry : entries) {
             service.m_pendingEntries.insert_or_assign(entry.id, entry);
             service.sendNow(entry); // no socket: it stops once the line is in flight
-            service.m_unansweredSends[entry.id].push_back(service.m_lines[entry.id].revision);
+            auto& line = service.m_lines[entry.id];
+            service.m_unansweredSends[entry.id].push_back(line.revision);
+            line.sent = line.revision;
         }
     }
 
