@@ -60,11 +60,27 @@ Rectangle {
             Label { text: row.grantedLabel; color: "#34c759"; font.pixelSize: 12 }
         }
         Button {
+            id: allow
             visible: !row.isGranted
             text: row.buttonLabel
             font.pixelSize: 12
             Accessible.name: row.title + ": " + row.buttonLabel
             onClicked: row.action()
+            // The panel is dark: a quiet outlined button, lit while pressed or hovered.
+            contentItem: Label {
+                text: allow.text
+                font: allow.font
+                color: "#8fb0ff"
+                horizontalAlignment: Text.AlignHCenter
+                verticalAlignment: Text.AlignVCenter
+            }
+            background: Rectangle {
+                implicitWidth: 72
+                implicitHeight: 28
+                radius: 6
+                color: allow.down ? "#2a3a66" : (allow.hovered ? "#26324f" : "transparent")
+                border.color: "#3b6ff0"
+            }
         }
     }
 }
