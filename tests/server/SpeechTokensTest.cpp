@@ -59,6 +59,10 @@ class SpeechTokensTest : public ::testing::TestWithParam<Case> {};
 
 } // namespace
 
+// GCC 12 with the sanitizers at -O1 takes the copy of a std::optional<QString> into the config
+// for a read of uninitialised memory; it is not one.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 TEST_P(SpeechTokensTest, TokenAndAccountStatusNameWhereSpeechGoes)
 {
     const auto& c = GetParam();
@@ -102,6 +106,7 @@ TEST_P(SpeechTokensTest, TokenAndAccountStatusNameWhereSpeechGoes)
     else
         EXPECT_TRUE(provider.isUndefined());
 }
+#pragma GCC diagnostic pop
 
 INSTANTIATE_TEST_SUITE_P(Routes, SpeechTokensTest, ::testing::ValuesIn(cases),
                          [](const auto& info) {
