@@ -9,6 +9,7 @@ if [ "${RAVLET_SANITIZE:-0}" = 1 ]; then
     export BUILD_DIR="${BUILD_DIR:-$root/build-asan}"
     export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}"
     export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+    export LSAN_OPTIONS="${LSAN_OPTIONS:-suppressions=$root/tests/sanitizers/lsan.supp}"
 fi
 build_dir="${BUILD_DIR:-$root/build}"
 
