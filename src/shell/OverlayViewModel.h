@@ -74,6 +74,9 @@ public:
     explicit OverlayViewModel(Services services, QObject* parent = nullptr);
     ~OverlayViewModel() override;
 
+    // The question to the backend whether the user has a resume is still out.
+    bool isCheckingResumes() const { return !m_resumeCheck.isFinished(); }
+
     TranscriptRowsModel* transcriptRows() const { return m_rows.get(); }
     AnswersModel* answers() const { return m_answers.get(); }
 

@@ -9,6 +9,7 @@
 #include "AuthTokenStore.h"
 #include "AuthViewModel.h"
 #include "FakeBackend.h"
+#include "OverlayViewModel.h"
 #include "LogCapture.h"
 #include "MenuBarViewModel.h"
 #include "SettingsViewModel.h"
@@ -17,6 +18,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QUrlQuery>
+
+#include <QTest>
 
 #include <gtest/gtest.h>
 
@@ -37,6 +40,18 @@ QByteArray tokenPair(const QString& access)
 
 class AppDelegateTest : public ::testing::Test {
 protected:
+    // The overlay asks the backend for resumes when it shows; that answer must arrive before
+    // the delegate and its client go, or the coroutine waiting for it is never resumed.
+    void TearDown() override
+    {
+        if (delegate && delegate->models().overlay && delegate->models().overlay->isCheckingResumes()) {
+            EXPECT_TRUE(QTest::qWaitFor(
+                [&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
+            // The answer is on its way back: a few turns of the loop deliver it.
+            QTest::qWait(100);
+        }
+    }
+
     AppDelegateTest()
     {
         notifications.addObserver(Notifications::overlayVisibilityChanged, nullptr,

@@ -23,6 +23,7 @@
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTest>
+#include "OverlayViewModel.h"
 
 #include <gtest/gtest.h>
 
@@ -34,6 +35,17 @@ using DisplayFixture::saveScreenshot;
 // The whole shell over real windows, with the interview's fakes behind it.
 class WindowsTest : public ::testing::Test {
 protected:
+    // The overlay asks the backend for resumes when it shows; that answer must arrive before
+    // the delegate and its client go, or the coroutine waiting for it is never resumed.
+    void TearDown() override
+    {
+        if (delegate && delegate->models().overlay && delegate->models().overlay->isCheckingResumes()) {
+            EXPECT_TRUE(QTest::qWaitFor(
+                [&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
+            // The answer is on its way back: a few turns of the loop deliver it.
+            QTest::qWait(100);
+        }
+    }
     void SetUp() override
     {
         if (const auto reason = DisplayFixture::skipReason())
