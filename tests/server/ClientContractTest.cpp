@@ -14,6 +14,7 @@
 
 #include <QFile>
 #include <QJsonDocument>
+#include <QTest>
 
 #include <gtest/gtest.h>
 
@@ -181,6 +182,9 @@ TEST(VendorTokenContractTest, TheClientConnectsWithTheMintedTokenAndShowsRefusal
             break;
         }
         awaitTask(provider->stop());
+        // The provider's farewell closes the socket after stop returns; it must end before the
+        // test does.
+        EXPECT_TRUE(QTest::qWaitFor([&] { return vendorSocket.openConnectionCount() == 0; }, 5000));
         for (const auto& request : vendorApi.requests("POST", "/v1/auth/grant")
                                        + vendorApi.requests("POST", "/v1/realtime/client_secrets"))
             EXPECT_FALSE(request.body.contains("sk-long-lived")) << "the key travels in a header only";
