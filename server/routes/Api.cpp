@@ -4,7 +4,7 @@
 #include "LoginPage.h"
 #include "SpeechSynthesizer.h"
 #include "SpeechTokens.h"
-#include "TranscriptChannel.h"
+#include "TranscriptSocket.h"
 #include "VendorTokens.h"
 
 #include <QJsonArray>
@@ -107,7 +107,7 @@ void Api::attach(HttpServer& server)
         [this](const HttpRequest& request, std::shared_ptr<HttpResponder> responder) {
             handle(request, std::move(responder));
         });
-    TranscriptChannel::attach(server, m_accounts, m_interviews, this);
+    TranscriptSocket::attach(server, m_accounts, m_interviews, this);
     m_speechTokens->attach(server, this);
 }
 

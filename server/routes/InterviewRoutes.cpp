@@ -1,6 +1,6 @@
 #include "Api.h"
 #include "Clock.h"
-#include "TranscriptChannel.h"
+#include "TranscriptSocket.h"
 
 #include <QJsonArray>
 

@@ -2,7 +2,7 @@
 // the acknowledgement it sends for the line. A line it keeps must be stored and acknowledged
 // as the client sent it, or the client never sees its line acknowledged.
 #include "FuzzSupport.h"
-#include "TranscriptChannel.h"
+#include "TranscriptSocket.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -25,7 +25,7 @@ bool isStrictUtf8(const QByteArray& data)
 
 void checkLine(const QByteArray& frame)
 {
-    const auto line = TranscriptChannel::lineOfFrame(frame);
+    const auto line = TranscriptSocket::lineOfFrame(frame);
     if (!line)
         return;
     Fuzz::check(!line->id.isEmpty() && line->id.size() <= 200, "a line id out of bounds", line->id);
@@ -41,7 +41,7 @@ void checkLine(const QByteArray& frame)
     // The acknowledgement must name exactly this id, and the revision stored.
     const auto revision = line->revision;
     const auto ack =
-        QJsonDocument::fromJson(TranscriptChannel::ackFrame(line->id, revision).toUtf8()).object();
+        QJsonDocument::fromJson(TranscriptSocket::ackFrame(line->id, revision).toUtf8()).object();
     const auto ids = ack.value(u"ids"_s).toArray();
     Fuzz::check(ack.value(u"type"_s) == u"ack"_s && ids.size() == 1
                     && ids.at(0).toString() == line->id,
@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         checkLine(QString::fromUtf8(frame).toUtf8());
         return 0;
     }
-    const auto text = TranscriptChannel::binaryFrameText(frame);
+    const auto text = TranscriptSocket::binaryFrameText(frame);
     Fuzz::check(text.has_value() == isStrictUtf8(frame), "a binary frame judged wrongly as UTF-8");
     if (text)
         checkLine(text->toUtf8());

@@ -15,7 +15,7 @@ class QWebSocket;
 // The transcript WebSocket: each final line is written, then acknowledged with its id and the
 // revision now stored for it. Lines may come twice or out of order; the table keeps the
 // newest revision of each and reads them back by time of speech.
-class TranscriptChannel : public QObject {
+class TranscriptSocket : public QObject {
     Q_OBJECT
 
 public:
@@ -33,9 +33,9 @@ public:
     // The acknowledgement of a stored line, naming the revision now stored for it.
     static QString ackFrame(const QString& id, qint64 storedRevision);
 
-    TranscriptChannel(std::unique_ptr<QWebSocket> socket, QString userId, QString sessionId,
+    TranscriptSocket(std::unique_ptr<QWebSocket> socket, QString userId, QString sessionId,
                       InterviewStore& interviews, QObject* parent);
-    ~TranscriptChannel() override;
+    ~TranscriptSocket() override;
 
 private:
     void onFrame(const QByteArray& data);

@@ -1,4 +1,4 @@
-#include "TranscriptChannel.h"
+#include "TranscriptSocket.h"
 
 #include "Helpers.h"
 #include "HttpServer.h"
@@ -34,7 +34,7 @@ std::optional<TranscriptLine> transcriptLineFrom(const QJsonObject& object)
     return line;
 }
 
-void TranscriptChannel::attach(HttpServer& server, AccountService& accounts,
+void TranscriptSocket::attach(HttpServer& server, AccountService& accounts,
                                InterviewStore& interviews, QObject* owner)
 {
     // The gate and the handler both read the token: the gate to refuse the handshake with a
@@ -74,12 +74,12 @@ void TranscriptChannel::attach(HttpServer& server, AccountService& accounts,
                 socket->close(QWebSocketProtocol::CloseCodePolicyViolated);
                 return;
             }
-            new TranscriptChannel(std::move(socket), session->first, session->second, interviews,
+            new TranscriptSocket(std::move(socket), session->first, session->second, interviews,
                                   owner);
         });
 }
 
-TranscriptChannel::TranscriptChannel(std::unique_ptr<QWebSocket> socket, QString userId,
+TranscriptSocket::TranscriptSocket(std::unique_ptr<QWebSocket> socket, QString userId,
                                      QString sessionId, InterviewStore& interviews, QObject* parent)
     : QObject(parent)
     , m_socket(std::move(socket))
@@ -102,9 +102,9 @@ TranscriptChannel::TranscriptChannel(std::unique_ptr<QWebSocket> socket, QString
     m_socket->sendTextMessage(u"{\"type\":\"connected\"}"_s);
 }
 
-TranscriptChannel::~TranscriptChannel() = default;
+TranscriptSocket::~TranscriptSocket() = default;
 
-std::optional<TranscriptLine> TranscriptChannel::lineOfFrame(const QByteArray& data)
+std::optional<TranscriptLine> TranscriptSocket::lineOfFrame(const QByteArray& data)
 {
     const auto object = QJsonDocument::fromJson(data).object();
     if (object.value(u"type"_s).toString() != u"transcript_entry"_s)
@@ -112,7 +112,7 @@ std::optional<TranscriptLine> TranscriptChannel::lineOfFrame(const QByteArray& d
     return transcriptLineFrom(object);
 }
 
-std::optional<QString> TranscriptChannel::binaryFrameText(const QByteArray& data)
+std::optional<QString> TranscriptSocket::binaryFrameText(const QByteArray& data)
 {
     // Stateless: a sequence cut off at the end of the frame is an error, not a wait for more.
     auto decoder = QStringDecoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
@@ -122,7 +122,7 @@ std::optional<QString> TranscriptChannel::binaryFrameText(const QByteArray& data
     return text;
 }
 
-QString TranscriptChannel::ackFrame(const QString& id, qint64 storedRevision)
+QString TranscriptSocket::ackFrame(const QString& id, qint64 storedRevision)
 {
     const QJsonObject ack{{u"type"_s, u"ack"_s},
                           {u"ids"_s, QJsonArray{id}},
@@ -130,7 +130,7 @@ QString TranscriptChannel::ackFrame(const QString& id, qint64 storedRevision)
     return QString::fromUtf8(QJsonDocument(ack).toJson(QJsonDocument::Compact));
 }
 
-void TranscriptChannel::onFrame(const QByteArray& data)
+void TranscriptSocket::onFrame(const QByteArray& data)
 {
     const auto line = lineOfFrame(data);
     if (!line) {
