@@ -9,6 +9,7 @@
 #include "Clock.h"
 #include "CrashReporter.h"
 #include "DesktopIntegration.h"
+#include "GlobalKeys.h"
 #include "InterviewAdapters.h"
 #include "Log.h"
 #include "MicrophoneService.h"
@@ -21,6 +22,7 @@
 #include "QmlShellWindows.h"
 #include "SingleInstance.h"
 #include "SoundSettings.h"
+#include "X11KeySource.h"
 #include "X11KeysRight.h"
 #include "X11Workspaces.h"
 
@@ -86,7 +88,8 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
     X11KeysRight keysRight;
     QmlShellWindows windows;
     windows.setAllWorkspaces(showOnAllWorkspaces);
-    LoggedKeyMonitors keyMonitors;
+    X11KeySource keySource;
+    GlobalKeys keyMonitors(keySource);
     LoggedUpdateChecks updates;
 
     AppDelegate delegate(AppDelegate::Environment{

@@ -35,21 +35,6 @@ QCoro::Task<qsizetype> countResumes(QPointer<APIClient> api)
 
 } // namespace
 
-void LoggedKeyMonitors::installKeyMonitors()
-{
-    logLine(u"Keys", u"global key monitors are not available in this build");
-}
-
-void LoggedKeyMonitors::removeEventTap()
-{
-    logLine(u"Keys", u"no arrow-key tap to remove in this build");
-}
-
-void LoggedKeyMonitors::installEventTap()
-{
-    logLine(u"Keys", u"arrow-key tap is not available in this build");
-}
-
 void LoggedUpdateChecks::startPeriodicCheck()
 {
     logLine(u"Update", u"update checks are not available in this build");
@@ -126,6 +111,8 @@ QCoro::Task<> AppDelegate::applicationDidFinishLaunching()
 
     m_env.windows.createMenuBarItem(m_models);
     m_env.windows.createPanel(Panel::overlay, m_models);
+    m_env.keyMonitors.attach(m_models, m_env.windows.window(Panel::overlay));
+    m_env.keyMonitors.installEventTap();
     m_env.windows.createPanel(Panel::settings, m_models);
     m_env.windows.createPanel(Panel::welcome, m_models);
 

@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QString>
 
+#include <functional>
 #include <optional>
 
 class AppStrings;
@@ -49,13 +50,33 @@ public:
     virtual void destroyWindows() = 0;
 };
 
-// The global key paths: the trigger key monitors and the arrow-key tap of the overlay.
+// The global key paths: the trigger key monitors and the arrow-key tap of the overlay. The
+// delegate attaches them to the models and the overlay window once both exist.
 class KeyMonitors {
 public:
     virtual ~KeyMonitors() = default;
+    virtual void attach(const ShellModels& models, QObject* overlayWindow) = 0;
     virtual void installKeyMonitors() = 0;
     virtual void removeEventTap() = 0;
     virtual void installEventTap() = 0;
+};
+
+// Where keys come from on this desktop. Codes are the canonical codes of the settings tables.
+class KeySource {
+public:
+    using KeyHandler = std::function<void(quint16 keyCode, bool pressed)>;
+    using ArrowHandler = std::function<void(quint16 keyCode)>;
+
+    virtual ~KeySource() = default;
+    // Whether keys pressed in other programs can be seen. When not, observeKeys sees only the
+    // keys typed into this program's own windows, and grabArrows does nothing.
+    virtual bool seesOtherPrograms() const = 0;
+    // Every press and release, observed and never swallowed; an empty handler stops.
+    virtual void observeKeys(KeyHandler handler) = 0;
+    // Takes the four arrow keys from every program, each press (repeats included) going to the
+    // handler, until releaseArrows.
+    virtual void grabArrows(ArrowHandler handler) = 0;
+    virtual void releaseArrows() = 0;
 };
 
 // The periodic update check and what it is told about the user.
@@ -77,13 +98,6 @@ public:
 
 // Parts of the shell that come with later pieces of the program; until then each call says
 // in one log line that nothing happened.
-class LoggedKeyMonitors final : public KeyMonitors {
-public:
-    void installKeyMonitors() override;
-    void removeEventTap() override;
-    void installEventTap() override;
-};
-
 class LoggedUpdateChecks final : public UpdateChecks {
 public:
     void setTelemetry(TelemetryClient*) override {}

@@ -156,6 +156,7 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndEndsOnTheWelcomePanel)
                                 u"install crash reporter after wiring"_s,
                                 u"create menu bar item"_s,
                                 u"create overlay"_s,
+                                u"install tap"_s,
                                 u"create settings"_s,
                                 u"create welcome"_s,
                                 u"install key monitors"_s,

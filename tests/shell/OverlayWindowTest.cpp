@@ -1,16 +1,21 @@
 // The overlay as a real window under Xvfb with a window manager: it stays out of the focus
-// when clicked, sits on every workspace where it was placed, and draws its content in three
-// languages (screenshots in build/screenshots).
+// when clicked, takes the arrow keys from another program only while it shows, starts answers
+// on the trigger key, sits on every workspace where it was placed, and draws its content in
+// three languages (screenshots in build/screenshots).
 
 #include "../core/InterviewHarness.h"
 #include "DisplayFixture.h"
 
+#include "GlobalKeys.h"
 #include "OverlayViewModel.h"
 #include "QmlShellWindows.h"
+#include "X11KeySource.h"
 #include "X11Workspaces.h"
+#include "XTestKeyboard.h"
 
 #include <QDir>
 #include <QGuiApplication>
+#include <QHash>
 #include <QProcess>
 #include <QQmlContext>
 #include <QQmlProperty>
@@ -20,6 +25,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <X11/keysym.h>
 #include <xcb/xcb.h>
 
 #include <gtest/gtest.h>
@@ -99,9 +105,10 @@ public:
     {
         auto* c = x11.connection();
         m_window = xcb_generate_id(c);
-        const uint32_t values[] = {0x303030};
+        const uint32_t values[] = {0x303030, XCB_EVENT_MASK_KEY_PRESS};
         xcb_create_window(c, XCB_COPY_FROM_PARENT, m_window, x11.root(), 20, 20, 240, 120, 0,
-                          XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT, XCB_CW_BACK_PIXEL, values);
+                          XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT, XCB_CW_BACK_PIXEL | XCB_CW_EVENT_MASK,
+                          values);
         const QByteArray title = "focus holder";
         xcb_change_property(c, XCB_PROP_MODE_REPLACE, m_window, XCB_ATOM_WM_NAME, XCB_ATOM_STRING, 8,
                             title.size(), title.constData());
@@ -140,9 +147,42 @@ public:
     }
     xcb_window_t id() const { return m_window; }
 
+    // How many presses of the key the window was given.
+    int pressesOf(quint8 keycode)
+    {
+        while (xcb_generic_event_t* event = xcb_poll_for_event(m_x11.connection())) {
+            if ((event->response_type & 0x7f) == XCB_KEY_PRESS)
+                m_presses.append(reinterpret_cast<xcb_key_press_event_t*>(event)->detail);
+            std::free(event);
+        }
+        return static_cast<int>(m_presses.count(keycode));
+    }
+
 private:
     X11& m_x11;
     xcb_window_t m_window = XCB_WINDOW_NONE;
+    QList<quint8> m_presses;
+};
+
+// The program's key source, counting what it passed on: a key seen here has been dealt with
+// by the monitors, since both come over the same connection in order.
+class CountingKeySource final : public KeySource {
+public:
+    bool seesOtherPrograms() const override { return source.seesOtherPrograms(); }
+    void observeKeys(KeyHandler handler) override
+    {
+        source.observeKeys([this, handler = std::move(handler)](quint16 code, bool pressed) {
+            if (handler)
+                handler(code, pressed);
+            if (!pressed)
+                ++releases[code];
+        });
+    }
+    void grabArrows(ArrowHandler handler) override { source.grabArrows(std::move(handler)); }
+    void releaseArrows() override { source.releaseArrows(); }
+
+    X11KeySource source;
+    QHash<quint16, int> releases;
 };
 
 // A window manager on the test display for the length of one test program.
@@ -353,6 +393,89 @@ TEST_F(OverlayWindowTest, ClicksOnTheOverlayLeaveTheFocusWhereItWas)
     ASSERT_TRUE(QTest::qWaitFor([&] { return dashboards == 1; }, 5000));
     QTest::qWait(200);
     EXPECT_TRUE(stillFocused());
+}
+
+TEST_F(OverlayWindowTest, KeysFromAnotherProgramReachTheOverlayOnlyAsDesigned)
+{
+    ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
+    h.start();
+    for (const auto& question : {u"First question?"_s, u"Second question?"_s, u"Third question?"_s})
+        line(Speaker::interviewer, question);
+    CountingKeySource source;
+    ASSERT_TRUE(source.seesOtherPrograms());
+    GlobalKeys keys(source);
+    ShellModels models;
+    models.interview = &h.vm;
+    models.settings = &h.settings;
+    keys.attach(models, window);
+    keys.installKeyMonitors();
+    keys.installEventTap();
+    FocusHolder holder(*s_x11);
+    ASSERT_TRUE(holder.takeFocus());
+    XTestKeyboard keyboard;
+    ASSERT_TRUE(keyboard.isOpen());
+    const quint8 up = keyboard.keycode(XK_Up);
+    const quint8 left = keyboard.keycode(XK_Left);
+    const quint8 f5 = keyboard.keycode(XK_F5);
+    // "a" is nobody's key: once the focused window and the key source have it, every key
+    // pressed before it has reached both.
+    const quint8 a = keyboard.keycode(XK_a);
+    const auto settled = [&] {
+        const int given = holder.pressesOf(a);
+        const int seen = source.releases.value(0);
+        keyboard.tap(XK_a);
+        return QTest::qWaitFor([&] { return holder.pressesOf(a) > given && source.releases.value(0) > seen; }, 5000);
+    };
+
+    // Hidden, the overlay takes no key.
+    windows.hide(ShellWindows::Panel::overlay);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !window->isVisible(); }, 3000));
+    keyboard.tap(XK_Up);
+    ASSERT_TRUE(settled());
+    EXPECT_EQ(holder.pressesOf(up), 1) << "the arrow never reached the program in front";
+    EXPECT_FALSE(h.vm.selectedTranscriptIndex());
+
+    // Shown, the arrows are the overlay's, even those that change nothing.
+    windows.show(ShellWindows::Panel::overlay);
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(window));
+    keyboard.tap(XK_Up);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.selectedTranscriptIndex() == 2; }, 3000));
+    keyboard.tap(XK_Up);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.selectedTranscriptIndex() == 1; }, 3000));
+    keyboard.tap(XK_Down);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.selectedTranscriptIndex() == 2; }, 3000));
+    keyboard.tap(XK_Left);
+    keyboard.tap(XK_Right);
+    ASSERT_TRUE(settled());
+    EXPECT_EQ(holder.pressesOf(up), 1);
+    EXPECT_EQ(holder.pressesOf(left), 0);
+    EXPECT_FALSE(h.vm.selectedAnswerIndex()) << "no answers yet";
+    EXPECT_EQ(s_x11->activeWindow(), holder.id());
+
+    // The trigger fires once per press, and goes on to the program in front.
+    h.backend->answerChunks = {u"An answer."_s};
+    const auto useTrigger = [&](quint16 code, const QString& name) {
+        const bool modifier = OverlayKeys::isModifierKey(code);
+        h.settings.setAITriggerKey({code, modifier, UserSettings::modifierFlagForKeyCode(code), name});
+        keys.installKeyMonitors();
+    };
+    useTrigger(60, u"Right Shift"_s);
+    keyboard.tap(XK_Shift_R);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return h.backend->answerRequests.size() == 1; }, 3000));
+    ASSERT_TRUE(settled());
+    EXPECT_EQ(h.backend->answerRequests.size(), 1) << "the release fired too";
+    InterviewHarness::settle();
+
+    useTrigger(96, u"F5"_s);
+    keyboard.tap(XK_Shift_R);
+    ASSERT_TRUE(settled());
+    EXPECT_EQ(h.backend->answerRequests.size(), 1) << "the old key still fires";
+    keyboard.tap(XK_F5);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return h.backend->answerRequests.size() == 2; }, 3000));
+    ASSERT_TRUE(settled());
+    EXPECT_EQ(h.backend->answerRequests.size(), 2);
+    EXPECT_EQ(holder.pressesOf(f5), 1) << "the trigger key is observed, never swallowed";
+    EXPECT_EQ(s_x11->activeWindow(), holder.id());
 }
 
 TEST_F(OverlayWindowTest, OpensAtItsPlaceOnEveryWorkspace)

@@ -67,6 +67,7 @@ private:
 class RecordingKeyMonitors final : public KeyMonitors {
 public:
     explicit RecordingKeyMonitors(EventLog& log) : m_log(log) {}
+    void attach(const ShellModels&, QObject*) override {}
     void installKeyMonitors() override { m_log.add(QStringLiteral("install key monitors")); }
     void removeEventTap() override { m_log.add(QStringLiteral("remove tap")); }
     void installEventTap() override { m_log.add(QStringLiteral("install tap")); }
