@@ -61,6 +61,7 @@ QCoro::Task<> launchThenWait(AppDelegate* delegate, QStringList arguments, Ravle
 
 int runRavletApplication(int argc, char* argv[], RavletApplicationOptions options)
 {
+    QmlShellWindows::prepareDrawing();
     QApplication app(argc, argv);
     QCoreApplication::setApplicationName(u"RavletAI"_s);
     QCoreApplication::setApplicationVersion(QString::fromUtf16(BuildConfig::version));

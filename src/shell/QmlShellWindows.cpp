@@ -122,6 +122,12 @@ QQuickWindow* QmlShellWindows::quickWindow(Panel panel) const
     return m_panels[static_cast<std::size_t>(panel)];
 }
 
+void QmlShellWindows::prepareDrawing()
+{
+    if (!qEnvironmentVariableIsSet("QT_QPA_UPDATE_IDLE_TIME"))
+        qputenv("QT_QPA_UPDATE_IDLE_TIME", "0");
+}
+
 bool QmlShellWindows::hasPanel(Panel panel) const
 {
     return quickWindow(panel) != nullptr;

@@ -19,6 +19,11 @@ public:
     QmlShellWindows();
     ~QmlShellWindows() override;
 
+    // Before the application object exists: a change is drawn at the next turn of the event
+    // loop. Where the desktop gives no frame callbacks Qt otherwise waits 5 ms before each
+    // frame, and an answer's first words took two such waits to reach the screen.
+    static void prepareDrawing();
+
     void createMenuBarItem(const ShellModels& models) override;
     void createPanel(Panel panel, const ShellModels& models) override;
     bool hasPanel(Panel panel) const override;
