@@ -23,7 +23,6 @@
 #include "SingleInstance.h"
 #include "SoundSettings.h"
 #include "X11KeySource.h"
-#include "X11KeysRight.h"
 #include "X11Workspaces.h"
 
 #include <QApplication>
@@ -86,10 +85,9 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
     SystemAudioCapture systemAudioCapture(systemAudio);
     MicrophoneCapture microphoneCapture(microphone);
     PulseAudioRights rights(clock);
-    X11KeysRight keysRight;
+    X11KeySource keySource;
     QmlShellWindows windows;
     windows.setAllWorkspaces(showOnAllWorkspaces);
-    X11KeySource keySource;
     GlobalKeys keyMonitors(keySource);
     LoggedUpdateChecks updates;
 
@@ -103,7 +101,7 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         keyMonitors,
         updates,
         rights,
-        keysRight,
+        keySource,
         [] { return std::make_unique<AuthService>(std::make_shared<const KeychainHelper>()); },
         [&] {
             InterviewViewModel::Services services;

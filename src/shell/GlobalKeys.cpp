@@ -26,13 +26,12 @@ void GlobalKeys::attach(const ShellModels& models, QObject* overlayWindow)
     m_visibleProperty = {};
     if (!overlayWindow)
         return;
-    const QMetaObject* type = overlayWindow->metaObject();
+    // A QML window repeats QWindow's "visible" signal a turn of the event loop late; QWindow's
+    // own comes as the window hides, so no arrow is taken after that.
+    const QMetaObject* type =
+        qobject_cast<QWindow*>(overlayWindow) ? &QWindow::staticMetaObject : overlayWindow->metaObject();
     m_visibleProperty = type->property(type->indexOfProperty("visible"));
-    // A QML window tells its "visible" a moment late; the window's own signal comes as it hides,
-    // so no arrow is taken after that.
-    if (auto* window = qobject_cast<QWindow*>(overlayWindow)) {
-        connect(window, &QWindow::visibleChanged, this, &GlobalKeys::overlayVisibilityChanged);
-    } else if (m_visibleProperty.hasNotifySignal()) {
+    if (m_visibleProperty.hasNotifySignal()) {
         const QMetaMethod slot = metaObject()->method(metaObject()->indexOfSlot("overlayVisibilityChanged()"));
         connect(overlayWindow, m_visibleProperty.notifySignal(), this, slot);
     }

@@ -26,8 +26,6 @@ public:
     void removeEventTap() override;
     void installEventTap() override;
 
-    bool isTapInstalled() const { return m_tapInstalled; }
-
 private:
     Q_SLOT void overlayVisibilityChanged();
     bool overlayVisible() const;

@@ -15,6 +15,11 @@ inline constexpr quint16 rightArrow = 124;
 inline constexpr quint16 downArrow = 125;
 inline constexpr quint16 upArrow = 126;
 
+inline constexpr bool isArrowKey(quint16 keyCode)
+{
+    return keyCode >= leftArrow && keyCode <= upArrow;
+}
+
 // A key down of an ordinary key, or a change of the held modifiers (press and release alike).
 enum class EventKind { keyDown, flagsChanged };
 

@@ -31,7 +31,7 @@ public:
             m_keys(code, true);
             m_keys(code, false);
         }
-        if (m_arrows && code >= leftArrow && code <= upArrow)
+        if (m_arrows && isArrowKey(code))
             m_arrows(code);
         InterviewHarness::settle();
     }

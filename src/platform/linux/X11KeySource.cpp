@@ -27,11 +27,6 @@ Reply<T> reply(T* value)
     return Reply<T>(value, &std::free);
 }
 
-bool isArrow(quint16 code)
-{
-    return code >= OverlayKeys::leftArrow && code <= OverlayKeys::upArrow;
-}
-
 } // namespace
 
 X11KeySource::X11KeySource(const char* display, QObject* parent) : QObject(parent)
@@ -164,7 +159,7 @@ void X11KeySource::handle(const void* data)
         // Only the grabbed arrows are reported to this connection.
         const auto* press = reinterpret_cast<const xcb_key_press_event_t*>(event);
         const auto code = keyCodeOf(press->detail);
-        if (code && isArrow(*code) && m_arrows)
+        if (code && OverlayKeys::isArrowKey(*code) && m_arrows)
             m_arrows(*code);
         return;
     }
@@ -240,7 +235,7 @@ void X11KeySource::takeArrows()
     for (std::size_t k = 0; m_keysymsPerKeycode && k * m_keysymsPerKeycode < m_keysyms.size(); ++k) {
         const auto keycode = static_cast<std::uint8_t>(m_minKeycode + k);
         const auto code = keyCodeOf(keycode);
-        if (!code || !isArrow(*code) || grab(keycode, XCB_MOD_MASK_ANY))
+        if (!code || !OverlayKeys::isArrowKey(*code) || grab(keycode, XCB_MOD_MASK_ANY))
             continue;
         partly = true;
         for (const auto state : plainStates)

@@ -16,8 +16,9 @@ struct xcb_connection_t;
 // socket notifier. The trigger path watches XInput 2 raw key events on the root window, which
 // every client may observe and none can swallow; the arrows are passive grabs on the root
 // window, held only while asked for. Without an X server it sees only the keys typed into this
-// program's own windows.
-class X11KeySource final : public QObject, public KeySource {
+// program's own windows. Whether it sees other programs is also the global-keys right the
+// welcome panel shows.
+class X11KeySource final : public QObject, public KeySource, public GlobalKeysRight {
     Q_OBJECT
 
 public:
@@ -26,6 +27,7 @@ public:
     ~X11KeySource() override;
 
     bool seesOtherPrograms() const override { return m_connection != nullptr; }
+    bool granted() override { return seesOtherPrograms(); }
     void observeKeys(KeyHandler handler) override;
     void grabArrows(ArrowHandler handler) override;
     void releaseArrows() override;
