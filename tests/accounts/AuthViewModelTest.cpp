@@ -1,5 +1,5 @@
 // Sign-in against a FakeBackend, with the tokens in the private Secret Service of the CTest
-// fixture "Keyring".
+// fixture "Keyring"; then the token's profile, the browser sign-in's state and deep links alone.
 
 #include "QtPrinters.h"
 
@@ -33,6 +33,11 @@ QString token(const QByteArray& payloadJson, QByteArray::Base64Options options =
 }
 
 const QString aliceToken = token(R"({"sub":"u-1","email":"alice@example.com"})");
+
+FakeBackend::Response reply(int status, const QJsonObject& body = {})
+{
+    return FakeBackend::Response::json(status, QJsonDocument(body).toJson());
+}
 
 void settle()
 {
@@ -88,8 +93,7 @@ TEST_F(AuthViewModelTest, StoredRefreshTokenSignsInAtOnceAndARestoreRenewsBothTo
     awaitTask(store.saveTokens(u"old-access"_s, u"old-refresh"_s));
     const QString renewed = token(R"({"sub":"u-7","email":"bob@example.com","name":"Bob"})");
     backend.setRoute("POST", "/api/v1/auth/refresh",
-                     FakeBackend::Response::json(200, QJsonDocument(QJsonObject{
-                         {u"accessToken"_s, renewed}, {u"refreshToken"_s, u"new-refresh"_s}}).toJson()));
+                     reply(200, {{u"accessToken"_s, renewed}, {u"refreshToken"_s, u"new-refresh"_s}}));
 
     awaitTask(model.loadStoredTokens());
     EXPECT_TRUE(model.isLoggedIn()) << "a returning user is known before any request";
@@ -118,7 +122,7 @@ TEST_P(RestoreServerErrorTest, KeepsTheUserSignedIn)
     awaitTask(store.saveTokens(aliceToken, u"refresh"_s));
     if (!hasAccessToken)
         awaitTask(keychain.remove(AuthTokenStore::accessTokenKey));
-    backend.setRoute("POST", "/api/v1/auth/refresh", FakeBackend::Response::json(500, "{}"));
+    backend.setRoute("POST", "/api/v1/auth/refresh", reply(500));
 
     loadAndRestore();
 
@@ -127,14 +131,9 @@ TEST_P(RestoreServerErrorTest, KeepsTheUserSignedIn)
     EXPECT_EQ(stored(AuthTokenStore::refreshTokenKey), u"refresh"_s);
     EXPECT_TRUE(logs.lines().contains(u"[Auth] restoreSession error: Server error (500), keeping session"_s))
         << logs.lines().join(u'\n').toStdString();
-    if (hasAccessToken) {
-        EXPECT_EQ(client.accessToken(), aliceToken);
-        ASSERT_TRUE(model.currentUser());
-        EXPECT_EQ(model.currentUser()->email, u"alice@example.com"_s);
-    } else {
-        EXPECT_EQ(client.accessToken(), std::nullopt);
-        EXPECT_FALSE(model.currentUser());
-    }
+    EXPECT_EQ(client.accessToken(), hasAccessToken ? std::optional(aliceToken) : std::nullopt);
+    EXPECT_EQ(model.currentUser() ? model.currentUser()->email : QString(),
+              hasAccessToken ? u"alice@example.com"_s : QString());
 }
 
 INSTANTIATE_TEST_SUITE_P(AccessToken, RestoreServerErrorTest, ::testing::Bool(),
@@ -144,7 +143,7 @@ TEST_F(AuthViewModelTest, RefreshRefusedWith401SignsOutAndClearsBothTokens)
 {
     awaitTask(store.saveTokens(aliceToken, u"refresh"_s));
     client.setAccessToken(aliceToken);
-    backend.setRoute("POST", "/api/v1/auth/refresh", FakeBackend::Response::json(401, "{}"));
+    backend.setRoute("POST", "/api/v1/auth/refresh", reply(401));
 
     loadAndRestore();
 
@@ -159,17 +158,16 @@ TEST_F(AuthViewModelTest, RefreshRefusedWith401SignsOutAndClearsBothTokens)
 TEST_F(AuthViewModelTest, ExchangeStoresBothTokensAndTheUser)
 {
     backend.setRoute("POST", "/api/v1/auth/exchange",
-                     FakeBackend::Response::json(200, QJsonDocument(QJsonObject{
-                         {u"accessToken"_s, u"a-1"_s}, {u"refreshToken"_s, u"r-1"_s},
-                         {u"user"_s, QJsonObject{{u"id"_s, u"u-1"_s}, {u"email"_s, u"a@example.com"_s},
-                                                 {u"displayName"_s, u"Alice"_s}}}}).toJson()));
+                     reply(200, {{u"accessToken"_s, u"a-1"_s}, {u"refreshToken"_s, u"r-1"_s},
+                                 {u"user"_s, QJsonObject{{u"id"_s, u"u-1"_s}, {u"email"_s, u"a@example.com"_s},
+                                                         {u"displayName"_s, u"Alice"_s}}}}));
 
     awaitTask(model.exchangeCode(u"one-time"_s));
 
     EXPECT_TRUE(model.isLoggedIn());
     EXPECT_FALSE(model.isLoading());
     EXPECT_EQ(model.error(), std::nullopt);
-    EXPECT_EQ(*model.currentUser(), (AuthViewModel::UserProfile{u"u-1"_s, u"a@example.com"_s, u"Alice"_s}));
+    EXPECT_EQ(model.currentUser(), (AuthViewModel::UserProfile{u"u-1"_s, u"a@example.com"_s, u"Alice"_s}));
     EXPECT_EQ(stored(AuthTokenStore::accessTokenKey), u"a-1"_s);
     EXPECT_EQ(stored(AuthTokenStore::refreshTokenKey), u"r-1"_s);
     EXPECT_EQ(client.accessToken(), u"a-1"_s);
@@ -178,7 +176,7 @@ TEST_F(AuthViewModelTest, ExchangeStoresBothTokensAndTheUser)
 TEST_F(AuthViewModelTest, RefusedExchangeShowsTheServerErrorAndKeepsTheStoredTokens)
 {
     awaitTask(store.saveTokens(u"a-0"_s, u"r-0"_s));
-    backend.setRoute("POST", "/api/v1/auth/exchange", FakeBackend::Response::json(401, "{}"));
+    backend.setRoute("POST", "/api/v1/auth/exchange", reply(401));
 
     awaitTask(model.exchangeCode(u"stale"_s));
 
@@ -189,10 +187,7 @@ TEST_F(AuthViewModelTest, RefusedExchangeShowsTheServerErrorAndKeepsTheStoredTok
     EXPECT_EQ(stored(AuthTokenStore::refreshTokenKey), u"r-0"_s);
     ASSERT_EQ(failures.size(), 1);
     EXPECT_EQ(failures.first().value(u"route"_s), u"/api/v1/auth/exchange"_s);
-}
 
-TEST_F(AuthViewModelTest, ExchangeWithoutAClientSaysSo)
-{
     AuthViewModel unwired(store);
     awaitTask(unwired.exchangeCode(u"code"_s));
     EXPECT_EQ(unwired.error(), AuthViewModel::clientNotConfigured);
@@ -201,63 +196,41 @@ TEST_F(AuthViewModelTest, ExchangeWithoutAClientSaysSo)
 }
 
 // The payload of the access token, as the profile decoder reads it.
-struct PayloadCase {
-    const char* name;
-    QString token;
-    std::optional<AuthViewModel::UserProfile> profile;
-};
-
-void PrintTo(const PayloadCase& payload, std::ostream* out)
+TEST(DecodeProfileTest, ReadsOnlyAPlainBase64PayloadWithSubAndEmail)
 {
-    *out << payload.name;
-}
-
-class DecodeProfileTest : public ::testing::TestWithParam<PayloadCase> {};
-
-TEST_P(DecodeProfileTest, ReadsOnlyAPlainBase64PayloadWithSubAndEmail)
-{
-    EXPECT_EQ(AuthViewModel::decodeProfile(GetParam().token), GetParam().profile);
-}
-
-// "?>?" encodes to "Pz4/" in plain base64 and "Pz4_" in the URL-safe alphabet.
-const QByteArray urlSafePayload = R"({"sub":"u-1","email":"a@example.com","x":"?>?"})";
-
-INSTANTIATE_TEST_SUITE_P(
-    Payloads, DecodeProfileTest,
-    ::testing::Values(
-        PayloadCase{"SubAndEmail", aliceToken, AuthViewModel::UserProfile{u"u-1"_s, u"alice@example.com"_s, std::nullopt}},
-        PayloadCase{"UnpaddedPayload", token(R"({"sub":"u-2","email":"b@example.com"})", QByteArray::OmitTrailingEquals),
-                    AuthViewModel::UserProfile{u"u-2"_s, u"b@example.com"_s, std::nullopt}},
-        PayloadCase{"PlainAlphabetPayload", token(urlSafePayload),
-                    AuthViewModel::UserProfile{u"u-1"_s, u"a@example.com"_s, std::nullopt}},
-        PayloadCase{"UrlSafeAlphabetPayload", token(urlSafePayload, QByteArray::Base64UrlEncoding), std::nullopt},
-        PayloadCase{"TwoPieces", u"header."_s + QString::fromLatin1(QByteArray(R"({"sub":"u","email":"e"})").toBase64()), std::nullopt},
-        PayloadCase{"FourPieces", aliceToken + u".extra"_s, std::nullopt},
-        PayloadCase{"NoEmail", token(R"({"sub":"u-1"})"), std::nullopt},
-        PayloadCase{"NumericSub", token(R"({"sub":7,"email":"a@example.com"})"), std::nullopt},
-        PayloadCase{"NotJson", token("not json"), std::nullopt},
-        PayloadCase{"JsonArray", token(R"(["sub","email"])"), std::nullopt},
+    using Profile = AuthViewModel::UserProfile;
+    // "?>?" encodes to "Pz4/" in plain base64 and "Pz4_" in the URL-safe alphabet.
+    const QByteArray urlSafe = R"({"sub":"u-1","email":"a@example.com","x":"?>?"})";
+    const struct {
+        const char* name;
+        QString token;
+        std::optional<Profile> profile;
+    } cases[]{
+        {"sub and email", aliceToken, Profile{u"u-1"_s, u"alice@example.com"_s, std::nullopt}},
+        {"unpadded", token(R"({"sub":"u-2","email":"b@example.com"})", QByteArray::OmitTrailingEquals),
+         Profile{u"u-2"_s, u"b@example.com"_s, std::nullopt}},
+        {"plain alphabet", token(urlSafe), Profile{u"u-1"_s, u"a@example.com"_s, std::nullopt}},
+        {"URL-safe alphabet", token(urlSafe, QByteArray::Base64UrlEncoding), std::nullopt},
+        {"two pieces", u"header."_s + QString::fromLatin1(QByteArray(R"({"sub":"u","email":"e"})").toBase64()),
+         std::nullopt},
+        {"four pieces", aliceToken + u".extra"_s, std::nullopt},
+        {"no email", token(R"({"sub":"u-1"})"), std::nullopt},
+        {"numeric sub", token(R"({"sub":7,"email":"a@example.com"})"), std::nullopt},
+        {"not JSON", token("not json"), std::nullopt},
+        {"a JSON array", token(R"(["sub","email"])"), std::nullopt},
         // Half a character ("\ud800" alone) names nobody; a whole pair is an ordinary character.
-        PayloadCase{"HalfCharacterInEmail", token(R"({"sub":"u-2","email":"b@exa\ud800mple.com"})"),
-                    std::nullopt},
-        PayloadCase{"HalfCharacterInSub", token(R"({"sub":"u-\udc00","email":"a@example.com"})"),
-                    std::nullopt},
-        PayloadCase{"SurrogatePairInEmail", token(R"({"sub":"u-3","email":"\ud83d\ude00@example.com"})"),
-                    AuthViewModel::UserProfile{u"u-3"_s, u"\U0001F600@example.com"_s, std::nullopt}}),
-    [](const auto& info) { return std::string(info.param.name); });
+        {"half a character in email", token(R"({"sub":"u-2","email":"b@exa\ud800mple.com"})"), std::nullopt},
+        {"half a character in sub", token(R"({"sub":"u-\udc00","email":"a@example.com"})"), std::nullopt},
+        {"surrogate pair in email", token(R"({"sub":"u-3","email":"\ud83d\ude00@example.com"})"),
+         Profile{u"u-3"_s, u"\U0001F600@example.com"_s, std::nullopt}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(AuthViewModel::decodeProfile(c.token), c.profile) << c.name;
+}
 
 // The browser sign-in and the deep-link path, on the manual clock.
-class BrowserSignInTest : public AuthViewModelTest {
+class BrowserSignInTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        AuthViewModelTest::SetUp();
-        backend.setRoute("POST", "/api/v1/auth/exchange",
-                         FakeBackend::Response::json(200, QJsonDocument(QJsonObject{
-                             {u"accessToken"_s, aliceToken}, {u"refreshToken"_s, u"r"_s},
-                             {u"user"_s, QJsonObject{{u"id"_s, u"u-1"_s}, {u"email"_s, u"a@example.com"_s}}}}).toJson()));
-    }
-
     // Starts a sign-in; what the completion gets lands in `results`.
     QString start()
     {
@@ -275,7 +248,7 @@ protected:
     QList<std::optional<QString>> results;
 };
 
-TEST_F(BrowserSignInTest, OpensTheLoginPageWithAFreshUpperCaseState)
+TEST_F(BrowserSignInTest, OpensTheLoginPageWithAFreshStateAndTakesTheLastCodeOfItsCallback)
 {
     const QString first = start();
     EXPECT_EQ(opened.last().toString(QUrl::FullyEncoded), u"http://accounts.example/auth/login?state="_s + first);
@@ -283,31 +256,10 @@ TEST_F(BrowserSignInTest, OpensTheLoginPageWithAFreshUpperCaseState)
     EXPECT_EQ(first.size(), 36);
     const QString second = start();
     EXPECT_NE(first, second);
-}
 
-TEST_F(BrowserSignInTest, WrongStateIsDroppedOnTheSessionPathButExchangedAsADeepLink)
-{
-    start();
-    const QUrl callback(u"ravlet://auth-callback?code=c-1&state=NOT-THE-STATE"_s);
-    oauth.handleCallback(callback);
-    ASSERT_EQ(results, (QList<std::optional<QString>>{std::nullopt}));
-    EXPECT_FALSE(oauth.isPending());
-    EXPECT_EQ(backend.totalRequests(), 0);
-
-    const auto code = OAuthService::deepLinkCode({callback});
-    ASSERT_EQ(code, u"c-1"_s);
-    awaitTask(model.exchangeCode(*code));
-    EXPECT_TRUE(model.isLoggedIn());
-    const auto exchanges = backend.requests("POST", "/api/v1/auth/exchange");
-    ASSERT_EQ(exchanges.size(), 1);
-    EXPECT_EQ(QJsonDocument::fromJson(exchanges.first().body).object().value(u"code"_s).toString(), u"c-1"_s);
-}
-
-TEST_F(BrowserSignInTest, MatchingStateDeliversTheLastCodeWithAValue)
-{
-    const QString state = start();
-    oauth.handleCallback(QUrl(u"ravlet://auth-callback?code=first&state="_s + state + u"&code=second&code="_s));
-    EXPECT_EQ(results, (QList<std::optional<QString>>{u"second"_s}));
+    // Of several codes, the last that has a value.
+    oauth.handleCallback(QUrl(u"ravlet://auth-callback?code=first&state="_s + second + u"&code=second&code="_s));
+    EXPECT_EQ(results.last(), u"second"_s);
 }
 
 TEST_F(BrowserSignInTest, ReplacedOrExpiredSignInEndsWithNothing)
@@ -317,28 +269,35 @@ TEST_F(BrowserSignInTest, ReplacedOrExpiredSignInEndsWithNothing)
     EXPECT_EQ(results, (QList<std::optional<QString>>{std::nullopt}));
     // The first sign-in's callback now belongs to the second, whose state it does not carry.
     oauth.handleCallback(QUrl(u"ravlet://auth-callback?code=c&state="_s + firstState));
-    EXPECT_EQ(results.size(), 2);
-    EXPECT_EQ(results.last(), std::nullopt);
+    EXPECT_EQ(results, (QList<std::optional<QString>>{std::nullopt, std::nullopt}));
+    EXPECT_FALSE(oauth.isPending());
 
     start();
     clock.advance(OAuthService::pendingLimit - std::chrono::seconds(1));
     EXPECT_TRUE(oauth.isPending());
     clock.advance(std::chrono::seconds(1));
     EXPECT_FALSE(oauth.isPending());
-    EXPECT_EQ(results.size(), 3);
-    EXPECT_EQ(results.last(), std::nullopt);
+    EXPECT_EQ(results, (QList<std::optional<QString>>{std::nullopt, std::nullopt, std::nullopt}));
 }
 
 TEST(DeepLinkTest, TakesTheFirstAddressWithTheCallbackSchemeHostAndCode)
 {
-    using L = QList<QUrl>;
-    EXPECT_EQ(OAuthService::deepLinkCode(L{QUrl(u"ravlet://auth-callback?code=x"_s)}), u"x"_s);
-    EXPECT_EQ(OAuthService::deepLinkCode(L{QUrl(u"ravlet://other?code=x"_s)}), std::nullopt);
-    EXPECT_EQ(OAuthService::deepLinkCode(L{QUrl(u"https://auth-callback?code=x"_s)}), std::nullopt);
-    EXPECT_EQ(OAuthService::deepLinkCode(L{QUrl(u"ravlet://auth-callback?code="_s)}), std::nullopt);
-    EXPECT_EQ(OAuthService::deepLinkCode(L{QUrl(u"ravlet://other?code=x"_s), QUrl(u"ravlet://auth-callback?code=y"_s)}),
-              std::nullopt);
-    EXPECT_EQ(OAuthService::deepLinkCode(L{}), std::nullopt);
+    const QList<std::pair<QStringList, std::optional<QString>>> cases{
+        {{u"ravlet://auth-callback?code=x"_s}, u"x"_s},
+        // A deep link is taken whatever its state: it may finish a sign-in of an earlier start.
+        {{u"ravlet://auth-callback?code=c-1&state=NOT-THE-STATE"_s}, u"c-1"_s},
+        {{u"ravlet://other?code=x"_s}, std::nullopt},
+        {{u"https://auth-callback?code=x"_s}, std::nullopt},
+        {{u"ravlet://auth-callback?code="_s}, std::nullopt},
+        {{u"ravlet://other?code=x"_s, u"ravlet://auth-callback?code=y"_s}, std::nullopt},
+        {{}, std::nullopt},
+    };
+    for (const auto& [addresses, code] : cases) {
+        QList<QUrl> urls;
+        for (const auto& address : addresses)
+            urls.append(QUrl(address));
+        EXPECT_EQ(OAuthService::deepLinkCode(urls), code) << addresses.join(u' ').toStdString();
+    }
 }
 
 } // namespace

@@ -1,4 +1,6 @@
-#include "ServerHarness.h"
+// The practice-interview routes: questions from the bank, per-user avatars, and spoken questions
+// through espeak-ng (the real one where installed, otherwise a stand-in script).
+#include "ServerRoutesFixture.h"
 
 #include "AvatarPainter.h"
 #include "PracticeStore.h"
@@ -8,38 +10,18 @@
 #include <QAudioDecoder>
 #include <QBuffer>
 #include <QImage>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QSet>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtEndian>
 
-#include <gtest/gtest.h>
-
 using namespace Qt::StringLiterals;
 
 namespace {
 
-QJsonObject json(const CurlResult& result)
-{
-    return QJsonDocument::fromJson(result.body).object();
-}
-
-QByteArray compact(const QJsonObject& object)
-{
-    return QJsonDocument(object).toJson(QJsonDocument::Compact);
-}
-
 quint32 le32(const QByteArray& bytes, qsizetype at)
 {
     return qFromLittleEndian<quint32>(bytes.constData() + at);
-}
-
-bool hasEspeak()
-{
-    return !QStandardPaths::findExecutable(u"espeak-ng"_s).isEmpty();
 }
 
 // Decodes a WAV through Qt Multimedia, as the client's player does; the samples it gave, or
@@ -50,18 +32,14 @@ std::optional<qint64> decodedSamples(const QByteArray& wav)
     buffer.setData(wav);
     buffer.open(QIODevice::ReadOnly);
     QAudioDecoder decoder;
-    if (!decoder.isSupported()) {
-        std::fprintf(stderr, "QAudioDecoder: no backend\n");
+    if (!decoder.isSupported())
         return std::nullopt;
-    }
     decoder.setSourceDevice(&buffer);
     qint64 samples = 0;
     bool ended = false;
     bool failed = false;
-    QObject::connect(&decoder, &QAudioDecoder::bufferReady, [&] {
-        const auto block = decoder.read();
-        samples += block.frameCount();
-    });
+    QObject::connect(&decoder, &QAudioDecoder::bufferReady,
+                     [&] { samples += decoder.read().frameCount(); });
     QObject::connect(&decoder, &QAudioDecoder::finished, [&] { ended = true; });
     QObject::connect(&decoder, qOverload<QAudioDecoder::Error>(&QAudioDecoder::error),
                      [&](QAudioDecoder::Error) { failed = true; });
@@ -76,14 +54,12 @@ std::optional<qint64> decodedSamples(const QByteArray& wav)
 
 } // namespace
 
-class PracticeRoutesTest : public ::testing::Test {
+class PracticeRoutesTest : public ServerRoutesFixture {
 protected:
-    CurlResult questions(const ServerHarness::Account& account, const QJsonObject& body)
+    CurlResult questions(const Account& account, const QJsonObject& body)
     {
         return server.call(account, u"POST"_s, u"/api/v1/mock-interview/questions"_s, compact(body));
     }
-
-    ServerHarness server;
 };
 
 TEST_F(PracticeRoutesTest, QuestionsComeInTheCountAndLanguageAskedForWithoutRepeats)
@@ -101,53 +77,47 @@ TEST_F(PracticeRoutesTest, QuestionsComeInTheCountAndLanguageAskedForWithoutRepe
         sessions.insert(body.value(u"sessionId"_s).toString());
         const auto list = body.value(u"questions"_s).toArray();
         ASSERT_EQ(list.size(), count);
-        QSet<QString> ids;
-        QSet<QString> texts;
-        QSet<QString> categories;
+        QSet<QString> ids, texts, categories;
         for (const auto& value : list) {
             const auto question = value.toObject();
-            EXPECT_FALSE(question.value(u"text"_s).toString().isEmpty());
-            EXPECT_FALSE(question.value(u"category"_s).toString().isEmpty());
+            const auto text = question.value(u"text"_s).toString();
             ids.insert(question.value(u"id"_s).toString());
-            texts.insert(question.value(u"text"_s).toString());
+            texts.insert(text);
             categories.insert(question.value(u"category"_s).toString());
-            EXPECT_EQ(QuestionBank::builtIn().languageOf(question.value(u"text"_s).toString()),
-                      served);
+            EXPECT_EQ(QuestionBank::builtIn().languageOf(text), served) << text.toStdString();
         }
         EXPECT_EQ(ids.size(), count) << "no question twice in one session";
         EXPECT_EQ(texts.size(), count);
         EXPECT_EQ(categories.size(), std::min(count, 5)) << "categories take turns";
+        EXPECT_FALSE(categories.contains(QString()));
     }
     EXPECT_EQ(sessions.size(), 4);
     EXPECT_FALSE(sessions.contains(QString()));
 
     for (const auto& bad : {QJsonObject{{u"count"_s, 0}}, QJsonObject{{u"count"_s, 21}},
                             QJsonObject{{u"count"_s, 2.5}}, QJsonObject{{u"count"_s, u"8"_s}},
-                            QJsonObject{{u"count"_s, 8}, {u"language"_s, 7}}}) {
+                            QJsonObject{{u"count"_s, 8}, {u"language"_s, 7}}})
         EXPECT_EQ(questions(account, bad).status, 400) << compact(bad).toStdString();
-    }
 }
 
 TEST_F(PracticeRoutesTest, TheUsersOwnJobDescriptionShapesTheFirstQuestionAndNoOneElses)
 {
     const auto owner = server.signUp();
     const auto other = server.signUp();
-    const auto job = json(server.call(owner, u"POST"_s, u"/api/v1/job-description"_s,
-                                      R"({"title":"Build Engineer","company":"Acme","content":"CI"})"))
-                         .value(u"id"_s)
-                         .toString();
+    const auto job = create(owner, u"/api/v1/job-description"_s,
+                            R"({"title":"Build Engineer","company":"Acme","content":"CI"})");
     ASSERT_FALSE(job.isEmpty());
-    const auto mine = json(questions(owner, {{u"language"_s, u"en"_s}, {u"count"_s, 3},
-                                            {u"jobDescriptionId"_s, job}}))
-                          .value(u"questions"_s)
-                          .toArray();
+    const auto ask = [&](const Account& account) {
+        return json(questions(account, {{u"language"_s, u"en"_s}, {u"count"_s, 3},
+                                        {u"jobDescriptionId"_s, job}}))
+            .value(u"questions"_s)
+            .toArray();
+    };
+    const auto mine = ask(owner);
     ASSERT_EQ(mine.size(), 3);
     EXPECT_EQ(mine.first().toObject().value(u"text"_s).toString(),
               u"What interests you about the role of Build Engineer at Acme?"_s);
-    const auto theirs = json(questions(other, {{u"language"_s, u"en"_s}, {u"count"_s, 3},
-                                              {u"jobDescriptionId"_s, job}}))
-                            .value(u"questions"_s)
-                            .toArray();
+    const auto theirs = ask(other);
     ASSERT_EQ(theirs.size(), 3);
     for (const auto& question : theirs)
         EXPECT_FALSE(question.toObject().value(u"text"_s).toString().contains(u"Acme"_s));
@@ -155,25 +125,29 @@ TEST_F(PracticeRoutesTest, TheUsersOwnJobDescriptionShapesTheFirstQuestionAndNoO
 
 TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
 {
+    const auto avatar = u"/api/v1/mock-interview/avatar"_s;
     const auto first = server.signUp();
     const auto second = server.signUp();
-    EXPECT_EQ(server.call(first, u"GET"_s, u"/api/v1/mock-interview/avatar"_s).status, 404);
-    EXPECT_EQ(server.call(first, u"GET"_s, u"/api/v1/mock-interview/avatar/image"_s).status, 404);
+    const auto generate = [&](const Account& account, const QByteArray& body) {
+        return status(account, u"POST"_s, avatar + u"/generate"_s, body);
+    };
+    const auto image = [&](const Account& account) {
+        return server.call(account, u"GET"_s, avatar + u"/image"_s);
+    };
+    EXPECT_EQ(status(first, u"GET"_s, avatar), 404);
+    EXPECT_EQ(image(first).status, 404);
 
-    const auto generated =
-        server.call(first, u"POST"_s, u"/api/v1/mock-interview/avatar/generate"_s, "{}");
-    ASSERT_EQ(generated.status, 200);
-    const auto avatar = json(generated);
-    EXPECT_FALSE(avatar.value(u"key"_s).toString().isEmpty());
-    EXPECT_TRUE(QDateTime::fromString(avatar.value(u"generatedAt"_s).toString(), Qt::ISODateWithMs)
-                    .isValid());
-    EXPECT_EQ(json(server.call(first, u"GET"_s, u"/api/v1/mock-interview/avatar"_s)), avatar);
+    const auto generated = post(first, avatar + u"/generate"_s, "{}");
+    EXPECT_FALSE(generated.value(u"key"_s).toString().isEmpty());
+    EXPECT_TRUE(
+        QDateTime::fromString(generated.value(u"generatedAt"_s).toString(), Qt::ISODateWithMs)
+            .isValid());
+    EXPECT_EQ(get(first, avatar), generated);
 
-    const auto image = server.call(first, u"GET"_s, u"/api/v1/mock-interview/avatar/image"_s);
-    ASSERT_EQ(image.status, 200);
-    EXPECT_TRUE(image.headers.toLower().contains("content-type: image/png"));
-    QImage picture;
-    ASSERT_TRUE(picture.loadFromData(image.body, "PNG"));
+    const auto firstImage = image(first);
+    ASSERT_EQ(firstImage.status, 200);
+    EXPECT_TRUE(firstImage.headers.toLower().contains("content-type: image/png"));
+    const auto picture = QImage::fromData(firstImage.body, "PNG");
     EXPECT_EQ(picture.size(), QSize(512, 512));
     EXPECT_GT(QSet<QRgb>({picture.pixel(20, 20), picture.pixel(256, 230), picture.pixel(256, 500)})
                   .size(),
@@ -181,31 +155,27 @@ TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
         << "a picture, not a blank";
 
     // Another user gets another face; so does a regeneration.
-    EXPECT_EQ(server.call(second, u"GET"_s, u"/api/v1/mock-interview/avatar/image"_s).status, 404);
-    ASSERT_EQ(server.call(second, u"POST"_s, u"/api/v1/mock-interview/avatar/generate"_s, "{}").status,
-              200);
-    const auto secondImage =
-        server.call(second, u"GET"_s, u"/api/v1/mock-interview/avatar/image"_s).body;
-    QImage secondPicture;
-    ASSERT_TRUE(secondPicture.loadFromData(secondImage, "PNG"));
+    EXPECT_EQ(image(second).status, 404);
+    ASSERT_EQ(generate(second, "{}"), 200);
+    const auto secondImage = image(second).body;
+    const auto secondPicture = QImage::fromData(secondImage, "PNG");
     EXPECT_EQ(secondPicture.size(), QSize(512, 512));
     EXPECT_NE(secondPicture, picture);
-    ASSERT_EQ(server.call(first, u"POST"_s, u"/api/v1/mock-interview/avatar/generate"_s, "").status,
-              200);
-    const auto regenerated = server.call(first, u"GET"_s, u"/api/v1/mock-interview/avatar/image"_s);
-    EXPECT_NE(regenerated.body, image.body);
+    ASSERT_EQ(generate(first, ""), 200);
+    const auto regenerated = image(first).body;
+    EXPECT_NE(regenerated, firstImage.body);
     EXPECT_EQ(AvatarPainter::paintPng(u"same seed"_s), AvatarPainter::paintPng(u"same seed"_s));
 
     // A restart: a new connection to the same database serves the same bytes.
     const auto url = qEnvironmentVariable("RAVLET_TEST_DATABASE");
     auto reopened = Database::open(url.isEmpty() ? server.dir.filePath(u"server.sqlite"_s) : url);
-    EXPECT_EQ(PracticeStore(*reopened).avatarImage(first.id), regenerated.body);
+    EXPECT_EQ(PracticeStore(*reopened).avatarImage(first.id), regenerated);
     EXPECT_EQ(PracticeStore(*reopened).avatarImage(second.id), secondImage);
 }
 
 TEST_F(PracticeRoutesTest, SpeechIsAWavThatDecodes)
 {
-    if (!hasEspeak())
+    if (QStandardPaths::findExecutable(u"espeak-ng"_s).isEmpty())
         GTEST_SKIP() << "espeak-ng is not installed";
     const auto account = server.signUp();
     const auto spoken = server.call(account, u"POST"_s, u"/api/v1/mock-interview/tts"_s,
@@ -219,50 +189,44 @@ TEST_F(PracticeRoutesTest, SpeechIsAWavThatDecodes)
     EXPECT_EQ(le32(wav, 4), quint32(wav.size() - 8)) << "sizes filled in, not streamed placeholders";
     const auto dataAt = wav.indexOf("data");
     ASSERT_GT(dataAt, 0);
-    EXPECT_EQ(le32(wav, dataAt + 4), quint32(wav.size() - dataAt - 8));
+    const auto dataSize = le32(wav, dataAt + 4);
+    EXPECT_EQ(dataSize, quint32(wav.size() - dataAt - 8));
     const auto sampleRate = le32(wav, 24);
     // More than a second of speech for a sentence, and not all silence.
-    EXPECT_GT(qint64(le32(wav, dataAt + 4)) / 2, qint64(sampleRate));
+    EXPECT_GT(qint64(dataSize) / 2, qint64(sampleRate));
     const auto pcm = wav.mid(dataAt + 8);
     qint64 loud = 0;
     for (qsizetype i = 0; i + 1 < pcm.size(); i += 2)
         loud += std::abs(qFromLittleEndian<qint16>(pcm.constData() + i)) > 1000;
     EXPECT_GT(loud, sampleRate / 10);
 
-    const auto decoded = decodedSamples(wav);
-    if (decoded)
-        EXPECT_EQ(*decoded, qint64(le32(wav, dataAt + 4)) / 2) << "every sample decodes";
+    if (const auto decoded = decodedSamples(wav))
+        EXPECT_EQ(*decoded, qint64(dataSize) / 2) << "every sample decodes";
     else
         std::fprintf(stderr, "QAudioDecoder cannot decode on this machine; checked the header\n");
 }
 
-TEST_F(PracticeRoutesTest, HostileOrUnauthenticatedRequestsAreRefused)
+// Refusals without a token are in ServerTest.EveryApiRouteRefusesMissingExpiredAndForgedTokens.
+TEST_F(PracticeRoutesTest, HostileRequestsAreRefused)
 {
     const auto account = server.signUp();
-    const QList<std::pair<QString, QString>> routes{
-        {u"POST"_s, u"/api/v1/mock-interview/questions"_s},
-        {u"GET"_s, u"/api/v1/mock-interview/avatar"_s},
-        {u"POST"_s, u"/api/v1/mock-interview/avatar/generate"_s},
-        {u"GET"_s, u"/api/v1/mock-interview/avatar/image"_s},
-        {u"POST"_s, u"/api/v1/mock-interview/tts"_s},
-    };
-    for (const auto& [method, path] : routes)
-        EXPECT_EQ(server.call({}, method, path, "{}").status, 401) << path.toStdString();
-
-    const auto tts = u"/api/v1/mock-interview/tts"_s;
+    const auto base = u"/api/v1/mock-interview/"_s;
     const auto huge = compact({{u"text"_s, QString(SpeechSynthesizer::maxTextLength + 1, u'a')}});
-    EXPECT_EQ(server.call(account, u"POST"_s, tts, huge).status, 413);
-    EXPECT_EQ(server.call(account, u"POST"_s, tts, QByteArray(2 * 1024 * 1024, '{')).status, 413);
-    for (const auto& bad : {QByteArray("{\"text\":"), QByteArray("[\"text\"]"),
-                            QByteArray(R"({"text":42})"), QByteArray(R"({"text":"   "})")})
-        EXPECT_EQ(server.call(account, u"POST"_s, tts, bad).status, 400) << bad.toStdString();
-    EXPECT_EQ(server.call(account, u"POST"_s, u"/api/v1/mock-interview/questions"_s, "{oops").status,
-              400);
-    EXPECT_EQ(server.call(account, u"POST"_s, u"/api/v1/mock-interview/avatar/generate"_s, "nope")
-                  .status,
-              400);
+    const QList<std::tuple<QString, QByteArray, int>> cases{
+        {u"tts"_s, huge, 413},
+        {u"tts"_s, QByteArray(2 * 1024 * 1024, '{'), 413},
+        {u"tts"_s, "{\"text\":", 400},
+        {u"tts"_s, "[\"text\"]", 400},
+        {u"tts"_s, R"({"text":42})", 400},
+        {u"tts"_s, R"({"text":"   "})", 400},
+        {u"questions"_s, "{oops", 400},
+        {u"avatar/generate"_s, "nope", 400},
+    };
+    for (const auto& [path, body, expected] : cases)
+        EXPECT_EQ(status(account, u"POST"_s, base + path, body), expected)
+            << path.toStdString() << ' ' << body.left(20).toStdString();
     // Still serving.
-    EXPECT_EQ(server.call(account, u"GET"_s, u"/api/v1/mock-interview/avatar"_s).status, 404);
+    EXPECT_EQ(status(account, u"GET"_s, base + u"avatar"_s), 404);
 }
 
 TEST(PracticeSpeechTest, WithoutEspeakTheRouteSaysSo)
@@ -270,9 +234,8 @@ TEST(PracticeSpeechTest, WithoutEspeakTheRouteSaysSo)
     ServerConfig config;
     config.espeakProgram = u"/nonexistent/espeak-ng"_s;
     ServerHarness server(config);
-    const auto account = server.signUp();
-    const auto result =
-        server.call(account, u"POST"_s, u"/api/v1/mock-interview/tts"_s, R"({"text":"Hello"})");
+    const auto result = server.call(server.signUp(), u"POST"_s, u"/api/v1/mock-interview/tts"_s,
+                                    R"({"text":"Hello"})");
     EXPECT_EQ(result.status, 503);
     EXPECT_TRUE(json(result).value(u"error"_s).toString().contains(u"espeak-ng"_s));
 }
@@ -308,14 +271,12 @@ sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     const auto speak = [&](const QJsonObject& body) {
         return server.call(account, u"POST"_s, u"/api/v1/mock-interview/tts"_s, compact(body));
     };
-    const auto hostile = u"Why $(touch /tmp/x); rm -rf ~ `id` -v de"_s;
-    const auto spoken = speak({{u"text"_s, hostile}});
+    const auto spoken = speak({{u"text"_s, u"Why $(touch /tmp/x); rm -rf ~ `id` -v de"_s}});
     ASSERT_EQ(spoken.status, 200) << spoken.body.toStdString();
     EXPECT_EQ(spoken.body.size(), 44 + 8);
     EXPECT_EQ(le32(spoken.body, 40), 8u);
 
-    const auto german = u"Warum interessieren Sie sich für diese Stelle?"_s;
-    ASSERT_EQ(speak({{u"text"_s, german}}).status, 200);
+    ASSERT_EQ(speak({{u"text"_s, u"Warum interessieren Sie sich für diese Stelle?"_s}}).status, 200);
     ASSERT_EQ(speak({{u"text"_s, u"Hello"_s}, {u"language"_s, u"es"_s}}).status, 200);
     // After German questions, a text the bank does not hold (the question about the user's own
     // role) is spoken in German too.
@@ -330,14 +291,11 @@ sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     ASSERT_TRUE(calls.open(QIODevice::ReadOnly));
     const auto lines = QString::fromUtf8(calls.readAll()).split(u'\n', Qt::SkipEmptyParts);
     ASSERT_EQ(lines.size(), 5);
-    const auto expected = [](const QString& voice) {
-        return u"(['-v', '"_s + voice + u"', '--stdout'], b"_s;
-    };
-    EXPECT_TRUE(lines[0].startsWith(expected(u"en-us"_s))) << lines[0].toStdString();
     EXPECT_TRUE(lines[0].contains(u"$(touch /tmp/x); rm -rf ~ `id` -v de"_s)) << "on stdin, untouched";
-    EXPECT_TRUE(lines[1].startsWith(expected(u"de"_s))) << lines[1].toStdString();
-    EXPECT_TRUE(lines[2].startsWith(expected(u"es"_s))) << lines[2].toStdString();
-    EXPECT_TRUE(lines[3].startsWith(expected(u"de"_s))) << lines[3].toStdString();
+    const QStringList voices{u"en-us"_s, u"de"_s, u"es"_s, u"de"_s};
+    for (qsizetype i = 0; i < voices.size(); ++i)
+        EXPECT_TRUE(lines[i].startsWith(u"(['-v', '"_s + voices[i] + u"', '--stdout'], b"_s))
+            << lines[i].toStdString();
 }
 
 TEST(PracticeSpeechTest, StreamedHeadersAreCompletedAndOtherBytesRefused)
@@ -354,10 +312,9 @@ TEST(PracticeSpeechTest, StreamedHeadersAreCompletedAndOtherBytesRefused)
     EXPECT_EQ(le32(*completed, 40), 4u);
     EXPECT_EQ(completed->mid(44), samples.left(4));
 
-    EXPECT_FALSE(SpeechSynthesizer::completeWav({}));
-    EXPECT_FALSE(SpeechSynthesizer::completeWav("RIFF....WAVE"));
-    EXPECT_FALSE(SpeechSynthesizer::completeWav(streamed.left(20)));
     auto floatFormat = streamed;
     floatFormat[20] = '\x03';
-    EXPECT_FALSE(SpeechSynthesizer::completeWav(floatFormat + samples)) << "not plain PCM";
+    for (const auto& bad : {QByteArray(), QByteArray("RIFF....WAVE"), streamed.left(20),
+                            floatFormat + samples}) // the last is not plain PCM
+        EXPECT_FALSE(SpeechSynthesizer::completeWav(bad)) << bad.toHex().left(48).toStdString();
 }

@@ -1,72 +1,48 @@
-#include "ServerHarness.h"
+// The server's HTTP routes end to end through curl: tokens, ownership, hostile bodies, the
+// streamed answer, the sign-in page, telemetry and updates.
+#include "ServerRoutesFixture.h"
 
 #include "LoginPage.h"
 
 #include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QUrl>
 #include <QUrlQuery>
 
-#include <gtest/gtest.h>
-
 using namespace Qt::StringLiterals;
 
-namespace {
-
-QJsonObject json(const CurlResult& result)
-{
-    return QJsonDocument::fromJson(result.body).object();
-}
-
-QByteArray compact(const QJsonObject& object)
-{
-    return QJsonDocument(object).toJson(QJsonDocument::Compact);
-}
-
-QByteArray plainBase64Payload(const QString& token)
-{
-    auto payload = token.split(u'.').value(1).toLatin1();
-    while (payload.size() % 4 != 0)
-        payload.append('=');
-    return QByteArray::fromBase64(payload, QByteArray::AbortOnBase64DecodingErrors);
-}
-
-} // namespace
-
-class ServerTest : public ::testing::Test {
+class ServerTest : public ServerRoutesFixture {
 protected:
-    ServerHarness server;
+    // curl posting to the answer route; `flag` is -N to print chunks as they come, -i for headers.
+    void startAnswer(QProcess& process, const Account& account, const QByteArray& body,
+                     const QString& flag = u"-N"_s)
+    {
+        process.start(u"curl"_s, {u"-s"_s, flag, u"-X"_s, u"POST"_s, u"-H"_s,
+                                  u"Authorization: Bearer "_s + account.accessToken,
+                                  u"--data-binary"_s, QString::fromUtf8(body),
+                                  server.base() + u"/api/v1/chat/answer"_s});
+    }
 };
 
 TEST_F(ServerTest, EveryApiRouteRefusesMissingExpiredAndForgedTokens)
 {
-    auto account = server.signUp();
-    const auto session = json(server.call(account, u"POST"_s, u"/api/v1/interview/session"_s,
-                                          R"({"languageInput":"en","languageOutput":"en"})"))
-                             .value(u"id"_s)
-                             .toString();
-    ASSERT_FALSE(session.isEmpty());
-    const QList<std::pair<QString, QString>> routes{
-        {u"POST"_s, u"/api/v1/interview/session"_s},
-        {u"GET"_s, u"/api/v1/interview/session"_s},
-        {u"GET"_s, u"/api/v1/interview/session/"_s + session},
-        {u"PUT"_s, u"/api/v1/interview/session/"_s + session},
-        {u"POST"_s, u"/api/v1/interview/session/"_s + session + u"/transcript"_s},
-        {u"POST"_s, u"/api/v1/chat/answer"_s},
-        {u"PATCH"_s, u"/api/v1/chat/log/x"_s},
-        {u"GET"_s, u"/api/v1/chat/log/x"_s},
-        {u"GET"_s, u"/api/v1/speech/token"_s},
-        {u"GET"_s, u"/api/v1/subscription/status"_s},
-        {u"GET"_s, u"/api/v1/resume"_s},
-        {u"POST"_s, u"/api/v1/resume/upload"_s},
-        {u"DELETE"_s, u"/api/v1/resume/x"_s},
-        {u"GET"_s, u"/api/v1/job-description"_s},
-        {u"POST"_s, u"/api/v1/job-description"_s},
-        {u"DELETE"_s, u"/api/v1/job-description/x"_s},
+    const auto account = server.signUp();
+    const QStringList routes{
+        u"POST /api/v1/interview/session"_s, u"GET /api/v1/interview/session"_s,
+        u"GET /api/v1/interview/session/x"_s, u"PUT /api/v1/interview/session/x"_s,
+        u"POST /api/v1/interview/session/x/transcript"_s, u"POST /api/v1/chat/answer"_s,
+        u"PATCH /api/v1/chat/log/x"_s, u"GET /api/v1/chat/log/x"_s,
+        u"GET /api/v1/speech/token"_s, u"GET /api/v1/subscription/status"_s,
+        u"GET /api/v1/resume"_s, u"POST /api/v1/resume/upload"_s,
+        u"DELETE /api/v1/resume/x"_s, u"GET /api/v1/job-description"_s,
+        u"POST /api/v1/job-description"_s, u"DELETE /api/v1/job-description/x"_s,
+        u"POST /api/v1/mock-interview/questions"_s, u"GET /api/v1/mock-interview/avatar"_s,
+        u"POST /api/v1/mock-interview/avatar/generate"_s, u"GET /api/v1/mock-interview/avatar/image"_s,
+        u"POST /api/v1/mock-interview/tts"_s,
+    };
+    const auto call = [&](const QString& token, const QString& route) {
+        return status({{}, {}, token, {}}, route.section(u' ', 0, 0), route.section(u' ', 1), "{}");
     };
     // Same claims, signed with another key; and the real token with its signature cut.
     const auto forged = AccountService(*server.db, server.clock, QByteArray(32, 'x'))
@@ -75,16 +51,16 @@ TEST_F(ServerTest, EveryApiRouteRefusesMissingExpiredAndForgedTokens)
     auto truncated = account.accessToken;
     truncated.chop(2);
 
-    for (const auto& [method, path] : routes) {
-        SCOPED_TRACE((method + u' ' + path).toStdString());
-        EXPECT_EQ(server.call({}, method, path, "{}").status, 401);
-        EXPECT_EQ(server.call({{}, {}, forged, {}}, method, path, "{}").status, 401);
-        EXPECT_EQ(server.call({{}, {}, truncated, {}}, method, path, "{}").status, 401);
+    for (const auto& route : routes) {
+        SCOPED_TRACE(route.toStdString());
+        EXPECT_EQ(call({}, route), 401);
+        EXPECT_EQ(call(forged, route), 401);
+        EXPECT_EQ(call(truncated, route), 401);
     }
-    EXPECT_EQ(server.call(account, u"GET"_s, u"/api/v1/resume"_s).status, 200);
+    EXPECT_EQ(call(account.accessToken, u"GET /api/v1/resume"_s), 200);
     server.clock.advance(std::chrono::minutes(15));
-    for (const auto& [method, path] : routes)
-        EXPECT_EQ(server.call(account, method, path, "{}").status, 401) << path.toStdString();
+    for (const auto& route : routes)
+        EXPECT_EQ(call(account.accessToken, route), 401) << route.toStdString();
 }
 
 TEST_F(ServerTest, CodesAreOneTimeAndShortLivedAndRefreshTokensRotateInFamilies)
@@ -92,14 +68,12 @@ TEST_F(ServerTest, CodesAreOneTimeAndShortLivedAndRefreshTokensRotateInFamilies)
     const auto user = std::get<UserRecord>(
         server.accounts->createAccount(u"Ann@Example.org"_s, u"long enough"_s));
     const auto exchange = [&](const QString& code) {
-        return curl({u"-X"_s, u"POST"_s, u"--data-binary"_s,
-                     QString::fromUtf8(compact({{u"code"_s, code}})),
-                     server.base() + u"/api/v1/auth/exchange"_s});
+        return server.call({}, u"POST"_s, u"/api/v1/auth/exchange"_s,
+                           compact({{u"code"_s, code}}));
     };
     const auto refresh = [&](const QString& token) {
-        return curl({u"-X"_s, u"POST"_s, u"--data-binary"_s,
-                     QString::fromUtf8(compact({{u"refreshToken"_s, token}})),
-                     server.base() + u"/api/v1/auth/refresh"_s});
+        return server.call({}, u"POST"_s, u"/api/v1/auth/refresh"_s,
+                           compact({{u"refreshToken"_s, token}}));
     };
 
     const auto code = server.accounts->issueCode(user.id);
@@ -134,7 +108,9 @@ TEST_F(ServerTest, AccessTokenPayloadsReadWithPlainBase64)
             server.accounts->exchange(server.accounts->issueCode(user.id))->accessToken;
         const auto payload = token.split(u'.').value(1);
         ASSERT_FALSE(payload.contains(u'-') || payload.contains(u'_')) << payload.toStdString();
-        const auto claims = QJsonDocument::fromJson(plainBase64Payload(token)).object();
+        const auto padded = payload.toLatin1() + QByteArray((4 - payload.size() % 4) % 4, '=');
+        const auto claims = QJsonDocument::fromJson(
+            QByteArray::fromBase64(padded, QByteArray::AbortOnBase64DecodingErrors)).object();
         ASSERT_EQ(claims.value(u"sub"_s).toString(), user.id);
         ASSERT_EQ(claims.value(u"email"_s).toString(), u"o'brien+jobs@example.org"_s);
         if (i % 500 == 0)
@@ -146,21 +122,14 @@ TEST_F(ServerTest, UsersNeverReachEachOthersData)
 {
     const auto owner = server.signUp();
     const auto other = server.signUp();
-    const auto session = json(server.call(owner, u"POST"_s, u"/api/v1/interview/session"_s,
-                                          R"({"languageInput":"en","languageOutput":"de"})"))
-                             .value(u"id"_s)
-                             .toString();
+    const auto session = u"/api/v1/interview/session/"_s
+                         + create(owner, u"/api/v1/interview/session"_s,
+                                  R"({"languageInput":"en","languageOutput":"de"})");
     ASSERT_EQ(
-        server
-            .call(
-                owner, u"POST"_s, u"/api/v1/interview/session/"_s + session + u"/transcript"_s,
-                R"({"entries":[{"id":"l1","speaker":"interviewer","content":"Secret","timestampMs":1,"confidence":0.5}]})")
-            .status,
+        status(owner, u"POST"_s, session + u"/transcript"_s,
+               R"({"entries":[{"id":"l1","speaker":"interviewer","content":"Secret","timestampMs":1,"confidence":0.5}]})"),
         200);
-    const auto job = json(server.call(owner, u"POST"_s, u"/api/v1/job-description"_s,
-                                      R"({"title":"T","content":"C"})"))
-                         .value(u"id"_s)
-                         .toString();
+    const auto job = create(owner, u"/api/v1/job-description"_s, R"({"title":"T","content":"C"})");
     QFile cv(server.dir.filePath(u"cv.txt"_s));
     ASSERT_TRUE(cv.open(QIODevice::WriteOnly));
     cv.write("Led the migration of 40 services.");
@@ -173,43 +142,29 @@ TEST_F(ServerTest, UsersNeverReachEachOthersData)
     ASSERT_FALSE(job.isEmpty());
     ASSERT_FALSE(resume.isEmpty());
     server.engine.finishAtOnce = true;
-    EXPECT_EQ(server.call(owner, u"POST"_s, u"/api/v1/chat/answer"_s, R"({"question":"q"})").status,
-              200);
+    EXPECT_EQ(status(owner, u"POST"_s, u"/api/v1/chat/answer"_s, R"({"question":"q"})"), 200);
     auto logs = server.db->run(u"SELECT id FROM answer_logs WHERE user_id = ?"_s, {owner.id});
     ASSERT_TRUE(logs.next());
-    const auto log = logs.value(0).toString();
+    const auto log = u"/api/v1/chat/log/"_s + logs.value(0).toString();
 
-    struct Probe {
-        QString method;
-        QString path;
-        QByteArray body;
-    };
-    const QList<Probe> probes{
-        {u"GET"_s, u"/api/v1/interview/session/"_s + session, {}},
-        {u"PUT"_s, u"/api/v1/interview/session/"_s + session,
-         R"({"status":"completed","sttAudioDurationMs":1})"},
-        {u"POST"_s, u"/api/v1/interview/session/"_s + session + u"/transcript"_s,
+    const QList<std::tuple<QString, QString, QByteArray>> probes{
+        {u"GET"_s, session, {}},
+        {u"PUT"_s, session, R"({"status":"completed","sttAudioDurationMs":1})"},
+        {u"POST"_s, session + u"/transcript"_s,
          R"({"entries":[{"id":"l1","speaker":"user","content":"overwritten","timestampMs":1,"revision":9}]})"},
         {u"DELETE"_s, u"/api/v1/resume/"_s + resume, {}},
         {u"DELETE"_s, u"/api/v1/job-description/"_s + job, {}},
-        {u"GET"_s, u"/api/v1/chat/log/"_s + log, {}},
-        {u"PATCH"_s, u"/api/v1/chat/log/"_s + log, R"({"answer":"changed"})"},
+        {u"GET"_s, log, {}},
+        {u"PATCH"_s, log, R"({"answer":"changed"})"},
     };
-    for (const auto& probe : probes)
-        EXPECT_EQ(server.call(other, probe.method, probe.path, probe.body).status, 404)
-            << probe.path.toStdString();
-    EXPECT_TRUE(json(server.call(other, u"GET"_s, u"/api/v1/interview/session"_s))
-                    .value(u"sessions"_s)
-                    .toArray()
-                    .isEmpty());
-    EXPECT_TRUE(json(server.call(other, u"GET"_s, u"/api/v1/resume"_s))
-                    .value(u"resumes"_s)
-                    .toArray()
-                    .isEmpty());
-    EXPECT_TRUE(json(server.call(other, u"GET"_s, u"/api/v1/job-description"_s))
-                    .value(u"jobDescriptions"_s)
-                    .toArray()
-                    .isEmpty());
+    for (const auto& [method, path, body] : probes)
+        EXPECT_EQ(status(other, method, path, body), 404) << path.toStdString();
+    for (const auto& [path, key] : {std::pair{u"/api/v1/interview/session"_s, u"sessions"_s},
+                                    std::pair{u"/api/v1/resume"_s, u"resumes"_s},
+                                    std::pair{u"/api/v1/job-description"_s, u"jobDescriptions"_s}}) {
+        EXPECT_EQ(get(other, path).value(key).toArray().size(), 0) << path.toStdString();
+        EXPECT_EQ(get(owner, path).value(key).toArray().size(), 1) << path.toStdString();
+    }
 
     // An answer for the other user never sees the owner's documents.
     server.engine.answers.clear();
@@ -220,94 +175,75 @@ TEST_F(ServerTest, UsersNeverReachEachOthersData)
     EXPECT_TRUE(server.engine.answers[0]->request.resumeText.isEmpty());
     EXPECT_TRUE(server.engine.answers[0]->request.jobDescriptionText.isEmpty());
 
-    // Everything of the owner is still there and unchanged.
-    const auto kept = json(server.call(owner, u"GET"_s, u"/api/v1/interview/session/"_s + session));
+    // The owner's session and answer are unchanged.
+    const auto kept = get(owner, session);
     EXPECT_EQ(kept.value(u"status"_s).toString(), u"active"_s);
     EXPECT_EQ(kept.value(u"transcript"_s).toArray().at(0).toObject().value(u"content"_s).toString(),
               u"Secret"_s);
-    EXPECT_EQ(json(server.call(owner, u"GET"_s, u"/api/v1/resume"_s))
-                  .value(u"resumes"_s)
-                  .toArray()
-                  .size(),
-              1);
-    EXPECT_EQ(json(server.call(owner, u"GET"_s, u"/api/v1/chat/log/"_s + log))
-                  .value(u"question"_s)
-                  .toString(),
-              u"q"_s);
+    EXPECT_EQ(get(owner, log).value(u"question"_s).toString(), u"q"_s);
 }
 
 TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
 {
     const auto account = server.signUp();
-    const auto path = u"/api/v1/job-description"_s;
-    EXPECT_EQ(server.call(account, u"POST"_s, path, "{\"title\": ").status, 400);
-    EXPECT_EQ(server.call(account, u"POST"_s, path, "[1,2]").status, 400);
-    EXPECT_EQ(
-        server.call(account, u"POST"_s, path, "{\"title\":\"\xff\xfe\",\"content\":\"x\"}").status,
-        400);
-    EXPECT_EQ(server.call(account, u"POST"_s, path, R"({"title":5,"content":"x"})").status, 400);
-    // Valid JSON, but half a character that would be stored as something else.
-    EXPECT_EQ(server.call(account, u"POST"_s, path, R"({"title":"Eng\udfff","content":"x"})").status,
-              400);
-    EXPECT_EQ(server.call(account, u"POST"_s, path, R"({"title":"E","content":"x","\ud800":1})")
-                  .status,
-              400);
-    EXPECT_EQ(
-        server.call(account, u"POST"_s, path, QByteArray(10 * 1024 * 1024, ' ') + "{}").status,
-        413);
-    EXPECT_EQ(server
-                  .call(account, u"POST"_s, u"/api/v1/interview/session/x/transcript"_s,
-                        R"({"entries":[{"id":1}]})")
-                  .status,
-              400);
+    const auto jobs = u"/api/v1/job-description"_s;
+    struct Case {
+        const char* what;
+        QString method;
+        QString path;
+        QByteArray body;
+        int status;
+    };
+    const Case cases[]{
+        {"cut-off JSON", u"POST"_s, jobs, "{\"title\": ", 400},
+        {"an array", u"POST"_s, jobs, "[1,2]", 400},
+        {"bytes that are not UTF-8", u"POST"_s, jobs, "{\"title\":\"\xff\xfe\",\"content\":\"x\"}", 400},
+        {"a number for a text", u"POST"_s, jobs, R"({"title":5,"content":"x"})", 400},
+        // Valid JSON, but half a character that would be stored as something else.
+        {"half a character in a value", u"POST"_s, jobs, R"({"title":"Eng\udfff","content":"x"})", 400},
+        {"half a character in a name", u"POST"_s, jobs, R"({"title":"E","content":"x","\ud800":1})", 400},
+        {"10 MB", u"POST"_s, jobs, QByteArray(10 * 1024 * 1024, ' ') + "{}", 413},
+        {"a transcript entry of the wrong shape", u"POST"_s,
+         u"/api/v1/interview/session/x/transcript"_s, R"({"entries":[{"id":1}]})", 400},
+        {"no such route", u"GET"_s, u"/api/v1/nothing-here"_s, {}, 404},
+        {"no such method", u"DELETE"_s, u"/api/v1/resume"_s, {}, 405},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(status(account, c.method, c.path, c.body), c.status) << c.what;
 
     // A multipart upload cut off in the middle of its file.
-    const QByteArray truncated =
-        "--B\r\nContent-Disposition: form-data; name=\"file\"; filename=\"cv.txt\"\r\n"
-        "Content-Type: text/plain\r\n\r\nI led a team of";
     QFile file(server.dir.filePath(u"truncated"_s));
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(truncated);
+    file.write("--B\r\nContent-Disposition: form-data; name=\"file\"; filename=\"cv.txt\"\r\n"
+               "Content-Type: text/plain\r\n\r\nI led a team of");
     file.close();
     const auto upload =
         curl({u"-H"_s, u"Authorization: Bearer "_s + account.accessToken, u"-H"_s,
               u"Content-Type: multipart/form-data; boundary=B"_s, u"--data-binary"_s,
               u"@"_s + file.fileName(), server.base() + u"/api/v1/resume/upload"_s});
     EXPECT_EQ(upload.status, 400);
-    EXPECT_TRUE(json(server.call(account, u"GET"_s, u"/api/v1/resume"_s))
-                    .value(u"resumes"_s)
-                    .toArray()
-                    .isEmpty());
+    EXPECT_TRUE(get(account, u"/api/v1/resume"_s).value(u"resumes"_s).toArray().isEmpty());
 
-    EXPECT_EQ(server.call(account, u"GET"_s, u"/api/v1/nothing-here"_s).status, 404);
-    EXPECT_EQ(server.call(account, u"DELETE"_s, u"/api/v1/resume"_s).status, 405);
     const auto created =
-        server.call(account, u"POST"_s, path, R"({"title":"Engineer","content":"Build things"})");
+        server.call(account, u"POST"_s, jobs, R"({"title":"Engineer","content":"Build things"})");
     EXPECT_EQ(created.status, 200);
-    EXPECT_EQ(json(created).value(u"company"_s).toString(), QString())
-        << "company is always in the answer";
+    EXPECT_EQ(json(created).value(u"company"_s), QJsonValue(u""_s)) << "company is always there";
 }
 
 TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProduced)
 {
     const auto account = server.signUp();
-    const auto job = json(server.call(account, u"POST"_s, u"/api/v1/job-description"_s,
-                                      R"({"title":"SRE","content":"Keep services up"})"))
-                         .value(u"id"_s)
-                         .toString();
+    const auto job = create(account, u"/api/v1/job-description"_s,
+                            R"({"title":"SRE","content":"Keep services up"})");
     QProcess curlProcess;
-    curlProcess.start(
-        u"curl"_s,
-        {u"-s"_s, u"-N"_s, u"-X"_s, u"POST"_s, u"-H"_s,
-         u"Authorization: Bearer "_s + account.accessToken, u"--data-binary"_s,
-         QString::fromUtf8(compact(
-             {{u"question"_s, u"Why this role?"_s},
-              {u"context"_s,
-               QJsonArray{QJsonObject{{u"speaker"_s, u"interviewer"_s}, {u"content"_s, u"Hello"_s}},
-                          QJsonObject{{u"speaker"_s, u"user"_s}, {u"content"_s, u"Hi"_s}}}},
-              {u"language"_s, u"German"_s},
-              {u"jobDescriptionId"_s, job}})),
-         server.base() + u"/api/v1/chat/answer"_s});
+    startAnswer(curlProcess, account,
+                compact({{u"question"_s, u"Why this role?"_s},
+                         {u"context"_s, QJsonArray{QJsonObject{{u"speaker"_s, u"interviewer"_s},
+                                                               {u"content"_s, u"Hello"_s}},
+                                                   QJsonObject{{u"speaker"_s, u"user"_s},
+                                                               {u"content"_s, u"Hi"_s}}}},
+                         {u"language"_s, u"German"_s},
+                         {u"jobDescriptionId"_s, job}}));
     ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 1; }));
     const auto pending = server.engine.answers[0];
     EXPECT_EQ(pending->request.question, u"Why this role?"_s);
@@ -331,33 +267,22 @@ TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProduced)
     EXPECT_TRUE(seen.endsWith("data: {\"content\":\" Second.\"}\n\ndata: [DONE]\n\n"))
         << seen.constData();
 
-    const auto logId = QJsonDocument::fromJson(seen.mid(6, seen.indexOf('\n') - 6))
+    const auto log = u"/api/v1/chat/log/"_s
+                     + QJsonDocument::fromJson(seen.mid(6, seen.indexOf('\n') - 6))
                            .object()
                            .value(u"logId"_s)
                            .toString();
-    ASSERT_TRUE(waitUntil([&] {
-        return json(server.call(account, u"GET"_s, u"/api/v1/chat/log/"_s + logId))
-                   .value(u"answer"_s)
-                   .toString()
-               == u"First part. Second."_s;
-    }));
-    EXPECT_EQ(
-        server.call(account, u"PATCH"_s, u"/api/v1/chat/log/"_s + logId, R"({"answer":"edited"})")
-            .status,
-        200);
-    EXPECT_EQ(json(server.call(account, u"GET"_s, u"/api/v1/chat/log/"_s + logId))
-                  .value(u"answer"_s)
-                  .toString(),
-              u"edited"_s);
+    ASSERT_TRUE(waitUntil(
+        [&] { return get(account, log).value(u"answer"_s).toString() == u"First part. Second."_s; }));
+    EXPECT_EQ(status(account, u"PATCH"_s, log, R"({"answer":"edited"})"), 200);
+    EXPECT_EQ(get(account, log).value(u"answer"_s).toString(), u"edited"_s);
 }
 
 TEST_F(ServerTest, AnEngineFailureBeforeAnyTextIsAStatusAndAGoneClientCancelsTheEngine)
 {
     const auto account = server.signUp();
     QProcess failing;
-    failing.start(u"curl"_s, {u"-s"_s, u"-i"_s, u"-X"_s, u"POST"_s, u"-H"_s,
-                              u"Authorization: Bearer "_s + account.accessToken, u"--data-binary"_s,
-                              u"{\"question\":\"q\"}"_s, server.base() + u"/api/v1/chat/answer"_s});
+    startAnswer(failing, account, R"({"question":"q"})", u"-i"_s);
     ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 1; }));
     server.engine.answers[0]->onDone(u"The model server is unreachable"_s);
     ASSERT_TRUE(waitUntil([&] { return failing.state() == QProcess::NotRunning; }));
@@ -366,9 +291,7 @@ TEST_F(ServerTest, AnEngineFailureBeforeAnyTextIsAStatusAndAGoneClientCancelsThe
     EXPECT_TRUE(output.contains("The model server is unreachable"));
 
     QProcess leaving;
-    leaving.start(u"curl"_s, {u"-s"_s, u"-N"_s, u"-X"_s, u"POST"_s, u"-H"_s,
-                              u"Authorization: Bearer "_s + account.accessToken, u"--data-binary"_s,
-                              u"{\"question\":\"q\"}"_s, server.base() + u"/api/v1/chat/answer"_s});
+    startAnswer(leaving, account, R"({"question":"q"})");
     ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 2; }));
     server.engine.answers[1]->onChunk(u"Partial"_s);
     ASSERT_TRUE(waitUntil([&] { return leaving.readAllStandardOutput().contains("Partial"); }));
@@ -390,24 +313,23 @@ TEST_F(ServerTest, SignInPageCreatesAnAccountAndRedirectsWithACodeBehindCsrfProt
     ASSERT_FALSE(csrf.isEmpty());
     const auto form =
         u"state=S-1.x&action=register&email=new%40example.org&password=pa55word!&confirm=pa55word!&csrf="_s;
+    const QStringList withCookie{u"-b"_s, jar};
+    const auto submit = [&](const QString& fields, QStringList options) {
+        return curl(options << u"--data"_s << fields << server.base() + u"/auth/login"_s);
+    };
 
     // A form posted from another site carries no cookie of ours, or a token it could not read.
-    EXPECT_EQ(curl({u"--data"_s, form + csrf, server.base() + u"/auth/login"_s}).status, 403);
-    EXPECT_EQ(curl({u"-b"_s, jar, u"--data"_s, form + u"guess"_s, server.base() + u"/auth/login"_s})
-                  .status,
-              403);
-    EXPECT_EQ(curl({u"-b"_s, jar, u"-H"_s, u"Origin: https://evil.example"_s, u"--data"_s,
-                    form + csrf, server.base() + u"/auth/login"_s})
+    EXPECT_EQ(submit(form + csrf, {}).status, 403);
+    EXPECT_EQ(submit(form + u"guess"_s, withCookie).status, 403);
+    EXPECT_EQ(submit(form + csrf, withCookie + QStringList{u"-H"_s, u"Origin: https://evil.example"_s})
                   .status,
               403);
 
-    const auto created =
-        curl({u"-b"_s, jar, u"--data"_s, form + csrf, server.base() + u"/auth/login"_s});
+    const auto created = submit(form + csrf, withCookie);
     ASSERT_EQ(created.status, 303);
-    const auto location = QRegularExpression(u"Location: (\\S+)"_s)
-                              .match(QString::fromUtf8(created.headers))
-                              .captured(1);
-    const QUrl callback(location);
+    const QUrl callback(QRegularExpression(u"Location: (\\S+)"_s)
+                            .match(QString::fromUtf8(created.headers))
+                            .captured(1));
     EXPECT_EQ(callback.scheme(), u"ravlet"_s);
     EXPECT_EQ(callback.host(), u"auth-callback"_s);
     const QUrlQuery query(callback);
@@ -418,19 +340,12 @@ TEST_F(ServerTest, SignInPageCreatesAnAccountAndRedirectsWithACodeBehindCsrfProt
     EXPECT_EQ(pair->user.email, u"new@example.org"_s);
 
     // The same address again is refused; the right password signs in; a wrong one does not.
-    const auto again =
-        curl({u"-b"_s, jar, u"--data"_s, form + csrf, server.base() + u"/auth/login"_s});
+    const auto again = submit(form + csrf, withCookie);
     EXPECT_EQ(again.status, 400);
     EXPECT_TRUE(again.body.contains("already exists"));
     const auto signIn = u"state=S&action=signin&email=NEW%40example.org&csrf="_s + csrf;
-    EXPECT_EQ(curl({u"-b"_s, jar, u"--data"_s, signIn + u"&password=pa55word!"_s,
-                    server.base() + u"/auth/login"_s})
-                  .status,
-              303);
-    EXPECT_EQ(curl({u"-b"_s, jar, u"--data"_s, signIn + u"&password=nope"_s,
-                    server.base() + u"/auth/login"_s})
-                  .status,
-              401);
+    EXPECT_EQ(submit(signIn + u"&password=pa55word!"_s, withCookie).status, 303);
+    EXPECT_EQ(submit(signIn + u"&password=nope"_s, withCookie).status, 401);
     EXPECT_EQ(curl({server.base() + u"/auth/login?state=%3Cscript%3E"_s}).status, 400);
 }
 
@@ -465,33 +380,33 @@ TEST(ServerConfigTest, TelemetryIsStoredAndCanBeTurnedOffForEveryone)
         {"name":"app_launched","category":"funnel","clientTs":"2026-01-01T00:00:00.000Z"},
         {"name":"api_failed","category":"error","clientTs":"2026-01-01T00:00:01.000Z","props":{"status":500}}]})";
     const QByteArray crash = R"({"deviceId":"d1","exceptionType":"SIGSEGV","lastState":"unknown"})";
+    const auto config = [](ServerHarness& server) {
+        return json(server.call({}, u"GET"_s, u"/api/v1/telemetry/config"_s));
+    };
+    const auto send = [](ServerHarness& server, const QString& what, const QByteArray& body) {
+        return server.call({}, u"POST"_s, u"/api/v1/telemetry/"_s + what, body).status;
+    };
     ServerHarness on;
-    const ServerHarness::Account anonymous;
     // Counted as differences: on PostgreSQL every harness of the run shares one database.
     TelemetryStore stored(*on.db);
     const auto events = stored.eventCount();
     const auto crashes = stored.crashCount();
-    EXPECT_EQ(QJsonDocument::fromJson(on.call(anonymous, u"GET"_s, u"/api/v1/telemetry/config"_s).body).object(),
-              (QJsonObject{{u"enabled"_s, true}, {u"sampleRate"_s, 1.0}}));
-    EXPECT_EQ(on.call(anonymous, u"POST"_s, u"/api/v1/telemetry/events"_s, batch).status, 200);
-    EXPECT_EQ(on.call(anonymous, u"POST"_s, u"/api/v1/telemetry/crash"_s, crash).status, 200);
-    EXPECT_EQ(on.call(anonymous, u"POST"_s, u"/api/v1/telemetry/events"_s, R"({"deviceId":"d1","events":[{}]})").status,
-              400);
+    EXPECT_EQ(config(on), (QJsonObject{{u"enabled"_s, true}, {u"sampleRate"_s, 1.0}}));
+    EXPECT_EQ(send(on, u"events"_s, batch), 200);
+    EXPECT_EQ(send(on, u"crash"_s, crash), 200);
+    EXPECT_EQ(send(on, u"events"_s, R"({"deviceId":"d1","events":[{}]})"), 400);
     EXPECT_EQ(stored.eventCount(), events + 2);
     EXPECT_EQ(stored.crashCount(), crashes + 1);
 
-    ServerConfig config;
-    config.telemetryEnabled = false;
-    ServerHarness off(config);
-    TelemetryStore untouched(*off.db);
+    ServerConfig off;
+    off.telemetryEnabled = false;
+    ServerHarness server(off);
+    TelemetryStore untouched(*server.db);
     const auto before = untouched.eventCount() + untouched.crashCount();
-    EXPECT_FALSE(QJsonDocument::fromJson(off.call(anonymous, u"GET"_s, u"/api/v1/telemetry/config"_s).body)
-                     .object()
-                     .value(u"enabled"_s)
-                     .toBool());
+    EXPECT_FALSE(config(server).value(u"enabled"_s).toBool());
     // 204 is the client's signal to drop what it holds.
-    EXPECT_EQ(off.call(anonymous, u"POST"_s, u"/api/v1/telemetry/events"_s, batch).status, 204);
-    EXPECT_EQ(off.call(anonymous, u"POST"_s, u"/api/v1/telemetry/crash"_s, crash).status, 204);
+    EXPECT_EQ(send(server, u"events"_s, batch), 204);
+    EXPECT_EQ(send(server, u"crash"_s, crash), 204);
     EXPECT_EQ(untouched.eventCount() + untouched.crashCount(), before);
 }
 
@@ -510,11 +425,9 @@ TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfTheFolder)
     ServerConfig config;
     config.updatesDir = updates.path();
     ServerHarness server(config);
-    const ServerHarness::Account anonymous;
     const auto check = [&](const QString& version) {
-        return QJsonDocument::fromJson(
-                   server.call(anonymous, u"GET"_s, u"/download/check-update?v="_s + version + u"&platform=linux"_s).body)
-            .object();
+        return json(server.call(
+            {}, u"GET"_s, u"/download/check-update?v="_s + version + u"&platform=linux"_s));
     };
 
     const auto offer = check(u"0.9.5"_s);
@@ -527,8 +440,9 @@ TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfTheFolder)
     const auto download = curl({latest.value(u"downloadURL"_s).toString()});
     EXPECT_EQ(download.status, 200);
     EXPECT_EQ(download.body, "newest package");
-    EXPECT_EQ(curl({server.base() + u"/download/files/RavletAI-0.9.0-linux-x86_64.tar.gz"_s}).status, 404);
-    EXPECT_EQ(curl({server.base() + u"/download/files/..%2Fserver.sqlite"_s}).status, 404);
+    const auto files = server.base() + u"/download/files/"_s;
+    EXPECT_EQ(curl({files + u"RavletAI-0.9.0-linux-x86_64.tar.gz"_s}).status, 404);
+    EXPECT_EQ(curl({files + u"..%2Fserver.sqlite"_s}).status, 404);
 
     EXPECT_FALSE(check(u"0.10.0"_s).value(u"hasUpdate"_s).toBool());
     write(u"minimum-version"_s, "0.9.9\n");
