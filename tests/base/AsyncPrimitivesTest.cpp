@@ -7,31 +7,41 @@
 #include "TaskHandle.h"
 
 #include <QCoroTask>
-#include <QCoroTimer>
 #include <QTimer>
 
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 using namespace std::chrono_literals;
 
 namespace {
 
-QCoro::Task<> drain(std::shared_ptr<AsyncQueue<int>> queue, CancellationToken token,
-                    std::shared_ptr<std::vector<int>> out, std::shared_ptr<bool> ended)
+// Shared with the coroutines, which may outlive a test's locals when they never resume.
+struct Drained {
+    std::vector<int> items;
+    bool ended = false;
+};
+using Log = std::vector<std::pair<int, qint64>>; // (label, or -label when cut short; wake time)
+
+QCoro::Task<> drain(std::shared_ptr<AsyncQueue<int>> queue, CancellationToken token, std::shared_ptr<Drained> out)
 {
     while (auto item = co_await queue->next(token))
-        out->push_back(*item);
-    *ended = true;
+        out->items.push_back(*item);
+    out->ended = true;
 }
 
-QCoro::Task<> sleepAndRecord(Clock& clock, qint64 ms, CancellationToken token,
-                             std::shared_ptr<std::vector<std::pair<int, qint64>>> log, int label)
+QCoro::Task<> sleepAndRecord(Clock& clock, qint64 ms, CancellationToken token, std::shared_ptr<Log> log, int label)
 {
     const bool full = co_await clock.sleep(std::chrono::milliseconds(ms), token);
     log->emplace_back(full ? label : -label, clock.nowMs());
+}
+
+QCoro::Task<> waitCapped(TaskHandle handle, Clock& clock, std::shared_ptr<std::optional<bool>> out)
+{
+    *out = co_await handle.finished(clock, 1s);
 }
 
 } // namespace
@@ -44,63 +54,54 @@ TEST(AsyncQueueTest, MillionItemsPushedBeforeFinishArriveInOrderWithNoneDropped)
         queue->push(i);
     queue->finish();
 
-    auto out = std::make_shared<std::vector<int>>();
-    auto ended = std::make_shared<bool>(false);
-    drain(queue, {}, out, ended);
-
-    ASSERT_TRUE(*ended);
-    ASSERT_EQ(out->size(), std::size_t(count));
+    auto out = std::make_shared<Drained>();
+    drain(queue, {}, out);
+    ASSERT_TRUE(out->ended);
+    ASSERT_EQ(out->items.size(), std::size_t(count));
     for (int i = 0; i < count; ++i)
-        ASSERT_EQ((*out)[std::size_t(i)], i) << "at " << i;
+        ASSERT_EQ(out->items[std::size_t(i)], i) << "at " << i;
 }
 
 TEST(AsyncQueueTest, WaitingReaderGetsItemsInPushOrderAndEndsAtFinish)
 {
     auto queue = std::make_shared<AsyncQueue<int>>();
-    auto out = std::make_shared<std::vector<int>>();
-    auto ended = std::make_shared<bool>(false);
-    drain(queue, {}, out, ended);
-    EXPECT_TRUE(out->empty());
-
+    auto out = std::make_shared<Drained>();
+    drain(queue, {}, out);
     queue->push(1);
     queue->push(2);
-    EXPECT_EQ(*out, (std::vector<int>{1, 2}));
-    EXPECT_FALSE(*ended);
+    EXPECT_EQ(out->items, (std::vector<int>{1, 2}));
+    EXPECT_FALSE(out->ended);
 
     queue->finish();
-    EXPECT_TRUE(*ended);
+    EXPECT_TRUE(out->ended);
     queue->push(3); // nobody can read it any more
-    EXPECT_EQ(out->size(), 2u);
+    EXPECT_EQ(out->items.size(), 2u);
 }
 
 TEST(AsyncQueueTest, CancelWakesPendingReadAndLeavesLaterItemsQueued)
 {
     auto queue = std::make_shared<AsyncQueue<int>>();
-    CancellationToken token;
-    auto out = std::make_shared<std::vector<int>>();
-    auto ended = std::make_shared<bool>(false);
-    drain(queue, token, out, ended);
-    ASSERT_FALSE(*ended);
-
-    token.cancel();
-    EXPECT_TRUE(*ended);
-    EXPECT_TRUE(out->empty());
+    auto out = std::make_shared<Drained>();
+    auto reader = TaskHandle::run([&](const CancellationToken& token) { return drain(queue, token, out); });
+    queue->push(1);
+    reader.cancel();
+    EXPECT_TRUE(reader.isFinished());
+    EXPECT_TRUE(out->ended);
+    EXPECT_EQ(out->items, std::vector<int>{1});
 
     queue->push(7);
-    EXPECT_EQ(queue->bufferedCount(), 1u);
-
     // A read with an already cancelled token takes nothing; a fresh reader gets the item.
-    auto again = std::make_shared<bool>(false);
-    drain(queue, token, out, again);
-    EXPECT_TRUE(*again);
+    auto again = std::make_shared<Drained>();
+    drain(queue, *reader.token(), again);
+    EXPECT_TRUE(again->ended);
     EXPECT_EQ(queue->bufferedCount(), 1u);
 
     CancellationToken fresh;
-    auto later = std::make_shared<bool>(false);
-    drain(queue, fresh, out, later);
-    EXPECT_EQ(*out, std::vector<int>{7});
+    auto later = std::make_shared<Drained>();
+    drain(queue, fresh, later);
+    EXPECT_EQ(later->items, std::vector<int>{7});
     fresh.cancel();
-    EXPECT_TRUE(*later);
+    EXPECT_TRUE(later->ended);
 }
 
 TEST(CancellationTokenTest, CallbacksRunOnceAndDroppedRegistrationsNever)
@@ -133,10 +134,10 @@ TEST(ManualClockTest, FiresSleepersInTimeOrderIncludingThoseAddedWhileAdvancing)
 {
     ManualClock clock;
     const auto start = clock.nowMs();
-    auto log = std::make_shared<std::vector<std::pair<int, qint64>>>();
+    auto log = std::make_shared<Log>();
 
     struct Chain {
-        static QCoro::Task<> run(Clock& clock, std::shared_ptr<std::vector<std::pair<int, qint64>>> log)
+        static QCoro::Task<> run(Clock& clock, std::shared_ptr<Log> log)
         {
             co_await clock.sleep(100ms);
             log->emplace_back(1, clock.nowMs());
@@ -151,107 +152,63 @@ TEST(ManualClockTest, FiresSleepersInTimeOrderIncludingThoseAddedWhileAdvancing)
     sleepAndRecord(clock, 150, {}, log, 4); // same deadline as the chain's second sleep, created first
 
     clock.advance(200ms);
-    ASSERT_EQ(log->size(), 4u);
-    EXPECT_EQ((*log)[0], std::pair(1, start + 100));
-    EXPECT_EQ((*log)[1], std::pair(2, start + 120));
-    EXPECT_EQ((*log)[2], std::pair(4, start + 150));
-    EXPECT_EQ((*log)[3], std::pair(3, start + 150));
+    EXPECT_EQ(*log, (Log{{1, start + 100}, {2, start + 120}, {4, start + 150}, {3, start + 150}}));
     EXPECT_EQ(clock.nowMs(), start + 200);
 
     clock.advance(449ms);
     EXPECT_EQ(log->size(), 4u);
     clock.advance(1ms);
     ASSERT_EQ(log->size(), 5u);
-    EXPECT_EQ((*log)[4], std::pair(5, start + 650));
+    EXPECT_EQ(log->back(), std::pair(5, start + 650));
     EXPECT_EQ(clock.pendingTimerCount(), 0u);
 }
 
 TEST(ManualClockTest, CancelWakesPendingSleepWithFalseAndRemovesItsTimer)
 {
     ManualClock clock;
-    auto log = std::make_shared<std::vector<std::pair<int, qint64>>>();
-    CancellationToken token;
-    sleepAndRecord(clock, 30'000, token, log, 1);
+    const auto now = clock.nowMs();
+    auto log = std::make_shared<Log>();
+    auto sleeper = TaskHandle::run([&](const CancellationToken& token) {
+        return sleepAndRecord(clock, 30'000, token, log, 1);
+    });
     EXPECT_EQ(clock.pendingTimerCount(), 1u);
 
-    token.cancel();
-    ASSERT_EQ(log->size(), 1u);
-    EXPECT_EQ((*log)[0].first, -1);
-    EXPECT_EQ((*log)[0].second, clock.nowMs());
+    sleeper.cancel();
+    EXPECT_TRUE(sleeper.isFinished());
+    EXPECT_EQ(*log, (Log{{-1, now}}));
     EXPECT_EQ(clock.pendingTimerCount(), 0u);
 
-    // Already cancelled: returns false without suspending. Zero length: true at once.
-    sleepAndRecord(clock, 30'000, token, log, 2);
+    // Already cancelled: false without suspending. Zero length: true at once.
+    sleepAndRecord(clock, 30'000, *sleeper.token(), log, 2);
     sleepAndRecord(clock, 0, {}, log, 3);
-    ASSERT_EQ(log->size(), 3u);
-    EXPECT_EQ((*log)[1].first, -2);
-    EXPECT_EQ((*log)[2].first, 3);
+    EXPECT_EQ(*log, (Log{{-1, now}, {-2, now}, {3, now}}));
 }
 
 TEST(TaskHandleTest, WaitWithOneSecondCapOnManualClock)
 {
     ManualClock clock;
+    auto log = std::make_shared<Log>();
     // A task that ignores cancellation and needs 5 s.
-    struct Slow {
-        static QCoro::Task<> run(Clock& clock) { co_await clock.sleep(5s); }
-    };
-    auto handle = TaskHandle::run([&](const CancellationToken&) { return Slow::run(clock); });
-    EXPECT_FALSE(handle.isFinished());
-
+    auto slow = TaskHandle::run([&](const CancellationToken&) { return sleepAndRecord(clock, 5000, {}, log, 1); });
     auto waited = std::make_shared<std::optional<bool>>();
-    struct Waiter {
-        static QCoro::Task<> run(Clock& clock, TaskHandle handle, std::shared_ptr<std::optional<bool>> out)
-        {
-            *out = co_await handle.finished(clock, 1s);
-        }
-    };
-    handle.cancel();
-    Waiter::run(clock, handle, waited);
+    slow.cancel();
+    waitCapped(slow, clock, waited);
     clock.advance(999ms);
     EXPECT_FALSE(waited->has_value());
     clock.advance(1ms);
-    ASSERT_TRUE(waited->has_value());
-    EXPECT_FALSE(**waited);
-    EXPECT_FALSE(handle.isFinished());
+    EXPECT_EQ(*waited, std::optional(false));
+    EXPECT_FALSE(slow.isFinished());
 
     clock.advance(4s);
-    EXPECT_TRUE(handle.isFinished());
+    EXPECT_TRUE(slow.isFinished());
     EXPECT_EQ(clock.pendingTimerCount(), 0u);
 
     // A task that ends before the cap is reported finished at that moment.
-    auto quick = TaskHandle::run([&](const CancellationToken& token) {
-        return sleepAndRecord(clock, 300, token, std::make_shared<std::vector<std::pair<int, qint64>>>(), 1);
-    });
-    auto quickWaited = std::make_shared<std::optional<bool>>();
-    Waiter::run(clock, quick, quickWaited);
+    auto quick = TaskHandle::run([&](const CancellationToken& token) { return sleepAndRecord(clock, 300, token, log, 2); });
+    waitCapped(quick, clock, waited);
     clock.advance(300ms);
-    ASSERT_TRUE(quickWaited->has_value());
-    EXPECT_TRUE(**quickWaited);
+    EXPECT_EQ(*waited, std::optional(true));
     EXPECT_EQ(clock.pendingTimerCount(), 0u) << "the cap's timer must be dropped";
-}
-
-TEST(TaskHandleTest, CancelEndsTaskWaitingOnQueueAndSleep)
-{
-    ManualClock clock;
-    auto queue = std::make_shared<AsyncQueue<int>>();
-    auto out = std::make_shared<std::vector<int>>();
-    auto ended = std::make_shared<bool>(false);
-    auto reader = TaskHandle::run([&](const CancellationToken& token) { return drain(queue, token, out, ended); });
-    auto log = std::make_shared<std::vector<std::pair<int, qint64>>>();
-    auto sleeper = TaskHandle::run([&](const CancellationToken& token) {
-        return sleepAndRecord(clock, 60'000, token, log, 1);
-    });
-
-    queue->push(1);
-    reader.cancel();
-    sleeper.cancel();
-    EXPECT_TRUE(reader.isFinished());
-    EXPECT_TRUE(sleeper.isFinished());
-    EXPECT_TRUE(*ended);
-    EXPECT_EQ(*out, std::vector<int>{1});
-    ASSERT_EQ(log->size(), 1u);
-    EXPECT_EQ((*log)[0].first, -1);
-    EXPECT_TRUE(TaskHandle().isFinished());
 }
 
 TEST(TaskHandleTest, ExceptionEndsTheTaskAndIsLogged)
@@ -269,16 +226,13 @@ TEST(TaskHandleTest, ExceptionEndsTheTaskAndIsLogged)
 TEST(SystemClockTest, SleepsOnTheEventLoopAndCancelWakesEarly)
 {
     SystemClock clock;
-    struct Probe {
-        static QCoro::Task<bool> sleep(Clock& clock, std::chrono::milliseconds ms, CancellationToken token)
-        {
-            co_return co_await clock.sleep(ms, token);
-        }
-    };
-    EXPECT_TRUE(awaitTask(Probe::sleep(clock, 20ms, {})));
-
+    auto log = std::make_shared<Log>();
+    awaitTask(sleepAndRecord(clock, 20, {}, log, 1));
     CancellationToken token;
     QTimer::singleShot(10, [&] { token.cancel(); });
     // Without the cancel this would wait ten minutes and hit the test's time-out.
-    EXPECT_FALSE(awaitTask(Probe::sleep(clock, 600s, token)));
+    awaitTask(sleepAndRecord(clock, 600'000, token, log, 2));
+    ASSERT_EQ(log->size(), 2u);
+    EXPECT_EQ(log->front().first, 1);
+    EXPECT_EQ(log->back().first, -2);
 }
