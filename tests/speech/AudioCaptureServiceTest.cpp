@@ -121,52 +121,28 @@ TEST_P(AudioCaptureConversionTest, BlockBecomesOneBufferOrNone)
         EXPECT_FLOAT_EQ(buffers[0][i], param.expected[i]) << "sample " << i;
 }
 
+constexpr SampleDescription mono32{Format::float32, 1, 4, 16000};
+
 INSTANTIATE_TEST_SUITE_P(
     Formats, AudioCaptureConversionTest,
     ::testing::Values(
-        ConversionCase{"Float32Copied",
-                       bytesOf<float>({0.25f, -0.5f}),
-                       {Format::float32, 1, 4, 16000},
-                       2,
-                       {0.25f, -0.5f}},
+        ConversionCase{"Float32Copied", bytesOf<float>({0.25f, -0.5f}), mono32, 2, {0.25f, -0.5f}},
         // Frames times bytes per frame is more than the block holds: only what is there.
-        ConversionCase{"Float32ShortBlock",
-                       bytesOf<float>({0.5f}),
-                       {Format::float32, 1, 4, 16000},
-                       3,
-                       {0.5f, 0, 0}},
+        ConversionCase{"Float32ShortBlock", bytesOf<float>({0.5f}), mono32, 3, {0.5f, 0, 0}},
         // A stereo float block is cut at the buffer's size rather than overrunning it.
-        ConversionCase{"Float32Stereo",
-                       bytesOf<float>({0.1f, 0.2f, 0.3f, 0.4f}),
-                       {Format::float32, 2, 8, 16000},
-                       2,
-                       {0.1f, 0.2f}},
-        ConversionCase{"Int16",
-                       bytesOf<qint16>({32767, -32768, 16384}),
-                       {Format::int16, 1, 2, 16000},
-                       3,
+        ConversionCase{"Float32Stereo", bytesOf<float>({0.1f, 0.2f, 0.3f, 0.4f}),
+                       {Format::float32, 2, 8, 16000}, 2, {0.1f, 0.2f}},
+        ConversionCase{"Int16", bytesOf<qint16>({32767, -32768, 16384}), {Format::int16, 1, 2, 16000}, 3,
                        {1.0f, -32768.0f / 32767.0f, 16384.0f / 32767.0f}},
-        ConversionCase{"Int16FirstChannel",
-                       bytesOf<qint16>({100, -7, 200, -7}),
-                       {Format::int16, 2, 4, 16000},
-                       2,
+        ConversionCase{"Int16FirstChannel", bytesOf<qint16>({100, -7, 200, -7}), {Format::int16, 2, 4, 16000}, 2,
                        {100 / 32767.0f, 200 / 32767.0f}},
-        ConversionCase{"Int32",
-                       bytesOf<qint32>({2147483647, -2147483647 - 1, 1 << 29, 5}),
-                       {Format::int32, 2, 8, 16000},
-                       2,
-                       {1.0f, 0.25f}},
-        ConversionCase{
-            "Float64Dropped", bytesOf<double>({0.5}), {Format::float64, 1, 8, 16000}, 1, {}},
+        ConversionCase{"Int32", bytesOf<qint32>({2147483647, -2147483647 - 1, 1 << 29, 5}),
+                       {Format::int32, 2, 8, 16000}, 2, {1.0f, 0.25f}},
+        ConversionCase{"Float64Dropped", bytesOf<double>({0.5}), {Format::float64, 1, 8, 16000}, 1, {}},
         ConversionCase{"Int24Dropped", QByteArray(9, '\x10'), {Format::other, 1, 3, 16000}, 3, {}},
-        ConversionCase{
-            "ZeroSamplesDropped", bytesOf<float>({0.5f}), {Format::float32, 1, 4, 16000}, 0, {}},
+        ConversionCase{"ZeroSamplesDropped", bytesOf<float>({0.5f}), mono32, 0, {}},
         // The first channel of the last frame lies past the block's end.
-        ConversionCase{"Int16TooShortDropped",
-                       bytesOf<qint16>({1, 2, 3, 4}),
-                       {Format::int16, 2, 4, 16000},
-                       3,
-                       {}}),
+        ConversionCase{"Int16TooShortDropped", bytesOf<qint16>({1, 2, 3, 4}), {Format::int16, 2, 4, 16000}, 3, {}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // The platform delivers on a thread of its own; the buffers reach the stream on the main thread

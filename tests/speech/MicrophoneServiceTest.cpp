@@ -32,13 +32,8 @@ struct FakePlatform {
 // so that a test can tell which converter made a buffer.
 class FakeConverter final : public SampleRateConverter {
 public:
-    FakeConverter(FakePlatform* platform)
-        : m_platform(platform)
-        , m_id(++platform->converters)
-    {
-    }
-    std::optional<std::size_t> convert(std::span<const float> input,
-                                       std::span<float> output) override
+    FakeConverter(FakePlatform* platform) : m_platform(platform), m_id(++platform->converters) {}
+    std::optional<std::size_t> convert(std::span<const float> input, std::span<float> output) override
     {
         m_platform->capacities.push_back(output.size());
         if (m_platform->conversionResult)
@@ -56,10 +51,7 @@ private:
 
 class FakeMicrophoneSource final : public MicrophoneSource {
 public:
-    explicit FakeMicrophoneSource(std::shared_ptr<FakePlatform> platform)
-        : m_platform(std::move(platform))
-    {
-    }
+    explicit FakeMicrophoneSource(std::shared_ptr<FakePlatform> platform) : m_platform(std::move(platform)) {}
 
     bool isVoiceProcessingEnabled() const override { return m_voiceProcessing; }
     void setVoiceProcessingEnabled(bool enabled) override
@@ -210,12 +202,14 @@ TEST_F(MicrophoneServiceTest, StartFollowsThePlatformOrderAndReportsEachFailure)
     }
 }
 
-// A failed conversion loses its block only; the session keeps one converter throughout, and a
-// new session gets a new one.
-TEST_F(MicrophoneServiceTest, ConversionFailuresDropOneBlockAndEachSessionHasOneConverter)
+// A failed conversion loses its block only; the session keeps one converter throughout. Stop
+// ends the stream with what came before still readable, drops a block already on its way and
+// is harmless twice; a new session gets a new converter.
+TEST_F(MicrophoneServiceTest, ConversionFailuresDropOneBlockAndStopEndsTheSession)
 {
     awaitTask(service.start());
-    auto stream = service.audioStream();
+    const auto stream = service.audioStream();
+    const auto oldTap = platform->tap;
     platform->conversionResult = std::optional<std::size_t>();
     tap(4096);
     platform->conversionResult = std::optional<std::size_t>(0);
@@ -224,36 +218,23 @@ TEST_F(MicrophoneServiceTest, ConversionFailuresDropOneBlockAndEachSessionHasOne
     platform->conversionResult.reset();
     tap(4096);
     tap(4096);
-    auto buffers = drain(stream);
+    awaitTask(service.stop());
+    EXPECT_TRUE(stream->isFinished());
+    const auto buffers = drain(stream);
     ASSERT_EQ(buffers.size(), 2u);
     EXPECT_EQ(buffers[0].samples[0], 1.0f);
     EXPECT_EQ(buffers[1].samples[0], 1.0f);
-
-    awaitTask(service.stop());
-    awaitTask(service.start());
-    stream = service.audioStream();
-    tap(4096);
-    buffers = drain(stream);
-    ASSERT_EQ(buffers.size(), 1u);
-    EXPECT_EQ(buffers[0].samples[0], 2.0f);
-}
-
-TEST_F(MicrophoneServiceTest, StopEndsTheStreamAndIsHarmlessTwice)
-{
-    awaitTask(service.start());
-    const auto stream = service.audioStream();
-    const auto oldTap = platform->tap;
-    tap(4096);
-    awaitTask(service.stop());
-    EXPECT_TRUE(stream->isFinished());
-    EXPECT_EQ(drain(stream).size(), 1u) << "what came before stop is still read";
     EXPECT_EQ(platform->calls.count(u"removeTap"_s), 1);
-
-    tap(4096, oldTap); // a block already on its way when the tap went
+    tap(4096, oldTap);
     EXPECT_EQ(service.audioStream()->bufferedCount(), 0u);
-
     awaitTask(service.stop());
     EXPECT_EQ(platform->calls.count(u"stop"_s), 1) << "the second stop has no engine left";
+
+    awaitTask(service.start());
+    tap(4096);
+    const auto next = drain(service.audioStream());
+    ASSERT_EQ(next.size(), 1u);
+    EXPECT_EQ(next[0].samples[0], 2.0f);
 }
 
 // The pipeline may stop while the platform is still answering: the start it overtook ends
