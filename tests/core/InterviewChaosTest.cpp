@@ -121,23 +121,6 @@ private:
     QTimer m_wake;
 };
 
-// A started task whose end the test waits for.
-class Running {
-public:
-    explicit Running(QCoro::Task<> task) { drive(std::move(task), m_done); }
-    bool isDone() const { return *m_done; }
-
-private:
-    static QCoro::Task<> drive(QCoro::Task<> task, std::shared_ptr<bool> done)
-    {
-        co_await task;
-        *done = true;
-    }
-    std::shared_ptr<bool> m_done = std::make_shared<bool>(false);
-};
-
-
-
 // Accepts connections and never says a word: a WebSocket handshake to it never ends.
 class SilentServer : public QObject {
 public:
@@ -168,15 +151,20 @@ private:
     QTcpServer m_server;
 };
 
-QString turnInfo(const QString& event, const QString& transcript)
-{
-    const QJsonObject message{{u"type"_s, u"TurnInfo"_s}, {u"event"_s, event}, {u"transcript"_s, transcript}};
-    return QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact));
-}
-
 QByteArray json(const QJsonObject& object)
 {
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+QString turnInfo(const QString& event, const QString& transcript)
+{
+    return QString::fromUtf8(json({{u"type"_s, u"TurnInfo"_s}, {u"event"_s, event}, {u"transcript"_s, transcript}}));
+}
+
+// Spends one of the failures scripted in `budget`, if any are left.
+bool spend(int& budget)
+{
+    return budget > 0 && budget-- > 0;
 }
 
 // What one seeded interview does.
@@ -227,27 +215,19 @@ Plan makePlan(quint32 seed)
         qint64 at = between(200, 2000);
         bool joins = false;
         for (int k = 0; k < pieces; ++k) {
-            Plan::Step step;
-            step.atMs = at;
-            step.speaker = speaker;
-            step.text = u"seed %1 %2 piece %3"_s.arg(seed).arg(toText(speaker)).arg(k);
-            step.withPartial = chance(0.5);
-            step.joins = joins;
-            plan.steps.append(step);
+            // Braced lists are evaluated in order, so the draws keep theirs.
+            plan.steps.append({at, Plan::Action::say, speaker,
+                               u"seed %1 %2 piece %3"_s.arg(seed).arg(toText(speaker)).arg(k), chance(0.5), joins});
             lastMs = std::max(lastMs, at);
             joins = chance(0.5);
             at += joins ? between(800, 3000) : between(5500, 8000);
         }
     }
     const int troubles = between(1, 5);
-    for (int k = 0; k < troubles; ++k) {
-        Plan::Step step;
-        step.atMs = between(0, int(lastMs) + 2000);
-        step.action = static_cast<Plan::Action>(between(int(Plan::Action::killVendor), int(Plan::Action::trigger)));
-        step.speaker = chance(0.5) ? Speaker::interviewer : Speaker::user;
-        step.count = between(1, 4);
-        plan.steps.append(step);
-    }
+    for (int k = 0; k < troubles; ++k)
+        plan.steps.append({between(0, int(lastMs) + 2000),
+                           static_cast<Plan::Action>(between(int(Plan::Action::killVendor), int(Plan::Action::trigger))),
+                           chance(0.5) ? Speaker::interviewer : Speaker::user, {}, false, false, between(1, 4)});
     return plan;
 }
 
@@ -257,14 +237,32 @@ class InterviewChaosTest : public ::testing::Test {
 protected:
     InterviewChaosTest()
     {
-        settings.setInputLanguage(u"en-US"_s);
         settings.setOutputLanguage(u"en"_s);
         client.setAccessToken(u"access-1"_s);
-        interviewBackend->setChannelBaseURL(channelServer.baseURL());
         vm.setBackend(interviewBackend);
         vm.setLoggedIn(true);
-        scriptBackend();
         channelServer.setFrameRule([this](const FakeTranscriptChannel::Frame& frame) { return react(frame); });
+
+        backend.setRoute("GET", "/api/v1/subscription/status",
+                         FakeBackend::Response::json(200, R"({"speechProvider":"deepgram"})"));
+        backend.setHandler("POST", "/api/v1/interview/session", [this](const FakeBackend::Request&) {
+            return FakeBackend::Response::json(
+                200, json({{u"id"_s, sessionId(++sessions)}, {u"languageInput"_s, u"en-US"_s}, {u"languageOutput"_s, u"en"_s},
+                           {u"startedAt"_s, u"2024-05-01T10:00:00.000Z"_s}, {u"status"_s, u"active"_s}}));
+        });
+        backend.setHandler("GET", "/api/v1/speech/token", [this](const FakeBackend::Request&) {
+            if (spend(tokenFailures))
+                return FakeBackend::Response::json(503, "{}");
+            const QString endpoint = spend(stallingTokens) ? silentServer.address(u"ws"_s) : vendor.origin();
+            const QJsonObject token{{u"provider"_s, u"deepgram"_s},
+                                    {u"token"_s, u"speech-"_s + QString::number(++speechTokens)},
+                                    {u"endpoint"_s, endpoint}};
+            return FakeBackend::Response::json(200, json(token));
+        });
+        backend.setRoute("POST", "/api/v1/chat/answer",
+                         FakeBackend::Response::stream({"data: {\"logId\":\"log-1\"}\n", "data: {\"content\":\"Say \"}\n",
+                                                        "data: {\"content\":\"this.\"}\n", "data: [DONE]\n"}));
+        backend.setRoute("PATCH", "/api/v1/chat/log/log-1", FakeBackend::Response::json(200, "{}"));
     }
 
     InterviewViewModel::Services services()
@@ -282,39 +280,6 @@ protected:
         return s;
     }
 
-    void scriptBackend()
-    {
-        backend.setRoute("GET", "/api/v1/subscription/status",
-                         FakeBackend::Response::json(200, R"({"speechProvider":"deepgram"})"));
-        backend.setHandler("POST", "/api/v1/interview/session", [this](const FakeBackend::Request&) {
-            const QJsonObject session{{u"id"_s, sessionId(++sessions)},
-                                      {u"languageInput"_s, u"en-US"_s},
-                                      {u"languageOutput"_s, u"en"_s},
-                                      {u"startedAt"_s, u"2024-05-01T10:00:00.000Z"_s},
-                                      {u"status"_s, u"active"_s}};
-            return FakeBackend::Response::json(200, json(session));
-        });
-        backend.setHandler("GET", "/api/v1/speech/token", [this](const FakeBackend::Request&) {
-            if (tokenFailures > 0) {
-                --tokenFailures;
-                return FakeBackend::Response::json(503, "{}");
-            }
-            QString endpoint = vendor.origin();
-            if (stallingTokens > 0) {
-                --stallingTokens;
-                endpoint = silentServer.address(u"ws"_s);
-            }
-            const QJsonObject token{{u"provider"_s, u"deepgram"_s},
-                                    {u"token"_s, u"speech-"_s + QString::number(++speechTokens)},
-                                    {u"endpoint"_s, endpoint}};
-            return FakeBackend::Response::json(200, json(token));
-        });
-        backend.setRoute("POST", "/api/v1/chat/answer",
-                         FakeBackend::Response::stream({"data: {\"logId\":\"log-1\"}\n", "data: {\"content\":\"Say \"}\n",
-                                                        "data: {\"content\":\"this.\"}\n", "data: [DONE]\n"}));
-        backend.setRoute("PATCH", "/api/v1/chat/log/log-1", FakeBackend::Response::json(200, "{}"));
-    }
-
     static QString sessionId(int number) { return u"session-"_s + QString::number(number); }
 
     // The session's own routes exist before the session does: handlers are not added while
@@ -323,17 +288,11 @@ protected:
     {
         const QByteArray path = "/api/v1/interview/session/" + sessionId(number).toUtf8();
         backend.setHandler("PUT", path, [this](const FakeBackend::Request&) {
-            if (completeFailures > 0) {
-                --completeFailures;
-                return FakeBackend::Response::json(503, "{}");
-            }
-            return FakeBackend::Response::json(200, "{}");
+            return FakeBackend::Response::json(spend(completeFailures) ? 503 : 200, "{}");
         });
         backend.setHandler("POST", path + "/transcript", [this](const FakeBackend::Request& request) {
-            if (postFailures > 0) {
-                --postFailures;
+            if (spend(postFailures))
                 return FakeBackend::Response::json(502, "{}");
-            }
             const auto entries = QJsonDocument::fromJson(request.body).object().value(u"entries"_s).toArray();
             for (const auto& entry : entries) {
                 const auto line = entry.toObject();
@@ -347,7 +306,7 @@ protected:
     // Decided by the line's text and how often it came, so that a seed always does the same.
     Reaction react(const FakeTranscriptChannel::Frame& frame)
     {
-        const QString content = frame.json().value(u"content"_s).toString();
+        const QString content = frame.content();
         const int seen = ++framesSeen[content];
         if (seen > 3)
             return Reaction::ack;
@@ -452,18 +411,23 @@ protected:
     void useChannel(Plan::Channel channel)
     {
         channelServer.setRefusing(channel == Plan::Channel::refusing);
-        switch (channel) {
-        case Plan::Channel::live:
-        case Plan::Channel::refusing:
-            interviewBackend->setChannelBaseURL(channelServer.baseURL());
-            break;
-        case Plan::Channel::silent:
-            interviewBackend->setChannelBaseURL(silentServer.address(u"http"_s));
-            break;
-        case Plan::Channel::unusable:
-            interviewBackend->setChannelBaseURL(u"http://127.0.0.1:no-port"_s);
-            break;
-        }
+        interviewBackend->setChannelBaseURL(channel == Plan::Channel::silent     ? silentServer.address(u"http"_s)
+                                            : channel == Plan::Channel::unusable ? u"http://127.0.0.1:no-port"_s
+                                                                                 : channelServer.baseURL());
+    }
+
+    // Runs a start or a stop on the pump; a failure when it hangs.
+    bool finishes(QCoro::Task<> task, const char* what)
+    {
+        const auto done = std::make_shared<bool>(false);
+        [](QCoro::Task<> task, std::shared_ptr<bool> done) -> QCoro::Task<> {
+            co_await task;
+            *done = true;
+        }(std::move(task), done);
+        if (pump.until([&] { return *done; }))
+            return true;
+        ADD_FAILURE() << "the " << what << " hung";
+        return false;
     }
 
     // One interview, start to stop. Returns false when the run cannot go on.
@@ -474,9 +438,7 @@ protected:
         useChannel(plan.channel);
         channelServer.setAckRevisions(seed % 2 == 0);
         settings.setAutoTriggerAIAnswers(plan.autoTrigger);
-        tokenFailures = 0;
-        stallingTokens = 0;
-        completeFailures = 0;
+        tokenFailures = stallingTokens = completeFailures = 0;
         if (vm.pendingTranscriptUpload()) {
             pendingSeen += 1;
             postFailures = plan.failPendingRetry ? 2 : 0;
@@ -484,11 +446,8 @@ protected:
         lastSaid = {};
         prepareSessionRoutes(sessions + 1);
 
-        Running starting(vm.startInterview());
-        if (!pump.until([&] { return starting.isDone(); })) {
-            ADD_FAILURE() << "the start hung";
+        if (!finishes(vm.startInterview(), "start"))
             return false;
-        }
         postFailures = 0;
         EXPECT_TRUE(vm.isRecording());
         EXPECT_EQ(vm.pipelineState(), State::recording);
@@ -498,13 +457,8 @@ protected:
         QList<Plan::Step> steps = plan.steps;
         if (!chaos) {
             // A quiet interview: one line each.
-            for (const Speaker speaker : {Speaker::interviewer, Speaker::user}) {
-                Plan::Step step;
-                step.atMs = 500;
-                step.speaker = speaker;
-                step.text = u"quiet %1 %2"_s.arg(seed).arg(toText(speaker));
-                steps.append(step);
-            }
+            for (const Speaker speaker : {Speaker::interviewer, Speaker::user})
+                steps.append({500, Plan::Action::say, speaker, u"quiet %1 %2"_s.arg(seed).arg(toText(speaker))});
         }
         stepsLeft = int(steps.size());
         for (const auto& step : std::as_const(steps))
@@ -518,13 +472,9 @@ protected:
         // A second failed delivery would replace the one still pending, which the design gives
         // up by intent: never fail a delivery while one is pending.
         postFailures = vm.pendingTranscriptUpload() ? 0 : plan.postFailures;
-        Running stopping(vm.stopInterview());
-        if (!pump.until([&] { return stopping.isDone(); })) {
-            ADD_FAILURE() << "the stop hung";
+        if (!finishes(vm.stopInterview(), "stop"))
             return false;
-        }
-        postFailures = 0;
-        completeFailures = 0;
+        postFailures = completeFailures = 0;
         EXPECT_EQ(vm.pipelineState(), State::idle);
         EXPECT_FALSE(vm.isRecording());
         EXPECT_EQ(vm.runningTaskCount(), 0);

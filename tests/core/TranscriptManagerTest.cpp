@@ -29,104 +29,99 @@ protected:
             result.append(entry.content);
         return result;
     }
-    QStringList displayedIds() const
-    {
-        QStringList result;
-        for (const auto& entry : manager.displayedEntries())
-            result.append(entry.isFinal ? entry.content : entry.id + u":"_s + entry.content);
-        return result;
-    }
 
     ManualClock clock;
     TranscriptManager manager{clock};
     qint64 vendorTimestamp = 1'000;
 };
 
-TEST_F(TranscriptManagerTest, GapOfExactly5000MergesAnd5001Splits)
+TEST_F(TranscriptManagerTest, FinalPiecesGroupIntoLinesByGapSpeakerAndClosing)
+{
+    // A step moves the clock on by `afterMs`, then: I and U are final pieces of the interviewer
+    // and the user, i and u partials; C closes every active line, c the user's, R resets.
+    struct Step { int afterMs; char op; QString text = {}; };
+    const struct { const char* name; QList<Step> steps; QStringList lines; } cases[] = {
+        {"GapOfExactly5000MergesAnd5001Splits",
+         {{0, 'I', u"Tell me"_s}, {5000, 'I', u"about yourself."_s}, {5001, 'I', u"Next question."_s}},
+         {u"Tell me about yourself."_s, u"Next question."_s}},
+        // 5001 ms since the last final piece; the partial between does not count.
+        {"FirstPieceAfterAnyGapAndPartialsDoNotResetTheGap",
+         {{3'600'000, 'U', u"Hello"_s}, {3000, 'u', u"I am"_s}, {2001, 'U', u"I am Ada."_s}},
+         {u"Hello"_s, u"I am Ada."_s}},
+        {"SpeakersInterleaveByFirstPiece",
+         {{0, 'I', u"Q1"_s}, {0, 'u', u"ans"_s}, {0, 'U', u"A1"_s}, {0, 'u', u"more"_s}, {0, 'I', u"continued"_s}},
+         {u"Q1 continued"_s, u"A1"_s}},
+        {"ClosingStartsNewLinesWithinTheGap",
+         {{0, 'I', u"a"_s}, {0, 'U', u"b"_s}, {0, 'C'}, {0, 'I', u"c"_s}, {0, 'U', u"d"_s}, {0, 'c'},
+          {0, 'I', u"e"_s}, {0, 'U', u"f"_s}},
+         {u"a"_s, u"b"_s, u"c e"_s, u"d"_s, u"f"_s}},
+        // A reset forgets the active lines and the last final time: the next piece is the very first.
+        {"ResetStartsAfresh", {{0, 'U', u"g"_s}, {0, 'R'}, {60'000, 'U', u"h"_s}, {5000, 'U', u"i"_s}}, {u"h i"_s}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        manager.reset();
+        for (const auto& [afterMs, op, text] : c.steps) {
+            clock.advance(std::chrono::milliseconds(afterMs));
+            const auto speaker = op == 'I' || op == 'i' ? Speaker::interviewer : Speaker::user;
+            if (op == 'C' || op == 'c')
+                op == 'C' ? manager.closeAllActiveEntries() : manager.closeActiveEntry(Speaker::user);
+            else if (op == 'R')
+                manager.reset();
+            else if (op == 'I' || op == 'U')
+                commit(speaker, text);
+            else
+                partial(speaker, text);
+        }
+        EXPECT_EQ(contents(), c.lines);
+    }
+}
+
+TEST_F(TranscriptManagerTest, ALineKeepsItsIdAndFirstTimeAndTakesTheLatestConfidence)
 {
     const auto first = commit(Speaker::interviewer, u"Tell me"_s, 0.5);
     ASSERT_TRUE(first);
     EXPECT_TRUE(QRegularExpression(u"^[0-9A-F-]{36}$"_s).match(first->id).hasMatch()) << first->id.toStdString();
     EXPECT_EQ(first->timestampMs, 1'001);
+    partial(Speaker::user, u"ans"_s);
+    partial(Speaker::interviewer, u"about"_s);
 
     clock.advance(5000ms);
     const auto merged = commit(Speaker::interviewer, u"about yourself."_s);
     EXPECT_EQ(merged->id, first->id);
-    EXPECT_EQ(merged->content, u"Tell me about yourself."_s);
     EXPECT_EQ(merged->timestampMs, 1'001) << "an entry keeps the time of its first piece";
     EXPECT_FALSE(merged->confidence) << "the latest piece's confidence, absent included";
+    EXPECT_FALSE(manager.currentPartialText(Speaker::interviewer)) << "the final piece replaces the partial";
+    EXPECT_FALSE(manager.partialUpdatedAtMs(Speaker::interviewer));
+    EXPECT_EQ(manager.currentPartialText(Speaker::user), u"ans"_s) << "the other speaker's final leaves it";
 
-    clock.advance(5001ms);
-    const auto next = commit(Speaker::interviewer, u"Next question."_s, 0.9);
-    EXPECT_NE(next->id, first->id);
-    EXPECT_EQ(contents(), (QStringList{u"Tell me about yourself."_s, u"Next question."_s}));
-    EXPECT_EQ(manager.entries().last().confidence, 0.9);
-}
-
-TEST_F(TranscriptManagerTest, FirstFinalOpensAnEntryAfterAnyGapAndPartialsDoNotResetTheGap)
-{
-    clock.advance(3'600'000ms);
-    commit(Speaker::user, u"Hello"_s);
-    clock.advance(3000ms);
-    partial(Speaker::user, u"I am"_s);
-    clock.advance(2001ms); // 5001 ms since the last final piece; the partial does not count
-    commit(Speaker::user, u"I am Ada."_s);
-    EXPECT_EQ(contents(), (QStringList{u"Hello"_s, u"I am Ada."_s}));
-    EXPECT_FALSE(manager.currentPartialText(Speaker::user)) << "the final piece replaces the partial";
-    EXPECT_FALSE(manager.partialUpdatedAtMs(Speaker::user));
-}
-
-TEST_F(TranscriptManagerTest, SpeakersInterleaveByFirstFinalAndKeepTheirOwnPartials)
-{
-    commit(Speaker::interviewer, u"Q1"_s);
-    partial(Speaker::user, u"ans"_s);
-    commit(Speaker::user, u"A1"_s);
-    partial(Speaker::user, u"more"_s);
-    commit(Speaker::interviewer, u"continued"_s);
-    EXPECT_EQ(contents(), (QStringList{u"Q1 continued"_s, u"A1"_s}));
-    EXPECT_EQ(manager.currentPartialText(Speaker::user), u"more"_s) << "the other speaker's final leaves it";
+    const auto answer = commit(Speaker::user, u"Me."_s, 0.9);
+    EXPECT_NE(answer->id, first->id);
     EXPECT_EQ(manager.entries().at(0).speaker, Speaker::interviewer);
     EXPECT_EQ(manager.entries().at(1).speaker, Speaker::user);
+    EXPECT_EQ(manager.entries().at(1).confidence, 0.9);
 }
 
-TEST_F(TranscriptManagerTest, ClosingStartsNewEntriesWithinTheGapAndStaleIdsOpenNewOnes)
-{
-    commit(Speaker::interviewer, u"a"_s);
-    commit(Speaker::user, u"b"_s);
-    manager.closeAllActiveEntries();
-    EXPECT_FALSE(manager.activeEntryId(Speaker::interviewer));
-    commit(Speaker::interviewer, u"c"_s);
-    commit(Speaker::user, u"d"_s);
-    manager.closeActiveEntry(Speaker::user);
-    commit(Speaker::interviewer, u"e"_s);
-    commit(Speaker::user, u"f"_s);
-    EXPECT_EQ(contents(), (QStringList{u"a"_s, u"b"_s, u"c e"_s, u"d"_s, u"f"_s}));
-
-    // After a reset the active ids are gone too; a reset also forgets the last final time,
-    // so the first piece after it behaves as the very first.
-    commit(Speaker::user, u"g"_s);
-    manager.reset();
-    EXPECT_TRUE(manager.entries().isEmpty());
-    EXPECT_TRUE(manager.displayedEntries().isEmpty());
-    EXPECT_FALSE(manager.lastCommitTimestampMs(Speaker::user));
-    clock.advance(60s);
-    commit(Speaker::user, u"h"_s);
-    clock.advance(5000ms);
-    commit(Speaker::user, u"i"_s);
-    EXPECT_EQ(contents(), QStringList{u"h i"_s});
-}
-
-TEST_F(TranscriptManagerTest, DisplayedEntriesShowLastFiveThenNewestPartialFirst)
+TEST_F(TranscriptManagerTest, DisplayedEntriesShowLastFiveThenNewestNonEmptyPartialFirst)
 {
     for (int i = 1; i <= 6; ++i) {
         commit(i % 2 ? Speaker::interviewer : Speaker::user, u"e%1"_s.arg(i));
         manager.closeAllActiveEntries();
     }
+    partial(Speaker::interviewer, QString()); // kept, but never shown
+    EXPECT_EQ(manager.currentPartialText(Speaker::interviewer), QString());
+    EXPECT_TRUE(manager.partialUpdatedAtMs(Speaker::interviewer));
+    EXPECT_EQ(manager.displayedEntries().size(), 5);
+    EXPECT_EQ(manager.partialSummary(), QString());
+
     partial(Speaker::user, u"older"_s);
     clock.advance(10ms);
     partial(Speaker::interviewer, u"newer"_s);
-    EXPECT_EQ(displayedIds(), (QStringList{u"e2"_s, u"e3"_s, u"e4"_s, u"e5"_s, u"e6"_s,
-                                           u"partial-interviewer:newer"_s, u"partial-user:older"_s}));
+    QStringList shown;
+    for (const auto& entry : manager.displayedEntries())
+        shown.append(entry.isFinal ? entry.content : entry.id + u":"_s + entry.content);
+    EXPECT_EQ(shown, (QStringList{u"e2"_s, u"e3"_s, u"e4"_s, u"e5"_s, u"e6"_s, u"partial-interviewer:newer"_s,
+                                  u"partial-user:older"_s}));
     const auto rows = manager.displayedEntries();
     EXPECT_EQ(rows.at(5).timestampMs, clock.nowMs());
     EXPECT_FALSE(rows.at(5).confidence);
@@ -135,52 +130,35 @@ TEST_F(TranscriptManagerTest, DisplayedEntriesShowLastFiveThenNewestPartialFirst
     clock.advance(10ms);
     partial(Speaker::user, u"newest"_s);
     EXPECT_EQ(manager.partialSummary(), u"[You] newest\n[Interviewer] newer"_s);
-
-    // Same arrival time: the interviewer comes first.
     partial(Speaker::interviewer, u"tie"_s);
-    EXPECT_EQ(manager.partialSummary(), u"[Interviewer] tie\n[You] newest"_s);
+    EXPECT_EQ(manager.partialSummary(), u"[Interviewer] tie\n[You] newest"_s) << "a tie puts the interviewer first";
 }
 
-TEST_F(TranscriptManagerTest, EmptyPartialIsKeptButNeverShown)
-{
-    commit(Speaker::user, u"only"_s);
-    partial(Speaker::interviewer, QString());
-    EXPECT_EQ(manager.currentPartialText(Speaker::interviewer), QString());
-    EXPECT_TRUE(manager.partialUpdatedAtMs(Speaker::interviewer));
-    EXPECT_EQ(displayedIds(), QStringList{u"only"_s});
-    EXPECT_EQ(manager.partialSummary(), QString());
-}
-
-TEST_F(TranscriptManagerTest, LatestInterviewerTextIgnoresPartialsAndTheUser)
+TEST_F(TranscriptManagerTest, LatestInterviewerTextAndUploadFormsTakeOnlyFinalPieces)
 {
     EXPECT_FALSE(manager.latestInterviewerText());
+    EXPECT_TRUE(manager.finalEntriesForUpload().isEmpty());
     commit(Speaker::user, u"hello"_s);
     partial(Speaker::interviewer, u"So what"_s);
     EXPECT_FALSE(manager.latestInterviewerText());
 
     commit(Speaker::interviewer, u"Why us?"_s);
     commit(Speaker::user, u"Because"_s);
-    EXPECT_EQ(manager.latestInterviewerText(), u"Why us?"_s);
-    commit(Speaker::interviewer, u"Be brief."_s);
-    EXPECT_EQ(manager.latestInterviewerText(), u"Why us? Be brief."_s) << "the entry may still be growing";
-}
-
-TEST_F(TranscriptManagerTest, UploadFormsFollowTranscriptOrder)
-{
-    EXPECT_TRUE(manager.finalEntriesForUpload().isEmpty());
-    commit(Speaker::interviewer, u"q"_s, 0.75);
-    commit(Speaker::user, u"a"_s);
     partial(Speaker::user, u"not sent"_s);
+    EXPECT_EQ(manager.latestInterviewerText(), u"Why us?"_s);
+    commit(Speaker::interviewer, u"Be brief."_s, 0.75);
+    EXPECT_EQ(manager.latestInterviewerText(), u"Why us? Be brief."_s) << "the entry may still be growing";
+
     const auto forms = manager.finalEntriesForUpload();
     ASSERT_EQ(forms.size(), 2);
-    EXPECT_EQ(forms.at(0).value(u"content"_s).toString(), u"q"_s);
-    EXPECT_EQ(forms.at(0).value(u"confidence"_s).toDouble(), 0.75);
-    EXPECT_EQ(forms.at(1).value(u"speaker"_s).toString(), u"user"_s);
-    EXPECT_EQ(forms.at(1).value(u"confidence"_s).toDouble(), 0.0);
-    EXPECT_EQ(forms.at(1).value(u"id"_s).toString(), manager.entries().at(1).id);
+    EXPECT_EQ(forms.at(0).value(u"speaker"_s).toString(), u"user"_s);
+    EXPECT_EQ(forms.at(0).value(u"content"_s).toString(), u"hello Because"_s);
+    EXPECT_EQ(forms.at(0).value(u"confidence"_s).toDouble(), 0.0);
+    EXPECT_EQ(forms.at(0).value(u"id"_s).toString(), manager.entries().at(0).id);
+    EXPECT_EQ(forms.at(1).value(u"confidence"_s).toDouble(), 0.75);
 }
 
-TEST_F(TranscriptManagerTest, NotifiesObserversOfEachChangedField)
+TEST_F(TranscriptManagerTest, NotifiesObserversAndResetClearsEverything)
 {
     QSignalSpy entries(&manager, &TranscriptManager::entriesChanged);
     QSignalSpy partials(&manager, &TranscriptManager::currentPartialTextsChanged);
@@ -190,6 +168,10 @@ TEST_F(TranscriptManagerTest, NotifiesObserversOfEachChangedField)
     commit(Speaker::user, u"y"_s);
     EXPECT_EQ(entries.count(), 1);
     EXPECT_EQ(partials.count(), 2);
+    partial(Speaker::interviewer, u"z"_s);
     manager.reset();
     EXPECT_EQ(entries.count(), 2);
+    EXPECT_TRUE(manager.displayedEntries().isEmpty()) << "lines and partials alike";
+    EXPECT_FALSE(manager.lastCommitTimestampMs(Speaker::user));
+    EXPECT_FALSE(manager.activeEntryId(Speaker::user));
 }

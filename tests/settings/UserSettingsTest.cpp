@@ -19,9 +19,13 @@ protected:
     NotificationCenter notifications;
 };
 
-TEST_F(UserSettingsTest, EmptyStoreGivesEveryDefault)
+TEST_F(UserSettingsTest, MissingValuesAndValuesOfTheWrongKindGiveDefaultsNotZero)
 {
-    const auto settings = load();
+    store.setString(Keys::overlayOpacity, u"0.5"_s);
+    store.setString(Keys::autoTriggerAIAnswers, u"true"_s);
+    store.setDouble(Keys::inputLanguage, 1.0);
+    store.setBool(Keys::activeResumeId, true);
+    auto settings = load();
     EXPECT_EQ(settings->inputLanguage(), u"en-US"_s);
     EXPECT_EQ(settings->outputLanguage(), u"en-US"_s);
     EXPECT_EQ(settings->overlayOpacity(), 0.85);
@@ -30,29 +34,15 @@ TEST_F(UserSettingsTest, EmptyStoreGivesEveryDefault)
     EXPECT_TRUE(settings->sendAnonymousTelemetry());
     EXPECT_FALSE(settings->activeResumeId());
     EXPECT_FALSE(settings->activeJobDescriptionId());
-    EXPECT_FALSE(settings->isTriggerSuppressed());
-    EXPECT_EQ(settings->aiTriggerKey(), (AITriggerKey{60, true, 131072, u"Right Shift"_s}));
-    EXPECT_TRUE(store.keys().isEmpty()) << "loading writes nothing";
-}
 
-TEST_F(UserSettingsTest, StoredValuesOfTheWrongKindGiveDefaultsNotZero)
-{
-    store.setString(Keys::overlayOpacity, u"0.5"_s);
-    store.setDouble(Keys::overlayFontSize, 30.0); // no clamp here: sliders enforce ranges
-    store.setString(Keys::autoTriggerAIAnswers, u"true"_s);
-    store.setInteger(Keys::sendAnonymousTelemetry, 0);
-    store.setDouble(Keys::inputLanguage, 1.0);
-    store.setBool(Keys::activeResumeId, true);
-    const auto settings = load();
-    EXPECT_EQ(settings->overlayOpacity(), 0.85);
-    EXPECT_EQ(settings->overlayFontSize(), 30.0);
-    EXPECT_FALSE(settings->autoTriggerAIAnswers());
-    EXPECT_FALSE(settings->sendAnonymousTelemetry()) << "a stored 0 casts to false";
-    EXPECT_EQ(settings->inputLanguage(), u"en-US"_s);
-    EXPECT_FALSE(settings->activeResumeId());
-
+    // Numbers are taken as stored, with no clamp here (the sliders enforce ranges).
     store.setDouble(Keys::overlayOpacity, 5.0);
-    EXPECT_EQ(load()->overlayOpacity(), 5.0);
+    store.setDouble(Keys::overlayFontSize, 30.0);
+    store.setInteger(Keys::sendAnonymousTelemetry, 0);
+    settings = load();
+    EXPECT_EQ(settings->overlayOpacity(), 5.0);
+    EXPECT_EQ(settings->overlayFontSize(), 30.0);
+    EXPECT_FALSE(settings->sendAnonymousTelemetry()) << "a stored 0 casts to false";
 }
 
 TEST_F(UserSettingsTest, AssignmentsPersistAndNotifyOnlyOnChangeButAlwaysWrite)
@@ -90,47 +80,41 @@ TEST_F(UserSettingsTest, AssignmentsPersistAndNotifyOnlyOnChangeButAlwaysWrite)
     EXPECT_FALSE(settings.isTriggerSuppressed()) << "kept in memory only";
 }
 
-struct TriggerKeyCase {
-    const char* name;
-    std::optional<QByteArray> v2;
-    std::optional<QString> legacy;
-    AITriggerKey expected;
-};
-
-class TriggerKeyLoadingTest : public ::testing::TestWithParam<TriggerKeyCase> {};
-
-TEST_P(TriggerKeyLoadingTest, FallsBackFromV2ToLegacyToDefault)
+TEST_F(UserSettingsTest, TriggerKeyFallsBackFromV2ToLegacyToDefault)
 {
-    PreferencesStore store;
-    NotificationCenter notifications;
-    if (GetParam().v2)
-        store.setBytes(Keys::aiTriggerKey, *GetParam().v2);
-    if (GetParam().legacy)
-        store.setString(Keys::legacyAITriggerKey, *GetParam().legacy);
-    const auto keysBefore = store.keys();
-    UserSettings settings(store, notifications);
-    EXPECT_EQ(settings.aiTriggerKey(), GetParam().expected);
-    EXPECT_EQ(store.keys(), keysBefore) << "nothing is written back while loading";
+    const AITriggerKey rightShift{60, true, 131072, u"Right Shift"_s};
+    const AITriggerKey rightOption{61, true, 524288, u"Right Option"_s};
+    const AITriggerKey rightControl{62, true, 262144, u"Right Control"_s};
+    const struct {
+        const char* name;
+        std::optional<QByteArray> v2;
+        std::optional<QString> legacy;
+        AITriggerKey expected;
+    } cases[] = {
+        {"Nothing", {}, {}, rightShift},
+        {"V2", R"({"keyCode":122,"isModifier":false,"displayName":"F1"})", u"rightOption"_s,
+         AITriggerKey{122, false, std::nullopt, u"F1"_s}},
+        {"V2WithFlag", R"({"keyCode":62,"isModifier":true,"modifierFlag":262144,"displayName":"Right Control"})", {},
+         rightControl},
+        {"InvalidV2LegacyOption", "{not json", u"rightOption"_s, rightOption},
+        {"V2MissingDisplayName", R"({"keyCode":122,"isModifier":false})", u"rightOption"_s, rightOption},
+        {"V2KeyCodeOutOfRange", R"({"keyCode":70000,"isModifier":false,"displayName":"x"})", {}, rightShift},
+        {"LegacyControl", {}, u"rightControl"_s, rightControl},
+        {"LegacyCommand", {}, u"rightCommand"_s, AITriggerKey{54, true, 1048576, u"Right Command"_s}},
+        {"LegacyUnknown", {}, u"leftControl"_s, rightShift},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        PreferencesStore fresh;
+        if (c.v2)
+            fresh.setBytes(Keys::aiTriggerKey, *c.v2);
+        if (c.legacy)
+            fresh.setString(Keys::legacyAITriggerKey, *c.legacy);
+        const auto keysBefore = fresh.keys();
+        EXPECT_EQ(UserSettings(fresh, notifications).aiTriggerKey(), c.expected);
+        EXPECT_EQ(fresh.keys(), keysBefore) << "nothing is written back while loading";
+    }
 }
-
-const AITriggerKey rightShift{60, true, 131072, u"Right Shift"_s};
-const AITriggerKey rightOption{61, true, 524288, u"Right Option"_s};
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, TriggerKeyLoadingTest,
-    ::testing::Values(
-        TriggerKeyCase{"Nothing", {}, {}, rightShift},
-        TriggerKeyCase{"V2", R"({"keyCode":122,"isModifier":false,"displayName":"F1"})", u"rightOption"_s,
-                       AITriggerKey{122, false, std::nullopt, u"F1"_s}},
-        TriggerKeyCase{"V2WithFlag", R"({"keyCode":62,"isModifier":true,"modifierFlag":262144,"displayName":"Right Control"})",
-                       {}, AITriggerKey{62, true, 262144, u"Right Control"_s}},
-        TriggerKeyCase{"InvalidV2LegacyOption", "{not json", u"rightOption"_s, rightOption},
-        TriggerKeyCase{"V2MissingDisplayName", R"({"keyCode":122,"isModifier":false})", u"rightOption"_s, rightOption},
-        TriggerKeyCase{"V2KeyCodeOutOfRange", R"({"keyCode":70000,"isModifier":false,"displayName":"x"})", {}, rightShift},
-        TriggerKeyCase{"LegacyControl", {}, u"rightControl"_s, AITriggerKey{62, true, 262144, u"Right Control"_s}},
-        TriggerKeyCase{"LegacyCommand", {}, u"rightCommand"_s, AITriggerKey{54, true, 1048576, u"Right Command"_s}},
-        TriggerKeyCase{"LegacyUnknown", {}, u"leftControl"_s, rightShift}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(UserSettingsTest, AssigningTriggerKeyStoresV2AndPostsEveryTime)
 {
