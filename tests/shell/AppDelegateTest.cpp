@@ -1,15 +1,11 @@
 // The shell's wiring: the launch order, the notification handlers, sign-in and quitting,
 // against recording windows, the interview's fakes and a FakeBackend.
 
-#include "../core/InterviewHarness.h"
 #include "ShellFakes.h"
 
 #include "APIClient.h"
-#include "AppDelegate.h"
 #include "AuthTokenStore.h"
 #include "AuthViewModel.h"
-#include "FakeBackend.h"
-#include "OverlayViewModel.h"
 #include "LogCapture.h"
 #include "MenuBarViewModel.h"
 #include "SettingsViewModel.h"
@@ -19,7 +15,6 @@
 #include <QJsonObject>
 #include <QUrlQuery>
 
-#include <QTest>
 
 #include <gtest/gtest.h>
 
@@ -31,26 +26,18 @@ QString accessTokenFor(const QString& id, const QString& email)
     return u"h."_s + QString::fromLatin1(payload.toBase64()) + u".s"_s;
 }
 
-QByteArray tokenPair(const QString& access)
+// The backend's answer to a refresh or an exchange: a new pair for the given user.
+FakeBackend::Response tokenPair(const QString& id, const QString& email)
 {
-    return QJsonDocument(QJsonObject{{u"accessToken"_s, access}, {u"refreshToken"_s, u"refresh-2"_s},
-                                     {u"user"_s, QJsonObject{{u"id"_s, u"u-1"_s}, {u"email"_s, u"a@example.com"_s}}}})
-        .toJson();
+    return FakeBackend::Response::json(
+        200, QJsonDocument(QJsonObject{{u"accessToken"_s, accessTokenFor(id, email)}, {u"refreshToken"_s, u"refresh-2"_s},
+                                       {u"user"_s, QJsonObject{{u"id"_s, u"u-1"_s}, {u"email"_s, u"a@example.com"_s}}}})
+                 .toJson());
 }
 
 class AppDelegateTest : public ::testing::Test {
 protected:
-    // The overlay asks the backend for resumes when it shows; that answer must arrive before
-    // the delegate and its client go, or the coroutine waiting for it is never resumed.
-    void TearDown() override
-    {
-        if (delegate && delegate->models().overlay && delegate->models().overlay->isCheckingResumes()) {
-            EXPECT_TRUE(QTest::qWaitFor(
-                [&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
-            // The answer is on its way back: a few turns of the loop deliver it.
-            QTest::qWait(100);
-        }
-    }
+    void TearDown() override { awaitResumeCheck(delegate.get(), backend); }
 
     AppDelegateTest()
     {
@@ -62,7 +49,8 @@ protected:
     void launch(std::optional<QString> storedRefreshToken = std::nullopt)
     {
         delegate = std::make_unique<AppDelegate>(AppDelegate::Environment{
-            backend.origin(), clock, preferences, notifications, strings, windows, keys, updates, rights, keysRight,
+            backend.origin(), clock, preferences, notifications, strings, windows, keys, updates, interview.rights,
+            keysRight,
             [this, storedRefreshToken] {
                 log.add(u"make token store"_s);
                 auto store = std::make_unique<InMemoryTokenStore>();
@@ -73,17 +61,7 @@ protected:
             },
             [this] {
                 log.add(u"make interview services"_s);
-                InterviewViewModel::Services s;
-                s.audioCapture = &systemAudio;
-                s.microphone = &microphone;
-                s.rights = &rights;
-                s.makeRecognizer = [this](SpeechProvider vendor, TranscriptEntry::Speaker speaker) {
-                    auto recognizer = std::make_shared<FakeRecognizer>(vendor, speaker, gates);
-                    recognizers.append(recognizer);
-                    return recognizer;
-                };
-                s.makeTranscriptChannel = [this] { return std::make_shared<FakeTranscriptChannel>(gates); };
-                return s;
+                return interview.make();
             },
             [this](APIClient&) {
                 log.add(u"give client to interview"_s);
@@ -103,6 +81,13 @@ protected:
         });
         awaitTask(delegate->applicationDidFinishLaunching());
         settle();
+    }
+
+    // A returning user whose stored token the backend refreshes.
+    void launchSignedIn()
+    {
+        backend.setRoute("POST", "/api/v1/auth/refresh", tokenPair(u"u-9"_s, u"back@example.com"_s));
+        launch(u"refresh-1"_s);
     }
 
     void settle()
@@ -132,12 +117,8 @@ protected:
     RecordingKeyMonitors keys{log};
     RecordingUpdates updates{log};
     FixedKeysRight keysRight;
-    Gates gates;
-    FakeCapture systemAudio{u"systemAudio"_s, gates};
-    FakeCapture microphone{u"microphone"_s, gates};
-    FakeRights rights{gates};
-    QList<std::shared_ptr<FakeRecognizer>> recognizers;
-    std::shared_ptr<ScriptedBackend> interviewBackend = std::make_shared<ScriptedBackend>(clock, gates);
+    FakeInterviewServices interview;
+    std::shared_ptr<ScriptedBackend> interviewBackend = std::make_shared<ScriptedBackend>(clock, interview.gates);
     InMemoryTokenStore* tokens = nullptr;
     std::function<QString()> crashLastState;
     QList<QUrl> opened;
@@ -149,20 +130,11 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndEndsOnTheWelcomePanel)
 {
     launch();
 
-    EXPECT_EQ(log.events(), (QStringList{
-                                u"make token store"_s,
-                                u"make interview services"_s,
-                                u"give client to interview"_s,
-                                u"install crash reporter after wiring"_s,
-                                u"create menu bar item"_s,
-                                u"create overlay"_s,
-                                u"install tap"_s,
-                                u"create settings"_s,
-                                u"create welcome"_s,
-                                u"install key monitors"_s,
-                                u"start update check"_s,
-                                u"show welcome"_s,
-                            }));
+    EXPECT_EQ(log.events(),
+              (QStringList{u"make token store"_s, u"make interview services"_s, u"give client to interview"_s,
+                           u"install crash reporter after wiring"_s, u"create menu bar item"_s, u"create overlay"_s,
+                           u"install tap"_s, u"create settings"_s, u"create welcome"_s, u"install key monitors"_s,
+                           u"start update check"_s, u"show welcome"_s}));
     EXPECT_EQ(backend.totalRequests(), 0) << "no stored token, no request";
     EXPECT_TRUE(logs.lines().contains(u"[Auth] init: hasStoredTokens=false, refreshToken=false"_s));
     for (const auto& name : {Notifications::userDidLogout, Notifications::showDashboard, Notifications::toggleOverlay,
@@ -173,11 +145,9 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndEndsOnTheWelcomePanel)
     EXPECT_TRUE(telemetryEvents().contains(u"app_launched"_s));
 }
 
-TEST_F(AppDelegateTest, ReturningUserIsRestoredAndGetsTheOverlay)
+TEST_F(AppDelegateTest, ReturningUserIsRestoredAndSignOutPutsThePanelsAway)
 {
-    backend.setRoute("POST", "/api/v1/auth/refresh",
-                     FakeBackend::Response::json(200, tokenPair(accessTokenFor(u"u-9"_s, u"back@example.com"_s))));
-    launch(u"refresh-1"_s);
+    launchSignedIn();
 
     const auto tail = log.events().mid(log.events().indexOf(u"start update check"_s) + 1);
     EXPECT_EQ(tail, (QStringList{u"remove tap"_s, u"install tap"_s, u"show overlay"_s, u"overlay visible true"_s}));
@@ -185,9 +155,18 @@ TEST_F(AppDelegateTest, ReturningUserIsRestoredAndGetsTheOverlay)
     EXPECT_EQ(delegate->interviewViewModel().userEmail(), u"back@example.com"_s);
     EXPECT_EQ(updates.userId, u"u-9"_s);
     EXPECT_TRUE(telemetryEvents().contains(u"overlay_toggled"_s));
+
+    notifications.post(Notifications::showDashboard);
+    log.clear();
+    delegate->models().settingsPage->signOut();
+    settle();
+    EXPECT_EQ(log.events(), (QStringList{u"hide settings"_s, u"hide overlay"_s, u"show welcome"_s}));
+    EXPECT_FALSE(delegate->authViewModel().isLoggedIn());
+    EXPECT_EQ(tokens->item(AuthTokenStore::refreshTokenKey), std::nullopt);
 }
 
-TEST_F(AppDelegateTest, ReturningUserRefusedByTheBackendLandsOnTheWelcomePanel)
+// Refused at launch, the user is signed out everywhere: the dashboard's requests land on sign-in.
+TEST_F(AppDelegateTest, ReturningUserRefusedByTheBackendIsSignedOutEverywhere)
 {
     backend.setRoute("POST", "/api/v1/auth/refresh", FakeBackend::Response::json(401, "{}"));
     launch(u"revoked"_s);
@@ -196,11 +175,7 @@ TEST_F(AppDelegateTest, ReturningUserRefusedByTheBackendLandsOnTheWelcomePanel)
     EXPECT_FALSE(log.events().contains(u"show overlay"_s));
     EXPECT_FALSE(delegate->authViewModel().isLoggedIn());
     EXPECT_EQ(tokens->item(AuthTokenStore::refreshTokenKey), std::nullopt);
-}
 
-TEST_F(AppDelegateTest, DashboardRequestsLandOnSignInWhileSignedOut)
-{
-    launch();
     log.clear();
     notifications.post(Notifications::showDashboard);
     delegate->handleLaunchArguments({});
@@ -228,9 +203,7 @@ TEST_F(AppDelegateTest, OnlyARouteAndAnIntegerStatusAreReportedAsApiFailures)
 
 TEST_F(AppDelegateTest, QuittingDuringARecordingStopsNothing)
 {
-    backend.setRoute("POST", "/api/v1/auth/refresh",
-                     FakeBackend::Response::json(200, tokenPair(accessTokenFor(u"u-9"_s, u"back@example.com"_s))));
-    launch(u"refresh-1"_s);
+    launchSignedIn();
     awaitTask(delegate->interviewViewModel().startInterview(), 5000);
     ASSERT_TRUE(delegate->interviewViewModel().isRecording());
     EXPECT_EQ(crashLastState(), u"recording"_s);
@@ -241,16 +214,15 @@ TEST_F(AppDelegateTest, QuittingDuringARecordingStopsNothing)
 
     EXPECT_EQ(log.events(), QStringList{u"terminate"_s});
     EXPECT_TRUE(delegate->interviewViewModel().isRecording());
-    EXPECT_EQ(systemAudio.stopCount, 0);
-    EXPECT_EQ(microphone.stopCount, 0);
-    for (const auto& recognizer : recognizers)
+    EXPECT_EQ(interview.systemAudio.stopCount, 0);
+    EXPECT_EQ(interview.microphone.stopCount, 0);
+    for (const auto& recognizer : interview.recognizers)
         EXPECT_FALSE(recognizer->isStopped);
 }
 
 TEST_F(AppDelegateTest, BrowserSignInExchangesTheCodeHidesTheWelcomePanelAndShowsTheOverlay)
 {
-    backend.setRoute("POST", "/api/v1/auth/exchange",
-                     FakeBackend::Response::json(200, tokenPair(accessTokenFor(u"u-1"_s, u"a@example.com"_s))));
+    backend.setRoute("POST", "/api/v1/auth/exchange", tokenPair(u"u-1"_s, u"a@example.com"_s));
     launch();
     log.clear();
 
@@ -278,29 +250,12 @@ TEST_F(AppDelegateTest, BrowserSignInExchangesTheCodeHidesTheWelcomePanelAndShow
 
 TEST_F(AppDelegateTest, DeepLinkWithoutAPendingSignInIsExchangedWithoutAState)
 {
-    backend.setRoute("POST", "/api/v1/auth/exchange",
-                     FakeBackend::Response::json(200, tokenPair(accessTokenFor(u"u-1"_s, u"a@example.com"_s))));
+    backend.setRoute("POST", "/api/v1/auth/exchange", tokenPair(u"u-1"_s, u"a@example.com"_s));
     launch();
     delegate->openURLs({QUrl(u"ravlet://auth-callback?code=c-2"_s)});
     settle();
     EXPECT_EQ(backend.requestCount("POST", "/api/v1/auth/exchange"), 1);
     EXPECT_TRUE(delegate->authViewModel().isLoggedIn());
-}
-
-TEST_F(AppDelegateTest, SignOutPutsThePanelsAwayAndShowsTheWelcomePanel)
-{
-    backend.setRoute("POST", "/api/v1/auth/refresh",
-                     FakeBackend::Response::json(200, tokenPair(accessTokenFor(u"u-9"_s, u"back@example.com"_s))));
-    launch(u"refresh-1"_s);
-    notifications.post(Notifications::showDashboard);
-    log.clear();
-
-    delegate->models().settingsPage->signOut();
-    settle();
-
-    EXPECT_EQ(log.events(), (QStringList{u"hide settings"_s, u"hide overlay"_s, u"show welcome"_s}));
-    EXPECT_FALSE(delegate->authViewModel().isLoggedIn());
-    EXPECT_EQ(tokens->item(AuthTokenStore::refreshTokenKey), std::nullopt);
 }
 
 TEST_F(AppDelegateTest, OverlayToggleFlipsVisibilityAndTellsTheMenu)

@@ -1,11 +1,20 @@
 #pragma once
 
 // Recording stand-ins for the shell's windows, key monitors and update checks. Each records
-// what it was asked, in one shared list, so that tests can read the order of a launch.
+// what it was asked, in one shared list, so that tests can read the order of a launch. Also
+// the interview's fakes as the delegate's services, and the wait for the overlay's resume check.
 
+#include "../core/InterviewHarness.h"
+
+#include "AppDelegate.h"
+#include "FakeBackend.h"
+#include "OverlayViewModel.h"
 #include "ShellInterfaces.h"
 
 #include <QStringList>
+#include <QTest>
+
+#include <gtest/gtest.h>
 
 #include <array>
 
@@ -21,15 +30,8 @@ private:
 
 inline QString panelName(ShellWindows::Panel panel)
 {
-    switch (panel) {
-    case ShellWindows::Panel::overlay:
-        return QStringLiteral("overlay");
-    case ShellWindows::Panel::settings:
-        return QStringLiteral("settings");
-    case ShellWindows::Panel::welcome:
-        break;
-    }
-    return QStringLiteral("welcome");
+    static const QStringList names{u"overlay"_s, u"settings"_s, u"welcome"_s}; // in the enum's order
+    return names.at(static_cast<qsizetype>(panel));
 }
 
 class RecordingWindows final : public ShellWindows {
@@ -95,3 +97,37 @@ public:
     bool granted() override { return value; }
     bool value = false;
 };
+
+// The interview's capture, rights and recognisers, handed out by the delegate's factory.
+struct FakeInterviewServices {
+    InterviewViewModel::Services make()
+    {
+        InterviewViewModel::Services s;
+        s.audioCapture = &systemAudio;
+        s.microphone = &microphone;
+        s.rights = &rights;
+        s.makeRecognizer = [this](SpeechProvider vendor, TranscriptEntry::Speaker speaker) {
+            recognizers.append(std::make_shared<FakeRecognizer>(vendor, speaker, gates));
+            return recognizers.last();
+        };
+        s.makeTranscriptChannel = [this] { return std::make_shared<FakeTranscriptChannel>(gates); };
+        return s;
+    }
+
+    Gates gates;
+    FakeCapture systemAudio{u"systemAudio"_s, gates};
+    FakeCapture microphone{u"microphone"_s, gates};
+    FakeRights rights{gates};
+    QList<std::shared_ptr<FakeRecognizer>> recognizers;
+};
+
+// The overlay asks the backend for resumes when it shows; that answer must arrive before the
+// delegate and its client go, or the coroutine waiting for it is never resumed.
+inline void awaitResumeCheck(const AppDelegate* delegate, const FakeBackend& backend)
+{
+    if (!delegate || !delegate->models().overlay || !delegate->models().overlay->isCheckingResumes())
+        return;
+    EXPECT_TRUE(QTest::qWaitFor([&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
+    // The answer is on its way back: a few turns of the loop deliver it.
+    QTest::qWait(100);
+}

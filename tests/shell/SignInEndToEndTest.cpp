@@ -84,25 +84,26 @@ protected:
         }
     }
 
+    void start(QProcess& process, const QStringList& arguments = {})
+    {
+        process.setProcessEnvironment(environment);
+        process.start(QStringLiteral(RAVLET_PROGRAM_UNDER_TEST), arguments);
+    }
+
     // Runs the program once more and waits for it to end; its exit status.
     int runAgain(const QStringList& arguments)
     {
         QProcess second;
-        second.setProcessEnvironment(environment);
-        second.start(QStringLiteral(RAVLET_PROGRAM_UNDER_TEST), arguments);
-        if (!second.waitForFinished(10'000)) {
-            second.kill();
-            second.waitForFinished();
-            return -1;
-        }
-        return second.exitStatus() == QProcess::NormalExit ? second.exitCode() : -1;
+        start(second, arguments);
+        if (second.waitForFinished(10'000))
+            return second.exitStatus() == QProcess::NormalExit ? second.exitCode() : -1;
+        second.kill();
+        second.waitForFinished();
+        return -1;
     }
 
     // Waits while the FakeBackend answers: it lives on this thread's event loop.
-    static bool waitFor(const std::function<bool()>& condition, int ms = 15'000)
-    {
-        return QTest::qWaitFor(condition, ms);
-    }
+    static bool waitFor(const std::function<bool()>& condition) { return QTest::qWaitFor(condition, 15'000); }
 
     QTemporaryDir home;
     FakeBackend backend;
@@ -112,9 +113,8 @@ protected:
 
 TEST_F(SignInEndToEndTest, BrowserSignInThroughASecondStartAndTheDashboardThroughAThird)
 {
-    first.setProcessEnvironment(environment);
     first.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    first.start(QStringLiteral(RAVLET_PROGRAM_UNDER_TEST), {});
+    start(first);
     ASSERT_TRUE(first.waitForStarted());
     ASSERT_TRUE(waitFor([] { return DisplayFixture::isWindowViewable(welcomeTitle); })) << "no welcome panel";
     EXPECT_FALSE(DisplayFixture::isWindowViewable(overlayTitle));
@@ -167,16 +167,14 @@ TEST_F(SignInEndToEndTest, SocketLeftByACrashedRunIsReplaced)
     const QString socket = home.filePath(u"runtime/ravletai.socket"_s);
     {
         QProcess crashed;
-        crashed.setProcessEnvironment(environment);
-        crashed.start(QStringLiteral(RAVLET_PROGRAM_UNDER_TEST), {});
+        start(crashed);
         ASSERT_TRUE(waitFor([&] { return QFile::exists(socket); }));
         crashed.kill();
         crashed.waitForFinished(5000);
     }
     ASSERT_TRUE(QFile::exists(socket));
 
-    first.setProcessEnvironment(environment);
-    first.start(QStringLiteral(RAVLET_PROGRAM_UNDER_TEST), {});
+    start(first);
     ASSERT_TRUE(waitFor([] { return DisplayFixture::isWindowViewable(welcomeTitle); }));
     EXPECT_EQ(first.state(), QProcess::Running) << "the new start must not hand over to a dead socket";
     EXPECT_EQ(runAgain({u"--quit"_s}), 0);

@@ -1,29 +1,21 @@
 // The real windows under Xvfb: the welcome panel in three languages, its notice, the tray's
 // popup, and a right that appears while the panel is open. Screenshots go to build/screenshots.
 
-#include "../core/InterviewHarness.h"
 #include "DisplayFixture.h"
 #include "ShellFakes.h"
 
-#include "AppDelegate.h"
 #include "AuthTokenStore.h"
-#include "FakeBackend.h"
-#include "MenuBarViewModel.h"
 #include "PulseAudioRights.h"
 #include "QmlShellWindows.h"
 #include "TrayIcon.h"
 #include "WelcomeViewModel.h"
 
-#include <QDir>
 #include <QGuiApplication>
 #include <QProcess>
-#include <QQmlContext>
-#include <QQmlProperty>
 #include <QQuickItem>
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTest>
-#include "OverlayViewModel.h"
 
 #include <gtest/gtest.h>
 
@@ -35,17 +27,7 @@ using DisplayFixture::saveScreenshot;
 // The whole shell over real windows, with the interview's fakes behind it.
 class WindowsTest : public ::testing::Test {
 protected:
-    // The overlay asks the backend for resumes when it shows; that answer must arrive before
-    // the delegate and its client go, or the coroutine waiting for it is never resumed.
-    void TearDown() override
-    {
-        if (delegate && delegate->models().overlay && delegate->models().overlay->isCheckingResumes()) {
-            EXPECT_TRUE(QTest::qWaitFor(
-                [&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
-            // The answer is on its way back: a few turns of the loop deliver it.
-            QTest::qWait(100);
-        }
-    }
+    void TearDown() override { awaitResumeCheck(delegate.get(), backend); }
     void SetUp() override
     {
         if (const auto reason = DisplayFixture::skipReason())
@@ -60,25 +42,20 @@ protected:
             preferences.setBool(UserSettings::Keys::telemetryNoticeShown, true);
         delegate = std::make_unique<AppDelegate>(AppDelegate::Environment{
             backend.origin(), clock, preferences, notifications, strings, windows, keys, updates, audioRights,
-            keysRight, [] { return std::make_unique<InMemoryTokenStore>(); },
-            [this] {
-                InterviewViewModel::Services s;
-                s.audioCapture = &systemAudio;
-                s.microphone = &microphone;
-                s.rights = &fakeRights;
-                s.makeRecognizer = [this](SpeechProvider vendor, TranscriptEntry::Speaker speaker) {
-                    return std::make_shared<FakeRecognizer>(vendor, speaker, gates);
-                };
-                s.makeTranscriptChannel = [this] { return std::make_shared<FakeTranscriptChannel>(gates); };
-                return s;
-            },
-            [this](APIClient&) { return std::make_shared<ScriptedBackend>(clock, gates); },
+            keysRight, [] { return std::make_unique<InMemoryTokenStore>(); }, [this] { return interview.make(); },
+            [this](APIClient&) { return std::make_shared<ScriptedBackend>(clock, interview.gates); },
             [](TelemetryClient*, std::function<QString()>) {}, [](const QUrl&) { return true; },
             [] { return false; }, [] {}});
         awaitTask(delegate->applicationDidFinishLaunching());
         welcome = windows.quickWindow(ShellWindows::Panel::welcome);
         ASSERT_TRUE(welcome);
         ASSERT_TRUE(QTest::qWaitForWindowExposed(welcome));
+    }
+
+    // A right's row, as a screen reader names it: its label, then its state or its button.
+    QString rowName(const QString& label, const QString& state) const
+    {
+        return strings.text(label) + u": "_s + strings.text(state);
     }
 
     EventLog log;
@@ -91,10 +68,7 @@ protected:
     RecordingKeyMonitors keys{log};
     RecordingUpdates updates{log};
     FixedKeysRight keysRight;
-    Gates gates;
-    FakeCapture systemAudio{u"systemAudio"_s, gates};
-    FakeCapture microphone{u"microphone"_s, gates};
-    FakeRights fakeRights{gates};
+    FakeInterviewServices interview;
     std::unique_ptr<AppDelegate> delegate;
     QQuickWindow* welcome = nullptr;
 };
@@ -104,20 +78,17 @@ class WelcomeLanguageTest : public WindowsTest, public ::testing::WithParamInter
 TEST_P(WelcomeLanguageTest, ShowsTheWelcomePanelInTheLanguageAndItsDirection)
 {
     const QString language = QString::fromLatin1(GetParam());
-    fakeRights.systemAudio = true;
-    fakeRights.microphone = false;
+    interview.rights.systemAudio = true;
+    interview.rights.microphone = false;
     keysRight.value = true;
-    launch(language, fakeRights);
+    launch(language, interview.rights);
     ASSERT_TRUE(QTest::qWaitFor([&] { return delegate->models().welcome->screenPermission(); }, 5000));
 
     EXPECT_EQ(welcome->title(), strings.text(u"welcome.title"_s));
     EXPECT_EQ(welcome->size(), QSize(440, 570));
     EXPECT_FALSE(delegate->models().welcome->showTelemetryNotice());
-    const QString granted = strings.text(u"label.granted"_s);
-    auto* systemAudioGranted = findByAccessibleName(welcome, strings.text(u"label.screen_recording"_s) + u": "_s + granted);
-    auto* microphoneButton = findByAccessibleName(
-        welcome, strings.text(u"label.microphone"_s) + u": "_s + strings.text(u"btn.allow"_s));
-    ASSERT_TRUE(systemAudioGranted);
+    EXPECT_TRUE(findByAccessibleName(welcome, rowName(u"label.screen_recording"_s, u"label.granted"_s)));
+    auto* microphoneButton = findByAccessibleName(welcome, rowName(u"label.microphone"_s, u"btn.allow"_s));
     ASSERT_TRUE(microphoneButton);
     EXPECT_TRUE(findByAccessibleName(welcome, strings.text(u"menu.sign_in"_s)));
 
@@ -135,7 +106,7 @@ INSTANTIATE_TEST_SUITE_P(Languages, WelcomeLanguageTest, ::testing::Values("en",
 
 TEST_F(WindowsTest, TelemetryNoticeComesUntilAnsweredAndTurnOffSticks)
 {
-    launch(u"en"_s, fakeRights, false);
+    launch(u"en"_s, interview.rights, false);
     auto* turnOff = findByAccessibleName(welcome, strings.text(u"welcome.telemetry_turn_off"_s));
     ASSERT_TRUE(turnOff);
     QTest::qWait(100);
@@ -154,7 +125,7 @@ TEST_F(WindowsTest, TelemetryNoticeComesUntilAnsweredAndTurnOffSticks)
 
 TEST_F(WindowsTest, TrayPopupListsEveryRow)
 {
-    launch(u"en"_s, fakeRights);
+    launch(u"en"_s, interview.rights);
     auto* tray = windows.trayIcon();
     ASSERT_TRUE(tray);
     tray->showPopup();
@@ -183,8 +154,8 @@ TEST_F(WindowsTest, RightThatAppearsTurnsItsRowToGrantedAtTheNextPoll)
     qputenv("PULSE_SERVER", "unix:/nonexistent/ravlet-no-server");
     PulseAudioRights pulseRights(clock);
     launch(u"en"_s, pulseRights);
-    const QString rowGranted = strings.text(u"label.screen_recording"_s) + u": "_s + strings.text(u"label.granted"_s);
-    const QString rowButton = strings.text(u"label.screen_recording"_s) + u": "_s + strings.text(u"btn.open_settings"_s);
+    const QString rowGranted = rowName(u"label.screen_recording"_s, u"label.granted"_s);
+    const QString rowButton = rowName(u"label.screen_recording"_s, u"btn.open_settings"_s);
     ASSERT_TRUE(QTest::qWaitFor([&] { return clock.pendingTimerCount() > 0; }, 5000)) << "the first check never ended";
     EXPECT_TRUE(findByAccessibleName(welcome, rowButton));
 
