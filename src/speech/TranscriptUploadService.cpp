@@ -430,8 +430,12 @@ void TranscriptUploadService::acknowledge(const QString& id, int revision)
         while (!queue.empty() && queue.front() <= covered)
             queue.pop_front();
     }
-    if (line->second.acknowledged >= line->second.revision)
+    if (line->second.acknowledged >= line->second.revision) {
         m_pendingEntries.erase(id);
+        // Taken back at a reconnect, then acknowledged by a frame read after it: the server
+        // has the newest text, so it is not sent again.
+        m_bufferedEntries.removeIf([&id](const TranscriptEntry& entry) { return entry.id == id; });
+    }
 }
 
 void TranscriptUploadService::takeBackInFlight()
