@@ -3,6 +3,7 @@
 #include "PasswordHasher.h"
 
 #include <QRegularExpression>
+#include <QStringDecoder>
 #include <QUrl>
 #include <QUrlQuery>
 
@@ -65,7 +66,7 @@ int hexValue(char c)
 }
 
 // One name or value of the form: "+" is a space, "%" and two hex digits a byte, anything else
-// itself; the bytes are then read as UTF-8. Done by hand: QUrl's decoding leaves some
+// itself; the bytes are then read as UTF-8, a leading byte order mark included. Done by hand: QUrl's decoding leaves some
 // characters (U+FFFF, for one) percent-encoded, so a password holding one would not be the
 // password typed, and QByteArray's decodes "%" followed by anything.
 QString formText(QByteArrayView part)
@@ -82,7 +83,9 @@ QString formText(QByteArrayView part)
             bytes.append(c == '+' ? ' ' : c);
         }
     }
-    return QString::fromUtf8(bytes);
+    // QString::fromUtf8 would drop a leading U+FEFF, which is as much a part of a password as
+    // any other character.
+    return QStringDecoder(QStringDecoder::Utf8, QStringDecoder::Flag::ConvertInitialBom)(bytes);
 }
 
 } // namespace

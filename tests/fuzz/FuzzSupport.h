@@ -40,7 +40,15 @@ inline void check(bool holds, const char* what, const QString& detail = {})
 // or a database column would turn into something else.
 inline bool isValidUnicode(const QString& text)
 {
-    return QString::fromUtf8(text.toUtf8()) == text;
+    // Every surrogate in its pair. (A round trip through UTF-8 cannot judge: QString::fromUtf8
+    // drops a leading U+FEFF.)
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        if (text[i].isHighSurrogate() && i + 1 < text.size() && text[i + 1].isLowSurrogate())
+            ++i;
+        else if (text[i].isSurrogate())
+            return false;
+    }
+    return true;
 }
 
 // Consumes the input from the front: a byte of choices, then the rest as data.
