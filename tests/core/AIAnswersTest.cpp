@@ -29,18 +29,6 @@ void goLive(H& h, bool autoTrigger = false)
     ASSERT_TRUE(h.vm.isRecording());
 }
 
-void say(H& h, Speaker speaker, const QString& text, bool isFinal = true)
-{
-    h.recognizerOf(speaker)->say(text, isFinal, h.clock.nowMs());
-    H::settle();
-}
-
-void passTime(H& h, std::chrono::milliseconds by)
-{
-    h.clock.advance(by);
-    H::settle();
-}
-
 // When each answer request was made, relative to `originMs`.
 QList<qint64> askedAt(const ScriptedBackend& backend, qint64 originMs)
 {
@@ -63,25 +51,25 @@ TEST_F(AIAnswersTest, AutomaticAnswerComesFourSecondsAfterTheLastFinalInterviewe
 {
     goLive(h, true);
     const qint64 t0 = h.clock.nowMs();
-    say(h, Speaker::interviewer, u"Tell me"_s);
-    passTime(h, 3s);
-    say(h, Speaker::interviewer, u"about yourself"_s);
-    passTime(h, 3s);
-    say(h, Speaker::interviewer, u"please."_s);
+    h.say(Speaker::interviewer, u"Tell me"_s);
+    h.passTime(3s);
+    h.say(Speaker::interviewer, u"about yourself"_s);
+    h.passTime(3s);
+    h.say(Speaker::interviewer, u"please."_s);
     // Neither the candidate nor an unsettled interviewer piece starts or puts back the wait.
-    passTime(h, 1s);
-    say(h, Speaker::user, u"Sure."_s);
-    passTime(h, 1s);
-    say(h, Speaker::interviewer, u"and"_s, false);
-    passTime(h, 1999ms);
+    h.passTime(1s);
+    h.say(Speaker::user, u"Sure."_s);
+    h.passTime(1s);
+    h.say(Speaker::interviewer, u"and"_s, false);
+    h.passTime(1999ms);
     EXPECT_EQ(timesAsked(h), 0);
-    passTime(h, 1ms);
+    h.passTime(1ms);
     EXPECT_EQ(askedAt(*h.backend, t0), QList<qint64>{10'000});
     ASSERT_EQ(h.backend->answerRequests.size(), 1);
     EXPECT_EQ(h.backend->answerRequests[0].question, u"Tell me about yourself please."_s);
 
     // Asked once only.
-    passTime(h, 30s);
+    h.passTime(30s);
     EXPECT_EQ(timesAsked(h), 1);
     ASSERT_EQ(h.vm.aiAnswerHistory().size(), 1);
     EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"An answer."_s);
@@ -93,8 +81,8 @@ TEST_F(AIAnswersTest, FinalPieceDuringAStreamingAnswerCancelsItAndAsksAgainLater
     h.backend->answerChunks = {u"First "_s};
     goLive(h, true);
     const qint64 t0 = h.clock.nowMs();
-    say(h, Speaker::interviewer, u"What is a mutex?"_s);
-    passTime(h, 4s);
+    h.say(Speaker::interviewer, u"What is a mutex?"_s);
+    h.passTime(4s);
     ASSERT_EQ(h.backend->answerStreams.size(), 1);
     // The key cannot interrupt a streaming answer.
     EXPECT_FALSE(h.vm.canRequestAnswer());
@@ -102,9 +90,9 @@ TEST_F(AIAnswersTest, FinalPieceDuringAStreamingAnswerCancelsItAndAsksAgainLater
     EXPECT_EQ(timesAsked(h), 1);
     EXPECT_TRUE(h.vm.isGeneratingAnswer());
 
-    passTime(h, 1s);
+    h.passTime(1s);
     h.backend->answerChunks = {u"Second"_s};
-    say(h, Speaker::interviewer, u"And a semaphore?"_s);
+    h.say(Speaker::interviewer, u"And a semaphore?"_s);
     EXPECT_FALSE(h.vm.isGeneratingAnswer());
     h.backend->answerStreams[0]->push(u"too late"_s);
     H::settle();
@@ -113,9 +101,9 @@ TEST_F(AIAnswersTest, FinalPieceDuringAStreamingAnswerCancelsItAndAsksAgainLater
     // The asked entry was closed, so the new piece stands alone.
     EXPECT_EQ(h.vm.transcriptManager().entries().size(), 2);
 
-    passTime(h, 3999ms);
+    h.passTime(3999ms);
     EXPECT_EQ(timesAsked(h), 1);
-    passTime(h, 1ms);
+    h.passTime(1ms);
     EXPECT_EQ(askedAt(*h.backend, t0), (QList<qint64>{4000, 9000}));
     ASSERT_EQ(h.vm.aiAnswerHistory().size(), 2);
     EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"First "_s);
@@ -145,18 +133,18 @@ TEST_F(AIAnswersTest, RequestFailuresAreRetriedOnlyWhenRetryable)
         SCOPED_TRACE(c.name);
         H row;
         goLive(row);
-        say(row, Speaker::interviewer, u"Why should we hire you?"_s);
+        row.say(Speaker::interviewer, u"Why should we hire you?"_s);
         for (const auto& failure : c.failures)
             row.backend->streamAnswerFailures.add(failure);
         const qint64 t0 = row.clock.nowMs();
         row.vm.triggerAIAnswer();
         if (c.askedAt.size() > 1) {
-            passTime(row, 699ms);
+            row.passTime(699ms);
             EXPECT_EQ(timesAsked(row), 1);
             EXPECT_TRUE(row.vm.isGeneratingAnswer());
             EXPECT_FALSE(row.vm.lastNotice());
         }
-        passTime(row, 20s);
+        row.passTime(20s);
         EXPECT_EQ(askedAt(*row.backend, t0), c.askedAt);
         EXPECT_FALSE(row.vm.isGeneratingAnswer());
         ASSERT_EQ(row.vm.aiAnswerHistory().size(), 1);
@@ -180,13 +168,13 @@ TEST_F(AIAnswersTest, RequestFailuresAreRetriedOnlyWhenRetryable)
 TEST_F(AIAnswersTest, CancelledRetryWaitStillRetries)
 {
     goLive(h, true);
-    say(h, Speaker::interviewer, u"Walk me through your CV."_s);
+    h.say(Speaker::interviewer, u"Walk me through your CV."_s);
     h.backend->streamAnswerFailures.add(failureOf(APIError::serverError(502)));
     const qint64 t0 = h.clock.nowMs();
     h.vm.triggerAIAnswer();
-    passTime(h, 300ms);
+    h.passTime(300ms);
     // The new piece supersedes the answer in its retry wait; the retry goes out all the same.
-    say(h, Speaker::interviewer, u"Briefly."_s);
+    h.say(Speaker::interviewer, u"Briefly."_s);
     EXPECT_EQ(askedAt(*h.backend, t0), (QList<qint64>{0, 300}));
     EXPECT_FALSE(h.vm.isGeneratingAnswer());
     EXPECT_FALSE(h.vm.lastNotice());
@@ -262,26 +250,26 @@ TEST(AnswerKeyTest, DoesNothingWithoutAQuestionOrABackendSessionOrSignIn)
     const auto expectNothingAsked = [](H& h, bool canRequest) {
         EXPECT_EQ(h.vm.canRequestAnswer(), canRequest);
         h.vm.triggerAIAnswer();
-        passTime(h, 10s);
+        h.passTime(10s);
         EXPECT_EQ(timesAsked(h), 0);
         EXPECT_TRUE(h.vm.aiAnswerHistory().isEmpty());
         EXPECT_FALSE(h.vm.isGeneratingAnswer());
     };
     H onlyCandidate;
     goLive(onlyCandidate, true);
-    say(onlyCandidate, Speaker::user, u"I am ready when you are."_s);
-    say(onlyCandidate, Speaker::interviewer, u"Let us"_s, false);
+    onlyCandidate.say(Speaker::user, u"I am ready when you are."_s);
+    onlyCandidate.say(Speaker::interviewer, u"Let us"_s, false);
     expectNothingAsked(onlyCandidate, true);
 
     H local;
     local.backend->createSessionFailures.add(failureOf(APIError::serverError(500)));
     goLive(local, true);
-    say(local, Speaker::interviewer, u"Introduce yourself."_s);
+    local.say(Speaker::interviewer, u"Introduce yourself."_s);
     expectNothingAsked(local, false);
 
     H signedOut;
     goLive(signedOut, true);
-    say(signedOut, Speaker::interviewer, u"Introduce yourself."_s);
+    signedOut.say(Speaker::interviewer, u"Introduce yourself."_s);
     signedOut.vm.setLoggedIn(false);
     expectNothingAsked(signedOut, false);
 }
@@ -289,11 +277,11 @@ TEST(AnswerKeyTest, DoesNothingWithoutAQuestionOrABackendSessionOrSignIn)
 TEST_F(AIAnswersTest, TheSelectedLineOrElseTheNewestInterviewerEntryIsAsked)
 {
     goLive(h);
-    say(h, Speaker::interviewer, u"First question."_s);
-    passTime(h, 6s);
-    say(h, Speaker::interviewer, u"Second question"_s);
-    passTime(h, 1s);
-    say(h, Speaker::user, u"My reply"_s);
+    h.say(Speaker::interviewer, u"First question."_s);
+    h.passTime(6s);
+    h.say(Speaker::interviewer, u"Second question"_s);
+    h.passTime(1s);
+    h.say(Speaker::user, u"My reply"_s);
     const auto& entries = h.vm.transcriptManager().entries();
     ASSERT_EQ(entries.size(), 3);
 
@@ -305,9 +293,9 @@ TEST_F(AIAnswersTest, TheSelectedLineOrElseTheNewestInterviewerEntryIsAsked)
     ASSERT_EQ(h.backend->answerRequests.size(), 1);
     EXPECT_EQ(h.backend->answerRequests[0].question, u"First question."_s);
     EXPECT_FALSE(h.vm.selectedTranscriptIndex());
-    passTime(h, 1s);
-    say(h, Speaker::interviewer, u"goes on"_s);
-    say(h, Speaker::user, u"too"_s);
+    h.passTime(1s);
+    h.say(Speaker::interviewer, u"goes on"_s);
+    h.say(Speaker::user, u"too"_s);
     ASSERT_EQ(entries.size(), 3);
     EXPECT_EQ(entries[1].content, u"Second question goes on"_s);
     EXPECT_EQ(entries[2].content, u"My reply too"_s);
@@ -319,9 +307,9 @@ TEST_F(AIAnswersTest, TheSelectedLineOrElseTheNewestInterviewerEntryIsAsked)
     EXPECT_EQ(h.backend->answerRequests[1].question, u"Second question goes on"_s);
     ASSERT_EQ(h.vm.aiAnswerHistory().size(), 2);
     EXPECT_EQ(h.vm.aiAnswerHistory()[1].question, u"Second question goes on"_s);
-    passTime(h, 1s);
-    say(h, Speaker::interviewer, u"And the team?"_s);
-    say(h, Speaker::user, u"Also"_s);
+    h.passTime(1s);
+    h.say(Speaker::interviewer, u"And the team?"_s);
+    h.say(Speaker::user, u"Also"_s);
     ASSERT_EQ(entries.size(), 5);
     EXPECT_EQ(entries[3].content, u"And the team?"_s);
     EXPECT_EQ(entries[4].content, u"Also"_s);
@@ -334,11 +322,11 @@ TEST_F(AIAnswersTest, RequestCarriesTheLastTenEntriesTheSessionAndTheSettings)
     goLive(h);
     const auto speakerOf = [](int k) { return k % 2 ? Speaker::interviewer : Speaker::user; };
     for (int k = 1; k <= 12; ++k) {
-        say(h, speakerOf(k), u"line "_s + QString::number(k));
-        passTime(h, 5001ms);
+        h.say(speakerOf(k), u"line "_s + QString::number(k));
+        h.passTime(5001ms);
     }
-    say(h, Speaker::user, u"unfinished"_s, false);
-    say(h, Speaker::interviewer, u"also unfinished"_s, false);
+    h.say(Speaker::user, u"unfinished"_s, false);
+    h.say(Speaker::interviewer, u"also unfinished"_s, false);
     h.vm.triggerAIAnswer();
 
     QList<QJsonObject> expectedContext;
@@ -368,7 +356,7 @@ TEST_F(AIAnswersTest, StreamFillsTheEntryAndLogsTheFinishedAnswer)
     h.backend->answerChunks = {};
     h.backend->answerLogId = u"log-42"_s;
     goLive(h);
-    say(h, Speaker::interviewer, u"What is RAII?"_s);
+    h.say(Speaker::interviewer, u"What is RAII?"_s);
     h.vm.triggerAIAnswer();
     ASSERT_EQ(h.backend->answerStreams.size(), 1);
     const auto stream = h.backend->answerStreams[0];
@@ -379,9 +367,9 @@ TEST_F(AIAnswersTest, StreamFillsTheEntryAndLogsTheFinishedAnswer)
     // The latency is to the first chunk with text.
     stream->push(QString());
     H::settle();
-    passTime(h, 1500ms);
+    h.passTime(1500ms);
     stream->push(u"Resource "_s);
-    passTime(h, 200ms);
+    h.passTime(200ms);
     stream->push(u"acquisition."_s);
     H::settle();
     EXPECT_EQ(h.telemetry->events.filter(u"first_answer_received"_s), QStringList{u"first_answer_received 1500"_s});
@@ -415,7 +403,7 @@ TEST_F(AIAnswersTest, AnswerIsLoggedOnlyWithALogIdAndText)
         row.backend->answerLogId = c.logId;
         row.backend->answerChunks = c.chunks;
         goLive(row);
-        say(row, Speaker::interviewer, u"Any questions for us?"_s);
+        row.say(Speaker::interviewer, u"Any questions for us?"_s);
         row.vm.triggerAIAnswer();
         ASSERT_EQ(row.vm.aiAnswerHistory().size(), 1);
         const auto& entry = row.vm.aiAnswerHistory()[0];
@@ -432,9 +420,9 @@ TEST_F(AIAnswersTest, StreamBreakingAfterSomeChunksKeepsThePartialText)
     h.backend->finishAnswers = false;
     h.backend->answerChunks = {u"Half an "_s};
     goLive(h);
-    say(h, Speaker::interviewer, u"Explain consensus."_s);
+    h.say(Speaker::interviewer, u"Explain consensus."_s);
     h.vm.triggerAIAnswer();
-    passTime(h, 2s);
+    h.passTime(2s);
     h.backend->answerStreams[0]->fail(failureOf(APIError::networkError()));
     H::settle();
 
@@ -446,7 +434,7 @@ TEST_F(AIAnswersTest, StreamBreakingAfterSomeChunksKeepsThePartialText)
     EXPECT_EQ(h.vm.lastRecoverableErrorAtMs(), h.clock.nowMs());
     EXPECT_EQ(h.vm.pipelineState(), State::recording);
     // A broken stream is not asked again.
-    passTime(h, 10s);
+    h.passTime(10s);
     EXPECT_EQ(timesAsked(h), 1);
 }
 
@@ -455,15 +443,15 @@ TEST_F(AIAnswersTest, StreamIsReadForNinetySecondsAtMost)
     h.backend->finishAnswers = false;
     h.backend->answerChunks = {u"Start"_s};
     goLive(h);
-    say(h, Speaker::interviewer, u"Tell me everything."_s);
+    h.say(Speaker::interviewer, u"Tell me everything."_s);
     h.vm.triggerAIAnswer();
     const auto stream = h.backend->answerStreams[0];
 
-    passTime(h, 90s);
+    h.passTime(90s);
     stream->push(u" on time"_s);
     H::settle();
     EXPECT_TRUE(h.vm.isGeneratingAnswer());
-    passTime(h, 1ms);
+    h.passTime(1ms);
     stream->push(u" too late"_s);
     H::settle();
     EXPECT_FALSE(h.vm.isGeneratingAnswer());
@@ -487,7 +475,7 @@ TEST_F(AIAnswersTest, AnswerSelectionStaysInBoundsAndFollowsNewAnswers)
     EXPECT_EQ(shownAfter(-1), QString());
     EXPECT_FALSE(h.vm.selectedAnswerIndex());
 
-    say(h, Speaker::interviewer, u"One?"_s);
+    h.say(Speaker::interviewer, u"One?"_s);
     for (const auto& answer : {u"zero"_s, u"one"_s, u"two"_s}) {
         h.backend->answerChunks = {answer};
         h.vm.triggerAIAnswer();
@@ -522,11 +510,11 @@ TEST_F(AIAnswersTest, TranscriptSelectionWalksTheLastFiveFinalRows)
     EXPECT_FALSE(h.vm.selectedTranscriptIndex());
 
     for (int k = 1; k <= 7; ++k) {
-        say(h, Speaker::interviewer, u"line "_s + QString::number(k));
-        passTime(h, 5001ms);
+        h.say(Speaker::interviewer, u"line "_s + QString::number(k));
+        h.passTime(5001ms);
     }
     // A partial row is on screen but cannot be chosen.
-    say(h, Speaker::user, u"um"_s, false);
+    h.say(Speaker::user, u"um"_s, false);
     ASSERT_EQ(h.vm.transcriptManager().displayedEntries().size(), 6);
 
     const auto walk = [&](int steps, void (InterviewViewModel::*select)()) {
@@ -552,7 +540,7 @@ TEST_F(AIAnswersTest, StopEndsARunningAnswerAndKeepsItsEntry)
     h.backend->finishAnswers = false;
     h.backend->answerChunks = {u"Part"_s};
     goLive(h);
-    say(h, Speaker::interviewer, u"Last question."_s);
+    h.say(Speaker::interviewer, u"Last question."_s);
     h.vm.triggerAIAnswer();
     ASSERT_TRUE(h.vm.isGeneratingAnswer());
 
@@ -569,12 +557,12 @@ TEST_F(AIAnswersTest, StopEndsARunningAnswerAndKeepsItsEntry)
 TEST_F(AIAnswersTest, StopCancelsAPendingAutomaticAnswerAndDisablesTheKey)
 {
     goLive(h, true);
-    say(h, Speaker::interviewer, u"Thank you for your time."_s);
-    passTime(h, 2s);
+    h.say(Speaker::interviewer, u"Thank you for your time."_s);
+    h.passTime(2s);
     h.stop();
     EXPECT_FALSE(h.vm.canRequestAnswer());
     h.vm.triggerAIAnswer();
-    passTime(h, 10s);
+    h.passTime(10s);
     EXPECT_EQ(timesAsked(h), 0);
     EXPECT_TRUE(h.vm.aiAnswerHistory().isEmpty());
     EXPECT_EQ(h.vm.runningTaskCount(), 0);

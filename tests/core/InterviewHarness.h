@@ -469,6 +469,19 @@ struct InterviewHarness {
             QCoreApplication::processEvents();
     }
 
+    // A segment of the speaker's recogniser, stamped now, and what the model makes of it.
+    void say(Speaker speaker, const QString& text, bool isFinal = true)
+    {
+        recognizerOf(speaker)->say(text, isFinal, clock.nowMs());
+        settle();
+    }
+
+    void passTime(std::chrono::milliseconds by)
+    {
+        clock.advance(by);
+        settle();
+    }
+
     ManualClock clock;
     PreferencesStore preferences;
     NotificationCenter notifications;

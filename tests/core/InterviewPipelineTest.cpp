@@ -37,18 +37,6 @@ void expectNothingRunning(H& h)
     EXPECT_EQ(h.clock.pendingTimerCount(), 0u);
 }
 
-void say(H& h, Speaker speaker, const QString& text, bool isFinal = true)
-{
-    h.recognizerOf(speaker)->say(text, isFinal, h.clock.nowMs());
-    H::settle();
-}
-
-void passTime(H& h, std::chrono::milliseconds by)
-{
-    h.clock.advance(by);
-    H::settle();
-}
-
 class InterviewPipelineTest : public ::testing::Test {
 protected:
     H h;
@@ -90,9 +78,9 @@ TEST_F(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndStopTakesThemDown
     EXPECT_EQ(h.telemetry->events, QStringList{u"first_interview_started"_s});
 
     // Both channels feed the transcript and the upload channel.
-    say(h, Speaker::interviewer, u"Tell me about yourself."_s);
-    say(h, Speaker::user, u"Sure."_s);
-    say(h, Speaker::user, u"I have"_s, false);
+    h.say(Speaker::interviewer, u"Tell me about yourself."_s);
+    h.say(Speaker::user, u"Sure."_s);
+    h.say(Speaker::user, u"I have"_s, false);
     EXPECT_EQ(h.vm.transcriptManager().entries().size(), 2);
     EXPECT_EQ(h.channel()->sent.size(), 2);
     EXPECT_EQ(h.vm.transcriptManager().currentPartialText(Speaker::user), u"I have"_s);
@@ -254,7 +242,7 @@ TEST(OptionalPartsTest, AFailingOptionalPartLeavesTheInterviewRecording)
          u"[InterviewViewModel] Transcript upload WebSocket failed: channel refused"_s, true,
          [](H& h) {
              EXPECT_EQ(h.vm.transcriptUploadService(), nullptr);
-             say(h, Speaker::interviewer, u"Hello"_s);
+             h.say(Speaker::interviewer, u"Hello"_s);
              EXPECT_EQ(h.vm.transcriptManager().entries().size(), 1);
          }},
     };
@@ -397,15 +385,15 @@ TEST_F(InterviewPipelineTest, AModelDestroyedMidInterviewLeavesNothingBehind)
     vm->setLoggedIn(true);
     awaitTask(vm->startInterview());
     ASSERT_TRUE(vm->isRecording());
-    say(h, Speaker::interviewer, u"Question"_s);
-    passTime(h, 4s);
+    h.say(Speaker::interviewer, u"Question"_s);
+    h.passTime(4s);
     ASSERT_TRUE(vm->isGeneratingAnswer());
     h.recognizerOf(Speaker::user)->fail(u"socket lost"_s);
     H::settle();
     const auto calls = h.backend->calls;
 
     vm.reset();
-    passTime(h, 1min);
+    h.passTime(1min);
     // Nothing woke to fetch a token or to ask again; the cut-off answer is logged as it stands.
     EXPECT_EQ(h.backend->calls.mid(calls.size()), QStringList{u"saveAnswerLog log-1 An answer."_s});
     EXPECT_EQ(h.clock.pendingTimerCount(), 0u);
@@ -428,7 +416,7 @@ TEST_F(InterviewPipelineTest, TroubleReportedBeforeRecordingIsHandledOnceRecordi
     h.gates.release(u"microphone.start"_s);
     awaitTask(std::move(start));
     ASSERT_TRUE(h.vm.isRecording());
-    passTime(h, 500ms);
+    h.passTime(500ms);
     EXPECT_EQ(h.recognizerOf(Speaker::interviewer)->starts.size(), 2);
     EXPECT_EQ(h.telemetry->events.filter(u"stt_failed"_s).size(), 1);
     EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
@@ -440,7 +428,7 @@ TEST_F(InterviewPipelineTest, TroubleReportedBeforeRecordingIsHandledOnceRecordi
     h.stop();
     h.gates.release(u"microphone.start"_s);
     awaitTask(std::move(second));
-    passTime(h, 1s);
+    h.passTime(1s);
     EXPECT_EQ(h.backend->speechTokensIssued, tokensBefore);
     expectNothingRunning(h);
 }
@@ -457,12 +445,12 @@ TEST_F(InterviewPipelineTest, AChannelStuckInItsHandshakeHoldsNoLineBack)
     ASSERT_TRUE(h.vm.transcriptUploadService());
 
     // The pieces still merge and the automatic answer still comes on time.
-    say(h, Speaker::interviewer, u"Tell me"_s);
-    passTime(h, 1s);
-    say(h, Speaker::interviewer, u"about yourself."_s);
-    passTime(h, 3999ms);
+    h.say(Speaker::interviewer, u"Tell me"_s);
+    h.passTime(1s);
+    h.say(Speaker::interviewer, u"about yourself."_s);
+    h.passTime(3999ms);
     EXPECT_TRUE(h.backend->callsOf(u"streamAnswer"_s).isEmpty());
-    passTime(h, 1ms);
+    h.passTime(1ms);
     EXPECT_EQ(h.backend->callsOf(u"streamAnswer"_s), QStringList{u"streamAnswer Tell me about yourself."_s});
 }
 
@@ -526,7 +514,7 @@ TEST_F(InterviewPipelineTest, AStopWaitsOnlyUntilTheFirstCancelledTaskHasEnded)
     h.gates.hold(u"fetchSpeechToken"_s);
     h.recognizerOf(Speaker::interviewer)->fail(u"socket lost"_s);
     H::settle();
-    passTime(h, 500ms);
+    h.passTime(500ms);
     ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s));
 
     const qint64 before = h.clock.nowMs();
@@ -565,7 +553,7 @@ TEST_P(StopDuringStartTest, EndsIdleWithNothingRunningAndOnlyThePrescribedReques
     // A previous interview whose transcript could not be delivered, so that the start has a
     // pending upload to retry first.
     h.start();
-    say(h, Speaker::interviewer, u"Earlier question"_s);
+    h.say(Speaker::interviewer, u"Earlier question"_s);
     h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
     h.stop();
     ASSERT_TRUE(h.vm.pendingTranscriptUpload());

@@ -21,12 +21,6 @@ const QString reconnectingInBackground = u"Recording — reconnecting in backgro
 const QList<qint64> backOffSchedule{500,    2'500,  6'500,   14'500,  30'500,
                                     60'500, 90'500, 120'500, 150'500, 180'500};
 
-void passTime(InterviewHarness& h, std::chrono::milliseconds by)
-{
-    h.clock.advance(by);
-    InterviewHarness::settle();
-}
-
 // Raises a recovery event on the channel's recogniser; the model's reader task handles it.
 void fail(InterviewHarness& h, Speaker speaker, const QString& reason,
           bool countsTowardLimit = true)
@@ -110,7 +104,7 @@ TEST_F(SpeechRecoveryTest, FailingTokenFetchesFollowTheBackOffScheduleUpToTheLim
         const Mark t0 = mark(row);
         fail(row, speaker, u"socket closed"_s);
 
-        passTime(row, 195'499ms);
+        row.passTime(195'499ms);
         EXPECT_EQ(callOffsets(*row.backend, u"fetchSpeechToken"_s, t0), backOffSchedule);
         EXPECT_EQ(row.vm.restartCount(speaker), 10);
         EXPECT_EQ(row.vm.reconnectBackoffSeconds(speaker), 15);
@@ -119,7 +113,7 @@ TEST_F(SpeechRecoveryTest, FailingTokenFetchesFollowTheBackOffScheduleUpToTheLim
         // The eleventh counted event gives up on the attempt and only reschedules, every 30 s.
         for (int count = 11; count <= 13; ++count) {
             SCOPED_TRACE(count);
-            passTime(row, 1ms);
+            row.passTime(1ms);
             EXPECT_EQ(row.vm.restartCount(speaker), count);
             EXPECT_TRUE(row.vm.hasScheduledReconnect(speaker));
             EXPECT_FALSE(row.vm.isRestarting(speaker));
@@ -129,7 +123,7 @@ TEST_F(SpeechRecoveryTest, FailingTokenFetchesFollowTheBackOffScheduleUpToTheLim
                           u"Speech recognition reconnecting: Scheduled reconnect"_s);
                 EXPECT_EQ(row.vm.lastRecoverableErrorAtMs(), row.clock.nowMs());
             }
-            passTime(row, 29'999ms);
+            row.passTime(29'999ms);
             EXPECT_EQ(row.vm.restartCount(speaker), count);
         }
         EXPECT_EQ(callOffsets(*row.backend, u"fetchSpeechToken"_s, t0), backOffSchedule);
@@ -153,12 +147,12 @@ TEST_F(SpeechRecoveryTest, CountedSuccessRestartsTheSameRecognizerAndResetsTheBa
     h.backend->speechTokenFailures.add(failureOf(APIError::networkError()), 2);
     const Mark t0 = mark(h);
     fail(h, Speaker::interviewer, u"vendor closed 1011"_s);
-    passTime(h, 6'499ms);
+    h.passTime(6'499ms);
     EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 3);
     EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 2);
 
     h.gates.hold(u"fetchSpeechToken"_s);
-    passTime(h, 1ms);
+    h.passTime(1ms);
     ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s));
     EXPECT_EQ(h.vm.pipelineState(), State::reconnecting);
     EXPECT_EQ(h.vm.statusMessage(), u"Reconnecting"_s);
@@ -194,9 +188,9 @@ TEST_F(SpeechRecoveryTest, CountedSuccessRestartsTheSameRecognizerAndResetsTheBa
     h.backend->endpoint = u"wss://eu.speech.test"_s;
     const Mark t1 = mark(h);
     fail(h, Speaker::interviewer, u"again"_s);
-    passTime(h, 499ms);
+    h.passTime(499ms);
     EXPECT_TRUE(callOffsets(*h.backend, u"fetchSpeechToken"_s, t1).isEmpty());
-    passTime(h, 1ms);
+    h.passTime(1ms);
     EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t1), QList<qint64>{500});
     EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t0),
               (QList<qint64>{500, 2'500, 6'500, t1.ms - t0.ms + 500}));
@@ -222,7 +216,7 @@ TEST_F(SpeechRecoveryTest, UncountedEventRestartsAtOnceAndShowsNothing)
     // With a count and a back-off standing, an uncounted success leaves both.
     h.backend->speechTokenFailures.add(failureOf(APIError::serverError(500)));
     fail(h, Speaker::interviewer, u"dropped"_s);
-    passTime(h, 500ms);
+    h.passTime(500ms);
     ASSERT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
     ASSERT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 1);
     fail(h, Speaker::interviewer, u"token renewal"_s, false);
@@ -237,7 +231,7 @@ TEST_F(SpeechRecoveryTest, UncountedEventRestartsAtOnceAndShowsNothing)
     fail(h, Speaker::interviewer, u"token renewal"_s, false);
     EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
     EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 2);
-    passTime(h, 4s);
+    h.passTime(4s);
     EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t1), (QList<qint64>{0, 4'000}));
     EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 0);
     EXPECT_EQ(interviewer->starts.size(), 4);
@@ -247,7 +241,7 @@ TEST_F(SpeechRecoveryTest, EventDuringARestartAddsNothing)
 {
     h.gates.hold(u"fetchSpeechToken"_s);
     fail(h, Speaker::interviewer, u"first break"_s);
-    passTime(h, 500ms);
+    h.passTime(500ms);
     ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s));
     ASSERT_TRUE(h.vm.isRestarting(Speaker::interviewer));
 
@@ -298,13 +292,13 @@ TEST_F(SpeechRecoveryTest, RecognizerStartIsRetriedOnceWhenTheFailureIsRetryable
         for (const auto& failure : c.startFailures)
             recognizer->startFailures.add(failure);
         fail(row, Speaker::interviewer, u"closed"_s);
-        passTime(row, 500ms);
+        row.passTime(500ms);
         ASSERT_EQ(recognizer->starts.size(), 2);
         const bool retried = c.expectedStarts == 3;
         EXPECT_EQ(row.vm.isRestarting(Speaker::interviewer), retried);
-        passTime(row, 349ms);
+        row.passTime(349ms);
         EXPECT_EQ(recognizer->starts.size(), 2);
-        passTime(row, 1ms);
+        row.passTime(1ms);
         ASSERT_EQ(recognizer->starts.size(), c.expectedStarts);
         EXPECT_EQ(recognizer->starts.last().token, u"speech-token-3"_s);
         EXPECT_EQ(tokenFetches(row), 3);
@@ -334,7 +328,7 @@ TEST_F(SpeechRecoveryTest, FailedRestartReportsTheErrorTheNoticeAndTelemetry)
     fail(openai, Speaker::interviewer, reason);
     EXPECT_EQ(sttFailures(*openai.telemetry),
               QStringList{u"stt_failed openai "_s + reason.left(64)});
-    passTime(openai, 500ms);
+    openai.passTime(500ms);
 
     EXPECT_EQ(openai.vm.lastRecoverableError(),
               u"Speech channel reconnection failed: Server error (503)"_s);
@@ -352,7 +346,7 @@ TEST_F(SpeechRecoveryTest, UserChannelRestartsSilentlyAndKeepsItsCountAcrossInte
     VisibleChanges changes(h.vm);
     h.backend->endpoint = u"wss://eu.speech.test"_s;
     fail(h, Speaker::user, u"mic socket closed"_s);
-    passTime(h, 500ms);
+    h.passTime(500ms);
     ASSERT_EQ(user->starts.size(), 2);
     EXPECT_EQ(user->starts[1].token, u"speech-token-3"_s);
     EXPECT_EQ(user->starts[1].audio, microphoneAudio);
@@ -364,13 +358,13 @@ TEST_F(SpeechRecoveryTest, UserChannelRestartsSilentlyAndKeepsItsCountAcrossInte
 
     h.backend->speechTokenFailures.failAlways(failureOf(APIError::serverError(503)));
     fail(h, Speaker::user, u"mic socket closed"_s);
-    passTime(h, 225'500ms);
+    h.passTime(225'500ms);
     ASSERT_EQ(h.vm.restartCount(Speaker::user), 12);
 
     // The next live start resets the interviewer's count and back-off but not the candidate's,
     // whose channel therefore cannot recover in that interview.
     fail(h, Speaker::interviewer, u"interviewer socket closed"_s);
-    passTime(h, 500ms);
+    h.passTime(500ms);
     ASSERT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
     ASSERT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 1);
     h.stop();
@@ -386,7 +380,7 @@ TEST_F(SpeechRecoveryTest, UserChannelRestartsSilentlyAndKeepsItsCountAcrossInte
     const int fetchesBefore = tokenFetches(h);
     fail(h, Speaker::user, u"mic socket closed"_s);
     fail(h, Speaker::interviewer, u"interviewer socket closed"_s);
-    passTime(h, 500ms);
+    h.passTime(500ms);
     EXPECT_EQ(h.vm.restartCount(Speaker::user), 13);
     EXPECT_EQ(tokenFetches(h), fetchesBefore + 1);
     EXPECT_EQ(h.recognizerOf(Speaker::user)->starts.size(), 1);
@@ -399,7 +393,7 @@ TEST_F(SpeechRecoveryTest, EventsAfterStopAreIgnored)
     h.backend->speechTokenFailures.add(failureOf(APIError::serverError(503)));
     fail(h, Speaker::interviewer, u"socket closed"_s);
     fail(h, Speaker::user, u"mic socket closed"_s);
-    passTime(h, 500ms);
+    h.passTime(500ms);
     ASSERT_TRUE(h.vm.hasScheduledReconnect(Speaker::interviewer));
     const int fetchesBefore = tokenFetches(h);
     const auto telemetryBefore = sttFailures(*h.telemetry);
@@ -409,7 +403,7 @@ TEST_F(SpeechRecoveryTest, EventsAfterStopAreIgnored)
     EXPECT_FALSE(h.vm.hasScheduledReconnect(Speaker::user));
     awaitTask(h.vm.handleInterviewerRecovery(u"late"_s, true), 1000);
     awaitTask(h.vm.handleUserRecovery(u"late"_s, true), 1000);
-    passTime(h, 120s);
+    h.passTime(120s);
     EXPECT_EQ(tokenFetches(h), fetchesBefore);
     EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
     EXPECT_EQ(sttFailures(*h.telemetry), telemetryBefore);
@@ -443,7 +437,7 @@ TEST_F(SpeechRecoveryTest, StopDuringARestartWins)
         if (!c.gate.isEmpty())
             row.gates.hold(c.gate);
         fail(row, Speaker::interviewer, u"socket closed"_s);
-        passTime(row, c.before);
+        row.passTime(c.before);
         ASSERT_TRUE(row.vm.isRestarting(Speaker::interviewer));
 
         auto stopping = row.vm.stopInterview();
@@ -460,7 +454,7 @@ TEST_F(SpeechRecoveryTest, StopDuringARestartWins)
         EXPECT_FALSE(row.vm.hasScheduledReconnect(Speaker::interviewer));
         EXPECT_TRUE(recognizer->isStopped);
         EXPECT_FALSE(row.vm.lastNotice());
-        passTime(row, 60s);
+        row.passTime(60s);
         EXPECT_EQ(recognizer->starts.size(), c.expectedStarts);
         EXPECT_FALSE(recognizer->isRunning);
         EXPECT_EQ(row.vm.pipelineState(), State::idle);

@@ -177,10 +177,8 @@ protected:
     {
         h.start();
         for (int k = 0; k < count; ++k) {
-            h.clock.advance(6s);
-            h.recognizerOf(TranscriptEntry::Speaker::interviewer)
-                ->say(u"Question %1?"_s.arg(k + 1), true, h.clock.nowMs());
-            InterviewHarness::settle();
+            h.passTime(6s); // a line of its own
+            h.say(TranscriptEntry::Speaker::interviewer, u"Question %1?"_s.arg(k + 1));
         }
     }
 
