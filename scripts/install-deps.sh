@@ -32,6 +32,8 @@ packages=(
     # a tray on the test display, clicks on its windows, and a window manager for the tests
     # of focus
     trayer xdotool openbox
+    # the whole-product test: buttons pressed through their accessible names, and screenshots
+    python3-pyatspi at-spi2-core scrot
     # fonts for the screenshots in every language of the string tables (Latin, Arabic, CJK)
     fonts-noto-core fonts-noto-cjk
 )

@@ -20,6 +20,7 @@ Rectangle {
         Layout.fillWidth: true
         font.pixelSize: 13
         Accessible.name: text
+        Accessible.onPressAction: clicked()
         contentItem: RowLayout {
             spacing: 8
             Icon { name: parent.parent.symbol; size: 15; color: "#d0d0d5"; Layout.preferredWidth: 18 }

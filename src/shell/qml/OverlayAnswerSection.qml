@@ -25,6 +25,7 @@ Item {
         // Dimmed at either end, where it has nowhere to go.
         opacity: enabled ? 1 : 0.35
         Accessible.name: label
+        Accessible.onPressAction: clicked()
         contentItem: Icon {
             name: chevron.symbol
             size: 10
@@ -196,6 +197,7 @@ Item {
                 topPadding: 4
                 bottomPadding: 4
                 Accessible.name: section.strings.text("overlay.ai_btn")
+                Accessible.onPressAction: clicked()
                 onClicked: section.overlay.triggerAnswer()
                 contentItem: Row {
                     spacing: 4

@@ -37,6 +37,8 @@ Item {
         implicitWidth: view.iconButtonSize
         implicitHeight: view.iconButtonSize
         Accessible.name: toolTip
+        // A screen reader's press clicks (Qt Quick Controls 6.4 reports it done without one).
+        Accessible.onPressAction: clicked()
         ToolTip.visible: toolTip.length > 0 && hovered
         ToolTip.text: toolTip
         ToolTip.delay: 500
@@ -129,6 +131,7 @@ Item {
                 objectName: "startStopButton"
                 focusPolicy: Qt.NoFocus
                 Accessible.name: view.overlay.startStopText
+                Accessible.onPressAction: clicked()
                 leftPadding: 8
                 rightPadding: 8
                 topPadding: 3
@@ -210,6 +213,9 @@ Item {
             boundsBehavior: Flickable.StopAtBounds
             model: view.overlay.transcriptRows
             visible: !view.overlay.showsHint
+            // Rows are the list's children for a screen reader, not loose labels of the window.
+            Accessible.role: Accessible.List
+            Accessible.name: "Transcript"
 
             delegate: Rectangle {
                 id: row
@@ -223,6 +229,7 @@ Item {
                 opacity: rowOpacity
                 Accessible.role: Accessible.StaticText
                 Accessible.name: content
+                Accessible.selected: isSelected
 
                 RowLayout {
                     id: rowLayout

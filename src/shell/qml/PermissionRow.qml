@@ -65,6 +65,7 @@ Rectangle {
             text: row.buttonLabel
             font.pixelSize: 12
             Accessible.name: row.title + ": " + row.buttonLabel
+            Accessible.onPressAction: clicked()
             onClicked: row.action()
             // The panel is dark: a quiet outlined button, lit while pressed or hovered.
             contentItem: Label {

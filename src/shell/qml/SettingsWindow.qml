@@ -31,6 +31,7 @@ Window {
         Layout.fillWidth: true
         font.pixelSize: 13
         Accessible.name: text
+        Accessible.onPressAction: clicked()
         contentItem: RowLayout {
             spacing: 8
             Icon { name: parent.parent.symbol; size: 16; color: "#d0d0d5" }
@@ -107,6 +108,7 @@ Window {
                 Button {
                     text: window.strings.text("sidebar.signOut")
                     Accessible.name: text
+                    Accessible.onPressAction: clicked()
                     onClicked: window.settingsPage.signOut()
                 }
                 Item { Layout.fillHeight: true }

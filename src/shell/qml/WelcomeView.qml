@@ -53,6 +53,8 @@ Rectangle {
             Layout.fillWidth: true
             Layout.preferredHeight: 38
             Accessible.name: text
+            // Qt Quick Controls 6.4 reports a screen reader's press as done without clicking.
+            Accessible.onPressAction: clicked()
             onClicked: view.welcome.signIn()
             contentItem: Label {
                 text: signIn.text
@@ -193,12 +195,14 @@ Rectangle {
                     Button {
                         text: view.strings.text("welcome.telemetry_turn_off")
                         Accessible.name: text
+                        Accessible.onPressAction: clicked()
                         onClicked: view.welcome.turnOffTelemetry()
                     }
                     Button {
                         text: view.strings.text("welcome.telemetry_accept")
                         highlighted: true
                         Accessible.name: text
+                        Accessible.onPressAction: clicked()
                         onClicked: view.welcome.acceptTelemetry()
                     }
                 }

@@ -1,0 +1,305 @@
+"""The whole product on a private desktop, for the whole-product test and the benches that need
+the real program: an X display with a tray and a window manager, a D-Bus session with an
+unlocked keyring and the accessibility bus, a sound server with a null sink and a virtual
+microphone, ravlet-server on SQLite, and the program itself. Nothing here touches the user's
+own session; everything lives in one scratch folder and ends with it.
+
+The program is driven as a person would drive it: its buttons through their accessible names
+(AT-SPI, as a screen reader sees them), keys through XTEST, speech through the sound
+server (espeak-ng played into a sink)."""
+import os, shutil, socket, sqlite3, subprocess, tempfile, time, urllib.request
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+SCRIPTS = os.path.join(ROOT, "scripts")
+
+
+class Missing(Exception):
+    """A tool the run needs is not installed: the caller skips."""
+
+
+def wait_until(condition, timeout, step=0.1):
+    """The condition's first true value, or None after `timeout` seconds."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            return None
+        time.sleep(step)
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def read_state(path):
+    values = {}
+    with open(path) as f:
+        for line in f:
+            key, _, value = line.rstrip("\n").partition("=")
+            values[key] = value
+    if "MISSING" in values:
+        raise Missing(values["MISSING"] + " is not installed (scripts/install-deps.sh installs it)")
+    return values
+
+
+class Desktop:
+    """The private session. `env` is what every process of the run gets."""
+
+    def __init__(self, scratch, xtest_press):
+        self.scratch = scratch
+        self.xtest_press = xtest_press
+        self.daemons = []  # (script, state folder), stopped in reverse order
+        self.children = []
+        for tool in ("openbox", "xdotool", "scrot", "espeak-ng", "paplay", "/usr/libexec/at-spi-bus-launcher"):
+            if not shutil.which(tool):
+                raise Missing(tool + " is not installed (scripts/install-deps.sh installs it)")
+        home = os.path.join(scratch, "home")
+        self.env = dict(os.environ, HOME=home,
+                        XDG_RUNTIME_DIR=os.path.join(scratch, "runtime"),
+                        XDG_CONFIG_HOME=os.path.join(scratch, "config"),
+                        XDG_DATA_HOME=os.path.join(scratch, "data"),
+                        XDG_CACHE_HOME=os.path.join(scratch, "cache"))
+        for key in ("XDG_RUNTIME_DIR", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME"):
+            os.makedirs(self.env[key], mode=0o700, exist_ok=True)
+        os.makedirs(home, exist_ok=True)
+        for key in ("WAYLAND_DISPLAY", "XDG_CURRENT_DESKTOP", "XDG_SESSION_TYPE", "SESSION_MANAGER"):
+            self.env.pop(key, None)
+
+    def _daemon(self, script, name):
+        folder = os.path.join(self.scratch, name)
+        subprocess.run(["bash", os.path.join(SCRIPTS, script), "start", folder], check=True,
+                       stdout=subprocess.DEVNULL)
+        self.daemons.append((script, folder))
+        return read_state(os.path.join(folder, "state"))
+
+    def spawn(self, arguments, log=None, **kwargs):
+        out = open(os.path.join(self.scratch, log), "w") if log else subprocess.DEVNULL
+        child = subprocess.Popen(arguments, env=kwargs.pop("env", self.env), stdin=subprocess.DEVNULL,
+                                 stdout=kwargs.pop("stdout", out), stderr=subprocess.STDOUT, **kwargs)
+        self.children.append(child)
+        return child
+
+    def start(self):
+        display = self._daemon("test-display.sh", "display")
+        self.env["DISPLAY"] = display["DISPLAY"]
+        self.spawn(["openbox", "--sm-disable"], log="openbox.log")
+        if not wait_until(lambda: self.xprop_root("_NET_SUPPORTING_WM_CHECK"), 10):
+            raise RuntimeError("openbox did not start")
+        keyring = self._daemon("test-keyring.sh", "keyring")
+        self.env["DBUS_SESSION_BUS_ADDRESS"] = keyring["DBUS_SESSION_BUS_ADDRESS"]
+        self.spawn(["/usr/libexec/at-spi-bus-launcher", "--launch-immediately"], log="at-spi.log")
+        pulse = self._daemon("test-pulse.sh", "pulse")
+        self.env["PULSE_SERVER"] = pulse["PULSE_SERVER"]
+        self.system_sink, self.mic_sink = pulse["SYSTEM_SINK"], pulse["MIC_SINK"]
+        # The accessibility bus must answer before a client asks for it.
+        wait_until(lambda: subprocess.run(
+            ["dbus-send", "--session", "--print-reply", "--dest=org.a11y.Bus", "/org/a11y/bus",
+             "org.a11y.Bus.GetAddress"], env=self.env, capture_output=True).returncode == 0, 10)
+        # This process talks to the same buses and display from here on.
+        for key in ("DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "PULSE_SERVER"):
+            os.environ[key] = self.env[key]
+
+    def stop(self):
+        for child in reversed(self.children):
+            if child.poll() is None:
+                child.terminate()
+                try:
+                    child.wait(timeout=10)
+                except subprocess.TimeoutExpired:
+                    child.kill()
+                    child.wait()
+        for script, folder in reversed(self.daemons):
+            subprocess.run(["bash", os.path.join(SCRIPTS, script), "stop", folder],
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    # X
+
+    def xprop_root(self, atom):
+        result = subprocess.run(["xprop", "-root", atom], env=self.env, capture_output=True, text=True)
+        return result.returncode == 0 and "not found" not in result.stdout and "no such atom" not in result.stdout
+
+    def active_window(self):
+        result = subprocess.run(["xdotool", "getactivewindow"], env=self.env, capture_output=True, text=True)
+        return result.stdout.strip()
+
+    def is_viewable(self, title):
+        result = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"],
+                                env=self.env, capture_output=True, text=True)
+        return bool(result.stdout.strip())
+
+    def key(self, name):
+        """One press and release through XTEST, as a keyboard would send it."""
+        subprocess.run([self.xtest_press, name], env=self.env, check=True)
+
+    def screenshot(self, path):
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        subprocess.run(["scrot", "--overwrite", path], env=self.env, check=True,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    # Sound
+
+    def speak(self, text, sink, wait=True):
+        """espeak-ng's voice played into a sink of the sound server, as a call would play it."""
+        voice = subprocess.Popen(["espeak-ng", "-v", "en-us", "-s", "150", "--stdout", text],
+                                 stdout=subprocess.PIPE, env=self.env)
+        player = subprocess.Popen(["paplay", "--device=" + sink], stdin=voice.stdout, env=self.env)
+        voice.stdout.close()
+        if wait:
+            player.wait()
+            voice.wait()
+        return player
+
+
+class Server:
+    """ravlet-server on a free loopback port, its SQLite database in the scratch folder."""
+
+    def __init__(self, desktop, executable, extra=()):
+        self.port = free_port()
+        self.base = f"http://127.0.0.1:{self.port}"
+        self.data = os.path.join(desktop.scratch, "server-data")
+        os.makedirs(self.data, exist_ok=True)
+        self.database = os.path.join(self.data, "RavletAI", "server.sqlite")
+        env = dict(desktop.env, XDG_DATA_HOME=self.data)
+        self.process = desktop.spawn([executable, "--listen", f"127.0.0.1:{self.port}", *extra],
+                                     log="server.log", env=env)
+        if not wait_until(self._healthy, 30):
+            raise RuntimeError("ravlet-server did not start")
+
+    def _healthy(self):
+        if self.process.poll() is not None:
+            raise RuntimeError("ravlet-server ended at start")
+        try:
+            urllib.request.urlopen(self.base + "/health", timeout=1)
+            return True
+        except OSError:
+            return False
+
+    def query(self, sql, *parameters):
+        # Read-only and shared: the server keeps the database open in WAL mode.
+        with sqlite3.connect(f"file:{self.database}?mode=ro", uri=True) as db:
+            return db.execute(sql, parameters).fetchall()
+
+
+class Accessible:
+    """The program's windows as AT-SPI shows them."""
+
+    def __init__(self, application_name="RavletAI"):
+        import pyatspi  # after the session bus is known
+        self.pyatspi = pyatspi
+        self.application_name = application_name
+
+    def application(self):
+        for app in self.pyatspi.Registry.getDesktop(0):
+            if app is not None and app.name == self.application_name:
+                return app
+        return None
+
+    def frame(self, title):
+        app = self.application()
+        for frame in app or []:
+            if frame is not None and frame.name == title:
+                return frame
+        return None
+
+    def _walk(self, node):
+        for child in node:
+            if child is None:
+                continue
+            yield child
+            yield from self._walk(child)
+
+    def find(self, title, role, name):
+        """The first node of that role and name in a window, or None."""
+        frame = self.frame(title)
+        if frame is None:
+            return None
+        for node in self._walk(frame):
+            try:
+                if node.getRoleName() == role and node.name == name:
+                    return node
+            except Exception:  # a node that went away during the walk
+                continue
+        return None
+
+    def press(self, title, name, timeout=20):
+        button = wait_until(lambda: self.find(title, "push button", name), timeout)
+        if button is None:
+            raise AssertionError(f'no button "{name}" in "{title}"')
+        action = button.queryAction()
+        for i in range(action.nActions):
+            if action.getName(i) in ("press", "Press", "click"):
+                action.doAction(i)
+                return
+        action.doAction(0)
+
+    def labels(self, title):
+        """The names of every label of a window, in the order of the tree."""
+        frame = self.frame(title)
+        names = []
+        for node in self._walk(frame) if frame else []:
+            try:
+                if node.getRoleName() == "label":
+                    names.append(node.name)
+            except Exception:
+                continue
+        return names
+
+    def dump(self, title):
+        """The window's tree as text, for a failure's message."""
+        lines = []
+
+        def visit(node, depth):
+            for child in node:
+                if child is None:
+                    continue
+                try:
+                    lines.append("  " * depth + f"{child.getRoleName()} {child.name!r}")
+                except Exception:
+                    continue
+                visit(child, depth + 1)
+
+        frame = self.frame(title)
+        if frame is not None:
+            visit(frame, 0)
+        return "\n".join(lines)
+
+    def selected(self, node):
+        return node.getState().contains(self.pyatspi.STATE_SELECTED)
+
+    def has_label(self, title, name):
+        return name in self.labels(title)
+
+    def button_names(self, title):
+        frame = self.frame(title)
+        names = []
+        for node in self._walk(frame) if frame else []:
+            try:
+                if node.getRoleName() == "push button":
+                    names.append(node.name)
+            except Exception:
+                continue
+        return names
+
+
+def cpu_seconds(pid):
+    """User and system CPU time of a process so far, children excluded."""
+    with open(f"/proc/{pid}/stat") as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    ticks = os.sysconf("SC_CLK_TCK")
+    return (int(fields[11]) + int(fields[12])) / ticks
+
+
+def resident_mb(pid):
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1]) / 1024
+    return 0.0
+
+
+def make_scratch():
+    return tempfile.mkdtemp(prefix="ravlet-e2e.")

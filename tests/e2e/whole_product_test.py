@@ -1,0 +1,327 @@
+#!/usr/bin/python3
+"""The whole product as a person uses it, with nothing faked inside our own processes: the
+program and ravlet-server (offline speech and answers, SQLite), sign-in in headless Chromium,
+an interview heard through a real sound server while another program holds the focus, answers
+by the automatic trigger and by the trigger key, the arrow keys, Stop, and what the server kept.
+Screenshots of each step go to --screenshots. Exits 77 when a tool is missing."""
+import argparse, asyncio, base64, json, os, re, shutil, subprocess, sys, tempfile, threading, time
+import urllib.request
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import product  # noqa: E402
+from product import wait_until  # noqa: E402
+
+OVERLAY = "RavletAI Overlay"
+WELCOME = "Welcome to RavletAI"
+QUESTIONS = ["Tell me about a time when you solved a difficult problem at work.",
+             "Why do you want to work for our company?"]
+USER_ANSWER = "I rebuilt the billing service and the number of failed payments went down."
+
+failures = []
+
+
+def check(condition, message, detail=None):
+    """`detail` is printed only on failure: what was seen instead."""
+    print(("ok: " if condition else "FAIL: ") + message, flush=True)
+    if not condition:
+        failures.append(message)
+        if detail is not None:
+            print(detail() if callable(detail) else detail, flush=True)
+    return condition
+
+
+class Stop(Exception):
+    """A step failed that every later step needs."""
+
+
+def require(condition, message, detail=None):
+    if not check(condition, message, detail):
+        raise Stop(message)
+    return condition
+
+
+class VideoCall:
+    """The test's own X client holding the focus; it records every key that reaches it."""
+
+    def __init__(self, desktop, executable):
+        self.process = desktop.spawn([executable], stdout=subprocess.PIPE, text=True)
+        self.lines = []
+        self.window = None
+        threading.Thread(target=self._read, daemon=True).start()
+        wait_until(lambda: self.window, 10)
+
+    def _read(self):
+        for line in self.process.stdout:
+            line = line.strip()
+            if line.startswith("window "):
+                self.window = line.split()[1]
+            self.lines.append(line)
+
+    def presses(self):
+        return [line.split()[1] for line in list(self.lines) if line.startswith("press ")]
+
+
+def counter(ui):
+    """The answers' position label, "1/2", or None."""
+    return next((name for name in ui.labels(OVERLAY) if re.fullmatch(r"(\d+|–)/\d+", name)), None)
+
+
+def transcript_rows(ui, selected=False):
+    """The overlay's transcript rows, oldest first; or only the selected ones."""
+    transcript = ui.find(OVERLAY, "list", "Transcript")
+    rows = []
+    for row in transcript or []:
+        try:
+            if row is not None and row.getRoleName() == "label" and (not selected or ui.selected(row)):
+                rows.append(row.name)
+        except Exception:
+            continue
+    return rows
+
+
+def shows_draft(ui):
+    """The answer on screen is the server's offline draft."""
+    return any(name.startswith("Offline draft") for name in ui.labels(OVERLAY))
+
+
+async def create_account(chromium, login_url, shots):
+    """Opens the login address in headless Chromium, creates an account on the page and returns
+    the "ravlet" address the page sends the browser to."""
+    sys.path.insert(0, os.path.join(product.ROOT, "tests", "server"))
+    from sign_in_browser_test import DevTools
+    import websockets
+
+    with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
+        browser = subprocess.Popen([chromium, "--headless=new", "--no-sandbox", "--disable-gpu", "--no-first-run",
+                                    "--remote-debugging-port=0", f"--user-data-dir={profile}", "about:blank"],
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            port_file = os.path.join(profile, "DevToolsActivePort")
+            require(wait_until(lambda: os.path.exists(port_file) and open(port_file).read().strip(), 30),
+                    "Chromium starts")
+            port = int(open(port_file).read().split()[0])
+            targets = json.loads(urllib.request.urlopen(f"http://127.0.0.1:{port}/json/list").read())
+            page = next(t for t in targets if t["type"] == "page")
+            async with websockets.connect(page["webSocketDebuggerUrl"], max_size=None) as ws:
+                tools = DevTools(ws)
+                await tools.call("Page.enable")
+                await tools.call("Network.enable")
+                await tools.call("Emulation.setDeviceMetricsOverride", width=900, height=760, deviceScaleFactor=1,
+                                 mobile=False)
+                await tools.call("Emulation.setFocusEmulationEnabled", enabled=True)
+                await tools.call("Page.navigate", url=login_url)
+                require(await tools.wait_for(lambda e: e.get("method") == "Page.loadEventFired") is not None,
+                        "the login page loads")
+                tools.events.clear()
+                # "New here? Create an account"
+                await tools.call("Runtime.evaluate",
+                                 expression="[...document.querySelectorAll('a')].find(a => /Create an account/.test(a.textContent)).click()")
+                require(await tools.wait_for(lambda e: e.get("method") == "Page.loadEventFired") is not None,
+                        "the page to create an account loads")
+                for field, value in (("email", "candidate@example.org"), ("password", "interview-2026"),
+                                     ("confirm", "interview-2026")):
+                    await tools.call("Runtime.evaluate", expression=f"document.getElementById('{field}').focus()")
+                    await tools.call("Input.insertText", text=value)
+                data = (await tools.call("Page.captureScreenshot", format="png"))["data"]
+                with open(os.path.join(shots, "02-browser-create-account.png"), "wb") as f:
+                    f.write(base64.b64decode(data))
+                await tools.key("Enter", "Enter", 13, "\r")
+                redirect = await tools.wait_for(
+                    lambda e: e.get("method") == "Network.requestWillBeSent"
+                    and e["params"].get("redirectResponse", {}).get("status") == 303)
+                require(redirect is not None, "the form sends the browser on")
+                return redirect["params"]["request"]["url"]
+        finally:
+            browser.terminate()
+            browser.wait(timeout=10)
+
+
+def run(args, desktop):
+    shots = args.screenshots
+    shutil.rmtree(shots, ignore_errors=True)
+    os.makedirs(shots)
+    step = iter(range(1, 100))
+
+    def shot(name):
+        desktop.screenshot(os.path.join(shots, f"{next(step):02d}-{name}.png"))
+
+    desktop.start()
+    server = product.Server(desktop, args.server)
+    ui = product.Accessible()
+
+    # What the desktop hands the program: the browser, and the preferences of a user who turned
+    # the automatic trigger on.
+    opened = os.path.join(desktop.scratch, "browser-opened")
+    browser = os.path.join(desktop.scratch, "browser")
+    with open(browser, "w") as f:
+        f.write(f'#!/bin/sh\necho "$1" >>"{opened}"\n')
+    os.chmod(browser, 0o755)
+    empty = os.path.join(desktop.scratch, "empty")
+    os.makedirs(empty)
+    env = dict(desktop.env, BROWSER=browser, RAVLET_TEST_BACKEND_ORIGIN=server.base,
+               # xdg-open then hands web addresses to $BROWSER: no handler of the machine applies
+               XDG_DATA_DIRS=empty, XDG_CONFIG_DIRS=empty,
+               QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1", QT_QUICK_BACKEND="software")
+    preferences = os.path.join(desktop.env["XDG_CONFIG_HOME"], "RavletAI")
+    os.makedirs(preferences)
+    with open(os.path.join(preferences, "preferences.json"), "w") as f:
+        json.dump({"version": 1, "values": {"autoTriggerAIAnswers": {"bool": True}}}, f)
+
+    program = desktop.spawn([args.program], log="program.log", env=env)
+    require(wait_until(lambda: desktop.is_viewable(WELCOME), 30), "the welcome panel opens")
+    require(wait_until(lambda: ui.find(WELCOME, "push button", "Sign In"), 20), "its buttons are accessible")
+    shot("welcome")
+
+    # Sign in: the notice on usage data, then Sign In; the browser gets the login address.
+    ui.press(WELCOME, "OK, got it")
+    ui.press(WELCOME, "Sign In")
+    require(wait_until(lambda: os.path.exists(opened), 20), "Sign In opens the browser")
+    login_url = open(opened).read().split()[0]
+    check(login_url.startswith(server.base + "/auth/login?"), "the browser gets the login page: " + login_url)
+    chromium = shutil.which("chromium") or shutil.which("chromium-browser")
+    callback = asyncio.run(create_account(chromium, login_url, shots))
+    next(step)
+    check(callback.startswith("ravlet://auth-callback?"), "the page sends the browser to " + callback)
+    # The desktop starts the program's entry with the address; the running one takes it.
+    handed = subprocess.run([args.program, callback], env=env, capture_output=True, timeout=30)
+    check(handed.returncode == 0, "the second start hands the address over")
+    require(wait_until(lambda: desktop.is_viewable(OVERLAY), 20), "signed in, the overlay shows")
+    check(not desktop.is_viewable(WELCOME), "the welcome panel is gone")
+    check(len(server.query("SELECT id FROM users WHERE email = ?", "candidate@example.org")) == 1,
+          "the server has the new account")
+    require(wait_until(lambda: ui.has_label(OVERLAY, "AI will trigger automatically after interviewer speaks"), 10),
+            "the overlay says the automatic trigger is on")
+
+    # The video call takes the focus; the overlay never does.
+    call = VideoCall(desktop, args.video_call)
+    require(call.window is not None, "the video call's window opens")
+    require(wait_until(lambda: desktop.active_window() == call.window, 10), "the video call has the focus")
+    shot("signed-in")
+
+    ui.press(OVERLAY, "Start")
+    require(wait_until(lambda: ui.find(OVERLAY, "push button", "Stop"), 30), "Start starts the interview")
+    require(wait_until(lambda: ui.has_label(OVERLAY, "Recording live"), 30), "the overlay says it records",
+            lambda: ui.labels(OVERLAY))
+    shot("recording")
+
+    # The interviewer asks; the user answers into the microphone while the automatic answer is
+    # due 4 s after the interviewer's last words.
+    desktop.speak(QUESTIONS[0], desktop.system_sink)
+    asked = time.monotonic()
+    user = desktop.speak(USER_ANSWER, desktop.mic_sink, wait=False)
+    first = wait_until(lambda: counter(ui) == "1/1", 20)
+    check(first is not None, "the automatic trigger streams an answer (counter %s)" % counter(ui))
+    check(time.monotonic() - asked >= 3.5, "not before 4 s of the interviewer's silence (%.1f s after the question)"
+          % (time.monotonic() - asked))
+    check(wait_until(lambda: shows_draft(ui), 10), "the answer's text is on screen")
+    user.wait()
+    shot("first-answer")
+
+    # The second question comes 6 s after the first one ended; once its words are in, the user
+    # presses the trigger key.
+    time.sleep(max(0.0, asked + 6 - time.monotonic()))
+    rows_before = transcript_rows(ui)
+    desktop.speak(QUESTIONS[1], desktop.system_sink)
+    require(wait_until(lambda: transcript_rows(ui) != rows_before, 10), "the second question reaches the overlay",
+            lambda: ui.dump(OVERLAY))
+    # The recogniser's last words arrive about a second after the voice ends.
+    stable = [None, time.monotonic()]
+
+    def settled():
+        rows = transcript_rows(ui)
+        if rows != stable[0]:
+            stable[0], stable[1] = rows, time.monotonic()
+        return time.monotonic() - stable[1] > 1.2
+
+    wait_until(settled, 3)
+    pressed = time.monotonic()
+    desktop.key("Shift_R")
+    # Well before the 4 s the automatic trigger would wait after these words.
+    check(wait_until(lambda: counter(ui) == "2/2", 2) is not None, "the trigger key streams a second answer (%s)"
+          % counter(ui))
+    print("trigger key to the second answer on screen: %.2f s" % (time.monotonic() - pressed))
+    shot("second-answer")
+
+    # The arrows are the overlay's while it shows; the video call never sees them.
+    desktop.key("Left")
+    check(wait_until(lambda: counter(ui) == "1/2", 5) is not None, "Left pages back (%s)" % counter(ui))
+    shot("left-arrow")
+    desktop.key("Right")
+    check(wait_until(lambda: counter(ui) == "2/2", 5) is not None, "Right pages forward (%s)" % counter(ui))
+    desktop.key("Up")
+    newest = transcript_rows(ui)[-1:]
+    check(wait_until(lambda: transcript_rows(ui, selected=True) == newest, 5) is not None,
+          "Up picks the newest line (%s)" % transcript_rows(ui, selected=True))
+    shot("up-arrow")
+    desktop.key("Down")
+    check(wait_until(lambda: transcript_rows(ui, selected=True) == [], 5) is not None, "Down past it lets it go")
+    time.sleep(0.5)
+    presses = call.presses()
+    check(presses == ["Shift_R"], "no arrow reaches the video call: " + " ".join(presses))
+    check(desktop.active_window() == call.window, "the video call kept the focus")
+    check("focus out" not in call.lines, "the video call never lost the focus")
+
+    # Stop; the transcript the user saw is what the server keeps.
+    rows = transcript_rows(ui)
+    ui.press(OVERLAY, "Stop")
+    require(wait_until(lambda: ui.find(OVERLAY, "push button", "Start"), 30), "Stop ends the interview")
+    shot("stopped")
+    sessions = wait_until(lambda: [s for s in server.query("SELECT id, status FROM interview_sessions")
+                                   if s[1] == "completed"], 20)
+    require(sessions and len(sessions) == 1, "the server holds one completed session: %s"
+            % server.query("SELECT id, status FROM interview_sessions"))
+    session = sessions[0][0]
+    stored = [r[0] for r in server.query(
+        "SELECT content FROM transcript_lines WHERE session_id = ? ORDER BY timestamp_ms, entry_id", session)]
+    print("overlay rows:", rows)
+    print("stored lines:", stored)
+    check(len(rows) >= 3, "the overlay showed both questions and the user's answer (%d rows)" % len(rows))
+    check(stored[-len(rows):] == rows, "every line of the overlay is stored, in order, with its latest text")
+    speakers = [r[0] for r in server.query(
+        "SELECT speaker FROM transcript_lines WHERE session_id = ? ORDER BY timestamp_ms, entry_id", session)]
+    turns = [who for i, who in enumerate(speakers) if i == 0 or speakers[i - 1] != who]
+    check(turns == ["interviewer", "user", "interviewer"],
+          "the question, the user's answer and the second question are stored as spoken", speakers)
+    logs = server.query("SELECT question, answer FROM answer_logs WHERE session_id = ? ORDER BY created_at", session)
+    check(len(logs) == 2, "the server logged the two answers (%d)" % len(logs))
+    check(all(answer for _, answer in logs), "each log holds its answer")
+
+    # Quit, as the desktop entry's action does.
+    quitting = subprocess.run([args.program, "--quit"], env=env, capture_output=True, timeout=30)
+    check(quitting.returncode == 0 and program.wait(timeout=20) == 0, "Quit ends the program")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    for option in ("--program", "--server", "--video-call", "--press", "--screenshots"):
+        parser.add_argument(option, required=True)
+    args = parser.parse_args()
+    if not (shutil.which("chromium") or shutil.which("chromium-browser")):
+        print("Chromium is not installed (scripts/install-deps.sh installs it): skipped")
+        return 77
+    scratch = product.make_scratch()
+    desktop = None
+    try:
+        desktop = product.Desktop(scratch, args.press)
+        run(args, desktop)
+    except product.Missing as missing:
+        print(missing, ": skipped")
+        return 77
+    except Stop:
+        pass
+    finally:
+        if desktop:
+            desktop.stop()
+        if failures:
+            for log in ("program.log", "server.log"):
+                path = os.path.join(scratch, log)
+                if os.path.exists(path):
+                    print(f"--- {log} (last 60 lines)")
+                    print("".join(open(path, errors="replace").readlines()[-60:]))
+        shutil.rmtree(scratch, ignore_errors=True)
+    print("failures:", len(failures))
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
