@@ -7,7 +7,8 @@ own session; everything lives in one scratch folder and ends with it.
 The program is driven as a person would drive it: its buttons through their accessible names
 (AT-SPI, as a screen reader sees them), keys through XTEST, speech through the sound
 server (espeak-ng played into a sink)."""
-import os, shutil, socket, sqlite3, subprocess, tempfile, time, urllib.request
+import http.cookiejar, json, os, re, shutil, socket, sqlite3, subprocess, tempfile, time
+import urllib.error, urllib.parse, urllib.request
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 SCRIPTS = os.path.join(ROOT, "scripts")
@@ -182,6 +183,65 @@ class Server:
         # Read-only and shared: the server keeps the database open in WAL mode.
         with sqlite3.connect(f"file:{self.database}?mode=ro", uri=True) as db:
             return db.execute(sql, parameters).fetchall()
+
+
+class Program:
+    """The program as the desktop starts it, pointed at `server`. Its browser records the
+    addresses it is given in `opened`."""
+
+    def __init__(self, desktop, executable, server, preferences=None):
+        self.desktop, self.executable = desktop, executable
+        self.opened = os.path.join(desktop.scratch, "browser-opened")
+        browser = os.path.join(desktop.scratch, "browser")
+        with open(browser, "w") as f:
+            f.write(f'#!/bin/sh\necho "$1" >>"{self.opened}"\n')
+        os.chmod(browser, 0o755)
+        empty = os.path.join(desktop.scratch, "empty")
+        os.makedirs(empty, exist_ok=True)
+        self.env = dict(desktop.env, BROWSER=browser, RAVLET_TEST_BACKEND_ORIGIN=server.base,
+                        # xdg-open then hands web addresses to $BROWSER: no handler of the machine
+                        XDG_DATA_DIRS=empty, XDG_CONFIG_DIRS=empty,
+                        QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1", QT_QUICK_BACKEND="software")
+        if preferences:
+            folder = os.path.join(desktop.env["XDG_CONFIG_HOME"], "RavletAI")
+            os.makedirs(folder, exist_ok=True)
+            values = {key: {"bool" if isinstance(v, bool) else "string": v} for key, v in preferences.items()}
+            with open(os.path.join(folder, "preferences.json"), "w") as f:
+                json.dump({"version": 1, "values": values}, f)
+        self.process = desktop.spawn([executable], log="program.log", env=self.env)
+
+    def login_address(self, timeout=20):
+        """The first address the program gave the browser, or None."""
+        if not wait_until(lambda: os.path.exists(self.opened), timeout):
+            return None
+        return open(self.opened).read().split()[0]
+
+    def run_again(self, *arguments):
+        """A second start, as the desktop makes it for a "ravlet" address or an action; its
+        exit code."""
+        return subprocess.run([self.executable, *arguments], env=self.env, capture_output=True,
+                              timeout=30).returncode
+
+
+def sign_in_over_http(login_address, email, password):
+    """Creates an account on the login page as a browser would, without one, and returns the
+    "ravlet" address the page sends the browser to."""
+    jar = http.cookiejar.CookieJar()
+
+    class NoRedirect(urllib.request.HTTPRedirectHandler):
+        def redirect_request(self, *args):
+            return None
+
+    opener = urllib.request.build_opener(urllib.request.HTTPCookieProcessor(jar), NoRedirect)
+    page = opener.open(login_address + "&mode=register").read().decode()
+    fields = dict(re.findall(r'name="(state|csrf)" value="([^"]*)"', page))
+    form = dict(fields, action="register", email=email, password=password, confirm=password)
+    base = login_address.split("/auth/login")[0]
+    try:
+        opener.open(base + "/auth/login", urllib.parse.urlencode(form).encode())
+    except urllib.error.HTTPError as redirect:
+        return redirect.headers["Location"]
+    raise RuntimeError("the login page did not send the browser on")
 
 
 class Accessible:

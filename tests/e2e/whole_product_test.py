@@ -149,25 +149,8 @@ def run(args, desktop):
     server = product.Server(desktop, args.server)
     ui = product.Accessible()
 
-    # What the desktop hands the program: the browser, and the preferences of a user who turned
-    # the automatic trigger on.
-    opened = os.path.join(desktop.scratch, "browser-opened")
-    browser = os.path.join(desktop.scratch, "browser")
-    with open(browser, "w") as f:
-        f.write(f'#!/bin/sh\necho "$1" >>"{opened}"\n')
-    os.chmod(browser, 0o755)
-    empty = os.path.join(desktop.scratch, "empty")
-    os.makedirs(empty)
-    env = dict(desktop.env, BROWSER=browser, RAVLET_TEST_BACKEND_ORIGIN=server.base,
-               # xdg-open then hands web addresses to $BROWSER: no handler of the machine applies
-               XDG_DATA_DIRS=empty, XDG_CONFIG_DIRS=empty,
-               QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1", QT_QUICK_BACKEND="software")
-    preferences = os.path.join(desktop.env["XDG_CONFIG_HOME"], "RavletAI")
-    os.makedirs(preferences)
-    with open(os.path.join(preferences, "preferences.json"), "w") as f:
-        json.dump({"version": 1, "values": {"autoTriggerAIAnswers": {"bool": True}}}, f)
-
-    program = desktop.spawn([args.program], log="program.log", env=env)
+    # A user who turned the automatic trigger on.
+    program = product.Program(desktop, args.program, server, {"autoTriggerAIAnswers": True})
     require(wait_until(lambda: desktop.is_viewable(WELCOME), 30), "the welcome panel opens")
     require(wait_until(lambda: ui.find(WELCOME, "push button", "Sign In"), 20), "its buttons are accessible")
     shot("welcome")
@@ -175,16 +158,15 @@ def run(args, desktop):
     # Sign in: the notice on usage data, then Sign In; the browser gets the login address.
     ui.press(WELCOME, "OK, got it")
     ui.press(WELCOME, "Sign In")
-    require(wait_until(lambda: os.path.exists(opened), 20), "Sign In opens the browser")
-    login_url = open(opened).read().split()[0]
+    login_url = program.login_address()
+    require(login_url, "Sign In opens the browser")
     check(login_url.startswith(server.base + "/auth/login?"), "the browser gets the login page: " + login_url)
     chromium = shutil.which("chromium") or shutil.which("chromium-browser")
     callback = asyncio.run(create_account(chromium, login_url, shots))
     next(step)
     check(callback.startswith("ravlet://auth-callback?"), "the page sends the browser to " + callback)
     # The desktop starts the program's entry with the address; the running one takes it.
-    handed = subprocess.run([args.program, callback], env=env, capture_output=True, timeout=30)
-    check(handed.returncode == 0, "the second start hands the address over")
+    check(program.run_again(callback) == 0, "the second start hands the address over")
     require(wait_until(lambda: desktop.is_viewable(OVERLAY), 20), "signed in, the overlay shows")
     check(not desktop.is_viewable(WELCOME), "the welcome panel is gone")
     check(len(server.query("SELECT id FROM users WHERE email = ?", "candidate@example.org")) == 1,
@@ -287,8 +269,7 @@ def run(args, desktop):
     check(all(answer for _, answer in logs), "each log holds its answer")
 
     # Quit, as the desktop entry's action does.
-    quitting = subprocess.run([args.program, "--quit"], env=env, capture_output=True, timeout=30)
-    check(quitting.returncode == 0 and program.wait(timeout=20) == 0, "Quit ends the program")
+    check(program.run_again("--quit") == 0 and program.process.wait(timeout=20) == 0, "Quit ends the program")
 
 
 def main():
