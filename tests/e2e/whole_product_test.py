@@ -66,6 +66,10 @@ def counter(ui):
     return next((name for name in ui.labels(OVERLAY) if re.fullmatch(r"(\d+|–)/\d+", name)), None)
 
 
+def answer_count(ui):
+    return int((counter(ui) or "/0").split("/")[1])
+
+
 def transcript_rows(ui, selected=False):
     """The overlay's transcript rows, oldest first; or only the selected ones."""
     transcript = ui.find(OVERLAY, "list", "Transcript")
@@ -192,7 +196,7 @@ def run(args, desktop):
     asked = time.monotonic()
     user = desktop.speak(USER_ANSWER, desktop.mic_sink, wait=False)
     first = wait_until(lambda: counter(ui) == "1/1", 20)
-    check(first is not None, "the automatic trigger streams an answer (counter %s)" % counter(ui))
+    check(first is not None, "the automatic trigger streams an answer", lambda: counter(ui))
     check(time.monotonic() - asked >= 3.5, "not before 4 s of the interviewer's silence (%.1f s after the question)"
           % (time.monotonic() - asked))
     check(wait_until(lambda: shows_draft(ui), 10), "the answer's text is on screen")
@@ -206,34 +210,43 @@ def run(args, desktop):
     desktop.speak(QUESTIONS[1], desktop.system_sink)
     require(wait_until(lambda: transcript_rows(ui) != rows_before, 10), "the second question reaches the overlay",
             lambda: ui.dump(OVERLAY))
-    # The recogniser's last words arrive about a second after the voice ends.
+    # The recogniser's last words arrive about a second after the voice ends: the question is in
+    # once the server holds the overlay's newest line and nothing has changed for a moment.
     stable = [None, time.monotonic()]
 
     def settled():
         rows = transcript_rows(ui)
         if rows != stable[0]:
             stable[0], stable[1] = rows, time.monotonic()
-        return time.monotonic() - stable[1] > 1.2
+        stored = server.query("SELECT content FROM transcript_lines WHERE speaker = 'interviewer' "
+                              "ORDER BY timestamp_ms DESC LIMIT 1")
+        return rows and stored and stored[0][0] == rows[-1] and time.monotonic() - stable[1] > 1.0
 
     wait_until(settled, 3)
+    # On a loaded machine the automatic trigger may have answered this question already; the
+    # key then adds one more.
+    before = answer_count(ui)
     pressed = time.monotonic()
     desktop.key("Shift_R")
-    # Well before the 4 s the automatic trigger would wait after these words.
-    check(wait_until(lambda: counter(ui) == "2/2", 2) is not None, "the trigger key streams a second answer (%s)"
-          % counter(ui))
-    print("trigger key to the second answer on screen: %.2f s" % (time.monotonic() - pressed))
+    after = f"{before + 1}/{before + 1}"
+    check(wait_until(lambda: counter(ui) == after, 2) is not None, "the trigger key streams another answer at once",
+          lambda: counter(ui))
+    print("trigger key to the answer on screen: %.2f s" % (time.monotonic() - pressed))
     shot("second-answer")
 
     # The arrows are the overlay's while it shows; the video call never sees them.
+    total = answer_count(ui)
     desktop.key("Left")
-    check(wait_until(lambda: counter(ui) == "1/2", 5) is not None, "Left pages back (%s)" % counter(ui))
+    check(wait_until(lambda: counter(ui) == f"{total - 1}/{total}", 5) is not None, "Left pages back",
+          lambda: counter(ui))
     shot("left-arrow")
     desktop.key("Right")
-    check(wait_until(lambda: counter(ui) == "2/2", 5) is not None, "Right pages forward (%s)" % counter(ui))
+    check(wait_until(lambda: counter(ui) == f"{total}/{total}", 5) is not None, "Right pages forward",
+          lambda: counter(ui))
     desktop.key("Up")
     newest = transcript_rows(ui)[-1:]
-    check(wait_until(lambda: transcript_rows(ui, selected=True) == newest, 5) is not None,
-          "Up picks the newest line (%s)" % transcript_rows(ui, selected=True))
+    check(wait_until(lambda: transcript_rows(ui, selected=True) == newest, 5) is not None, "Up picks the newest line",
+          lambda: transcript_rows(ui, selected=True))
     shot("up-arrow")
     desktop.key("Down")
     check(wait_until(lambda: transcript_rows(ui, selected=True) == [], 5) is not None, "Down past it lets it go")
@@ -265,7 +278,7 @@ def run(args, desktop):
     check(turns == ["interviewer", "user", "interviewer"],
           "the question, the user's answer and the second question are stored as spoken", speakers)
     logs = server.query("SELECT question, answer FROM answer_logs WHERE session_id = ? ORDER BY created_at", session)
-    check(len(logs) == 2, "the server logged the two answers (%d)" % len(logs))
+    check(len(logs) == total, "the server logged every answer", len(logs))
     check(all(answer for _, answer in logs), "each log holds its answer")
 
     # Quit, as the desktop entry's action does.
