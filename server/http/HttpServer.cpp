@@ -88,6 +88,9 @@ public:
         m_state = State::streaming;
         if (!m_socket)
             return;
+        // A stream's chunks are small and go one by one: with Nagle's algorithm each would wait
+        // for the ACK of the one before, which the client may delay by 40 ms.
+        m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         writeHead(status, contentType,
                   {{"Cache-Control", "no-cache"}, {"Transfer-Encoding", "chunked"}});
         m_responder.writeBody(QByteArray());
