@@ -55,7 +55,8 @@ class Desktop:
         self.xtest_press = xtest_press
         self.daemons = []  # (script, state folder), stopped in reverse order
         self.children = []
-        for tool in ("openbox", "xdotool", "scrot", "espeak-ng", "paplay", "/usr/libexec/at-spi-bus-launcher"):
+        for tool in ("openbox", "xdotool", "xprop", "scrot", "espeak-ng", "paplay", "secret-tool",
+                     "/usr/libexec/at-spi-bus-launcher"):
             if not shutil.which(tool):
                 raise Missing(tool + " is not installed (scripts/install-deps.sh installs it)")
         home = os.path.join(scratch, "home")

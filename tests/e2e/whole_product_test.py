@@ -13,6 +13,7 @@ from product import wait_until  # noqa: E402
 
 OVERLAY = "RavletAI Overlay"
 WELCOME = "Welcome to RavletAI"
+DASHBOARD = "RavletAI"
 QUESTIONS = ["Tell me about a time when you solved a difficult problem at work.",
              "Why do you want to work for our company?"]
 USER_ANSWER = "I rebuilt the billing service and the number of failed payments went down."
@@ -81,6 +82,26 @@ def transcript_rows(ui, selected=False):
         except Exception:
             continue
     return rows
+
+
+def stored_tokens(desktop):
+    """The program's two items in the Secret Service, by key; kept base64-encoded."""
+    tokens = {}
+    for key in ("ravlet.accessToken", "ravlet.refreshToken"):
+        lookup = subprocess.run(["secret-tool", "lookup", "server", "ravletai.ravlet", "user", key],
+                                env=desktop.env, capture_output=True, text=True)
+        if lookup.returncode == 0 and lookup.stdout:
+            tokens[key] = base64.b64decode(lookup.stdout).decode(errors="replace")
+    return tokens
+
+
+def files_under(folder, skip):
+    for top, folders, files in os.walk(folder):
+        folders[:] = [f for f in folders if f not in skip]
+        for name in files:
+            path = os.path.join(top, name)
+            if os.path.isfile(path) and not os.path.islink(path):
+                yield path
 
 
 def shows_draft(ui):
@@ -177,6 +198,18 @@ def run(args, desktop):
           "the server has the new account")
     require(wait_until(lambda: ui.has_label(OVERLAY, "AI will trigger automatically after interviewer speaks"), 10),
             "the overlay says the automatic trigger is on")
+
+    # The tokens are in the keyring, and in no file and no log line.
+    tokens = stored_tokens(desktop)
+    check(set(tokens) == {"ravlet.accessToken", "ravlet.refreshToken"} and all(len(t) > 20 for t in tokens.values()),
+          "both tokens are in the keyring", tokens)
+    leaks = [path for path in files_under(desktop.scratch, skip=("keyring", "server-data"))
+             if any(token.encode() in open(path, "rb").read() for token in tokens.values() if token)]
+    check(not leaks, "no token is written anywhere else", leaks)
+
+    # A start with no address, as from the application menu, brings the dashboard forward.
+    check(program.run_again() == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 10),
+          "a third start shows the dashboard")
 
     # The video call takes the focus; the overlay never does.
     call = VideoCall(desktop, args.video_call)
@@ -289,6 +322,7 @@ def main():
     parser = argparse.ArgumentParser()
     for option in ("--program", "--server", "--video-call", "--press", "--screenshots"):
         parser.add_argument(option, required=True)
+    parser.add_argument("--keep", action="store_true", help="keep the scratch folder, for a look at its logs")
     args = parser.parse_args()
     if not (shutil.which("chromium") or shutil.which("chromium-browser")):
         print("Chromium is not installed (scripts/install-deps.sh installs it): skipped")
@@ -312,7 +346,10 @@ def main():
                 if os.path.exists(path):
                     print(f"--- {log} (last 60 lines)")
                     print("".join(open(path, errors="replace").readlines()[-60:]))
-        shutil.rmtree(scratch, ignore_errors=True)
+        if args.keep:
+            print("kept", scratch)
+        else:
+            shutil.rmtree(scratch, ignore_errors=True)
     print("failures:", len(failures))
     return 1 if failures else 0
 

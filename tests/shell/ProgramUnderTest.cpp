@@ -2,7 +2,7 @@
 
 #include <QString>
 
-// The program itself, pointed at the test's FakeBackend: the product takes its backend from the
+// The program itself, pointed at the test's backend: the product takes its backend from the
 // build, so the end-to-end tests build this copy, which takes it from RAVLET_TEST_BACKEND_ORIGIN.
 int main(int argc, char* argv[])
 {
