@@ -4,11 +4,12 @@ program and ravlet-server (offline speech and answers, SQLite), sign-in in headl
 an interview heard through a real sound server while another program holds the focus, answers
 by the automatic trigger and by the trigger key, the arrow keys, Stop, and what the server kept.
 Screenshots of each step go to --screenshots. Exits 77 when a tool is missing."""
-import argparse, asyncio, base64, json, os, re, shutil, subprocess, sys, tempfile, threading, time
-import urllib.request
+import argparse, asyncio, base64, os, re, shutil, subprocess, sys, threading, time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "server"))
 import product  # noqa: E402
+from sign_in_browser_test import headless_page  # noqa: E402
 from product import wait_until  # noqa: E402
 
 OVERLAY = "RavletAI Overlay"
@@ -112,53 +113,28 @@ def shows_draft(ui):
 async def create_account(chromium, login_url, shots):
     """Opens the login address in headless Chromium, creates an account on the page and returns
     the "ravlet" address the page sends the browser to."""
-    sys.path.insert(0, os.path.join(product.ROOT, "tests", "server"))
-    from sign_in_browser_test import DevTools
-    import websockets
-
-    with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
-        browser = subprocess.Popen([chromium, "--headless=new", "--no-sandbox", "--disable-gpu", "--no-first-run",
-                                    "--remote-debugging-port=0", f"--user-data-dir={profile}", "about:blank"],
-                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        try:
-            port_file = os.path.join(profile, "DevToolsActivePort")
-            require(wait_until(lambda: os.path.exists(port_file) and open(port_file).read().strip(), 30),
-                    "Chromium starts")
-            port = int(open(port_file).read().split()[0])
-            targets = json.loads(urllib.request.urlopen(f"http://127.0.0.1:{port}/json/list").read())
-            page = next(t for t in targets if t["type"] == "page")
-            async with websockets.connect(page["webSocketDebuggerUrl"], max_size=None) as ws:
-                tools = DevTools(ws)
-                await tools.call("Page.enable")
-                await tools.call("Network.enable")
-                await tools.call("Emulation.setDeviceMetricsOverride", width=900, height=760, deviceScaleFactor=1,
-                                 mobile=False)
-                await tools.call("Emulation.setFocusEmulationEnabled", enabled=True)
-                await tools.call("Page.navigate", url=login_url)
-                require(await tools.wait_for(lambda e: e.get("method") == "Page.loadEventFired") is not None,
-                        "the login page loads")
-                tools.events.clear()
-                # "New here? Create an account"
-                await tools.call("Runtime.evaluate",
-                                 expression="[...document.querySelectorAll('a')].find(a => /Create an account/.test(a.textContent)).click()")
-                require(await tools.wait_for(lambda e: e.get("method") == "Page.loadEventFired") is not None,
-                        "the page to create an account loads")
-                for field, value in (("email", "candidate@example.org"), ("password", "interview-2026"),
-                                     ("confirm", "interview-2026")):
-                    await tools.call("Runtime.evaluate", expression=f"document.getElementById('{field}').focus()")
-                    await tools.call("Input.insertText", text=value)
-                data = (await tools.call("Page.captureScreenshot", format="png"))["data"]
-                with open(os.path.join(shots, "02-browser-create-account.png"), "wb") as f:
-                    f.write(base64.b64decode(data))
-                await tools.key("Enter", "Enter", 13, "\r")
-                redirect = await tools.wait_for(
-                    lambda e: e.get("method") == "Network.requestWillBeSent"
-                    and e["params"].get("redirectResponse", {}).get("status") == 303)
-                require(redirect is not None, "the form sends the browser on")
-                return redirect["params"]["request"]["url"]
-        finally:
-            browser.terminate()
-            browser.wait(timeout=10)
+    async with headless_page(chromium) as tools:
+        await tools.call("Page.navigate", url=login_url)
+        require(await tools.wait_for(lambda e: e.get("method") == "Page.loadEventFired") is not None,
+                "the login page loads")
+        tools.events.clear()
+        await tools.call("Runtime.evaluate", expression=(
+            "[...document.querySelectorAll('a')].find(a => /Create an account/.test(a.textContent)).click()"))
+        require(await tools.wait_for(lambda e: e.get("method") == "Page.loadEventFired") is not None,
+                "its link leads to the page that creates an account")
+        for field, value in (("email", "candidate@example.org"), ("password", "interview-2026"),
+                             ("confirm", "interview-2026")):
+            await tools.call("Runtime.evaluate", expression=f"document.getElementById('{field}').focus()")
+            await tools.call("Input.insertText", text=value)
+        data = (await tools.call("Page.captureScreenshot", format="png"))["data"]
+        with open(os.path.join(shots, "02-browser-create-account.png"), "wb") as f:
+            f.write(base64.b64decode(data))
+        await tools.key("Enter", "Enter", 13, "\r")
+        redirect = await tools.wait_for(
+            lambda e: e.get("method") == "Network.requestWillBeSent"
+            and e["params"].get("redirectResponse", {}).get("status") == 303)
+        require(redirect is not None, "the form sends the browser on")
+        return redirect["params"]["request"]["url"]
 
 
 def run(args, desktop):

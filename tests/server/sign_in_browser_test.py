@@ -2,7 +2,7 @@
 """The sign-in page in a real browser (headless Chromium, driven over its DevTools protocol):
 it loads, an account is created with the keyboard alone, and the browser is redirected to the
 "ravlet" callback with a code and the state it was given. Exits 77 when Chromium is absent."""
-import asyncio, base64, json, os, shutil, subprocess, sys, tempfile, time, urllib.parse, urllib.request
+import asyncio, base64, contextlib, json, os, shutil, subprocess, sys, tempfile, time, urllib.parse, urllib.request
 
 import websockets
 
@@ -52,16 +52,40 @@ class DevTools:
             f.write(base64.b64decode(data))
 
 
-async def drive(browser_port, base):
-    targets = json.loads(urllib.request.urlopen(f"http://127.0.0.1:{browser_port}/json/list").read())
-    page = next(t for t in targets if t["type"] == "page")
-    async with websockets.connect(page["webSocketDebuggerUrl"], max_size=None) as ws:
-        tools = DevTools(ws)
-        await tools.call("Page.enable")
-        await tools.call("Network.enable")
-        await tools.call("Emulation.setDeviceMetricsOverride", width=900, height=760, deviceScaleFactor=1, mobile=False)
-        # A headless page is not a focused window unless told so, and then autofocus does nothing.
-        await tools.call("Emulation.setFocusEmulationEnabled", enabled=True)
+@contextlib.asynccontextmanager
+async def headless_page(chromium):
+    """The page of a fresh headless Chromium, driven over DevTools, sized and focused as a window
+    in front would be."""
+    # Chromium's helpers may still write to the profile for a moment after it ends.
+    with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
+        browser = subprocess.Popen([chromium, "--headless=new", "--no-sandbox", "--disable-gpu",
+                                    "--no-first-run", "--remote-debugging-port=0", f"--user-data-dir={profile}",
+                                    "about:blank"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            port_file = os.path.join(profile, "DevToolsActivePort")
+            for _ in range(300):
+                if os.path.exists(port_file) and open(port_file).read().strip():
+                    break
+                time.sleep(0.1)
+            port = int(open(port_file).read().split()[0])
+            targets = json.loads(urllib.request.urlopen(f"http://127.0.0.1:{port}/json/list").read())
+            page = next(t for t in targets if t["type"] == "page")
+            async with websockets.connect(page["webSocketDebuggerUrl"], max_size=None) as ws:
+                tools = DevTools(ws)
+                await tools.call("Page.enable")
+                await tools.call("Network.enable")
+                await tools.call("Emulation.setDeviceMetricsOverride", width=900, height=760, deviceScaleFactor=1,
+                                 mobile=False)
+                # A headless page is not a focused window unless told so, and then autofocus does nothing.
+                await tools.call("Emulation.setFocusEmulationEnabled", enabled=True)
+                yield tools
+        finally:
+            browser.terminate()
+            browser.wait(timeout=10)
+
+
+async def drive(chromium, base):
+    async with headless_page(chromium) as tools:
         await tools.call("Page.bringToFront")
         await tools.call("Page.navigate", url=f"{base}/auth/login?state=BROWSER-STATE-42&mode=register")
         check(await tools.wait_for(lambda e: e.get("method") == "Page.loadEventFired") is not None, "page loads")
@@ -100,23 +124,12 @@ def main():
     if not chromium:
         print("Chromium is not installed (apt-get install chromium): skipped")
         return 77
-    # Chromium's helpers may still write to the profile for a moment after it ends.
-    with tempfile.TemporaryDirectory() as data, tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
+    with tempfile.TemporaryDirectory() as data:
         server = Server(data)
         server.start()
-        browser = subprocess.Popen([chromium, "--headless=new", "--no-sandbox", "--disable-gpu",
-                                    "--no-first-run", "--remote-debugging-port=0", f"--user-data-dir={profile}",
-                                    "about:blank"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         try:
-            port_file = os.path.join(profile, "DevToolsActivePort")
-            for _ in range(300):
-                if os.path.exists(port_file) and open(port_file).read().strip():
-                    break
-                time.sleep(0.1)
-            asyncio.run(drive(int(open(port_file).read().split()[0]), server.base))
+            asyncio.run(drive(chromium, server.base))
         finally:
-            browser.terminate()
-            browser.wait(timeout=10)
             server.stop()
     print("failures:", len(failures))
     return 1 if failures else 0
