@@ -41,7 +41,7 @@ void BM_TriggerToFirstAnswerChunk(benchmark::State& state)
             vm.triggerAIAnswer();
             // The answer ends and its log is saved before the next press, so nothing overlaps.
             const bool finished =
-                waitUntil(vm, interview.backend, [&] { return firstChunkNs != 0 && interview.answered(k + 1); });
+                interview.waitUntil([&] { return firstChunkNs != 0 && interview.answered(k + 1); });
             if (!finished) {
                 state.SkipWithError("an answer did not arrive");
                 break;

@@ -1,8 +1,8 @@
 #pragma once
 
-// An interview against a loopback backend for the benches: the real API client and its line
-// reader, and stubs for speech, audio and the transcript channel, which take no part in an
-// answer. The backend streams the whole answer at once.
+// An interview for the benches: the real API client and its line reader against a loopback
+// backend that streams the whole answer at once, or against a running server; stubs for speech,
+// audio and the transcript channel, which take no part in an answer.
 #include "APIClient.h"
 #include "AppStrings.h"
 #include "AuthTokenStore.h"
@@ -16,11 +16,14 @@
 #include "UserSettings.h"
 
 #include <QEventLoop>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
 #include <QTimer>
 
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace bench {
 
@@ -73,32 +76,49 @@ public:
     QCoro::Task<QList<TranscriptEntry>> stop() override { co_return QList<TranscriptEntry>(); }
 };
 
-// Runs the event loop until `done` holds; it is checked whenever the model or the backend
-// reports something.
-inline bool waitUntil(InterviewViewModel& vm, FakeBackend& backend, const std::function<bool()>& done)
-{
-    if (done())
-        return true;
-    QEventLoop loop;
-    const auto check = [&] {
-        if (done())
-            loop.quit();
-    };
-    const QList<QMetaObject::Connection> connections{
-        QObject::connect(&vm, &InterviewViewModel::aiAnswerHistoryChanged, &loop, check),
-        QObject::connect(&vm, &InterviewViewModel::isGeneratingAnswerChanged, &loop, check),
-        QObject::connect(&vm.transcriptManager(), &TranscriptManager::entriesChanged, &loop, check),
-        QObject::connect(&backend, &FakeBackend::requestReceived, &loop, check),
-    };
-    QTimer::singleShot(deadlineMs, &loop, &QEventLoop::quit);
-    loop.exec();
-    return done();
-}
+// Keeps the body of the last answer request as it goes out, for replaying it to the server; and
+// counts the saved answer logs, whose end tells that an answer is over.
+class RecordingNetwork final : public QNetworkAccessManager {
+public:
+    RecordingNetwork()
+    {
+        connect(this, &QNetworkAccessManager::finished, this, [this](QNetworkReply* reply) {
+            if (reply->request().attribute(QNetworkRequest::CustomVerbAttribute).toByteArray() == "PATCH")
+                ++savedLogs;
+        });
+    }
+
+    QByteArray lastAnswerBody;
+    int savedLogs = 0;
+
+protected:
+    QNetworkReply* createRequest(Operation operation, const QNetworkRequest& request, QIODevice* body) override
+    {
+        if (body && request.url().path() == u"/api/v1/chat/answer"_s)
+            lastAnswerBody = body->peek(body->size());
+        return QNetworkAccessManager::createRequest(operation, request, body);
+    }
+};
+
+// A running server to answer instead of the loopback backend.
+struct AnswerServer {
+    QString origin;
+    QString accessToken;
+    std::optional<QString> resumeId;
+};
 
 struct LoopbackInterview {
-    LoopbackInterview()
+    explicit LoopbackInterview(std::optional<AnswerServer> answerServer = std::nullopt)
+        : server(std::move(answerServer))
     {
         settings.setOutputLanguage(u"en"_s);
+        vm.setBackend(std::make_shared<APIClientInterviewBackend>(client));
+        vm.setLoggedIn(true);
+        if (server) {
+            client.setAccessToken(server->accessToken);
+            settings.setActiveResumeId(server->resumeId);
+            return;
+        }
         backend.setRoute("GET", "/api/v1/subscription/status", FakeBackend::Response::json(200, "{}"));
         backend.setRoute("POST", "/api/v1/interview/session",
                          FakeBackend::Response::json(200, R"({"id":"s-1","languageInput":"en-US","languageOutput":"en",)"
@@ -112,8 +132,6 @@ struct LoopbackInterview {
                                                         "data: {\"content\":\"Start with the symptom, \"}\n",
                                                         "data: {\"content\":\"then the cause.\"}\n", "data: [DONE]\n"}));
         client.setAccessToken(u"access"_s);
-        vm.setBackend(std::make_shared<APIClientInterviewBackend>(client));
-        vm.setLoggedIn(true);
     }
 
     // Starts the interview and puts a question of the interviewer's in the transcript; the
@@ -124,15 +142,34 @@ struct LoopbackInterview {
         if (!vm.isRecording() || !interviewer)
             return "the interview did not start";
         interviewer->say(u"Tell me about the hardest bug you fixed."_s);
-        if (!waitUntil(vm, backend, [&] { return !vm.transcriptManager().entries().isEmpty(); }))
+        if (!waitUntil([&] { return !vm.transcriptManager().entries().isEmpty(); }))
             return "the interviewer's words did not reach the transcript";
         return nullptr;
     }
 
     // Whether answer `count` ended and its log was saved, so that the next press overlaps nothing.
-    bool answered(int count) const
+    bool answered(int count) const { return !vm.isGeneratingAnswer() && network.savedLogs == count; }
+
+    // Runs the event loop until `done` holds; it is checked whenever the model or the network
+    // reports something.
+    bool waitUntil(const std::function<bool()>& done)
     {
-        return !vm.isGeneratingAnswer() && backend.requestCount("PATCH", "/api/v1/chat/log/log-1") == count;
+        if (done())
+            return true;
+        QEventLoop loop;
+        const auto check = [&] {
+            if (done())
+                loop.quit();
+        };
+        const QList<QMetaObject::Connection> connections{
+            QObject::connect(&vm, &InterviewViewModel::aiAnswerHistoryChanged, &loop, check),
+            QObject::connect(&vm, &InterviewViewModel::isGeneratingAnswerChanged, &loop, check),
+            QObject::connect(&vm.transcriptManager(), &TranscriptManager::entriesChanged, &loop, check),
+            QObject::connect(&network, &QNetworkAccessManager::finished, &loop, check),
+        };
+        QTimer::singleShot(deadlineMs, &loop, &QEventLoop::quit);
+        loop.exec();
+        return done();
     }
 
     SystemClock clock;
@@ -140,9 +177,11 @@ struct LoopbackInterview {
     NotificationCenter notifications;
     UserSettings settings{preferences, notifications};
     AppStrings strings{QStringList{u"en"_s}};
-    FakeBackend backend;
+    std::optional<AnswerServer> server;
+    FakeBackend backend; // idle when a server answers
     InMemoryTokenStore tokens;
-    APIClient client{backend.origin(), tokens, notifications};
+    RecordingNetwork network;
+    APIClient client{server ? server->origin : backend.origin(), tokens, notifications, &network};
     SilentCapture systemAudio;
     SilentCapture microphone;
     std::shared_ptr<ScriptedRecognizer> interviewer;

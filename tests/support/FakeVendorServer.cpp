@@ -87,7 +87,9 @@ void FakeVendorServer::onNewConnection()
             Q_EMIT frameReceived();
         });
         connect(socket, &QWebSocket::binaryMessageReceived, this, [this, index](const QByteArray& bytes) {
-            m_connections[index].frames.append({false, bytes});
+            if (m_keepsBinaryFrames)
+                m_connections[index].frames.append({false, bytes});
+            Q_EMIT binaryFrameReceived(int(index), bytes);
             Q_EMIT frameReceived();
         });
         greet(index);

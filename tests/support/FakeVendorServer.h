@@ -51,6 +51,9 @@ public:
         elevenLabsToday,
     };
     void setBehaviour(Behaviour behaviour) { m_behaviour = behaviour; }
+    // Whether binary frames are kept in `frames`; a long run that only listens to the audio
+    // as it arrives turns this off, so that the fake does not hold every second of it.
+    void setKeepsBinaryFrames(bool keeps) { m_keepsBinaryFrames = keeps; }
 
     // `subprotocols`: those the server accepts (it answers with the first one requested).
     explicit FakeVendorServer(QStringList subprotocols = {}, QObject* parent = nullptr);
@@ -78,6 +81,8 @@ public:
 
 Q_SIGNALS:
     void frameReceived();
+    // Every binary frame, kept or not, with the index of its connection.
+    void binaryFrameReceived(int connection, const QByteArray& bytes);
 
 private:
     void onNewConnection();
@@ -87,4 +92,5 @@ private:
     QWebSocketServer* m_server;
     QList<Connection> m_connections;
     Behaviour m_behaviour = Behaviour::scripted;
+    bool m_keepsBinaryFrames = true;
 };
