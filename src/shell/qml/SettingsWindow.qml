@@ -27,6 +27,7 @@ Window {
            | Qt.WindowMaximizeButtonHint | Qt.WindowStaysOnTopHint
 
     component SidebarRow: ItemDelegate {
+        id: sidebarRow
         property string symbol
         Layout.fillWidth: true
         font.pixelSize: 13
@@ -34,8 +35,16 @@ Window {
         Accessible.onPressAction: clicked()
         contentItem: RowLayout {
             spacing: 8
-            Icon { name: parent.parent.symbol; size: 16; color: "#d0d0d5" }
-            Label { text: parent.parent.text; color: "white"; font: parent.parent.font; Layout.fillWidth: true }
+            Icon { name: sidebarRow.symbol; size: 16; color: "#d0d0d5" }
+            Label { text: sidebarRow.text; color: "white"; font: sidebarRow.font; Layout.fillWidth: true }
+        }
+        // The style's own highlight is near white, under white text: a quiet tint on the dark
+        // sidebar instead.
+        background: Rectangle {
+            radius: 6
+            color: sidebarRow.highlighted ? Qt.rgba(1, 1, 1, 0.12)
+                 : sidebarRow.down ? Qt.rgba(1, 1, 1, 0.09)
+                 : sidebarRow.hovered ? Qt.rgba(1, 1, 1, 0.05) : "transparent"
         }
     }
 
