@@ -334,17 +334,6 @@ class Accessible:
     def has_label(self, title, name):
         return name in self.labels(title)
 
-    def button_names(self, title):
-        frame = self.frame(title)
-        names = []
-        for node in self._walk(frame) if frame else []:
-            try:
-                if node.getRoleName() == "push button":
-                    names.append(node.name)
-            except Exception:
-                continue
-        return names
-
 
 def cpu_seconds(pid):
     """User and system CPU time of a process so far, children excluded."""
