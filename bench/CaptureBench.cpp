@@ -12,6 +12,7 @@
 #include "MicrophoneService.h"
 #include "PulseMicrophoneSource.h"
 #include "PulseSystemAudioSource.h"
+#include "SyntheticAudioSources.h"
 
 #include <QCoreApplication>
 #include <QEventLoop>
@@ -56,52 +57,12 @@ double drainSeconds(const std::shared_ptr<AudioStream>& stream)
     return seconds;
 }
 
-// Hands the service's handler to the bench, which plays the platform's thread.
-class SyntheticSystemSource final : public SystemAudioSource {
-public:
-    explicit SyntheticSystemSource(BlockHandler* out)
-        : m_out(out)
-    {
-    }
-    QCoro::Task<> start(BlockHandler onBlock) override
-    {
-        *m_out = std::move(onBlock);
-        co_return;
-    }
-    QCoro::Task<> stop() override { co_return; }
-
-private:
-    BlockHandler* m_out;
-};
-
-class SyntheticMicrophone final : public MicrophoneSource {
-public:
-    explicit SyntheticMicrophone(TapBlock* out)
-        : m_out(out)
-    {
-    }
-    bool isVoiceProcessingEnabled() const override { return true; }
-    void setVoiceProcessingEnabled(bool) override {}
-    QCoro::Task<double> inputSampleRate() override { co_return 48000.0; }
-    std::unique_ptr<SampleRateConverter> makeConverter(double inputRate, double outputRate) override
-    {
-        return PulseMicrophoneSource::makeResampler(inputRate, outputRate);
-    }
-    void installTap(std::size_t, TapBlock block) override { *m_out = std::move(block); }
-    void removeTap() override { *m_out = {}; }
-    QCoro::Task<> start() override { co_return; }
-    void stop() override {}
-
-private:
-    TapBlock* m_out;
-};
-
 // Float32 blocks, as the sound server delivers them, or signed 16-bit ones.
 void BM_SystemAudioConversion(benchmark::State& state, SampleDescription::Format format)
 {
     SystemAudioSource::BlockHandler handler;
     AudioCaptureService service(
-        [&handler] { return std::make_unique<SyntheticSystemSource>(&handler); });
+        [&handler] { return std::make_unique<bench::SyntheticSystemSource>(&handler); });
     awaitTask(service.start());
     const auto stream = service.audioStream();
 
@@ -143,7 +104,7 @@ BENCHMARK_CAPTURE(BM_SystemAudioConversion, int16, SampleDescription::Format::in
 void BM_MicrophoneConversion(benchmark::State& state)
 {
     MicrophoneSource::TapBlock tap;
-    MicrophoneService service([&tap] { return std::make_unique<SyntheticMicrophone>(&tap); });
+    MicrophoneService service([&tap] { return std::make_unique<bench::SyntheticMicrophone>(&tap, 48000.0); });
     awaitTask(service.start());
     const auto stream = service.audioStream();
     const auto samples = tone(MicrophoneService::tapFrames, 48000);

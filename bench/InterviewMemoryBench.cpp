@@ -30,9 +30,9 @@
 #include "NotificationCenter.h"
 #include "OverlayViewModel.h"
 #include "PreferencesStore.h"
-#include "PulseMicrophoneSource.h"
 #include "QmlShellWindows.h"
 #include "SpokenAudio.h"
+#include "SyntheticAudioSources.h"
 #include "UserSettings.h"
 
 #include <QApplication>
@@ -186,50 +186,6 @@ std::optional<Script> makeScript()
     script.interviewer.length = script.user.length = offsetMs * rate / 1000;
     return script;
 }
-
-// The platform's system audio, played by the bench on the main thread as CaptureBench does.
-class ScriptedSystemSource final : public SystemAudioSource {
-public:
-    explicit ScriptedSystemSource(BlockHandler* out)
-        : m_out(out)
-    {
-    }
-    QCoro::Task<> start(BlockHandler onBlock) override
-    {
-        *m_out = std::move(onBlock);
-        co_return;
-    }
-    QCoro::Task<> stop() override
-    {
-        *m_out = {};
-        co_return;
-    }
-
-private:
-    BlockHandler* m_out;
-};
-
-class ScriptedMicrophone final : public MicrophoneSource {
-public:
-    explicit ScriptedMicrophone(TapBlock* out)
-        : m_out(out)
-    {
-    }
-    bool isVoiceProcessingEnabled() const override { return true; }
-    void setVoiceProcessingEnabled(bool) override {}
-    QCoro::Task<double> inputSampleRate() override { co_return double(micRate); }
-    std::unique_ptr<SampleRateConverter> makeConverter(double inputRate, double outputRate) override
-    {
-        return PulseMicrophoneSource::makeResampler(inputRate, outputRate);
-    }
-    void installTap(std::size_t, TapBlock block) override { *m_out = std::move(block); }
-    void removeTap() override { *m_out = {}; }
-    QCoro::Task<> start() override { co_return; }
-    void stop() override {}
-
-private:
-    TapBlock* m_out;
-};
 
 // Deepgram's v2 listen socket as the interview hears it. Speech is where the level of the
 // incoming audio is up; the vendor answers in audio time: the turn so far as a partial every
@@ -559,9 +515,9 @@ int run(int minutes)
     SystemAudioSource::BlockHandler systemBlock;
     MicrophoneSource::TapBlock microphoneBlock;
     AudioCaptureService systemAudio(
-        [&] { return std::make_unique<ScriptedSystemSource>(&systemBlock); });
+        [&] { return std::make_unique<bench::SyntheticSystemSource>(&systemBlock); });
     MicrophoneService microphone(
-        [&] { return std::make_unique<ScriptedMicrophone>(&microphoneBlock); });
+        [&] { return std::make_unique<bench::SyntheticMicrophone>(&microphoneBlock, double(micRate)); });
     SystemAudioCapture systemCapture(systemAudio);
     MicrophoneCapture microphoneCapture(microphone);
     InterviewViewModel::Services services;
