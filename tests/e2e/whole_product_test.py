@@ -284,7 +284,11 @@ def run(args, desktop):
           "the question, the user's answer and the second question are stored as spoken", speakers)
     logs = server.query("SELECT question, answer FROM answer_logs WHERE session_id = ? ORDER BY created_at", session)
     check(len(logs) == total, "the server logged every answer", len(logs))
-    check(all(answer for _, answer in logs), "each log holds its answer")
+    check(all(answer.startswith("Offline draft") for _, answer in logs), "each log holds its answer")
+    # An answer's question is the interviewer's newest line as it stood at the trigger.
+    asked_lines = [content for content, who in zip(stored, speakers) if who == "interviewer"]
+    check(all(question and any(line.startswith(question) for line in asked_lines) for question, _ in logs)
+          and rows[-1].startswith(logs[-1][0]), "each answer answers the interviewer's line", logs)
 
     # A start with no address, as from the application menu, brings the dashboard forward.
     check(program.run_again() == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 10),

@@ -1,24 +1,19 @@
 // Speech played on the machine, heard by the program's own capture and recogniser, recognised by
-// the server's built-in recogniser: the whole road of one question with no vendor anywhere. The
-// sound server is the private PulseAudio of the CTest fixture "Pulse" (scripts/test-pulse.sh).
+// the server's built-in recogniser, on either version of the listen protocol. The sound server
+// is the private PulseAudio of the CTest fixture "Pulse" (scripts/test-pulse.sh). The same road
+// through the whole program, with answers, is the whole-product test's (tests/e2e).
 #include "ServerHarness.h"
 
 #include "APIClient.h"
 #include "AnswerEngineFactory.h"
-#include "AppStrings.h"
 #include "AudioCaptureService.h"
 #include "AuthTokenStore.h"
 #include "AwaitTask.h"
 #include "DeepgramProvider.h"
-#include "InterviewAdapters.h"
-#include "InterviewViewModel.h"
-#include "LoopbackInterview.h"
 #include "NotificationCenter.h"
-#include "PreferencesStore.h"
 #include "PulseSystemAudioSource.h"
 #include "SpeechTokens.h"
 #include "SpokenAudio.h"
-#include "UserSettings.h"
 
 #include <QFile>
 #include <QProcess>
@@ -163,53 +158,3 @@ TEST_P(OfflineSpeechLanguageTest, SpeechPlayedOnTheMachineComesBackAsAFinalSegme
 
 INSTANTIATE_TEST_SUITE_P(Languages, OfflineSpeechLanguageTest, ::testing::Values("auto", "en-US"),
                          [](const auto& info) { return std::string(info.param).substr(0, 2); });
-
-// The same question through the interview model as the program wires it: it becomes the
-// interviewer's line, and the trigger key brings the server's offline draft for it.
-TEST_F(OfflineSpeechEndToEndTest, AQuestionSpokenOnTheMachineGetsAnOfflineAnswer)
-{
-    PreferencesStore preferences;
-    UserSettings settings{preferences, notifications};
-    settings.setInputLanguage(u"en-US"_s);
-    settings.setOutputLanguage(u"en-US"_s);
-    AppStrings strings{QStringList{u"en"_s}};
-    const auto capture = systemAudio();
-    SystemAudioCapture interviewerAudio(*capture);
-    PcmCapture microphone; // silent: only the interviewer speaks here
-    InterviewViewModel::Services services;
-    services.audioCapture = &interviewerAudio;
-    services.microphone = &microphone;
-    services.makeRecognizer = vendorRecognizers(clock);
-    services.makeTranscriptChannel = [this] { return std::make_shared<TranscriptUploadChannel>(clock); };
-    InterviewViewModel vm(clock, settings, strings, services);
-    client.setAccessToken(server.signUp().accessToken);
-    vm.setBackend(std::make_shared<APIClientInterviewBackend>(client));
-    vm.setLoggedIn(true);
-
-    awaitTask(vm.startInterview(), 20'000);
-    ASSERT_TRUE(vm.isRecording());
-    ASSERT_TRUE(play());
-    const auto interviewerLine = [&]() -> std::optional<TranscriptEntry> {
-        for (const auto& entry : vm.transcriptManager().entries()) {
-            if (entry.speaker == TranscriptEntry::Speaker::interviewer)
-                return entry;
-        }
-        return std::nullopt;
-    };
-    ASSERT_TRUE(waitUntil([&] { return interviewerLine().has_value(); }, 30'000));
-    EXPECT_GE(SpokenAudio::wordsHeard(proudQuestion, interviewerLine()->content), 4)
-        << "heard: " << interviewerLine()->content.toStdString();
-
-    vm.triggerAIAnswer();
-    ASSERT_TRUE(waitUntil(
-        [&] {
-            return !vm.aiAnswerHistory().isEmpty() && !vm.aiAnswerHistory().last().answer.isEmpty()
-                && !vm.isGeneratingAnswer();
-        },
-        30'000));
-    const auto answer = vm.aiAnswerHistory().last();
-    EXPECT_EQ(answer.question, interviewerLine()->content);
-    EXPECT_TRUE(answer.answer.startsWith(u"Offline draft"_s)) << answer.answer.toStdString();
-    awaitTask(vm.stopInterview(), 20'000);
-    EXPECT_FALSE(vm.isRecording());
-}
