@@ -469,6 +469,9 @@ BENCHMARK(BM_TriggerKeyToFirstFrameFromTheServer)->Iterations(1)->Unit(benchmark
 
 int main(int argc, char** argv)
 {
+    // The renderer the figures are quoted for, unless the caller picks another.
+    if (!qEnvironmentVariableIsSet("QT_QUICK_BACKEND"))
+        qputenv("QT_QUICK_BACKEND", "software");
     QmlShellWindows::prepareDrawing();
     QApplication app(argc, argv);
     benchmark::Initialize(&argc, argv);
