@@ -249,7 +249,10 @@ class Accessible:
     """The program's windows as AT-SPI shows them."""
 
     def __init__(self, application_name="RavletAI"):
-        import pyatspi  # after the session bus is known
+        try:
+            import pyatspi  # after the session bus is known
+        except ImportError:
+            raise Missing("python3-pyatspi is not installed (scripts/install-deps.sh installs it)")
         self.pyatspi = pyatspi
         self.application_name = application_name
 

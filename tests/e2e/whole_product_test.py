@@ -4,7 +4,7 @@ program and ravlet-server (offline speech and answers, SQLite), sign-in in headl
 an interview heard through a real sound server while another program holds the focus, answers
 by the automatic trigger and by the trigger key, the arrow keys, Stop, and what the server kept.
 Screenshots of each step go to --screenshots. Exits 77 when a tool is missing."""
-import argparse, asyncio, base64, os, re, shutil, subprocess, sys, threading, time
+import argparse, asyncio, base64, os, re, shutil, subprocess, sys, threading, time, traceback
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "server"))
@@ -318,6 +318,9 @@ def main():
         return 77
     except Stop:
         pass
+    except Exception as error:  # the set-up broke: report it with the logs below
+        traceback.print_exc()
+        failures.append(repr(error))
     finally:
         if desktop:
             desktop.stop()
