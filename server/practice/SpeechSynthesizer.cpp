@@ -12,9 +12,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// espeak-ng speaks a question in well under a second; a child still busy after this is stuck.
-constexpr int processLimitMs = 20'000;
-
 quint32 readLe32(const QByteArray& bytes, qsizetype at)
 {
     return qFromLittleEndian<quint32>(bytes.constData() + at);
@@ -29,9 +26,10 @@ QByteArray le32(quint32 value)
 
 } // namespace
 
-SpeechSynthesizer::SpeechSynthesizer(QString program, QObject* parent)
+SpeechSynthesizer::SpeechSynthesizer(QString program, Clock& clock, QObject* parent)
     : QObject(parent)
     , m_program(std::move(program))
+    , m_clock(clock)
 {
 }
 
@@ -92,15 +90,16 @@ void SpeechSynthesizer::speak(const QString& text, const QString& language,
     }
     ++m_running;
     auto* process = new QProcess(this);
-    auto* watchdog = new QTimer(process);
-    watchdog->setSingleShot(true);
-    // One answer per child, whichever of its signals comes first.
+    // One answer per child, whichever of its signals or its time limit comes first.
     auto finish = std::make_shared<std::function<void(const Result&)>>(std::move(done));
-    auto settle = [this, process, finish](const Result& result) {
+    auto limit = std::make_shared<std::optional<Clock::TimerId>>();
+    auto settle = [this, process, finish, limit](const Result& result) {
         if (!*finish)
             return;
         auto callback = std::move(*finish);
         *finish = nullptr;
+        if (*limit)
+            m_clock.cancelTimer(**limit);
         --m_running;
         process->disconnect(this);
         process->deleteLater();
@@ -128,16 +127,17 @@ void SpeechSynthesizer::speak(const QString& text, const QString& language,
                 else
                     settle(*wav);
             });
-    connect(watchdog, &QTimer::timeout, this, [process, settle] {
-        process->kill();
-        settle(Failure{500, u"Speech synthesis took too long"_s});
-    });
     process->setProcessChannelMode(QProcess::SeparateChannels);
     process->setStandardErrorFile(QProcess::nullDevice());
     process->start(m_program, {u"-v"_s, voiceFor(language), u"--stdout"_s});
     if (!*finish)
         return; // refused at once: the child never ran
-    watchdog->start(processLimitMs);
+    *limit = m_clock.startTimer(processLimitMs, [process = QPointer(process), settle] {
+        if (!process)
+            return; // this object, and its children with it, went first
+        process->kill();
+        settle(Failure{500, u"Speech synthesis took too long"_s});
+    });
     // Written before the child runs: QProcess buffers it, and a failed start discards it.
     process->write(text.toUtf8());
     process->closeWriteChannel();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Clock.h"
+
 #include <QByteArray>
 #include <QObject>
 #include <QString>
@@ -25,7 +27,11 @@ public:
     };
     using Result = std::variant<QByteArray, Failure>;
 
-    explicit SpeechSynthesizer(QString program, QObject* parent = nullptr);
+    // espeak-ng speaks a question in well under a second; a child still busy after this, on
+    // `clock`, is stuck and is killed.
+    static constexpr qint64 processLimitMs = 20'000;
+
+    SpeechSynthesizer(QString program, Clock& clock, QObject* parent = nullptr);
 
     // `done` runs once, later; never if this object is destroyed first.
     void speak(const QString& text, const QString& language,
@@ -39,5 +45,6 @@ public:
 
 private:
     QString m_program;
+    Clock& m_clock;
     int m_running = 0;
 };

@@ -76,11 +76,11 @@ Api::Api(Database& db, AccountService& accounts, Clock& clock, ServerConfig conf
     , m_answerLogs(db)
     , m_telemetry(db)
     , m_practice(db)
-    , m_synthesizer(std::make_unique<SpeechSynthesizer>(m_config.espeakProgram))
+    , m_synthesizer(std::make_unique<SpeechSynthesizer>(m_config.espeakProgram, m_clock))
     , m_speechTokens(std::make_unique<SpeechTokens>(accounts, m_interviews, m_config, clock))
 {
     if (m_config.speechVendor)
-        m_vendorTokens = std::make_unique<VendorTokens>(*m_config.speechVendor);
+        m_vendorTokens = std::make_unique<VendorTokens>(*m_config.speechVendor, m_clock);
     registerAuthRoutes();
     registerInterviewRoutes();
     registerDocumentRoutes();

@@ -10,6 +10,8 @@
 #include <QPointer>
 #include <QUrl>
 
+#include <memory>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -17,8 +19,6 @@ namespace {
 // The client opens its socket within a second or two of receiving the token; a minute leaves
 // room for a slow start without handing out anything long-lived.
 constexpr int tokenLifetimeSeconds = 60;
-// Well inside the client's own 60-second limit on the token request.
-constexpr int vendorTimeoutMs = 15'000;
 constexpr qsizetype vendorTextShown = 200;
 
 QString jsonText(const QJsonValue& value)
@@ -75,9 +75,10 @@ QString tokenFrom(SpeechVendor vendor, const QJsonObject& object)
 
 } // namespace
 
-VendorTokens::VendorTokens(SpeechVendorConfig config, QObject* parent)
+VendorTokens::VendorTokens(SpeechVendorConfig config, Clock& clock, QObject* parent)
     : QObject(parent)
     , m_config(std::move(config))
+    , m_clock(clock)
 {
     while (m_config.baseUrl.endsWith(u'/'))
         m_config.baseUrl.chop(1);
@@ -109,7 +110,6 @@ QNetworkRequest VendorTokens::request() const
         grant.setRawHeader("Authorization", authorization);
     if (!keyHeader.isEmpty())
         grant.setRawHeader("xi-api-key", keyHeader);
-    grant.setTransferTimeout(vendorTimeoutMs);
     // A redirect would carry the key to wherever it points.
     grant.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                        QNetworkRequest::ManualRedirectPolicy);
@@ -149,14 +149,24 @@ void VendorTokens::mint(std::function<void(const Result&)> done)
     // Parented to this object: destroying it aborts the request and drops `done`.
     auto* reply = m_network.post(request(), requestBody());
     reply->setParent(this);
+    auto timedOut = std::make_shared<bool>(false);
+    const auto limit = m_clock.startTimer(vendorTimeoutMs, [reply = QPointer(reply), timedOut] {
+        if (!reply)
+            return;
+        *timedOut = true;
+        reply->abort(); // finishes the reply at once
+    });
     connect(reply, &QNetworkReply::finished, this,
-            [this, reply, done = std::move(done)] {
+            [this, reply, limit, timedOut, done = std::move(done)] {
+                m_clock.cancelTimer(limit);
                 reply->deleteLater();
                 VendorAnswer answer;
                 answer.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
                 answer.body = reply->readAll();
                 answer.retryAfter = reply->rawHeader("Retry-After");
-                if (answer.status == 0)
+                if (*timedOut)
+                    answer.networkError = u"no answer within %1 s"_s.arg(vendorTimeoutMs / 1000);
+                else if (answer.status == 0)
                     answer.networkError = reply->errorString();
                 const auto result = interpret(m_config, answer);
                 if (const auto* failure = std::get_if<Failure>(&result)) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Clock.h"
 #include "SpeechVendor.h"
 
 #include <QNetworkAccessManager>
@@ -30,7 +31,11 @@ public:
     };
     using Result = std::variant<Token, Failure>;
 
-    explicit VendorTokens(SpeechVendorConfig config, QObject* parent = nullptr);
+    // A vendor that has not answered after this long, on `clock`, counts as unreachable: well
+    // inside the client's own 60-second limit on the token request.
+    static constexpr qint64 vendorTimeoutMs = 15'000;
+
+    VendorTokens(SpeechVendorConfig config, Clock& clock, QObject* parent = nullptr);
 
     SpeechVendor vendor() const { return m_config.vendor; }
     // `done` runs once, later, on this thread; never if this object is destroyed first.
@@ -50,5 +55,6 @@ private:
     QByteArray requestBody() const;
 
     SpeechVendorConfig m_config;
+    Clock& m_clock;
     QNetworkAccessManager m_network;
 };

@@ -10,6 +10,7 @@
 #include <QAudioDecoder>
 #include <QBuffer>
 #include <QImage>
+#include <QProcess>
 #include <QSet>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -238,6 +239,40 @@ TEST(PracticeSpeechTest, WithoutEspeakTheRouteSaysSo)
                                     R"({"text":"Hello"})");
     EXPECT_EQ(result.status, 503);
     EXPECT_TRUE(json(result).value(u"error"_s).toString().contains(u"espeak-ng"_s));
+}
+
+// A child that never ends is killed once its time is up on the server's clock, and the request
+// gets its answer: a stuck espeak-ng must not hold a request, or a slot of the four, for ever.
+TEST(PracticeSpeechTest, AStuckChildIsKilledWhenItsTimeIsUp)
+{
+    QTemporaryDir dir;
+    const auto program = dir.filePath(u"stuck-espeak"_s);
+    QFile script(program);
+    ASSERT_TRUE(script.open(QIODevice::WriteOnly));
+    script.write("#!/bin/sh\necho $$ >\"$0.pid\"\nexec sleep 600\n");
+    script.close();
+    script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
+    ServerConfig config;
+    config.espeakProgram = program;
+    ServerHarness server(config);
+    const auto account = server.signUp();
+
+    QProcess request;
+    request.start(u"curl"_s, {u"-s"_s, u"-o"_s, u"/dev/null"_s, u"-w"_s, u"%{http_code}"_s, u"-H"_s,
+                              u"Authorization: Bearer "_s + account.accessToken, u"--data-binary"_s,
+                              u"{\"text\":\"Hello\"}"_s, server.base() + u"/api/v1/mock-interview/tts"_s});
+    QFile pidFile(program + u".pid"_s);
+    ASSERT_TRUE(waitUntil([&] { return pidFile.exists() && pidFile.size() > 0; }));
+    ASSERT_TRUE(pidFile.open(QIODevice::ReadOnly));
+    const auto pid = pidFile.readAll().trimmed();
+
+    server.clock.advance(std::chrono::milliseconds(SpeechSynthesizer::processLimitMs - 1));
+    EXPECT_FALSE(waitUntil([&] { return request.state() == QProcess::NotRunning; }, 300));
+    server.clock.advance(std::chrono::milliseconds(1));
+    ASSERT_TRUE(waitUntil([&] { return request.state() == QProcess::NotRunning; }));
+    EXPECT_EQ(request.readAllStandardOutput(), "500");
+    EXPECT_TRUE(waitUntil([&] { return !QFile::exists(u"/proc/"_s + QString::fromLatin1(pid)); }))
+        << "the child " << pid.constData() << " still runs";
 }
 
 // A stand-in for espeak-ng that records its arguments and standard input, then answers as the

@@ -8,6 +8,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QTcpServer>
 
 #include <gtest/gtest.h>
 
@@ -213,6 +214,27 @@ TEST_P(VendorTokenTest, VendorFailuresBecomeClearErrorsNamingTheVendor)
 
 INSTANTIATE_TEST_SUITE_P(Vendors, VendorTokenTest, ::testing::ValuesIn(vendorCases),
                          [](const auto& info) { return vendorName(info.param.vendor).toStdString(); });
+
+// A vendor that takes the connection and never answers: the token request gives up on the
+// server's clock, so that the client hears a clear error well before its own limit.
+TEST(VendorTokensTest, AVendorThatNeverAnswersIsUnreachableAfterItsTime)
+{
+    QTcpServer silent;
+    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost));
+    ServerConfig config;
+    config.speechVendor = SpeechVendorConfig{SpeechVendor::deepgram, longLivedKey,
+                                             u"http://127.0.0.1:%1"_s.arg(silent.serverPort()), {}};
+    ServerHarness server(config);
+    const auto account = server.signUp();
+    // Once the request is there, the limit passes on the server's clock.
+    QObject::connect(&silent, &QTcpServer::newConnection, &silent, [&] {
+        server.clock.advance(std::chrono::milliseconds(VendorTokens::vendorTimeoutMs));
+    });
+    const auto result = server.call(account, u"GET"_s, u"/api/v1/speech/token"_s);
+    EXPECT_EQ(result.status, 503) << result.body.toStdString();
+    EXPECT_EQ(json(result.body).value(u"error"_s).toString(),
+              u"Deepgram could not be reached from this server: no answer within 15 s"_s);
+}
 
 TEST(VendorTokensTest, AnAnswerThatHandsBackTheKeyItselfIsNoToken)
 {
