@@ -153,6 +153,71 @@ private:
 
 } // namespace
 
+// Qt HttpServer 6.4 holds a request's whole body in memory before any handler sees it, and sets
+// no limit: a client announcing gigabytes would have them buffered. This server counts what
+// each connection sends until its request is complete, and past the limit answers 413, closes,
+// and throws away the rest unread. Its readyRead runs before the library's, which connects
+// later, so the excess never reaches the library's buffer.
+class GuardedTcpServer final : public QTcpServer {
+public:
+    explicit GuardedTcpServer(QObject* parent)
+        : QTcpServer(parent)
+    {
+    }
+
+    // The library has a complete request from this socket: the count starts again.
+    void requestTaken(QTcpSocket* socket)
+    {
+        if (const auto it = m_received.find(socket); it != m_received.end())
+            *it = 0;
+    }
+    // The socket is a WebSocket now: its frames are the WebSocket's to limit.
+    void release(QTcpSocket* socket)
+    {
+        m_received.remove(socket);
+        disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
+    }
+
+protected:
+    void incomingConnection(qintptr descriptor) override
+    {
+        auto* socket = new QTcpSocket(this);
+        if (!socket->setSocketDescriptor(descriptor)) {
+            delete socket;
+            return;
+        }
+        m_received.insert(socket, 0);
+        connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
+        connect(socket, &QObject::destroyed, this, [this, socket] { m_received.remove(socket); });
+        addPendingConnection(socket);
+    }
+
+private:
+    void onReadyRead(QTcpSocket* socket)
+    {
+        const auto it = m_received.find(socket);
+        if (it == m_received.end())
+            return;
+        if (*it < 0) {
+            socket->readAll(); // refused already: nothing more is kept
+            return;
+        }
+        *it += socket->bytesAvailable();
+        if (*it <= HttpServer::maxRequestBytes)
+            return;
+        *it = -1;
+        socket->readAll();
+        const QByteArray body = R"({"error":"The request is too large"})";
+        socket->write("HTTP/1.1 413 Payload Too Large\r\nContent-Type: application/json\r\n"
+                      "Connection: close\r\nContent-Length: "
+                      + QByteArray::number(body.size()) + "\r\n\r\n" + body);
+        socket->disconnectFromHost();
+    }
+
+    // Bytes received since the last complete request; -1 once refused.
+    QHash<QTcpSocket*, qint64> m_received;
+};
+
 class HttpServer::Impl final : public QAbstractHttpServer {
 public:
     explicit Impl(HttpServer* owner)
@@ -163,6 +228,7 @@ public:
     }
 
     RequestHandler handler;
+    GuardedTcpServer* guard = new GuardedTcpServer(this);
     struct WebSocketRoute {
         UpgradeGate gate;
         WebSocketHandler handler;
@@ -175,6 +241,7 @@ public:
 protected:
     bool handleRequest(const QHttpServerRequest& request, QTcpSocket* socket) override
     {
+        guard->requestTaken(socket);
         auto converted = toRequest(request);
         if (request.value("upgrade").compare("websocket", Qt::CaseInsensitive) == 0) {
             const auto route = webSocketRoutes.constFind(converted.path);
@@ -187,6 +254,7 @@ protected:
                 refusedUpgrades.insert(socket, *refusal);
                 return false;
             }
+            guard->release(socket);
             return true; // the library now performs the handshake
         }
         handler(converted, std::make_shared<QtResponder>(makeResponder(request, socket), socket));
@@ -239,8 +307,8 @@ void HttpServer::addWebSocketRoute(const QString& path, UpgradeGate gate, WebSoc
 
 std::optional<quint16> HttpServer::listen(const QHostAddress& address, quint16 port)
 {
-    const auto bound = m_impl->listen(address, port);
-    if (bound == 0)
+    if (!m_impl->guard->listen(address, port))
         return std::nullopt;
-    return bound;
+    m_impl->bind(m_impl->guard);
+    return m_impl->guard->serverPort();
 }

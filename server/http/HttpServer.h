@@ -22,6 +22,11 @@ public:
     // Receives the socket after the handshake, with the request that opened it.
     using WebSocketHandler = std::function<void(std::unique_ptr<QWebSocket>)>;
 
+    // What one request, head and body, may bring before it is refused with 413 and its
+    // connection closed: above the routes' own largest limit (a 12 MB document upload), so that
+    // they answer first, and far below what would hurt the machine.
+    static constexpr qint64 maxRequestBytes = 16 * 1024 * 1024;
+
     explicit HttpServer(QObject* parent = nullptr);
     ~HttpServer() override;
 

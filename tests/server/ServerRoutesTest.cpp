@@ -2,11 +2,14 @@
 // streamed answer, the sign-in page, telemetry and updates.
 #include "ServerRoutesFixture.h"
 
+#include "HttpServer.h"
+
 #include "LoginPage.h"
 
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QTcpSocket>
 #include <QUrl>
 #include <QUrlQuery>
 
@@ -255,6 +258,26 @@ TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
               u"@"_s + file.fileName(), server.base() + u"/api/v1/resume/upload"_s});
     EXPECT_EQ(upload.status, 400);
     EXPECT_TRUE(get(account, u"/api/v1/resume"_s).value(u"resumes"_s).toArray().isEmpty());
+
+    // A body announced at a gigabyte and sent without end: refused once past the limit, with
+    // the connection closed, before the server holds more than that.
+    QTcpSocket flood;
+    flood.connectToHost(QHostAddress::LocalHost, server.port);
+    ASSERT_TRUE(waitUntil([&] { return flood.state() == QAbstractSocket::ConnectedState; }));
+    flood.write("POST /api/v1/telemetry/events HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000000\r\n\r\n");
+    const QByteArray megabyte(1024 * 1024, '0');
+    qint64 sent = 0;
+    QByteArray answer;
+    ASSERT_TRUE(waitUntil([&] {
+        answer += flood.readAll();
+        if (flood.state() != QAbstractSocket::ConnectedState)
+            return true;
+        if (flood.bytesToWrite() < megabyte.size() && sent < 4 * HttpServer::maxRequestBytes)
+            sent += flood.write(megabyte);
+        return false;
+    }, 60'000)) << "the server never closed the connection";
+    EXPECT_TRUE(answer.startsWith("HTTP/1.1 413 ")) << answer.left(80).constData();
+    EXPECT_LT(sent, 2 * HttpServer::maxRequestBytes);
 
     const auto created =
         server.call(account, u"POST"_s, jobs, R"({"title":"Engineer","content":"Build things"})");
