@@ -53,6 +53,16 @@ std::optional<qint64> decodedSamples(const QByteArray& wav)
     return samples;
 }
 
+// A stand-in for espeak-ng: an executable file with this text.
+bool writeProgram(const QString& path, const QByteArray& text)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size())
+        return false;
+    file.close();
+    return file.setPermissions(file.permissions() | QFileDevice::ExeOwner);
+}
+
 } // namespace
 
 class PracticeRoutesTest : public ServerRoutesFixture {
@@ -247,11 +257,7 @@ TEST(PracticeSpeechTest, AStuckChildIsKilledWhenItsTimeIsUp)
 {
     QTemporaryDir dir;
     const auto program = dir.filePath(u"stuck-espeak"_s);
-    QFile script(program);
-    ASSERT_TRUE(script.open(QIODevice::WriteOnly));
-    script.write("#!/bin/sh\necho $$ >\"$0.pid\"\nexec sleep 600\n");
-    script.close();
-    script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
+    ASSERT_TRUE(writeProgram(program, "#!/bin/sh\necho $$ >\"$0.pid\"\nexec sleep 600\n"));
     ServerConfig config;
     config.espeakProgram = program;
     ServerHarness server(config);
@@ -281,9 +287,7 @@ TEST(PracticeSpeechTest, TheTextGoesOnStandardInputAndTheVoiceFollowsTheQuestion
 {
     QTemporaryDir dir;
     const auto program = dir.filePath(u"fake-espeak"_s);
-    QFile script(program);
-    ASSERT_TRUE(script.open(QIODevice::WriteOnly));
-    script.write(R"(#!/usr/bin/python3
+    ASSERT_TRUE(writeProgram(program, R"(#!/usr/bin/python3
 import struct, sys
 folder = sys.argv[0].rsplit('/', 1)[0]
 text = sys.stdin.buffer.read()
@@ -295,9 +299,7 @@ pcm = struct.pack('<4h', 0, 1000, -1000, 0)
 sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     + struct.pack('<IHHIIHH', 16, 1, 1, 22050, 44100, 2, 16)
     + b'data' + struct.pack('<I', 0x7ffff000) + pcm)
-)");
-    script.close();
-    script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
+)"));
 
     ServerConfig config;
     config.espeakProgram = program;
