@@ -71,12 +71,11 @@ def main():
         program.run_again(product.sign_in_over_http(login, "bench@example.org", "bench-password-1"))
         if not wait_until(lambda: desktop.is_viewable(OVERLAY), 20):
             raise RuntimeError("no overlay after signing in")
-        call = desktop.spawn([args.video_call])
+        desktop.spawn([args.video_call])
         wait_until(lambda: desktop.active_window() not in ("", None), 10)
         ui.press(OVERLAY, "Start")
         if not wait_until(lambda: ui.has_label(OVERLAY, "Recording live"), 30):
             raise RuntimeError("the interview did not start")
-        del call
 
         stop = threading.Event()
         talk = threading.Thread(target=converse, args=(desktop, stop), daemon=True)

@@ -79,7 +79,10 @@ class Desktop:
         return read_state(os.path.join(folder, "state"))
 
     def spawn(self, arguments, log=None, **kwargs):
-        out = open(os.path.join(self.scratch, log), "w") if log else subprocess.DEVNULL
+        out = subprocess.DEVNULL
+        if log:
+            with open(os.path.join(self.scratch, log), "w") as out:  # the child keeps its own copy
+                return self.spawn(arguments, stdout=out, **kwargs)
         child = subprocess.Popen(arguments, env=kwargs.pop("env", self.env), stdin=subprocess.DEVNULL,
                                  stdout=kwargs.pop("stdout", out), stderr=subprocess.STDOUT, **kwargs)
         self.children.append(child)
