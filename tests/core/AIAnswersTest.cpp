@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -41,6 +42,30 @@ QList<qint64> askedAt(const ScriptedBackend& backend, qint64 originMs)
 }
 
 qsizetype timesAsked(const H& h) { return h.backend->callsOf(u"streamAnswer"_s).size(); }
+
+// Goes live without automatic answers and asks about `question`. Given `openChunks`, the answer
+// stream sends those and then stays open for the test to drive.
+void ask(H& h, const QString& question, std::optional<QStringList> openChunks = std::nullopt)
+{
+    if (openChunks) {
+        h.backend->finishAnswers = false;
+        h.backend->answerChunks = *openChunks;
+    }
+    goLive(h);
+    h.say(Speaker::interviewer, question);
+    h.vm.triggerAIAnswer();
+}
+
+// Presses the key, lets time pass and checks that nothing was asked.
+void expectNothingAsked(H& h, bool canRequest)
+{
+    EXPECT_EQ(h.vm.canRequestAnswer(), canRequest);
+    h.vm.triggerAIAnswer();
+    h.passTime(10s);
+    EXPECT_EQ(timesAsked(h), 0);
+    EXPECT_TRUE(h.vm.aiAnswerHistory().isEmpty());
+    EXPECT_FALSE(h.vm.isGeneratingAnswer());
+}
 
 class AIAnswersTest : public ::testing::Test {
 protected:
@@ -132,12 +157,10 @@ TEST_F(AIAnswersTest, RequestFailuresAreRetriedOnlyWhenRetryable)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         H row;
-        goLive(row);
-        row.say(Speaker::interviewer, u"Why should we hire you?"_s);
         for (const auto& failure : c.failures)
             row.backend->streamAnswerFailures.add(failure);
+        ask(row, u"Why should we hire you?"_s);
         const qint64 t0 = row.clock.nowMs();
-        row.vm.triggerAIAnswer();
         if (c.askedAt.size() > 1) {
             row.passTime(699ms);
             EXPECT_EQ(timesAsked(row), 1);
@@ -243,18 +266,10 @@ TEST(RetryableNetworkErrorTest, RetryableErrorsAreLostConnectionsAndServerFaults
         EXPECT_EQ(isRetryableNetworkError(failure), retryable) << name;
 }
 
-// The key asks nothing, and no automatic answer comes, where there is nothing to ask or no
-// one to ask it of.
-TEST(AnswerKeyTest, DoesNothingWithoutAQuestionOrABackendSessionOrSignIn)
+// The key asks nothing, and no automatic answer comes, where there is nothing to ask, no one
+// to ask it of, or the recording has stopped.
+TEST(AnswerKeyTest, DoesNothingWithoutAQuestionABackendSessionSignInOrRecording)
 {
-    const auto expectNothingAsked = [](H& h, bool canRequest) {
-        EXPECT_EQ(h.vm.canRequestAnswer(), canRequest);
-        h.vm.triggerAIAnswer();
-        h.passTime(10s);
-        EXPECT_EQ(timesAsked(h), 0);
-        EXPECT_TRUE(h.vm.aiAnswerHistory().isEmpty());
-        EXPECT_FALSE(h.vm.isGeneratingAnswer());
-    };
     H onlyCandidate;
     goLive(onlyCandidate, true);
     onlyCandidate.say(Speaker::user, u"I am ready when you are."_s);
@@ -272,6 +287,15 @@ TEST(AnswerKeyTest, DoesNothingWithoutAQuestionOrABackendSessionOrSignIn)
     signedOut.say(Speaker::interviewer, u"Introduce yourself."_s);
     signedOut.vm.setLoggedIn(false);
     expectNothingAsked(signedOut, false);
+
+    // Stopping also cancels an automatic answer still waiting.
+    H stopped;
+    goLive(stopped, true);
+    stopped.say(Speaker::interviewer, u"Thank you for your time."_s);
+    stopped.passTime(2s);
+    stopped.stop();
+    expectNothingAsked(stopped, false);
+    EXPECT_EQ(stopped.vm.runningTaskCount(), 0);
 }
 
 TEST_F(AIAnswersTest, TheSelectedLineOrElseTheNewestInterviewerEntryIsAsked)
@@ -282,8 +306,16 @@ TEST_F(AIAnswersTest, TheSelectedLineOrElseTheNewestInterviewerEntryIsAsked)
     h.say(Speaker::interviewer, u"Second question"_s);
     h.passTime(1s);
     h.say(Speaker::user, u"My reply"_s);
-    const auto& entries = h.vm.transcriptManager().entries();
-    ASSERT_EQ(entries.size(), 3);
+    // Both speakers go on a second later; tells every entry's text.
+    const auto bothGoOn = [&](const QString& interviewer, const QString& user) {
+        h.passTime(1s);
+        h.say(Speaker::interviewer, interviewer);
+        h.say(Speaker::user, user);
+        QStringList contents;
+        for (const auto& entry : h.vm.transcriptManager().entries())
+            contents.append(entry.content);
+        return contents;
+    };
 
     // A selected line is asked, and the selection goes; the active entries stay open.
     for (int k = 0; k < 3; ++k)
@@ -293,26 +325,17 @@ TEST_F(AIAnswersTest, TheSelectedLineOrElseTheNewestInterviewerEntryIsAsked)
     ASSERT_EQ(h.backend->answerRequests.size(), 1);
     EXPECT_EQ(h.backend->answerRequests[0].question, u"First question."_s);
     EXPECT_FALSE(h.vm.selectedTranscriptIndex());
-    h.passTime(1s);
-    h.say(Speaker::interviewer, u"goes on"_s);
-    h.say(Speaker::user, u"too"_s);
-    ASSERT_EQ(entries.size(), 3);
-    EXPECT_EQ(entries[1].content, u"Second question goes on"_s);
-    EXPECT_EQ(entries[2].content, u"My reply too"_s);
+    EXPECT_EQ(bothGoOn(u"goes on"_s, u"too"_s),
+              (QStringList{u"First question."_s, u"Second question goes on"_s, u"My reply too"_s}));
 
     // Without a selection the newest interviewer entry is asked, and both speakers' entries
     // are closed: well within the merge gap, the next pieces start afresh.
     h.vm.triggerAIAnswer();
     ASSERT_EQ(h.backend->answerRequests.size(), 2);
     EXPECT_EQ(h.backend->answerRequests[1].question, u"Second question goes on"_s);
-    ASSERT_EQ(h.vm.aiAnswerHistory().size(), 2);
-    EXPECT_EQ(h.vm.aiAnswerHistory()[1].question, u"Second question goes on"_s);
-    h.passTime(1s);
-    h.say(Speaker::interviewer, u"And the team?"_s);
-    h.say(Speaker::user, u"Also"_s);
-    ASSERT_EQ(entries.size(), 5);
-    EXPECT_EQ(entries[3].content, u"And the team?"_s);
-    EXPECT_EQ(entries[4].content, u"Also"_s);
+    EXPECT_EQ(bothGoOn(u"And the team?"_s, u"Also"_s),
+              (QStringList{u"First question."_s, u"Second question goes on"_s, u"My reply too"_s,
+                           u"And the team?"_s, u"Also"_s}));
 }
 
 TEST_F(AIAnswersTest, RequestCarriesTheLastTenEntriesTheSessionAndTheSettings)
@@ -352,12 +375,8 @@ TEST_F(AIAnswersTest, RequestCarriesTheLastTenEntriesTheSessionAndTheSettings)
 
 TEST_F(AIAnswersTest, StreamFillsTheEntryAndLogsTheFinishedAnswer)
 {
-    h.backend->finishAnswers = false;
-    h.backend->answerChunks = {};
     h.backend->answerLogId = u"log-42"_s;
-    goLive(h);
-    h.say(Speaker::interviewer, u"What is RAII?"_s);
-    h.vm.triggerAIAnswer();
+    ask(h, u"What is RAII?"_s, QStringList{});
     ASSERT_EQ(h.backend->answerStreams.size(), 1);
     const auto stream = h.backend->answerStreams[0];
     ASSERT_EQ(h.vm.aiAnswerHistory().size(), 1);
@@ -402,9 +421,7 @@ TEST_F(AIAnswersTest, AnswerIsLoggedOnlyWithALogIdAndText)
         H row;
         row.backend->answerLogId = c.logId;
         row.backend->answerChunks = c.chunks;
-        goLive(row);
-        row.say(Speaker::interviewer, u"Any questions for us?"_s);
-        row.vm.triggerAIAnswer();
+        ask(row, u"Any questions for us?"_s);
         ASSERT_EQ(row.vm.aiAnswerHistory().size(), 1);
         const auto& entry = row.vm.aiAnswerHistory()[0];
         EXPECT_EQ(entry.answer, c.chunks.join(QString()));
@@ -417,11 +434,7 @@ TEST_F(AIAnswersTest, AnswerIsLoggedOnlyWithALogIdAndText)
 
 TEST_F(AIAnswersTest, StreamBreakingAfterSomeChunksKeepsThePartialText)
 {
-    h.backend->finishAnswers = false;
-    h.backend->answerChunks = {u"Half an "_s};
-    goLive(h);
-    h.say(Speaker::interviewer, u"Explain consensus."_s);
-    h.vm.triggerAIAnswer();
+    ask(h, u"Explain consensus."_s, QStringList{u"Half an "_s});
     h.passTime(2s);
     h.backend->answerStreams[0]->fail(failureOf(APIError::networkError()));
     H::settle();
@@ -440,11 +453,7 @@ TEST_F(AIAnswersTest, StreamBreakingAfterSomeChunksKeepsThePartialText)
 
 TEST_F(AIAnswersTest, StreamIsReadForNinetySecondsAtMost)
 {
-    h.backend->finishAnswers = false;
-    h.backend->answerChunks = {u"Start"_s};
-    goLive(h);
-    h.say(Speaker::interviewer, u"Tell me everything."_s);
-    h.vm.triggerAIAnswer();
+    ask(h, u"Tell me everything."_s, QStringList{u"Start"_s});
     const auto stream = h.backend->answerStreams[0];
 
     h.passTime(90s);
@@ -537,11 +546,7 @@ TEST_F(AIAnswersTest, TranscriptSelectionWalksTheLastFiveFinalRows)
 
 TEST_F(AIAnswersTest, StopEndsARunningAnswerAndKeepsItsEntry)
 {
-    h.backend->finishAnswers = false;
-    h.backend->answerChunks = {u"Part"_s};
-    goLive(h);
-    h.say(Speaker::interviewer, u"Last question."_s);
-    h.vm.triggerAIAnswer();
+    ask(h, u"Last question."_s, QStringList{u"Part"_s});
     ASSERT_TRUE(h.vm.isGeneratingAnswer());
 
     h.stop();
@@ -552,20 +557,6 @@ TEST_F(AIAnswersTest, StopEndsARunningAnswerAndKeepsItsEntry)
     h.backend->answerStreams[0]->push(u" more"_s);
     H::settle();
     EXPECT_EQ(h.vm.currentAnswerText(), u"Part"_s);
-}
-
-TEST_F(AIAnswersTest, StopCancelsAPendingAutomaticAnswerAndDisablesTheKey)
-{
-    goLive(h, true);
-    h.say(Speaker::interviewer, u"Thank you for your time."_s);
-    h.passTime(2s);
-    h.stop();
-    EXPECT_FALSE(h.vm.canRequestAnswer());
-    h.vm.triggerAIAnswer();
-    h.passTime(10s);
-    EXPECT_EQ(timesAsked(h), 0);
-    EXPECT_TRUE(h.vm.aiAnswerHistory().isEmpty());
-    EXPECT_EQ(h.vm.runningTaskCount(), 0);
 }
 
 } // namespace

@@ -37,11 +37,10 @@ void runInterview(InterviewHarness& h, int lines)
     ASSERT_TRUE(h.vm.isRecording());
     for (int k = 0; k < lines; ++k) {
         h.clock.advance(6s);
-        h.recognizerOf(Speaker::interviewer)->say(u"Question "_s + QString::number(k), true, h.clock.nowMs());
-        h.recognizerOf(Speaker::user)->say(u"Answer "_s + QString::number(k), true, h.clock.nowMs());
-        h.recognizerOf(Speaker::user)->say(u"and more"_s, false, h.clock.nowMs());
+        h.say(Speaker::interviewer, u"Question "_s + QString::number(k));
+        h.say(Speaker::user, u"Answer "_s + QString::number(k));
+        h.say(Speaker::user, u"and more"_s, false);
     }
-    InterviewHarness::settle();
 }
 
 qsizetype posts(const InterviewHarness& h)
@@ -114,8 +113,7 @@ TEST_F(SessionFinalisationTest, WithoutAChannelTheWholeTranscriptGoesUpEvenIfThe
     h.backend->calls.clear();
     h.failNextChannel = true;
     h.start();
-    h.recognizerOf(Speaker::interviewer)->say(u"Hel"_s, false, h.clock.nowMs());
-    InterviewHarness::settle();
+    h.say(Speaker::interviewer, u"Hel"_s, false);
     h.stop();
     EXPECT_EQ(h.backend->calls.mid(4), QStringList{u"completeSession session-2 0"_s});
 }
@@ -191,8 +189,7 @@ void leaveUndelivered(InterviewHarness& h, std::chrono::seconds ago)
 {
     h.failNextChannel = true;
     h.start();
-    h.recognizerOf(Speaker::interviewer)->say(u"Lost line"_s, true, h.clock.nowMs());
-    InterviewHarness::settle();
+    h.say(Speaker::interviewer, u"Lost line"_s);
     h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
     h.stop();
     ASSERT_TRUE(h.vm.pendingTranscriptUpload());
@@ -244,8 +241,7 @@ TEST_F(SessionFinalisationTest, PendingUploadThatFailsAgainIsKeptAndNamedWithIts
     EXPECT_EQ(h.vm.pipelineState(), State::recording);
 
     // Its own delivery failing too, the newer transcript replaces the older one.
-    h.recognizerOf(Speaker::interviewer)->say(u"Second lost"_s, true, h.clock.nowMs());
-    InterviewHarness::settle();
+    h.say(Speaker::interviewer, u"Second lost"_s);
     h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
     h.stop();
     ASSERT_TRUE(h.vm.pendingTranscriptUpload());

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -40,15 +41,21 @@ Mark mark(const InterviewHarness& h)
     return {h.backend->calls.size(), h.clock.nowMs()};
 }
 
-// When each backend call whose text starts with `prefix` was made after `from`, relative to it.
-QList<qint64> callOffsets(const ScriptedBackend& backend, const QString& prefix, Mark from)
+// When each speech token was fetched after `from`, relative to it.
+QList<qint64> tokenFetchOffsets(const InterviewHarness& h, Mark from)
 {
     QList<qint64> offsets;
-    for (qsizetype k = from.call; k < backend.calls.size(); ++k) {
-        if (backend.calls.at(k).startsWith(prefix))
-            offsets.append(backend.callTimesMs.at(k) - from.ms);
+    for (qsizetype k = from.call; k < h.backend->calls.size(); ++k) {
+        if (h.backend->calls.at(k).startsWith(u"fetchSpeechToken"_s))
+            offsets.append(h.backend->callTimesMs.at(k) - from.ms);
     }
     return offsets;
+}
+
+// A channel's restart count and back-off in seconds, compared as one.
+std::pair<int, double> backOff(const InterviewHarness& h, Speaker speaker)
+{
+    return {h.vm.restartCount(speaker), h.vm.reconnectBackoffSeconds(speaker)};
 }
 
 int tokenFetches(const InterviewHarness& h)
@@ -105,9 +112,8 @@ TEST_F(SpeechRecoveryTest, FailingTokenFetchesFollowTheBackOffScheduleUpToTheLim
         fail(row, speaker, u"socket closed"_s);
 
         row.passTime(195'499ms);
-        EXPECT_EQ(callOffsets(*row.backend, u"fetchSpeechToken"_s, t0), backOffSchedule);
-        EXPECT_EQ(row.vm.restartCount(speaker), 10);
-        EXPECT_EQ(row.vm.reconnectBackoffSeconds(speaker), 15);
+        EXPECT_EQ(tokenFetchOffsets(row, t0), backOffSchedule);
+        EXPECT_EQ(backOff(row, speaker), std::pair(10, 15.0));
         EXPECT_EQ(row.recognizerOf(speaker)->starts.size(), 1);
 
         // The eleventh counted event gives up on the attempt and only reschedules, every 30 s.
@@ -126,7 +132,7 @@ TEST_F(SpeechRecoveryTest, FailingTokenFetchesFollowTheBackOffScheduleUpToTheLim
             row.passTime(29'999ms);
             EXPECT_EQ(row.vm.restartCount(speaker), count);
         }
-        EXPECT_EQ(callOffsets(*row.backend, u"fetchSpeechToken"_s, t0), backOffSchedule);
+        EXPECT_EQ(tokenFetchOffsets(row, t0), backOffSchedule);
         EXPECT_EQ(row.vm.pipelineState(), State::recording);
         EXPECT_TRUE(row.vm.isRecording());
         EXPECT_EQ(sttFailures(*row.telemetry).size(), isInterviewer ? 13 : 0);
@@ -148,8 +154,7 @@ TEST_F(SpeechRecoveryTest, CountedSuccessRestartsTheSameRecognizerAndResetsTheBa
     const Mark t0 = mark(h);
     fail(h, Speaker::interviewer, u"vendor closed 1011"_s);
     h.passTime(6'499ms);
-    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 3);
-    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 2);
+    EXPECT_EQ(backOff(h, Speaker::interviewer), std::pair(3, 2.0));
 
     h.gates.hold(u"fetchSpeechToken"_s);
     h.passTime(1ms);
@@ -161,8 +166,7 @@ TEST_F(SpeechRecoveryTest, CountedSuccessRestartsTheSameRecognizerAndResetsTheBa
 
     EXPECT_EQ(h.vm.pipelineState(), State::recording);
     EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
-    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 0);
-    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 0.5);
+    EXPECT_EQ(backOff(h, Speaker::interviewer), std::pair(0, 0.5));
     EXPECT_FALSE(h.vm.isRestarting(Speaker::interviewer));
     // Only the four stream readers are left.
     EXPECT_EQ(h.vm.runningTaskCount(), 4);
@@ -189,11 +193,10 @@ TEST_F(SpeechRecoveryTest, CountedSuccessRestartsTheSameRecognizerAndResetsTheBa
     const Mark t1 = mark(h);
     fail(h, Speaker::interviewer, u"again"_s);
     h.passTime(499ms);
-    EXPECT_TRUE(callOffsets(*h.backend, u"fetchSpeechToken"_s, t1).isEmpty());
+    EXPECT_TRUE(tokenFetchOffsets(h, t1).isEmpty());
     h.passTime(1ms);
-    EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t1), QList<qint64>{500});
-    EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t0),
-              (QList<qint64>{500, 2'500, 6'500, t1.ms - t0.ms + 500}));
+    EXPECT_EQ(tokenFetchOffsets(h, t1), QList<qint64>{500});
+    EXPECT_EQ(tokenFetchOffsets(h, t0), (QList<qint64>{500, 2'500, 6'500, t1.ms - t0.ms + 500}));
     EXPECT_EQ(interviewer->starts.size(), 3);
     EXPECT_EQ(interviewer->origin, u"wss://eu.speech.test"_s);
 }
@@ -217,22 +220,19 @@ TEST_F(SpeechRecoveryTest, UncountedEventRestartsAtOnceAndShowsNothing)
     h.backend->speechTokenFailures.add(failureOf(APIError::serverError(500)));
     fail(h, Speaker::interviewer, u"dropped"_s);
     h.passTime(500ms);
-    ASSERT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
-    ASSERT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 1);
+    ASSERT_EQ(backOff(h, Speaker::interviewer), std::pair(1, 1.0));
     fail(h, Speaker::interviewer, u"token renewal"_s, false);
     EXPECT_EQ(interviewer->starts.size(), 3);
-    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
-    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 1);
+    EXPECT_EQ(backOff(h, Speaker::interviewer), std::pair(1, 1.0));
     EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
 
     // A failed uncounted restart still doubles the back-off, and the reschedule uses it.
     h.backend->speechTokenFailures.add(failureOf(APIError::serverError(500)));
     const Mark t1 = mark(h);
     fail(h, Speaker::interviewer, u"token renewal"_s, false);
-    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
-    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 2);
+    EXPECT_EQ(backOff(h, Speaker::interviewer), std::pair(1, 2.0));
     h.passTime(4s);
-    EXPECT_EQ(callOffsets(*h.backend, u"fetchSpeechToken"_s, t1), (QList<qint64>{0, 4'000}));
+    EXPECT_EQ(tokenFetchOffsets(h, t1), (QList<qint64>{0, 4'000}));
     EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 0);
     EXPECT_EQ(interviewer->starts.size(), 4);
 }
@@ -247,8 +247,7 @@ TEST_F(SpeechRecoveryTest, EventDuringARestartAddsNothing)
 
     for (const bool counts : {true, false}) {
         awaitTask(h.vm.handleInterviewerRecovery(u"second break"_s, counts), 1000);
-        EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
-        EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 0.5);
+        EXPECT_EQ(backOff(h, Speaker::interviewer), std::pair(1, 0.5));
         EXPECT_EQ(h.vm.pipelineState(), State::reconnecting);
         EXPECT_FALSE(h.vm.hasScheduledReconnect(Speaker::interviewer));
     }
@@ -305,8 +304,7 @@ TEST_F(SpeechRecoveryTest, RecognizerStartIsRetriedOnceWhenTheFailureIsRetryable
         EXPECT_FALSE(row.vm.isRestarting(Speaker::interviewer));
         EXPECT_EQ(row.vm.lastRecoverableError(), c.failure);
         if (c.failure) {
-            EXPECT_EQ(row.vm.restartCount(Speaker::interviewer), 1);
-            EXPECT_EQ(row.vm.reconnectBackoffSeconds(Speaker::interviewer), 1);
+            EXPECT_EQ(backOff(row, Speaker::interviewer), std::pair(1, 1.0));
             EXPECT_EQ(row.vm.statusMessage(), reconnectingInBackground);
         } else {
             EXPECT_EQ(row.vm.restartCount(Speaker::interviewer), 0);
@@ -365,17 +363,13 @@ TEST_F(SpeechRecoveryTest, UserChannelRestartsSilentlyAndKeepsItsCountAcrossInte
     // whose channel therefore cannot recover in that interview.
     fail(h, Speaker::interviewer, u"interviewer socket closed"_s);
     h.passTime(500ms);
-    ASSERT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
-    ASSERT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 1);
+    ASSERT_EQ(backOff(h, Speaker::interviewer), std::pair(1, 1.0));
     h.stop();
-    EXPECT_EQ(h.vm.restartCount(Speaker::user), 12);
     h.backend->speechTokenFailures.clear();
     h.start();
     ASSERT_TRUE(h.vm.isRecording());
-    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 0);
-    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::interviewer), 0.5);
-    EXPECT_EQ(h.vm.restartCount(Speaker::user), 12);
-    EXPECT_EQ(h.vm.reconnectBackoffSeconds(Speaker::user), 15);
+    EXPECT_EQ(backOff(h, Speaker::interviewer), std::pair(0, 0.5));
+    EXPECT_EQ(backOff(h, Speaker::user), std::pair(12, 15.0));
 
     const int fetchesBefore = tokenFetches(h);
     fail(h, Speaker::user, u"mic socket closed"_s);

@@ -49,9 +49,9 @@ protected:
     {
         return QJsonDocument::fromJson(server.requests("POST", eventsPath).last().body).object();
     }
-    void config(const QByteArray& body)
+    void config(const QByteArray& body, int status = 200)
     {
-        server.setRoute("GET", configPath, FakeBackend::Response::json(200, body));
+        server.setRoute("GET", configPath, FakeBackend::Response::json(status, body));
         awaitTask(client.fetchConfig());
     }
 
@@ -136,8 +136,7 @@ TEST_F(TelemetryClientTest, ConfigClampsTheSampleRateAndIgnoresBadBodies)
         EXPECT_FALSE(client.killSwitchEnabled()) << bad.toStdString();
         EXPECT_EQ(client.sampleRate(), 0.25) << bad.toStdString();
     }
-    server.setRoute("GET", configPath, FakeBackend::Response::json(500, R"({"enabled": true})"));
-    awaitTask(client.fetchConfig());
+    config(R"({"enabled": true})", 500);
     EXPECT_FALSE(client.killSwitchEnabled()) << "a failed request changes nothing";
 }
 

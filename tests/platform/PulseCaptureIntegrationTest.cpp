@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <csignal>
 #include <cstring>
@@ -210,6 +211,28 @@ protected:
         return std::make_unique<MicrophoneService>(
             [this, address] { return std::make_unique<PulseMicrophoneSource>(clock, address); });
     }
+    // Starts both services; their streams, system audio then microphone, each delivering audio.
+    using Streams = std::array<std::shared_ptr<AudioStream>, 2>;
+    Streams startBoth(AudioCaptureService& capture, MicrophoneService& mic)
+    {
+        awaitTask(capture.start());
+        awaitTask(mic.start());
+        const Streams streams{capture.audioStream(), mic.audioStream()};
+        for (const auto& stream : streams)
+            EXPECT_TRUE(receivesAudio(stream));
+        return streams;
+    }
+    // Stopping both is prompt and finishes both streams.
+    void stopBoth(AudioCaptureService& capture, MicrophoneService& mic, const Streams& streams)
+    {
+        QElapsedTimer timer;
+        timer.start();
+        awaitTask(capture.stop());
+        awaitTask(mic.stop());
+        EXPECT_LT(timer.elapsed(), 2000);
+        for (const auto& stream : streams)
+            EXPECT_TRUE(stream->isFinished());
+    }
     void script(const QString& command, const QString& stateFolder)
     {
         run(u"bash"_s, {QStringLiteral(RAVLET_PULSE_SCRIPT), command, stateFolder});
@@ -281,21 +304,9 @@ TEST_F(PulseCaptureIntegrationTest, StopIsPromptRepeatableAndRestartable)
     auto mic = microphone();
     for (int round = 0; round < 2; ++round) {
         SCOPED_TRACE(round == 0 ? "first start" : "start after stop");
-        awaitTask(capture->start());
-        awaitTask(mic->start());
-        const auto systemStream = capture->audioStream();
-        const auto micStream = mic->audioStream();
-        ASSERT_TRUE(receivesAudio(systemStream));
-        ASSERT_TRUE(receivesAudio(micStream));
-
-        timer.restart();
-        awaitTask(capture->stop());
-        awaitTask(mic->stop());
-        EXPECT_LT(timer.elapsed(), 2000);
-        EXPECT_TRUE(systemStream->isFinished());
-        EXPECT_TRUE(micStream->isFinished());
-        awaitTask(capture->stop());
-        awaitTask(mic->stop());
+        const auto streams = startBoth(*capture, *mic);
+        stopBoth(*capture, *mic, streams);
+        stopBoth(*capture, *mic, streams); // a second stop changes nothing
     }
 }
 
@@ -372,28 +383,16 @@ TEST_F(PulseCaptureIntegrationTest, MonitorIsNoMicrophoneAndAKilledServerEndsThe
     pactl(own.micSource);
 
     auto capture = systemAudio(own.address);
-    awaitTask(capture->start());
-    awaitTask(mic->start());
-    const auto systemStream = capture->audioStream();
-    const auto micStream = mic->audioStream();
-    ASSERT_TRUE(receivesAudio(systemStream));
-    ASSERT_TRUE(receivesAudio(micStream));
+    const auto streams = startBoth(*capture, *mic);
 
     ASSERT_EQ(::kill(own.pid, SIGKILL), 0);
     QTest::qWait(500); // what was already on its way may still arrive
-    drain(systemStream);
-    drain(micStream);
+    for (const auto& stream : streams)
+        drain(stream);
     QTest::qWait(500);
-    EXPECT_EQ(systemStream->bufferedCount(), 0u);
-    EXPECT_EQ(micStream->bufferedCount(), 0u);
-
-    QElapsedTimer timer;
-    timer.start();
-    awaitTask(capture->stop());
-    awaitTask(mic->stop());
-    EXPECT_LT(timer.elapsed(), 2000);
-    EXPECT_TRUE(systemStream->isFinished());
-    EXPECT_TRUE(micStream->isFinished());
+    for (const auto& stream : streams)
+        EXPECT_EQ(stream->bufferedCount(), 0u);
+    stopBoth(*capture, *mic, streams);
     EXPECT_FALSE(awaitTask(rights.systemAudioGranted()));
     script(u"stop"_s, stateFolder.path());
 }

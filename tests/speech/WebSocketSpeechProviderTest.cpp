@@ -79,16 +79,20 @@ struct ConnectionCase {
     QStringList opening; // frames before any audio
 };
 
-// What the shared suite needs to know of each vendor.
-struct Deepgram {
-    static constexpr auto name = "Deepgram";
-    using Provider = DeepgramProvider;
+// What the shared suite needs to know of each vendor; a vendor restates only what differs.
+struct PlainSocket {
     static constexpr auto speaker = Speaker::interviewer;
     static constexpr int openingFrames = 0;
     static QStringList subprotocols() { return {}; }
     static QString token() { return u"tok-1"_s; }
-    static QByteArray authorization() { return "Bearer tok-1"; }
+    static QByteArray authorization() { return {}; }
     static QStringList requestedSubprotocols() { return {}; }
+};
+
+struct Deepgram : PlainSocket {
+    static constexpr auto name = "Deepgram";
+    using Provider = DeepgramProvider;
+    static QByteArray authorization() { return "Bearer tok-1"; }
     static std::vector<ConnectionCase> connections()
     {
         const Items v1{{u"encoding"_s, u"linear16"_s}, {u"sample_rate"_s, u"16000"_s}, {u"channels"_s, u"1"_s},
@@ -121,14 +125,11 @@ struct Deepgram {
     }
 };
 
-struct OpenAI {
+struct OpenAI : PlainSocket {
     static constexpr auto name = "OpenAI";
     using Provider = OpenAISTTProvider;
-    static constexpr auto speaker = Speaker::interviewer;
     static constexpr int openingFrames = 1; // the session literal
     static QStringList subprotocols() { return {u"realtime"_s}; }
-    static QString token() { return u"tok-1"_s; }
-    static QByteArray authorization() { return {}; }
     static QStringList requestedSubprotocols() { return {u"realtime"_s, u"openai-insecure-api-key.tok-1"_s}; }
     static std::vector<ConnectionCase> connections()
     {
@@ -156,16 +157,12 @@ struct OpenAI {
     }
 };
 
-struct ElevenLabs {
+struct ElevenLabs : PlainSocket {
     static constexpr auto name = "ElevenLabs";
     using Provider = ElevenLabsProvider;
     static constexpr auto speaker = Speaker::user;
-    static constexpr int openingFrames = 0;
-    static QStringList subprotocols() { return {}; }
     // Characters a query would otherwise read as delimiters, a blank or an escape.
     static QString token() { return u"a+b/c=d&e%2F"_s; }
-    static QByteArray authorization() { return {}; }
-    static QStringList requestedSubprotocols() { return {}; }
     static std::vector<ConnectionCase> connections()
     {
         const Items base{{u"token"_s, token()}, {u"model_id"_s, u"scribe_v2_realtime"_s},
@@ -224,6 +221,19 @@ protected:
     }
     // What the latest socket carried after any opening frame.
     QStringList sent() const { return shown(this->server.last().frames).mid(V::openingFrames); }
+    // Points the provider at a plain TCP listener that never speaks WebSocket.
+    void useTcpVendor(QTcpServer& tcp)
+    {
+        ASSERT_TRUE(tcp.listen(QHostAddress::LocalHost, 0));
+        this->provider.setOrigin(u"ws://127.0.0.1:"_s + QString::number(tcp.serverPort()));
+    }
+    // The fake holds clients to today's rules: a socket breaking them is refused.
+    bool refused(const QString& pathAndQuery)
+    {
+        QWebSocket bare;
+        bare.open(QUrl(this->server.origin() + pathAndQuery));
+        return QTest::qWaitFor([&] { return bare.closeCode() == QWebSocketProtocol::CloseCodePolicyViolated; }, 10'000);
+    }
 };
 
 using Vendors = ::testing::Types<Deepgram, OpenAI, ElevenLabs>;
@@ -412,10 +422,9 @@ TEST_F(DeepgramTest, StopsFarewellWaitIsOnTheClock)
     // A vendor that never finishes the handshake: the closing message waits for it, for the
     // clock's two seconds.
     QTcpServer silent;
-    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost, 0));
+    ASSERT_NO_FATAL_FAILURE(useTcpVendor(silent));
     QPointer<QTcpSocket> accepted;
     QObject::connect(&silent, &QTcpServer::newConnection, [&] { accepted = silent.nextPendingConnection(); });
-    provider.setOrigin(u"ws://127.0.0.1:"_s + QString::number(silent.serverPort()));
     awaitTask(provider.start(u"tok-1"_s, u"de-DE"_s, audio, std::nullopt));
     ASSERT_TRUE(QTest::qWaitFor([&] { return accepted != nullptr; }, 10'000));
     awaitTask(provider.stop());
@@ -442,11 +451,7 @@ TEST_F(DeepgramTest, TodaysServiceKeepsTheV2SocketOpenWithoutKeepAlives)
     EXPECT_EQ(texts(segmentsAfter(1)), QStringList{u"F:Hello."_s});
     EXPECT_EQ(server.openConnectionCount(), 1);
     EXPECT_EQ(provider.recoveryEvents()->bufferedCount(), 0u);
-
-    // The fake holds clients to today's rules: v1 query keys on v2 are refused.
-    QWebSocket bare;
-    bare.open(QUrl(server.origin() + u"/v2/listen?model=flux-general-en&channels=1"_s));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return bare.closeCode() == QWebSocketProtocol::CloseCodePolicyViolated; }, 10'000));
+    EXPECT_TRUE(refused(u"/v2/listen?model=flux-general-en&channels=1"_s)) << "v1 query keys on v2";
 }
 
 // ---- OpenAI
@@ -493,8 +498,7 @@ TEST_F(OpenAITest, AnUnsentSessionLiteralEndsTheStartWithoutAudio)
 {
     audio->push({{0.25f}});
     QTcpServer closed;
-    ASSERT_TRUE(closed.listen(QHostAddress::LocalHost, 0));
-    provider.setOrigin(u"ws://127.0.0.1:"_s + QString::number(closed.serverPort()));
+    ASSERT_NO_FATAL_FAILURE(useTcpVendor(closed));
     closed.close();
     awaitTask(provider.start(u"tok-1"_s, u"en"_s, audio, std::nullopt));
     EXPECT_EQ(reasonsAfter(2), (QStringList{u"OpenAI disconnected: Connection refused"_s,
@@ -503,8 +507,7 @@ TEST_F(OpenAITest, AnUnsentSessionLiteralEndsTheStartWithoutAudio)
 
     // Takes the connection and never answers the upgrade: the handshake times out after a minute.
     QTcpServer silent;
-    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost, 0));
-    provider.setOrigin(u"ws://127.0.0.1:"_s + QString::number(silent.serverPort()));
+    ASSERT_NO_FATAL_FAILURE(useTcpVendor(silent));
     auto starting = provider.start(u"tok-1"_s, u"en"_s, audio, std::nullopt);
     ASSERT_TRUE(QTest::qWaitFor([&] { return silent.hasPendingConnections(); }, 10'000));
     clock.advance(59s);
@@ -532,11 +535,7 @@ TEST_F(OpenAITest, TodaysServiceAcceptsTheTranscriptionSession)
     EXPECT_EQ(texts(segmentsAfter(1)), QStringList{u"F:Hallo."_s});
     EXPECT_EQ(server.openConnectionCount(), 1);
     EXPECT_EQ(provider.recoveryEvents()->bufferedCount(), 0u) << "no error and no refusal";
-
-    // The fake does hold clients to it: a socket without the intent is refused.
-    QWebSocket bare;
-    bare.open(QUrl(server.origin() + u"/v1/realtime"_s));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return bare.closeCode() == QWebSocketProtocol::CloseCodePolicyViolated; }, 10'000));
+    EXPECT_TRUE(refused(u"/v1/realtime"_s)) << "a socket without the intent";
 }
 
 // ---- ElevenLabs
