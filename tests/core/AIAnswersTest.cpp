@@ -30,17 +30,7 @@ void goLive(H& h, bool autoTrigger = false)
     ASSERT_TRUE(h.vm.isRecording());
 }
 
-// When each answer request was made, relative to `originMs`.
-QList<qint64> askedAt(const ScriptedBackend& backend, qint64 originMs)
-{
-    QList<qint64> offsets;
-    for (qsizetype k = 0; k < backend.calls.size(); ++k) {
-        if (backend.calls.at(k).startsWith(u"streamAnswer"_s))
-            offsets.append(backend.callTimesMs.at(k) - originMs);
-    }
-    return offsets;
-}
-
+QList<qint64> askedAt(const H& h, qint64 originMs) { return h.backend->timesOf(u"streamAnswer"_s, originMs); }
 qsizetype timesAsked(const H& h) { return h.backend->callsOf(u"streamAnswer"_s).size(); }
 
 // Goes live without automatic answers and asks about `question`. Given `openChunks`, the answer
@@ -56,24 +46,9 @@ void ask(H& h, const QString& question, std::optional<QStringList> openChunks = 
     h.vm.triggerAIAnswer();
 }
 
-// Presses the key, lets time pass and checks that nothing was asked.
-void expectNothingAsked(H& h, bool canRequest)
+TEST(AIAnswersTest, AutomaticAnswerComesFourSecondsAfterTheLastFinalInterviewerPiece)
 {
-    EXPECT_EQ(h.vm.canRequestAnswer(), canRequest);
-    h.vm.triggerAIAnswer();
-    h.passTime(10s);
-    EXPECT_EQ(timesAsked(h), 0);
-    EXPECT_TRUE(h.vm.aiAnswerHistory().isEmpty());
-    EXPECT_FALSE(h.vm.isGeneratingAnswer());
-}
-
-class AIAnswersTest : public ::testing::Test {
-protected:
     H h;
-};
-
-TEST_F(AIAnswersTest, AutomaticAnswerComesFourSecondsAfterTheLastFinalInterviewerPiece)
-{
     goLive(h, true);
     const qint64 t0 = h.clock.nowMs();
     h.say(Speaker::interviewer, u"Tell me"_s);
@@ -89,9 +64,8 @@ TEST_F(AIAnswersTest, AutomaticAnswerComesFourSecondsAfterTheLastFinalInterviewe
     h.passTime(1999ms);
     EXPECT_EQ(timesAsked(h), 0);
     h.passTime(1ms);
-    EXPECT_EQ(askedAt(*h.backend, t0), QList<qint64>{10'000});
-    ASSERT_EQ(h.backend->answerRequests.size(), 1);
-    EXPECT_EQ(h.backend->answerRequests[0].question, u"Tell me about yourself please."_s);
+    EXPECT_EQ(askedAt(h, t0), QList<qint64>{10'000});
+    EXPECT_EQ(h.backend->answerRequests.value(0).question, u"Tell me about yourself please."_s);
 
     // Asked once only.
     h.passTime(30s);
@@ -100,8 +74,9 @@ TEST_F(AIAnswersTest, AutomaticAnswerComesFourSecondsAfterTheLastFinalInterviewe
     EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"An answer."_s);
 }
 
-TEST_F(AIAnswersTest, FinalPieceDuringAStreamingAnswerCancelsItAndAsksAgainLater)
+TEST(AIAnswersTest, FinalPieceDuringAStreamingAnswerCancelsItAndAsksAgainLater)
 {
+    H h;
     h.backend->finishAnswers = false;
     h.backend->answerChunks = {u"First "_s};
     goLive(h, true);
@@ -113,7 +88,6 @@ TEST_F(AIAnswersTest, FinalPieceDuringAStreamingAnswerCancelsItAndAsksAgainLater
     EXPECT_FALSE(h.vm.canRequestAnswer());
     h.vm.triggerAIAnswer();
     EXPECT_EQ(timesAsked(h), 1);
-    EXPECT_TRUE(h.vm.isGeneratingAnswer());
 
     h.passTime(1s);
     h.backend->answerChunks = {u"Second"_s};
@@ -129,7 +103,7 @@ TEST_F(AIAnswersTest, FinalPieceDuringAStreamingAnswerCancelsItAndAsksAgainLater
     h.passTime(3999ms);
     EXPECT_EQ(timesAsked(h), 1);
     h.passTime(1ms);
-    EXPECT_EQ(askedAt(*h.backend, t0), (QList<qint64>{4000, 9000}));
+    EXPECT_EQ(askedAt(h, t0), (QList<qint64>{4000, 9000}));
     ASSERT_EQ(h.vm.aiAnswerHistory().size(), 2);
     EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"First "_s);
     EXPECT_EQ(h.vm.aiAnswerHistory()[1].question, u"And a semaphore?"_s);
@@ -137,15 +111,14 @@ TEST_F(AIAnswersTest, FinalPieceDuringAStreamingAnswerCancelsItAndAsksAgainLater
     EXPECT_EQ(h.vm.selectedAnswerIndex(), 1);
 }
 
-TEST_F(AIAnswersTest, RequestFailuresAreRetriedOnlyWhenRetryable)
+TEST(AIAnswersTest, RequestFailuresAreRetriedOnlyWhenRetryable)
 {
-    struct Case {
+    const struct {
         const char* name;
         std::vector<std::exception_ptr> failures;
         QList<qint64> askedAt;
         std::optional<QString> failure; // the recoverable error, absent for a success
-    };
-    const std::vector<Case> cases{
+    } cases[] = {
         {"ServerError503ThenSuccess", {failureOf(APIError::serverError(503))}, {0, 700}, std::nullopt},
         {"TimeoutThenSuccess", {failureOf(TransportError(QNetworkReply::TimeoutError, u"timed out"_s))}, {0, 700},
          std::nullopt},
@@ -156,40 +129,36 @@ TEST_F(AIAnswersTest, RequestFailuresAreRetriedOnlyWhenRetryable)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        H row;
+        H h;
         for (const auto& failure : c.failures)
-            row.backend->streamAnswerFailures.add(failure);
-        ask(row, u"Why should we hire you?"_s);
-        const qint64 t0 = row.clock.nowMs();
+            h.backend->streamAnswerFailures.add(failure);
+        ask(h, u"Why should we hire you?"_s);
+        const qint64 t0 = h.clock.nowMs();
         if (c.askedAt.size() > 1) {
-            row.passTime(699ms);
-            EXPECT_EQ(timesAsked(row), 1);
-            EXPECT_TRUE(row.vm.isGeneratingAnswer());
-            EXPECT_FALSE(row.vm.lastNotice());
+            h.passTime(699ms);
+            EXPECT_EQ(timesAsked(h), 1);
+            EXPECT_TRUE(h.vm.isGeneratingAnswer());
+            EXPECT_FALSE(h.vm.lastNotice());
         }
-        row.passTime(20s);
-        EXPECT_EQ(askedAt(*row.backend, t0), c.askedAt);
-        EXPECT_FALSE(row.vm.isGeneratingAnswer());
-        ASSERT_EQ(row.vm.aiAnswerHistory().size(), 1);
-        EXPECT_EQ(row.vm.lastRecoverableError(), c.failure);
+        h.passTime(20s);
+        EXPECT_EQ(askedAt(h, t0), c.askedAt);
+        EXPECT_FALSE(h.vm.isGeneratingAnswer());
+        ASSERT_EQ(h.vm.aiAnswerHistory().size(), 1);
+        EXPECT_EQ(h.vm.lastRecoverableError(), c.failure);
+        EXPECT_EQ(h.vm.lastNotice(), c.failure ? std::optional(aiUnavailable) : std::nullopt);
+        EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, c.failure ? QString() : u"An answer."_s);
         if (c.failure) {
-            EXPECT_EQ(row.vm.lastNotice(), aiUnavailable);
-            EXPECT_EQ(row.vm.lastRecoverableErrorAtMs(), t0 + c.askedAt.last());
-            EXPECT_EQ(row.vm.aiAnswerHistory()[0].answer, QString());
-            EXPECT_EQ(row.vm.selectedAnswerIndex(), 0);
-        } else {
-            EXPECT_FALSE(row.vm.lastNotice());
-            EXPECT_EQ(row.vm.aiAnswerHistory()[0].answer, u"An answer."_s);
+            EXPECT_EQ(h.vm.lastRecoverableErrorAtMs(), t0 + c.askedAt.last());
         }
         // An answer failure never touches the recording.
-        EXPECT_EQ(row.vm.pipelineState(), State::recording);
-        EXPECT_EQ(row.vm.statusMessage(), u"Recording live"_s);
-        EXPECT_TRUE(row.vm.canRequestAnswer());
+        EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+        EXPECT_TRUE(h.vm.canRequestAnswer());
     }
 }
 
-TEST_F(AIAnswersTest, CancelledRetryWaitStillRetries)
+TEST(AIAnswersTest, CancelledRetryWaitStillRetries)
 {
+    H h;
     goLive(h, true);
     h.say(Speaker::interviewer, u"Walk me through your CV."_s);
     h.backend->streamAnswerFailures.add(failureOf(APIError::serverError(502)));
@@ -198,9 +167,8 @@ TEST_F(AIAnswersTest, CancelledRetryWaitStillRetries)
     h.passTime(300ms);
     // The new piece supersedes the answer in its retry wait; the retry goes out all the same.
     h.say(Speaker::interviewer, u"Briefly."_s);
-    EXPECT_EQ(askedAt(*h.backend, t0), (QList<qint64>{0, 300}));
-    EXPECT_FALSE(h.vm.isGeneratingAnswer());
-    EXPECT_FALSE(h.vm.lastNotice());
+    EXPECT_EQ(askedAt(h, t0), (QList<qint64>{0, 300}));
+    EXPECT_FALSE(h.vm.isGeneratingAnswer() || h.vm.lastNotice());
 }
 
 // What a real request reports when the backend stalls, refuses or cannot be routed to: each is
@@ -208,9 +176,8 @@ TEST_F(AIAnswersTest, CancelledRetryWaitStillRetries)
 TEST(RetryableNetworkErrorTest, RealStalledRefusedAndUnroutableRequestsAreRetryable)
 {
     QTcpServer stalling; // takes the request and never answers
-    ASSERT_TRUE(stalling.listen(QHostAddress::LocalHost, 0));
     QTcpServer closed;
-    ASSERT_TRUE(closed.listen(QHostAddress::LocalHost, 0));
+    ASSERT_TRUE(stalling.listen(QHostAddress::LocalHost, 0) && closed.listen(QHostAddress::LocalHost, 0));
     const quint16 refusedPort = closed.serverPort();
     closed.close();
 
@@ -218,12 +185,8 @@ TEST(RetryableNetworkErrorTest, RealStalledRefusedAndUnroutableRequestsAreRetrya
     InMemoryTokenStore tokens;
     QNetworkAccessManager network;
     network.setTransferTimeout(300);
-    const std::vector<std::pair<const char*, QString>> cases{
-        {"stalled", u"http://127.0.0.1:"_s + QString::number(stalling.serverPort())},
-        {"refused", u"http://127.0.0.1:"_s + QString::number(refusedPort)},
-        {"unroutable", u"http://[100::1]:80"_s},
-    };
-    for (const auto& [name, origin] : cases) {
+    for (const QString& origin : {u"http://127.0.0.1:"_s + QString::number(stalling.serverPort()),
+                                 u"http://127.0.0.1:"_s + QString::number(refusedPort), u"http://[100::1]:80"_s}) {
         std::exception_ptr failure;
         try {
             APIClient client(origin, tokens, notifications, &network);
@@ -231,9 +194,9 @@ TEST(RetryableNetworkErrorTest, RealStalledRefusedAndUnroutableRequestsAreRetrya
         } catch (...) {
             failure = std::current_exception();
         }
-        ASSERT_TRUE(failure) << name;
-        EXPECT_TRUE(isRetryableNetworkError(failure))
-            << name << ": " << errorCode(failure).toStdString() << " " << errorDescription(failure).toStdString();
+        ASSERT_TRUE(failure) << origin.toStdString();
+        EXPECT_TRUE(isRetryableNetworkError(failure)) << origin.toStdString() << ": " << errorCode(failure).toStdString()
+                                                      << " " << errorDescription(failure).toStdString();
     }
 }
 
@@ -267,39 +230,54 @@ TEST(RetryableNetworkErrorTest, RetryableErrorsAreLostConnectionsAndServerFaults
 }
 
 // The key asks nothing, and no automatic answer comes, where there is nothing to ask, no one
-// to ask it of, or the recording has stopped.
+// to ask it of, or the recording has stopped (which also cancels an automatic answer waiting).
 TEST(AnswerKeyTest, DoesNothingWithoutAQuestionABackendSessionSignInOrRecording)
 {
-    H onlyCandidate;
-    goLive(onlyCandidate, true);
-    onlyCandidate.say(Speaker::user, u"I am ready when you are."_s);
-    onlyCandidate.say(Speaker::interviewer, u"Let us"_s, false);
-    expectNothingAsked(onlyCandidate, true);
-
-    H local;
-    local.backend->createSessionFailures.add(failureOf(APIError::serverError(500)));
-    goLive(local, true);
-    local.say(Speaker::interviewer, u"Introduce yourself."_s);
-    expectNothingAsked(local, false);
-
-    H signedOut;
-    goLive(signedOut, true);
-    signedOut.say(Speaker::interviewer, u"Introduce yourself."_s);
-    signedOut.vm.setLoggedIn(false);
-    expectNothingAsked(signedOut, false);
-
-    // Stopping also cancels an automatic answer still waiting.
-    H stopped;
-    goLive(stopped, true);
-    stopped.say(Speaker::interviewer, u"Thank you for your time."_s);
-    stopped.passTime(2s);
-    stopped.stop();
-    expectNothingAsked(stopped, false);
-    EXPECT_EQ(stopped.vm.runningTaskCount(), 0);
+    const struct {
+        const char* name;
+        std::function<void(H&)> before, after;
+        bool canRequest;
+    } cases[] = {
+        {"onlyTheCandidateSpoke", [](H&) {},
+         [](H& h) {
+             h.say(Speaker::user, u"I am ready when you are."_s);
+             h.say(Speaker::interviewer, u"Let us"_s, false);
+         },
+         true},
+        {"localSession", [](H& h) { h.backend->createSessionFailures.add(failureOf(APIError::serverError(500))); },
+         [](H& h) { h.say(Speaker::interviewer, u"Introduce yourself."_s); }, false},
+        {"signedOut", [](H&) {},
+         [](H& h) {
+             h.say(Speaker::interviewer, u"Introduce yourself."_s);
+             h.vm.setLoggedIn(false);
+         },
+         false},
+        {"stopped", [](H&) {},
+         [](H& h) {
+             h.say(Speaker::interviewer, u"Thank you for your time."_s);
+             h.passTime(2s);
+             h.stop();
+         },
+         false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        H h;
+        c.before(h);
+        goLive(h, true);
+        c.after(h);
+        EXPECT_EQ(h.vm.canRequestAnswer(), c.canRequest);
+        h.vm.triggerAIAnswer();
+        h.passTime(10s);
+        EXPECT_EQ(timesAsked(h), 0);
+        EXPECT_TRUE(h.vm.aiAnswerHistory().isEmpty());
+        EXPECT_FALSE(h.vm.isGeneratingAnswer());
+    }
 }
 
-TEST_F(AIAnswersTest, TheSelectedLineOrElseTheNewestInterviewerEntryIsAsked)
+TEST(AIAnswersTest, TheSelectedLineOrElseTheNewestInterviewerEntryIsAsked)
 {
+    H h;
     goLive(h);
     h.say(Speaker::interviewer, u"First question."_s);
     h.passTime(6s);
@@ -322,8 +300,7 @@ TEST_F(AIAnswersTest, TheSelectedLineOrElseTheNewestInterviewerEntryIsAsked)
         h.vm.selectPreviousTranscript();
     ASSERT_EQ(h.vm.selectedTranscriptIndex(), 0);
     h.vm.triggerAIAnswer();
-    ASSERT_EQ(h.backend->answerRequests.size(), 1);
-    EXPECT_EQ(h.backend->answerRequests[0].question, u"First question."_s);
+    EXPECT_EQ(h.backend->answerRequests.value(0).question, u"First question."_s);
     EXPECT_FALSE(h.vm.selectedTranscriptIndex());
     EXPECT_EQ(bothGoOn(u"goes on"_s, u"too"_s),
               (QStringList{u"First question."_s, u"Second question goes on"_s, u"My reply too"_s}));
@@ -331,31 +308,30 @@ TEST_F(AIAnswersTest, TheSelectedLineOrElseTheNewestInterviewerEntryIsAsked)
     // Without a selection the newest interviewer entry is asked, and both speakers' entries
     // are closed: well within the merge gap, the next pieces start afresh.
     h.vm.triggerAIAnswer();
-    ASSERT_EQ(h.backend->answerRequests.size(), 2);
-    EXPECT_EQ(h.backend->answerRequests[1].question, u"Second question goes on"_s);
+    EXPECT_EQ(h.backend->answerRequests.value(1).question, u"Second question goes on"_s);
     EXPECT_EQ(bothGoOn(u"And the team?"_s, u"Also"_s),
               (QStringList{u"First question."_s, u"Second question goes on"_s, u"My reply too"_s,
                            u"And the team?"_s, u"Also"_s}));
 }
 
-TEST_F(AIAnswersTest, RequestCarriesTheLastTenEntriesTheSessionAndTheSettings)
+TEST(AIAnswersTest, RequestCarriesTheLastTenEntriesTheSessionAndTheSettings)
 {
+    H h;
     h.settings.setOutputLanguage(u"de"_s);
     h.settings.setActiveResumeId(u"resume-7"_s);
     goLive(h);
-    const auto speakerOf = [](int k) { return k % 2 ? Speaker::interviewer : Speaker::user; };
+    QList<QJsonObject> expectedContext;
     for (int k = 1; k <= 12; ++k) {
-        h.say(speakerOf(k), u"line "_s + QString::number(k));
+        const auto speaker = k % 2 ? Speaker::interviewer : Speaker::user;
+        h.say(speaker, u"line "_s + QString::number(k));
         h.passTime(5001ms);
+        if (k >= 3)
+            expectedContext.append({{u"speaker"_s, toText(speaker)}, {u"content"_s, u"line "_s + QString::number(k)}});
     }
     h.say(Speaker::user, u"unfinished"_s, false);
     h.say(Speaker::interviewer, u"also unfinished"_s, false);
     h.vm.triggerAIAnswer();
 
-    QList<QJsonObject> expectedContext;
-    for (int k = 3; k <= 12; ++k)
-        expectedContext.append(QJsonObject{{u"speaker"_s, k % 2 ? u"interviewer"_s : u"user"_s},
-                                           {u"content"_s, u"line "_s + QString::number(k)}});
     ASSERT_EQ(h.backend->answerRequests.size(), 1);
     const auto& first = h.backend->answerRequests[0];
     EXPECT_EQ(first.question, u"line 11"_s);
@@ -373,8 +349,9 @@ TEST_F(AIAnswersTest, RequestCarriesTheLastTenEntriesTheSessionAndTheSettings)
     EXPECT_EQ(h.backend->answerRequests[1].jobDescriptionId, u"jd-3"_s);
 }
 
-TEST_F(AIAnswersTest, StreamFillsTheEntryAndLogsTheFinishedAnswer)
+TEST(AIAnswersTest, StreamFillsTheEntryAndLogsTheFinishedAnswer)
 {
+    H h;
     h.backend->answerLogId = u"log-42"_s;
     ask(h, u"What is RAII?"_s, QStringList{});
     ASSERT_EQ(h.backend->answerStreams.size(), 1);
@@ -397,20 +374,17 @@ TEST_F(AIAnswersTest, StreamFillsTheEntryAndLogsTheFinishedAnswer)
 
     stream->finish();
     H::settle();
-    EXPECT_FALSE(h.vm.isGeneratingAnswer());
-    EXPECT_FALSE(h.vm.isSelectedAnswerStreaming());
+    EXPECT_FALSE(h.vm.isGeneratingAnswer() || h.vm.isSelectedAnswerStreaming());
     EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s), QStringList{u"saveAnswerLog log-42 Resource acquisition."_s});
 }
 
-TEST_F(AIAnswersTest, AnswerIsLoggedOnlyWithALogIdAndText)
+TEST(AIAnswersTest, AnswerIsLoggedOnlyWithALogIdAndText)
 {
-    struct Case {
+    const struct {
         const char* name;
         std::optional<QString> logId;
-        QStringList chunks;
-        QStringList expectedLog;
-    };
-    const std::vector<Case> cases{
+        QStringList chunks, expectedLog;
+    } cases[] = {
         {"NoChunks", u"log-1"_s, {}, {}},
         {"OnlyEmptyChunks", u"log-1"_s, {QString(), QString()}, {}},
         {"NoLogId", std::nullopt, {u"Some text"_s}, {}},
@@ -418,22 +392,22 @@ TEST_F(AIAnswersTest, AnswerIsLoggedOnlyWithALogIdAndText)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        H row;
-        row.backend->answerLogId = c.logId;
-        row.backend->answerChunks = c.chunks;
-        ask(row, u"Any questions for us?"_s);
-        ASSERT_EQ(row.vm.aiAnswerHistory().size(), 1);
-        const auto& entry = row.vm.aiAnswerHistory()[0];
+        H h;
+        h.backend->answerLogId = c.logId;
+        h.backend->answerChunks = c.chunks;
+        ask(h, u"Any questions for us?"_s);
+        ASSERT_EQ(h.vm.aiAnswerHistory().size(), 1);
+        const auto& entry = h.vm.aiAnswerHistory()[0];
         EXPECT_EQ(entry.answer, c.chunks.join(QString()));
-        EXPECT_FALSE(row.vm.isGeneratingAnswer());
-        EXPECT_FALSE(row.vm.lastNotice());
-        EXPECT_EQ(row.backend->callsOf(u"saveAnswerLog"_s), c.expectedLog);
-        EXPECT_EQ(row.telemetry->events.filter(u"first_answer_received"_s).size(), entry.answer.isEmpty() ? 0 : 1);
+        EXPECT_FALSE(h.vm.isGeneratingAnswer() || h.vm.lastNotice());
+        EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s), c.expectedLog);
+        EXPECT_EQ(h.telemetry->events.filter(u"first_answer_received"_s).size(), entry.answer.isEmpty() ? 0 : 1);
     }
 }
 
-TEST_F(AIAnswersTest, StreamBreakingAfterSomeChunksKeepsThePartialText)
+TEST(AIAnswersTest, StreamBreakingAfterSomeChunksKeepsThePartialText)
 {
+    H h;
     ask(h, u"Explain consensus."_s, QStringList{u"Half an "_s});
     h.passTime(2s);
     h.backend->answerStreams[0]->fail(failureOf(APIError::networkError()));
@@ -451,11 +425,11 @@ TEST_F(AIAnswersTest, StreamBreakingAfterSomeChunksKeepsThePartialText)
     EXPECT_EQ(timesAsked(h), 1);
 }
 
-TEST_F(AIAnswersTest, StreamIsReadForNinetySecondsAtMost)
+TEST(AIAnswersTest, StreamIsReadForNinetySecondsAtMost)
 {
+    H h;
     ask(h, u"Tell me everything."_s, QStringList{u"Start"_s});
     const auto stream = h.backend->answerStreams[0];
-
     h.passTime(90s);
     stream->push(u" on time"_s);
     H::settle();
@@ -463,14 +437,14 @@ TEST_F(AIAnswersTest, StreamIsReadForNinetySecondsAtMost)
     h.passTime(1ms);
     stream->push(u" too late"_s);
     H::settle();
-    EXPECT_FALSE(h.vm.isGeneratingAnswer());
+    EXPECT_FALSE(h.vm.isGeneratingAnswer() || h.vm.lastNotice());
     EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"Start on time"_s);
     EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s), QStringList{u"saveAnswerLog log-1 Start on time"_s});
-    EXPECT_FALSE(h.vm.lastNotice());
 }
 
-TEST_F(AIAnswersTest, AnswerSelectionStaysInBoundsAndFollowsNewAnswers)
+TEST(AIAnswersTest, AnswerSelectionStaysInBoundsAndFollowsNewAnswers)
 {
+    H h;
     // Moves the selection by `steps`, forwards or back, and tells what is shown.
     const auto shownAfter = [&](int steps) {
         for (; steps > 0; --steps)
@@ -480,8 +454,7 @@ TEST_F(AIAnswersTest, AnswerSelectionStaysInBoundsAndFollowsNewAnswers)
         return h.vm.currentAnswerText();
     };
     goLive(h);
-    EXPECT_EQ(shownAfter(1), QString());
-    EXPECT_EQ(shownAfter(-1), QString());
+    EXPECT_EQ(shownAfter(1) + shownAfter(-1), QString());
     EXPECT_FALSE(h.vm.selectedAnswerIndex());
 
     h.say(Speaker::interviewer, u"One?"_s);
@@ -490,11 +463,8 @@ TEST_F(AIAnswersTest, AnswerSelectionStaysInBoundsAndFollowsNewAnswers)
         h.vm.triggerAIAnswer();
     }
     EXPECT_EQ(h.vm.selectedAnswerIndex(), 2);
-    EXPECT_EQ(shownAfter(1), u"two"_s);
-    EXPECT_EQ(shownAfter(-1), u"one"_s);
-    EXPECT_EQ(shownAfter(-2), u"zero"_s);
-    EXPECT_EQ(h.vm.selectedAnswerIndex(), 0);
-    EXPECT_EQ(shownAfter(1), u"one"_s);
+    EXPECT_EQ((QStringList{shownAfter(1), shownAfter(-1), shownAfter(-2), shownAfter(1)}),
+              (QStringList{u"two"_s, u"one"_s, u"zero"_s, u"one"_s}));
 
     // A new answer takes the selection to the end although an older one was on show; only
     // that one shows as streaming.
@@ -512,12 +482,12 @@ TEST_F(AIAnswersTest, AnswerSelectionStaysInBoundsAndFollowsNewAnswers)
     EXPECT_FALSE(h.vm.isSelectedAnswerStreaming());
 }
 
-TEST_F(AIAnswersTest, TranscriptSelectionWalksTheLastFiveFinalRows)
+TEST(AIAnswersTest, TranscriptSelectionWalksTheLastFiveFinalRows)
 {
+    H h;
     goLive(h);
     h.vm.selectPreviousTranscript();
     EXPECT_FALSE(h.vm.selectedTranscriptIndex());
-
     for (int k = 1; k <= 7; ++k) {
         h.say(Speaker::interviewer, u"line "_s + QString::number(k));
         h.passTime(5001ms);
@@ -526,29 +496,31 @@ TEST_F(AIAnswersTest, TranscriptSelectionWalksTheLastFiveFinalRows)
     h.say(Speaker::user, u"um"_s, false);
     ASSERT_EQ(h.vm.transcriptManager().displayedEntries().size(), 6);
 
-    const auto walk = [&](int steps, void (InterviewViewModel::*select)()) {
-        for (int k = 0; k < steps; ++k)
-            (h.vm.*select)();
+    // Positive steps go back, negative ones forward.
+    const auto walk = [&](int steps) {
+        for (; steps > 0; --steps)
+            h.vm.selectPreviousTranscript();
+        for (; steps < 0; ++steps)
+            h.vm.selectNextTranscript();
         return h.vm.selectedTranscriptIndex();
     };
-    EXPECT_FALSE(walk(1, &InterviewViewModel::selectNextTranscript));
-    EXPECT_EQ(walk(1, &InterviewViewModel::selectPreviousTranscript), 4);
-    EXPECT_EQ(walk(6, &InterviewViewModel::selectPreviousTranscript), 0);
-    EXPECT_EQ(walk(4, &InterviewViewModel::selectNextTranscript), 4);
-    EXPECT_FALSE(walk(1, &InterviewViewModel::selectNextTranscript));
+    EXPECT_FALSE(walk(-1));
+    EXPECT_EQ(walk(1), 4);
+    EXPECT_EQ(walk(6), 0);
+    EXPECT_EQ(walk(-4), 4);
+    EXPECT_FALSE(walk(-1));
 
     // Position 0 is the oldest of the five rows shown, not of the whole transcript.
-    walk(5, &InterviewViewModel::selectPreviousTranscript);
+    walk(5);
     h.vm.triggerAIAnswer();
-    ASSERT_EQ(h.backend->answerRequests.size(), 1);
-    EXPECT_EQ(h.backend->answerRequests[0].question, u"line 3"_s);
+    EXPECT_EQ(h.backend->answerRequests.value(0).question, u"line 3"_s);
 }
 
-TEST_F(AIAnswersTest, StopEndsARunningAnswerAndKeepsItsEntry)
+TEST(AIAnswersTest, StopEndsARunningAnswerAndKeepsItsEntry)
 {
+    H h;
     ask(h, u"Last question."_s, QStringList{u"Part"_s});
     ASSERT_TRUE(h.vm.isGeneratingAnswer());
-
     h.stop();
     EXPECT_FALSE(h.vm.isGeneratingAnswer());
     EXPECT_EQ(h.vm.runningTaskCount(), 0);

@@ -17,6 +17,7 @@
 #include "UserSettings.h"
 
 #include <QHash>
+#include <QRegularExpression>
 #include <QSet>
 #include <QStringList>
 
@@ -56,18 +57,10 @@ private:
 // Failures to throw, one per call, in order; an empty slot lets the call succeed.
 class FailureScript {
 public:
-    void add(std::exception_ptr failure, int times = 1)
-    {
-        for (int k = 0; k < times; ++k)
-            m_failures.push_back(failure);
-    }
+    void add(std::exception_ptr failure, int times = 1) { m_failures.insert(m_failures.end(), times, failure); }
     void succeed(int times = 1) { add(nullptr, times); }
     void failAlways(std::exception_ptr failure) { m_always = std::move(failure); }
-    void clear()
-    {
-        m_failures.clear();
-        m_always = nullptr;
-    }
+    void clear() { *this = {}; }
     void throwIfScripted()
     {
         std::exception_ptr failure = m_always;
@@ -145,7 +138,8 @@ public:
     QCoro::Task<> start(QString token, QString language, std::shared_ptr<AudioStream> audio,
                         std::optional<QString> model) override
     {
-        co_await m_gates.pass(gateName(speaker()));
+        co_await m_gates.pass(speaker() == Speaker::interviewer ? u"interviewerRecognizer.start"_s
+                                                                : u"userRecognizer.start"_s);
         starts.append({token, language, audio, model});
         startFailures.throwIfScripted();
         isRunning = true;
@@ -162,22 +156,9 @@ public:
 
     void say(const QString& text, bool isFinal, qint64 timestampMs)
     {
-        TranscriptSegment segment;
-        segment.text = text;
-        segment.isFinal = isFinal;
-        segment.speaker = speaker();
-        segment.timestampMs = timestampMs;
-        m_segments->push(segment);
+        m_segments->push({text, isFinal, speaker(), timestampMs, std::nullopt});
     }
-    void fail(const QString& reason, bool countsTowardLimit = true)
-    {
-        m_recovery->push({reason, countsTowardLimit});
-    }
-
-    static QString gateName(Speaker speaker)
-    {
-        return speaker == Speaker::interviewer ? u"interviewerRecognizer.start"_s : u"userRecognizer.start"_s;
-    }
+    void fail(const QString& reason, bool countsTowardLimit = true) { m_recovery->push({reason, countsTowardLimit}); }
 
     SpeechProvider vendor;
     QList<Start> starts;
@@ -233,11 +214,7 @@ private:
 class FakeRights final : public AudioRights {
 public:
     explicit FakeRights(Gates& gates) : m_gates(gates) {}
-    QCoro::Task<bool> systemAudioGranted() override
-    {
-        ++systemAudioChecks;
-        co_return systemAudio;
-    }
+    QCoro::Task<bool> systemAudioGranted() override { co_return systemAudio; }
     QCoro::Task<bool> microphoneGranted() override
     {
         co_await m_gates.pass(u"rights.microphone"_s);
@@ -246,14 +223,13 @@ public:
 
     bool systemAudio = true;
     bool microphone = true;
-    int systemAudioChecks = 0;
 
 private:
     Gates& m_gates;
 };
 
 // The backend's interview operations, scripted per operation. Every call is logged as
-// "operation arguments" with the time it was made.
+// "operation arguments" with the time it was made; the operation's name is also its gate.
 class ScriptedBackend final : public InterviewBackend {
 public:
     ScriptedBackend(Clock& clock, Gates& gates) : m_clock(clock), m_gates(gates) {}
@@ -263,30 +239,19 @@ public:
 
     QCoro::Task<APIClient::SpeechTokenResponse> fetchSpeechToken() override
     {
-        co_await m_gates.pass(u"fetchSpeechToken"_s);
-        log(u"fetchSpeechToken"_s);
+        co_await enter(u"fetchSpeechToken"_s);
         speechTokenFailures.throwIfScripted();
-        ++speechTokensIssued;
-        APIClient::SpeechTokenResponse response;
-        response.provider = speechProvider;
-        response.token = u"speech-token-"_s + QString::number(speechTokensIssued);
-        response.sttModel = sttModel;
-        response.endpoint = endpoint;
-        co_return response;
+        co_return {speechProvider, u"speech-token-"_s + QString::number(++speechTokensIssued), sttModel, endpoint};
     }
     QCoro::Task<APIClient::AccountStatus> fetchAccountStatus() override
     {
-        co_await m_gates.pass(u"fetchAccountStatus"_s);
-        log(u"fetchAccountStatus"_s);
+        co_await enter(u"fetchAccountStatus"_s);
         accountStatusFailures.throwIfScripted();
-        APIClient::AccountStatus status;
-        status.speechProvider = accountSpeechProvider;
-        co_return status;
+        co_return {accountSpeechProvider};
     }
     QCoro::Task<InterviewSession> createSession(QString languageInput, QString languageOutput) override
     {
-        co_await m_gates.pass(u"createSession"_s);
-        log(u"createSession "_s + languageInput + u' ' + languageOutput);
+        co_await enter(u"createSession "_s + languageInput + u' ' + languageOutput);
         createSessionFailures.throwIfScripted();
         InterviewSession session;
         session.id = u"session-"_s + QString::number(++sessionsCreated);
@@ -297,49 +262,48 @@ public:
     }
     QCoro::Task<> completeSession(QString sessionId, qint64 sttAudioDurationMs) override
     {
-        co_await m_gates.pass(u"completeSession"_s);
-        log(u"completeSession "_s + sessionId + u' ' + QString::number(sttAudioDurationMs));
+        co_await enter(u"completeSession "_s + sessionId + u' ' + QString::number(sttAudioDurationMs));
         completeSessionFailures.throwIfScripted();
     }
     QCoro::Task<> postTranscript(QString sessionId, QList<QJsonObject> entries) override
     {
-        co_await m_gates.pass(u"postTranscript"_s);
-        log(u"postTranscript "_s + sessionId + u' ' + QString::number(entries.size()));
-        postedEntries.append(entries);
+        co_await enter(u"postTranscript "_s + sessionId + u' ' + QString::number(entries.size()));
         postTranscriptFailures.throwIfScripted();
         delivered.append(entries);
     }
     QCoro::Task<APIClient::StreamAnswerResult> streamAnswer(APIClient::AnswerRequest request) override
     {
-        co_await m_gates.pass(u"streamAnswer"_s);
-        log(u"streamAnswer "_s + request.question);
+        co_await enter(u"streamAnswer "_s + request.question);
         answerRequests.append(request);
         streamAnswerFailures.throwIfScripted();
-        APIClient::StreamAnswerResult result;
-        result.logId = answerLogId;
-        result.stream = std::make_shared<AnswerStream>();
+        auto stream = std::make_shared<AnswerStream>();
         for (const auto& chunk : std::as_const(answerChunks))
-            result.stream->push(chunk);
+            stream->push(chunk);
         if (finishAnswers)
-            result.stream->finish();
-        answerStreams.append(result.stream);
-        co_return result;
+            stream->finish();
+        answerStreams.append(stream);
+        co_return {answerLogId, stream};
     }
     QCoro::Task<> saveAnswerLog(QString logId, QString answer) override
     {
-        log(u"saveAnswerLog "_s + logId + u' ' + answer);
+        record(u"saveAnswerLog "_s + logId + u' ' + answer);
         co_return;
     }
 
     // The calls whose text starts with `prefix`.
     QStringList callsOf(const QString& prefix) const
     {
-        QStringList matching;
-        for (const auto& call : calls) {
-            if (call.startsWith(prefix))
-                matching.append(call);
+        return calls.filter(QRegularExpression(u'^' + QRegularExpression::escape(prefix)));
+    }
+    // When each call starting with `prefix` was made, from the `from`th call on, relative to `originMs`.
+    QList<qint64> timesOf(const QString& prefix, qint64 originMs, qsizetype from = 0) const
+    {
+        QList<qint64> offsets;
+        for (qsizetype k = from; k < calls.size(); ++k) {
+            if (calls.at(k).startsWith(prefix))
+                offsets.append(callTimesMs.at(k) - originMs);
         }
-        return matching;
+        return offsets;
     }
 
     QString base = u"http://backend.test"_s;
@@ -352,24 +316,24 @@ public:
     QStringList answerChunks{u"An "_s, u"answer."_s};
     bool finishAnswers = true;
 
-    FailureScript speechTokenFailures;
-    FailureScript accountStatusFailures;
-    FailureScript createSessionFailures;
-    FailureScript completeSessionFailures;
-    FailureScript postTranscriptFailures;
-    FailureScript streamAnswerFailures;
+    FailureScript speechTokenFailures, accountStatusFailures, createSessionFailures, completeSessionFailures,
+        postTranscriptFailures, streamAnswerFailures;
 
     QStringList calls;
     QList<qint64> callTimesMs;
-    QList<QJsonObject> postedEntries; // every post, failed or not
-    QList<QJsonObject> delivered;     // the posts that succeeded
+    QList<QJsonObject> delivered; // the posts that succeeded
     QList<APIClient::AnswerRequest> answerRequests;
     QList<std::shared_ptr<AnswerStream>> answerStreams;
     int speechTokensIssued = 0;
     int sessionsCreated = 0;
 
 private:
-    void log(const QString& call)
+    QCoro::Task<> enter(QString call)
+    {
+        co_await m_gates.pass(call.section(u' ', 0, 0));
+        record(call);
+    }
+    void record(const QString& call)
     {
         calls.append(call);
         callTimesMs.append(m_clock.nowMs());
@@ -379,32 +343,29 @@ private:
     Gates& m_gates;
 };
 
+// Each event as a line: its name and its values.
 class FakeTelemetry final : public InterviewTelemetry {
 public:
-    void firstInterviewStarted() override { events.append(u"first_interview_started"_s); }
-    void sttProviderChanged(const QString& provider) override
+    void firstInterviewStarted() override { add({u"first_interview_started"_s}); }
+    void sttProviderChanged(const QString& provider) override { add({u"stt_provider_changed"_s, provider}); }
+    void audioCaptureFailed(const QString& code, const QString& category) override
     {
-        events.append(u"stt_provider_changed "_s + provider);
-    }
-    void audioCaptureFailed(const QString& errorCode, const QString& category) override
-    {
-        events.append(u"audio_capture_failed "_s + errorCode + u' ' + category);
+        add({u"audio_capture_failed"_s, code, category});
     }
     void firstAnswerReceived(qint64 latencyMs) override
     {
-        events.append(u"first_answer_received "_s + QString::number(latencyMs));
+        add({u"first_answer_received"_s, QString::number(latencyMs)});
     }
-    void sttFailed(const QString& provider, const QString& errorCode) override
+    void sttFailed(const QString& provider, const QString& code) override { add({u"stt_failed"_s, provider, code}); }
+    void sessionCompleted(qint64 seconds, qint64 answers) override
     {
-        events.append(u"stt_failed "_s + provider + u' ' + errorCode);
-    }
-    void sessionCompleted(qint64 durationSeconds, qint64 answerCount) override
-    {
-        events.append(u"session_completed "_s + QString::number(durationSeconds) + u' '
-                      + QString::number(answerCount));
+        add({u"session_completed"_s, QString::number(seconds), QString::number(answers)});
     }
 
     QStringList events;
+
+private:
+    void add(const QStringList& event) { events.append(event.join(u' ')); }
 };
 
 // Everything an InterviewViewModel needs, faked, on the manual clock; signed in by default.
@@ -438,10 +399,8 @@ struct InterviewHarness {
             if (makeRealChannel)
                 return makeRealChannel();
             auto channel = std::make_shared<FakeTranscriptChannel>(gates);
-            if (failNextChannel) {
+            if (std::exchange(failNextChannel, false))
                 channel->startFailures.add(failureOf(std::runtime_error("channel refused")));
-                failNextChannel = false;
-            }
             channels.append(channel);
             return channel;
         };
@@ -473,6 +432,12 @@ struct InterviewHarness {
     void say(Speaker speaker, const QString& text, bool isFinal = true)
     {
         recognizerOf(speaker)->say(text, isFinal, clock.nowMs());
+        settle();
+    }
+    // A recovery event of the speaker's recogniser, handled.
+    void fail(Speaker speaker, const QString& reason, bool countsTowardLimit = true)
+    {
+        recognizerOf(speaker)->fail(reason, countsTowardLimit);
         settle();
     }
 
