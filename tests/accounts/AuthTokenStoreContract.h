@@ -24,79 +24,41 @@ struct TokenStoreBacking {
     std::function<std::optional<std::string>()> unavailable = [] { return std::nullopt; };
 };
 
-class AuthTokenStoreTest : public ::testing::TestWithParam<TokenStoreBacking> {
-protected:
-    void SetUp() override
-    {
-        if (const auto reason = GetParam().unavailable())
-            GTEST_SKIP() << *reason;
-        store = GetParam().make();
-        ASSERT_TRUE(store);
-        // A store outside this process (the keyring) may still hold another test's tokens.
-        QCoro::waitFor(store->clearTokens());
-        ASSERT_FALSE(QCoro::waitFor(store->getAccessToken()));
-        ASSERT_FALSE(QCoro::waitFor(store->getRefreshToken()));
-    }
-
-    void save(const QString& access, const QString& refresh)
-    {
-        QCoro::waitFor(store->saveTokens(access, refresh));
-    }
-    std::optional<QString> access() { return QCoro::waitFor(store->getAccessToken()); }
-    std::optional<QString> refresh() { return QCoro::waitFor(store->getRefreshToken()); }
-    void clear() { QCoro::waitFor(store->clearTokens()); }
-
-    std::unique_ptr<AuthTokenStore> store;
-    LogCapture logs;
-};
+class AuthTokenStoreTest : public ::testing::TestWithParam<TokenStoreBacking> {};
 
 inline std::string backingName(const ::testing::TestParamInfo<TokenStoreBacking>& info)
 {
     return info.param.name;
 }
 
-TEST_P(AuthTokenStoreTest, SavedTokensReadBackAndASecondSaveReplacesBoth)
+TEST_P(AuthTokenStoreTest, SaveReplacesBothClearRemovesBothAndTextsComeBackExactly)
 {
-    save(QStringLiteral("access-1"), QStringLiteral("refresh-1"));
-    EXPECT_EQ(access(), QStringLiteral("access-1"));
-    EXPECT_EQ(refresh(), QStringLiteral("refresh-1"));
+    if (const auto reason = GetParam().unavailable())
+        GTEST_SKIP() << *reason;
+    const auto store = GetParam().make();
+    LogCapture logs;
+    const auto tokens = [&] {
+        return std::pair(QCoro::waitFor(store->getAccessToken()), QCoro::waitFor(store->getRefreshToken()));
+    };
+    using Tokens = std::pair<std::optional<QString>, std::optional<QString>>;
+    // Twice on an empty store: a store outside this process (the keyring) may still hold
+    // another test's tokens, and clearing nothing must be harmless.
+    QCoro::waitFor(store->clearTokens());
+    QCoro::waitFor(store->clearTokens());
+    EXPECT_EQ(tokens(), Tokens());
 
-    save(QStringLiteral("access-2"), QStringLiteral("refresh-2"));
-    EXPECT_EQ(access(), QStringLiteral("access-2"));
-    EXPECT_EQ(refresh(), QStringLiteral("refresh-2"));
-    EXPECT_EQ(logs.lines(), QStringList());
-}
-
-TEST_P(AuthTokenStoreTest, ClearRemovesBothAndIsHarmlessOnAnEmptyStore)
-{
-    clear();
-    EXPECT_FALSE(access());
-    EXPECT_FALSE(refresh());
-
-    save(QStringLiteral("access"), QStringLiteral("refresh"));
-    clear();
-    EXPECT_FALSE(access());
-    EXPECT_FALSE(refresh());
-
-    clear();
-    EXPECT_FALSE(access());
-    EXPECT_EQ(logs.lines(), QStringList());
-}
-
-TEST_P(AuthTokenStoreTest, TextsComeBackExactlyAsSaved)
-{
     const QString texts[] = {
+        QStringLiteral("first"),
         QString(), // an empty token is an empty text, not a missing one
         QStringLiteral(u"t\u00f8ken-\u2713-\U0001D11E"),
         QStringLiteral(u"\ufeffleading byte-order mark"),
         QString(8192, u'x'),
     };
     for (const auto& text : texts) {
-        save(text, text + QStringLiteral(".r"));
-        const auto saved = access();
-        ASSERT_TRUE(saved) << "saved " << text.size() << " characters";
-        EXPECT_EQ(*saved, text);
-        EXPECT_EQ(refresh(), text + QStringLiteral(".r"));
+        QCoro::waitFor(store->saveTokens(text, text + QStringLiteral(".r")));
+        EXPECT_EQ(tokens(), Tokens(text, text + QStringLiteral(".r"))) << text.size() << " characters";
     }
+    QCoro::waitFor(store->clearTokens());
+    EXPECT_EQ(tokens(), Tokens());
     EXPECT_EQ(logs.lines(), QStringList());
 }

@@ -4,12 +4,10 @@
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
-#include <gmock/gmock.h>
-
 using namespace Qt::StringLiterals;
-using ::testing::MatchesRegex;
 
 INSTANTIATE_TEST_SUITE_P(
     Stores, AuthTokenStoreTest,
@@ -40,14 +38,8 @@ TEST(AuthServiceTest, WithoutSecretServiceSavesAreLoggedAndReadsGiveNothing)
     QCoro::waitFor(store.clearTokens());
 
     EXPECT_LT(elapsed.elapsed(), 5000) << "a missing bus must fail at once";
-    const auto lines = logs.lines();
-    ASSERT_EQ(lines.size(), 3) << lines.join(u'\n').toStdString();
-    EXPECT_THAT(lines[0].toStdString(),
-                MatchesRegex(R"(\[Keychain\] save failed for ravlet\.accessToken: [1-9][0-9]*)"));
-    EXPECT_THAT(lines[1].toStdString(),
-                MatchesRegex(R"(\[Keychain\] save failed for ravlet\.refreshToken: [1-9][0-9]*)"));
-    EXPECT_THAT(lines[2].toStdString(),
-                MatchesRegex(R"(\[Keychain\] read failed for ravlet\.accessToken: [1-9][0-9]*)"));
-    for (const auto& line : lines)
-        EXPECT_FALSE(line.contains(u"Tk9"_s)) << "a token reached the log";
+    // The error code, and never the token.
+    EXPECT_EQ(logs.lines().join(u'\n').remove(QRegularExpression(u": [1-9][0-9]*$"_s, QRegularExpression::MultilineOption)),
+              u"[Keychain] save failed for ravlet.accessToken\n[Keychain] save failed for ravlet.refreshToken\n"
+              u"[Keychain] read failed for ravlet.accessToken"_s);
 }
