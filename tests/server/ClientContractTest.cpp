@@ -3,17 +3,11 @@
 #include "APIClient.h"
 #include "AuthTokenStore.h"
 #include "AwaitTask.h"
-#include "DeepgramProvider.h"
-#include "ElevenLabsProvider.h"
 #include "FakeBackend.h"
-#include "FakeVendorServer.h"
-#include "OpenAISTTProvider.h"
 #include "NotificationCenter.h"
 #include "SpeechTokens.h"
 
-#include <QFile>
-#include <QJsonDocument>
-#include <QTest>
+#include <QJsonArray>
 
 #include <gtest/gtest.h>
 
@@ -46,10 +40,7 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     EXPECT_NE(client.accessToken(), auth.accessToken);
 
     const auto cvText = u"Reduced build times by half.\n"_s;
-    QFile cv(server.dir.filePath(u"CV.txt"_s));
-    ASSERT_TRUE(cv.open(QIODevice::WriteOnly) && cv.write(cvText.toUtf8()) > 0);
-    cv.close();
-    const auto resume = awaitTask(client.uploadResume(cv.fileName()));
+    const auto resume = awaitTask(client.uploadResume(writeFile(server.dir.filePath(u"CV.txt"_s), cvText.toUtf8())));
     EXPECT_EQ(resume.filename, u"CV.txt"_s);
     EXPECT_EQ(resume.extractedText, cvText);
     const auto job =
@@ -76,11 +67,12 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     ASSERT_TRUE(answer.logId);
     EXPECT_EQ(server.engine.answers.back()->request.resumeText, cvText);
     awaitTask(client.saveAnswerLog(*answer.logId, u"Draft, edited"_s));
+    EXPECT_EQ(server.call({{}, {}, *client.accessToken(), {}}, "GET", u"/api/v1/chat/log/"_s + *answer.logId)
+                  .json()[u"answer"_s], u"Draft, edited"_s);
     awaitTask(client.completeSession(session.id, 0));
 
-    const auto stored = QJsonDocument::fromJson(
-        server.call({{}, {}, *client.accessToken(), {}}, u"GET"_s,
-                    u"/api/v1/interview/session/"_s + session.id).body).object();
+    const auto stored = server.call({{}, {}, *client.accessToken(), {}}, "GET",
+                                    u"/api/v1/interview/session/"_s + session.id).json();
     EXPECT_EQ(stored.value(u"status"_s).toString(), u"completed"_s);
     QStringList order;
     for (const auto& line : stored.value(u"transcript"_s).toArray())
@@ -93,81 +85,37 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     EXPECT_TRUE(awaitTask(client.fetchResumes()).resumes.isEmpty());
 }
 
-namespace {
-
-template<class Provider>
-std::unique_ptr<SpeechRecognitionProvider> providerAt(const QString& origin)
-{
-    static SystemClock clock;
-    return std::make_unique<Provider>(TranscriptEntry::Speaker::interviewer, clock, origin);
-}
-
-// Wherever a vendor takes its token (each provider's own suite checks which): the URL, a header
-// or a subprotocol.
-QString howOpened(const FakeVendorServer::Connection& connection)
-{
-    auto text = connection.url.toString() + u'\n' + connection.requestedSubprotocols.join(u'\n');
-    for (const auto& [name, value] : connection.headers)
-        text += u'\n' + QString::fromUtf8(name + ": " + value);
-    return text;
-}
-
-} // namespace
-
-// A server holding a vendor key: the client decodes the token it mints and connects to the
-// vendor with it, and a vendor's refusal reaches the client in words that name the vendor.
-TEST(VendorTokenContractTest, TheClientConnectsWithTheMintedTokenAndShowsRefusals)
+// A server holding a vendor key: the client decodes the token it mints (how each provider then
+// uses it is the provider's own suite), and a vendor's refusal reaches the client in words that
+// name the vendor.
+TEST(VendorTokenContractTest, TheClientReadsTheMintedTokenAndShowsRefusals)
 {
     FakeBackend vendorApi;
     vendorApi.setRouteSequence(
         "POST", "/v1/realtime/client_secrets",
         {FakeBackend::Response::json(200, R"({"value":"ek_minted","expires_at":1756310470})"),
          FakeBackend::Response::json(429, R"({"error":{"message":"Rate limit reached"}})")});
-    vendorApi.setRoute("POST", "/v1/auth/grant",
-                       FakeBackend::Response::json(200, R"({"access_token":"dg.jwt.minted"})"));
-    vendorApi.setRoute("POST", "/v1/single-use-token/realtime_scribe",
-                       FakeBackend::Response::json(200, R"({"token":"el_minted"})"));
-
-    const struct {
-        SpeechVendor vendor;
-        std::unique_ptr<SpeechRecognitionProvider> (*provider)(const QString&);
-        QString minted;
-    } vendors[] = {
-        {SpeechVendor::openai, providerAt<OpenAISTTProvider>, u"ek_minted"_s},
-        {SpeechVendor::deepgram, providerAt<DeepgramProvider>, u"dg.jwt.minted"_s},
-        {SpeechVendor::elevenlabs, providerAt<ElevenLabsProvider>, u"el_minted"_s},
-    };
-    for (const auto& vendor : vendors) {
-        SCOPED_TRACE(vendorName(vendor.vendor).toStdString());
+    vendorApi.setRoute("POST", "/v1/auth/grant", FakeBackend::Response::json(200, R"({"access_token":"dg.jwt.minted"})"));
+    vendorApi.setRoute("POST", "/v1/single-use-token/realtime_scribe", FakeBackend::Response::json(200, R"({"token":"el_minted"})"));
+    for (const auto& [vendor, minted] : {std::pair{SpeechVendor::openai, u"ek_minted"_s},
+                                         std::pair{SpeechVendor::deepgram, u"dg.jwt.minted"_s},
+                                         std::pair{SpeechVendor::elevenlabs, u"el_minted"_s}}) {
+        SCOPED_TRACE(vendorName(vendor).toStdString());
         ServerConfig config;
-        config.speechVendor = SpeechVendorConfig{vendor.vendor, u"sk-long-lived"_s,
-                                                 vendorApi.origin(), u"gpt-4o-transcribe"_s};
+        config.speechVendor = SpeechVendorConfig{vendor, u"sk-long-lived"_s, vendorApi.origin(), u"gpt-4o-transcribe"_s};
         ServerHarness server(config);
         InMemoryTokenStore tokens;
         NotificationCenter notifications;
         APIClient client{server.base(), tokens, notifications};
         client.setAccessToken(server.signUp().accessToken);
 
-        EXPECT_EQ(awaitTask(client.fetchAccountStatus()).speechProvider, vendorName(vendor.vendor));
+        EXPECT_EQ(awaitTask(client.fetchAccountStatus()).speechProvider, vendorName(vendor));
         const auto token = awaitTask(client.fetchSpeechToken());
-        EXPECT_EQ(token.provider, vendorName(vendor.vendor));
-        EXPECT_EQ(token.token, vendor.minted);
+        EXPECT_EQ(token.provider, vendorName(vendor));
+        EXPECT_EQ(token.token, minted);
         EXPECT_FALSE(token.endpoint);
-        const bool openai = vendor.vendor == SpeechVendor::openai;
+        const bool openai = vendor == SpeechVendor::openai;
         EXPECT_EQ(token.sttModel, openai ? std::optional(u"gpt-4o-transcribe"_s) : std::nullopt);
-
-        FakeVendorServer vendorSocket(QStringList{u"realtime"_s});
-        const auto provider = vendor.provider(vendorSocket.origin());
-        awaitTask(provider->start(token.token, u"en-US"_s, std::make_shared<AudioStream>(),
-                                  token.sttModel));
-        ASSERT_TRUE(vendorSocket.waitForConnections(1));
-        const auto opened = howOpened(vendorSocket.last());
-        EXPECT_TRUE(opened.contains(vendor.minted)) << opened.toStdString();
-        EXPECT_FALSE(opened.contains(u"sk-long-lived"_s));
-        awaitTask(provider->stop());
-        // The provider's farewell closes the socket after stop returns; it must end before the
-        // test does.
-        EXPECT_TRUE(QTest::qWaitFor([&] { return vendorSocket.openConnectionCount() == 0; }, 5000));
         if (!openai)
             continue;
         // The second grant is refused as rate-limited: the client shows the server's words.

@@ -9,6 +9,8 @@
 #include <QThread>
 #include <QTimer>
 
+#include <gtest/gtest.h>
+
 using namespace Qt::StringLiterals;
 
 const QByteArray ServerHarness::signingKey = QByteArray(32, 'k');
@@ -59,11 +61,21 @@ CurlResult curl(const QStringList& arguments)
     return result;
 }
 
+QString writeFile(const QString& path, const QByteArray& bytes, bool executable)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
+        ADD_FAILURE() << "cannot write " << path.toStdString();
+    file.close();
+    if (executable)
+        file.setPermissions(file.permissions() | QFileDevice::ExeOwner);
+    return path;
+}
+
 ServerHarness::ServerHarness(ServerConfig config, ravlet::server::AnswerEngine* answerEngine)
     : clock(wallClockMs())
 {
-    const auto url = qEnvironmentVariable("RAVLET_TEST_DATABASE");
-    db = Database::open(url.isEmpty() ? dir.filePath(u"server.sqlite"_s) : url);
+    db = reopen();
     accounts = std::make_unique<AccountService>(*db, clock, signingKey);
     api = std::make_unique<Api>(*db, *accounts, clock, std::move(config),
                                 answerEngine ? answerEngine : &engine);
@@ -74,6 +86,12 @@ ServerHarness::ServerHarness(ServerConfig config, ravlet::server::AnswerEngine* 
 
 ServerHarness::~ServerHarness() = default;
 
+std::unique_ptr<Database> ServerHarness::reopen() const
+{
+    const auto url = qEnvironmentVariable("RAVLET_TEST_DATABASE");
+    return Database::open(url.isEmpty() ? dir.filePath(u"server.sqlite"_s) : url);
+}
+
 ServerHarness::Account ServerHarness::signUp()
 {
     const auto email = u"user-"_s + uuidLower() + u"@example.org"_s;
@@ -83,21 +101,26 @@ ServerHarness::Account ServerHarness::signUp()
     return {user.id, email, pair->accessToken, pair->refreshToken};
 }
 
-CurlResult ServerHarness::call(const Account& account, const QString& method, const QString& path,
-                               const QByteArray& body)
+CurlResult ServerHarness::call(const Account& account, const QByteArray& method,
+                               const QString& path, const QByteArray& body)
 {
-    QStringList arguments{u"-X"_s, method};
+    QStringList arguments{u"-X"_s, QString::fromLatin1(method)};
     if (!account.accessToken.isEmpty())
         arguments << u"-H"_s << u"Authorization: Bearer "_s + account.accessToken;
     if (!body.isNull()) {
         // Through a file: a command-line argument cannot hold 10 MB or bytes that are not text.
-        const auto file = dir.filePath(u"body-"_s + uuidLower());
-        QFile out(file);
-        if (out.open(QIODevice::WriteOnly))
-            out.write(body);
-        out.close();
+        const auto file = writeFile(dir.filePath(u"body-"_s + uuidLower()), body);
         arguments << u"-H"_s << u"Content-Type: application/json"_s << u"--data-binary"_s
                   << u"@"_s + file;
     }
     return curl(arguments << base() + path);
+}
+
+void expectStatuses(ServerHarness& server, const ServerHarness::Account& account,
+                    const std::vector<RouteCase>& cases)
+{
+    for (const auto& c : cases) {
+        EXPECT_EQ(server.call(account, c.method, c.path, c.body).status, c.status)
+            << c.method << ' ' << c.path.toStdString() << ' ' << c.body.left(40).toStdString();
+    }
 }

@@ -8,11 +8,12 @@
 #include "HttpServer.h"
 
 #include <QByteArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QStringList>
 #include <QTemporaryDir>
 
 #include <memory>
-#include <optional>
 #include <vector>
 
 // An answer engine driven by the test: each answer waits until the test emits its chunks.
@@ -38,10 +39,19 @@ struct CurlResult {
     int status = 0;
     QByteArray headers;
     QByteArray body;
+    // Const, so that a value taken from it by [] is a copy, not a reference into the temporary.
+    const QJsonObject json() const { return QJsonDocument::fromJson(body).object(); }
 };
+
+inline QByteArray compact(const QJsonObject& object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
 
 // Runs curl against the server of this process, turning the event loop while it runs.
 CurlResult curl(const QStringList& arguments);
+// Writes `bytes` to `path` (made executable when asked) and returns the path.
+QString writeFile(const QString& path, const QByteArray& bytes, bool executable = false);
 
 // A whole server in this process, on a port the system picks, on the manual clock. The
 // database is a fresh SQLite file, or the PostgreSQL database named by RAVLET_TEST_DATABASE.
@@ -63,9 +73,11 @@ public:
     Account signUp();
 
     QString base() const { return QStringLiteral("http://127.0.0.1:%1").arg(port); }
-    // curl with the account's bearer token and the JSON content type.
-    CurlResult call(const Account& account, const QString& method, const QString& path,
+    // curl with the account's bearer token (if any) and, with a body, the JSON content type.
+    CurlResult call(const Account& account, const QByteArray& method, const QString& path,
                     const QByteArray& body = {});
+    // A second connection to this server's database, as after a restart.
+    std::unique_ptr<Database> reopen() const;
 
     static const QByteArray signingKey;
     QTemporaryDir dir;
@@ -77,6 +89,16 @@ public:
     std::unique_ptr<HttpServer> http;
     quint16 port = 0;
 };
+
+// One request and the status it must get.
+struct RouteCase {
+    const char* method;
+    QString path;
+    QByteArray body;
+    int status;
+};
+void expectStatuses(ServerHarness& server, const ServerHarness::Account& account,
+                    const std::vector<RouteCase>& cases);
 
 // Turns the event loop until `condition` holds or `timeoutMs` passes; returns the condition.
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 10'000);

@@ -5,9 +5,6 @@
 #include "VendorTokens.h"
 
 #include <QDir>
-#include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTcpServer>
 
 #include <gtest/gtest.h>
@@ -36,12 +33,10 @@ const VendorCase vendorCases[] = {
     {SpeechVendor::deepgram, "/v1/auth/grant",
      R"({"access_token":"eyJhbGciOiJIUzI1NiJ9.dg-temporary.sig","expires_in":60})",
      "eyJhbGciOiJIUzI1NiJ9.dg-temporary.sig",
-     R"({"err_code":"INVALID_AUTH","err_msg":"Invalid credentials: )" + key
-         + R"(","request_id":"r1"})",
+     R"({"err_code":"INVALID_AUTH","err_msg":"Invalid credentials: )" + key + R"(","request_id":"r1"})",
      "authorization", "Token ", "ttl_seconds"},
-    {SpeechVendor::elevenlabs, "/v1/single-use-token/realtime_scribe",
-     R"({"token":"sutkn_0a1b2c3d"})", "sutkn_0a1b2c3d",
-     R"({"detail":{"status":"invalid_api_key","message":"Invalid API key )" + key + R"("}})",
+    {SpeechVendor::elevenlabs, "/v1/single-use-token/realtime_scribe", R"({"token":"sutkn_0a1b2c3d"})",
+     "sutkn_0a1b2c3d", R"({"detail":{"status":"invalid_api_key","message":"Invalid API key )" + key + R"("}})",
      "xi-api-key", "", nullptr},
     {SpeechVendor::openai, "/v1/realtime/client_secrets",
      R"({"value":"ek_68af296e8e408191","expires_at":1756310470,"session":{"type":"transcription"}})",
@@ -51,7 +46,6 @@ const VendorCase vendorCases[] = {
      "authorization", "Bearer ", "expires_after/seconds"},
 };
 
-// Names the case in test names and failures.
 void PrintTo(const VendorCase& vendorCase, std::ostream* out)
 {
     *out << vendorName(vendorCase.vendor).toStdString();
@@ -64,8 +58,6 @@ void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message
     if (capturedMessages)
         capturedMessages->append(message);
 }
-
-QJsonObject json(const QByteArray& body) { return QJsonDocument::fromJson(body).object(); }
 
 // "a/b/c" through nested objects.
 QJsonValue at(QJsonValue value, const QString& path)
@@ -94,41 +86,21 @@ protected:
     ServerConfig config() const
     {
         ServerConfig config;
-        config.speechVendor = SpeechVendorConfig{GetParam().vendor, longLivedKey,
-                                                 vendorFake->origin(), u"gpt-4o-mini-transcribe"_s};
+        config.speechVendor = SpeechVendorConfig{GetParam().vendor, longLivedKey, vendorFake->origin(),
+                                                 u"gpt-4o-mini-transcribe"_s};
         // The built-in recogniser is there too: a vendor's key still comes first.
         config.speechEndpoint = u"ws://127.0.0.1:1"_s;
         return config;
     }
 
-    CurlResult fetchToken()
+    CurlResult fetchToken(int expectedStatus)
     {
-        auto result = server.call(account, u"GET"_s, u"/api/v1/speech/token"_s);
+        auto result = server.call(account, "GET", u"/api/v1/speech/token"_s);
         seen += result.headers + "\n" + result.body + "\n";
+        EXPECT_EQ(result.status, expectedStatus) << result.body.toStdString();
         return result;
     }
-    QString fetchError(int expectedStatus)
-    {
-        const auto result = fetchToken();
-        EXPECT_EQ(result.status, expectedStatus) << result.body.toStdString();
-        return json(result.body).value(u"error"_s).toString();
-    }
-
-    // The key must not be anywhere a user or an operator's log could see it.
-    void expectKeyNowhere()
-    {
-        EXPECT_FALSE(seen.contains(key)) << "in a response";
-        EXPECT_FALSE((logs.lines() + messages).join(u'\n').contains(longLivedKey)) << "in the log";
-        if (!qEnvironmentVariableIsEmpty("RAVLET_TEST_DATABASE"))
-            return;
-        const auto files = QDir(server.dir.path()).entryList({u"server.sqlite*"_s}, QDir::Files);
-        ASSERT_FALSE(files.isEmpty());
-        for (const auto& name : files) {
-            QFile file(server.dir.filePath(name));
-            ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-            EXPECT_FALSE(file.readAll().contains(key)) << name.toStdString();
-        }
-    }
+    QString fetchError(int expectedStatus) { return fetchToken(expectedStatus).json()[u"error"_s].toString(); }
 
     // Optional so that a test can take the vendor off the network.
     std::optional<FakeBackend> vendorFake{std::in_place};
@@ -140,18 +112,23 @@ protected:
     QByteArray seen;
 };
 
-TEST_P(VendorTokenTest, AGrantBecomesTheClientsTokenAndTheVendorSeesTheDocumentedRequest)
+// How the client reads the grant (provider, model, endpoint) is ClientContractTest's.
+TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysHidden)
 {
     const auto& vendor = GetParam();
-    vendorFake->setRoute("POST", vendor.path, FakeBackend::Response::json(200, vendor.grant));
+    const auto name = vendorDisplayName(vendor.vendor);
+    auto limited = FakeBackend::Response::json(
+        429, R"({"err_msg":"Too many requests","detail":"Too many requests","error":{"message":"Rate limit reached"}})");
+    limited.headers.append(std::pair<QByteArray, QByteArray>("Retry-After", "7"));
+    const auto grant = FakeBackend::Response::json(200, vendor.grant);
+    vendorFake->setRouteSequence("POST", vendor.path,
+                                 {grant, grant, FakeBackend::Response::json(401, vendor.refusal), limited,
+                                  FakeBackend::Response::json(500, "<html>upstream exploded</html>"),
+                                  FakeBackend::Response::json(200, R"({"unexpected":"shape"})"), grant});
 
-    // How the client reads the grant (provider, model, endpoint) is ClientContractTest's.
-    const auto first = fetchToken();
-    ASSERT_EQ(first.status, 200) << first.body.toStdString();
-    EXPECT_EQ(json(first.body).value(u"token"_s).toString().toUtf8(), vendor.mintedToken);
-
+    EXPECT_EQ(fetchToken(200).json()[u"token"_s].toString().toUtf8(), vendor.mintedToken);
     // One grant per request: each channel of an interview gets its own.
-    ASSERT_EQ(fetchToken().status, 200);
+    fetchToken(200);
     const auto requests = vendorFake->requests("POST", vendor.path);
     ASSERT_EQ(requests.size(), 2);
     const auto& request = requests.first();
@@ -161,7 +138,7 @@ TEST_P(VendorTokenTest, AGrantBecomesTheClientsTokenAndTheVendorSeesTheDocumente
     }
     EXPECT_FALSE(request.body.contains(key)) << "the key travels in a header only";
     EXPECT_TRUE(request.header("content-type").startsWith("application/json"));
-    const auto sent = json(request.body);
+    const auto sent = QJsonDocument::fromJson(request.body).object();
     if (vendor.lifetimeField) {
         const int seconds = at(sent, QString::fromLatin1(vendor.lifetimeField)).toInt();
         EXPECT_GT(seconds, 0);
@@ -169,47 +146,35 @@ TEST_P(VendorTokenTest, AGrantBecomesTheClientsTokenAndTheVendorSeesTheDocumente
     }
     if (vendor.vendor == SpeechVendor::openai) {
         EXPECT_EQ(at(sent, u"session/type"_s).toString(), u"transcription"_s);
-        EXPECT_EQ(at(sent, u"session/audio/input/transcription/model"_s).toString(),
-                  u"gpt-4o-mini-transcribe"_s);
+        EXPECT_EQ(at(sent, u"session/audio/input/transcription/model"_s).toString(), u"gpt-4o-mini-transcribe"_s);
     }
-    expectKeyNowhere();
-}
-
-TEST_P(VendorTokenTest, VendorFailuresBecomeClearErrorsNamingTheVendor)
-{
-    const auto& vendor = GetParam();
-    const auto name = vendorDisplayName(vendor.vendor);
-    auto limited = FakeBackend::Response::json(
-        429, R"({"err_msg":"Too many requests","detail":"Too many requests","error":{"message":"Rate limit reached"}})");
-    limited.headers.append(std::pair<QByteArray, QByteArray>("Retry-After", "7"));
-    vendorFake->setRouteSequence(
-        "POST", vendor.path,
-        {FakeBackend::Response::json(401, vendor.refusal), limited,
-         FakeBackend::Response::json(500, "<html>upstream exploded</html>"),
-         FakeBackend::Response::json(200, R"({"unexpected":"shape"})"),
-         FakeBackend::Response::json(200, vendor.grant)});
 
     const auto badKey = fetchError(502);
-    EXPECT_TRUE(badKey.startsWith(name + u" refused this server's API key (HTTP 401"_s))
-        << badKey.toStdString();
+    EXPECT_TRUE(badKey.startsWith(name + u" refused this server's API key (HTTP 401"_s)) << badKey.toStdString();
     EXPECT_TRUE(badKey.contains(u"[key]"_s)) << "the vendor's words, with the key cut out";
-
-    EXPECT_TRUE(
-        fetchError(503).startsWith(name + u" is limiting this server's requests (HTTP 429"_s));
+    EXPECT_TRUE(fetchError(503).startsWith(name + u" is limiting this server's requests (HTTP 429"_s));
     EXPECT_TRUE(seen.toLower().contains("retry-after: 7"));
     EXPECT_EQ(fetchError(502), name + u" could not issue a speech token (HTTP 500)."_s);
     EXPECT_EQ(fetchError(502), name + u" answered without a speech token."_s);
-
-    // The vendor recovers; so does the route.
-    EXPECT_EQ(fetchToken().status, 200);
+    // The vendor recovers; so does the route. Then it is gone from the network.
+    fetchToken(200);
     EXPECT_TRUE(logs.lines().join(u'\n').contains(name + u" token request failed: HTTP 401"_s));
-
-    // Then it is gone from the network.
     vendorFake.reset();
     const auto unreachable = fetchError(503);
-    EXPECT_TRUE(unreachable.startsWith(name + u" could not be reached from this server"_s))
-        << unreachable.toStdString();
-    expectKeyNowhere();
+    EXPECT_TRUE(unreachable.startsWith(name + u" could not be reached from this server"_s)) << unreachable.toStdString();
+
+    // The key must not be anywhere a user or an operator's log could see it.
+    EXPECT_FALSE(seen.contains(key)) << "in a response";
+    EXPECT_FALSE((logs.lines() + messages).join(u'\n').contains(longLivedKey)) << "in the log";
+    if (!qEnvironmentVariableIsEmpty("RAVLET_TEST_DATABASE"))
+        return;
+    const auto files = QDir(server.dir.path()).entryList({u"server.sqlite*"_s}, QDir::Files);
+    ASSERT_FALSE(files.isEmpty());
+    for (const auto& file : files) {
+        QFile stored(server.dir.filePath(file));
+        ASSERT_TRUE(stored.open(QIODevice::ReadOnly));
+        EXPECT_FALSE(stored.readAll().contains(key)) << file.toStdString();
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Vendors, VendorTokenTest, ::testing::ValuesIn(vendorCases),
@@ -230,20 +195,18 @@ TEST(VendorTokensTest, AVendorThatNeverAnswersIsUnreachableAfterItsTime)
     QObject::connect(&silent, &QTcpServer::newConnection, &silent, [&] {
         server.clock.advance(std::chrono::milliseconds(VendorTokens::vendorTimeoutMs));
     });
-    const auto result = server.call(account, u"GET"_s, u"/api/v1/speech/token"_s);
+    const auto result = server.call(account, "GET", u"/api/v1/speech/token"_s);
     EXPECT_EQ(result.status, 503) << result.body.toStdString();
-    EXPECT_EQ(json(result.body).value(u"error"_s).toString(),
+    EXPECT_EQ(result.json()[u"error"_s].toString(),
               u"Deepgram could not be reached from this server: no answer within 15 s"_s);
 }
 
 TEST(VendorTokensTest, AnAnswerThatHandsBackTheKeyItselfIsNoToken)
 {
     const SpeechVendorConfig deepgram{SpeechVendor::deepgram, longLivedKey, {}, {}};
-    const auto echoed = VendorTokens::interpret(
-        deepgram, {200, R"({"access_token":")" + key + R"("})", {}, {}});
+    const auto echoed = VendorTokens::interpret(deepgram, {200, R"({"access_token":")" + key + R"("})", {}, {}});
     ASSERT_TRUE(std::get_if<VendorTokens::Failure>(&echoed));
     EXPECT_FALSE(std::get<VendorTokens::Failure>(echoed).message.contains(longLivedKey));
-
     // OpenAI's older transcription-session answer nests the secret.
     const SpeechVendorConfig openai{SpeechVendor::openai, longLivedKey, {}, u"whisper-1"_s};
     const auto nested = VendorTokens::interpret(
