@@ -16,7 +16,6 @@
 #include "InterviewAdapters.h"
 #include "LoopbackInterview.h"
 #include "InterviewViewModel.h"
-#include "LogCapture.h"
 #include "NotificationCenter.h"
 #include "PreferencesStore.h"
 #include "UserSettings.h"
@@ -30,7 +29,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 
 using namespace Qt::StringLiterals;
 
@@ -60,15 +58,6 @@ QString results(const QString& transcript, bool isFinal, double confidence)
     const QJsonObject channel{{u"alternatives"_s, QJsonArray{alternative}}};
     const QJsonObject message{{u"type"_s, u"Results"_s}, {u"is_final"_s, isFinal}, {u"channel"_s, channel}};
     return QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact));
-}
-
-template<typename Entries>
-QMap<QString, QJsonObject> byId(const Entries& entries)
-{
-    QMap<QString, QJsonObject> result;
-    for (const auto& entry : entries)
-        result.insert(QJsonValue(entry).toObject().value(u"id"_s).toString(), QJsonValue(entry).toObject());
-    return result;
 }
 
 } // namespace
@@ -274,7 +263,7 @@ TEST_F(InterviewEndToEndTest, AudioBecomesTranscriptAnswerAndDeliveredLines)
     }));
 }
 
-namespace {
+
 // Only the speech failures are of interest here.
 struct SttFailures final : InterviewTelemetry {
     void sttFailed(const QString&, const QString& errorCode) override { reasons.append(errorCode); }
@@ -285,7 +274,6 @@ struct SttFailures final : InterviewTelemetry {
     void sessionCompleted(qint64, qint64) override {}
     QStringList reasons;
 };
-} // namespace
 
 TEST_F(InterviewEndToEndTest, ASocketTheVendorClosesOnceMakesOneRestart)
 {
@@ -324,46 +312,3 @@ TEST_F(InterviewEndToEndTest, ASpeechEndpointThatIsNoAddressFailsTheStart)
     ASSERT_TRUE(waitFor([&] { return backend.requestCount("PUT", sessionPath) == 1; }));
     QTest::qWait(100);
 }
-
-// The parameter: the channel's server refuses it, or else its address cannot even be formed.
-class InterviewWithoutChannelTest : public InterviewEndToEndTest, public ::testing::WithParamInterface<bool> {
-protected:
-    InterviewWithoutChannelTest()
-    {
-        if (GetParam())
-            channelServer.setRefusing(true);
-        else
-            vm.setBackend(std::make_shared<SeparateChannelBackend>(client, u"http://127.0.0.1:no-port"_s));
-    }
-};
-
-TEST_P(InterviewWithoutChannelTest, StopPostsTheWholeTranscript)
-{
-    LogCapture log;
-    ASSERT_NO_FATAL_FAILURE(start());
-    ASSERT_NO_FATAL_FAILURE(say("speech-1", u"Warum wir?"_s, 0.9));
-    ASSERT_NO_FATAL_FAILURE(say("speech-2", u"Wegen des Teams."_s, 0.8));
-    awaitTask(vm.stopInterview(), deadlineMs);
-
-    EXPECT_EQ(vm.pipelineState(), State::idle);
-    EXPECT_EQ(vm.runningTaskCount(), 0);
-    EXPECT_TRUE(channelServer.frames().isEmpty());
-    EXPECT_EQ(backend.requestCount("PUT", sessionPath), 1);
-    const auto posts = backend.requests("POST", sessionPath + "/transcript");
-    ASSERT_EQ(posts.size(), 1);
-    // A refused channel hands its lines back in its own order; the transcript's is not promised.
-    QList<QJsonObject> transcript = vm.transcriptManager().finalEntriesForUpload();
-    ASSERT_EQ(transcript.size(), 2);
-    EXPECT_EQ(byId(bodyOf(posts[0]).value(u"entries"_s).toArray()), byId(transcript));
-
-    if (GetParam()) {
-        EXPECT_GE(channelServer.handshakeAttempts(), 1);
-    } else {
-        EXPECT_TRUE(std::any_of(log.lines().begin(), log.lines().end(), [](const QString& line) {
-            return line.startsWith(u"[InterviewViewModel] Transcript upload WebSocket failed: "_s);
-        })) << log.lines().join(u'\n').toStdString();
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(ChannelFailures, InterviewWithoutChannelTest, ::testing::Bool(),
-                         [](const auto& info) { return info.param ? "RefusingServer" : "UnusableAddress"; });
