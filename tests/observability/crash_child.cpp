@@ -64,8 +64,6 @@ int main(int argc, char* argv[])
         throw std::runtime_error(CrashChild::longReason());
     else if (mode == "throw-int")
         throw 42;
-    else if (mode == "deep")
-        descend(600);
     else if (mode == "overflow")
         descend(std::numeric_limits<int>::max());
     return 2;
