@@ -167,7 +167,7 @@ def run(args, desktop):
     next(step)
     check(callback.startswith("ravlet://auth-callback?"), "the page sends the browser to " + callback)
     # The desktop starts the program's entry with the address; the running one takes it.
-    check(program.run_again(callback) == 0, "the second start hands the address over")
+    check(program.open_address(callback) == 0, "xdg-open hands the address to the program")
     require(wait_until(lambda: desktop.is_viewable(OVERLAY), 20), "signed in, the overlay shows")
     check(not desktop.is_viewable(WELCOME), "the welcome panel is gone")
     check(len(server.query("SELECT id FROM users WHERE email = ?", "candidate@example.org")) == 1,

@@ -17,6 +17,9 @@ public:
     static QString entryText(const QString& programPath);
     // $XDG_DATA_HOME/applications/ravletai.desktop
     static QString userEntryPath();
+    // $XDG_DATA_HOME/RavletAI/ravletai-launcher: what the entry starts when the program's own
+    // path would need quoting.
+    static QString launcherPath();
 
     // Writes the user's entry when it is missing or points at another program, then makes it
     // the scheme's default handler with xdg-mime unless it already is. The xdg-mime calls run
@@ -31,4 +34,5 @@ Q_SIGNALS:
 
 private:
     void setDefaultHandler();
+    static bool writeLauncher(const QString& programPath);
 };
