@@ -7,6 +7,8 @@
 #include <QWebSocket>
 #include <QWebSocketServer>
 
+#include <algorithm>
+
 using namespace Qt::StringLiterals;
 
 QByteArray FakeVendorServer::Connection::header(const QByteArray& name) const
@@ -47,8 +49,6 @@ FakeVendorServer::FakeVendorServer(QStringList subprotocols, QObject* parent)
         qFatal("FakeVendorServer cannot listen");
 }
 
-FakeVendorServer::~FakeVendorServer() = default;
-
 QString FakeVendorServer::origin() const
 {
     return u"ws://127.0.0.1:"_s + QString::number(m_server->serverPort());
@@ -56,12 +56,9 @@ QString FakeVendorServer::origin() const
 
 int FakeVendorServer::openConnectionCount() const
 {
-    int open = 0;
-    for (const auto& connection : m_connections) {
-        if (connection.socket && connection.socket->state() == QAbstractSocket::ConnectedState)
-            ++open;
-    }
-    return open;
+    return int(std::count_if(m_connections.begin(), m_connections.end(), [](const Connection& connection) {
+        return connection.socket && connection.socket->state() == QAbstractSocket::ConnectedState;
+    }));
 }
 
 void FakeVendorServer::onNewConnection()
@@ -81,95 +78,53 @@ void FakeVendorServer::onNewConnection()
         connection.socket = socket;
         const auto index = m_connections.size();
         m_connections.append(connection);
-        connect(socket, &QWebSocket::textMessageReceived, this, [this, index](const QString& text) {
+        const bool isV2 = m_behaviour == Behaviour::deepgramToday && connection.url.path() == u"/v2/listen";
+        connect(socket, &QWebSocket::textMessageReceived, this, [this, index, isV2, socket](const QString& text) {
             m_connections[index].frames.append({true, text.toUtf8()});
-            judge(index, text);
-            Q_EMIT frameReceived();
+            if (isV2 && text.contains(u"KeepAlive"_s))
+                socket->close(QWebSocketProtocol::CloseCodePolicyViolated, u"KeepAlive is not supported"_s);
         });
         connect(socket, &QWebSocket::binaryMessageReceived, this, [this, index](const QByteArray& bytes) {
             if (m_keepsBinaryFrames)
                 m_connections[index].frames.append({false, bytes});
             Q_EMIT binaryFrameReceived(int(index), bytes);
-            Q_EMIT frameReceived();
         });
-        greet(index);
-    }
-}
-
-void FakeVendorServer::greet(qsizetype index)
-{
-    auto& connection = m_connections[index];
-    const auto refuse = [&](const QString& reason) {
-        connection.socket->close(QWebSocketProtocol::CloseCodePolicyViolated, reason);
-    };
-    switch (m_behaviour) {
-    case Behaviour::scripted:
-        return;
-    case Behaviour::deepgramToday:
-        if (connection.url.path() == u"/v2/listen") {
-            const QStringList accepted{u"model"_s, u"encoding"_s, u"sample_rate"_s, u"eot_threshold"_s, u"eot_timeout_ms"_s};
-            for (const auto& [key, value] : connection.queryItems) {
-                if (!accepted.contains(key))
-                    return refuse(u"Unsupported query parameter: "_s + key);
-            }
-        }
-        connection.socket->sendTextMessage(u"{\"type\":\"Connected\",\"request_id\":\"r-1\"}"_s);
-        return;
-    case Behaviour::openAIToday:
-        if (!connection.queryItems.contains(std::pair(u"intent"_s, u"transcription"_s)))
-            return refuse(u"Transcription sessions require intent=transcription"_s);
-        connection.socket->sendTextMessage(u"{\"type\":\"session.created\"}"_s);
-        return;
-    case Behaviour::elevenLabsToday:
-        for (const auto& [key, value] : connection.queryItems) {
-            if (key == u"token" && value == u"expired")
-                connection.socket->sendTextMessage(u"{\"message_type\":\"auth_error\",\"error\":\"Token expired\"}"_s);
-        }
-        if (connection.socket->state() == QAbstractSocket::ConnectedState)
-            connection.socket->sendTextMessage(u"{\"message_type\":\"session_started\",\"session_id\":\"s-1\"}"_s);
-        return;
-    }
-}
-
-void FakeVendorServer::judge(qsizetype index, const QString& text)
-{
-    auto& connection = m_connections[index];
-    if (!connection.socket)
-        return;
-    if (m_behaviour == Behaviour::deepgramToday && connection.url.path() == u"/v2/listen"
-        && text.contains(u"KeepAlive"_s)) {
-        connection.socket->close(QWebSocketProtocol::CloseCodePolicyViolated, u"KeepAlive is not supported"_s);
-    }
-    if (m_behaviour == Behaviour::openAIToday && connection.frames.size() == 1) {
-        // The first frame must configure a transcription session.
-        if (!text.contains(u"\"type\":\"session.update\""_s) || !text.contains(u"\"type\":\"transcription\""_s))
-            connection.socket->sendTextMessage(u"{\"type\":\"error\",\"error\":{\"message\":\"Invalid session\"}}"_s);
+        if (m_behaviour == Behaviour::scripted)
+            continue;
+        const QStringList v2Keys{u"model"_s, u"encoding"_s, u"sample_rate"_s, u"eot_threshold"_s, u"eot_timeout_ms"_s};
+        const auto unsupported = std::find_if(connection.queryItems.begin(), connection.queryItems.end(),
+                                              [&](const auto& item) { return isV2 && !v2Keys.contains(item.first); });
+        if (unsupported != connection.queryItems.end())
+            socket->close(QWebSocketProtocol::CloseCodePolicyViolated, u"Unsupported query parameter: "_s + unsupported->first);
         else
-            connection.socket->sendTextMessage(u"{\"type\":\"session.updated\"}"_s);
+            socket->sendTextMessage(u"{\"type\":\"Connected\",\"request_id\":\"r-1\"}"_s);
     }
+}
+
+QWebSocket* FakeVendorServer::latest() const
+{
+    return m_connections.isEmpty() ? nullptr : m_connections.last().socket.data();
 }
 
 void FakeVendorServer::sendText(const QString& text)
 {
-    if (!m_connections.isEmpty() && m_connections.last().socket)
-        m_connections.last().socket->sendTextMessage(text);
+    if (auto* socket = latest())
+        socket->sendTextMessage(text);
 }
 
 void FakeVendorServer::sendBinary(const QByteArray& bytes)
 {
-    if (!m_connections.isEmpty() && m_connections.last().socket)
-        m_connections.last().socket->sendBinaryMessage(bytes);
+    if (auto* socket = latest())
+        socket->sendBinaryMessage(bytes);
 }
 
 void FakeVendorServer::sendRawText(const QByteArray& payload)
 {
-    if (m_connections.isEmpty() || !m_connections.last().socket)
-        return;
+    auto* socket = latest();
     // The server's TCP sockets are not the WebSocket's children: find this one by its peer.
-    const auto peerPort = m_connections.last().socket->peerPort();
     QTcpSocket* tcp = nullptr;
     for (auto* candidate : findChildren<QTcpSocket*>()) {
-        if (candidate->peerPort() == peerPort)
+        if (socket && candidate->peerPort() == socket->peerPort())
             tcp = candidate;
     }
     if (!tcp || payload.size() >= 126)
@@ -180,14 +135,14 @@ void FakeVendorServer::sendRawText(const QByteArray& payload)
 
 void FakeVendorServer::close(int code, const QString& reason)
 {
-    if (!m_connections.isEmpty() && m_connections.last().socket)
-        m_connections.last().socket->close(QWebSocketProtocol::CloseCode(code), reason);
+    if (auto* socket = latest())
+        socket->close(QWebSocketProtocol::CloseCode(code), reason);
 }
 
 void FakeVendorServer::abort()
 {
-    if (!m_connections.isEmpty() && m_connections.last().socket)
-        m_connections.last().socket->abort();
+    if (auto* socket = latest())
+        socket->abort();
 }
 
 bool FakeVendorServer::waitForFrames(int count, int deadlineMs) const

@@ -39,16 +39,11 @@ public:
         QList<QByteArray> binaryFrames() const;
     };
 
-    // How the vendors' live services behave today, where the fake should hold the client to
-    // it. Scripted (the default) accepts everything and answers only what the test sends.
     enum class Behaviour {
-        scripted,
-        // v2 sockets accept only their five query keys and close on a JSON keep-alive.
+        scripted, // accepts everything and answers only what the test sends
+        // Deepgram's live service: v2 sockets accept only their five query keys and are
+        // closed on a JSON keep-alive.
         deepgramToday,
-        // Transcription sessions need "intent=transcription" and a transcription session update.
-        openAIToday,
-        // A token of "expired" is refused with an error message type of its own.
-        elevenLabsToday,
     };
     void setBehaviour(Behaviour behaviour) { m_behaviour = behaviour; }
     // Whether binary frames are kept in `frames`; a long run that only listens to the audio
@@ -57,7 +52,6 @@ public:
 
     // `subprotocols`: those the server accepts (it answers with the first one requested).
     explicit FakeVendorServer(QStringList subprotocols = {}, QObject* parent = nullptr);
-    ~FakeVendorServer() override;
 
     QString origin() const; // "ws://127.0.0.1:<port>"
 
@@ -75,19 +69,18 @@ public:
     void close(int code = 1000, const QString& reason = {});
     void abort();
 
-    // Waits (spinning the event loop) until `count` frames arrived on the latest connection.
+    // Wait (spinning the event loop) until the latest connection has `count` frames, or until
+    // `count` connections were made.
     bool waitForFrames(int count, int deadlineMs = 10'000) const;
     bool waitForConnections(int count, int deadlineMs = 10'000) const;
 
 Q_SIGNALS:
-    void frameReceived();
     // Every binary frame, kept or not, with the index of its connection.
     void binaryFrameReceived(int connection, const QByteArray& bytes);
 
 private:
     void onNewConnection();
-    void greet(qsizetype index);
-    void judge(qsizetype index, const QString& text);
+    QWebSocket* latest() const;
 
     QWebSocketServer* m_server;
     QList<Connection> m_connections;
