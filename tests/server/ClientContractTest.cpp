@@ -6,6 +6,7 @@
 #include "FakeBackend.h"
 #include "NotificationCenter.h"
 #include "SpeechTokens.h"
+#include "TranscriptUploadService.h"
 
 #include <QJsonArray>
 
@@ -52,8 +53,7 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     const auto session = awaitTask(client.createSession(u"en"_s, u"en"_s));
     EXPECT_EQ(session.status, InterviewSession::SessionStatus::active);
 
-    // Lines as the pending upload sends them, out of the order they were spoken in. (The
-    // transcript socket's own client meets this server in InterviewAgainstServerTest.)
+    // Lines as the pending upload sends them, out of the order they were spoken in.
     using Speaker = TranscriptEntry::Speaker;
     const TranscriptEntry first{u"e1"_s, Speaker::interviewer, u"Tell me about a time."_s, 2000,
                                 0.9, true};
@@ -69,6 +69,23 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     awaitTask(client.saveAnswerLog(*answer.logId, u"Draft, edited"_s));
     EXPECT_EQ(server.call({{}, {}, *client.accessToken(), {}}, "GET", u"/api/v1/chat/log/"_s + *answer.logId)
                   .json()[u"answer"_s], u"Draft, edited"_s);
+
+    // The transcript socket's own client: a line that grows after the server stored it is
+    // stored with its newest text.
+    const auto storedText = [&](const QString& id) {
+        auto query = server.db->run(u"SELECT content FROM transcript_lines WHERE entry_id = ?"_s, {id});
+        return query.next() ? query.value(0).toString() : QString();
+    };
+    SystemClock clock;
+    TranscriptUploadService upload(clock);
+    awaitTask(upload.start(server.base(), *client.accessToken(), session.id), 10'000);
+    TranscriptEntry growing{u"e3"_s, Speaker::user, u"Sure,"_s, 3000, std::nullopt, true};
+    upload.send(growing);
+    ASSERT_TRUE(waitUntil([&] { return storedText(u"e3"_s) == u"Sure,"_s; }));
+    growing.content += u" the billing rewrite."_s;
+    upload.send(growing);
+    EXPECT_TRUE(awaitTask(upload.stop(), 10'000).isEmpty()) << "every line acknowledged";
+    EXPECT_EQ(storedText(u"e3"_s), u"Sure, the billing rewrite."_s);
     awaitTask(client.completeSession(session.id, 0));
 
     const auto stored = server.call({{}, {}, *client.accessToken(), {}}, "GET",
@@ -78,7 +95,8 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     for (const auto& line : stored.value(u"transcript"_s).toArray())
         order.append(line[u"id"_s].toString() + u'=' + line[u"content"_s].toString());
     // By time of speech, not by arrival.
-    EXPECT_EQ(order, (QStringList{u"e2=Sure."_s, u"e1=Tell me about a time."_s}));
+    EXPECT_EQ(order, (QStringList{u"e2=Sure."_s, u"e1=Tell me about a time."_s,
+                                  u"e3=Sure, the billing rewrite."_s}));
 
     awaitTask(client.deleteResume(resume.id));
     awaitTask(client.deleteJobDescription(job.id));

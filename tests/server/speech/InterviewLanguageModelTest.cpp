@@ -46,7 +46,7 @@ TEST(InterviewLanguageModelTest, EveryHistoryIsADistributionAndTheHeaderCountsMa
     for (int n = 1; n <= 3; ++n)
         EXPECT_EQ(arpa.declared.value(n), arpa.grams[n].size()) << n;
 
-    QStringList vocabulary = arpa.grams[1].keys();
+    auto vocabulary = arpa.grams[1].keys();
     vocabulary.removeAll(u"<s>"_s);
     const auto unigram = [&](const QString& word) { return std::pow(10.0, arpa.grams[1][word].first); };
     double total = 0;
@@ -70,5 +70,4 @@ TEST(InterviewLanguageModelTest, PunctuationAndCaseDoNotMakeNewWords)
     const auto arpa = parse(InterviewLanguageModel::arpa({u"Why, you?"_s, u"why you"_s, u"  "_s}));
     EXPECT_EQ(arpa.grams[1].keys(), (QStringList{u"</s>"_s, u"<s>"_s, u"why"_s, u"you"_s}));
     EXPECT_TRUE(arpa.grams[3].contains(u"<s> why you"_s));
-    EXPECT_TRUE(InterviewLanguageModel::arpa({}).isEmpty());
 }

@@ -1,3 +1,6 @@
+// The listen socket's wire without the recogniser. Message shapes in general, the versions and
+// turn order are the listen frames fuzz target's; here, the exact types the program reads and
+// the gap rule in audio time.
 #include "ListenSession.h"
 
 #include <QJsonArray>
@@ -8,87 +11,78 @@
 
 using namespace Qt::StringLiterals;
 using Kind = RecognitionEvent::Kind;
+using DeepgramWire::Control;
 
 namespace {
-RecognitionEvent partial(const QString& text, double start, double duration)
-{
-    return {Kind::partial, text, start, duration, 0, true};
-}
-RecognitionEvent final(const QString& text, double start, double duration, bool atPause = true)
-{
-    return {Kind::final, text, start, duration, 0.9, atPause};
-}
 
-// "Results P:text", "Results F:text", "TurnInfo Update:text" and so on, for short comparisons.
+// "Results P:text", "Results FS:text" (final at a pause), or the type alone.
 QStringList summary(const QStringList& messages)
 {
     QStringList out;
     for (const auto& text : messages) {
         const auto message = QJsonDocument::fromJson(text.toUtf8()).object();
-        const auto type = message.value(u"type"_s).toString();
-        if (type == u"Results") {
-            const auto transcript = message.value(u"channel"_s).toObject().value(u"alternatives"_s).toArray()
-                                        .first().toObject().value(u"transcript"_s).toString();
-            out << type + (message.value(u"is_final"_s).toBool() ? u" F"_s : u" P"_s)
-                       + (message.value(u"speech_final"_s).toBool() ? u"S:"_s : u":"_s) + transcript;
-        } else if (type == u"TurnInfo") {
-            out << type + u" "_s + message.value(u"event"_s).toString() + u":"_s + message.value(u"transcript"_s).toString();
-        } else {
+        const auto type = message[u"type"_s].toString();
+        if (type != u"Results")
             out << type;
-        }
+        else
+            out << type + (message[u"is_final"_s].toBool() ? u" F"_s : u" P"_s)
+                       + (message[u"speech_final"_s].toBool() ? u"S:"_s : u":"_s)
+                       + message[u"channel"_s][u"alternatives"_s][0][u"transcript"_s].toString();
     }
     return out;
 }
 
-DeepgramWire::ListenRequest v1(bool interim, int utteranceEndMs)
+RecognitionEvent heard(Kind kind, const QString& text, double start, double duration, bool atPause = true)
 {
-    DeepgramWire::ListenRequest request;
-    request.interimResults = interim;
-    request.utteranceEndMs = utteranceEndMs;
-    return request;
+    return {kind, text, start, duration, kind == Kind::final ? 0.9 : 0, atPause};
 }
+
 } // namespace
 
-TEST(ListenSessionTest, VersionOneSendsResultsAndAnUtteranceEndAfterTheGapInAudioTime)
+// The program reads channel.alternatives[0].transcript (text), its confidence (number) and the
+// top-level is_final (flag); anything of another type would be dropped without a word.
+TEST(DeepgramWireTest, ResultsCarryTheFieldsTheProgramReadsWithTheirTypesAndControlsAreExact)
 {
-    ListenSession session(v1(true, 1500), u"r"_s);
+    const auto message = QJsonDocument::fromJson(DeepgramWire::results(
+        {u"tell me \"more\""_s, 0.8125, true, false, true, 1.23456, 2.5}, u"req-1"_s).toUtf8()).object();
+    EXPECT_EQ(message[u"type"_s], u"Results"_s);
+    const auto first = message[u"channel"_s][u"alternatives"_s][0];
+    EXPECT_EQ(first[u"transcript"_s], u"tell me \"more\""_s);
+    EXPECT_EQ(first[u"confidence"_s], QJsonValue(0.8125));
+    EXPECT_EQ(message[u"is_final"_s], QJsonValue(true));
+    EXPECT_EQ(message[u"speech_final"_s], QJsonValue(false));
+    EXPECT_EQ(message[u"from_finalize"_s], QJsonValue(true));
+    EXPECT_EQ(message[u"start"_s], QJsonValue(1.235));
+    EXPECT_EQ(message[u"duration"_s], QJsonValue(2.5));
+    EXPECT_EQ(message[u"metadata"_s][u"request_id"_s], u"req-1"_s);
+
+    // The program writes them with a space after the colon.
+    EXPECT_EQ(DeepgramWire::parseControl(u"{\"type\": \"KeepAlive\"}"_s), Control::keepAlive);
+    EXPECT_EQ(DeepgramWire::parseControl(u"{\"type\": \"CloseStream\"}"_s), Control::closeStream);
+    EXPECT_EQ(DeepgramWire::parseControl(u"{\"type\":\"Finalize\"}"_s), Control::finalize);
+    for (const auto& garbage : {u""_s, u"KeepAlive"_s, u"[\"KeepAlive\"]"_s, u"{\"type\":7}"_s,
+                                u"{\"type\":\"keepalive\"}"_s, u"{\"type\":\"CloseStream\""_s})
+        EXPECT_EQ(DeepgramWire::parseControl(garbage), Control::unknown) << garbage.toStdString();
+}
+
+TEST(ListenSessionTest, VersionOneSendsAnUtteranceEndAfterTheGapInAudioTimeAndOnlyWhatWasAskedFor)
+{
+    DeepgramWire::ListenRequest request;
+    request.interimResults = true;
+    request.utteranceEndMs = 1500;
+    ListenSession session(request, u"r"_s);
     EXPECT_TRUE(session.opening().isEmpty());
-    EXPECT_EQ(summary(session.heard({partial(u"tell"_s, 0.5, 0.3)}, 0.8)), QStringList{u"Results P:tell"_s});
+    EXPECT_EQ(summary(session.heard({heard(Kind::partial, u"tell"_s, 0.5, 0.3)}, 0.8)), QStringList{u"Results P:tell"_s});
     EXPECT_EQ(summary(session.heard({}, 3.0)), QStringList()) << "no gap is counted while a phrase is open";
-    EXPECT_EQ(summary(session.heard({final(u"tell me"_s, 0.5, 1.0)}, 2.1)), QStringList{u"Results FS:tell me"_s});
+    EXPECT_EQ(summary(session.heard({heard(Kind::final, u"tell me"_s, 0.5, 1.0)}, 2.1)), QStringList{u"Results FS:tell me"_s});
     EXPECT_EQ(summary(session.heard({}, 2.99)), QStringList()) << "1.49 s after the last word";
     EXPECT_EQ(summary(session.heard({}, 3.0)), QStringList{u"UtteranceEnd"_s});
     EXPECT_EQ(summary(session.heard({}, 9.0)), QStringList()) << "one per gap";
     // A phrase cut for length is final but the speaker has not paused.
-    EXPECT_EQ(summary(session.heard({final(u"long"_s, 4, 15, false)}, 19)), QStringList{u"Results F:long"_s});
-}
+    EXPECT_EQ(summary(session.heard({heard(Kind::final, u"long"_s, 4, 15, false)}, 19)), QStringList{u"Results F:long"_s});
+    EXPECT_EQ(summary(session.closing({}, 20)), QStringList{u"Metadata"_s});
 
-TEST(ListenSessionTest, VersionOneWithoutInterimResultsOrGapKeepsToFinals)
-{
-    ListenSession session(v1(false, 0), u"r"_s);
-    EXPECT_EQ(summary(session.heard({partial(u"a"_s, 0, 1), final(u"a b"_s, 0, 1)}, 60)), QStringList{u"Results FS:a b"_s});
-    EXPECT_EQ(summary(session.closing({final(u"c"_s, 61, 1, false)}, 62)),
-              (QStringList{u"Results F:c"_s, u"Metadata"_s}));
-    const auto finalized = session.finalized({final(u"d"_s, 63, 1, false)}, 64);
-    ASSERT_EQ(finalized.size(), 1);
-    EXPECT_TRUE(QJsonDocument::fromJson(finalized[0].toUtf8()).object().value(u"from_finalize"_s).toBool());
-}
-
-TEST(ListenSessionTest, VersionTwoOpensAndClosesNumberedTurns)
-{
-    DeepgramWire::ListenRequest request;
-    request.version = 2;
-    request.interimResults = true;
-    request.utteranceEndMs = 1500;
-    ListenSession session(request, u"r"_s);
-    EXPECT_EQ(summary(session.opening()), QStringList{u"Connected"_s});
-    EXPECT_EQ(summary(session.heard({partial(u"hi"_s, 0, 1), partial(u"hi there"_s, 0, 1.3), final(u"hi there"_s, 0, 1.4)}, 30)),
-              (QStringList{u"TurnInfo StartOfTurn:hi"_s, u"TurnInfo Update:hi there"_s, u"TurnInfo EndOfTurn:hi there"_s}))
-        << "and no UtteranceEnd on version 2";
-    const auto next = session.heard({partial(u"and"_s, 31, 1)}, 32);
-    ASSERT_EQ(next.size(), 1);
-    const auto turn = QJsonDocument::fromJson(next[0].toUtf8()).object();
-    EXPECT_EQ(turn.value(u"event"_s).toString(), u"StartOfTurn"_s);
-    EXPECT_EQ(turn.value(u"turn_index"_s).toInt(), 1);
-    EXPECT_EQ(summary(session.closing({}, 33)), QStringList()) << "Metadata belongs to version 1";
+    ListenSession plain(DeepgramWire::ListenRequest{}, u"r"_s);
+    EXPECT_EQ(summary(plain.heard({heard(Kind::partial, u"a"_s, 0, 1), heard(Kind::final, u"a b"_s, 0, 1)}, 60)),
+              QStringList{u"Results FS:a b"_s}) << "no partials and no gap unless asked for";
 }
