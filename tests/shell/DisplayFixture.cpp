@@ -2,15 +2,14 @@
 
 #include <QDir>
 #include <QFile>
+#include <QProcess>
 #include <QQmlContext>
 #include <QQmlProperty>
 #include <QQuickItem>
 #include <QQuickWindow>
+#include <QTest>
 
-#include <xcb/xcb.h>
-
-#include <cstdlib>
-#include <memory>
+using namespace Qt::StringLiterals;
 
 namespace {
 std::optional<std::string> g_skipReason;
@@ -56,42 +55,23 @@ std::optional<std::string> DisplayFixture::skipReason()
     return g_skipReason;
 }
 
+std::optional<QString> DisplayFixture::tool(const QString& program, const QStringList& arguments)
+{
+    QProcess process;
+    process.start(program, arguments);
+    if (!QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 10000)) {
+        process.kill();
+        process.waitForFinished();
+    }
+    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
+        return std::nullopt;
+    return QString::fromUtf8(process.readAllStandardOutput()).trimmed();
+}
+
 bool DisplayFixture::isWindowViewable(const QString& title)
 {
-    xcb_connection_t* connection = xcb_connect(nullptr, nullptr);
-    if (xcb_connection_has_error(connection)) {
-        xcb_disconnect(connection);
-        return false;
-    }
-    const auto free = [](void* p) { std::free(p); };
-    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(connection)).data->root;
-    std::unique_ptr<xcb_query_tree_reply_t, decltype(free)> tree(
-        xcb_query_tree_reply(connection, xcb_query_tree(connection, root), nullptr), free);
-    bool viewable = false;
-    if (tree) {
-        const auto* children = xcb_query_tree_children(tree.get());
-        for (int k = 0; k < xcb_query_tree_children_length(tree.get()) && !viewable; ++k) {
-            std::unique_ptr<xcb_get_property_reply_t, decltype(free)> name(
-                xcb_get_property_reply(connection,
-                                       xcb_get_property(connection, 0, children[k], XCB_ATOM_WM_NAME,
-                                                        XCB_GET_PROPERTY_TYPE_ANY, 0, 1024),
-                                       nullptr),
-                free);
-            if (!name || xcb_get_property_value_length(name.get()) <= 0)
-                continue;
-            const QString windowTitle = QString::fromUtf8(static_cast<const char*>(xcb_get_property_value(name.get())),
-                                                          xcb_get_property_value_length(name.get()));
-            if (windowTitle != title)
-                continue;
-            std::unique_ptr<xcb_get_window_attributes_reply_t, decltype(free)> attributes(
-                xcb_get_window_attributes_reply(connection, xcb_get_window_attributes(connection, children[k]),
-                                                nullptr),
-                free);
-            viewable = attributes && attributes->map_state == XCB_MAP_STATE_VIEWABLE;
-        }
-    }
-    xcb_disconnect(connection);
-    return viewable;
+    const auto ids = tool(u"xdotool"_s, {u"search"_s, u"--onlyvisible"_s, u"--name"_s, u'^' + title + u'$'});
+    return ids && !ids->isEmpty();
 }
 
 QQuickItem* DisplayFixture::findByAccessibleName(QQuickWindow* window, const QString& name)
@@ -109,10 +89,9 @@ QQuickItem* DisplayFixture::findByAccessibleName(QQuickWindow* window, const QSt
     return nullptr;
 }
 
-bool DisplayFixture::saveScreenshot(QQuickWindow* window, const QString& name)
+void DisplayFixture::saveScreenshot(QQuickWindow* window, const QString& name)
 {
-    const QString folder = QStringLiteral(RAVLET_SCREENSHOT_DIR);
-    QDir().mkpath(folder);
-    const QImage image = window->grabWindow();
-    return !image.isNull() && image.save(folder + QLatin1Char('/') + name + QStringLiteral(".png"));
+    QTest::qWait(100); // the frame after the last change
+    QDir().mkpath(QStringLiteral(RAVLET_SCREENSHOT_DIR));
+    window->grabWindow().save(QStringLiteral(RAVLET_SCREENSHOT_DIR "/") + name + QStringLiteral(".png"));
 }

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <QByteArray>
-#include <QString>
-
-class QQuickItem;
-class QQuickWindow;
+#include <QStringList>
 
 #include <optional>
 #include <string>
+
+class QQuickItem;
+class QQuickWindow;
 
 // The private X display that scripts/test-display.sh starts for CTest (fixture "Display");
 // RAVLET_DISPLAY_STATE names its state file.
@@ -21,12 +21,15 @@ std::optional<std::string> skipReason();
 // A value of a KEY=VALUE state file written by one of the test scripts.
 QByteArray stateValue(const QString& stateFile, const QByteArray& key);
 
-// Top-level windows of the display by title: whether one is mapped and viewable.
+// Runs an X tool (xdotool, xprop) to its end while this program goes on handling its events;
+// its output, or nothing when it failed.
+std::optional<QString> tool(const QString& program, const QStringList& arguments);
+// Whether a top-level window of that title is mapped and viewable.
 bool isWindowViewable(const QString& title);
 
 // The visible item of `window` whose accessible name is `name`, if any.
 QQuickItem* findByAccessibleName(QQuickWindow* window, const QString& name);
-// What the window shows, as build/screenshots/<name>.png.
-bool saveScreenshot(QQuickWindow* window, const QString& name);
+// What the window shows, as build/screenshots/<name>.png, for a person to look at.
+void saveScreenshot(QQuickWindow* window, const QString& name);
 
 } // namespace DisplayFixture

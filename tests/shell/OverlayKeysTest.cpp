@@ -1,69 +1,18 @@
-// The decisions of the global keys without a display: the arrow tap, the trigger monitors and
-// the keysym table, driven through a scripted key source against a real interview.
+// The decisions of the global keys without a display: the arrow tap, the trigger and the
+// keysym table. (GlobalKeys, which applies them, runs against the real X display in
+// OverlayWindowTest.)
 
-#include "../core/InterviewHarness.h"
-
-#include "GlobalKeys.h"
 #include "OverlayKeys.h"
+#include "UserSettings.h"
 #include "X11KeyTable.h"
 
 #include <X11/keysym.h>
 
 #include <gtest/gtest.h>
 
-using namespace std::chrono_literals;
 using namespace OverlayKeys;
 
 namespace {
-
-// A desktop that delivers the keys the test presses.
-class ScriptedKeySource final : public KeySource {
-public:
-    bool seesOtherPrograms() const override { return seesOthers; }
-    void observeKeys(KeyHandler handler) override { m_keys = std::move(handler); }
-    void grabArrows(ArrowHandler handler) override { m_arrows = std::move(handler); }
-    void releaseArrows() override { m_arrows = {}; }
-
-    bool holdsArrows() const { return bool(m_arrows); }
-    void tap(quint16 code)
-    {
-        if (m_keys) {
-            m_keys(code, true);
-            m_keys(code, false);
-        }
-        if (m_arrows && isArrowKey(code))
-            m_arrows(code);
-        InterviewHarness::settle();
-    }
-
-    bool seesOthers = true;
-
-private:
-    KeyHandler m_keys;
-    ArrowHandler m_arrows;
-};
-
-// The overlay window as the keys see it: a visible flag that tells when it changes.
-class FakeOverlayWindow final : public QObject {
-    Q_OBJECT
-    Q_PROPERTY(bool visible READ isVisible WRITE setVisible NOTIFY visibleChanged)
-
-public:
-    bool isVisible() const { return m_visible; }
-    void setVisible(bool visible)
-    {
-        if (visible == m_visible)
-            return;
-        m_visible = visible;
-        emit visibleChanged(visible);
-    }
-
-signals:
-    void visibleChanged(bool visible);
-
-private:
-    bool m_visible = false;
-};
 
 AITriggerKey triggerKey(quint16 code, const char* name)
 {
@@ -160,99 +109,4 @@ TEST(OverlayKeysTest, EveryKeyOfTheSettingsTablesHasItsKeysymAndBack)
     EXPECT_EQ(canonicalKeyCode(XK_Multi_key), std::nullopt);
 }
 
-class GlobalKeysTest : public ::testing::Test {
-protected:
-    GlobalKeysTest()
-    {
-        h.settings.setAutoTriggerAIAnswers(false);
-        ShellModels models;
-        models.interview = &h.vm;
-        models.settings = &h.settings;
-        keys.attach(models, &window);
-        keys.installKeyMonitors();
-        keys.installEventTap();
-    }
-
-    void liveWithQuestions(int count)
-    {
-        h.start();
-        for (int k = 0; k < count; ++k) {
-            h.passTime(6s); // a line of its own
-            h.say(TranscriptEntry::Speaker::interviewer, u"Question %1?"_s.arg(k + 1));
-        }
-    }
-
-    qsizetype answersAsked() const { return h.backend->answerRequests.size(); }
-
-    InterviewHarness h;
-    ScriptedKeySource source;
-    FakeOverlayWindow window;
-    GlobalKeys keys{source};
-};
-
-TEST_F(GlobalKeysTest, ArrowsAreTakenOnlyWhileTheOverlayShowsAndMoveTheSelections)
-{
-    liveWithQuestions(3);
-    EXPECT_FALSE(source.holdsArrows()) << "a hidden overlay takes no key";
-    source.tap(upArrow);
-    EXPECT_FALSE(h.vm.selectedTranscriptIndex());
-
-    window.setVisible(true);
-    ASSERT_TRUE(source.holdsArrows());
-    source.tap(leftArrow);
-    source.tap(rightArrow);
-    EXPECT_FALSE(h.vm.selectedAnswerIndex()) << "no answers: swallowed, nothing changes";
-    source.tap(upArrow);
-    EXPECT_EQ(h.vm.selectedTranscriptIndex(), 2);
-    source.tap(upArrow);
-    EXPECT_EQ(h.vm.selectedTranscriptIndex(), 1);
-    source.tap(downArrow);
-    EXPECT_EQ(h.vm.selectedTranscriptIndex(), 2);
-    source.tap(downArrow);
-    EXPECT_FALSE(h.vm.selectedTranscriptIndex()) << "down from the last line follows the newest again";
-
-    window.setVisible(false);
-    EXPECT_FALSE(source.holdsArrows());
-    window.setVisible(true);
-    keys.removeEventTap();
-    EXPECT_FALSE(source.holdsArrows());
-}
-
-TEST_F(GlobalKeysTest, WithoutASessionWideSourceNoArrowIsTaken)
-{
-    keys.removeEventTap();
-    source.seesOthers = false;
-    keys.installEventTap();
-    window.setVisible(true);
-    EXPECT_FALSE(source.holdsArrows());
-}
-
-TEST_F(GlobalKeysTest, TheTriggerKeyStartsOneAnswerPerPressAndFollowsAChangeAtOnce)
-{
-    liveWithQuestions(1);
-    h.settings.setAITriggerKey(triggerKey(rightShift, "Right Shift"));
-    keys.installKeyMonitors();
-    source.tap(rightShift);
-    EXPECT_EQ(answersAsked(), 1) << "a press fires, its release does not";
-    source.tap(f5);
-    EXPECT_EQ(answersAsked(), 1);
-
-    h.settings.setAITriggerKey(triggerKey(f5, "F5"));
-    keys.installKeyMonitors();
-    source.tap(rightShift);
-    EXPECT_EQ(answersAsked(), 1) << "the old key stops at once";
-    source.tap(f5);
-    EXPECT_EQ(answersAsked(), 2);
-
-    // While the settings record a new key, the current one fires nothing.
-    h.settings.setTriggerSuppressed(true);
-    source.tap(f5);
-    EXPECT_EQ(answersAsked(), 2);
-    h.settings.setTriggerSuppressed(false);
-    source.tap(f5);
-    EXPECT_EQ(answersAsked(), 3);
-}
-
 } // namespace
-
-#include "OverlayKeysTest.moc"

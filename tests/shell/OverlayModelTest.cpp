@@ -9,10 +9,10 @@
 
 #include <QAbstractItemModelTester>
 #include <QSignalSpy>
-#include <QTest>
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <stdexcept>
 
 using namespace std::chrono_literals;
@@ -31,141 +31,103 @@ QCoro::Task<qsizetype> resumeCount(qsizetype count, bool fails)
 
 class OverlayModelTest : public ::testing::Test {
 protected:
-    OverlayModelTest()
-    {
-        h.settings.setAutoTriggerAIAnswers(false);
-        // Attached while both lists are still empty, so every change they make is checked.
-        rowsTester = std::make_unique<QAbstractItemModelTester>(
-            overlay.transcriptRows(), QAbstractItemModelTester::FailureReportingMode::Fatal);
-        answersTester = std::make_unique<QAbstractItemModelTester>(
-            overlay.answers(), QAbstractItemModelTester::FailureReportingMode::Fatal);
-    }
-
-    void goLive()
-    {
-        h.start();
-        ASSERT_TRUE(h.vm.isRecording());
-    }
+    OverlayModelTest() { h.settings.setAutoTriggerAIAnswers(false); }
 
     // A final line of its own: more than the utterance gap after the speaker's last one.
     void line(Speaker speaker, const QString& text)
     {
-        h.clock.advance(6s);
-        h.recognizerOf(speaker)->say(text, true, h.clock.nowMs());
-        InterviewHarness::settle();
+        h.passTime(6s);
+        h.say(speaker, text);
     }
-
-    void partial(Speaker speaker, const QString& text)
-    {
-        h.recognizerOf(speaker)->say(text, false, h.clock.nowMs());
-        InterviewHarness::settle();
-    }
-
     QVariant rowValue(int row, int role) const { return overlay.transcriptRows()->index(row).data(role); }
     QVariant answerValue(int row, int role) const { return overlay.answers()->index(row).data(role); }
 
     InterviewHarness h;
     qsizetype resumes = 0;
     bool resumeRequestFails = false;
-    OverlayViewModel overlay{OverlayViewModel::Services{
-        h.vm, h.settings, h.strings, h.notifications, h.clock,
-        [this] { return resumeCount(resumes, resumeRequestFails); }}};
-    std::unique_ptr<QAbstractItemModelTester> rowsTester;
-    std::unique_ptr<QAbstractItemModelTester> answersTester;
+    OverlayViewModel overlay{OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock,
+                                                        [this] { return resumeCount(resumes, resumeRequestFails); }}};
+    // Attached while both lists are still empty, so every change they make is checked.
+    QAbstractItemModelTester rowsTester{overlay.transcriptRows(), QAbstractItemModelTester::FailureReportingMode::Fatal};
+    QAbstractItemModelTester answersTester{overlay.answers(), QAbstractItemModelTester::FailureReportingMode::Fatal};
 };
 
 TEST(TranscriptRowOpacity, FadesByAQuarterPerStepBackDownToAFloor)
 {
-    EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(0, 1), 1.0);
-    EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(0, 0), 1.0);
-    // Two rows: the older one is a step back.
-    EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(0, 2), 0.75);
-    // Six rows: the second would reach zero by the formula and stays at the floor.
-    const QList<double> six{0.25, 0.25, 0.25, 0.5, 0.75, 1.0};
-    for (int k = 0; k < 6; ++k)
-        EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(k, 6), six.at(k)) << "row " << k;
+    // Row, rows, opacity. Of six, the second would reach zero by the formula and stays at the floor.
+    const std::array<double, 3> cases[] = {{0, 1, 1},    {0, 0, 1},    {0, 2, 0.75}, {0, 6, 0.25}, {1, 6, 0.25},
+                                           {2, 6, 0.25}, {3, 6, 0.5}, {4, 6, 0.75}, {5, 6, 1}};
+    for (const auto& [row, rows, opacity] : cases)
+        EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(int(row), int(rows)), opacity) << row << " of " << rows;
 }
 
 TEST_F(OverlayModelTest, RowsFollowTheDisplayedTranscriptWithShadingAndSelection)
 {
-    goLive();
-    line(Speaker::interviewer, u"Tell me about yourself."_s);
-    line(Speaker::user, u"I build audio software."_s);
-    line(Speaker::interviewer, u"Why this team?"_s);
-    line(Speaker::user, u"The product."_s);
-    line(Speaker::interviewer, u"What is your biggest weakness?"_s);
-    partial(Speaker::user, u"Probably"_s);
-    // Five committed lines and one partial.
+    h.start();
+    const std::pair<Speaker, const char*> lines[] = {
+        {Speaker::interviewer, "Tell me about yourself."}, {Speaker::user, "I build audio software."},
+        {Speaker::interviewer, "Why this team?"}, {Speaker::user, "The product."},
+        {Speaker::interviewer, "What is your biggest weakness?"}};
+    for (const auto& [speaker, text] : lines)
+        line(speaker, QString::fromUtf8(text));
+    h.say(Speaker::user, u"Probably"_s, false);
+    // Five committed lines and one partial, which the shading counts as the newest row.
     auto* rows = overlay.transcriptRows();
     ASSERT_EQ(rows->rowCount(), 6);
-    EXPECT_EQ(rowValue(0, TranscriptRowsModel::ContentRole).toString(), u"Tell me about yourself."_s);
-    EXPECT_EQ(rowValue(5, TranscriptRowsModel::ContentRole).toString(), u"Probably"_s);
     EXPECT_FALSE(rowValue(5, TranscriptRowsModel::IsFinalRole).toBool());
     EXPECT_FALSE(rowValue(1, TranscriptRowsModel::IsInterviewerRole).toBool());
-    // The shading counts the partial as the newest row.
+    EXPECT_TRUE(rowValue(4, TranscriptRowsModel::IsInterviewerRole).toBool());
     EXPECT_DOUBLE_EQ(rowValue(1, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.25);
     EXPECT_DOUBLE_EQ(rowValue(4, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.75);
 
     // A growing partial changes its row in place, and the rows above keep theirs.
     QSignalSpy inserted(rows, &QAbstractItemModel::rowsInserted);
     QSignalSpy changed(rows, &QAbstractItemModel::dataChanged);
-    partial(Speaker::user, u"Probably patience"_s);
+    h.say(Speaker::user, u"Probably patience"_s, false);
     EXPECT_EQ(inserted.count(), 0);
     ASSERT_GE(changed.count(), 1);
     EXPECT_EQ(changed.last().at(0).toModelIndex().row(), 5);
     EXPECT_EQ(rowValue(5, TranscriptRowsModel::ContentRole).toString(), u"Probably patience"_s);
 
-    // Selection marks a final row at its position, never the partial.
-    EXPECT_EQ(rows->selectedRow(), -1);
+    // Selection marks a final row at its position, never the partial, and tells when it moves.
     QSignalSpy selectedRow(rows, &TranscriptRowsModel::selectedRowChanged);
-    h.vm.selectPreviousTranscript(); // the newest final line
-    EXPECT_EQ(rows->selectedRow(), 4);
-    EXPECT_TRUE(rowValue(4, TranscriptRowsModel::IsSelectedRole).toBool());
-    EXPECT_FALSE(rowValue(5, TranscriptRowsModel::IsSelectedRole).toBool());
-    h.vm.selectPreviousTranscript();
-    EXPECT_EQ(rows->selectedRow(), 3);
-    EXPECT_FALSE(rowValue(4, TranscriptRowsModel::IsSelectedRole).toBool());
-    EXPECT_TRUE(rowValue(3, TranscriptRowsModel::IsSelectedRole).toBool());
-    h.vm.selectNextTranscript();
-    h.vm.selectNextTranscript(); // past the last line: back to following the newest
-    EXPECT_EQ(rows->selectedRow(), -1);
+    const auto previous = &InterviewViewModel::selectPreviousTranscript, next = &InterviewViewModel::selectNextTranscript;
+    const std::pair<void (InterviewViewModel::*)(), int> moves[] = {{previous, 4}, {previous, 3}, {next, 4}, {next, -1}};
+    for (const auto& [move, expected] : moves) {
+        (h.vm.*move)();
+        EXPECT_EQ(rows->selectedRow(), expected);
+        for (int row = 0; row < 6; ++row)
+            EXPECT_EQ(rowValue(row, TranscriptRowsModel::IsSelectedRole).toBool(), row == expected) << row;
+    }
     EXPECT_EQ(selectedRow.count(), 4);
 }
 
 TEST_F(OverlayModelTest, HintFollowsTheSettingsAtOnceAndGoesWithTheFirstRow)
 {
     QSignalSpy hint(&overlay, &OverlayViewModel::hintChanged);
-    EXPECT_TRUE(overlay.showsHint());
     EXPECT_EQ(overlay.hintText(), u"Press Right Shift to trigger AI after interviewer speaks"_s);
-
     h.settings.setAutoTriggerAIAnswers(true);
-    EXPECT_EQ(hint.count(), 1);
     EXPECT_EQ(overlay.hintText(), u"AI will trigger automatically after interviewer speaks"_s);
-
     h.settings.setAutoTriggerAIAnswers(false);
     h.settings.setAITriggerKey(AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
-    EXPECT_EQ(hint.count(), 3);
     EXPECT_EQ(overlay.hintText(), u"Press F5 to trigger AI after interviewer speaks"_s);
     EXPECT_EQ(overlay.triggerKeyName(), u"F5"_s);
+    EXPECT_EQ(hint.count(), 3);
 
-    goLive();
-    partial(Speaker::interviewer, u"So"_s);
+    EXPECT_TRUE(overlay.showsHint());
+    h.start();
+    h.say(Speaker::interviewer, u"So"_s, false);
     EXPECT_FALSE(overlay.showsHint());
     EXPECT_EQ(hint.count(), 4);
 }
 
-TEST(OverlayDivider, DragStopsFortyShortOfEitherEnd)
+TEST_F(OverlayModelTest, DividerStopsFortyShortOfEitherEndAndDragSetsTheRatioUntilItEnds)
 {
-    // total 600: the upper area can be 40 to 560 high.
-    EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(120, 50, 600), 170);
-    EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(120, -500, 600), 40);
-    EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(120, 900, 600), 560);
-    // Too small for both limits: the upper area keeps its minimum.
-    EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(30, 10, 60), 40);
-}
+    // total 600: the upper area can be 40 to 560 high; too small for both, it keeps its minimum.
+    const std::array<double, 4> cases[] = {{120, 50, 600, 170}, {120, -500, 600, 40}, {120, 900, 600, 560}, {30, 10, 60, 40}};
+    for (const auto& [upper, by, total, expected] : cases)
+        EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected) << upper << " " << by;
 
-TEST_F(OverlayModelTest, DividerDragSetsTheRatioUntilItEnds)
-{
     QSignalSpy divider(&overlay, &OverlayViewModel::dividerChanged);
     overlay.dragDivider(100, 1000, 500);
     EXPECT_TRUE(overlay.isDragging());
@@ -218,7 +180,7 @@ TEST_F(OverlayModelTest, StreamedAnswerGrowsInPlaceAndTheTriggerWaitsForIt)
     EXPECT_FALSE(overlay.canTrigger()); // not recording
     h.backend->finishAnswers = false;
     h.backend->answerChunks = {};
-    goLive();
+    h.start();
     EXPECT_TRUE(overlay.canTrigger());
     line(Speaker::interviewer, u"How do you handle conflict?"_s);
 
@@ -230,7 +192,6 @@ TEST_F(OverlayModelTest, StreamedAnswerGrowsInPlaceAndTheTriggerWaitsForIt)
     EXPECT_GE(trigger.count(), 1);
     EXPECT_EQ(overlay.answerState(), AnswerState::generating);
     EXPECT_TRUE(answerValue(0, AnswersModel::IsStreamingRole).toBool());
-    EXPECT_TRUE(answerValue(0, AnswersModel::IsSelectedRole).toBool());
 
     // Each chunk reaches both the list and the answer area.
     QSignalSpy changed(overlay.answers(), &QAbstractItemModel::dataChanged);
@@ -264,61 +225,23 @@ TEST_F(OverlayModelTest, ResumeTipComesAfterTheDelayWhenNoResumeIsOnFile)
     h.clock.advance(1s);
     EXPECT_FALSE(overlay.showResumeTip()) << "hiding checks nothing";
 
-    struct Case {
-        const char* name;
-        bool fails;
-        qsizetype resumes;
-        bool tip;
-    };
-    const Case cases[] = {{"request fails", true, 0, true}, {"one on file", false, 1, false}, {"none on file", false, 0, true}};
-    for (const auto& c : cases) {
-        resumeRequestFails = c.fails;
-        resumes = c.resumes;
+    const std::tuple<const char*, bool, qsizetype, bool> cases[] = {
+        {"request fails", true, 0, true}, {"one on file", false, 1, false}, {"none on file", false, 0, true}};
+    for (const auto& [name, fails, onFile, tip] : cases) {
+        resumeRequestFails = fails;
+        resumes = onFile;
         h.notifications.post(Notifications::overlayVisibilityChanged, true);
         InterviewHarness::settle();
         h.clock.advance(599ms);
         InterviewHarness::settle();
-        EXPECT_FALSE(overlay.showResumeTip()) << c.name << ": before the delay";
+        EXPECT_FALSE(overlay.showResumeTip()) << name << ": before the delay";
         h.clock.advance(1ms);
         InterviewHarness::settle();
-        EXPECT_EQ(overlay.showResumeTip(), c.tip) << c.name;
-        EXPECT_FALSE(noClient.showResumeTip()) << c.name << ": without a client";
+        EXPECT_EQ(overlay.showResumeTip(), tip) << name;
+        EXPECT_FALSE(noClient.showResumeTip()) << name << ": without a client";
         overlay.openResume();
-        EXPECT_FALSE(overlay.showResumeTip()) << c.name << ": the resume button leaves it";
+        EXPECT_FALSE(overlay.showResumeTip()) << name << ": the resume button leaves it";
     }
-}
-
-TEST_F(OverlayModelTest, ControlsReachTheInterviewAndTheShell)
-{
-    QStringList posted;
-    for (const auto& name : {Notifications::showDashboard, Notifications::toggleOverlay, Notifications::triggerAI})
-        h.notifications.addObserver(name, nullptr, [&posted](const Notification& n) {
-            posted.append(n.name + u' ' + n.userInfo.value(u"page"_s, u"-"_s).toString());
-        });
-    struct Case {
-        void (OverlayViewModel::*control)();
-        QString posted;
-    };
-    const Case cases[] = {
-        {&OverlayViewModel::openResume, u"showDashboard resume"_s},
-        {&OverlayViewModel::openJobDescription, u"showDashboard jobDescription"_s},
-        {&OverlayViewModel::openSettings, u"showDashboard -"_s},
-        {&OverlayViewModel::closeOverlay, Notifications::toggleOverlay + u" -"_s},
-        {&OverlayViewModel::triggerAnswer, Notifications::triggerAI + u" -"_s},
-    };
-    for (const auto& c : cases) {
-        posted.clear();
-        (overlay.*c.control)();
-        EXPECT_EQ(posted, QStringList{c.posted}) << c.posted.toStdString();
-    }
-
-    EXPECT_EQ(overlay.startStopText(), u"Start"_s);
-    overlay.toggleInterview();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.isRecording(); }, 5000));
-    EXPECT_EQ(overlay.startStopText(), u"Stop"_s);
-    overlay.toggleInterview();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.pipelineState() == InterviewViewModel::PipelineState::idle; }, 5000));
-    EXPECT_EQ(overlay.startStopText(), u"Start"_s);
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 // The overlay as a real window under Xvfb with a window manager: it stays out of the focus
-// when clicked, takes the arrow keys from another program only while it shows, starts answers
+// when clicked, takes the arrow keys from the focused program only while it shows, starts answers
 // on the trigger key, sits on every workspace where it was placed, and draws its content in
 // three languages (screenshots in build/screenshots).
 
@@ -13,26 +13,19 @@
 #include "X11Workspaces.h"
 #include "XTestKeyboard.h"
 
-#include <QDir>
 #include <QGuiApplication>
 #include <QHash>
 #include <QProcess>
-#include <QQmlContext>
-#include <QQmlProperty>
 #include <QQuickItem>
 #include <QQuickWindow>
-#include <QStandardPaths>
+#include <QScreen>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <X11/keysym.h>
-#include <xcb/xcb.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <memory>
 #include <stdexcept>
 
 using namespace std::chrono_literals;
@@ -41,131 +34,82 @@ namespace {
 
 using DisplayFixture::findByAccessibleName;
 using DisplayFixture::saveScreenshot;
-
+using DisplayFixture::tool;
 using Speaker = TranscriptEntry::Speaker;
 
-template<typename T>
-using XcbReply = std::unique_ptr<T, decltype(&std::free)>;
+QString xprop(const QStringList& arguments)
+{
+    return tool(u"xprop"_s, arguments).value_or(QString());
+}
 
-// A connection of the test's own to the display, apart from Qt's.
-class X11 {
+QString activeWindow()
+{
+    return tool(u"xdotool"_s, {u"getactivewindow"_s}).value_or(QString());
+}
+
+// The real pointer of the display, so the window manager sees it too: a click, or a press,
+// a move in two steps (past the drag threshold, then on) and a release.
+bool pointer(QQuickItem* item, QPointF at, QPoint by = {})
+{
+    if (!item)
+        return false;
+    const QPoint from = item->mapToGlobal(at).toPoint();
+    const auto to = [&](int step) {
+        return QStringList{u"mousemove"_s, QString::number(from.x() + by.x() * step / 10),
+                           QString::number(from.y() + by.y() * step / 10), u"sleep"_s, u"0.2"_s};
+    };
+    const QStringList press{u"mousedown"_s, u"1"_s, u"sleep"_s, u"0.2"_s};
+    const QStringList end = by.isNull() ? QStringList{u"click"_s, u"1"_s} : to(1) + to(10) + QStringList{u"mouseup"_s, u"1"_s};
+    return tool(u"xdotool"_s, to(0) + (by.isNull() ? QStringList() : press) + end).has_value();
+}
+
+QPointF centre(QQuickItem* item)
+{
+    return item ? QPointF(item->width() / 2, item->height() / 2) : QPointF();
+}
+
+// The focused program: the whole-product test's video call, which asks for the focus and
+// prints its window and every key and loss of focus that reaches it.
+class VideoCall {
 public:
-    X11() : m_connection(xcb_connect(nullptr, nullptr))
+    VideoCall() { m_process.start(QStringLiteral(RAVLET_VIDEO_CALL)); }
+    ~VideoCall()
     {
-        if (xcb_connection_has_error(m_connection))
-            throw std::runtime_error("no X display");
-        m_root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
+        m_process.kill();
+        m_process.waitForFinished();
     }
-    ~X11() { xcb_disconnect(m_connection); }
-    X11(const X11&) = delete;
-    X11& operator=(const X11&) = delete;
+    VideoCall(const VideoCall&) = delete;
+    VideoCall& operator=(const VideoCall&) = delete;
 
-    xcb_connection_t* connection() const { return m_connection; }
-    xcb_window_t root() const { return m_root; }
-
-    xcb_atom_t atom(const char* name) const
+    // Its window once the window manager has given it the focus; empty if never.
+    QString focusedWindow()
     {
-        XcbReply<xcb_intern_atom_reply_t> reply(
-            xcb_intern_atom_reply(m_connection, xcb_intern_atom(m_connection, 0, qstrlen(name), name), nullptr),
-            &std::free);
-        return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
+        const auto window = [&] {
+            const auto line = lines().filter(u"window "_s);
+            return line.isEmpty() ? QString() : line.first().mid(7);
+        };
+        return QTest::qWaitFor([&] { return !window().isEmpty() && activeWindow() == window(); }, 10000) ? window()
+                                                                                                      : QString();
     }
-
-    QList<quint32> property(xcb_window_t window, const char* name) const
-    {
-        XcbReply<xcb_get_property_reply_t> reply(
-            xcb_get_property_reply(m_connection,
-                                   xcb_get_property(m_connection, 0, window, atom(name), XCB_GET_PROPERTY_TYPE_ANY, 0, 64),
-                                   nullptr),
-            &std::free);
-        QList<quint32> values;
-        if (!reply || reply->format != 32)
-            return values;
-        const auto* data = static_cast<const quint32*>(xcb_get_property_value(reply.get()));
-        for (int k = 0; k < xcb_get_property_value_length(reply.get()) / 4; ++k)
-            values.append(data[k]);
-        return values;
-    }
-
-    xcb_window_t activeWindow() const
-    {
-        const auto values = property(m_root, "_NET_ACTIVE_WINDOW");
-        return values.isEmpty() ? xcb_window_t(XCB_WINDOW_NONE) : values.first();
-    }
+    int presses(const char* keysym) { return int(lines().count(u"press "_s + QLatin1String(keysym))); }
+    bool lostFocus() { return lines().contains(u"focus out"_s); }
 
 private:
-    xcb_connection_t* m_connection;
-    xcb_window_t m_root = XCB_WINDOW_NONE;
+    const QStringList& lines()
+    {
+        m_pending += m_process.readAllStandardOutput();
+        const auto end = m_pending.lastIndexOf('\n') + 1;
+        m_lines += QString::fromUtf8(m_pending.left(end)).split(u'\n', Qt::SkipEmptyParts);
+        m_pending.remove(0, end);
+        return m_lines;
+    }
+    QProcess m_process;
+    QByteArray m_pending;
+    QStringList m_lines;
 };
 
-// A small window of the test's own that holds the focus, as the video call would.
-class FocusHolder {
-public:
-    explicit FocusHolder(X11& x11) : m_x11(x11)
-    {
-        auto* c = x11.connection();
-        m_window = xcb_generate_id(c);
-        const uint32_t values[] = {0x303030, XCB_EVENT_MASK_KEY_PRESS};
-        xcb_create_window(c, XCB_COPY_FROM_PARENT, m_window, x11.root(), 20, 20, 240, 120, 0,
-                          XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT, XCB_CW_BACK_PIXEL | XCB_CW_EVENT_MASK,
-                          values);
-        const QByteArray title = "focus holder";
-        xcb_change_property(c, XCB_PROP_MODE_REPLACE, m_window, XCB_ATOM_WM_NAME, XCB_ATOM_STRING, 8,
-                            title.size(), title.constData());
-        xcb_map_window(c, m_window);
-        xcb_flush(c);
-    }
-    ~FocusHolder()
-    {
-        xcb_destroy_window(m_x11.connection(), m_window);
-        xcb_flush(m_x11.connection());
-    }
-    FocusHolder(const FocusHolder&) = delete;
-    FocusHolder& operator=(const FocusHolder&) = delete;
-
-    // Asks the window manager for the focus, as a pager would, until it is given.
-    bool takeFocus()
-    {
-        auto* c = m_x11.connection();
-        return QTest::qWaitFor(
-            [&] {
-                xcb_client_message_event_t event{};
-                event.response_type = XCB_CLIENT_MESSAGE;
-                event.format = 32;
-                event.window = m_window;
-                event.type = m_x11.atom("_NET_ACTIVE_WINDOW");
-                event.data.data32[0] = 2; // from a pager: not subject to focus-stealing rules
-                event.data.data32[1] = XCB_CURRENT_TIME;
-                xcb_send_event(c, 0, m_x11.root(),
-                               XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT | XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY,
-                               reinterpret_cast<const char*>(&event));
-                xcb_flush(c);
-                QTest::qWait(50);
-                return m_x11.activeWindow() == m_window;
-            },
-            5000);
-    }
-    xcb_window_t id() const { return m_window; }
-
-    // How many presses of the key the window was given.
-    int pressesOf(quint8 keycode)
-    {
-        while (xcb_generic_event_t* event = xcb_poll_for_event(m_x11.connection())) {
-            if ((event->response_type & 0x7f) == XCB_KEY_PRESS)
-                m_presses.append(reinterpret_cast<xcb_key_press_event_t*>(event)->detail);
-            std::free(event);
-        }
-        return static_cast<int>(m_presses.count(keycode));
-    }
-
-private:
-    X11& m_x11;
-    xcb_window_t m_window = XCB_WINDOW_NONE;
-    QList<quint8> m_presses;
-};
-
-// The program's key source, counting what it passed on: a key seen here has been dealt with
-// by the monitors, since both come over the same connection in order.
+// The program's key source, counting the releases it passed on: a key seen here has been dealt
+// with by the monitors, since both come over the same connection in order.
 class CountingKeySource final : public KeySource {
 public:
     bool seesOtherPrograms() const override { return source.seesOtherPrograms(); }
@@ -174,8 +118,7 @@ public:
         source.observeKeys([this, handler = std::move(handler)](quint16 code, bool pressed) {
             if (handler)
                 handler(code, pressed);
-            if (!pressed)
-                ++releases[code];
+            releases[code] += pressed ? 0 : 1;
         });
     }
     void grabArrows(ArrowHandler handler) override { source.grabArrows(std::move(handler)); }
@@ -185,71 +128,6 @@ public:
     QHash<quint16, int> releases;
 };
 
-// A window manager on the test display for the length of one test program.
-class WindowManager {
-public:
-    static bool start(X11& x11)
-    {
-        const QString openbox = QStandardPaths::findExecutable(u"openbox"_s);
-        if (openbox.isEmpty())
-            return false;
-        s_home = std::make_unique<QTemporaryDir>();
-        s_process = std::make_unique<QProcess>();
-        auto environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(u"HOME"_s, s_home->path());
-        environment.insert(u"XDG_CONFIG_HOME"_s, s_home->path());
-        environment.remove(u"DBUS_SESSION_BUS_ADDRESS"_s);
-        s_process->setProcessEnvironment(environment);
-        s_process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        s_process->start(openbox, {u"--sm-disable"_s});
-        if (!s_process->waitForStarted(5000))
-            return false;
-        // Up once it names itself on the root window.
-        return QTest::qWaitFor([&] { return !x11.property(x11.root(), "_NET_SUPPORTING_WM_CHECK").isEmpty(); },
-                               10000);
-    }
-    static void stop()
-    {
-        if (!s_process)
-            return;
-        s_process->terminate();
-        if (!s_process->waitForFinished(3000))
-            s_process->kill();
-        s_process.reset();
-        s_home.reset();
-    }
-
-private:
-    static inline std::unique_ptr<QProcess> s_process;
-    static inline std::unique_ptr<QTemporaryDir> s_home;
-};
-
-// Drives the real pointer of the display, so the window manager sees it too. The program keeps
-// handling its events meanwhile, as it would under a user's hand.
-bool xdotool(const QStringList& arguments)
-{
-    QProcess process;
-    process.start(u"xdotool"_s, arguments);
-    return QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 10000)
-        && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-}
-
-bool click(QQuickItem* item)
-{
-    const QPoint at = item->mapToGlobal(QPointF(item->width() / 2, item->height() / 2)).toPoint();
-    return xdotool({u"mousemove"_s, QString::number(at.x()), QString::number(at.y()), u"click"_s, u"1"_s});
-}
-
-// Presses at `from`, moves in two steps (past the drag threshold, then on) and lets go.
-bool drag(QPoint from, QPoint by)
-{
-    const auto number = [](int value) { return QString::number(value); };
-    return xdotool({u"mousemove"_s, number(from.x()), number(from.y()), u"mousedown"_s, u"1"_s, u"sleep"_s,
-                    u"0.2"_s, u"mousemove"_s, number(from.x() + by.x() / 10), number(from.y() + by.y() / 10),
-                    u"sleep"_s, u"0.2"_s, u"mousemove"_s, number(from.x() + by.x()), number(from.y() + by.y()),
-                    u"sleep"_s, u"0.2"_s, u"mouseup"_s, u"1"_s});
-}
-
 QCoro::Task<qsizetype> noResumeList()
 {
     throw std::runtime_error("no resume list in this test");
@@ -258,17 +136,29 @@ QCoro::Task<qsizetype> noResumeList()
 
 class OverlayWindowTest : public ::testing::Test {
 protected:
+    // A window manager on the test display for the length of the test program.
     static void SetUpTestSuite()
     {
         if (DisplayFixture::skipReason())
             return;
-        s_x11 = std::make_unique<X11>();
-        s_hasWindowManager = WindowManager::start(*s_x11);
+        s_home = std::make_unique<QTemporaryDir>();
+        s_windowManager = std::make_unique<QProcess>();
+        auto environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"HOME"_s, s_home->path());
+        environment.insert(u"XDG_CONFIG_HOME"_s, s_home->path());
+        environment.remove(u"DBUS_SESSION_BUS_ADDRESS"_s);
+        s_windowManager->setProcessEnvironment(environment);
+        s_windowManager->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        s_windowManager->start(u"openbox"_s, {u"--sm-disable"_s});
+        // Up once it names itself on the root window.
+        s_hasWindowManager = s_windowManager->waitForStarted(5000) && QTest::qWaitFor([] {
+            return xprop({u"-root"_s, u"_NET_SUPPORTING_WM_CHECK"_s}).contains(u"window id"_s);
+        }, 10000);
     }
     static void TearDownTestSuite()
     {
-        WindowManager::stop();
-        s_x11.reset();
+        s_windowManager.reset();
+        s_home.reset();
     }
 
     void SetUp() override
@@ -285,7 +175,6 @@ protected:
         h.settings.setAutoTriggerAIAnswers(false);
         overlay = std::make_unique<OverlayViewModel>(OverlayViewModel::Services{
             h.vm, h.settings, h.strings, h.notifications, h.clock, [] { return noResumeList(); }});
-        ShellModels models;
         models.interview = &h.vm;
         models.settings = &h.settings;
         models.strings = &h.strings;
@@ -297,20 +186,19 @@ protected:
         windows.show(ShellWindows::Panel::overlay);
         h.notifications.post(Notifications::overlayVisibilityChanged, true);
         ASSERT_TRUE(QTest::qWaitForWindowExposed(window));
-        // No tool tip from where an earlier test left the pointer.
-        xdotool({u"mousemove"_s, u"5"_s, u"5"_s});
+        tool(u"xdotool"_s, {u"mousemove"_s, u"5"_s, u"5"_s}); // no tool tip from where a test left the pointer
     }
 
+    // A final line of its own: more than the utterance gap after the speaker's last one.
     void line(Speaker speaker, const QString& text)
     {
-        h.clock.advance(6s);
-        h.recognizerOf(speaker)->say(text, true, h.clock.nowMs());
-        InterviewHarness::settle();
+        h.passTime(6s);
+        h.say(speaker, text);
     }
 
-    void answer(const QStringList& chunks, bool finish)
+    void answer(const QString& text, bool finish = true)
     {
-        h.backend->answerChunks = chunks;
+        h.backend->answerChunks = {text};
         h.backend->finishAnswers = finish;
         h.vm.triggerAIAnswer();
         InterviewHarness::settle();
@@ -323,162 +211,18 @@ protected:
         return item;
     }
 
-    static inline std::unique_ptr<X11> s_x11;
+    static inline std::unique_ptr<QTemporaryDir> s_home;
+    static inline std::unique_ptr<QProcess> s_windowManager;
     static inline bool s_hasWindowManager = false;
 
     InterviewHarness h;
     std::unique_ptr<OverlayViewModel> overlay;
+    ShellModels models;
     QmlShellWindows windows;
     QQuickWindow* window = nullptr;
 };
 
-TEST_F(OverlayWindowTest, ClicksOnTheOverlayLeaveTheFocusWhereItWas)
-{
-    ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
-    FocusHolder holder(*s_x11);
-    ASSERT_TRUE(holder.takeFocus()) << "the window manager never focused the test's own window";
-    const auto stillFocused = [&] { return s_x11->activeWindow() == holder.id() && !window->isActive(); };
-
-    // Start: the click lands, the interview runs, the focus stays.
-    auto* start = control(h.strings.text(u"overlay.btn_start"_s));
-    ASSERT_TRUE(start);
-    ASSERT_TRUE(click(start));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.isRecording(); }, 5000)) << "the click never reached the button";
-    QTest::qWait(200);
-    EXPECT_TRUE(stillFocused());
-
-    line(Speaker::interviewer, u"Walk me through a hard bug."_s);
-    answer({u"First answer."_s}, true);
-    answer({u"Second answer."_s}, true);
-    ASSERT_EQ(h.vm.selectedAnswerIndex(), 1);
-
-    // The chevron, a line of the transcript (selectable text) and the resume button.
-    auto* previous = control(u"Previous answer"_s);
-    ASSERT_TRUE(previous);
-    ASSERT_TRUE(click(previous));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.selectedAnswerIndex() == 0; }, 5000));
-    QTest::qWait(200);
-    EXPECT_TRUE(stillFocused());
-
-    auto* row = control(u"Walk me through a hard bug."_s);
-    ASSERT_TRUE(row);
-    ASSERT_TRUE(click(row));
-    QTest::qWait(300);
-    EXPECT_TRUE(stillFocused());
-
-    // The divider, dragged down by 200 from its place at a fifth of the height.
-    auto* divider = control(u"Resize areas"_s);
-    ASSERT_TRUE(divider);
-    ASSERT_TRUE(drag(divider->mapToGlobal(QPointF(divider->width() / 2, divider->height() / 2)).toPoint(),
-                     QPoint(0, 200)));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !overlay->isDragging() && overlay->dividerRatio() > 0.4; }, 5000))
-        << overlay->dividerRatio();
-    EXPECT_LT(overlay->dividerRatio(), 0.6);
-    EXPECT_TRUE(stillFocused());
-
-    // The top bar moves the panel.
-    auto* bar = control(u"Move overlay"_s);
-    ASSERT_TRUE(bar);
-    const QPoint before = window->position();
-    ASSERT_TRUE(drag(bar->mapToGlobal(QPointF(60, bar->height() / 2)).toPoint(), QPoint(-100, 40)));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return window->position() == before + QPoint(-100, 40); }, 5000))
-        << window->position().x() << "," << window->position().y();
-    EXPECT_TRUE(stillFocused());
-
-    int dashboards = 0;
-    h.notifications.addObserver(Notifications::showDashboard, nullptr, [&](const Notification&) { ++dashboards; });
-    auto* resume = control(h.strings.text(u"sidebar.resume"_s));
-    ASSERT_TRUE(resume);
-    ASSERT_TRUE(click(resume));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return dashboards == 1; }, 5000));
-    QTest::qWait(200);
-    EXPECT_TRUE(stillFocused());
-}
-
-TEST_F(OverlayWindowTest, KeysFromAnotherProgramReachTheOverlayOnlyAsDesigned)
-{
-    ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
-    h.start();
-    for (const auto& question : {u"First question?"_s, u"Second question?"_s, u"Third question?"_s})
-        line(Speaker::interviewer, question);
-    CountingKeySource source;
-    ASSERT_TRUE(source.seesOtherPrograms());
-    GlobalKeys keys(source);
-    ShellModels models;
-    models.interview = &h.vm;
-    models.settings = &h.settings;
-    keys.attach(models, window);
-    keys.installKeyMonitors();
-    keys.installEventTap();
-    FocusHolder holder(*s_x11);
-    ASSERT_TRUE(holder.takeFocus());
-    XTestKeyboard keyboard;
-    ASSERT_TRUE(keyboard.isOpen());
-    const quint8 up = keyboard.keycode(XK_Up);
-    const quint8 left = keyboard.keycode(XK_Left);
-    const quint8 f5 = keyboard.keycode(XK_F5);
-    // "a" is nobody's key: once the focused window and the key source have it, every key
-    // pressed before it has reached both.
-    const quint8 a = keyboard.keycode(XK_a);
-    const auto settled = [&] {
-        const int given = holder.pressesOf(a);
-        const int seen = source.releases.value(0);
-        keyboard.tap(XK_a);
-        return QTest::qWaitFor([&] { return holder.pressesOf(a) > given && source.releases.value(0) > seen; }, 5000);
-    };
-
-    // Hidden, the overlay takes no key.
-    windows.hide(ShellWindows::Panel::overlay);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !window->isVisible(); }, 3000));
-    keyboard.tap(XK_Up);
-    ASSERT_TRUE(settled());
-    EXPECT_EQ(holder.pressesOf(up), 1) << "the arrow never reached the program in front";
-    EXPECT_FALSE(h.vm.selectedTranscriptIndex());
-
-    // Shown, the arrows are the overlay's, even those that change nothing.
-    windows.show(ShellWindows::Panel::overlay);
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(window));
-    keyboard.tap(XK_Up);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.selectedTranscriptIndex() == 2; }, 3000));
-    keyboard.tap(XK_Up);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.selectedTranscriptIndex() == 1; }, 3000));
-    keyboard.tap(XK_Down);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return h.vm.selectedTranscriptIndex() == 2; }, 3000));
-    keyboard.tap(XK_Left);
-    keyboard.tap(XK_Right);
-    ASSERT_TRUE(settled());
-    EXPECT_EQ(holder.pressesOf(up), 1);
-    EXPECT_EQ(holder.pressesOf(left), 0);
-    EXPECT_FALSE(h.vm.selectedAnswerIndex()) << "no answers yet";
-    EXPECT_EQ(s_x11->activeWindow(), holder.id());
-
-    // The trigger fires once per press, and goes on to the program in front.
-    h.backend->answerChunks = {u"An answer."_s};
-    const auto useTrigger = [&](quint16 code, const QString& name) {
-        const bool modifier = OverlayKeys::isModifierKey(code);
-        h.settings.setAITriggerKey({code, modifier, UserSettings::modifierFlagForKeyCode(code), name});
-        keys.installKeyMonitors();
-    };
-    useTrigger(60, u"Right Shift"_s);
-    keyboard.tap(XK_Shift_R);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return h.backend->answerRequests.size() == 1; }, 3000));
-    ASSERT_TRUE(settled());
-    EXPECT_EQ(h.backend->answerRequests.size(), 1) << "the release fired too";
-    InterviewHarness::settle();
-
-    useTrigger(96, u"F5"_s);
-    keyboard.tap(XK_Shift_R);
-    ASSERT_TRUE(settled());
-    EXPECT_EQ(h.backend->answerRequests.size(), 1) << "the old key still fires";
-    keyboard.tap(XK_F5);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return h.backend->answerRequests.size() == 2; }, 3000));
-    ASSERT_TRUE(settled());
-    EXPECT_EQ(h.backend->answerRequests.size(), 2);
-    EXPECT_EQ(holder.pressesOf(f5), 1) << "the trigger key is observed, never swallowed";
-    EXPECT_EQ(s_x11->activeWindow(), holder.id());
-}
-
-TEST_F(OverlayWindowTest, OpensAtItsPlaceOnEveryWorkspace)
+TEST_F(OverlayWindowTest, OpensAtItsPlaceOnEveryWorkspaceAboveTheOthers)
 {
     ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
     EXPECT_EQ(window->size(), QSize(680, 700));
@@ -490,105 +234,186 @@ TEST_F(OverlayWindowTest, OpensAtItsPlaceOnEveryWorkspace)
     EXPECT_EQ(window->position(), QmlShellWindows::overlayPosition(area, QSize(680, 700)));
     EXPECT_EQ(QmlShellWindows::overlayPosition(QRect(0, 0, 1280, 800), QSize(680, 700)), QPoint(400, 52));
 
-    const auto id = static_cast<xcb_window_t>(window->winId());
+    const QString id = QString::number(window->winId());
     // The window manager keeps the window on every workspace: it would otherwise put it on
     // the current one.
-    EXPECT_TRUE(QTest::qWaitFor([&] { return s_x11->property(id, "_NET_WM_DESKTOP") == QList<quint32>{0xFFFFFFFF}; },
+    EXPECT_TRUE(QTest::qWaitFor([&] { return xprop({u"-id"_s, id, u"_NET_WM_DESKTOP"_s}).endsWith(u"= 4294967295"_s); },
                                 3000));
     // Qt's own state for a window on top survives next to ours.
-    EXPECT_TRUE(s_x11->property(id, "_NET_WM_STATE").contains(s_x11->atom("_NET_WM_STATE_ABOVE")));
+    EXPECT_TRUE(xprop({u"-id"_s, id, u"_NET_WM_STATE"_s}).contains(u"_NET_WM_STATE_ABOVE"_s));
 }
 
-struct Sample {
-    const char* language;
-    QString question;
-    QString reply;
-    QString followUp;
-    QString firstAnswer;
-    QString secondAnswer;
-    QString streaming;
-};
+// With the video call in front: clicks on the overlay do their work and leave the focus where it
+// was; an arrow is the showing overlay's, any other key and every key of a hidden overlay goes
+// on to the video call; the trigger key starts answers and reaches the video call too.
+TEST_F(OverlayWindowTest, TheVideoCallKeepsTheFocusAndEveryKeyTheOverlayDoesNotTake)
+{
+    ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
+    VideoCall call;
+    const QString callWindow = call.focusedWindow();
+    ASSERT_FALSE(callWindow.isEmpty()) << "the window manager never focused the video call";
+    const auto keptFocus = [&](const char* what, const std::function<bool()>& done) {
+        SCOPED_TRACE(what);
+        EXPECT_TRUE(QTest::qWaitFor(done, 5000));
+        QTest::qWait(200);
+        EXPECT_EQ(activeWindow(), callWindow);
+        EXPECT_FALSE(window->isActive());
+        EXPECT_FALSE(call.lostFocus());
+    };
 
-class OverlayScreenshotTest : public OverlayWindowTest, public ::testing::WithParamInterface<const char*> {};
+    auto* start = control(h.strings.text(u"overlay.btn_start"_s));
+    ASSERT_TRUE(pointer(start, centre(start)));
+    keptFocus("start", [&] { return h.vm.isRecording(); });
+    for (const auto& question : {u"First question?"_s, u"Second question?"_s, u"Third question?"_s})
+        line(Speaker::interviewer, question);
+    answer(u"First answer."_s);
+    answer(u"Second answer."_s);
+    ASSERT_EQ(h.vm.selectedAnswerIndex(), 1);
+    auto* previous = control(u"Previous answer"_s);
+    ASSERT_TRUE(pointer(previous, centre(previous)));
+    keptFocus("previous answer", [&] { return h.vm.selectedAnswerIndex() == 0; });
+    h.vm.selectNextAnswer();
+    auto* row = control(u"Third question?"_s); // selectable text
+    ASSERT_TRUE(pointer(row, centre(row)));
+    keptFocus("transcript line", [] { return true; });
+    // The divider, dragged down by 200 from its place at a fifth of the height.
+    auto* divider = control(u"Resize areas"_s);
+    ASSERT_TRUE(pointer(divider, centre(divider), QPoint(0, 200)));
+    keptFocus("divider", [&] { return !overlay->isDragging() && overlay->dividerRatio() > 0.4 && overlay->dividerRatio() < 0.6; });
+    // The top bar moves the panel.
+    auto* bar = control(u"Move overlay"_s);
+    const QPoint before = window->position();
+    ASSERT_TRUE(pointer(bar, QPointF(60, bar ? bar->height() / 2 : 0), QPoint(-100, 40)));
+    keptFocus("top bar", [&] { return window->position() == before + QPoint(-100, 40); });
+    int dashboards = 0;
+    h.notifications.addObserver(Notifications::showDashboard, nullptr, [&](const Notification&) { ++dashboards; });
+    auto* resume = control(h.strings.text(u"sidebar.resume"_s));
+    ASSERT_TRUE(pointer(resume, centre(resume)));
+    keptFocus("resume", [&] { return dashboards == 1; });
 
-TEST_P(OverlayScreenshotTest, DrawsTranscriptAnswerAndTipInTheLanguageAndItsDirection)
+    CountingKeySource source;
+    ASSERT_TRUE(source.seesOtherPrograms());
+    GlobalKeys keys(source);
+    keys.attach(models, window);
+    keys.installKeyMonitors();
+    keys.installEventTap();
+    XTestKeyboard keyboard;
+    ASSERT_TRUE(keyboard.isOpen());
+    // "a" is nobody's key: once the video call and the key source have it, every key pressed
+    // before it has reached both. What the key did to the video call: its count of presses.
+    const auto tap = [&](unsigned long keysym, const char* name) {
+        const int given = call.presses(name), a = call.presses("a"), seen = source.releases.value(0);
+        keyboard.tap(keysym);
+        keyboard.tap(XK_a);
+        EXPECT_TRUE(QTest::qWaitFor([&] { return call.presses("a") > a && source.releases.value(0) > seen; }, 5000));
+        InterviewHarness::settle();
+        return call.presses(name) - given;
+    };
+
+    // State of the overlay, key, its name, then the selected line and answer and whether the
+    // video call got the key.
+    using Transcript = std::optional<qsizetype>;
+    const std::tuple<const char*, unsigned long, const char*, Transcript, qsizetype, bool> arrows[] = {
+        {"hidden", XK_Up, "Up", {}, 1, true},
+        {"shown", XK_Up, "Up", 2, 1, false},
+        {"shown", XK_Up, "Up", 1, 1, false},
+        {"shown", XK_Down, "Down", 2, 1, false},
+        {"shown", XK_Left, "Left", 2, 0, false},
+        {"shown", XK_Right, "Right", 2, 1, false},
+        {"shown", XK_Right, "Right", 2, 1, false}, // the newest already: taken all the same
+        {"shown", XK_Down, "Down", {}, 1, false},  // past the last line: following the newest again
+        {"tap removed", XK_Left, "Left", {}, 1, true},
+    };
+    QString state = u"shown"_s;
+    for (const auto& [stateOfOverlay, keysym, name, transcript, answer, passedOn] : arrows) {
+        SCOPED_TRACE(std::string(stateOfOverlay) + " " + name);
+        if (state != QLatin1String(stateOfOverlay)) {
+            state = QString::fromLatin1(stateOfOverlay);
+            if (state == u"hidden"_s) {
+                windows.hide(ShellWindows::Panel::overlay);
+                ASSERT_TRUE(QTest::qWaitFor([&] { return !window->isVisible(); }, 3000));
+            } else if (state == u"shown"_s) {
+                windows.show(ShellWindows::Panel::overlay);
+                ASSERT_TRUE(QTest::qWaitForWindowExposed(window));
+            } else {
+                keys.removeEventTap();
+            }
+        }
+        EXPECT_EQ(tap(keysym, name), passedOn ? 1 : 0);
+        EXPECT_EQ(h.vm.selectedTranscriptIndex(), transcript);
+        EXPECT_EQ(h.vm.selectedAnswerIndex(), answer);
+    }
+
+    // The trigger key's code and name, whether the settings are recording a new key, the key
+    // pressed and whether it starts an answer. Observed, never swallowed, it always reaches the call.
+    const std::tuple<quint16, const char*, bool, unsigned long, const char*, bool> presses[] = {
+        {60, "Right Shift", false, XK_Shift_R, "Shift_R", true},
+        {96, "F5", false, XK_Shift_R, "Shift_R", false},
+        {96, "F5", false, XK_F5, "F5", true},
+        {96, "F5", true, XK_F5, "F5", false},
+    };
+    for (const auto& [trigger, triggerName, suppressed, keysym, name, fires] : presses) {
+        SCOPED_TRACE(std::string(triggerName) + ", pressed " + name);
+        // As the delegate does when the settings change the key.
+        h.settings.setAITriggerKey({trigger, OverlayKeys::isModifierKey(trigger),
+                                    UserSettings::modifierFlagForKeyCode(trigger), QString::fromLatin1(triggerName)});
+        keys.installKeyMonitors();
+        h.settings.setTriggerSuppressed(suppressed);
+        const auto asked = h.backend->answerRequests.size();
+        EXPECT_EQ(tap(keysym, name), 1);
+        EXPECT_EQ(h.backend->answerRequests.size() - asked, fires ? 1 : 0);
+    }
+    EXPECT_EQ(activeWindow(), callWindow);
+    EXPECT_FALSE(call.lostFocus());
+}
+
+class OverlayLanguageTest : public OverlayWindowTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(OverlayLanguageTest, DrawsTranscriptAnswerAndTipInTheLanguageAndItsDirection)
 {
     const QString language = QString::fromLatin1(GetParam());
-    const QList<Sample> samples{
-        {"en", u"Tell me about a project you are proud of."_s, u"I rebuilt our audio pipeline last year."_s,
-         u"What was the hardest part?"_s, u"Start with the goal and your role."_s,
-         u"The hardest part was keeping latency under 200 ms while the team moved the capture to a new "
-         u"thread model. I measured first, then changed one stage at a time."_s,
-         u"Another angle: "_s},
-        {"zh", u"请介绍一个你引以为豪的项目。"_s, u"去年我重建了我们的音频处理流程。"_s, u"最难的部分是什么？"_s,
-         u"先说明目标和你的角色。"_s,
-         u"最难的是在团队把采集迁移到新线程模型的同时，把延迟保持在 200 毫秒以内。我先测量，再逐步修改每个环节。"_s,
-         u"另一个角度："_s},
-        {"ar", u"حدثني عن مشروع تفخر به."_s, u"أعدت بناء مسار معالجة الصوت العام الماضي."_s, u"ما أصعب جزء فيه؟"_s,
-         u"ابدأ بالهدف ودورك فيه."_s,
-         u"كان أصعب جزء هو إبقاء زمن الاستجابة أقل من 200 ملي ثانية بينما نقل الفريق الالتقاط إلى نموذج خيوط جديد. "
-         u"قست أولًا ثم غيرت مرحلة واحدة في كل مرة."_s,
-         u"زاوية أخرى: "_s},
+    // The interviewer's question, the user's reply and an answer, as a user of the language has them.
+    const QHash<QString, QStringList> samples{
+        {u"en"_s, {u"Tell me about a project you are proud of."_s, u"I rebuilt our audio pipeline last year."_s,
+                   u"The hardest part was keeping latency under 200 ms while the capture moved to a new thread "
+                   u"model. I measured first, then changed one stage at a time."_s}},
+        {u"zh"_s, {u"请介绍一个你引以为豪的项目。"_s, u"去年我重建了我们的音频处理流程。"_s,
+                   u"最难的是在采集迁移到新线程模型的同时，把延迟保持在 200 毫秒以内。我先测量，再逐步修改每个环节。"_s}},
+        {u"ar"_s, {u"حدثني عن مشروع تفخر به."_s, u"أعدت بناء مسار معالجة الصوت العام الماضي."_s,
+                   u"كان أصعب جزء هو إبقاء زمن الاستجابة أقل من 200 ملي ثانية أثناء نقل الالتقاط إلى نموذج خيوط جديد. "
+                   u"قست أولًا ثم غيرت مرحلة واحدة في كل مرة."_s}},
     };
-    const auto sample = std::find_if(samples.cbegin(), samples.cend(),
-                                     [&](const Sample& s) { return language == QLatin1String(s.language); });
-    ASSERT_NE(sample, samples.cend());
+    const QStringList sample = samples.value(language);
+    ASSERT_EQ(sample.size(), 3);
 
     ASSERT_NO_FATAL_FAILURE(open(language));
     h.start();
     // The hint and the placeholder before anything is said, with the button that asks.
     QTest::qWait(150);
-    EXPECT_TRUE(control(overlay->hintText()));
-    EXPECT_TRUE(control(h.strings.text(u"overlay.empty_placeholder"_s)));
-    EXPECT_TRUE(control(h.strings.text(u"overlay.ai_btn"_s)));
-    EXPECT_TRUE(saveScreenshot(window, u"overlay-empty-"_s + language));
+    for (const auto& text : {overlay->hintText(), h.strings.text(u"overlay.empty_placeholder"_s),
+                             h.strings.text(u"overlay.ai_btn"_s)})
+        control(text);
 
-    // The resume list failed, so the tip comes after its delay.
-    h.clock.advance(600ms);
-    ASSERT_TRUE(overlay->showResumeTip());
-
-    line(Speaker::interviewer, sample->question);
-    line(Speaker::user, sample->reply);
-    line(Speaker::interviewer, sample->followUp);
-    answer({sample->firstAnswer}, true);
-    answer({sample->secondAnswer}, true);
-    answer({sample->streaming}, false);
+    h.clock.advance(600ms); // the resume list failed: the tip comes after its delay
+    line(Speaker::interviewer, sample[0]);
+    line(Speaker::user, sample[1]);
+    answer(sample[2].left(24));
+    answer(sample[2]);
+    answer(u"…"_s, false);
     h.vm.selectPreviousAnswer();
     h.vm.selectPreviousTranscript();
     InterviewHarness::settle();
-    ASSERT_EQ(overlay->transcriptRows()->rowCount(), 3);
-    ASSERT_EQ(overlay->positionText(), u"2/3"_s);
-    ASSERT_TRUE(h.vm.isGeneratingAnswer());
-
     QTest::qWait(400); // the tip's entrance
-    EXPECT_TRUE(control(u"2/3"_s));
-    EXPECT_TRUE(control(sample->secondAnswer));
-    EXPECT_TRUE(control(h.strings.text(u"overlay.resume_tip"_s)));
-    EXPECT_TRUE(control(h.strings.text(u"overlay.btn_stop"_s)));
+    for (const auto& text : {u"2/3"_s, sample[2], h.strings.text(u"overlay.resume_tip"_s)})
+        control(text);
     // Mirrored in Arabic: the controls of the top bar sit on the left.
     auto* stop = control(h.strings.text(u"overlay.btn_stop"_s));
     ASSERT_TRUE(stop);
     const qreal stopX = stop->mapToScene({stop->width() / 2, 0}).x();
-    if (h.strings.isRightToLeft())
-        EXPECT_LT(stopX, window->width() / 2);
-    else
-        EXPECT_GT(stopX, window->width() / 2);
-    EXPECT_TRUE(saveScreenshot(window, u"overlay-streaming-"_s + language));
-
-    // The stream ends; the newest answer is shown with the button for the next one.
-    h.backend->answerStreams.last()->push(u"…"_s);
-    h.backend->answerStreams.last()->finish();
-    InterviewHarness::settle();
-    h.vm.selectNextAnswer();
-    overlay->dismissResumeTip();
-    InterviewHarness::settle();
-    QTest::qWait(300);
-    EXPECT_TRUE(control(h.strings.text(u"overlay.ai_btn"_s)));
-    EXPECT_TRUE(control(h.settings.aiTriggerKey().displayName));
-    EXPECT_TRUE(control(u"3/3"_s));
-    EXPECT_TRUE(saveScreenshot(window, u"overlay-answered-"_s + language));
+    EXPECT_EQ(stopX < window->width() / 2, h.strings.isRightToLeft()) << stopX;
+    saveScreenshot(window, u"overlay-"_s + language);
 }
 
-INSTANTIATE_TEST_SUITE_P(Languages, OverlayScreenshotTest, ::testing::Values("en", "zh", "ar"));
+INSTANTIATE_TEST_SUITE_P(Languages, OverlayLanguageTest, ::testing::Values("en", "zh", "ar"));
 
 } // namespace

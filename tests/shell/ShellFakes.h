@@ -1,133 +1,129 @@
 #pragma once
 
-// Recording stand-ins for the shell's windows, key monitors and update checks. Each records
-// what it was asked, in one shared list, so that tests can read the order of a launch. Also
-// the interview's fakes as the delegate's services, and the wait for the overlay's resume check.
+// The delegate with every outside party faked: one recorder stands in for the windows, the key
+// monitors and the update check and writes what it is asked into one list, so that tests read
+// the order of a launch; the interview's fakes come from its harness, the API from a FakeBackend.
 
 #include "../core/InterviewHarness.h"
 
 #include "AppDelegate.h"
+#include "AuthTokenStore.h"
+#include "AuthViewModel.h"
 #include "FakeBackend.h"
 #include "OverlayViewModel.h"
 #include "ShellInterfaces.h"
 
-#include <QStringList>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTest>
 
 #include <gtest/gtest.h>
 
 #include <array>
 
-class EventLog {
+class RecordingShell final : public ShellWindows, public KeyMonitors, public UpdateChecks, public GlobalKeysRight {
 public:
-    void add(const QString& event) { m_events.append(event); }
-    const QStringList& events() const { return m_events; }
-    void clear() { m_events.clear(); }
+    static QString name(Panel panel) { return QStringList{u"overlay"_s, u"settings"_s, u"welcome"_s}.at(int(panel)); }
 
-private:
-    QStringList m_events;
-};
-
-inline QString panelName(ShellWindows::Panel panel)
-{
-    static const QStringList names{u"overlay"_s, u"settings"_s, u"welcome"_s}; // in the enum's order
-    return names.at(static_cast<qsizetype>(panel));
-}
-
-class RecordingWindows final : public ShellWindows {
-public:
-    explicit RecordingWindows(EventLog& log) : m_log(log) {}
-
-    void createMenuBarItem(const ShellModels&) override { m_log.add(QStringLiteral("create menu bar item")); }
+    void createMenuBarItem(const ShellModels&) override { log.append(u"create menu bar item"_s); }
     void createPanel(Panel panel, const ShellModels&) override
     {
-        m_log.add(QStringLiteral("create ") + panelName(panel));
-        m_created[index(panel)] = true;
+        log.append(u"create "_s + name(panel));
+        m_created[int(panel)] = true;
     }
-    bool hasPanel(Panel panel) const override { return m_created[index(panel)]; }
-    void show(Panel panel) override
-    {
-        m_log.add(QStringLiteral("show ") + panelName(panel));
-        m_visible[index(panel)] = true;
-    }
-    void hide(Panel panel) override
-    {
-        m_log.add(QStringLiteral("hide ") + panelName(panel));
-        m_visible[index(panel)] = false;
-    }
-    bool isVisible(Panel panel) const override { return m_visible[index(panel)]; }
+    bool hasPanel(Panel panel) const override { return m_created[int(panel)]; }
+    void show(Panel panel) override { setVisible(panel, true); }
+    void hide(Panel panel) override { setVisible(panel, false); }
+    bool isVisible(Panel panel) const override { return m_visible[int(panel)]; }
     QObject* window(Panel) const override { return nullptr; }
     void destroyWindows() override { m_created = {}; }
 
+    void attach(const ShellModels&, QObject*) override {}
+    void installKeyMonitors() override { log.append(u"install key monitors"_s); }
+    void removeEventTap() override { log.append(u"remove tap"_s); }
+    void installEventTap() override { log.append(u"install tap"_s); }
+
+    void setTelemetry(TelemetryClient* client) override { telemetry = client; }
+    void setUserId(std::optional<QString> id) override { userId = std::move(id); }
+    void startPeriodicCheck() override { log.append(u"start update check"_s); }
+
+    bool granted() override { return keysGranted; }
+
+    QStringList log;
+    TelemetryClient* telemetry = nullptr;
+    std::optional<QString> userId;
+    bool keysGranted = false;
+
 private:
-    static std::size_t index(Panel panel) { return static_cast<std::size_t>(panel); }
-    EventLog& m_log;
+    void setVisible(Panel panel, bool visible)
+    {
+        log.append((visible ? u"show "_s : u"hide "_s) + name(panel));
+        m_visible[int(panel)] = visible;
+    }
     std::array<bool, 3> m_created{};
     std::array<bool, 3> m_visible{};
 };
 
-class RecordingKeyMonitors final : public KeyMonitors {
-public:
-    explicit RecordingKeyMonitors(EventLog& log) : m_log(log) {}
-    void attach(const ShellModels&, QObject*) override {}
-    void installKeyMonitors() override { m_log.add(QStringLiteral("install key monitors")); }
-    void removeEventTap() override { m_log.add(QStringLiteral("remove tap")); }
-    void installEventTap() override { m_log.add(QStringLiteral("install tap")); }
+// An access token the client can read: only its payload matters.
+inline QString accessTokenFor(const QString& id, const QString& email)
+{
+    const auto payload = QJsonDocument(QJsonObject{{u"sub"_s, id}, {u"email"_s, email}}).toJson(QJsonDocument::Compact);
+    return u"h."_s + QString::fromLatin1(payload.toBase64()) + u".s"_s;
+}
 
-private:
-    EventLog& m_log;
-};
+struct DelegateRig {
+    ~DelegateRig() { finish(); }
 
-class RecordingUpdates final : public UpdateChecks {
-public:
-    explicit RecordingUpdates(EventLog& log) : m_log(log) {}
-    void setTelemetry(TelemetryClient* client) override { telemetry = client; }
-    void setUserId(std::optional<QString> id) override { userId = std::move(id); }
-    void startPeriodicCheck() override { m_log.add(QStringLiteral("start update check")); }
-
-    TelemetryClient* telemetry = nullptr;
-    std::optional<QString> userId;
-
-private:
-    EventLog& m_log;
-};
-
-class FixedKeysRight final : public GlobalKeysRight {
-public:
-    bool granted() override { return value; }
-    bool value = false;
-};
-
-// The interview's capture, rights and recognisers, handed out by the delegate's factory.
-struct FakeInterviewServices {
-    InterviewViewModel::Services make()
+    // The overlay asks the backend for resumes when it shows; that answer must arrive before the
+    // delegate and its client go, or the coroutine waiting for it is never resumed.
+    void finish()
     {
-        InterviewViewModel::Services s;
-        s.audioCapture = &systemAudio;
-        s.microphone = &microphone;
-        s.rights = &rights;
-        s.makeRecognizer = [this](SpeechProvider vendor, TranscriptEntry::Speaker speaker) {
-            recognizers.append(std::make_shared<FakeRecognizer>(vendor, speaker, gates));
-            return recognizers.last();
-        };
-        s.makeTranscriptChannel = [this] { return std::make_shared<FakeTranscriptChannel>(gates); };
-        return s;
+        if (delegate && delegate->models().overlay && delegate->models().overlay->isCheckingResumes()) {
+            EXPECT_TRUE(QTest::qWaitFor([&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
+            QTest::qWait(100); // the answer is on its way back
+        }
+        delegate.reset();
     }
 
-    Gates gates;
-    FakeCapture systemAudio{u"systemAudio"_s, gates};
-    FakeCapture microphone{u"microphone"_s, gates};
-    FakeRights rights{gates};
-    QList<std::shared_ptr<FakeRecognizer>> recognizers;
-};
+    // Makes and launches the delegate; `storedRefreshToken` makes a returning user.
+    void launch(ShellWindows& windows, AudioRights& rights, std::optional<QString> storedRefreshToken = {})
+    {
+        delegate = std::make_unique<AppDelegate>(AppDelegate::Environment{
+            backend.origin(), h.clock, h.preferences, h.notifications, h.strings, windows, shell, shell, rights, shell,
+            [this, storedRefreshToken] {
+                shell.log.append(u"make token store"_s);
+                auto store = std::make_unique<InMemoryTokenStore>();
+                if (storedRefreshToken)
+                    awaitTask(store->saveTokens(accessTokenFor(u"u-9"_s, u"back@example.com"_s), *storedRefreshToken));
+                tokens = store.get();
+                return store;
+            },
+            [this] {
+                shell.log.append(u"make interview services"_s);
+                return h.services();
+            },
+            [this](APIClient&) {
+                shell.log.append(u"give client to interview"_s);
+                return h.backend;
+            },
+            [this](TelemetryClient* telemetry, std::function<QString()> lastState) {
+                const bool wired = delegate->authViewModel().apiClient() && shell.telemetry == telemetry;
+                shell.log.append(u"install crash reporter"_s + (wired ? u" after wiring"_s : u""_s));
+                crashLastState = std::move(lastState);
+            },
+            [this](const QUrl& url) {
+                opened.append(url);
+                return true;
+            },
+            [] { return false; }, [this] { shell.log.append(u"terminate"_s); }});
+        awaitTask(delegate->applicationDidFinishLaunching());
+    }
 
-// The overlay asks the backend for resumes when it shows; that answer must arrive before the
-// delegate and its client go, or the coroutine waiting for it is never resumed.
-inline void awaitResumeCheck(const AppDelegate* delegate, const FakeBackend& backend)
-{
-    if (!delegate || !delegate->models().overlay || !delegate->models().overlay->isCheckingResumes())
-        return;
-    EXPECT_TRUE(QTest::qWaitFor([&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
-    // The answer is on its way back: a few turns of the loop deliver it.
-    QTest::qWait(100);
-}
+    FakeBackend backend;
+    InterviewHarness h; // the clock, preferences, notifications, strings and the interview's fakes
+    RecordingShell shell;
+    InMemoryTokenStore* tokens = nullptr;
+    std::function<QString()> crashLastState;
+    QList<QUrl> opened;
+    std::unique_ptr<AppDelegate> delegate;
+};

@@ -12,29 +12,12 @@ XTestKeyboard::~XTestKeyboard()
         XCloseDisplay(m_display);
 }
 
-std::uint8_t XTestKeyboard::keycode(unsigned long keysym) const
-{
-    return m_display ? XKeysymToKeycode(m_display, keysym) : 0;
-}
-
-void XTestKeyboard::press(unsigned long keysym)
-{
-    if (!m_display)
-        return;
-    XTestFakeKeyEvent(m_display, keycode(keysym), True, CurrentTime);
-    XFlush(m_display);
-}
-
-void XTestKeyboard::release(unsigned long keysym)
-{
-    if (!m_display)
-        return;
-    XTestFakeKeyEvent(m_display, keycode(keysym), False, CurrentTime);
-    XFlush(m_display);
-}
-
 void XTestKeyboard::tap(unsigned long keysym)
 {
-    press(keysym);
-    release(keysym);
+    if (!m_display)
+        return;
+    const auto keycode = XKeysymToKeycode(m_display, keysym);
+    XTestFakeKeyEvent(m_display, keycode, True, CurrentTime);
+    XTestFakeKeyEvent(m_display, keycode, False, CurrentTime);
+    XFlush(m_display);
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cstdint>
-
 struct _XDisplay;
 
 // Presses keys on the test display as a keyboard would, one key at a time, through XTEST.
@@ -14,10 +12,7 @@ public:
     XTestKeyboard& operator=(const XTestKeyboard&) = delete;
 
     bool isOpen() const { return m_display != nullptr; }
-    // The key that types `keysym` without a modifier; 0 when none does.
-    std::uint8_t keycode(unsigned long keysym) const;
-    void press(unsigned long keysym);
-    void release(unsigned long keysym);
+    // Presses and releases the key that types `keysym` without a modifier.
     void tap(unsigned long keysym);
 
 private:
