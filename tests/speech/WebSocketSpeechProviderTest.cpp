@@ -59,23 +59,17 @@ const auto delta = u"conversation.item.input_audio_transcription.delta"_s;
 const auto completed = u"conversation.item.input_audio_transcription.completed"_s;
 const auto failed = u"conversation.item.input_audio_transcription.failed"_s;
 
-// One start: the language setting and the token's model, the path and query it must ask for,
-// and the frames it must send before any audio.
-struct ConnectionCase {
+// One start and the vendor's answer: the language setting and the token's model; the path and
+// query the start must ask for and the frames it must send before any audio; then frames from
+// the vendor and the segments (as `shown`), recovery reasons and log lines they must raise.
+struct Session {
     QString setting;
     std::optional<QString> model;
     QString request;
     QStringList opening = {};
-};
-
-// Frames from the vendor on a fresh socket and what they must raise: segments as shown by
-// `shown`, recovery reasons and log lines.
-struct MessageCase {
-    const char* name;
-    QString language;
-    QStringList frames;
-    QStringList segments;
-    QStringList reasons;
+    QStringList frames = {};
+    QStringList segments = {};
+    QStringList reasons = {};
     QStringList log = {};
 };
 
@@ -94,17 +88,6 @@ struct Deepgram : PlainSocket {
     static constexpr auto name = "Deepgram";
     using Provider = DeepgramProvider;
     static QByteArray authorization() { return "Bearer tok-1"; }
-    static std::vector<ConnectionCase> connections()
-    {
-        const auto v1 = u"/v1/listen?encoding=linear16&sample_rate=16000&channels=1&interim_results=true"
-                        "&utterance_end_ms=1500&vad_events=true&language="_s;
-        // "auto" is no language to Deepgram: it takes the general branch as "au"; English alone goes to v2.
-        return {{u"auto"_s, u"ignored-model"_s, v1 + u"au&model=nova-3"_s},
-                {u"pt-BR"_s, {}, v1 + u"pt&model=nova-3"_s},
-                {u"zh-CN"_s, {}, v1 + u"zh&model=nova-2"_s},
-                {u"EN-us"_s, {}, u"/v2/listen?model=flux-general-en&encoding=linear16&sample_rate=16000"
-                                  "&eot_threshold=0.7&eot_timeout_ms=5000"_s}};
-    }
     static QString prefix() { return u"Deepgram disconnected: "_s; }
     static QString partial(const QString& text) { return results(text, false); }
     static QString committed(const QString& text) { return results(text, true); }
@@ -114,22 +97,29 @@ struct Deepgram : PlainSocket {
     {
         return std::pair(5000ms, u"{\"type\": \"KeepAlive\"}"_s);
     }
-    static std::vector<MessageCase> messages()
+    static std::vector<Session> sessions()
     {
+        const auto v1 = u"/v1/listen?encoding=linear16&sample_rate=16000&channels=1&interim_results=true"
+                        "&utterance_end_ms=1500&vad_events=true&language="_s;
         const auto end = event(u"UtteranceEnd"_s), endOfTurn = event(u"EndOfTurn"_s);
-        // One partial is kept open; an utterance end flushes it once, without a confidence, and a
-        // final or an empty end of turn closes it. None of Deepgram's messages ends a session.
-        return {{"Results", u"de-DE"_s,
+        // "auto" is no language to Deepgram: it takes the general branch as "au"; English alone
+        // goes to v2. One partial is kept open; an utterance end flushes it once, without a
+        // confidence, and a final or an empty end of turn closes it. On v2 only a changed text is
+        // a new partial. None of Deepgram's messages ends a session.
+        return {{u"auto"_s, u"ignored-model"_s, v1 + u"au&model=nova-3"_s},
+                {u"zh-CN"_s, {}, v1 + u"zh&model=nova-2"_s},
+                {u"pt-BR"_s, {}, v1 + u"pt&model=nova-3"_s, {},
                  {results(u"Tell"_s, false, 0.4), results(u"Tell me"_s, false), end, end, results(u"Why?"_s, true, 0.9),
                   endOfTurn, results(u"So"_s, false), results(u""_s, true), endOfTurn, event(u"Error"_s)},
-                 {u"P:Tell@0.4"_s, u"P:Tell me"_s, u"F:Tell me"_s, u"F:Why?@0.9"_s, u"P:So"_s, u"F:So"_s}, {}},
-                // Only a changed text is a new partial; an empty end of turn closes the open one.
-                {"TurnInfo", u"en-GB"_s,
+                 {u"P:Tell@0.4"_s, u"P:Tell me"_s, u"F:Tell me"_s, u"F:Why?@0.9"_s, u"P:So"_s, u"F:So"_s}},
+                {u"EN-us"_s, {},
+                 u"/v2/listen?model=flux-general-en&encoding=linear16&sample_rate=16000&eot_threshold=0.7&eot_timeout_ms=5000"_s,
+                 {},
                  {event(u"Connected"_s), turn(u"StartOfTurn"_s, u"Hi"_s), turn(u"Update"_s, u"Hi"_s),
                   turn(u"Update"_s, u"Hi there"_s), turn(u"EagerEndOfTurn"_s, u"Hi there"_s),
                   turn(u"EndOfTurn"_s, u"Hi there."_s), turn(u"Update"_s, u"And"_s), turn(u"EndOfTurn"_s, u""_s),
                   turn(u"EndOfTurn"_s, u""_s)},
-                 {u"P:Hi"_s, u"P:Hi there"_s, u"F:Hi there."_s, u"P:And"_s, u"F:And"_s}, {}}};
+                 {u"P:Hi"_s, u"P:Hi there"_s, u"F:Hi there."_s, u"P:And"_s, u"F:And"_s}}};
     }
 };
 
@@ -140,14 +130,6 @@ struct OpenAI : PlainSocket {
     static constexpr bool at24k = true;
     static QStringList subprotocols() { return {u"realtime"_s}; }
     static QStringList requestedSubprotocols() { return {u"realtime"_s, u"openai-insecure-api-key.tok-1"_s}; }
-    static std::vector<ConnectionCase> connections()
-    {
-        const auto path = u"/v1/realtime?intent=transcription"_s, mini = u"\"model\":\"gpt-4o-mini-transcribe\""_s;
-        return {{u"auto"_s, {}, path, {sessionUpdate(mini)}},
-                {u"pt-BR"_s, {}, path, {sessionUpdate(mini + u",\"language\":\"pt\""_s)}},
-                // The token's model is taken unchecked.
-                {u"ZH"_s, u"gpt-4o-x"_s, path, {sessionUpdate(u"\"model\":\"gpt-4o-x\",\"language\":\"zh\""_s)}}};
-    }
     static QString prefix() { return u"OpenAI disconnected: "_s; }
     static QString partial(const QString& text) { return event(delta, field(u"delta"_s, text)); }
     static QString committed(const QString& text) { return event(completed, field(u"transcript"_s, text)); }
@@ -157,20 +139,23 @@ struct OpenAI : PlainSocket {
         return event(u"input_audio_buffer.append"_s, field(u"audio"_s, QString::fromLatin1(pcm.toBase64())));
     }
     static std::optional<std::pair<std::chrono::milliseconds, QString>> keepAlive() { return std::nullopt; }
-    static std::vector<MessageCase> messages()
+    static std::vector<Session> sessions()
     {
-        // Deltas pass on as the pieces they are; a failed item is only logged.
-        return {{"Transcription", u"de-DE"_s,
+        // Deltas pass on as the pieces they are; a failed item is only logged; the token's model
+        // is taken unchecked.
+        const auto path = u"/v1/realtime?intent=transcription"_s, mini = u"\"model\":\"gpt-4o-mini-transcribe\""_s;
+        return {{u"auto"_s, {}, path, {sessionUpdate(mini)},
                  {event(u"response.created"_s, u"\"delta\":\"no\",\"transcript\":\"no\""_s), partial(u"Hel"_s),
                   partial(u"lo"_s), partial(u""_s), committed(u""_s),
                   event(failed, u"\"error\":{\"message\":\"audio unreadable\"}"_s), event(failed), committed(u"Hello"_s)},
                  {u"P:Hel"_s, u"P:lo"_s, u"F:Hello"_s}, {},
                  {u"[OpenAISTT] Transcription failed: audio unreadable"_s,
                   u"[OpenAISTT] Transcription failed: Transcription failed"_s}},
-                {"Errors", u"de-DE"_s,
+                {u"pt-BR"_s, {}, path, {sessionUpdate(mini + u",\"language\":\"pt\""_s)},
                  {event(u"error"_s, u"\"error\":{\"type\":\"invalid_request_error\",\"message\":\"Bad model\"}"_s),
                   event(u"error"_s, u"\"error\":\"flat text\""_s)},
-                 {}, {u"OpenAI disconnected: OpenAI error: Bad model"_s, u"OpenAI disconnected: OpenAI error: Unknown error"_s}}};
+                 {}, {u"OpenAI disconnected: OpenAI error: Bad model"_s, u"OpenAI disconnected: OpenAI error: Unknown error"_s}},
+                {u"ZH"_s, u"gpt-4o-x"_s, path, {sessionUpdate(u"\"model\":\"gpt-4o-x\",\"language\":\"zh\""_s)}}};
     }
 };
 
@@ -180,44 +165,39 @@ struct ElevenLabs : PlainSocket {
     static constexpr auto speaker = Speaker::user;
     // Characters a query would otherwise read as delimiters, a blank or an escape.
     static QString token() { return u"a+b/c=d&e%2F"_s; }
-    static std::vector<ConnectionCase> connections()
-    {
-        const auto base = u"/v1/speech-to-text/realtime?token=a%2Bb%2Fc%3Dd%26e%252F&model_id=scribe_v2_realtime"
-                          "&audio_format=pcm_16000&commit_strategy=vad&vad_silence_threshold_secs=0.8&vad_threshold=0.35"
-                          "&min_silence_duration_ms=200&include_timestamps=false&include_language_detection=true"_s;
-        // Without a language code the vendor detects the language itself.
-        return {{u"auto"_s, u"ignored-model"_s, base},
-                {u"pt-BR"_s, {}, base + u"&language_code=pt"_s},
-                {u"EN-us"_s, {}, base + u"&language_code=en"_s}};
-    }
     static QString prefix() { return u"ElevenLabs disconnected: "_s; }
     static QString partial(const QString& text) { return message(u"partial_transcript"_s, field(u"text"_s, text)); }
     static QString committed(const QString& text) { return message(u"committed_transcript"_s, field(u"text"_s, text)); }
     static QString farewell() { return chunk({}, true); }
     static QString audioFrame(const QByteArray& pcm) { return chunk(QString::fromLatin1(pcm.toBase64())); }
     static std::optional<std::pair<std::chrono::milliseconds, QString>> keepAlive() { return std::pair(10'000ms, chunk({})); }
-    static std::vector<MessageCase> messages()
+    static std::vector<Session> sessions()
     {
-        // Every error type asks for a restart and leaves the socket to it; without a text in
-        // `error` the fallback is given, and the type's case matters.
+        const auto base = u"/v1/speech-to-text/realtime?token=a%2Bb%2Fc%3Dd%26e%252F&model_id=scribe_v2_realtime"
+                          "&audio_format=pcm_16000&commit_strategy=vad&vad_silence_threshold_secs=0.8&vad_threshold=0.35"
+                          "&min_silence_duration_ms=200&include_timestamps=false&include_language_detection=true"_s;
+        // Without a language code the vendor detects the language itself. Every error type asks
+        // for a restart and leaves the socket to it; without a text in `error` the fallback is
+        // given, and the type's case matters.
         const auto prefix = u"ElevenLabs disconnected: ElevenLabs error: "_s;
-        QStringList frames{message(u"session_ended"_s)};
+        QStringList errors{message(u"session_ended"_s)};
         QStringList reasons{u"ElevenLabs disconnected: ElevenLabs session ended by server"_s};
         for (const auto* type : {"error", "auth_error", "quota_exceeded", "commit_throttled", "transcriber_error",
                                  "unaccepted_terms", "rate_limited", "input_error", "invalid_request", "queue_overflow",
                                  "resource_exhausted", "session_time_limit_exceeded", "chunk_size_exceeded",
                                  "insufficient_audio_activity"}) {
-            frames.append(message(QString::fromLatin1(type), field(u"error"_s, QString::fromLatin1(type))));
+            errors.append(message(QString::fromLatin1(type), field(u"error"_s, QString::fromLatin1(type))));
             reasons.append(prefix + QString::fromLatin1(type));
         }
-        frames += {message(u"rate_limited"_s), message(u"Error"_s, field(u"error"_s, u"case"_s))};
+        errors += {message(u"rate_limited"_s), message(u"Error"_s, field(u"error"_s, u"case"_s))};
         reasons.append(prefix + u"Unknown error"_s);
-        return {{"Transcripts", u"de-DE"_s,
+        return {{u"auto"_s, u"ignored-model"_s, base, {},
                  {message(u"session_started"_s, field(u"session_id"_s, u"s1"_s)), partial(u"Hel"_s), partial(u""_s),
                   partial(u"Hello th"_s), committed(u""_s), committed(u"Hello there."_s),
                   message(u"committed_transcript_with_timestamps"_s, field(u"text"_s, u"Hello there."_s))},
-                 {u"P:Hel"_s, u"P:Hello th"_s, u"F:Hello there."_s}, {}},
-                {"Errors", u"de-DE"_s, frames, {}, reasons}};
+                 {u"P:Hel"_s, u"P:Hello th"_s, u"F:Hello there."_s}},
+                {u"pt-BR"_s, {}, base + u"&language_code=pt"_s, {}, errors, {}, reasons},
+                {u"EN-us"_s, {}, base + u"&language_code=en"_s}};
     }
 };
 
@@ -296,30 +276,22 @@ protected:
 using Vendors = ::testing::Types<Deepgram, OpenAI, ElevenLabs>;
 TYPED_TEST_SUITE(VendorTest, Vendors, VendorName);
 
-TYPED_TEST(VendorTest, LanguageAndTokenShapeTheRequest)
+// Binary frames carry nothing, however well formed; the vendor's own final marks the end of
+// what it said, so that everything before it has been read.
+TYPED_TEST(VendorTest, EachStartAsksForItsSessionAndTurnsTheVendorsMessagesIntoSegmentsAndReasons)
 {
-    for (const auto& row : TypeParam::connections()) {
+    for (const auto& row : TypeParam::sessions()) {
         SCOPED_TRACE(row.setting.toStdString());
+        LogCapture log;
         this->start(row.setting, TypeParam::token(), row.model);
         const auto& connection = this->server.last();
         EXPECT_EQ(connection.url.toString(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::FullyEncoded), row.request);
         EXPECT_EQ(connection.header("Authorization"), TypeParam::authorization());
         EXPECT_EQ(connection.requestedSubprotocols, TypeParam::requestedSubprotocols());
         EXPECT_EQ(shown(connection.frames), row.opening);
-    }
-}
-
-// Binary frames carry nothing, however well formed.
-TYPED_TEST(VendorTest, MessagesBecomeSegmentsAndReasons)
-{
-    for (const auto& row : TypeParam::messages()) {
-        SCOPED_TRACE(row.name);
-        LogCapture log;
-        this->start(row.language);
         this->server.sendBinary(TypeParam::committed(u"binary"_s).toUtf8());
         for (const auto& frame : row.frames)
             this->server.sendText(frame);
-        // The vendor's own final marks the end: everything before it has been read.
         this->server.sendText(TypeParam::committed(u"end"_s));
         EXPECT_EQ(this->segments(int(row.segments.size()) + 1), row.segments + QStringList{u"F:end"_s});
         EXPECT_EQ(this->reasons(0), row.reasons);
