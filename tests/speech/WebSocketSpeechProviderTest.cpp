@@ -300,8 +300,9 @@ TYPED_TEST(VendorTest, EachStartAsksForItsSessionAndTurnsTheVendorsMessagesIntoS
     }
 }
 
-// Buffers without samples make no message; audio neither delays nor replaces a keep-alive.
-TYPED_TEST(VendorTest, OneFrameForEachBufferWithSamplesAndKeepAlivesOnTheClock)
+// Buffers without samples make no message; audio neither delays nor replaces a keep-alive. Stop
+// sends the farewell and raises nothing after, nor flushes the open partial.
+TYPED_TEST(VendorTest, AudioKeepAlivesAndTheFarewellGoOutInTurn)
 {
     this->start();
     const auto keepAlive = TypeParam::keepAlive();
@@ -322,8 +323,18 @@ TYPED_TEST(VendorTest, OneFrameForEachBufferWithSamplesAndKeepAlivesOnTheClock)
         ASSERT_TRUE(this->server.waitForFrames(TypeParam::openingFrames + 4));
         expected += {keepAlive->second, keepAlive->second};
     }
+    this->server.sendText(TypeParam::partial(u"open"_s));
+    this->segments(1);
+    awaitTask(this->provider.stop());
+    EXPECT_TRUE(this->provider.transcriptSegments()->isFinished());
+    EXPECT_TRUE(this->provider.recoveryEvents()->isFinished());
+    ASSERT_TRUE(this->server.waitForFrames(TypeParam::openingFrames + int(expected.size()) + 1));
+    EXPECT_EQ(this->sent(), expected + QStringList{TypeParam::farewell()});
+    this->server.sendText(TypeParam::committed(u"late"_s));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return this->server.openConnectionCount() == 0; }, 10'000));
     QTest::qWait(50);
-    EXPECT_EQ(this->sent(), expected);
+    EXPECT_EQ(this->provider.recoveryEvents()->bufferedCount(), 0u) << "the close after stop is no failure";
+    EXPECT_EQ(this->provider.transcriptSegments()->bufferedCount(), 0u);
 }
 
 // The streams outlive the socket: a buffer that waited through the restart goes out on the new
@@ -351,23 +362,6 @@ TYPED_TEST(VendorTest, FailuresRaiseExactReasonsAndARestartKeepsTheStreamsAndThe
     EXPECT_EQ(this->segments(1), QStringList{u"F:again"_s});
     this->server.abort();
     EXPECT_EQ(this->reasons(1), QStringList{prefix + u"The remote host closed the connection"_s});
-}
-
-TYPED_TEST(VendorTest, StopSendsTheFarewellAndRaisesNothingAfter)
-{
-    this->start();
-    this->server.sendText(TypeParam::partial(u"open"_s));
-    this->segments(1);
-    awaitTask(this->provider.stop());
-    EXPECT_TRUE(this->provider.transcriptSegments()->isFinished());
-    EXPECT_TRUE(this->provider.recoveryEvents()->isFinished());
-    ASSERT_TRUE(this->server.waitForFrames(TypeParam::openingFrames + 1));
-    EXPECT_EQ(this->sent(), QStringList{TypeParam::farewell()});
-    this->server.sendText(TypeParam::committed(u"late"_s));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return this->server.openConnectionCount() == 0; }, 10'000));
-    QTest::qWait(50);
-    EXPECT_EQ(this->provider.recoveryEvents()->bufferedCount(), 0u) << "the close after stop is no failure";
-    EXPECT_EQ(this->provider.transcriptSegments()->bufferedCount(), 0u) << "an open partial is not flushed";
 }
 
 using DeepgramTest = VendorTest<Deepgram>;
