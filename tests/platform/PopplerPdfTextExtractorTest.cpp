@@ -32,13 +32,21 @@ void writePdf(const QString& path, const QStringList& pages)
     }
 }
 
-TEST(PopplerPdfTextExtractorTest, PagesWithTextComeInOrderEachEndedByOneLineFeed)
+// Each page with text, in order, ended by one line feed; nothing for a file without text.
+TEST(PopplerPdfTextExtractorTest, PagesWithTextComeInOrderAndAFileWithoutTextGivesNothing)
 {
     QTemporaryDir dir;
-    const auto file = dir.filePath(u"resume.pdf"_s);
-    writePdf(file, {u"Alpha experience"_s, QString(), u"Bravo education"_s});
+    const auto file = [&](const char* name) { return dir.filePath(QString::fromLatin1(name)); };
+    writePdf(file("resume.pdf"), {u"Alpha experience"_s, QString(), u"Bravo education"_s});
+    writePdf(file("drawing.pdf"), {QString()});
+    QFile other(file("other.pdf"));
+    ASSERT_TRUE(other.open(QIODevice::WriteOnly));
+    other.write("Plain words that only pretend to be a PDF.\n");
+    other.close();
+    for (const auto* name : {"drawing.pdf", "other.pdf", "missing.pdf"})
+        EXPECT_EQ(PopplerPdfTextExtractor().extractText(file(name)), std::nullopt) << name;
 
-    const auto text = PopplerPdfTextExtractor().extractText(file);
+    const auto text = PopplerPdfTextExtractor().extractText(file("resume.pdf"));
     ASSERT_TRUE(text);
     // Poppler decides the whitespace inside a page; what matters is order and one line feed per
     // page that has text, none for the drawing.
@@ -49,18 +57,6 @@ TEST(PopplerPdfTextExtractorTest, PagesWithTextComeInOrderEachEndedByOneLineFeed
     EXPECT_TRUE(text->endsWith(u'\n'));
     EXPECT_FALSE(text->contains(u"\n\n"_s)) << "a page ended twice, or the drawing once";
     EXPECT_FALSE(text->contains(u'\f')) << "a page break mark went into the text";
-}
-
-TEST(PopplerPdfTextExtractorTest, GivesNothingForOnlyADrawingAnotherKindOfFileOrNoFile)
-{
-    QTemporaryDir dir;
-    writePdf(dir.filePath(u"drawing.pdf"_s), {QString()});
-    QFile other(dir.filePath(u"other.pdf"_s));
-    ASSERT_TRUE(other.open(QIODevice::WriteOnly));
-    other.write("Plain words that only pretend to be a PDF.\n");
-    other.close();
-    for (const auto* name : {"drawing.pdf", "other.pdf", "missing.pdf"})
-        EXPECT_EQ(PopplerPdfTextExtractor().extractText(dir.filePath(QString::fromLatin1(name))), std::nullopt) << name;
 }
 
 } // namespace
