@@ -6,7 +6,6 @@
 #include <QEventLoop>
 #include <QTimer>
 
-#include <functional>
 #include <optional>
 
 // Everything an engine said about one answer.
@@ -28,10 +27,8 @@ inline void drainEvents()
 
 // Asks for one answer and runs the event loop until onDone or the deadline. `onChunk` runs
 // after each chunk is recorded.
-inline AnswerOutcome runAnswer(ravlet::server::AnswerEngine& engine,
-                               const ravlet::server::AnswerRequest& request,
-                               std::function<void(AnswerOutcome&)> onChunk = {},
-                               int deadlineMs = 10'000)
+inline AnswerOutcome runAnswer(ravlet::server::AnswerEngine& engine, const ravlet::server::AnswerRequest& request,
+                               std::function<void(AnswerOutcome&)> onChunk = {})
 {
     AnswerOutcome outcome;
     QEventLoop loop;
@@ -47,7 +44,7 @@ inline AnswerOutcome runAnswer(ravlet::server::AnswerEngine& engine,
             ++outcome.doneCalls;
             loop.quit();
         });
-    QTimer::singleShot(deadlineMs, &loop, &QEventLoop::quit);
+    QTimer::singleShot(10'000, &loop, &QEventLoop::quit);
     if (!outcome.error)
         loop.exec();
     drainEvents();

@@ -1,15 +1,61 @@
+// The offline drafting engine and the ranking under it: which line of the user's own documents
+// answers a question, and that nothing else is ever said.
 #include "OfflineAnswerEngine.h"
 #include "AnswerRun.h"
 #include "OfflineDraft.h"
 #include "QtPrinters.h"
 #include "QuestionKind.h"
-#include "SampleDocuments.h"
+#include "TextRanking.h"
 
 #include <gtest/gtest.h>
 
 using namespace ravlet::server;
+using namespace Qt::StringLiterals;
 
 namespace {
+
+// A realistic resume and job description, as text taken from uploaded files: bullets, section
+// titles, a contact line, a bullet wrapped over two lines.
+QString sampleResume()
+{
+    return QStringLiteral(R"(Jane Doe
+jane.doe@example.com | +44 20 7946 0000 | linkedin.com/in/janedoe
+
+SUMMARY
+Backend engineer with 8 years of experience building payment systems in Go and PostgreSQL.
+
+EXPERIENCE
+Senior Backend Engineer, Acme Payments, London (2019–2024)
+• Led the migration of the billing service from a monolith to
+Kubernetes, cutting deploy time from 2 hours to 10 minutes.
+• Resolved a conflict between the product and platform teams over release dates by introducing a shared roadmap review.
+• Mentored four junior engineers; two were promoted within a year.
+• Designed an idempotent payment API handling 3,000 requests per second.
+
+Software Engineer, Globex Retail, Manchester (2015–2019)
+• Optimized slow PostgreSQL queries in the order pipeline, reducing p95 latency by 70%.
+• Built a fraud detection rule engine in Go used by 12 merchant teams.
+
+EDUCATION
+BSc Computer Science, University of Leeds (2011–2015)
+
+SKILLS
+Go, C++, PostgreSQL, Kafka, Kubernetes, Terraform, AWS
+)");
+}
+
+QString sampleJobDescription()
+{
+    return QStringLiteral(R"(Staff Platform Engineer at Initech
+About the role
+We are looking for an engineer to lead our move to Kubernetes and improve our deployment pipeline. You will work with teams across the company, e.g. payments and risk.
+Requirements:
+- 6+ years building distributed backend systems.
+- Deep experience with PostgreSQL performance tuning.
+- Experience mentoring engineers and leading cross-team projects.
+- Familiarity with Rust and WebAssembly toolchains is a plus.
+)");
+}
 
 AnswerRequest withDocuments(const char* question)
 {
@@ -23,15 +69,14 @@ AnswerRequest withDocuments(const char* question)
 // "Label: text" -> text.
 QString contentOf(const QString& line)
 {
-    const auto colon = line.indexOf(QStringLiteral(": "));
+    const auto colon = line.indexOf(u": "_s);
     return colon < 0 ? QString() : line.mid(colon + 2);
 }
 
 QString valueOf(const QStringList& lines, const char* label)
 {
-    const auto prefix = QString::fromUtf8(label) + QStringLiteral(": ");
     for (const auto& line : lines) {
-        if (line.startsWith(prefix))
+        if (line.startsWith(QLatin1String(label) + u": "_s))
             return contentOf(line);
     }
     return {};
@@ -39,9 +84,11 @@ QString valueOf(const QStringList& lines, const char* label)
 
 bool isPlaceholder(const QString& text) { return text.startsWith(u'[') && text.endsWith(u']'); }
 
+const auto draftHeader = u"Offline draft (no language model configured): "_s;
+
 } // namespace
 
-TEST(QuestionKindTest, commonQuestions)
+TEST(QuestionKindTest, CommonQuestions)
 {
     using enum QuestionKind;
     const std::pair<const char*, QuestionKind> cases[] = {
@@ -66,47 +113,46 @@ TEST(QuestionKindTest, commonQuestions)
         EXPECT_EQ(classifyQuestion(QString::fromUtf8(question)), kind) << question;
 }
 
-TEST(OfflineDraftTest, starAnswerComesFromTheBestMatchingResumeLine)
+TEST(OfflineDraftTest, TheDraftDrawsOnTheBestMatchingLinesOfTheUsersDocuments)
 {
-    const auto lines =
-        draftAnswer(withDocuments("Tell me about a time you migrated a service to Kubernetes."));
-    EXPECT_TRUE(
-        lines.first().startsWith(u"Offline draft (no language model configured): a STAR answer"))
-        << lines.first().toStdString();
-    EXPECT_EQ(valueOf(lines, "Situation"),
-              QStringLiteral("Senior Backend Engineer, Acme Payments, London (2019–2024)"));
-    EXPECT_TRUE(isPlaceholder(valueOf(lines, "Task")));
-    EXPECT_EQ(valueOf(lines, "Action"),
-              QStringLiteral("Led the migration of the billing service from a monolith to Kubernetes"));
-    EXPECT_EQ(valueOf(lines, "Result"),
-              QStringLiteral("cutting deploy time from 2 hours to 10 minutes."));
-    EXPECT_TRUE(valueOf(lines, "Link to the role").contains(u"move to Kubernetes"));
-}
+    const auto star = draftAnswer(withDocuments("Tell me about a time you migrated a service to Kubernetes."));
+    EXPECT_TRUE(star.first().startsWith(draftHeader + u"a STAR answer"_s)) << star.first().toStdString();
+    EXPECT_EQ(valueOf(star, "Situation"), u"Senior Backend Engineer, Acme Payments, London (2019–2024)"_s);
+    EXPECT_TRUE(isPlaceholder(valueOf(star, "Task")));
+    // The bullet wrapped over two lines is one passage, cut into what was done and what came of it.
+    EXPECT_EQ(valueOf(star, "Action"), u"Led the migration of the billing service from a monolith to Kubernetes"_s);
+    EXPECT_EQ(valueOf(star, "Result"), u"cutting deploy time from 2 hours to 10 minutes."_s);
+    EXPECT_TRUE(valueOf(star, "Link to the role").contains(u"move to Kubernetes"));
 
-TEST(OfflineDraftTest, weaknessPointsAtARequirementTheResumeDoesNotCover)
-{
-    const auto lines = draftAnswer(withDocuments("What is your greatest weakness?"));
-    EXPECT_TRUE(isPlaceholder(valueOf(lines, "Weakness")));
-    EXPECT_TRUE(
-        lines.join(u'\n').contains(u"Familiarity with Rust and WebAssembly toolchains is a plus."));
-    EXPECT_EQ(valueOf(lines, "Strength"), QString());
-}
+    // A weakness points at a requirement the resume does not cover.
+    const auto weakness = draftAnswer(withDocuments("What is your greatest weakness?"));
+    EXPECT_TRUE(isPlaceholder(valueOf(weakness, "Weakness")));
+    EXPECT_TRUE(weakness.join(u'\n').contains(u"Familiarity with Rust and WebAssembly toolchains is a plus."));
+    EXPECT_EQ(valueOf(weakness, "Strength"), QString());
 
-TEST(OfflineDraftTest, aShortFollowUpIsReadWithTheLastLinesOfTheConversation)
-{
-    auto request = withDocuments("Can you say more?");
-    request.recentTranscript = {QStringLiteral("Interviewer: How did the Kubernetes migration go?"),
-                                QStringLiteral("You: It went well overall.")};
-    const auto lines = draftAnswer(request);
-    EXPECT_TRUE(valueOf(lines, "Evidence").startsWith(u"Led the migration"))
-        << lines.join(u'\n').toStdString();
+    // A short follow-up is read with the last lines of the conversation.
+    auto followUp = withDocuments("Can you say more?");
+    followUp.recentTranscript = {u"Interviewer: How did the Kubernetes migration go?"_s, u"You: It went well overall."_s};
+    const auto more = draftAnswer(followUp);
+    EXPECT_TRUE(valueOf(more, "Evidence").startsWith(u"Led the migration")) << more.join(u'\n').toStdString();
+
+    // The draft is in English, and says so when another language was asked for.
+    auto request = withDocuments("Tell me about yourself.");
+    request.outputLanguage = u"de-DE"_s;
+    const auto german = draftAnswer(request).first();
+    EXPECT_TRUE(german.startsWith(u"Offline draft in English") && german.contains(u"German")) << german.toStdString();
+    for (const char* english : {"en-GB", "en-US", "English", "auto", ""}) {
+        request.outputLanguage = QString::fromUtf8(english);
+        EXPECT_TRUE(draftAnswer(request).first().startsWith(draftHeader)) << english;
+    }
 }
 
 // Whatever the kind of question, each line's text is the user's own words or a bracketed
 // prompt for them to fill; with no documents, or none that speak to the question, it is all
-// prompts and the header says why.
-TEST(OfflineDraftTest, nothingIsInventedWhateverTheQuestionAndDocuments)
+// prompts and the header says why. Whatever an upload holds, the draft keeps its shape.
+TEST(OfflineDraftTest, NothingIsInventedWhateverTheQuestionAndDocuments)
 {
+    const char* noDocuments = "no resume or job description is active";
     const struct {
         const char* question;
         bool documents;
@@ -118,12 +164,11 @@ TEST(OfflineDraftTest, nothingIsInventedWhateverTheQuestionAndDocuments)
         {"Why do you want to join Initech?", true, nullptr},
         {"How would you tune PostgreSQL performance?", true, nullptr},
         {"Do you have experience with payments?", true, nullptr},
-        {"Tell me about a time you led a team.", false, "no resume or job description is active"},
-        {"Tell me about yourself.", false, "no resume or job description is active"},
-        {"What is your biggest weakness?", false, "no resume or job description is active"},
-        {"How would you design a cache?", false, "no resume or job description is active"},
-        {"Tell me about a time you sailed across the Atlantic.", true,
-         "your documents have nothing on this"},
+        {"Tell me about a time you led a team.", false, noDocuments},
+        {"Tell me about yourself.", false, noDocuments},
+        {"What is your biggest weakness?", false, noDocuments},
+        {"How would you design a cache?", false, noDocuments},
+        {"Tell me about a time you sailed across the Atlantic.", true, "your documents have nothing on this"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.question);
@@ -131,11 +176,8 @@ TEST(OfflineDraftTest, nothingIsInventedWhateverTheQuestionAndDocuments)
         request.question = QString::fromUtf8(c.question);
         const auto lines = draftAnswer(request);
         ASSERT_GE(lines.size(), 3);
-        const auto header = QString::fromUtf8(
-            c.why ? c.why : "Offline draft (no language model configured): ");
-        EXPECT_TRUE(lines.first().contains(header)) << lines.first().toStdString();
-        const auto documents =
-            (request.resumeText + u'\n' + request.jobDescriptionText).simplified();
+        EXPECT_TRUE(lines.first().contains(c.why ? QString::fromUtf8(c.why) : draftHeader)) << lines.first().toStdString();
+        const auto documents = (request.resumeText + u'\n' + request.jobDescriptionText).simplified();
         int fromDocuments = 0;
         for (const auto& line : lines.mid(1)) {
             auto text = contentOf(line);
@@ -150,24 +192,14 @@ TEST(OfflineDraftTest, nothingIsInventedWhateverTheQuestionAndDocuments)
         // With nothing to draw on every line is a prompt; with documents, some of them is used.
         EXPECT_EQ(fromDocuments > 0, !c.why) << fromDocuments << " lines from the documents";
     }
-}
 
-// Whatever an upload holds, the draft comes back with its header and every line labelled.
-TEST(OfflineDraftTest, oddDocumentsGiveADraftNotAFault)
-{
-    const QString hostile[] = {
-        QStringLiteral("•\n-\n1.\n:::\n...\n\n\n"),
-        QString(300'000, u'x'),
-        QStringLiteral("Led the rollout.\r\n• Cut costs by 10%;\r\n\r\nSKILLS:\r\n"),
-        QStringLiteral("Leitete die Migration zu Kubernetes. 负责迁移到 Kubernetes。"),
-        QString(50'000, u'.') + QStringLiteral(" A. B. C."),
-    };
-    for (const auto& document : hostile) {
+    for (const auto& document : {u"•\n-\n1.\n:::\n...\n\n\n"_s, QString(300'000, u'x'),
+                                 u"Led the rollout.\r\n• Cut costs by 10%;\r\n\r\nSKILLS:\r\n"_s,
+                                 u"Leitete die Migration zu Kubernetes. 负责迁移到 Kubernetes。"_s,
+                                 QString(50'000, u'.') + u" A. B. C."_s}) {
         AnswerRequest request;
-        request.question = QStringLiteral("Tell me about a time you led a migration to Kubernetes.")
-                           + QString(5'000, u' ');
-        request.resumeText = document;
-        request.jobDescriptionText = document;
+        request.question = u"Tell me about a time you led a migration to Kubernetes."_s + QString(5'000, u' ');
+        request.resumeText = request.jobDescriptionText = document;
         const auto lines = draftAnswer(request);
         ASSERT_GE(lines.size(), 3);
         EXPECT_TRUE(lines.first().startsWith(u"Offline draft"));
@@ -176,27 +208,11 @@ TEST(OfflineDraftTest, oddDocumentsGiveADraftNotAFault)
     }
 }
 
-TEST(OfflineDraftTest, saysWhenTheDraftIsNotInTheAskedLanguage)
-{
-    auto request = withDocuments("Tell me about yourself.");
-    request.outputLanguage = QStringLiteral("de-DE");
-    const auto german = draftAnswer(request).first();
-    EXPECT_TRUE(german.startsWith(u"Offline draft in English") && german.contains(u"German"))
-        << german.toStdString();
-    for (const char* english : {"en-GB", "en-US", "English", "auto", ""}) {
-        request.outputLanguage = QString::fromUtf8(english);
-        EXPECT_TRUE(draftAnswer(request).first().startsWith(
-            u"Offline draft (no language model configured): "))
-            << english;
-    }
-}
-
 // Line by line through the event loop, so the caller holds the handle before any chunk; a
 // cancel, from inside a chunk or before the loop ran, stops every further call.
-TEST(OfflineAnswerEngineTest, streamsTheDraftThroughTheEventLoopUntilCancelled)
+TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
 {
-    const auto request =
-        withDocuments("Tell me about a time you migrated a service to Kubernetes.");
+    const auto request = withDocuments("Tell me about a time you migrated a service to Kubernetes.");
     OfflineAnswerEngine engine;
     AnswerOutcome outcome;
     const auto record = [&](const QString& chunk) { outcome.chunks << chunk; };
@@ -228,4 +244,61 @@ TEST(OfflineAnswerEngineTest, streamsTheDraftThroughTheEventLoopUntilCancelled)
     drainEvents();
     EXPECT_EQ(outcome.chunks.size(), 1);
     EXPECT_EQ(outcome.doneCalls, 0);
+}
+
+TEST(TextRankingTest, WordFormsShareAStemAndFunctionWordsAreNoTerms)
+{
+    for (const auto& [a, b] : {std::pair{"migrated", "migration"}, {"mentoring", "mentored"}, {"leadership", "leading"},
+                               {"optimized", "optimization"}, {"queries", "query"}, {"planned", "planning"},
+                               {"services", "service"}, {"deployments", "deploy"}, {"teams", "team"}})
+        EXPECT_EQ(stemWord(QLatin1String(a)), stemWord(QLatin1String(b))) << a << " / " << b;
+    EXPECT_NE(stemWord(u"process"_s), stemWord(u"product"_s));
+    EXPECT_EQ(contentTerms(u"Tell me about a time you used C++ and C# at Acme's office"),
+              (QStringList{u"used"_s, u"c++"_s, u"c#"_s, u"acm"_s, u"offic"_s}));
+    EXPECT_TRUE(contentTerms(u"What would you do, and why?").isEmpty());
+}
+
+TEST(TextRankingTest, TheResumeLineTheQuestionIsAboutComesFirstAndNoSharedWordMeansNoHit)
+{
+    const Bm25Index index(splitPassages(sampleResume()));
+    const auto best = [&](const QString& question) {
+        RankingQuery query;
+        query.addText(question);
+        for (const auto& hit : index.rank(query)) {
+            if (!index.passage(hit.index).isHeading)
+                return index.passage(hit.index).text;
+        }
+        return QString();
+    };
+    for (const auto& [question, expected] :
+         {std::pair{"Tell me about a time you had a conflict with another team.", "Resolved a conflict"},
+          {"How would you speed up a slow PostgreSQL query?", "Optimized slow PostgreSQL"},
+          {"Have you ever migrated a service to Kubernetes?", "Led the migration"},
+          {"What is your experience mentoring junior developers?", "Mentored four junior"},
+          {"How do you detect fraud in payments?", "Built a fraud detection"},
+          {"Describe an API you designed for high throughput.", "Designed an idempotent"}})
+        EXPECT_TRUE(best(QString::fromUtf8(question)).startsWith(QLatin1String(expected))) << question;
+    EXPECT_EQ(best(u"Have you ever sailed across the Atlantic?"_s), QString());
+    RankingQuery query;
+    query.addText(u"Kubernetes"_s);
+    EXPECT_TRUE(Bm25Index({}).rank(query).isEmpty());
+}
+
+// The cache must never hand one document's index to another, and must forget the least
+// recently used document first.
+TEST(TextRankingTest, CacheKeepsTheRecentlyUsedAndNeverMixesDocuments)
+{
+    Bm25IndexCache cache(2);
+    const QString a = sampleResume();
+    const QString b = u"Led the migration of billing to Kubernetes."_s;
+    const auto first = cache.indexOf(a);
+    EXPECT_EQ(cache.indexOf(a), first);
+    const auto other = cache.indexOf(b);
+    ASSERT_EQ(other->passages().size(), 1);
+    EXPECT_EQ(other->passage(0).text, b);
+    EXPECT_EQ(first->passages().size(), Bm25Index(splitPassages(a)).passages().size());
+    cache.indexOf(a);                                    // a is now the most recent
+    cache.indexOf(u"Sailed across the Atlantic twice."_s); // evicts b
+    EXPECT_EQ(cache.indexOf(a), first);
+    EXPECT_NE(cache.indexOf(b), other);
 }

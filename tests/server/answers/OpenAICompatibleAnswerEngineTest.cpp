@@ -1,13 +1,13 @@
 #include "OpenAICompatibleAnswerEngine.h"
 #include "AnswerEngineFactory.h"
 #include "AnswerRun.h"
-#include "FakeModelServer.h"
+#include "FakeBackend.h"
 #include "QtPrinters.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSignalSpy>
+#include <QTest>
 
 #include <gtest/gtest.h>
 
@@ -16,162 +16,135 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+const QByteArray completions = "/v1/chat/completions";
+
 // One streamed piece of the answer; test texts hold no characters JSON would escape.
 QByteArray delta(const char* content)
 {
-    return QByteArray(R"(data: {"choices":[{"index":0,"delta":{"content":")") + content
-           + "\"}}]}\n\n";
+    return QByteArray(R"(data: {"choices":[{"index":0,"delta":{"content":")") + content + "\"}}]}\n\n";
 }
 
 AnswerRequest sampleRequest()
 {
     AnswerRequest request;
-    request.question = QStringLiteral("How would you scale the billing service?");
-    request.recentTranscript = {QStringLiteral("Interviewer: Thanks for joining."),
-                                QStringLiteral("You: Glad to be here.")};
-    request.resumeText = QStringLiteral("Led the billing migration to Kubernetes.");
-    request.jobDescriptionText = QStringLiteral("Platform engineer for payments.");
-    request.outputLanguage = QStringLiteral("de-DE");
+    request.question = u"How would you scale the billing service?"_s;
+    request.recentTranscript = {u"Interviewer: Thanks for joining."_s, u"You: Glad to be here."_s};
+    request.resumeText = u"Led the billing migration to Kubernetes."_s;
+    request.jobDescriptionText = u"Platform engineer for payments."_s;
+    request.outputLanguage = u"de-DE"_s;
     return request;
+}
+
+FakeBackend::Response reply(int status, const QByteArray& contentType, const QByteArray& body)
+{
+    auto response = FakeBackend::Response::json(status, body);
+    response.headers = {{"Content-Type", contentType}};
+    return response;
 }
 
 } // namespace
 
-class ModelServerUrlTest : public testing::TestWithParam<const char*> {};
-
 // The request that reaches the server: path, headers and a prompt that carries everything
 // the model needs to know. Pieces come 30 ms apart, and the first chunk must be passed on
-// before the server has written the last.
-TEST_P(ModelServerUrlTest, streamsDeltasAsTheyArrive)
+// before the server has written the last. Every form of the base URL reaches the same path.
+TEST(OpenAICompatibleAnswerEngineTest, StreamsDeltasAsTheyArriveWithTheWholeRequest)
 {
-    FakeModelServer server;
-    server.setReply(
-        {.pieces = {"data: {\"choices\":[{\"delta\":{\"role\":\"assistant\"}}]}\n\n",
-                    delta("I would "), ": keep-alive\n\n", delta("shard it."), "data: [DONE]\n\n"},
-         .gapMs = 30});
-    OpenAICompatibleAnswerEngine engine(server.origin() + QString::fromUtf8(GetParam()),
-                                        QStringLiteral("llama3"), QStringLiteral("sk-test"));
-    int piecesAtFirstChunk = -1;
-    const auto outcome = runAnswer(engine, sampleRequest(), [&](AnswerOutcome& o) {
-        if (o.chunks.size() == 1)
-            piecesAtFirstChunk = server.piecesSent();
-    });
+    for (const char* suffix : {"", "/", "/v1", "/v1/"}) {
+        SCOPED_TRACE(suffix);
+        FakeBackend server;
+        server.setRoute("POST", completions,
+                        FakeBackend::Response::stream({"data: {\"choices\":[{\"delta\":{\"role\":\"assistant\"}}]}\n\n",
+                                                       delta("I would "), ": keep-alive\n\n", delta("shard it."),
+                                                       "data: [DONE]\n\n"}, 30));
+        OpenAICompatibleAnswerEngine engine(server.origin() + QLatin1String(suffix), u"llama3"_s, u"sk-test"_s);
+        int piecesAtFirstChunk = -1;
+        const auto outcome = runAnswer(engine, sampleRequest(), [&](AnswerOutcome& o) {
+            if (o.chunks.size() == 1)
+                piecesAtFirstChunk = server.piecesSent();
+        });
+        EXPECT_EQ(outcome.error, QString());
+        EXPECT_EQ(outcome.doneCalls, 1);
+        EXPECT_EQ(outcome.chunks, (QStringList{u"I would "_s, u"shard it."_s}));
+        EXPECT_LT(piecesAtFirstChunk, 5);
 
-    EXPECT_EQ(outcome.error, QString());
-    EXPECT_EQ(outcome.doneCalls, 1);
-    EXPECT_EQ(outcome.chunks, (QStringList{u"I would "_s, u"shard it."_s}));
-    EXPECT_LT(piecesAtFirstChunk, 5);
-
-    ASSERT_EQ(server.requests().size(), 1);
-    const auto& request = server.requests().first();
-    EXPECT_EQ(request.method, "POST");
-    EXPECT_EQ(request.path, "/v1/chat/completions");
-    EXPECT_EQ(request.headers.value("authorization"), "Bearer sk-test");
-    const auto body = QJsonDocument::fromJson(request.body).object();
-    EXPECT_EQ(body[u"model"].toString(), QStringLiteral("llama3"));
-    EXPECT_TRUE(body[u"stream"].toBool());
-    ASSERT_EQ(body[u"messages"].toArray().size(), 2);
-    const auto system = body[u"messages"][0][u"content"].toString();
-    for (const auto& expected :
-         {QStringLiteral("Led the billing migration to Kubernetes."),
-          QStringLiteral("Platform engineer for payments."),
-          QStringLiteral("Interviewer: Thanks for joining.\nYou: Glad to be here."),
-          QStringLiteral("German")})
-        EXPECT_TRUE(system.contains(expected)) << expected.toStdString();
-    EXPECT_EQ(body[u"messages"][1][u"content"].toString(), sampleRequest().question);
+        ASSERT_EQ(server.requestCount("POST", completions), 1);
+        const auto request = server.requests("POST", completions).first();
+        EXPECT_EQ(request.header("authorization"), "Bearer sk-test");
+        const auto body = QJsonDocument::fromJson(request.body).object();
+        EXPECT_EQ(body[u"model"_s], u"llama3"_s);
+        EXPECT_EQ(body[u"stream"_s], QJsonValue(true));
+        ASSERT_EQ(body[u"messages"_s].toArray().size(), 2);
+        const auto system = body[u"messages"_s][0][u"content"_s].toString();
+        for (const auto& expected : {u"Led the billing migration to Kubernetes."_s, u"Platform engineer for payments."_s,
+                                     u"Interviewer: Thanks for joining.\nYou: Glad to be here."_s, u"German"_s})
+            EXPECT_TRUE(system.contains(expected)) << expected.toStdString();
+        EXPECT_EQ(body[u"messages"_s][1][u"content"_s].toString(), sampleRequest().question);
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(BaseUrlForms, ModelServerUrlTest, testing::Values("", "/", "/v1", "/v1/"));
-
-struct StreamCase {
-    const char* name;
-    FakeModelServer::Reply reply;
-    QStringList chunks;
-    const char* errorContains; // empty: a normal end
-    bool serverGone = false;   // nothing listens at the address any more
-};
-
-class StreamEndingTest : public testing::TestWithParam<StreamCase> {};
-
-TEST_P(StreamEndingTest, endsAsTheServerDid)
+TEST(OpenAICompatibleAnswerEngineTest, EndsAsTheServerDid)
 {
-    std::optional<FakeModelServer> server(std::in_place);
-    server->setReply(GetParam().reply);
-    const auto origin = server->origin();
-    if (GetParam().serverGone)
-        server.reset();
-    OpenAICompatibleAnswerEngine engine(origin, QStringLiteral("llama3"), {});
-    const auto outcome = runAnswer(engine, sampleRequest());
-
-    EXPECT_EQ(outcome.chunks, GetParam().chunks);
-    EXPECT_EQ(outcome.doneCalls, 1);
-    ASSERT_TRUE(outcome.error);
-    const auto expected = QString::fromUtf8(GetParam().errorContains);
-    if (expected.isEmpty()) {
-        EXPECT_EQ(*outcome.error, QString());
-    } else {
-        EXPECT_TRUE(outcome.error->contains(expected)) << outcome.error->toStdString();
+    const auto sent = delta("Part one, ") + delta("part two");
+    auto cut = FakeBackend::Response::json(200, sent + sent); // half of the announced body
+    cut.headers = {{"Content-Type", "text/event-stream"}};
+    cut.closeMidBody = true;
+    const struct {
+        const char* name;
+        std::optional<FakeBackend::Response> reply; // none: nothing listens at the address
+        QStringList chunks;
+        const char* errorContains; // empty: a normal end
+    } cases[] = {
+        {"garbage lines are skipped",
+         FakeBackend::Response::stream({"data: {not json\n", "data: 42\n", "data: {\"choices\":[]}\n",
+                                        "data: {\"choices\":[{\"delta\":{\"content\":7}}]}\n", "garbage\n", "\n",
+                                        "data:{\"choices\":[{\"delta\":{\"content\":\"ok\"}}]}\r\n", "data: {\"choi",
+                                        "ces\":[{\"delta\":{\"content\":\"!\"}}]}\n", "data: [DONE]\n"}),
+         {u"ok"_s, u"!"_s}, ""},
+        {"server error", FakeBackend::Response::json(500, R"({"error":{"message":"model 'llama3' not found"}})"), {},
+         "HTTP 500 for model \"llama3\": model 'llama3' not found"},
+        {"closed mid-stream", cut, {u"Part one, "_s, u"part two"_s}, "broke off the answer"},
+        {"error event mid-stream",
+         FakeBackend::Response::stream({delta("Start"), "data: {\"error\":{\"message\":\"out of memory\"}}\n\n", delta("never")}),
+         {u"Start"_s}, "stopped the answer: out of memory"},
+        {"an end without [DONE] is a normal end", FakeBackend::Response::stream({delta("All of it.")}), {u"All of it."_s}, ""},
+        {"a page that is not a model server", reply(200, "text/html", "<html><body>Welcome</body></html>"), {},
+         "sent no completion"},
+        {"a server that ignores streaming",
+         reply(200, "application/json", "{\"choices\":[{\"message\":{\"role\":\"assistant\",\n\"content\":\"Whole answer.\"}}]}"),
+         {u"Whole answer."_s}, ""},
+        {"a refused connection", std::nullopt, {}, "Cannot reach the model server at"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::optional<FakeBackend> server(std::in_place);
+        const auto origin = server->origin();
+        if (c.reply)
+            server->setRoute("POST", completions, *c.reply);
+        else
+            server.reset();
+        OpenAICompatibleAnswerEngine engine(origin, u"llama3"_s, {});
+        const auto outcome = runAnswer(engine, sampleRequest());
+        EXPECT_EQ(outcome.chunks, c.chunks);
+        EXPECT_EQ(outcome.doneCalls, 1);
+        ASSERT_TRUE(outcome.error);
+        const auto expected = QString::fromUtf8(c.errorContains);
+        EXPECT_EQ(outcome.error->isEmpty(), expected.isEmpty()) << outcome.error->toStdString();
         // Every failure names the model server, so the operator knows where to look.
-        EXPECT_TRUE(outcome.error->contains(origin)) << outcome.error->toStdString();
-    }
-    if (server) {
-        EXPECT_FALSE(server->requests().first().headers.contains("authorization"));
+        if (!expected.isEmpty()) {
+            EXPECT_TRUE(outcome.error->contains(expected) && outcome.error->contains(origin)) << outcome.error->toStdString();
+        }
+        if (server) {
+            EXPECT_TRUE(server->requests("POST", completions).first().header("authorization").isEmpty());
+        }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Endings, StreamEndingTest,
-    testing::Values(
-        StreamCase{"garbageLinesAreSkipped",
-                   {.pieces = {"data: {not json\n", "data: 42\n", "data: {\"choices\":[]}\n",
-                               "data: {\"choices\":[{\"delta\":{\"content\":7}}]}\n", "garbage\n",
-                               "\n", "data:{\"choices\":[{\"delta\":{\"content\":\"ok\"}}]}\r\n",
-                               "data: {\"choi", "ces\":[{\"delta\":{\"content\":\"!\"}}]}\n",
-                               "data: [DONE]\n"}},
-                   {QStringLiteral("ok"), QStringLiteral("!")},
-                   ""},
-        StreamCase{"serverError",
-                   {.status = 500,
-                    .contentType = "application/json",
-                    .pieces = {"{\"error\":{\"message\":\"model 'llama3' not found\"}}"}},
-                   {},
-                   "HTTP 500 for model \"llama3\": model 'llama3' not found"},
-        StreamCase{"closedMidStream",
-                   {.pieces = {delta("Part one, "), delta("part two")},
-                    .gapMs = 10,
-                    .closeBeforeEnd = true},
-                   {QStringLiteral("Part one, "), QStringLiteral("part two")},
-                   "broke off the answer"},
-        StreamCase{
-            "errorEventMidStream",
-            {.pieces = {delta("Start"), "data: {\"error\":{\"message\":\"out of memory\"}}\n\n",
-                        delta("never")}},
-            {QStringLiteral("Start")},
-            "stopped the answer: out of memory"},
-        StreamCase{"endWithoutDoneIsANormalEnd",
-                   {.pieces = {delta("All of it.")}, .chunked = false},
-                   {QStringLiteral("All of it.")},
-                   ""},
-        StreamCase{"pageThatIsNotAModelServer",
-                   {.contentType = "text/html", .pieces = {"<html><body>Welcome</body></html>"}},
-                   {},
-                   "sent no completion"},
-        StreamCase{"serverThatIgnoresStreaming",
-                   {.contentType = "application/json",
-                    .pieces = {"{\"choices\":[{\"message\":{\"role\":\"assistant\",\n\"content\":"
-                               "\"Whole answer.\"}}]}"}},
-                   {QStringLiteral("Whole answer.")},
-                   ""},
-        StreamCase{"refusedConnection", {}, {}, "Cannot reach the model server at", true}),
-    [](const testing::TestParamInfo<StreamCase>& info) { return std::string(info.param.name); });
-
-TEST(OpenAICompatibleAnswerEngineTest, cancelClosesTheConnectionAndSilencesTheAnswer)
+TEST(OpenAICompatibleAnswerEngineTest, CancelClosesTheConnectionAndSilencesTheAnswer)
 {
-    FakeModelServer server;
-    server.setReply(
-        {.pieces = {delta("one"), delta("two"), delta("three"), "data: [DONE]\n\n"}, .gapMs = 50});
+    FakeBackend server;
+    server.setRoute("POST", completions,
+                    FakeBackend::Response::stream({delta("one"), delta("two"), delta("three"), "data: [DONE]\n\n"}, 50));
     OpenAICompatibleAnswerEngine engine(server.origin(), {}, {});
-    QSignalSpy disconnected(&server, &FakeModelServer::clientDisconnected);
     QStringList chunks;
     int doneCalls = 0;
     AnswerEngine::Handle handle;
@@ -182,30 +155,26 @@ TEST(OpenAICompatibleAnswerEngineTest, cancelClosesTheConnectionAndSilencesTheAn
             handle.cancel();
         },
         [&](const QString&) { ++doneCalls; });
-    ASSERT_TRUE(disconnected.wait(5000));
+    // The model server should stop generating: it never gets to write its last piece.
+    EXPECT_FALSE(QTest::qWaitFor([&] { return server.piecesSent() == 4; }, 500));
     drainEvents();
-    EXPECT_EQ(chunks, QStringList{QStringLiteral("one")});
+    EXPECT_EQ(chunks, QStringList{u"one"_s});
     EXPECT_EQ(doneCalls, 0);
-    EXPECT_TRUE(server.clientClosed()) << "the model server should stop generating";
     handle.cancel(); // after the end: harmless
     // No model named: the field is left out for single-model servers.
-    EXPECT_FALSE(QJsonDocument::fromJson(server.requests().first().body)[u"model"].isString());
+    EXPECT_FALSE(QJsonDocument::fromJson(server.requests("POST", completions).first().body)[u"model"_s].isString());
 }
 
 // A blank base URL means the offline draft; any other, the model server there.
-TEST(AnswerEngineFactoryTest, theBaseUrlChoosesTheEngine)
+TEST(AnswerEngineFactoryTest, TheBaseUrlChoosesTheEngine)
 {
-    FakeModelServer server;
-    server.setReply({.pieces = {delta("From the model."), "data: [DONE]\n\n"}});
-    const auto offline = makeAnswerEngine({QStringLiteral("  "), QStringLiteral("llama3"), {}});
-    const auto drafted = runAnswer(*offline, sampleRequest());
+    FakeBackend server;
+    server.setRoute("POST", completions, FakeBackend::Response::stream({delta("From the model."), "data: [DONE]\n\n"}));
+    const auto drafted = runAnswer(*makeAnswerEngine({u"  "_s, u"llama3"_s, {}}), sampleRequest());
     EXPECT_EQ(drafted.error, QString());
     ASSERT_FALSE(drafted.chunks.isEmpty());
     EXPECT_TRUE(drafted.chunks.first().startsWith(u"Offline draft"));
-
-    const auto online = makeAnswerEngine(
-        {server.origin() + QStringLiteral("/v1"), QStringLiteral("m"), QStringLiteral("k")});
-    const auto answered = runAnswer(*online, sampleRequest());
-    EXPECT_EQ(answered.chunks, QStringList{QStringLiteral("From the model.")});
+    const auto answered = runAnswer(*makeAnswerEngine({server.origin() + u"/v1"_s, u"m"_s, u"k"_s}), sampleRequest());
+    EXPECT_EQ(answered.chunks, QStringList{u"From the model."_s});
     EXPECT_EQ(answered.error, QString());
 }
