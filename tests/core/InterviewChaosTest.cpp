@@ -11,22 +11,9 @@
 // timers mix through VirtualTimePump: it hands Qt whatever the sockets have ready and moves the
 // clock on only when nothing else can make progress.
 
-#include "QtPrinters.h"
+#include "LoopbackRig.h"
 
-#include "APIClient.h"
-#include "AppStrings.h"
-#include "AuthTokenStore.h"
-#include "Clock.h"
-#include "FakeBackend.h"
-#include "FakeTranscriptChannel.h"
-#include "FakeVendorServer.h"
-#include "InterviewAdapters.h"
-#include "LoopbackInterview.h"
-#include "InterviewViewModel.h"
 #include "LogCapture.h"
-#include "NotificationCenter.h"
-#include "PreferencesStore.h"
-#include "UserSettings.h"
 
 #include <QAbstractEventDispatcher>
 #include <QDeadlineTimer>
@@ -151,20 +138,9 @@ private:
     QTcpServer m_server;
 };
 
-QByteArray json(const QJsonObject& object)
-{
-    return QJsonDocument(object).toJson(QJsonDocument::Compact);
-}
-
 QString turnInfo(const QString& event, const QString& transcript)
 {
-    return QString::fromUtf8(json({{u"type"_s, u"TurnInfo"_s}, {u"event"_s, event}, {u"transcript"_s, transcript}}));
-}
-
-// Spends one of the failures scripted in `budget`, if any are left.
-bool spend(int& budget)
-{
-    return budget > 0 && budget-- > 0;
+    return QString::fromUtf8(compactJson({{u"type"_s, u"TurnInfo"_s}, {u"event"_s, event}, {u"transcript"_s, transcript}}));
 }
 
 // What one seeded interview does.
@@ -233,73 +209,12 @@ Plan makePlan(quint32 seed)
 
 } // namespace
 
-class InterviewChaosTest : public ::testing::Test {
+class InterviewChaosTest : public ::testing::Test, public LoopbackRig<ManualClock> {
 protected:
     InterviewChaosTest()
     {
-        settings.setOutputLanguage(u"en"_s);
-        client.setAccessToken(u"access-1"_s);
-        vm.setBackend(interviewBackend);
-        vm.setLoggedIn(true);
+        stallingEndpoint = silentServer.address(u"ws"_s);
         channelServer.setFrameRule([this](const FakeTranscriptChannel::Frame& frame) { return react(frame); });
-
-        backend.setRoute("GET", "/api/v1/subscription/status",
-                         FakeBackend::Response::json(200, R"({"speechProvider":"deepgram"})"));
-        backend.setHandler("POST", "/api/v1/interview/session", [this](const FakeBackend::Request&) {
-            return FakeBackend::Response::json(
-                200, json({{u"id"_s, sessionId(++sessions)}, {u"languageInput"_s, u"en-US"_s}, {u"languageOutput"_s, u"en"_s},
-                           {u"startedAt"_s, u"2024-05-01T10:00:00.000Z"_s}, {u"status"_s, u"active"_s}}));
-        });
-        backend.setHandler("GET", "/api/v1/speech/token", [this](const FakeBackend::Request&) {
-            if (spend(tokenFailures))
-                return FakeBackend::Response::json(503, "{}");
-            const QString endpoint = spend(stallingTokens) ? silentServer.address(u"ws"_s) : vendor.origin();
-            const QJsonObject token{{u"provider"_s, u"deepgram"_s},
-                                    {u"token"_s, u"speech-"_s + QString::number(++speechTokens)},
-                                    {u"endpoint"_s, endpoint}};
-            return FakeBackend::Response::json(200, json(token));
-        });
-        backend.setRoute("POST", "/api/v1/chat/answer",
-                         FakeBackend::Response::stream({"data: {\"logId\":\"log-1\"}\n", "data: {\"content\":\"Say \"}\n",
-                                                        "data: {\"content\":\"this.\"}\n", "data: [DONE]\n"}));
-        backend.setRoute("PATCH", "/api/v1/chat/log/log-1", FakeBackend::Response::json(200, "{}"));
-    }
-
-    InterviewViewModel::Services services()
-    {
-        InterviewViewModel::Services s;
-        s.audioCapture = &systemAudio;
-        s.microphone = &microphone;
-        const auto vendorRecognizer = vendorRecognizers(clock);
-        s.makeRecognizer = [this, vendorRecognizer](SpeechProvider provider, Speaker speaker) {
-            auto recognizer = vendorRecognizer(provider, speaker);
-            recognizers[std::size_t(speaker)] = recognizer;
-            return recognizer;
-        };
-        s.makeTranscriptChannel = [this] { return std::make_shared<TranscriptUploadChannel>(clock); };
-        return s;
-    }
-
-    static QString sessionId(int number) { return u"session-"_s + QString::number(number); }
-
-    // The session's own routes exist before the session does: handlers are not added while
-    // the backend runs one.
-    void prepareSessionRoutes(int number)
-    {
-        const QByteArray path = "/api/v1/interview/session/" + sessionId(number).toUtf8();
-        backend.setHandler("PUT", path, [this](const FakeBackend::Request&) {
-            return FakeBackend::Response::json(spend(completeFailures) ? 503 : 200, "{}");
-        });
-        backend.setHandler("POST", path + "/transcript", [this](const FakeBackend::Request& request) {
-            if (spend(postFailures))
-                return FakeBackend::Response::json(502, "{}");
-            const auto entries = QJsonDocument::fromJson(request.body).object().value(u"entries"_s).toArray();
-            for (const auto& entry : entries) {
-                const auto line = entry.toObject();
-                delivered[line.value(u"id"_s).toString()] = line.value(u"content"_s).toString();
-            }
-            return FakeBackend::Response::json(200, "{}");
-        });
     }
 
     // Mostly acks; now and then a lost ack, a cut right after the ack, or a cut instead of it.
@@ -524,39 +439,13 @@ protected:
     }
 
     LogCapture log; // the interviews' own log lines would drown the summary
-    ManualClock clock;
     VirtualTimePump pump{clock};
-    PreferencesStore preferences;
-    NotificationCenter notifications;
-    UserSettings settings{preferences, notifications};
-    AppStrings strings{QStringList{u"en"_s}};
-    FakeBackend backend;
-    FakeVendorServer vendor;
-    FakeTranscriptChannel channelServer;
     SilentServer silentServer;
-    InMemoryTokenStore tokens;
-    APIClient client{backend.origin(), tokens, notifications};
-    std::shared_ptr<SeparateChannelBackend> interviewBackend = std::make_shared<SeparateChannelBackend>(client);
-    PcmCapture systemAudio;
-    PcmCapture microphone;
-    std::array<std::weak_ptr<SpeechRecognitionProvider>, 2> recognizers;
-
-    // The backend's scripted trouble, consumed request by request.
-    int tokenFailures = 0;
-    int stallingTokens = 0;
-    int completeFailures = 0;
-    int postFailures = 0;
-
-    int sessions = 0;
-    int speechTokens = 0;
     int pendingSeen = 0;
     int stepsLeft = 0;
     std::array<std::pair<QPointer<QWebSocket>, QString>, 2> lastSaid;
     QHash<QString, int> framesSeen;
-    QHash<QString, QString> lines;                 // every final line of every transcript, by id
-    QHash<QString, QString> delivered;             // the last text a transcript post carried, by id
-
-    InterviewViewModel vm{clock, settings, strings, services()};
+    QHash<QString, QString> lines; // every final line of every transcript, by id
 };
 
 TEST_F(InterviewChaosTest, NoFinalLineIsLostAcrossSeededInterviews)

@@ -1,34 +1,16 @@
-// A whole interview over real sockets on loopback: the API client against the fake backend,
-// a Deepgram recogniser against the fake vendor (reached through the speech token's endpoint),
-// and the transcript channel against its fake server. Only the two audio sources are fed by
-// hand. Real time throughout.
+// A whole interview over real sockets on loopback, in real time.
 
-#include "QtPrinters.h"
+#include "LoopbackRig.h"
 
-#include "APIClient.h"
-#include "AppStrings.h"
-#include "AuthTokenStore.h"
 #include "AwaitTask.h"
 #include "Clock.h"
-#include "FakeBackend.h"
-#include "FakeTranscriptChannel.h"
-#include "FakeVendorServer.h"
-#include "InterviewAdapters.h"
-#include "LoopbackInterview.h"
-#include "InterviewViewModel.h"
-#include "NotificationCenter.h"
-#include "PreferencesStore.h"
-#include "UserSettings.h"
 
 #include <QElapsedTimer>
-#include <QJsonArray>
-#include <QJsonDocument>
 #include <QSignalSpy>
 #include <QTest>
 #include <QWebSocket>
 
 #include <gtest/gtest.h>
-
 
 using namespace Qt::StringLiterals;
 
@@ -39,7 +21,6 @@ using State = InterviewViewModel::PipelineState;
 using Reaction = FakeTranscriptChannel::Reaction;
 
 constexpr int deadlineMs = 10'000;
-const QByteArray sessionPath = "/api/v1/interview/session/session-1";
 
 bool waitFor(const std::function<bool()>& condition)
 {
@@ -62,48 +43,13 @@ QString results(const QString& transcript, bool isFinal, double confidence)
 
 } // namespace
 
-class InterviewEndToEndTest : public ::testing::Test {
+class InterviewEndToEndTest : public ::testing::Test, public LoopbackRig<SystemClock> {
 protected:
     InterviewEndToEndTest()
     {
         settings.setInputLanguage(u"de-DE"_s);
-        settings.setOutputLanguage(u"en"_s);
-        client.setAccessToken(u"access-1"_s);
-        vm.setBackend(std::make_shared<SeparateChannelBackend>(client, channelServer.baseURL()));
-        vm.setLoggedIn(true);
-
-        backend.setRoute("GET", "/api/v1/subscription/status",
-                         FakeBackend::Response::json(200, R"({"speechProvider":"deepgram"})"));
-        backend.setRoute("POST", "/api/v1/interview/session",
-                         FakeBackend::Response::json(200, R"({"id":"session-1","languageInput":"de-DE",)"
-                                                          R"("languageOutput":"en","startedAt":"2024-05-01T10:00:00.000Z",)"
-                                                          R"("status":"active"})"));
-        backend.setHandler("GET", "/api/v1/speech/token", [this](const FakeBackend::Request&) {
-            const QJsonObject token{{u"provider"_s, u"deepgram"_s},
-                                    {u"token"_s, u"speech-"_s + QString::number(++speechTokens)},
-                                    {u"sttModel"_s, u"nova-3"_s},
-                                    {u"endpoint"_s, endpoint.isEmpty() ? vendor.origin() : endpoint}};
-            restartCountsAtTokens.append(vm.restartCount(Speaker::interviewer));
-            return FakeBackend::Response::json(200, QJsonDocument(token).toJson(QJsonDocument::Compact));
-        });
-        backend.setRoute("PUT", sessionPath, FakeBackend::Response::json(200, "{}"));
-        backend.setRoute("POST", sessionPath + "/transcript", FakeBackend::Response::json(200, "{}"));
-        backend.setRoute("PATCH", "/api/v1/chat/log/log-7", FakeBackend::Response::json(200, "{}"));
-        backend.setRoute("POST", "/api/v1/chat/answer",
-                         FakeBackend::Response::stream({"data: {\"logId\":\"log-7\"}\n\n",
-                                                        "data: {\"content\":\"I built \"}\n\n",
-                                                        "data: {\"content\":\"a mixing desk.\"}\n\ndata: [DONE]\n\n"},
-                                                       5));
-    }
-
-    InterviewViewModel::Services services()
-    {
-        InterviewViewModel::Services s;
-        s.audioCapture = &systemAudio;
-        s.microphone = &microphone;
-        s.makeRecognizer = vendorRecognizers(clock);
-        s.makeTranscriptChannel = [this] { return std::make_shared<TranscriptUploadChannel>(clock); };
-        return s;
+        sttModel = u"nova-3"_s;
+        onToken = [this] { restartCountsAtTokens.append(vm.restartCount(Speaker::interviewer)); };
     }
 
     void start()
@@ -134,22 +80,8 @@ protected:
         ASSERT_TRUE(changed.wait(deadlineMs)) << "no transcript line for " << text.toStdString();
     }
 
-    SystemClock clock;
-    PreferencesStore preferences;
-    NotificationCenter notifications;
-    UserSettings settings{preferences, notifications};
-    AppStrings strings{QStringList{u"en"_s}};
-    FakeBackend backend;
-    FakeVendorServer vendor;
-    FakeTranscriptChannel channelServer;
-    InMemoryTokenStore tokens;
-    APIClient client{backend.origin(), tokens, notifications};
-    PcmCapture systemAudio;
-    PcmCapture microphone;
-    int speechTokens = 0;
-    QString endpoint; // the vendor's when empty
+    const QByteArray firstSession = sessionPath(1);
     QList<int> restartCountsAtTokens;
-    InterviewViewModel vm{clock, settings, strings, services()};
 };
 
 TEST_F(InterviewEndToEndTest, AudioBecomesTranscriptAnswerAndDeliveredLines)
@@ -245,14 +177,14 @@ TEST_F(InterviewEndToEndTest, AudioBecomesTranscriptAnswerAndDeliveredLines)
     EXPECT_EQ(channelServer.connections().value(0).closeCode, 1000);
 
     // The session is closed with the audio time, then only the unacknowledged line is posted.
-    const auto completes = backend.requests("PUT", sessionPath);
+    const auto completes = backend.requests("PUT", firstSession);
     ASSERT_EQ(completes.size(), 1);
     const auto completion = bodyOf(completes[0]);
     EXPECT_EQ(completion.value(u"status"_s).toString(), u"completed"_s);
     const qint64 audioMs = completion.value(u"sttAudioDurationMs"_s).toInteger(-1);
     EXPECT_GT(audioMs, 0);
     EXPECT_LE(audioMs, elapsedMs);
-    const auto posts = backend.requests("POST", sessionPath + "/transcript");
+    const auto posts = backend.requests("POST", firstSession + "/transcript");
     ASSERT_EQ(posts.size(), 1);
     EXPECT_EQ(bodyOf(posts[0]).value(u"entries"_s).toArray(), QJsonArray{lines[1].uploadForm()});
 
@@ -309,6 +241,6 @@ TEST_F(InterviewEndToEndTest, ASpeechEndpointThatIsNoAddressFailsTheStart)
     EXPECT_EQ(vendor.connectionCount(), 0);
     EXPECT_EQ(vm.runningTaskCount(), 0);
     // The failed start closes its session without waiting; that request ends before the test.
-    ASSERT_TRUE(waitFor([&] { return backend.requestCount("PUT", sessionPath) == 1; }));
+    ASSERT_TRUE(waitFor([&] { return backend.requestCount("PUT", firstSession) == 1; }));
     QTest::qWait(100);
 }

@@ -7,119 +7,22 @@
 #include "QtPrinters.h"
 
 #include "AppStrings.h"
-#include "AsyncQueue.h"
 #include "AudioSource.h"
 #include "AwaitTask.h"
 #include "Clock.h"
 #include "InterviewViewModel.h"
+#include "LoopbackInterview.h"
 #include "NotificationCenter.h"
 #include "PreferencesStore.h"
 #include "UserSettings.h"
 
-#include <QHash>
 #include <QRegularExpression>
 #include <QSet>
 #include <QStringList>
 
-#include <deque>
-#include <exception>
 #include <memory>
 
 using namespace Qt::StringLiterals;
-
-// Named suspension points. A held name makes the next caller of pass() wait for release().
-class Gates {
-public:
-    void hold(const QString& name) { m_held.insert(name, std::make_shared<AsyncQueue<bool>>()); }
-    void release(const QString& name)
-    {
-        if (const auto queue = m_held.take(name))
-            queue->push(true);
-    }
-    bool isWaiting(const QString& name) const { return m_waiting.contains(name); }
-    QStringList waiting() const { return QStringList(m_waiting.begin(), m_waiting.end()); }
-
-    QCoro::Task<> pass(QString name)
-    {
-        const auto queue = m_held.value(name);
-        if (!queue)
-            co_return;
-        m_waiting.insert(name);
-        co_await queue->next();
-        m_waiting.remove(name);
-    }
-
-private:
-    QHash<QString, std::shared_ptr<AsyncQueue<bool>>> m_held;
-    QSet<QString> m_waiting;
-};
-
-// Failures to throw, one per call, in order; an empty slot lets the call succeed.
-class FailureScript {
-public:
-    void add(std::exception_ptr failure, int times = 1) { m_failures.insert(m_failures.end(), times, failure); }
-    void succeed(int times = 1) { add(nullptr, times); }
-    void failAlways(std::exception_ptr failure) { m_always = std::move(failure); }
-    void clear() { *this = {}; }
-    void throwIfScripted()
-    {
-        std::exception_ptr failure = m_always;
-        if (!m_failures.empty()) {
-            failure = m_failures.front();
-            m_failures.pop_front();
-        }
-        if (failure)
-            std::rethrow_exception(failure);
-    }
-
-private:
-    std::deque<std::exception_ptr> m_failures;
-    std::exception_ptr m_always;
-};
-
-template<typename E>
-std::exception_ptr failureOf(E error)
-{
-    return std::make_exception_ptr(std::move(error));
-}
-
-class FakeCapture final : public AudioCapture {
-public:
-    FakeCapture(QString name, Gates& gates) : m_name(std::move(name)), m_gates(gates) {}
-
-    std::shared_ptr<AudioStream> audioStream() override
-    {
-        if (!m_stream)
-            m_stream = std::make_shared<AudioStream>();
-        return m_stream;
-    }
-    QCoro::Task<> start() override
-    {
-        co_await m_gates.pass(m_name + u".start"_s);
-        ++startCount;
-        startFailures.throwIfScripted();
-        m_stream = std::make_shared<AudioStream>();
-        isRunning = true;
-    }
-    QCoro::Task<> stop() override
-    {
-        ++stopCount;
-        co_await m_gates.pass(m_name + u".stop"_s);
-        isRunning = false;
-        if (m_stream)
-            m_stream->finish();
-    }
-
-    FailureScript startFailures;
-    bool isRunning = false;
-    int startCount = 0;
-    int stopCount = 0;
-
-private:
-    QString m_name;
-    Gates& m_gates;
-    std::shared_ptr<AudioStream> m_stream;
-};
 
 class FakeRecognizer final : public SpeechRecognitionProvider {
 public:

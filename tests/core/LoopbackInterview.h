@@ -1,17 +1,86 @@
 #pragma once
 
-// Pieces shared by the interview tests that run over real loopback sockets.
+// Pieces shared by the interview tests, faked or over real loopback sockets: suspension points
+// a test can hold shut, scripted failures, a capture channel fed by the test, and the real
+// backend client with the transcript channel on a server of its own.
 
 #include "APIClient.h"
+#include "AsyncQueue.h"
 #include "InterviewAdapters.h"
 #include "InterviewCollaborators.h"
 
+#include <QHash>
+#include <QSet>
+#include <QStringList>
+
+#include <deque>
+#include <exception>
 #include <memory>
 #include <vector>
 
-// A capture channel fed by the test: each start makes a fresh stream, as the real ones do.
-class PcmCapture final : public AudioCapture {
+// Named suspension points. A held name makes the next caller of pass() wait for release().
+class Gates {
 public:
+    void hold(const QString& name) { m_held.insert(name, std::make_shared<AsyncQueue<bool>>()); }
+    void release(const QString& name)
+    {
+        if (const auto queue = m_held.take(name))
+            queue->push(true);
+    }
+    bool isWaiting(const QString& name) const { return m_waiting.contains(name); }
+    QStringList waiting() const { return QStringList(m_waiting.begin(), m_waiting.end()); }
+
+    QCoro::Task<> pass(QString name)
+    {
+        const auto queue = m_held.value(name);
+        if (!queue)
+            co_return;
+        m_waiting.insert(name);
+        co_await queue->next();
+        m_waiting.remove(name);
+    }
+
+private:
+    QHash<QString, std::shared_ptr<AsyncQueue<bool>>> m_held;
+    QSet<QString> m_waiting;
+};
+
+// Failures to throw, one per call, in order; an empty slot lets the call succeed.
+class FailureScript {
+public:
+    void add(std::exception_ptr failure, int times = 1) { m_failures.insert(m_failures.end(), times, failure); }
+    void succeed(int times = 1) { add(nullptr, times); }
+    void failAlways(std::exception_ptr failure) { m_always = std::move(failure); }
+    void clear() { *this = {}; }
+    void throwIfScripted()
+    {
+        std::exception_ptr failure = m_always;
+        if (!m_failures.empty()) {
+            failure = m_failures.front();
+            m_failures.pop_front();
+        }
+        if (failure)
+            std::rethrow_exception(failure);
+    }
+
+private:
+    std::deque<std::exception_ptr> m_failures;
+    std::exception_ptr m_always;
+};
+
+template<typename E>
+std::exception_ptr failureOf(E error)
+{
+    return std::make_exception_ptr(std::move(error));
+}
+
+// A capture channel fed by the test: each start makes a fresh stream, as the real ones do.
+// Given gates, its start and stop wait at "<name>.start" and "<name>.stop" while held.
+class FakeCapture final : public AudioCapture {
+public:
+    FakeCapture() = default;
+    FakeCapture(QString name, Gates& gates) : m_name(std::move(name)), m_gates(&gates) {}
+
     std::shared_ptr<AudioStream> audioStream() override
     {
         if (!m_stream)
@@ -20,22 +89,32 @@ public:
     }
     QCoro::Task<> start() override
     {
+        if (m_gates)
+            co_await m_gates->pass(m_name + QStringLiteral(".start"));
+        ++startCount;
+        startFailures.throwIfScripted();
         m_stream = std::make_shared<AudioStream>();
         isRunning = true;
-        co_return;
     }
     QCoro::Task<> stop() override
     {
+        ++stopCount;
+        if (m_gates)
+            co_await m_gates->pass(m_name + QStringLiteral(".stop"));
         isRunning = false;
         if (m_stream)
             m_stream->finish();
-        co_return;
     }
     void play(std::vector<float> samples) { audioStream()->push(PcmBuffer{std::move(samples)}); }
 
+    FailureScript startFailures;
     bool isRunning = false;
+    int startCount = 0;
+    int stopCount = 0;
 
 private:
+    QString m_name;
+    Gates* m_gates = nullptr;
     std::shared_ptr<AudioStream> m_stream;
 };
 
@@ -53,25 +132,22 @@ public:
     std::optional<QString> accessToken() const override { return m_api.accessToken(); }
     QCoro::Task<APIClient::SpeechTokenResponse> fetchSpeechToken() override { return m_api.fetchSpeechToken(); }
     QCoro::Task<APIClient::AccountStatus> fetchAccountStatus() override { return m_api.fetchAccountStatus(); }
-    QCoro::Task<InterviewSession> createSession(QString languageInput, QString languageOutput) override
+    QCoro::Task<InterviewSession> createSession(QString in, QString out) override
     {
-        return m_api.createSession(std::move(languageInput), std::move(languageOutput));
+        return m_api.createSession(std::move(in), std::move(out));
     }
-    QCoro::Task<> completeSession(QString sessionId, qint64 sttAudioDurationMs) override
+    QCoro::Task<> completeSession(QString id, qint64 ms) override { return m_api.completeSession(std::move(id), ms); }
+    QCoro::Task<> postTranscript(QString id, QList<QJsonObject> entries) override
     {
-        return m_api.completeSession(std::move(sessionId), sttAudioDurationMs);
-    }
-    QCoro::Task<> postTranscript(QString sessionId, QList<QJsonObject> entries) override
-    {
-        return m_api.postTranscript(std::move(sessionId), std::move(entries));
+        return m_api.postTranscript(std::move(id), std::move(entries));
     }
     QCoro::Task<APIClient::StreamAnswerResult> streamAnswer(APIClient::AnswerRequest request) override
     {
         return m_api.streamAnswer(std::move(request));
     }
-    QCoro::Task<> saveAnswerLog(QString logId, QString answer) override
+    QCoro::Task<> saveAnswerLog(QString id, QString answer) override
     {
-        return m_api.saveAnswerLog(std::move(logId), std::move(answer));
+        return m_api.saveAnswerLog(std::move(id), std::move(answer));
     }
 
 private:

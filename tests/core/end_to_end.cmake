@@ -9,10 +9,10 @@ add_library(transcript_channel_server STATIC
 target_link_libraries(transcript_channel_server PUBLIC test_support Qt6::WebSockets)
 
 ravlet_add_test(interview_end_to_end_tests
-    SOURCES InterviewEndToEndTest.cpp LoopbackInterview.h
+    SOURCES InterviewEndToEndTest.cpp LoopbackRig.h LoopbackInterview.h
     LIBRARIES core speech_test_support transcript_channel_server Qt6::Test)
 
 ravlet_add_test(interview_chaos_tests
-    SOURCES InterviewChaosTest.cpp LoopbackInterview.h
+    SOURCES InterviewChaosTest.cpp LoopbackRig.h LoopbackInterview.h
     LIBRARIES core speech_test_support transcript_channel_server Qt6::Test
     LABELS chaos)
