@@ -74,18 +74,6 @@ bool PrivateKeyring::hasSecretTool()
     return !QStandardPaths::findExecutable(u"secret-tool"_s).isEmpty();
 }
 
-std::optional<int> PrivateKeyring::itemCount(const QString& key)
-{
-    const auto listing = runSecretTool(
-        {u"search"_s, u"--all"_s, u"user"_s, key, u"server"_s, KeychainHelper::service});
-    if (!listing)
-        return std::nullopt;
-    int count = 0;
-    for (const auto& line : listing->split('\n'))
-        count += line.startsWith("[/") ? 1 : 0;
-    return count;
-}
-
 bool PrivateKeyring::storeRawItem(const QString& key, const QByteArray& bytes, Form form)
 {
     const bool base64 = form == Form::Base64;

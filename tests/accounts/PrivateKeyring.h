@@ -18,9 +18,6 @@ std::optional<std::string> attach();
 // Whether secret-tool (libsecret-tools), which looks at the keyring past our code, is installed.
 bool hasSecretTool();
 
-// Items under `key` for the program's service, counted by secret-tool; nothing when it fails.
-std::optional<int> itemCount(const QString& key);
-
 // How QtKeychain keeps an item's bytes: binary data base64-encoded (what we write), text as is.
 enum class Form { Base64, PlainText };
 
