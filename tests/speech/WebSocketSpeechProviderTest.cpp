@@ -337,13 +337,11 @@ TYPED_TEST(VendorTest, AudioKeepAlivesAndTheFarewellGoOutInTurn)
     EXPECT_EQ(this->provider.transcriptSegments()->bufferedCount(), 0u);
 }
 
-// The streams outlive the socket: a buffer that waited through the restart goes out on the new
-// socket after its opening, and the new socket's failures are reported too.
-TYPED_TEST(VendorTest, FailuresRaiseExactReasonsAndARestartKeepsTheStreamsAndTheWaitingAudio)
+// A buffer that waited through the restart goes out on the new socket after its opening, and the
+// new socket's failures are reported too.
+TYPED_TEST(VendorTest, FailuresRaiseExactReasonsAndARestartKeepsTheWaitingAudio)
 {
     this->start();
-    const auto segments = this->provider.transcriptSegments();
-    const auto recovery = this->provider.recoveryEvents();
     const auto prefix = TypeParam::prefix();
     this->server.close(4001, u"token expired"_s);
     EXPECT_EQ(this->reasons(1), QStringList{prefix + u"token expired"_s});
@@ -353,8 +351,6 @@ TYPED_TEST(VendorTest, FailuresRaiseExactReasonsAndARestartKeepsTheStreamsAndThe
     this->audio->push({{0.5f}});
 
     this->start();
-    EXPECT_EQ(this->provider.transcriptSegments(), segments);
-    EXPECT_EQ(this->provider.recoveryEvents(), recovery);
     ASSERT_TRUE(this->server.waitForFrames(TypeParam::openingFrames + 1));
     EXPECT_EQ(shown(this->server.last().frames),
               shown(this->server.connections().first().frames) + QStringList{TypeParam::audioFrame("\xff\x3f")});
