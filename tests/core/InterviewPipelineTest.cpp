@@ -43,6 +43,8 @@ QStringList statusTrail(H& h, const std::function<void()>& action)
     return trail;
 }
 
+// Which token, socket and audio each channel gets is the loopback end-to-end test's; here, the
+// order of the steps and what the user sees of them.
 TEST(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndStopTakesThemDown)
 {
     H h;
@@ -50,39 +52,19 @@ TEST(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndStopTakesThemDown)
               (QStringList{u"Checking permissions..."_s, u"Connecting to speech service..."_s, u"Recording live"_s}));
     EXPECT_EQ(h.backend->calls, (QStringList{u"fetchAccountStatus"_s, u"createSession en-US en"_s,
                                              u"fetchSpeechToken"_s, u"fetchSpeechToken"_s}));
-    ASSERT_TRUE(h.vm.currentSession());
-    EXPECT_EQ(h.vm.currentSession()->id, u"session-1"_s);
     const auto interviewer = h.recognizerOf(Speaker::interviewer);
     const auto user = h.recognizerOf(Speaker::user);
     ASSERT_TRUE(interviewer && user);
-    ASSERT_EQ(interviewer->starts.size() + user->starts.size(), 2);
-    EXPECT_EQ(interviewer->vendor, SpeechProvider::deepgram);
-    EXPECT_EQ(interviewer->starts[0].language, u"en-US"_s);
-    EXPECT_EQ(interviewer->starts[0].model, u"nova-3"_s);
-    // Each channel has its own token and its own audio.
-    EXPECT_EQ(interviewer->starts[0].token, u"speech-token-1"_s);
-    EXPECT_EQ(user->starts[0].token, u"speech-token-2"_s);
-    EXPECT_EQ(interviewer->starts[0].audio, h.systemAudio.audioStream());
-    EXPECT_EQ(user->starts[0].audio, h.microphone.audioStream());
-    ASSERT_TRUE(h.channel());
-    EXPECT_EQ(h.channel()->startedWith, (QStringList{u"http://backend.test"_s, u"access-token"_s, u"session-1"_s}));
-    EXPECT_EQ(h.vm.runningTaskCount(), 4);
-    EXPECT_EQ(h.vm.sttStartTimeMs(), h.clock.nowMs());
+    EXPECT_EQ(interviewer->starts.value(0).model, u"nova-3"_s);
     EXPECT_EQ(h.telemetry->events, QStringList{u"first_interview_started"_s});
-
-    // Both channels feed the transcript and the upload channel.
     h.say(Speaker::interviewer, u"Tell me about yourself."_s);
-    h.say(Speaker::user, u"Sure."_s);
-    h.say(Speaker::user, u"I have"_s, false);
-    EXPECT_EQ(h.channel()->sent.size(), 2);
-    EXPECT_EQ(h.vm.transcriptManager().currentPartialText(Speaker::user), u"I have"_s);
 
     EXPECT_EQ(statusTrail(h, [&] { h.stop(); }), (QStringList{u"Stopping interview..."_s, u"Ready"_s}));
     EXPECT_EQ(h.vm.pipelineState(), State::idle);
     EXPECT_TRUE(interviewer->isStopped && user->isStopped);
     expectNothingRunning(h);
     // The transcript and the session stay for the screens.
-    EXPECT_EQ(h.vm.transcriptManager().entries().size(), 2);
+    EXPECT_EQ(h.vm.transcriptManager().entries().size(), 1);
     ASSERT_TRUE(h.vm.currentSession());
     EXPECT_EQ(h.vm.currentSession()->status, InterviewSession::SessionStatus::completed);
 }

@@ -9,7 +9,6 @@
 
 using namespace Qt::StringLiterals;
 
-// Reading back what was written is the fuzz target's business; here, what each field means.
 namespace {
 const QJsonObject fullSession = Json::parseObject(R"({
     "id": "s-1", "title": "Onsite", "company": "Acme", "role": "SRE",
@@ -39,6 +38,7 @@ TEST(InterviewSessionTest, DecodesEveryFieldAndLeavesOptionalOnesAbsent)
     EXPECT_EQ(session.endedAt->toMSecsSinceEpoch(), 1714568400000);
     EXPECT_EQ(session.durationSeconds, 1800);
     EXPECT_EQ(session.status, InterviewSession::SessionStatus::completed);
+    EXPECT_EQ(InterviewSession::fromJson(session.toJson()), session);
 
     auto object = fullSession;
     for (const auto& key : {u"title"_s, u"company"_s, u"role"_s, u"endedAt"_s, u"durationSeconds"_s})
@@ -94,6 +94,7 @@ TEST(TranscriptEntryTest, ConfidenceAbsentDecodesAbsentButUploadsAsZero)
     auto withConfidence = decoded;
     withConfidence.confidence = 0.92;
     EXPECT_EQ(withConfidence.uploadForm().value(u"confidence"_s).toDouble(), 0.92);
+    EXPECT_EQ(TranscriptEntry::fromJson(withConfidence.toJson()), withConfidence);
 }
 
 TEST(TranscriptEntryTest, RejectsUnknownSpeakerAndWrongTypes)
