@@ -354,8 +354,11 @@ TYPED_TEST(VendorTest, FailuresRaiseExactReasonsAndARestartKeepsTheWaitingAudio)
     ASSERT_TRUE(this->server.waitForFrames(TypeParam::openingFrames + 1));
     EXPECT_EQ(shown(this->server.last().frames),
               shown(this->server.connections().first().frames) + QStringList{TypeParam::audioFrame("\xff\x3f")});
+    this->clock.advance(1500ms);
     this->server.sendText(TypeParam::committed(u"again"_s));
-    EXPECT_EQ(this->segments(1), QStringList{u"F:again"_s});
+    const auto again = this->take(this->provider.transcriptSegments(), 1);
+    ASSERT_EQ(shown(again), QStringList{u"F:again"_s});
+    EXPECT_EQ(again[0].timestampMs, ManualClock::defaultStartMs + 1500) << "stamped by the clock";
     this->server.abort();
     EXPECT_EQ(this->reasons(1), QStringList{prefix + u"The remote host closed the connection"_s});
 }
