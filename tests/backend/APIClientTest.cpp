@@ -65,12 +65,17 @@ struct Drained {
     bool failed = false;
 };
 
-QCoro::Task<Drained> drain(std::shared_ptr<AnswerStream> stream)
+// Reads up to `limit` chunks, or to the end.
+QCoro::Task<Drained> drain(std::shared_ptr<AnswerStream> stream, qsizetype limit = -1)
 {
     Drained result;
     try {
-        while (auto chunk = co_await stream->next())
+        while (result.chunks.size() != limit) {
+            auto chunk = co_await stream->next();
+            if (!chunk)
+                break;
             result.chunks.append(*chunk);
+        }
     } catch (...) {
         result.failed = true;
     }
@@ -380,4 +385,12 @@ TEST_F(APIClientTest, AnswerStreams)
         EXPECT_EQ(drained.chunks, row.chunks);
         EXPECT_EQ(drained.failed, row.failed);
     }
+
+    // Past the held-back chunks, each is read as its piece arrives, long before the body is whole.
+    server.setRoute("POST", answerPath, FakeBackend::Response::stream(pieces, 100));
+    const auto piecesBefore = server.piecesSent();
+    const auto slow = awaitTask(client.streamAnswer(question));
+    EXPECT_EQ(awaitTask(drain(slow.stream, 4)).chunks.value(3), u"3"_s);
+    EXPECT_LT(server.piecesSent() - piecesBefore, 8);
+    EXPECT_EQ(awaitTask(drain(slow.stream)).chunks.size(), 4);
 }

@@ -51,21 +51,6 @@ protected:
     TelemetryClient client{server.origin(), preferences, clock, environment};
 };
 
-TEST_F(TelemetryClientTest, OptOutDropsEventsAndEmptiesTheBuffer)
-{
-    trackNumbered(0, 3);
-    preferences.setBool(u"sendAnonymousTelemetry"_s, false);
-    client.track(u"dropped"_s, u"feature"_s);
-    EXPECT_EQ(namesOf(client.buffer()), (QStringList{u"e0"_s, u"e1"_s, u"e2"_s}));
-    awaitTask(client.flush());
-    EXPECT_TRUE(client.buffer().isEmpty());
-    EXPECT_EQ(server.totalRequests(), 0);
-
-    preferences.remove(u"sendAnonymousTelemetry"_s); // absent counts as on
-    client.track(u"kept"_s, u"feature"_s);
-    EXPECT_EQ(client.buffer().size(), 1);
-}
-
 TEST_F(TelemetryClientTest, ServerDownKeepsTheLatest200)
 {
     QTcpServer closed;
@@ -82,10 +67,20 @@ TEST_F(TelemetryClientTest, ServerDownKeepsTheLatest200)
     EXPECT_EQ(offline.buffer().last().name, u"e204"_s);
 }
 
-// The backend steers: a failed batch stays at the head, a 204 stops sending for this run until a
-// config enables it again, and a config's sample rate is clamped; bodies it can't read change nothing.
-TEST_F(TelemetryClientTest, TheBackendSteersBatchesAndSampling)
+// The user's opt-out drops events and empties the buffer. The backend steers: a failed batch stays
+// at the head, a 204 stops sending for this run until a config enables it again, and a config's
+// sample rate is clamped; bodies it can't read change nothing.
+TEST_F(TelemetryClientTest, OptOutAndTheBackendSteerBatchesAndSampling)
 {
+    trackNumbered(0, 3);
+    preferences.setBool(u"sendAnonymousTelemetry"_s, false);
+    client.track(u"dropped"_s, u"feature"_s);
+    EXPECT_EQ(client.buffer().size(), 3);
+    awaitTask(client.flush());
+    EXPECT_TRUE(client.buffer().isEmpty());
+    EXPECT_EQ(server.totalRequests(), 0);
+    preferences.remove(u"sendAnonymousTelemetry"_s); // absent counts as on
+
     server.setRoute("POST", eventsPath, FakeBackend::Response::json(500, "{}"));
     trackNumbered(0, 3);
     awaitTask(client.flush());
