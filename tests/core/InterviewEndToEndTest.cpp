@@ -196,20 +196,9 @@ TEST_F(InterviewEndToEndTest, AudioBecomesTranscriptAnswerAndDeliveredLines)
 }
 
 
-// Only the speech failures are of interest here.
-struct SttFailures final : InterviewTelemetry {
-    void sttFailed(const QString&, const QString& errorCode) override { reasons.append(errorCode); }
-    void firstInterviewStarted() override {}
-    void sttProviderChanged(const QString&) override {}
-    void audioCaptureFailed(const QString&, const QString&) override {}
-    void firstAnswerReceived(qint64) override {}
-    void sessionCompleted(qint64, qint64) override {}
-    QStringList reasons;
-};
-
 TEST_F(InterviewEndToEndTest, ASocketTheVendorClosesOnceMakesOneRestart)
 {
-    const auto telemetry = std::make_shared<SttFailures>();
+    const auto telemetry = std::make_shared<FakeTelemetry>();
     vm.setTelemetry(telemetry);
     ASSERT_NO_FATAL_FAILURE(start());
     const auto* connection = vendorConnection("speech-1");
@@ -224,7 +213,7 @@ TEST_F(InterviewEndToEndTest, ASocketTheVendorClosesOnceMakesOneRestart)
     // Time for a second restart to show, were there one.
     QTest::qWait(1500);
     EXPECT_EQ(vendor.connectionCount(), 3);
-    EXPECT_EQ(telemetry->reasons.size(), 1) << telemetry->reasons.join(u'\n').toStdString();
+    EXPECT_EQ(telemetry->events.filter(u"stt_failed"_s).size(), 1) << telemetry->events.join(u'\n').toStdString();
     EXPECT_EQ(restartCountsAtTokens, (QList<int>{0, 0, 1}));
     EXPECT_EQ(vm.pipelineState(), State::recording);
     EXPECT_EQ(vm.statusMessage(), u"Recording live"_s);

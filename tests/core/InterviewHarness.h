@@ -246,31 +246,6 @@ private:
     Gates& m_gates;
 };
 
-// Each event as a line: its name and its values.
-class FakeTelemetry final : public InterviewTelemetry {
-public:
-    void firstInterviewStarted() override { add({u"first_interview_started"_s}); }
-    void sttProviderChanged(const QString& provider) override { add({u"stt_provider_changed"_s, provider}); }
-    void audioCaptureFailed(const QString& code, const QString& category) override
-    {
-        add({u"audio_capture_failed"_s, code, category});
-    }
-    void firstAnswerReceived(qint64 latencyMs) override
-    {
-        add({u"first_answer_received"_s, QString::number(latencyMs)});
-    }
-    void sttFailed(const QString& provider, const QString& code) override { add({u"stt_failed"_s, provider, code}); }
-    void sessionCompleted(qint64 seconds, qint64 answers) override
-    {
-        add({u"session_completed"_s, QString::number(seconds), QString::number(answers)});
-    }
-
-    QStringList events;
-
-private:
-    void add(const QStringList& event) { events.append(event.join(u' ')); }
-};
-
 // Everything an InterviewViewModel needs, faked, on the manual clock; signed in by default.
 struct InterviewHarness {
     using Speaker = TranscriptEntry::Speaker;

@@ -1,8 +1,8 @@
 #pragma once
 
 // Pieces shared by the interview tests, faked or over real loopback sockets: suspension points
-// a test can hold shut, scripted failures, a capture channel fed by the test, and the real
-// backend client with the transcript channel on a server of its own.
+// a test can hold shut, scripted failures, a capture channel fed by the test, the telemetry as
+// lines, and the real backend client with the transcript channel on a server of its own.
 
 #include "APIClient.h"
 #include "AsyncQueue.h"
@@ -116,6 +116,37 @@ private:
     QString m_name;
     Gates* m_gates = nullptr;
     std::shared_ptr<AudioStream> m_stream;
+};
+
+// Each event as a line: its name and its values.
+class FakeTelemetry final : public InterviewTelemetry {
+public:
+    void firstInterviewStarted() override { add({QStringLiteral("first_interview_started")}); }
+    void sttProviderChanged(const QString& provider) override
+    {
+        add({QStringLiteral("stt_provider_changed"), provider});
+    }
+    void audioCaptureFailed(const QString& code, const QString& category) override
+    {
+        add({QStringLiteral("audio_capture_failed"), code, category});
+    }
+    void firstAnswerReceived(qint64 latencyMs) override
+    {
+        add({QStringLiteral("first_answer_received"), QString::number(latencyMs)});
+    }
+    void sttFailed(const QString& provider, const QString& code) override
+    {
+        add({QStringLiteral("stt_failed"), provider, code});
+    }
+    void sessionCompleted(qint64 seconds, qint64 answers) override
+    {
+        add({QStringLiteral("session_completed"), QString::number(seconds), QString::number(answers)});
+    }
+
+    QStringList events;
+
+private:
+    void add(const QStringList& event) { events.append(event.join(QLatin1Char(' '))); }
 };
 
 // The real backend client, except that the transcript channel is on a server of its own: the
