@@ -127,29 +127,15 @@ void DesktopIntegration::registerSchemeHandler(const QString& programPath)
         }
     }
 
-    const QString xdgMime = QStandardPaths::findExecutable(u"xdg-mime"_s);
-    if (xdgMime.isEmpty()) {
+    if (QStandardPaths::findExecutable(u"xdg-mime"_s).isEmpty()) {
         logLine(u"App", u"xdg-mime (xdg-utils) is not installed; sign-in callbacks need it to reach RavletAI"_s);
         Q_EMIT finished(false);
         return;
     }
-    auto* query = new QProcess(this);
-    connect(query, &QProcess::finished, this, [this, query](int exitCode, QProcess::ExitStatus) {
-        const QString current = QString::fromUtf8(query->readAllStandardOutput()).trimmed();
-        query->deleteLater();
-        if (exitCode == 0 && current == fileName) {
-            Q_EMIT finished(true);
-            return;
-        }
-        setDefaultHandler();
-    });
-    connect(query, &QProcess::errorOccurred, this, [this, query](QProcess::ProcessError error) {
-        if (error == QProcess::FailedToStart) {
-            query->deleteLater();
-            Q_EMIT finished(false);
-        }
-    });
-    query->start(xdgMime, {u"query"_s, u"default"_s, schemeMimeType});
+    // Set every time, never only when `xdg-mime query` disagrees: that query also finds the
+    // entry by its MimeType line alone, which xdg-open accepts but GIO (GNOME, and xdg-open
+    // inside GNOME) does not; only a line in mimeapps.list serves both.
+    setDefaultHandler();
 }
 
 void DesktopIntegration::setDefaultHandler()

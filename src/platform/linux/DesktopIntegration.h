@@ -22,8 +22,7 @@ public:
     static QString launcherPath();
 
     // Writes the user's entry when it is missing or points at another program, then makes it
-    // the scheme's default handler with xdg-mime unless it already is. The xdg-mime calls run
-    // in the background; `finished` follows the last of them.
+    // the scheme's default handler with xdg-mime, in the background; `finished` follows.
     void registerSchemeHandler(const QString& programPath);
 
     // Whether the entry file holds exactly this program's entry.
