@@ -1,20 +1,16 @@
 // The built-in recogniser's listen socket, over loopback with Qt's own WebSocket client: who it
 // lets in and for how long, what it survives, and that each socket hears only its own speech.
+// (The whole-product test speaks to it through the program on version 2 of the protocol.)
 #include "ServerHarness.h"
 
 #include "ListenChannel.h"
 #include "SpeechTokens.h"
 #include "SpokenAudio.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QNetworkRequest>
 #include <QWebSocket>
 
 #include <gtest/gtest.h>
-
-#include <algorithm>
 
 using namespace Qt::StringLiterals;
 
@@ -22,65 +18,56 @@ namespace {
 
 const auto proudQuestion = u"Tell me about a project you are proud of"_s;
 // What the program asks for with "Auto Detect" (version 1) and with English (version 2).
-const auto autoDetectPath =
-    u"/v1/listen?encoding=linear16&sample_rate=16000&channels=1&interim_results=true"
-    u"&utterance_end_ms=1500&vad_events=true&language=au&model=nova-3"_s;
+const auto autoDetectPath = u"/v1/listen?encoding=linear16&sample_rate=16000&channels=1&interim_results=true"
+                            u"&utterance_end_ms=1500&vad_events=true&language=au&model=nova-3"_s;
 const auto englishPath = u"/v2/listen?model=flux-general-en&encoding=linear16&sample_rate=16000"
                          u"&eot_threshold=0.7&eot_timeout_ms=5000"_s;
 constexpr int decodeTimeoutMs = 90'000;
+const auto closeStream = u"{\"type\": \"CloseStream\"}"_s;
 
 // One client socket and everything the server said on it.
-class ListenClient {
-public:
+struct ListenClient {
     ListenClient(const QString& url, const QByteArray& authorization)
     {
-        QObject::connect(&m_socket, &QWebSocket::connected, [this] { wasConnected = true; });
-        QObject::connect(&m_socket, &QWebSocket::disconnected, [this] { isClosed = true; });
-        QObject::connect(&m_socket, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error),
+        QObject::connect(&socket, &QWebSocket::connected, [this] { wasConnected = true; });
+        QObject::connect(&socket, &QWebSocket::disconnected, [this] { isClosed = true; });
+        QObject::connect(&socket, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error),
                          [this](QAbstractSocket::SocketError) { isClosed = true; });
-        QObject::connect(&m_socket, &QWebSocket::textMessageReceived,
-                         [this](const QString& text) {
-                             messages << QJsonDocument::fromJson(text.toUtf8()).object();
-                         });
+        QObject::connect(&socket, &QWebSocket::textMessageReceived, [this](const QString& text) {
+            messages << QJsonDocument::fromJson(text.toUtf8()).object();
+        });
         QNetworkRequest request{QUrl(url)};
         if (!authorization.isEmpty())
             request.setRawHeader("Authorization", authorization);
-        m_socket.open(request);
+        socket.open(request);
     }
-
     bool waitConnected() { return waitUntil([this] { return wasConnected || isClosed; }) && wasConnected; }
     // In frames of `frameBytes`, as fast as the socket takes them.
     void sendAudio(const QByteArray& pcm, qsizetype frameBytes)
     {
         for (qsizetype offset = 0; offset < pcm.size(); offset += frameBytes)
-            m_socket.sendBinaryMessage(pcm.mid(offset, frameBytes));
+            socket.sendBinaryMessage(pcm.mid(offset, frameBytes));
     }
-    void sendText(const QString& text) { m_socket.sendTextMessage(text); }
-    void vanish() { m_socket.abort(); }
-
-    QStringList finals() const
+    QString finals() const
     {
         QStringList texts;
         for (const auto& message : messages) {
             if (message[u"type"_s] == u"Results"_s && message[u"is_final"_s].toBool())
                 texts << message[u"channel"_s][u"alternatives"_s][0][u"transcript"_s].toString();
         }
-        return texts;
+        return texts.join(u' ');
     }
     int count(const QString& type, std::optional<bool> isFinal = std::nullopt) const
     {
         return int(std::count_if(messages.begin(), messages.end(), [&](const QJsonObject& message) {
-            return message.value(u"type"_s) == type
-                && (!isFinal || message.value(u"is_final"_s).toBool() == *isFinal);
+            return message[u"type"_s] == type && (!isFinal || message[u"is_final"_s].toBool() == *isFinal);
         }));
     }
 
+    QWebSocket socket;
     bool wasConnected = false;
     bool isClosed = false;
     QList<QJsonObject> messages;
-
-private:
-    QWebSocket m_socket;
 };
 
 } // namespace
@@ -101,11 +88,9 @@ protected:
         // Every socket's thread has ended by the end of a test.
         EXPECT_TRUE(waitUntil([] { return ListenChannel::openCount() == 0; }));
     }
-
     std::unique_ptr<ListenClient> open(const QString& path, const QByteArray& authorization)
     {
-        return std::make_unique<ListenClient>(server.base().replace(u"http"_s, u"ws"_s) + path,
-                                              authorization);
+        return std::make_unique<ListenClient>(server.base().replace(u"http"_s, u"ws"_s) + path, authorization);
     }
 
     ServerHarness server;
@@ -118,31 +103,23 @@ protected:
 TEST_F(ListenChannelTest, LetsInOnlySpeechTokensAndClosesASocketLeftQuiet)
 {
     ManualClock past(server.clock.nowMs() - AccountService::speechTokenLifetimeMs - 1000);
-    const auto expired = AccountService(*server.db, past, ServerHarness::signingKey)
-                             .issueSpeechToken(account.id);
-    const auto otherKey = AccountService(*server.db, server.clock, QByteArray(32, 'x'))
-                              .issueSpeechToken(account.id);
-    const struct {
-        const char* name;
-        QString path;
-        QByteArray authorization;
-    } refusals[] = {
-        {"no token", autoDetectPath, {}},
-        {"an access token", autoDetectPath, "Bearer " + account.accessToken.toLatin1()},
-        {"signed with another key", autoDetectPath, "Bearer " + otherKey.toLatin1()},
-        {"expired", autoDetectPath, "Bearer " + expired.toLatin1()},
-        {"the vendor's scheme", autoDetectPath, "Token " + bearer.mid(7)},
-        {"German", u"/v1/listen?encoding=linear16&sample_rate=16000&language=de"_s, bearer},
-        {"another encoding", u"/v1/listen?encoding=mulaw&sample_rate=8000"_s, bearer},
-        {"an unknown version", u"/v3/listen"_s, bearer},
+    const auto expired = AccountService(*server.db, past, ServerHarness::signingKey).issueSpeechToken(account.id);
+    const auto otherKey = AccountService(*server.db, server.clock, QByteArray(32, 'x')).issueSpeechToken(account.id);
+    const std::pair<QString, QByteArray> refusals[] = {
+        {autoDetectPath, {}},                                           // no token
+        {autoDetectPath, "Bearer " + account.accessToken.toLatin1()},   // an access token
+        {autoDetectPath, "Bearer " + otherKey.toLatin1()},              // signed with another key
+        {autoDetectPath, "Bearer " + expired.toLatin1()},
+        {autoDetectPath, "Token " + bearer.mid(7)},                     // the vendor's scheme
+        {u"/v1/listen?encoding=linear16&sample_rate=16000&language=de"_s, bearer},
+        {u"/v1/listen?encoding=mulaw&sample_rate=8000"_s, bearer},
+        {u"/v3/listen"_s, bearer},
     };
-    for (const auto& refusal : refusals) {
-        SCOPED_TRACE(refusal.name);
-        auto client = open(refusal.path, refusal.authorization);
-        EXPECT_FALSE(client->waitConnected());
+    for (const auto& [path, authorization] : refusals) {
+        SCOPED_TRACE(path.toStdString() + ' ' + authorization.toStdString());
+        EXPECT_FALSE(open(path, authorization)->waitConnected());
         EXPECT_EQ(ListenChannel::openCount(), 0);
     }
-
     auto autoDetect = open(autoDetectPath, bearer);
     ASSERT_TRUE(autoDetect->waitConnected());
     EXPECT_TRUE(waitUntil([] { return ListenChannel::openCount() == 1; }));
@@ -162,36 +139,31 @@ TEST_F(ListenChannelTest, SurvivesGarbageOddFramesAndAClientThatVanishesMidPhras
 {
     const auto speech = SpokenAudio::speak(proudQuestion);
     ASSERT_TRUE(speech);
-
     auto client = open(autoDetectPath, bearer);
     ASSERT_TRUE(client->waitConnected());
     for (const auto& garbage : {u""_s, u"not json"_s, u"{\"type\": 42}"_s, u"[1, 2]"_s,
                                 u"{\"type\": \"Nonsense\"}"_s, u"{\"type\": \"KeepAlive\"}"_s})
-        client->sendText(garbage);
+        client->socket.sendTextMessage(garbage);
     // Two lone bytes make one sample; odd frames then split every other sample in two.
     client->sendAudio(QByteArray(2, '\0'), 1);
     client->sendAudio(*speech, 3'201);
-    client->sendText(u"{\"type\": \"CloseStream\"}"_s);
+    client->socket.sendTextMessage(closeStream);
     ASSERT_TRUE(waitUntil([&] { return client->isClosed; }, decodeTimeoutMs))
         << "the server closes the socket after its last message";
-    const auto heard = client->finals().join(u' ');
-    EXPECT_GE(SpokenAudio::wordsHeard(proudQuestion, heard), 4) << "heard: " << heard.toStdString();
+    EXPECT_GE(SpokenAudio::wordsHeard(proudQuestion, client->finals()), 4) << client->finals().toStdString();
     EXPECT_GT(client->count(u"Results"_s, false), 0) << "partials while the phrase is under way";
     EXPECT_EQ(client->count(u"Metadata"_s), 1);
-    EXPECT_EQ(client->messages.last().value(u"type"_s), u"Metadata"_s);
+    EXPECT_EQ(client->messages.last()[u"type"_s], u"Metadata"_s);
 
     // Gone after its first partial, with seconds of audio still to decode.
     auto vanishing = open(autoDetectPath, bearer);
     ASSERT_TRUE(vanishing->waitConnected());
     vanishing->sendAudio(*speech + *speech + *speech, 3'200);
     ASSERT_TRUE(waitUntil([&] { return vanishing->count(u"Results"_s) > 0; }, decodeTimeoutMs));
-    vanishing->vanish();
-    EXPECT_TRUE(waitUntil([] { return ListenChannel::openCount() == 0; }))
-        << "the decoder's thread ends with its socket";
-
+    vanishing->socket.abort();
+    EXPECT_TRUE(waitUntil([] { return ListenChannel::openCount() == 0; })) << "the decoder's thread ends with its socket";
     EXPECT_EQ(curl({server.base() + u"/health"_s}).status, 200);
-    auto next = open(englishPath, bearer);
-    EXPECT_TRUE(next->waitConnected());
+    EXPECT_TRUE(open(englishPath, bearer)->waitConnected());
 }
 
 // Twenty sockets at once, each fed its own question faster than real time: every socket gets
@@ -213,6 +185,7 @@ TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeech)
         u"how do you prioritize your work"_s, u"my greatest strength is solving problems"_s,
         u"how did you measure success on that project"_s,
     };
+    // All the speech is made first, so that the sockets decode at the same time.
     std::vector<QByteArray> speech;
     std::vector<std::unique_ptr<ListenClient>> clients;
     for (const auto& question : questions) {
@@ -223,23 +196,20 @@ TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeech)
     for (auto& client : clients)
         ASSERT_TRUE(client->waitConnected());
     EXPECT_TRUE(waitUntil([&] { return ListenChannel::openCount() == questions.size(); }));
-
     for (std::size_t i = 0; i < clients.size(); ++i) {
         clients[i]->sendAudio(speech[i], 3'200);
-        clients[i]->sendText(u"{\"type\": \"CloseStream\"}"_s);
+        clients[i]->socket.sendTextMessage(closeStream);
     }
     for (auto& client : clients)
         ASSERT_TRUE(waitUntil([&] { return client->isClosed; }, decodeTimeoutMs));
-
     for (qsizetype i = 0; i < questions.size(); ++i) {
-        const auto heard = clients[std::size_t(i)]->finals().join(u' ');
+        const auto heard = clients[std::size_t(i)]->finals();
         const int own = SpokenAudio::wordsHeard(questions[i], heard);
         SCOPED_TRACE(heard.toStdString());
         EXPECT_GE(2 * own, questions[i].count(u' ') + 1) << questions[i].toStdString();
         for (qsizetype j = 0; j < questions.size(); ++j) {
             if (j != i) {
-                EXPECT_LT(SpokenAudio::wordsHeard(questions[j], heard), own)
-                    << questions[j].toStdString();
+                EXPECT_LT(SpokenAudio::wordsHeard(questions[j], heard), own) << questions[j].toStdString();
             }
         }
     }

@@ -1,5 +1,6 @@
 // The practice-interview routes: questions from the bank, per-user avatars, and spoken questions
-// through espeak-ng (the real one where installed, otherwise a stand-in script).
+// through espeak-ng, here stand-in scripts that record what they are given and answer as the
+// real one does on a pipe.
 #include "ServerHarness.h"
 
 #include "AvatarPainter.h"
@@ -11,7 +12,6 @@
 #include <QJsonArray>
 #include <QProcess>
 #include <QSet>
-#include <QStandardPaths>
 #include <QtEndian>
 
 #include <gtest/gtest.h>
@@ -48,14 +48,12 @@ TEST(PracticeRoutesTest, QuestionsComeInTheCountAndLanguageAskedForWithoutRepeat
         ASSERT_EQ(list.size(), count);
         QSet<QString> ids, texts, categories;
         for (const auto& question : list) {
-            const auto text = question[u"text"_s].toString();
             ids.insert(question[u"id"_s].toString());
-            texts.insert(text);
+            texts.insert(question[u"text"_s].toString());
             categories.insert(question[u"category"_s].toString());
-            EXPECT_EQ(QuestionBank::builtIn().languageOf(text), served) << text.toStdString();
+            EXPECT_EQ(QuestionBank::builtIn().languageOf(question[u"text"_s].toString()), served);
         }
-        EXPECT_EQ(ids.size(), count) << "no question twice in one session";
-        EXPECT_EQ(texts.size(), count);
+        EXPECT_EQ(ids.size() + texts.size(), 2 * count) << "no question twice in one session";
         EXPECT_EQ(categories.size(), std::min(count, 5)) << "categories take turns";
         EXPECT_FALSE(categories.contains(QString()));
     }
@@ -86,7 +84,7 @@ TEST(PracticeRoutesTest, HostileRequestsAreRefused)
     const auto huge = compact({{u"text"_s, QString(SpeechSynthesizer::maxTextLength + 1, u'a')}});
     const auto tts = practice + u"tts"_s;
     const auto questions = practice + u"questions"_s;
-    expectStatuses(server, server.signUp(), {
+    expectRoutes(server, server.signUp(), {
         {"POST", tts, huge, 413},
         {"POST", tts, QByteArray(2 * 1024 * 1024, '{'), 413},
         {"POST", tts, "{\"text\":", 400},
@@ -113,9 +111,7 @@ TEST(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
     const auto image = [&](const ServerHarness::Account& account) {
         return server.call(account, "GET", avatar + u"/image"_s);
     };
-    EXPECT_EQ(server.call(first, "GET", avatar).status, 404);
-    EXPECT_EQ(image(first).status, 404);
-
+    expectRoutes(server, first, {{"GET", avatar, {}, 404}, {"GET", avatar + u"/image"_s, {}, 404}});
     const auto generated = server.call(first, "POST", avatar + u"/generate"_s, "{}").json();
     EXPECT_FALSE(generated[u"key"_s].toString().isEmpty());
     EXPECT_TRUE(QDateTime::fromString(generated[u"generatedAt"_s].toString(), Qt::ISODateWithMs).isValid());
@@ -129,8 +125,7 @@ TEST(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
         << "a picture, not a blank";
 
     // Another user gets another face; so does a regeneration.
-    EXPECT_EQ(image(second).status, 404);
-    ASSERT_EQ(server.call(second, "POST", avatar + u"/generate"_s, "{}").status, 200);
+    expectRoutes(server, second, {{"GET", avatar + u"/image"_s, {}, 404}, {"POST", avatar + u"/generate"_s, "{}", 200}});
     const auto secondImage = image(second).body;
     EXPECT_NE(QImage::fromData(secondImage, "PNG"), picture);
     ASSERT_EQ(server.call(first, "POST", avatar + u"/generate"_s, "").status, 200);
@@ -142,40 +137,6 @@ TEST(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
     const auto reopened = server.reopen();
     EXPECT_EQ(PracticeStore(*reopened).avatarImage(first.id), regenerated);
     EXPECT_EQ(PracticeStore(*reopened).avatarImage(second.id), secondImage);
-}
-
-TEST(PracticeSpeechTest, SpeechIsACompleteWavOrAClearRefusal)
-{
-    ServerConfig missing;
-    missing.espeakProgram = u"/nonexistent/espeak-ng"_s;
-    ServerHarness without(missing);
-    const auto refused = without.call(without.signUp(), "POST", practice + u"tts"_s, R"({"text":"Hello"})");
-    EXPECT_EQ(refused.status, 503);
-    EXPECT_TRUE(refused.json()[u"error"_s].toString().contains(u"espeak-ng"_s));
-
-    if (QStandardPaths::findExecutable(u"espeak-ng"_s).isEmpty())
-        GTEST_SKIP() << "espeak-ng is not installed";
-    ServerHarness server;
-    const auto spoken = server.call(server.signUp(), "POST", practice + u"tts"_s,
-                                    R"({"text":"Tell me about a time you had to learn something new very quickly."})");
-    ASSERT_EQ(spoken.status, 200) << spoken.body.toStdString();
-    EXPECT_TRUE(spoken.headers.toLower().contains("content-type: audio/wav"));
-    const auto& wav = spoken.body;
-    ASSERT_GT(wav.size(), 44);
-    EXPECT_TRUE(wav.startsWith("RIFF"));
-    EXPECT_EQ(wav.mid(8, 8), "WAVEfmt ");
-    EXPECT_EQ(le32(wav, 4), quint32(wav.size() - 8)) << "sizes filled in, not streamed placeholders";
-    const auto dataAt = wav.indexOf("data");
-    ASSERT_GT(dataAt, 0);
-    const auto dataSize = le32(wav, dataAt + 4);
-    EXPECT_EQ(dataSize, quint32(wav.size() - dataAt - 8));
-    // More than a second of speech for a sentence, and not all silence.
-    const auto sampleRate = le32(wav, 24);
-    EXPECT_GT(qint64(dataSize) / 2, qint64(sampleRate));
-    qint64 loud = 0;
-    for (qsizetype i = dataAt + 8; i + 1 < wav.size(); i += 2)
-        loud += std::abs(qFromLittleEndian<qint16>(wav.constData() + i)) > 1000;
-    EXPECT_GT(loud, sampleRate / 10);
 }
 
 // A child that never ends is killed once its time is up on the server's clock, and the request
@@ -230,6 +191,7 @@ sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     };
     const auto spoken = speak({{u"text"_s, u"Why $(touch /tmp/x); rm -rf ~ `id` -v de"_s}});
     ASSERT_EQ(spoken.status, 200) << spoken.body.toStdString();
+    EXPECT_TRUE(spoken.headers.toLower().contains("content-type: audio/wav"));
     EXPECT_EQ(spoken.body.size(), 44 + 8);
     EXPECT_EQ(le32(spoken.body, 40), 8u);
     ASSERT_EQ(speak({{u"text"_s, u"Warum interessieren Sie sich für diese Stelle?"_s}}).status, 200);
@@ -239,6 +201,13 @@ sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     ASSERT_EQ(server.call(account, "POST", practice + u"questions"_s, R"({"language":"de","count":1})").status, 200);
     ASSERT_EQ(speak({{u"text"_s, u"Was reizt Sie an der Stelle als Koch?"_s}}).status, 200);
     EXPECT_EQ(speak({{u"text"_s, u"please fail"_s}}).status, 500);
+    // Without espeak-ng the route says what is missing.
+    ServerConfig missing;
+    missing.espeakProgram = u"/nonexistent/espeak-ng"_s;
+    ServerHarness without(missing);
+    const auto refused = without.call(without.signUp(), "POST", practice + u"tts"_s, R"({"text":"Hello"})");
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_TRUE(refused.json()[u"error"_s].toString().contains(u"espeak-ng"_s));
 
     QFile calls(dir.filePath(u"calls"_s));
     ASSERT_TRUE(calls.open(QIODevice::ReadOnly));

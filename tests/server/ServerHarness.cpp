@@ -5,6 +5,7 @@
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QFile>
+#include <QJsonArray>
 #include <QProcess>
 #include <QThread>
 #include <QTimer>
@@ -116,11 +117,43 @@ CurlResult ServerHarness::call(const Account& account, const QByteArray& method,
     return curl(arguments << base() + path);
 }
 
-void expectStatuses(ServerHarness& server, const ServerHarness::Account& account,
-                    const std::vector<RouteCase>& cases)
+namespace {
+
+bool containsJson(const QJsonValue& actual, const QJsonValue& expected)
+{
+    if (expected.isObject()) {
+        const auto object = actual.toObject();
+        const auto wanted = expected.toObject();
+        for (auto it = wanted.begin(); it != wanted.end(); ++it) {
+            if (!object.contains(it.key()) || !containsJson(object[it.key()], it.value()))
+                return false;
+        }
+        return actual.isObject();
+    }
+    if (expected.isArray()) {
+        const auto array = actual.toArray();
+        const auto wanted = expected.toArray();
+        for (qsizetype i = 0; i < wanted.size(); ++i) {
+            if (!containsJson(array.at(i), wanted.at(i)))
+                return false;
+        }
+        return actual.isArray() && array.size() == wanted.size();
+    }
+    return actual == expected;
+}
+
+} // namespace
+
+void expectRoutes(ServerHarness& server, const ServerHarness::Account& account,
+                  const std::vector<RouteCase>& cases)
 {
     for (const auto& c : cases) {
-        EXPECT_EQ(server.call(account, c.method, c.path, c.body).status, c.status)
-            << c.method << ' ' << c.path.toStdString() << ' ' << c.body.left(40).toStdString();
+        const auto result = server.call(account, c.method, c.path, c.body);
+        const auto what = c.method + (' ' + c.path.toStdString()) + ' ' + c.body.left(40).toStdString();
+        EXPECT_EQ(result.status, c.status) << what;
+        if (!c.json.isEmpty()) {
+            EXPECT_TRUE(containsJson(result.json(), QJsonDocument::fromJson(c.json).object()))
+                << what << " answered " << result.body.left(300).toStdString();
+        }
     }
 }

@@ -90,15 +90,17 @@ public:
     quint16 port = 0;
 };
 
-// One request and the status it must get.
+// One request, the status it must get and, if given, JSON its answer must contain: every name
+// of an object with a matching value, arrays of the same length element by element.
 struct RouteCase {
     const char* method;
     QString path;
     QByteArray body;
     int status;
+    QByteArray json = {};
 };
-void expectStatuses(ServerHarness& server, const ServerHarness::Account& account,
-                    const std::vector<RouteCase>& cases);
+void expectRoutes(ServerHarness& server, const ServerHarness::Account& account,
+                  const std::vector<RouteCase>& cases);
 
 // Turns the event loop until `condition` holds or `timeoutMs` passes; returns the condition.
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 10'000);

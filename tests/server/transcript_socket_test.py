@@ -17,20 +17,16 @@ def check(condition, message):
         print("FAIL:", message, flush=True)
 
 
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
 class Server:
     def __init__(self, data_dir):
-        self.data_dir, self.port, self.process, self.extra = data_dir, free_port(), None, []
-        self.base = f"http://127.0.0.1:{self.port}"
+        with socket.socket() as s:
+            s.bind(("127.0.0.1", 0))
+            self.port = s.getsockname()[1]
+        self.data_dir, self.process, self.base = data_dir, None, f"http://127.0.0.1:{self.port}"
 
     def start(self):
         env = dict(os.environ, XDG_DATA_HOME=self.data_dir)
-        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}"] + self.extra, env=env)
+        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}"], env=env)
         for _ in range(200):
             try:
                 urllib.request.urlopen(self.base + "/health", timeout=1)
@@ -83,9 +79,7 @@ def api(base, token, method, path, body=None):
 def entry(id, content, ts, revision=None, speaker="interviewer"):
     frame = {"type": "transcript_entry", "id": id, "speaker": speaker, "content": content, "timestampMs": ts,
              "confidence": 0.9}
-    if revision is not None:
-        frame["revision"] = revision
-    return json.dumps(frame)
+    return json.dumps(frame if revision is None else dict(frame, revision=revision))
 
 
 async def next_ack(ws):
@@ -95,9 +89,17 @@ async def next_ack(ws):
             return message
 
 
-async def socket_behaviour(server, token, other_token):
+def new_session(server, token):
     session = api(server.base, token, "POST", "/api/v1/interview/session", {"languageInput": "en", "languageOutput": "en"})["id"]
-    url = f"ws://127.0.0.1:{server.port}/api/v1/interview/ws?token={token}&sessionId={session}"
+    return session, f"ws://127.0.0.1:{server.port}/api/v1/interview/ws?token={token}&sessionId={session}"
+
+
+def stored_lines(server, token, session):
+    return api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]
+
+
+async def socket_behaviour(server, token, other_token):
+    session, url = new_session(server, token)
     async with websockets.connect(url) as ws:
         check(json.loads(await ws.recv()) == {"type": "connected"}, "greeting")
         await ws.send(entry("b", "second said", 2000, 1))
@@ -115,13 +117,11 @@ async def socket_behaviour(server, token, other_token):
         await ws.send(entry("c", "still listening", 3000))
         check((await next_ack(ws))["ids"] == ["c"], "garbage is skipped and the socket stays")
         # Both speakers in the same millisecond: the order they arrived in, not that of their ids.
-        await ws.send(entry("y", "same moment, first", 4000, 0, "user"))
-        await next_ack(ws)
-        await ws.send(entry("x", "same moment, second", 4000))
-        await next_ack(ws)
-        await ws.send(entry("y", "same moment, first, grown", 4000, 1, "user"))
-        await next_ack(ws)
-    stored = api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]
+        for frame in [entry("y", "same moment, first", 4000, 0, "user"), entry("x", "same moment, second", 4000),
+                      entry("y", "same moment, first, grown", 4000, 1, "user")]:
+            await ws.send(frame)
+            await next_ack(ws)
+    stored = stored_lines(server, token, session)
     check([(l["id"], l["content"]) for l in stored] ==
           [("a", "first said"), ("b", "second said, grown"), ("c", "still listening"),
            ("y", "same moment, first, grown"), ("x", "same moment, second")], f"stored {stored}")
@@ -158,13 +158,12 @@ async def socket_behaviour(server, token, other_token):
             check(closed.code == 1008, f"closed with {closed.code} after 100 bad frames")
     # A loaded machine may stop the client waiting before every acknowledgement came; lines
     # stored but not yet acknowledged are fine, acknowledged but not stored are not.
-    stored = {l["id"] for l in api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]}
+    stored = {l["id"] for l in stored_lines(server, token, session)}
     check(acked <= stored, f"acknowledged flood lines lost: {sorted(acked - stored)[:5]}")
 
 
 async def killed_mid_stream(server, token):
-    session = api(server.base, token, "POST", "/api/v1/interview/session", {"languageInput": "en", "languageOutput": "en"})["id"]
-    url = f"ws://127.0.0.1:{server.port}/api/v1/interview/ws?token={token}&sessionId={session}"
+    session, url = new_session(server, token)
     acked = set()
     async with websockets.connect(url) as ws:
         await ws.recv()
@@ -179,7 +178,7 @@ async def killed_mid_stream(server, token):
         except (websockets.exceptions.ConnectionClosed, asyncio.TimeoutError, ConnectionError):
             pass
     server.start()
-    stored = {l["id"] for l in api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]}
+    stored = {l["id"] for l in stored_lines(server, token, session)}
     print(f"sigkill: {len(acked)} acknowledged, {len(stored)} stored after restart", flush=True)
     check(acked <= stored, f"acknowledged lines lost: {sorted(acked - stored)[:5]}")
 
