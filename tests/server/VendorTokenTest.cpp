@@ -1,7 +1,13 @@
+// A server holding a speech vendor's key: what it asks the vendor, what the program's own client
+// reads from it, what it says when the vendor fails, and that the key stays hidden.
 #include "ServerHarness.h"
 
+#include "APIClient.h"
+#include "AuthTokenStore.h"
+#include "AwaitTask.h"
 #include "FakeBackend.h"
 #include "LogCapture.h"
+#include "NotificationCenter.h"
 #include "VendorTokens.h"
 
 #include <QDir>
@@ -76,6 +82,7 @@ protected:
         capturedMessages = &messages;
         previousHandler = qInstallMessageHandler(captureMessage);
         account = server.signUp();
+        client.setAccessToken(account.accessToken);
     }
     ~VendorTokenTest() override
     {
@@ -110,9 +117,11 @@ protected:
     ServerHarness server{config()};
     ServerHarness::Account account;
     QByteArray seen;
+    InMemoryTokenStore tokens;
+    NotificationCenter notifications;
+    APIClient client{server.base(), tokens, notifications};
 };
 
-// How the client reads the grant (provider, model, endpoint) is ClientContractTest's.
 TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysHidden)
 {
     const auto& vendor = GetParam();
@@ -122,13 +131,18 @@ TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysH
     limited.headers.append(std::pair<QByteArray, QByteArray>("Retry-After", "7"));
     const auto grant = FakeBackend::Response::json(200, vendor.grant);
     vendorFake->setRouteSequence("POST", vendor.path,
-                                 {grant, grant, FakeBackend::Response::json(401, vendor.refusal), limited,
+                                 {grant, grant, FakeBackend::Response::json(401, vendor.refusal), limited, limited,
                                   FakeBackend::Response::json(500, "<html>upstream exploded</html>"),
                                   FakeBackend::Response::json(200, R"({"unexpected":"shape"})"), grant});
 
     EXPECT_EQ(fetchToken(200).json()[u"token"_s].toString().toUtf8(), vendor.mintedToken);
-    // One grant per request: each channel of an interview gets its own.
-    fetchToken(200);
+    // One grant per request: each channel of an interview gets its own. The program reads it.
+    EXPECT_EQ(awaitTask(client.fetchAccountStatus()).speechProvider, vendorName(vendor.vendor));
+    const auto token = awaitTask(client.fetchSpeechToken());
+    EXPECT_EQ(token.provider + u' ' + token.token, vendorName(vendor.vendor) + u' ' + QString::fromUtf8(vendor.mintedToken));
+    EXPECT_FALSE(token.endpoint);
+    const bool openai = vendor.vendor == SpeechVendor::openai;
+    EXPECT_EQ(token.sttModel, openai ? std::optional(u"gpt-4o-mini-transcribe"_s) : std::nullopt);
     const auto requests = vendorFake->requests("POST", vendor.path);
     ASSERT_EQ(requests.size(), 2);
     const auto& request = requests.first();
@@ -144,7 +158,7 @@ TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysH
         EXPECT_GT(seconds, 0);
         EXPECT_LE(seconds, 300) << "short-lived";
     }
-    if (vendor.vendor == SpeechVendor::openai) {
+    if (openai) {
         EXPECT_EQ(at(sent, u"session/type"_s).toString(), u"transcription"_s);
         EXPECT_EQ(at(sent, u"session/audio/input/transcription/model"_s).toString(), u"gpt-4o-mini-transcribe"_s);
     }
@@ -154,6 +168,13 @@ TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysH
     EXPECT_TRUE(badKey.contains(u"[key]"_s)) << "the vendor's words, with the key cut out";
     EXPECT_TRUE(fetchError(503).startsWith(name + u" is limiting this server's requests (HTTP 429"_s));
     EXPECT_TRUE(seen.toLower().contains("retry-after: 7"));
+    // The program shows the server's words.
+    try {
+        awaitTask(client.fetchSpeechToken());
+        ADD_FAILURE() << "a rate-limited vendor gave a token";
+    } catch (const SpeechTokenError& error) {
+        EXPECT_TRUE(error.description().startsWith(name + u" is limiting"_s)) << error.description().toStdString();
+    }
     EXPECT_EQ(fetchError(502), name + u" could not issue a speech token (HTTP 500)."_s);
     EXPECT_EQ(fetchError(502), name + u" answered without a speech token."_s);
     // The vendor recovers; so does the route. Then it is gone from the network.
