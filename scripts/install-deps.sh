@@ -5,6 +5,8 @@ set -euo pipefail
 packages=(
     # toolchain
     g++ cmake ninja-build pkg-config git
+    # packages (scripts/package.sh): icons drawn from the SVG, dependencies read by dpkg-shlibdeps
+    librsvg2-bin dpkg-dev file
     # libraries
     qt6-base-dev qt6-websockets-dev qt6-multimedia-dev qt6-declarative-dev
     qcoro-qt6-dev qtkeychain-qt6-dev libpoppler-cpp-dev libpulse-dev libsamplerate0-dev
