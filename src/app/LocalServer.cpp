@@ -91,7 +91,6 @@ QCoro::Task<bool> LocalServer::ensureRunning()
 
     m_process = std::make_unique<QProcess>();
     m_process->setProcessChannelMode(QProcess::ForwardedChannels);
-    m_process->setInputChannelMode(QProcess::ForwardedInputChannel);
     // The server is ours alone: it ends with the program even when the program dies without
     // reaching its own clean-up (a crash, SIGKILL).
     const pid_t parent = ::getpid();

@@ -49,7 +49,6 @@ TEST_P(LocalServerOriginTest, ListensWhereTheOriginPoints)
 
 INSTANTIATE_TEST_SUITE_P(Origins, LocalServerOriginTest,
                          ::testing::Values(OriginCase{"http://127.0.0.1:8787", "127.0.0.1:8787"},
-                                           OriginCase{"http://127.0.0.1:8787/", "127.0.0.1:8787"},
                                            OriginCase{"http://127.0.0.2:9000", "127.0.0.2:9000"},
                                            OriginCase{"http://localhost:8787", "127.0.0.1:8787"},
                                            OriginCase{"http://LOCALHOST:8787", "127.0.0.1:8787"},
@@ -58,9 +57,7 @@ INSTANTIATE_TEST_SUITE_P(Origins, LocalServerOriginTest,
                                            // A TLS proxy in front is not ours to start.
                                            OriginCase{"https://127.0.0.1:8787", nullptr},
                                            OriginCase{"http://192.0.2.1:8787", nullptr},
-                                           OriginCase{"http://10.0.0.1:8787", nullptr},
                                            OriginCase{"http://localhost.example.org:8787", nullptr},
-                                           OriginCase{"http://ravlet.example.org", nullptr},
                                            OriginCase{"http://0.0.0.0:8787", nullptr},
                                            OriginCase{"", nullptr}));
 
