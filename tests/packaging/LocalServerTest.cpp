@@ -131,14 +131,11 @@ TEST_F(LocalServerTest, StartsNothingWhereSomethingAnswersOrTheOriginIsElsewhere
         EXPECT_FALSE(server.isRunning());
         EXPECT_EQ(started(), QString()) << origin.toStdString();
     }
-}
-
-TEST_F(LocalServerTest, WithoutAServerBesideTheProgramNothingStarts)
-{
-    LocalServer server(QUrl(u"http://127.0.0.1:"_s + QString::number(freePort())), folder.path(), clock,
-                       network);
-    EXPECT_FALSE(run(server).first);
-    EXPECT_FALSE(server.isRunning());
+    // A program with no server beside it (in its build folder) starts nothing either.
+    LocalServer alone(QUrl(u"http://127.0.0.1:"_s + QString::number(freePort())),
+                      folder.filePath(u"elsewhere"_s), clock, network);
+    EXPECT_FALSE(run(alone).first);
+    EXPECT_FALSE(alone.isRunning());
 }
 
 TEST_F(LocalServerTest, AServerThatNeverAnswersIsWaitedForBoundedlyAndStoppedWithTheProgram)
