@@ -91,6 +91,12 @@ grep -qx 'Exec=/usr/bin/ravletai %u' "$entry" && grep -qx 'MimeType=x-scheme-han
 if command -v desktop-file-validate >/dev/null; then
     desktop-file-validate "$entry" || fail "desktop-file-validate $entry"
 fi
+# Every user's xdg-open finds the handler through the desktop database (desktop-file-utils).
+if command -v update-desktop-database >/dev/null; then
+    mkdir -p "$scratch/nobody"
+    handler="$(env -i PATH=/usr/bin:/bin HOME="$scratch/nobody" xdg-mime query default x-scheme-handler/ravlet)"
+    [ "$handler" = ravletai.desktop ] && pass "ravlet:// handled system-wide" || fail "xdg-mime names '$handler' for ravlet://"
+fi
 for size in 16x16 24x24 32x32 48x48 64x64 128x128 256x256; do
     if [ ! -s "/usr/share/icons/hicolor/$size/apps/ravletai.png" ]; then fail "no $size icon"; fi
 done
