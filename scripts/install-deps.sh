@@ -5,6 +5,9 @@ set -euo pipefail
 packages=(
     # toolchain
     g++ cmake ninja-build pkg-config git
+    # packages (scripts/package.sh): icons drawn from the SVG, dependencies read by dpkg-shlibdeps;
+    # tests/packaging/check-packages.sh validates the desktop entry
+    librsvg2-bin dpkg-dev file desktop-file-utils
     # libraries
     qt6-base-dev qt6-websockets-dev qt6-multimedia-dev qt6-declarative-dev
     qcoro-qt6-dev qtkeychain-qt6-dev libpoppler-cpp-dev libpulse-dev libsamplerate0-dev

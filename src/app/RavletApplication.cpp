@@ -11,6 +11,7 @@
 #include "DesktopIntegration.h"
 #include "GlobalKeys.h"
 #include "InterviewAdapters.h"
+#include "LocalServer.h"
 #include "Log.h"
 #include "MicrophoneService.h"
 #include "NotificationCenter.h"
@@ -32,6 +33,9 @@
 #include <QTimer>
 #include <QtQml/qqmlextensionplugin.h>
 
+#include <cstdio>
+#include <string_view>
+
 Q_IMPORT_QML_PLUGIN(Ravlet_ShellPlugin)
 
 using namespace Qt::StringLiterals;
@@ -45,8 +49,12 @@ bool isInstalled(const QString& programPath)
     return QDir::cleanPath(programPath).startsWith(QDir::cleanPath(QString::fromUtf16(BuildConfig::installBinDir)) + u'/');
 }
 
-QCoro::Task<> launchThenWait(AppDelegate* delegate, QStringList arguments, RavletApplicationOptions* options)
+QCoro::Task<> launchThenWait(AppDelegate* delegate, LocalServer* localServer, QStringList arguments,
+                             RavletApplicationOptions* options)
 {
+    // Every step of the launch may reach the backend (telemetry, the session restore, the
+    // update check): a server of our own answers first.
+    co_await localServer->ensureRunning();
     co_await delegate->applicationDidFinishLaunching();
     // A first start that was given an address: the callback of a sign-in begun by an earlier
     // run, or an action of the desktop entry.
@@ -60,6 +68,11 @@ QCoro::Task<> launchThenWait(AppDelegate* delegate, QStringList arguments, Ravle
 
 int runRavletApplication(int argc, char* argv[], RavletApplicationOptions options)
 {
+    // Answered before the application exists, so that it needs no display (scripts, packages).
+    if (argc == 2 && std::string_view(argv[1]) == "--version") {
+        std::printf("RavletAI %s\n", QString::fromUtf16(BuildConfig::version).toUtf8().constData());
+        return 0;
+    }
     QmlShellWindows::prepareDrawing();
     QApplication app(argc, argv);
     QCoreApplication::setApplicationName(u"RavletAI"_s);
@@ -79,6 +92,8 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
     JsonPreferencesStore preferences;
     SystemClock clock;
     QNetworkAccessManager network;
+    // Only the one running instance gets here, so only it starts a server.
+    LocalServer localServer(QUrl(options.backendOrigin), QCoreApplication::applicationDirPath(), clock, network);
     PopplerPdfTextExtractor pdfText;
     AudioCaptureService systemAudio([&clock] { return std::make_unique<PulseSystemAudioSource>(clock); });
     MicrophoneService microphone([&clock] { return std::make_unique<PulseMicrophoneSource>(clock); });
@@ -132,6 +147,6 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
 
     logLine(u"App", u"RavletAI "_s + QCoreApplication::applicationVersion() + u" started; interface language "_s
                         + strings.languageCode());
-    const auto launch = TaskHandle(CancellationToken(), launchThenWait(&delegate, arguments, &options));
+    const auto launch = TaskHandle(CancellationToken(), launchThenWait(&delegate, &localServer, arguments, &options));
     return app.exec();
 }
