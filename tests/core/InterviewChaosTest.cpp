@@ -326,9 +326,9 @@ protected:
     void useChannel(Plan::Channel channel)
     {
         channelServer.setRefusing(channel == Plan::Channel::refusing);
-        interviewBackend->setChannelBaseURL(channel == Plan::Channel::silent     ? silentServer.address(u"http"_s)
-                                            : channel == Plan::Channel::unusable ? u"http://127.0.0.1:no-port"_s
-                                                                                 : channelServer.baseURL());
+        channelBaseURL = channel == Plan::Channel::silent     ? silentServer.address(u"http"_s)
+            : channel == Plan::Channel::unusable ? u"http://127.0.0.1:no-port"_s
+                                                 : channelServer.baseURL();
     }
 
     // Runs a start or a stop on the pump; a failure when it hangs.
@@ -361,8 +361,11 @@ protected:
         lastSaid = {};
         prepareSessionRoutes(sessions + 1);
 
+        const qint64 startedAtMs = clock.nowMs();
         if (!finishes(vm.startInterview(), "start"))
             return false;
+        // A channel stuck in its handshake (10 s) or a pending retry (0.5 s) never holds the start.
+        EXPECT_LT(clock.nowMs() - startedAtMs, 5'000);
         postFailures = 0;
         EXPECT_TRUE(vm.isRecording());
         EXPECT_EQ(vm.pipelineState(), State::recording);

@@ -44,7 +44,7 @@ struct LoopbackRig {
     {
         settings.setOutputLanguage(u"en"_s);
         client.setAccessToken(u"access-1"_s);
-        vm.setBackend(interviewBackend);
+        vm.setBackend(std::make_shared<APIClientInterviewBackend>(client));
         vm.setLoggedIn(true);
         prepareSessionRoutes(1);
         backend.setRoute("GET", "/api/v1/subscription/status", Response::json(200, R"({"speechProvider":"deepgram"})"));
@@ -58,15 +58,11 @@ struct LoopbackRig {
         backend.setHandler("GET", "/api/v1/speech/token", [this](const FakeBackend::Request&) {
             if (spend(tokenFailures))
                 return Response::json(503, "{}");
-            if (onToken)
-                onToken();
-            QJsonObject token{{u"provider"_s, u"deepgram"_s},
+            const QJsonObject token{{u"provider"_s, u"deepgram"_s},
                               {u"token"_s, u"speech-"_s + QString::number(++speechTokens)},
                               {u"endpoint"_s, spend(stallingTokens) ? stallingEndpoint
                                                   : endpoint.isEmpty()    ? vendor.origin()
                                                                           : endpoint}};
-            if (sttModel)
-                token.insert(u"sttModel"_s, *sttModel);
             return Response::json(200, compactJson(token));
         });
         backend.setRoute("POST", "/api/v1/chat/answer",
@@ -106,7 +102,7 @@ struct LoopbackRig {
             recognizers[std::size_t(speaker)] = recognizer;
             return recognizer;
         };
-        s.makeTranscriptChannel = [this] { return std::make_shared<TranscriptUploadChannel>(clock); };
+        s.makeTranscriptChannel = [this] { return std::make_shared<RedirectedChannel>(clock, channelBaseURL); };
         return s;
     }
 
@@ -120,18 +116,15 @@ struct LoopbackRig {
     FakeTranscriptChannel channelServer;
     InMemoryTokenStore tokens;
     APIClient client{backend.origin(), tokens, notifications};
-    std::shared_ptr<SeparateChannelBackend> interviewBackend =
-        std::make_shared<SeparateChannelBackend>(client, channelServer.baseURL());
+    QString channelBaseURL = channelServer.baseURL();
     FakeCapture systemAudio;
     FakeCapture microphone;
     // The recogniser each channel has now.
     std::array<std::weak_ptr<SpeechRecognitionProvider>, 2> recognizers;
 
     // The speech tokens: what they name, and the trouble scripted for the next ones.
-    std::optional<QString> sttModel;
     QString endpoint; // the vendor's when empty
     QString stallingEndpoint;
-    std::function<void()> onToken;
     int tokenFailures = 0;
     int stallingTokens = 0;
     // The session's routes.
