@@ -142,20 +142,17 @@ public:
 
     QCoro::Task<APIClient::SpeechTokenResponse> fetchSpeechToken() override
     {
-        co_await enter(u"fetchSpeechToken"_s);
-        speechTokenFailures.throwIfScripted();
+        co_await enter(u"fetchSpeechToken"_s, speechTokenFailures);
         co_return {speechProvider, u"speech-token-"_s + QString::number(++speechTokensIssued), sttModel, endpoint};
     }
     QCoro::Task<APIClient::AccountStatus> fetchAccountStatus() override
     {
-        co_await enter(u"fetchAccountStatus"_s);
-        accountStatusFailures.throwIfScripted();
+        co_await enter(u"fetchAccountStatus"_s, accountStatusFailures);
         co_return {accountSpeechProvider};
     }
     QCoro::Task<InterviewSession> createSession(QString languageInput, QString languageOutput) override
     {
-        co_await enter(u"createSession "_s + languageInput + u' ' + languageOutput);
-        createSessionFailures.throwIfScripted();
+        co_await enter(u"createSession "_s + languageInput + u' ' + languageOutput, createSessionFailures);
         InterviewSession session;
         session.id = u"session-"_s + QString::number(++sessionsCreated);
         session.languageInput = languageInput;
@@ -165,20 +162,18 @@ public:
     }
     QCoro::Task<> completeSession(QString sessionId, qint64 sttAudioDurationMs) override
     {
-        co_await enter(u"completeSession "_s + sessionId + u' ' + QString::number(sttAudioDurationMs));
-        completeSessionFailures.throwIfScripted();
+        co_await enter(u"completeSession "_s + sessionId + u' ' + QString::number(sttAudioDurationMs),
+                       completeSessionFailures);
     }
     QCoro::Task<> postTranscript(QString sessionId, QList<QJsonObject> entries) override
     {
-        co_await enter(u"postTranscript "_s + sessionId + u' ' + QString::number(entries.size()));
-        postTranscriptFailures.throwIfScripted();
+        co_await enter(u"postTranscript "_s + sessionId + u' ' + QString::number(entries.size()), postTranscriptFailures);
         delivered.append(entries);
     }
     QCoro::Task<APIClient::StreamAnswerResult> streamAnswer(APIClient::AnswerRequest request) override
     {
-        co_await enter(u"streamAnswer "_s + request.question);
         answerRequests.append(request);
-        streamAnswerFailures.throwIfScripted();
+        co_await enter(u"streamAnswer "_s + request.question, streamAnswerFailures);
         auto stream = std::make_shared<AnswerStream>();
         for (const auto& chunk : std::as_const(answerChunks))
             stream->push(chunk);
@@ -231,10 +226,11 @@ public:
     int sessionsCreated = 0;
 
 private:
-    QCoro::Task<> enter(QString call)
+    QCoro::Task<> enter(QString call, FailureScript& failures)
     {
         co_await m_gates.pass(call.section(u' ', 0, 0));
         record(call);
+        failures.throwIfScripted();
     }
     void record(const QString& call)
     {

@@ -469,85 +469,75 @@ TEST(InterviewPipelineTest, AStopWaitsOnlyUntilTheFirstCancelledTaskHasEnded)
     EXPECT_EQ(h.vm.runningTaskCount(), 0);
 }
 
-// A stop that arrives while the start waits at one of its suspension points. Each point is
-// reached by holding the gates in turn: the first, then, once the start waits there, the next.
-struct StopPoint {
-    const char* name;
-    QStringList gates;
-    QStringList expectedCalls;
-};
-
-const QString post = u"postTranscript session-1 1"_s, account = u"fetchAccountStatus"_s,
-              create = u"createSession en-US en"_s, token = u"fetchSpeechToken"_s,
-              complete = u"completeSession session-2 0"_s;
-
-class StopDuringStartTest : public ::testing::TestWithParam<StopPoint> {};
-
-TEST_P(StopDuringStartTest, EndsIdleWithNothingRunningAndOnlyThePrescribedRequests)
+// A stop that arrives while the start waits at one of its suspension points ends idle, with
+// nothing running and only the prescribed requests made. Each point is reached by holding the
+// gates in turn: the first, then, once the start waits there, the next.
+TEST(StopDuringStartTest, EndsIdleWithNothingRunningAndOnlyThePrescribedRequests)
 {
-    const auto& point = GetParam();
-    H h;
-    // A previous interview whose transcript could not be delivered, so that the start has a
-    // pending upload to retry first.
-    h.start();
-    h.say(Speaker::interviewer, u"Earlier question"_s);
-    h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
-    h.stop();
-    ASSERT_TRUE(h.vm.pendingTranscriptUpload());
-    h.backend->calls.clear();
-
-    h.gates.hold(point.gates.first());
-    auto start = h.vm.startInterview();
-    for (qsizetype k = 1; k < point.gates.size(); ++k) {
-        ASSERT_TRUE(h.gates.isWaiting(point.gates.at(k - 1))) << point.gates.at(k - 1).toStdString();
-        h.gates.hold(point.gates.at(k));
-        h.gates.release(point.gates.at(k - 1));
-    }
-    ASSERT_TRUE(h.gates.isWaiting(point.gates.last())) << "waiting at " << h.gates.waiting().join(u',').toStdString();
-
-    h.stop();
-    EXPECT_EQ(h.vm.pipelineState(), State::idle);
-    h.gates.release(point.gates.last());
-    awaitTask(std::move(start));
-    H::settle();
-
-    EXPECT_EQ(h.vm.pipelineState(), State::idle);
-    EXPECT_EQ(h.vm.statusMessage(), u"Ready"_s);
-    // A notice of the start, such as a recovered upload, goes with the start.
-    EXPECT_EQ(h.vm.lastNotice(), std::nullopt);
-    EXPECT_FALSE(h.vm.isStartingInterview() || h.vm.isStoppingInterview() || h.vm.currentSessionUsesBackend());
-    expectNothingRunning(h);
-    EXPECT_EQ(h.backend->calls, point.expectedCalls);
-    // The earlier interview is archived once only; the interrupted one once it existed.
-    QStringList archived;
-    for (const auto& session : h.vm.pastSessions())
-        archived.append(session.id);
-    const bool sessionExisted = point.expectedCalls.contains(complete) && point.expectedCalls.contains(token);
-    EXPECT_EQ(archived, (sessionExisted ? QStringList{u"session-2"_s, u"session-1"_s} : QStringList{u"session-1"_s}));
-
-    // The model can start again.
-    h.start();
-    EXPECT_EQ(h.vm.pipelineState(), State::recording);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    EverySuspensionPoint, StopDuringStartTest,
-    ::testing::Values(
-        StopPoint{"retryingThePendingUpload", {u"postTranscript"_s}, {post}},
-        StopPoint{"askingForTheAccount", {u"fetchAccountStatus"_s}, {post, account}},
+    const QString post = u"postTranscript session-1 1"_s, account = u"fetchAccountStatus"_s,
+                  create = u"createSession en-US en"_s, token = u"fetchSpeechToken"_s,
+                  complete = u"completeSession session-2 0"_s;
+    const struct {
+        const char* name;
+        QStringList gates;
+        QStringList expectedCalls;
+    } points[] = {
+        {"retryingThePendingUpload", {u"postTranscript"_s}, {post}},
+        {"askingForTheAccount", {u"fetchAccountStatus"_s}, {post, account}},
         // The session the stop could not see is closed as soon as it exists.
-        StopPoint{"creatingTheSession", {u"createSession"_s}, {post, account, create, complete}},
-        StopPoint{"fetchingTheFirstToken", {u"fetchSpeechToken"_s}, {post, account, create, complete, token}},
-        StopPoint{"startingSystemAudio", {u"systemAudio.start"_s}, {post, account, create, token, complete}},
-        StopPoint{"startingTheInterviewerRecognizer", {u"interviewerRecognizer.start"_s},
-                  {post, account, create, token, complete}},
-        StopPoint{"connectingTheUploadChannel", {u"channel.start"_s}, {post, account, create, token, complete}},
-        StopPoint{"askingForTheMicrophone", {u"rights.microphone"_s}, {post, account, create, token, complete}},
-        StopPoint{"startingTheMicrophone", {u"microphone.start"_s}, {post, account, create, token, complete}},
-        StopPoint{"fetchingTheSecondToken", {u"microphone.start"_s, u"fetchSpeechToken"_s},
-                  {post, account, create, token, complete, token}},
-        StopPoint{"startingTheUserRecognizer", {u"userRecognizer.start"_s},
-                  {post, account, create, token, token, complete}}),
-    [](const auto& info) { return std::string(info.param.name); });
+        {"creatingTheSession", {u"createSession"_s}, {post, account, create, complete}},
+        {"fetchingTheFirstToken", {u"fetchSpeechToken"_s}, {post, account, create, complete, token}},
+        {"startingSystemAudio", {u"systemAudio.start"_s}, {post, account, create, token, complete}},
+        {"startingTheInterviewerRecognizer", {u"interviewerRecognizer.start"_s},
+         {post, account, create, token, complete}},
+        {"connectingTheUploadChannel", {u"channel.start"_s}, {post, account, create, token, complete}},
+        {"askingForTheMicrophone", {u"rights.microphone"_s}, {post, account, create, token, complete}},
+        {"startingTheMicrophone", {u"microphone.start"_s}, {post, account, create, token, complete}},
+        {"fetchingTheSecondToken", {u"microphone.start"_s, u"fetchSpeechToken"_s},
+         {post, account, create, token, complete, token}},
+        {"startingTheUserRecognizer", {u"userRecognizer.start"_s}, {post, account, create, token, token, complete}},
+    };
+    for (const auto& point : points) {
+        SCOPED_TRACE(point.name);
+        H h;
+        // A previous interview whose transcript could not be delivered, so that the start has a
+        // pending upload to retry first.
+        h.start();
+        h.say(Speaker::interviewer, u"Earlier question"_s);
+        h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
+        h.stop();
+        ASSERT_TRUE(h.vm.pendingTranscriptUpload());
+        h.backend->calls.clear();
+
+        h.gates.hold(point.gates.first());
+        auto start = h.vm.startInterview();
+        for (qsizetype k = 1; k < point.gates.size(); ++k) {
+            ASSERT_TRUE(h.gates.isWaiting(point.gates.at(k - 1))) << point.gates.at(k - 1).toStdString();
+            h.gates.hold(point.gates.at(k));
+            h.gates.release(point.gates.at(k - 1));
+        }
+        ASSERT_TRUE(h.gates.isWaiting(point.gates.last())) << h.gates.waiting().join(u',').toStdString();
+        h.stop();
+        EXPECT_EQ(h.vm.pipelineState(), State::idle);
+        h.gates.release(point.gates.last());
+        awaitTask(std::move(start));
+        H::settle();
+
+        EXPECT_EQ(h.vm.statusMessage(), u"Ready"_s);
+        // A notice of the start, such as a recovered upload, goes with the start.
+        EXPECT_EQ(h.vm.lastNotice(), std::nullopt);
+        EXPECT_FALSE(h.vm.isStartingInterview() || h.vm.isStoppingInterview() || h.vm.currentSessionUsesBackend());
+        expectNothingRunning(h);
+        EXPECT_EQ(h.backend->calls, point.expectedCalls);
+        // The earlier interview is archived once only; the interrupted one once it existed.
+        QStringList archived;
+        for (const auto& session : h.vm.pastSessions())
+            archived.append(session.id);
+        const bool existed = point.expectedCalls.contains(complete) && point.expectedCalls.contains(token);
+        EXPECT_EQ(archived, (existed ? QStringList{u"session-2"_s, u"session-1"_s} : QStringList{u"session-1"_s}));
+        h.start();
+        EXPECT_EQ(h.vm.pipelineState(), State::recording);
+    }
+}
 
 } // namespace
