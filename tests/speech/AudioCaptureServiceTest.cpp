@@ -5,10 +5,8 @@
 #include "QtPrinters.h"
 
 #include <QCoreApplication>
-#include <QTest>
 
 #include <gtest/gtest.h>
-
 
 using Format = SampleDescription::Format;
 using Buffers = std::vector<std::vector<float>>;
@@ -70,47 +68,42 @@ protected:
 };
 
 // Integer samples are read from the first channel of each frame; no block is read past its end
-// nor copied past the buffer's; formats the conversion does not take are dropped.
+// nor copied past the buffer's; formats the conversion does not take are dropped (no samples).
 TEST(AudioCaptureConversionTest, EachBlockBecomesOneBufferOrNone)
 {
     const struct {
-        const char* name;
         QByteArray bytes;
         SampleDescription description;
         std::size_t frames;
-        std::vector<float> expected; // empty: the block is dropped
+        std::vector<float> expected;
     } cases[] = {
-        {"float32", bytesOf<float>({0.25f, -0.5f}), {Format::float32, 1, 4, 16000}, 2, {0.25f, -0.5f}},
-        {"float32 short block", bytesOf<float>({0.5f}), {Format::float32, 1, 4, 16000}, 3, {0.5f, 0, 0}},
-        {"float32 stereo", bytesOf<float>({0.1f, 0.2f, 0.3f, 0.4f}), {Format::float32, 2, 8, 16000}, 2, {0.1f, 0.2f}},
-        {"int16", bytesOf<qint16>({32767, -32768, 16384}), {Format::int16, 1, 2, 16000}, 3,
+        {bytesOf<float>({0.25f, -0.5f}), {Format::float32, 1, 4, 16000}, 2, {0.25f, -0.5f}},
+        {bytesOf<float>({0.5f}), {Format::float32, 1, 4, 16000}, 3, {0.5f, 0, 0}},
+        {bytesOf<float>({0.1f, 0.2f, 0.3f, 0.4f}), {Format::float32, 2, 8, 16000}, 2, {0.1f, 0.2f}},
+        {bytesOf<qint16>({32767, -32768, 16384}), {Format::int16, 1, 2, 16000}, 3,
          {1.0f, -32768.0f / 32767.0f, 16384.0f / 32767.0f}},
-        {"int16 stereo", bytesOf<qint16>({100, -7, 200, -7}), {Format::int16, 2, 4, 16000}, 2, {100 / 32767.0f, 200 / 32767.0f}},
-        {"int32 stereo", bytesOf<qint32>({2147483647, -2147483647 - 1, 1 << 29, 5}), {Format::int32, 2, 8, 16000}, 2,
-         {1.0f, 0.25f}},
-        {"float64", bytesOf<double>({0.5}), {Format::float64, 1, 8, 16000}, 1, {}},
-        {"int24", QByteArray(9, '\x10'), {Format::other, 1, 3, 16000}, 3, {}},
-        {"no frames", bytesOf<float>({0.5f}), {Format::float32, 1, 4, 16000}, 0, {}},
+        {bytesOf<qint16>({100, -7, 200, -7}), {Format::int16, 2, 4, 16000}, 2, {100 / 32767.0f, 200 / 32767.0f}},
+        {bytesOf<qint32>({2147483647, -2147483647 - 1, 1 << 29, 5}), {Format::int32, 2, 8, 16000}, 2, {1.0f, 0.25f}},
+        {bytesOf<double>({0.5}), {Format::float64, 1, 8, 16000}, 1, {}},
+        {QByteArray(9, '\x10'), {Format::other, 1, 3, 16000}, 3, {}},
+        {bytesOf<float>({0.5f}), {Format::float32, 1, 4, 16000}, 0, {}},
         // The first channel of the last frame lies past the block's end.
-        {"int16 too short", bytesOf<qint16>({1, 2, 3, 4}), {Format::int16, 2, 4, 16000}, 3, {}},
+        {bytesOf<qint16>({1, 2, 3, 4}), {Format::int16, 2, 4, 16000}, 3, {}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(testing::Message() << &c - cases);
         const auto buffer = AudioCaptureService::pcmBuffer(
             {c.description, c.frames, reinterpret_cast<const std::byte*>(c.bytes.constData()), std::size_t(c.bytes.size())});
-        ASSERT_EQ(buffer.has_value(), !c.expected.empty());
-        if (!buffer)
-            continue;
-        EXPECT_EQ(buffer->sampleRate, 16000);
-        ASSERT_EQ(buffer->samples.size(), c.expected.size());
-        for (std::size_t i = 0; i < c.expected.size(); ++i)
-            EXPECT_FLOAT_EQ(buffer->samples[i], c.expected[i]) << "sample " << i;
+        EXPECT_EQ(buffer.has_value(), !c.expected.empty());
+        EXPECT_EQ(buffer.value_or(PcmBuffer{}).samples, c.expected);
+        EXPECT_EQ(buffer.value_or(PcmBuffer{}).sampleRate, 16000);
     }
 }
 
 // What came before stop is still read; stop is harmless twice; a block of a stopped capture,
-// still on its way, goes nowhere once the next one runs.
-TEST_F(AudioCaptureServiceTest, StopEndsTheStreamAndAStartAfterItBeginsAFreshOne)
+// still on its way, goes nowhere once the next one runs, nor does one of a capture that came up
+// after the stop that overtook its start.
+TEST_F(AudioCaptureServiceTest, StopEndsTheStreamAndOnlyTheRunningCaptureFeedsTheNext)
 {
     awaitTask(service.start());
     const auto first = service.audioStream();
@@ -126,12 +119,8 @@ TEST_F(AudioCaptureServiceTest, StopEndsTheStreamAndAStartAfterItBeginsAFreshOne
     deliver(firstHandler, 0.75f);
     deliver(platform->handler, 0.5f);
     EXPECT_EQ(drain(service.audioStream()), Buffers{{0.5f}});
-}
+    awaitTask(service.stop());
 
-// The pipeline may stop while the platform is still starting: the capture that comes up late
-// must not run on unseen.
-TEST_F(AudioCaptureServiceTest, StopWhileStartingDropsTheLateCapture)
-{
     platform->startGate = std::make_shared<AsyncQueue<bool>>();
     auto starting = service.start();
     const auto stream = service.audioStream();
