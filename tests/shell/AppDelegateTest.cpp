@@ -32,17 +32,13 @@ protected:
         });
     }
 
-    void launch(std::optional<QString> storedRefreshToken = {})
+    // `refreshedBy` makes a returning user whose stored token the backend answers so.
+    void launch(std::optional<FakeBackend::Response> refreshedBy = {})
     {
-        DelegateRig::launch(shell, h.rights, std::move(storedRefreshToken));
+        if (refreshedBy)
+            backend.setRoute("POST", "/api/v1/auth/refresh", *refreshedBy);
+        DelegateRig::launch(shell, h.rights, refreshedBy ? std::optional(u"refresh-1"_s) : std::nullopt);
         settle();
-    }
-
-    // A returning user whose stored token the backend refreshes.
-    void launchSignedIn()
-    {
-        backend.setRoute("POST", "/api/v1/auth/refresh", tokenPair(u"u-9"_s, u"back@example.com"_s));
-        launch(u"refresh-1"_s);
     }
 
     void settle()
@@ -62,10 +58,14 @@ protected:
         return names;
     }
 
+    const FakeBackend::Response restored = tokenPair(u"u-9"_s, u"back@example.com"_s);
     LogCapture logs;
 };
 
-TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderEndsOnTheWelcomePanelAndHandlesTheOverlayAndFailures)
+// Signed out: the launch runs in order and ends on the welcome panel; the overlay's toggles
+// reach the menu; only a route and an integer status are reported as a failed request; the
+// callback of a pending browser sign-in from another host, with the right scheme, ends nothing.
+TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndHandlesTheOverlayFailuresAndForeignCallbacks)
 {
     launch();
     EXPECT_EQ(shell.log, (QStringList{u"make token store"_s, u"make interview services"_s, u"give client to interview"_s,
@@ -77,8 +77,7 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderEndsOnTheWelcomePanelAndHandle
     EXPECT_EQ(crashLastState(), u"idle"_s);
     EXPECT_TRUE(telemetryEvents().contains(u"app_launched"_s));
 
-    // The menu's toggle shows the overlay and tells the menu; a start that asks for it leaves it
-    // showing; the overlay's close button hides it.
+    // A start that asks for the overlay leaves it showing.
     shell.log.clear();
     auto* menu = delegate->models().menuBar;
     menu->toggleOverlay();
@@ -89,23 +88,30 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderEndsOnTheWelcomePanelAndHandle
     EXPECT_EQ(shell.log, (QStringList{u"show overlay"_s, u"overlay visible true"_s, u"hide overlay"_s,
                                       u"overlay visible false"_s}));
 
-    // Only a route and an integer status are reported as a failed request.
     h.notifications.post(Notifications::apiRequestFailed, {}, {{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, u"500"_s}});
     h.notifications.post(Notifications::apiRequestFailed, {}, {{u"status"_s, 500}});
     h.notifications.post(Notifications::apiRequestFailed, {}, {{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, 503}});
     settle();
-    const auto& buffer = delegate->telemetry().buffer();
     ASSERT_EQ(telemetryEvents().count(u"api_failed"_s), 1);
-    const auto event = std::find_if(buffer.begin(), buffer.end(), [](const auto& e) { return e.name == u"api_failed"_s; });
-    EXPECT_EQ(event->props, (TelemetryClient::Props{{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, qint64(503)}}));
+    const auto& failed = delegate->telemetry().buffer().at(telemetryEvents().indexOf(u"api_failed"_s));
+    EXPECT_EQ(failed.props, (TelemetryClient::Props{{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, qint64(503)}}));
+
+    h.notifications.post(Notifications::startOAuthLogin);
+    ASSERT_EQ(opened.size(), 1);
+    const QString state = QUrlQuery(opened.first()).queryItemValue(u"state"_s);
+    delegate->openURLs({QUrl(u"ravlet://other?code=c-0&state="_s + state)});
+    settle();
+    EXPECT_TRUE(delegate->oauthService().isPending());
+    EXPECT_EQ(backend.totalRequests(), 0);
 }
 
+// Restored at launch, signed out from the settings, back by a deep link: with no sign-in
+// pending, its code is exchanged without a state.
 TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutAndComesBackByADeepLink)
 {
-    launchSignedIn();
+    launch(restored);
     EXPECT_EQ(shell.log.mid(shell.log.indexOf(u"start update check"_s) + 1),
               (QStringList{u"remove tap"_s, u"install tap"_s, u"show overlay"_s, u"overlay visible true"_s}));
-    EXPECT_TRUE(delegate->interviewViewModel().isLoggedIn());
     EXPECT_EQ(delegate->interviewViewModel().userEmail(), u"back@example.com"_s);
     EXPECT_EQ(shell.userId, u"u-9"_s);
     EXPECT_TRUE(telemetryEvents().contains(u"overlay_toggled"_s));
@@ -118,7 +124,6 @@ TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutAndComesBackByADeepLink)
     EXPECT_FALSE(delegate->authViewModel().isLoggedIn());
     EXPECT_EQ(tokens->item(AuthTokenStore::refreshTokenKey), std::nullopt);
 
-    // With no sign-in pending, a deep link's code is exchanged without a state.
     backend.setRoute("POST", "/api/v1/auth/exchange", tokenPair(u"u-1"_s, u"a@example.com"_s));
     delegate->openURLs({QUrl(u"ravlet://auth-callback?code=c-2"_s)});
     settle();
@@ -129,8 +134,7 @@ TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutAndComesBackByADeepLink)
 // Refused at launch, the user is signed out everywhere: the dashboard's requests land on sign-in.
 TEST_F(AppDelegateTest, ReturningUserRefusedByTheBackendIsSignedOutEverywhere)
 {
-    backend.setRoute("POST", "/api/v1/auth/refresh", FakeBackend::Response::json(401, "{}"));
-    launch(u"revoked"_s);
+    launch(FakeBackend::Response::json(401, "{}"));
     EXPECT_EQ(shell.log.last(), u"show welcome"_s);
     EXPECT_FALSE(shell.log.contains(u"show overlay"_s));
     EXPECT_FALSE(delegate->authViewModel().isLoggedIn());
@@ -140,14 +144,14 @@ TEST_F(AppDelegateTest, ReturningUserRefusedByTheBackendIsSignedOutEverywhere)
     h.notifications.post(Notifications::showDashboard);
     delegate->handleLaunchArguments({});
     delegate->handleLaunchArguments({u"--settings"_s});
-    EXPECT_EQ(shell.log, (QStringList{u"show welcome"_s, u"show welcome"_s, u"show welcome"_s}));
+    EXPECT_EQ(shell.log, QStringList(3, u"show welcome"_s));
     settle();
     EXPECT_FALSE(telemetryEvents().contains(u"settings_opened"_s));
 }
 
 TEST_F(AppDelegateTest, QuittingDuringARecordingStopsNothing)
 {
-    launchSignedIn();
+    launch(restored);
     awaitTask(delegate->interviewViewModel().startInterview(), 5000);
     ASSERT_TRUE(delegate->interviewViewModel().isRecording());
     EXPECT_EQ(crashLastState(), u"recording"_s);
@@ -160,20 +164,6 @@ TEST_F(AppDelegateTest, QuittingDuringARecordingStopsNothing)
     EXPECT_EQ(h.systemAudio.stopCount + h.microphone.stopCount, 0);
     for (const auto& recognizer : h.recognizers)
         EXPECT_FALSE(recognizer->isStopped);
-}
-
-// The callback of a pending browser sign-in ends it; an address of another host, with the right
-// scheme, ends nothing and exchanges nothing. (The whole-product test signs in through the browser.)
-TEST_F(AppDelegateTest, PendingBrowserSignInIgnoresAnotherHost)
-{
-    launch();
-    h.notifications.post(Notifications::startOAuthLogin);
-    ASSERT_EQ(opened.size(), 1);
-    const QString state = QUrlQuery(opened.first()).queryItemValue(u"state"_s);
-    delegate->openURLs({QUrl(u"ravlet://other?code=c-0&state="_s + state)});
-    settle();
-    EXPECT_TRUE(delegate->oauthService().isPending());
-    EXPECT_EQ(backend.totalRequests(), 0);
 }
 
 } // namespace

@@ -68,12 +68,6 @@ std::optional<QString> DisplayFixture::tool(const QString& program, const QStrin
     return QString::fromUtf8(process.readAllStandardOutput()).trimmed();
 }
 
-bool DisplayFixture::isWindowViewable(const QString& title)
-{
-    const auto ids = tool(u"xdotool"_s, {u"search"_s, u"--onlyvisible"_s, u"--name"_s, u'^' + title + u'$'});
-    return ids && !ids->isEmpty();
-}
-
 QQuickItem* DisplayFixture::findByAccessibleName(QQuickWindow* window, const QString& name)
 {
     QList<QQuickItem*> pending{window->contentItem()};

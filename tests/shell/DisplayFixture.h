@@ -24,8 +24,6 @@ QByteArray stateValue(const QString& stateFile, const QByteArray& key);
 // Runs an X tool (xdotool, xprop) to its end while this program goes on handling its events;
 // its output, or nothing when it failed.
 std::optional<QString> tool(const QString& program, const QStringList& arguments);
-// Whether a top-level window of that title is mapped and viewable.
-bool isWindowViewable(const QString& title);
 
 // The visible item of `window` whose accessible name is `name`, if any.
 QQuickItem* findByAccessibleName(QQuickWindow* window, const QString& name);

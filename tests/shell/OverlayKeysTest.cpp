@@ -14,76 +14,58 @@ using namespace OverlayKeys;
 
 namespace {
 
-AITriggerKey triggerKey(quint16 code, const char* name)
-{
-    return {code, isModifierKey(code), UserSettings::modifierFlagForKeyCode(code), QString::fromLatin1(name)};
-}
-
 constexpr quint16 rightShift = 60;
 constexpr quint16 f5 = 96;
 
 TEST(OverlayKeysTest, TheTapTakesOnlyTheArrowsOfAVisibleOverlay)
 {
-    struct Case {
-        quint16 code;
-        bool visible;
-        bool hasModel;
-        TapAction action;
-    };
-    for (const auto& c : {
-             Case{leftArrow, true, true, TapAction::selectPreviousAnswer},
-             Case{rightArrow, true, true, TapAction::selectNextAnswer},
-             Case{upArrow, true, true, TapAction::selectPreviousTranscript},
-             Case{downArrow, true, true, TapAction::selectNextTranscript},
-             Case{upArrow, false, true, TapAction::passOn},
-             Case{leftArrow, true, false, TapAction::passOn},
-             Case{f5, true, true, TapAction::passOn},
-             Case{0, true, true, TapAction::passOn},
-         })
-        EXPECT_EQ(tapAction(c.code, c.visible, c.hasModel), c.action) << c.code << " " << c.visible;
+    using enum TapAction;
+    // Key, overlay visible, has a model, what the tap does.
+    const std::tuple<quint16, bool, bool, TapAction> cases[] = {
+        {leftArrow, true, true, selectPreviousAnswer}, {rightArrow, true, true, selectNextAnswer},
+        {upArrow, true, true, selectPreviousTranscript}, {downArrow, true, true, selectNextTranscript},
+        {upArrow, false, true, passOn}, {leftArrow, true, false, passOn}, {f5, true, true, passOn}, {0, true, true, passOn}};
+    for (const auto& [code, visible, hasModel, action] : cases)
+        EXPECT_EQ(tapAction(code, visible, hasModel), action) << code << " " << visible << " " << hasModel;
 }
 
 TEST(OverlayKeysTest, TheTriggerFiresOnItsOwnKeyAndAModifierOnlyOnPress)
 {
-    const auto shift = triggerKey(rightShift, "Right Shift");
-    const auto capsLock = triggerKey(57, "Caps Lock");
-    const auto key = triggerKey(f5, "F5");
-    const quint64 shiftFlag = 0x20000;
-    struct Case {
-        const AITriggerKey& key;
-        KeyEvent event;
-        bool suppressed;
-        bool fires;
+    const auto key = [](quint16 code) {
+        return AITriggerKey{code, isModifierKey(code), UserSettings::modifierFlagForKeyCode(code), {}};
     };
-    for (const auto& c : {
-             Case{shift, {rightShift, EventKind::flagsChanged, shiftFlag}, false, true},
-             Case{shift, {rightShift, EventKind::flagsChanged, 0}, false, false}, // its release
-             Case{shift, {56, EventKind::flagsChanged, shiftFlag}, false, false},  // the other shift
-             Case{shift, {rightShift, EventKind::flagsChanged, shiftFlag}, true, false},
-             Case{capsLock, {57, EventKind::flagsChanged, 0}, false, true}, // no flag: press and release
-             Case{key, {f5, EventKind::keyDown, 0}, false, true},
-             Case{key, {f5, EventKind::keyDown, shiftFlag}, false, true},
-             Case{key, {f5, EventKind::flagsChanged, 0}, false, false}, // not what its monitors get
-             Case{key, {97, EventKind::keyDown, 0}, false, false},
-             Case{key, {f5, EventKind::keyDown, 0}, true, false},
-         })
-        EXPECT_EQ(triggerFires(c.key, c.suppressed, c.event), c.fires)
-            << c.key.displayName.toStdString() << " " << c.event.keyCode << " " << c.event.modifierFlags;
+    const quint64 shift = 0x20000;
+    using enum EventKind;
+    // Trigger key, the event its monitors get, suppressed, fires.
+    const std::tuple<quint16, KeyEvent, bool, bool> cases[] = {
+        {rightShift, {rightShift, flagsChanged, shift}, false, true},
+        {rightShift, {rightShift, flagsChanged, 0}, false, false}, // its release
+        {rightShift, {56, flagsChanged, shift}, false, false},      // the other shift
+        {rightShift, {rightShift, flagsChanged, shift}, true, false},
+        {57, {57, flagsChanged, 0}, false, true}, // Caps Lock has no flag: press and release
+        {f5, {f5, keyDown, 0}, false, true},
+        {f5, {f5, keyDown, shift}, false, true},
+        {f5, {f5, flagsChanged, 0}, false, false}, // not what its monitors get
+        {f5, {97, keyDown, 0}, false, false},
+        {f5, {f5, keyDown, 0}, true, false}};
+    for (const auto& [code, event, suppressed, fires] : cases)
+        EXPECT_EQ(triggerFires(key(code), suppressed, event), fires)
+            << code << ": " << event.keyCode << " " << event.modifierFlags << " " << suppressed;
 }
 
 TEST(OverlayKeysTest, TheReaderTurnsPressesIntoEventsWithTheHeldModifiers)
 {
     KeyEventReader reader;
-    EXPECT_EQ(reader.read(59, true), (KeyEvent{59, EventKind::flagsChanged, 0x40000}));
-    EXPECT_EQ(reader.read(rightShift, true), (KeyEvent{rightShift, EventKind::flagsChanged, 0x60000}));
-    EXPECT_EQ(reader.read(f5, true), (KeyEvent{f5, EventKind::keyDown, 0x60000}));
-    EXPECT_EQ(reader.read(f5, false), std::nullopt);
-    EXPECT_EQ(reader.read(rightShift, false), (KeyEvent{rightShift, EventKind::flagsChanged, 0x40000}));
-    EXPECT_EQ(reader.read(59, false), (KeyEvent{59, EventKind::flagsChanged, 0}));
-    // Both commands and both options share a flag; letting go of one keeps the other's.
-    reader.read(54, true);
-    reader.read(55, true);
-    EXPECT_EQ(reader.read(54, false), (KeyEvent{54, EventKind::flagsChanged, 0x100000}));
+    using enum EventKind;
+    // Key, pressed, the event; both commands (54, 55) share a flag, so letting go of one keeps it.
+    const std::tuple<quint16, bool, std::optional<KeyEvent>> steps[] = {
+        {59, true, KeyEvent{59, flagsChanged, 0x40000}}, {rightShift, true, KeyEvent{rightShift, flagsChanged, 0x60000}},
+        {f5, true, KeyEvent{f5, keyDown, 0x60000}}, {f5, false, std::nullopt},
+        {rightShift, false, KeyEvent{rightShift, flagsChanged, 0x40000}}, {59, false, KeyEvent{59, flagsChanged, 0}},
+        {54, true, KeyEvent{54, flagsChanged, 0x100000}}, {55, true, KeyEvent{55, flagsChanged, 0x100000}},
+        {54, false, KeyEvent{54, flagsChanged, 0x100000}}};
+    for (const auto& [code, pressed, event] : steps)
+        EXPECT_EQ(reader.read(code, pressed), event) << code << " " << pressed;
 }
 
 TEST(OverlayKeysTest, EveryKeyOfTheSettingsTablesHasItsKeysymAndBack)
@@ -99,14 +81,12 @@ TEST(OverlayKeysTest, EveryKeyOfTheSettingsTablesHasItsKeysymAndBack)
                 EXPECT_EQ(canonicalKeyCode(keysym), code) << name.toStdString();
         }
     }
-    EXPECT_EQ(canonicalKeyCode(XK_Super_L), 55);
-    EXPECT_EQ(canonicalKeyCode(XK_Super_R), 54);
-    EXPECT_EQ(canonicalKeyCode(XK_Alt_L), 58);
-    EXPECT_EQ(canonicalKeyCode(XK_ISO_Level3_Shift), 61);
-    EXPECT_EQ(canonicalKeyCode(XK_Q), canonicalKeyCode(XK_q));
-    EXPECT_EQ(canonicalKeyCode(XK_Up), upArrow);
-    EXPECT_EQ(canonicalKeyCode(XK_KP_Up), 91) << "the keypad's 8 stays itself with Num Lock off";
-    EXPECT_EQ(canonicalKeyCode(XK_Multi_key), std::nullopt);
+    // The second keysyms of a key, and the keypad's 8 staying itself with Num Lock off.
+    const std::pair<unsigned long, std::optional<quint16>> others[] = {
+        {XK_Super_L, 55}, {XK_Super_R, 54}, {XK_Alt_L, 58}, {XK_ISO_Level3_Shift, 61}, {XK_Q, canonicalKeyCode(XK_q)},
+        {XK_Up, upArrow}, {XK_KP_Up, 91}, {XK_Multi_key, std::nullopt}};
+    for (const auto& [keysym, code] : others)
+        EXPECT_EQ(canonicalKeyCode(keysym), code) << keysym;
 }
 
 } // namespace

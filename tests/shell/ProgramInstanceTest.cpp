@@ -1,84 +1,45 @@
-// The single running instance, in real processes under Xvfb: a socket left behind by a killed
-// run must not swallow the next start, and a second start hands its arguments to the running
-// one. (Sign-in through the browser, the dashboard through a third start and Quit from the
-// running program are covered by the whole-product test in tests/e2e.)
+// The single running instance: a socket left behind by a killed run answers nobody, must not
+// swallow the next start, and is replaced by one that listens. (A second start handing its
+// address to the running program, a third start and Quit run in real processes in the
+// whole-product test.)
 
-#include "QtPrinters.h"
+#include "SingleInstance.h"
 
-#include "../accounts/PrivateKeyring.h"
-#include "AuthTokenStore.h"
-#include "AwaitTask.h"
-#include "DisplayFixture.h"
-#include "FakeBackend.h"
-#include "KeychainHelper.h"
-
-#include <QDir>
 #include <QFile>
-#include <QProcess>
+#include <QLocalSocket>
 #include <QTemporaryDir>
-#include <QTest>
 
 #include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-TEST(ProgramInstanceTest, SocketLeftByAKilledRunIsReplacedAndTheNextStartsHandOver)
+TEST(ProgramInstanceTest, SocketLeftByAKilledRunIsReplaced)
 {
-    if (const auto reason = DisplayFixture::skipReason())
-        GTEST_SKIP() << *reason;
-    if (const auto reason = PrivateKeyring::attach())
-        GTEST_SKIP() << *reason;
-    for (const auto& key : {AuthTokenStore::accessTokenKey, AuthTokenStore::refreshTokenKey})
-        awaitTask(KeychainHelper().remove(key)); // signed out: the welcome panel shows
+    QTemporaryDir folder;
+    const QByteArray path = QFile::encodeName(folder.filePath(u"ravletai.socket"_s));
+    // What a killed run leaves: the socket's file, bound once and listened on by nobody.
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.constData(), sizeof(address.sun_path) - 1);
+    const int left = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(::bind(left, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ::close(left);
+    ASSERT_TRUE(QFile::exists(QFile::decodeName(path)));
 
-    QTemporaryDir home;
-    FakeBackend backend;
-    auto environment = QProcessEnvironment::systemEnvironment();
-    const std::pair<QString, QString> folders[] = {
-        {u"HOME"_s, u"home"_s}, {u"XDG_RUNTIME_DIR"_s, u"runtime"_s}, {u"XDG_CONFIG_HOME"_s, u"config"_s}, {u"XDG_DATA_HOME"_s, u"data"_s}};
-    for (const auto& [name, folder] : folders) {
-        QDir(home.path()).mkpath(folder);
-        environment.insert(name, home.filePath(folder));
-    }
-    QFile::setPermissions(home.filePath(u"runtime"_s), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    environment.remove(u"XDG_CURRENT_DESKTOP"_s);
-    environment.insert(u"RAVLET_TEST_BACKEND_ORIGIN"_s, backend.origin());
-    environment.insert(u"PULSE_SERVER"_s, u"unix:/nonexistent/ravlet-no-server"_s);
-    const auto start = [&](QProcess& process, const QStringList& arguments = {}) {
-        process.setProcessEnvironment(environment);
-        process.start(QStringLiteral(RAVLET_PROGRAM_UNDER_TEST), arguments);
-    };
-    // Runs the program once more to its end; its exit code, or -1.
-    const auto runAgain = [&](const QStringList& arguments) {
-        QProcess again;
-        start(again, arguments);
-        const bool ended = again.waitForFinished(10'000) && again.exitStatus() == QProcess::NormalExit;
-        return ended ? again.exitCode() : -1;
-    };
-    // Waits while the FakeBackend answers: it lives on this thread's event loop.
-    const auto waitFor = [](const std::function<bool()>& condition) { return QTest::qWaitFor(condition, 15'000); };
-
-    // A socket file nobody listens on, as a killed program leaves it.
-    const QString socket = home.filePath(u"runtime/ravletai.socket"_s);
-    QProcess killed;
-    start(killed);
-    ASSERT_TRUE(waitFor([&] { return QFile::exists(socket); }));
-    killed.kill();
-    killed.waitForFinished(5000);
-    ASSERT_TRUE(QFile::exists(socket));
-
-    QProcess first;
-    start(first);
-    ASSERT_TRUE(waitFor([] { return DisplayFixture::isWindowViewable(u"Welcome to RavletAI"_s); }));
-    EXPECT_EQ(first.state(), QProcess::Running) << "the new start must not hand over to a dead socket";
-
-    // A ravlet:// address given to a second start reaches the running one, which exchanges its code.
-    EXPECT_EQ(runAgain({u"ravlet://auth-callback?code=c-1"_s}), 0);
-    EXPECT_TRUE(waitFor([&] { return backend.requestCount("POST", "/api/v1/auth/exchange") == 1; }));
-    EXPECT_EQ(runAgain({u"--quit"_s}), 0);
-    EXPECT_TRUE(first.waitForFinished(10'000));
+    SingleInstance instance(QFile::decodeName(path));
+    EXPECT_FALSE(instance.forwardToRunning({u"--quit"_s})) << "handed over to a dead socket";
+    ASSERT_TRUE(instance.listen());
+    QLocalSocket next;
+    next.connectToServer(QFile::decodeName(path));
+    EXPECT_TRUE(next.waitForConnected(1000)) << "the next start would find nobody";
 }
 
 } // namespace
