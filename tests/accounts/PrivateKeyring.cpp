@@ -10,31 +10,6 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-// secret-tool, like our code, answers within seconds or has hung.
-constexpr int toolTimeoutMs = 20'000;
-
-std::optional<QByteArray> runSecretTool(const QStringList& arguments, const QByteArray& input = {})
-{
-    QProcess tool;
-    tool.start(u"secret-tool"_s, arguments);
-    if (!tool.waitForStarted(toolTimeoutMs))
-        return std::nullopt;
-    tool.write(input);
-    tool.closeWriteChannel();
-    if (!tool.waitForFinished(toolTimeoutMs)) {
-        tool.kill();
-        tool.waitForFinished();
-        return std::nullopt;
-    }
-    if (tool.exitStatus() != QProcess::NormalExit || tool.exitCode() != 0)
-        return std::nullopt;
-    return tool.readAllStandardOutput();
-}
-
-} // namespace
-
 std::optional<std::string> PrivateKeyring::attach()
 {
     const auto statePath = qEnvironmentVariable("RAVLET_KEYRING_STATE");
@@ -47,16 +22,13 @@ std::optional<std::string> PrivateKeyring::attach()
                                  + ": did the keyring_start test fail?");
 
     QByteArray address;
-    while (!state.atEnd()) {
-        const auto line = state.readLine().trimmed();
+    for (const auto& line : state.readAll().split('\n')) {
         const auto equals = line.indexOf('=');
-        const auto name = line.left(equals);
-        const auto value = line.mid(equals + 1);
-        if (name == "MISSING")
-            return "the private Secret Service needs " + value.toStdString()
+        if (line.left(equals) == "MISSING")
+            return "the private Secret Service needs " + line.mid(equals + 1).trimmed().toStdString()
                    + ", which is not installed (scripts/install-deps.sh installs it)";
-        if (name == "DBUS_SESSION_BUS_ADDRESS")
-            address = value;
+        if (line.left(equals) == "DBUS_SESSION_BUS_ADDRESS")
+            address = line.mid(equals + 1).trimmed();
     }
     if (address.isEmpty())
         throw std::runtime_error("the keyring state file names no bus");
@@ -77,8 +49,11 @@ bool PrivateKeyring::hasSecretTool()
 bool PrivateKeyring::storeRawItem(const QString& key, const QByteArray& bytes, Form form)
 {
     const bool base64 = form == Form::Base64;
-    const QStringList arguments{u"store"_s, u"--label=test item"_s, u"user"_s, key, u"server"_s,
-                                KeychainHelper::service, u"type"_s,
-                                base64 ? u"base64"_s : u"plaintext"_s};
-    return runSecretTool(arguments, base64 ? bytes.toBase64() : bytes).has_value();
+    QProcess tool;
+    tool.start(u"secret-tool"_s, {u"store"_s, u"--label=test item"_s, u"user"_s, key, u"server"_s, KeychainHelper::service,
+                                  u"type"_s, base64 ? u"base64"_s : u"plaintext"_s});
+    tool.write(base64 ? bytes.toBase64() : bytes);
+    tool.closeWriteChannel();
+    // secret-tool, like our code, answers within seconds or has hung; a hung one dies with `tool`.
+    return tool.waitForFinished(20'000) && tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
 }

@@ -1,19 +1,16 @@
 #include "QtPrinters.h"
 #include "AuthService.h"
-#include "AuthTokenStoreContract.h"
+#include "LogCapture.h"
 
+#include <QCoroTask>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
-using namespace Qt::StringLiterals;
+#include <gtest/gtest.h>
 
-INSTANTIATE_TEST_SUITE_P(
-    Stores, AuthTokenStoreTest,
-    ::testing::Values(TokenStoreBacking{"InMemory",
-                                        [] { return std::make_unique<InMemoryTokenStore>(); }}),
-    backingName);
+using namespace Qt::StringLiterals;
 
 // A desktop without a Secret Service: saves are logged and lost, reads give nothing, and
 // neither waits for the time-out.
