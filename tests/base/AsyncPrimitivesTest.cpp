@@ -100,36 +100,6 @@ TEST(CancellationTokenTest, CallbacksRunOnceAndDroppedRegistrationsNever)
     EXPECT_EQ(dropped, 0);
 }
 
-TEST(ManualClockTest, FiresSleepersInTimeOrderIncludingThoseAddedWhileAdvancing)
-{
-    ManualClock clock;
-    const auto start = clock.nowMs();
-    auto log = std::make_shared<Log>();
-    struct Chain {
-        static QCoro::Task<> run(Clock& clock, std::shared_ptr<Log> log)
-        {
-            co_await clock.sleep(100ms);
-            log->emplace_back(1, clock.nowMs());
-            co_await clock.sleep(50ms); // added during the advance, due at 150
-            log->emplace_back(3, clock.nowMs());
-            co_await clock.sleep(500ms); // due after the advance ends
-            log->emplace_back(5, clock.nowMs());
-        }
-    };
-    Chain::run(clock, log);
-    sleepAndRecord(clock, 120, {}, log, 2);
-    sleepAndRecord(clock, 150, {}, log, 4); // same deadline as the chain's second sleep, created first
-
-    clock.advance(200ms);
-    EXPECT_EQ(*log, (Log{{1, start + 100}, {2, start + 120}, {4, start + 150}, {3, start + 150}}));
-    EXPECT_EQ(clock.nowMs(), start + 200);
-    clock.advance(449ms);
-    EXPECT_EQ(log->size(), 4u);
-    clock.advance(1ms);
-    EXPECT_EQ(log->back(), std::pair(5, start + 650));
-    EXPECT_EQ(clock.pendingTimerCount(), 0u);
-}
-
 // A cancelled sleep wakes with false at once and drops its timer; waiting for a task is capped
 // at 1 s of clock time, and a task that ends first is reported finished at that moment.
 TEST(TaskHandleTest, CancelledSleepAndTheOneSecondCapOnTheManualClock)
@@ -169,11 +139,8 @@ TEST(TaskHandleTest, CancelledSleepAndTheOneSecondCapOnTheManualClock)
 TEST(TaskHandleTest, ExceptionEndsTheTaskAndIsLogged)
 {
     LogCapture logs;
-    struct Throwing {
-        static QCoro::Task<> run() { throw std::runtime_error("boom"); co_return; }
-    };
-    auto handle = TaskHandle::run([](const CancellationToken&) { return Throwing::run(); });
+    auto handle = TaskHandle::run([](CancellationToken) -> QCoro::Task<> { throw std::runtime_error("boom"); co_return; });
     EXPECT_TRUE(handle.isFinished());
-    ASSERT_EQ(logs.lines().size(), 1);
-    EXPECT_TRUE(logs.lines().first().startsWith(QStringLiteral("[Task] "))) << logs.lines().first().toStdString();
+    EXPECT_EQ(logs.lines().join(u'|').left(7), QStringLiteral("[Task] ")) << logs.lines().join(u'|').toStdString();
+    EXPECT_EQ(logs.lines().size(), 1);
 }
