@@ -89,7 +89,6 @@ public:
     QCoro::Task<QList<TranscriptEntry>> stop() override
     {
         isOpen = false;
-        ++stopCount;
         QList<TranscriptEntry> unacknowledged;
         for (const auto& entry : std::as_const(sent)) {
             if (!acknowledgedIds.contains(entry.id))
@@ -97,18 +96,12 @@ public:
         }
         co_return unacknowledged;
     }
-    void acknowledgeAll()
-    {
-        for (const auto& entry : std::as_const(sent))
-            acknowledgedIds.insert(entry.id);
-    }
 
     FailureScript startFailures;
     QStringList startedWith;
     QList<TranscriptEntry> sent;
     QSet<QString> acknowledgedIds;
     bool isOpen = false;
-    int stopCount = 0;
 
 private:
     Gates& m_gates;
@@ -270,8 +263,6 @@ struct InterviewHarness {
             return recognizer;
         };
         s.makeTranscriptChannel = [this]() -> std::shared_ptr<TranscriptChannel> {
-            if (makeRealChannel)
-                return makeRealChannel();
             auto channel = std::make_shared<FakeTranscriptChannel>(gates);
             if (std::exchange(failNextChannel, false))
                 channel->startFailures.add(failureOf(std::runtime_error("channel refused")));
@@ -333,8 +324,6 @@ struct InterviewHarness {
     QList<std::shared_ptr<FakeRecognizer>> recognizers;
     QList<std::shared_ptr<FakeTranscriptChannel>> channels;
     bool failNextChannel = false;
-    // Replaces the fake channel, for a test that needs the real one.
-    std::function<std::shared_ptr<TranscriptChannel>()> makeRealChannel;
     // Called with each recogniser as it is made, to script it.
     std::function<void(FakeRecognizer&)> prepareRecognizer;
     std::shared_ptr<ScriptedBackend> backend = std::make_shared<ScriptedBackend>(clock, gates);

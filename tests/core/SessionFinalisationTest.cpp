@@ -167,37 +167,20 @@ void leaveUndelivered(H& h, std::chrono::seconds ago)
     h.backend->calls.clear();
 }
 
-TEST(SessionFinalisationTest, PendingUploadIsDeliveredAtTheNextSignedInStartBeforeTheNewSession)
+// An undelivered transcript waits for the next signed-in start. Failing again there, it is kept
+// and named with its age, and a newer undelivered transcript replaces it; delivered, it goes up
+// before the new session, and its session is not completed again.
+TEST(SessionFinalisationTest, PendingUploadIsRetriedAtTheNextSignedInStartBeforeTheNewSession)
 {
     H h;
     leaveUndelivered(h, 42s);
     h.vm.setLoggedIn(false);
     h.start();
     EXPECT_TRUE(h.backend->calls.isEmpty());
-    ASSERT_TRUE(h.vm.pendingTranscriptUpload());
-
     h.vm.setLoggedIn(true);
-    const auto pending = *h.vm.pendingTranscriptUpload();
-    QStringList notices;
-    QObject context;
-    QObject::connect(&h.vm, &InterviewViewModel::lastNoticeChanged, &context,
-                     [&] { notices.append(h.vm.lastNotice().value_or(u"-"_s)); });
-    h.start();
-    EXPECT_EQ(notices, (QStringList{u"Recovered previous transcript upload."_s, u"-"_s}));
-    // The old session is not completed again.
-    EXPECT_EQ(h.backend->calls.mid(0, 3), (QStringList{u"postTranscript session-1 1"_s, u"fetchAccountStatus"_s,
-                                                       u"createSession en-US en"_s}));
-    EXPECT_TRUE(h.backend->callsOf(u"completeSession session-1"_s).isEmpty());
-    EXPECT_EQ(h.backend->delivered, pending.entries);
-    EXPECT_FALSE(h.vm.pendingTranscriptUpload());
-}
 
-TEST(SessionFinalisationTest, PendingUploadThatFailsAgainIsKeptAndNamedWithItsAge)
-{
-    H h;
-    leaveUndelivered(h, 42s);
-    h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(503)), 2);
     // The retry inside the start waits on the clock.
+    h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(503)), 2);
     h.gates.hold(u"fetchAccountStatus"_s);
     h.failNextChannel = true;
     auto start = h.vm.startInterview();
@@ -207,19 +190,30 @@ TEST(SessionFinalisationTest, PendingUploadThatFailsAgainIsKeptAndNamedWithItsAg
     h.gates.release(u"fetchAccountStatus"_s);
     awaitTask(std::move(start));
     EXPECT_EQ(h.backend->callsOf(u"postTranscript"_s).size(), 2);
-    EXPECT_TRUE(h.vm.pendingTranscriptUpload());
-    // Shown only while the start runs.
-    EXPECT_FALSE(h.vm.lastNotice());
+    EXPECT_FALSE(h.vm.lastNotice()); // shown only while the start runs
     EXPECT_EQ(h.vm.pipelineState(), State::recording);
 
-    // Its own delivery failing too, the newer transcript replaces the older one.
     h.say(Speaker::interviewer, u"Second lost"_s);
     h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
     h.stop();
     ASSERT_TRUE(h.vm.pendingTranscriptUpload());
-    EXPECT_EQ(h.vm.pendingTranscriptUpload()->sessionId, u"session-2"_s);
-    ASSERT_EQ(h.vm.pendingTranscriptUpload()->entries.size(), 1);
-    EXPECT_EQ(h.vm.pendingTranscriptUpload()->entries[0].value(u"content"_s).toString(), u"Second lost"_s);
+    const auto pending = *h.vm.pendingTranscriptUpload();
+    EXPECT_EQ(pending.sessionId, u"session-2"_s);
+    ASSERT_EQ(pending.entries.size(), 1);
+    EXPECT_EQ(pending.entries[0].value(u"content"_s).toString(), u"Second lost"_s);
+
+    h.backend->calls.clear();
+    QStringList notices;
+    QObject context;
+    QObject::connect(&h.vm, &InterviewViewModel::lastNoticeChanged, &context,
+                     [&] { notices.append(h.vm.lastNotice().value_or(u"-"_s)); });
+    h.start();
+    EXPECT_EQ(notices, (QStringList{u"Recovered previous transcript upload."_s, u"-"_s}));
+    EXPECT_EQ(h.backend->calls.mid(0, 3), (QStringList{u"postTranscript session-2 1"_s, u"fetchAccountStatus"_s,
+                                                       u"createSession en-US en"_s}));
+    EXPECT_TRUE(h.backend->callsOf(u"completeSession session-2"_s).isEmpty());
+    EXPECT_EQ(h.backend->delivered, pending.entries);
+    EXPECT_FALSE(h.vm.pendingTranscriptUpload());
 }
 
 } // namespace
