@@ -35,21 +35,13 @@ TEST(AppStringsTest, LanguageFollowsThePreferredLanguagesAndLookupFallsBack)
     EXPECT_EQ(AppStrings::fill(u"%@ and %@"_s, {u"one"_s}), u"one and "_s) << "a missing argument leaves nothing";
 }
 
-namespace {
-QStringList placeholders(const QString& text)
-{
-    static const QRegularExpression pattern(u"%@|%d"_s);
-    QStringList found;
-    for (auto it = pattern.globalMatch(text); it.hasNext();)
-        found.append(it.next().captured());
-    return found;
-}
-} // namespace
-
 // Every table holds English's keys (less the later ones, which only some have) with English's
 // placeholders, mostly translated; only Arabic reads right to left.
 TEST(AppStringsTest, EveryTableIsComplete)
 {
+    // A text's %@ and %d in their order, the rest dropped.
+    static const QRegularExpression otherThanPlaceholders(u"(%[@d])|."_s, QRegularExpression::DotMatchesEverythingOption);
+    const auto placeholders = [](QString text) { return text.replace(otherThanPlaceholders, u"\\1"_s); };
     const auto& english = AppStrings::table(u"en"_s);
     ASSERT_EQ(english.size(), 177);
     for (const auto& code : AppStrings::languageCodes()) {
