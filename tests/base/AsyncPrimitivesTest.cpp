@@ -59,8 +59,7 @@ TEST(AsyncQueueTest, NothingDroppedCancelAndFinish)
     queue->push(-1); // to the waiting reader
     EXPECT_TRUE(out->items == pushed);
     reader.cancel();
-    EXPECT_TRUE(reader.isFinished());
-    EXPECT_TRUE(out->ended);
+    EXPECT_TRUE(reader.isFinished() && out->ended);
 
     queue->push(7);
     // A read with an already cancelled token takes nothing; a fresh reader gets the item.
@@ -81,8 +80,7 @@ TEST(AsyncQueueTest, NothingDroppedCancelAndFinish)
 TEST(CancellationTokenTest, CallbacksRunOnceAndDroppedRegistrationsNever)
 {
     CancellationToken token;
-    int fired = 0;
-    int dropped = 0;
+    int fired = 0, dropped = 0;
     auto kept = token.onCancel([&] { ++fired; });
     {
         auto gone = token.onCancel([&] { ++dropped; });
@@ -96,8 +94,7 @@ TEST(CancellationTokenTest, CallbacksRunOnceAndDroppedRegistrationsNever)
     copy.cancel();
     token.cancel();
     EXPECT_TRUE(token.isCancelled());
-    EXPECT_EQ(fired, 1);
-    EXPECT_EQ(dropped, 0);
+    EXPECT_EQ(std::pair(fired, dropped), std::pair(1, 0));
 }
 
 // A cancelled sleep wakes with false at once and drops its timer; waiting for a task is capped
