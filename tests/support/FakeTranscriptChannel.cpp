@@ -12,11 +12,6 @@
 
 using namespace Qt::StringLiterals;
 
-QJsonObject FakeTranscriptChannel::Frame::json() const
-{
-    return QJsonDocument::fromJson(data).object();
-}
-
 FakeTranscriptChannel::FakeTranscriptChannel(QObject* parent)
     : QObject(parent)
     , m_server(new QWebSocketServer(u"FakeTranscriptChannel"_s, QWebSocketServer::NonSecureMode, this))
@@ -33,17 +28,9 @@ FakeTranscriptChannel::FakeTranscriptChannel(QObject* parent)
 
 FakeTranscriptChannel::~FakeTranscriptChannel()
 {
-    for (const auto& peer : m_peers) {
-        if (peer->socket) {
-            peer->socket->disconnect(this);
-            peer->socket->abort();
-        }
-    }
-}
-
-QString FakeTranscriptChannel::baseURL() const
-{
-    return u"http://127.0.0.1:"_s + QString::number(m_server->serverPort());
+    // Cut, so that a client still running sees the server vanish rather than say goodbye.
+    for (const auto& peer : m_peers)
+        cut(peer.get());
 }
 
 int FakeTranscriptChannel::openConnectionCount() const
@@ -76,10 +63,8 @@ bool FakeTranscriptChannel::sendAck(const QStringList& ids)
 bool FakeTranscriptChannel::send(const QByteArray& data, bool isBinary)
 {
     auto* peer = newestOpen();
-    if (peer && isBinary)
-        peer->socket->sendBinaryMessage(data);
-    else if (peer)
-        peer->socket->sendTextMessage(QString::fromUtf8(data));
+    if (peer)
+        isBinary ? peer->socket->sendBinaryMessage(data) : peer->socket->sendTextMessage(QString::fromUtf8(data));
     return peer != nullptr;
 }
 
@@ -126,17 +111,11 @@ void FakeTranscriptChannel::onFrame(Peer* peer, const Frame& frame)
     if (frame.revision() >= latest.revision)
         latest = {frame.revision(), frame.content()};
 
-    switch (m_rule ? m_rule(frame) : Reaction::ack) {
-    case Reaction::ack:
-        return ack(peer, frame);
-    case Reaction::ignore:
-        return;
-    case Reaction::drop:
-        return cut(peer);
-    case Reaction::ackThenDrop:
+    const auto reaction = m_rule ? m_rule(frame) : Reaction::ack;
+    if (reaction == Reaction::ack || reaction == Reaction::ackThenDrop)
         ack(peer, frame);
-        return cut(peer);
-    }
+    if (reaction == Reaction::drop || reaction == Reaction::ackThenDrop)
+        cut(peer);
 }
 
 void FakeTranscriptChannel::ack(Peer* peer, const Frame& frame)
@@ -178,9 +157,8 @@ void FakeTranscriptChannel::cut(Peer* peer)
 
 FakeTranscriptChannel::Peer* FakeTranscriptChannel::newestOpen()
 {
-    for (auto it = m_peers.rbegin(); it != m_peers.rend(); ++it) {
+    for (auto it = m_peers.rbegin(); it != m_peers.rend(); ++it)
         if ((*it)->socket)
             return it->get();
-    }
     return nullptr;
 }

@@ -2,12 +2,14 @@
 
 #include <QByteArray>
 #include <QHash>
+#include <QJsonDocument>
 #include <QJsonObject>
 #include <QList>
 #include <QObject>
 #include <QSet>
 #include <QString>
 #include <QStringList>
+#include <QWebSocketServer>
 
 #include <functional>
 #include <memory>
@@ -15,7 +17,6 @@
 #include <vector>
 
 class QWebSocket;
-class QWebSocketServer;
 
 // The backend's transcript WebSocket: a real server on 127.0.0.1 with a port the system picks.
 // It records what each connection asked for and every frame it received, and answers each frame
@@ -38,7 +39,7 @@ public:
         QByteArray data;
 
         // Empty when the frame is not a JSON object.
-        QJsonObject json() const;
+        QJsonObject json() const { return QJsonDocument::fromJson(data).object(); }
         QString id() const { return json().value(QStringLiteral("id")).toString(); }
         QString content() const { return json().value(QStringLiteral("content")).toString(); }
         int revision() const { return json().value(QStringLiteral("revision")).toInt(); }
@@ -56,7 +57,7 @@ public:
     ~FakeTranscriptChannel() override;
 
     // "http://127.0.0.1:<port>", as the backend's base URL is given.
-    QString baseURL() const;
+    QString baseURL() const { return QStringLiteral("http://127.0.0.1:") + QString::number(m_server->serverPort()); }
 
     void setFrameRule(std::function<Reaction(const Frame&)> rule) { m_rule = std::move(rule); }
     // A refusing server answers every handshake with 403.

@@ -1,7 +1,6 @@
 #include "FakeVendorServer.h"
 
 #include <QHostAddress>
-#include <QTcpSocket>
 #include <QTest>
 #include <QUrlQuery>
 #include <QWebSocket>
@@ -13,30 +12,27 @@ using namespace Qt::StringLiterals;
 
 QByteArray FakeVendorServer::Connection::header(const QByteArray& name) const
 {
-    for (const auto& [key, value] : headers) {
+    for (const auto& [key, value] : headers)
         if (key.compare(name, Qt::CaseInsensitive) == 0)
             return value;
-    }
     return {};
 }
 
 QStringList FakeVendorServer::Connection::textFrames() const
 {
     QStringList texts;
-    for (const auto& frame : frames) {
+    for (const auto& frame : frames)
         if (frame.isText)
             texts.append(frame.text());
-    }
     return texts;
 }
 
 QList<QByteArray> FakeVendorServer::Connection::binaryFrames() const
 {
     QList<QByteArray> binaries;
-    for (const auto& frame : frames) {
+    for (const auto& frame : frames)
         if (!frame.isText)
             binaries.append(frame.payload);
-    }
     return binaries;
 }
 
@@ -47,11 +43,6 @@ FakeVendorServer::FakeVendorServer(QStringList subprotocols, QObject* parent)
     connect(m_server, &QWebSocketServer::newConnection, this, &FakeVendorServer::onNewConnection);
     if (!m_server->listen(QHostAddress::LocalHost, 0))
         qFatal("FakeVendorServer cannot listen");
-}
-
-QString FakeVendorServer::origin() const
-{
-    return u"ws://127.0.0.1:"_s + QString::number(m_server->serverPort());
 }
 
 int FakeVendorServer::openConnectionCount() const
@@ -101,48 +92,11 @@ void FakeVendorServer::onNewConnection()
     }
 }
 
-QWebSocket* FakeVendorServer::latest() const
+QWebSocket& FakeVendorServer::latest() const
 {
-    return m_connections.isEmpty() ? nullptr : m_connections.last().socket.data();
-}
-
-void FakeVendorServer::sendText(const QString& text)
-{
-    if (auto* socket = latest())
-        socket->sendTextMessage(text);
-}
-
-void FakeVendorServer::sendBinary(const QByteArray& bytes)
-{
-    if (auto* socket = latest())
-        socket->sendBinaryMessage(bytes);
-}
-
-void FakeVendorServer::sendRawText(const QByteArray& payload)
-{
-    auto* socket = latest();
-    // The server's TCP sockets are not the WebSocket's children: find this one by its peer.
-    QTcpSocket* tcp = nullptr;
-    for (auto* candidate : findChildren<QTcpSocket*>()) {
-        if (socket && candidate->peerPort() == socket->peerPort())
-            tcp = candidate;
-    }
-    if (!tcp || payload.size() >= 126)
-        qFatal("sendRawText: no socket, or a payload too long for a one-byte length");
-    // FIN and the text opcode, unmasked as a server's frames are, with a one-byte length.
-    tcp->write(QByteArray("\x81", 1) + char(payload.size()) + payload);
-}
-
-void FakeVendorServer::close(int code, const QString& reason)
-{
-    if (auto* socket = latest())
-        socket->close(QWebSocketProtocol::CloseCode(code), reason);
-}
-
-void FakeVendorServer::abort()
-{
-    if (auto* socket = latest())
-        socket->abort();
+    if (m_connections.isEmpty() || !m_connections.last().socket)
+        qFatal("FakeVendorServer: no connection to speak on");
+    return *m_connections.last().socket;
 }
 
 bool FakeVendorServer::waitForFrames(int count, int deadlineMs) const

@@ -7,11 +7,11 @@
 #include <QString>
 #include <QStringList>
 #include <QUrl>
+#include <QWebSocket>
+#include <QWebSocketServer>
 
 #include <utility>
 
-class QWebSocket;
-class QWebSocketServer;
 
 // A speech vendor on 127.0.0.1 with a port the system picks: a real WebSocket server that
 // records each connection's request and every frame it receives, and lets the test answer,
@@ -53,21 +53,18 @@ public:
     // `subprotocols`: those the server accepts (it answers with the first one requested).
     explicit FakeVendorServer(QStringList subprotocols = {}, QObject* parent = nullptr);
 
-    QString origin() const; // "ws://127.0.0.1:<port>"
+    QString origin() const { return QStringLiteral("ws://127.0.0.1:") + QString::number(m_server->serverPort()); }
 
     const QList<Connection>& connections() const { return m_connections; }
     const Connection& last() const { return m_connections.last(); }
     int connectionCount() const { return int(m_connections.size()); }
     int openConnectionCount() const;
 
-    // To the latest connection.
-    void sendText(const QString& text);
-    void sendBinary(const QByteArray& bytes);
-    // A text frame with these exact bytes, UTF-8 or not (Qt itself only sends valid UTF-8).
-    void sendRawText(const QByteArray& payload);
-    // A close handshake with this code, or a TCP reset with none.
-    void close(int code = 1000, const QString& reason = {});
-    void abort();
+    // To the latest connection: a close handshake with this code, or a TCP reset with none.
+    void sendText(const QString& text) { latest().sendTextMessage(text); }
+    void sendBinary(const QByteArray& bytes) { latest().sendBinaryMessage(bytes); }
+    void close(int code = 1000, const QString& reason = {}) { latest().close(QWebSocketProtocol::CloseCode(code), reason); }
+    void abort() { latest().abort(); }
 
     // Wait (spinning the event loop) until the latest connection has `count` frames, or until
     // `count` connections were made.
@@ -80,7 +77,8 @@ Q_SIGNALS:
 
 private:
     void onNewConnection();
-    QWebSocket* latest() const;
+    // A test that speaks before any connection, or to one the fake no longer holds, is wrong.
+    QWebSocket& latest() const;
 
     QWebSocketServer* m_server;
     QList<Connection> m_connections;

@@ -11,10 +11,9 @@ using namespace Qt::StringLiterals;
 
 QString SpokenAudio::missingTool()
 {
-    for (const auto& tool : {u"espeak-ng"_s, u"sox"_s}) {
+    for (const auto& tool : {u"espeak-ng"_s, u"sox"_s})
         if (QStandardPaths::findExecutable(tool).isEmpty())
             return tool;
-    }
     return {};
 }
 
