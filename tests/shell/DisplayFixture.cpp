@@ -32,17 +32,12 @@ void DisplayFixture::attach()
     // Without the display the application still has to start, to list and skip the tests.
     qputenv("QT_QPA_PLATFORM", "offscreen");
     const QString state = qEnvironmentVariable("RAVLET_DISPLAY_STATE");
-    if (state.isEmpty()) {
-        g_skipReason = "RAVLET_DISPLAY_STATE is not set: run through CTest";
-        return;
-    }
-    if (const auto missing = stateValue(state, "MISSING"); !missing.isEmpty()) {
-        g_skipReason = missing.toStdString() + " is not installed (scripts/install-deps.sh installs it)";
-        return;
-    }
+    const auto missing = stateValue(state, "MISSING");
     const auto display = stateValue(state, "DISPLAY");
-    if (display.isEmpty()) {
-        g_skipReason = "the display fixture did not start";
+    if (!missing.isEmpty() || display.isEmpty()) {
+        g_skipReason = state.isEmpty() ? "RAVLET_DISPLAY_STATE is not set: run through CTest"
+            : !missing.isEmpty()       ? missing.toStdString() + " is not installed (scripts/install-deps.sh installs it)"
+                                       : "the display fixture did not start";
         return;
     }
     qputenv("DISPLAY", display);

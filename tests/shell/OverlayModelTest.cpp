@@ -65,7 +65,7 @@ TEST(OverlayLayout, RowsFadeByAQuarterPerStepToAFloorAndTheDividerStopsFortyShor
         EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected) << upper << " " << by;
 }
 
-TEST_F(OverlayModelTest, RowsFollowTheDisplayedTranscriptWithShadingAndSelection)
+TEST_F(OverlayModelTest, RowsFollowTheDisplayedTranscriptWithSpeakerAndShading)
 {
     h.start();
     for (int k = 0; k < 5; ++k)
@@ -88,18 +88,6 @@ TEST_F(OverlayModelTest, RowsFollowTheDisplayedTranscriptWithShadingAndSelection
     ASSERT_GE(changed.count(), 1);
     EXPECT_EQ(changed.last().at(0).toModelIndex().row(), 5);
     EXPECT_EQ(rowValue(5, TranscriptRowsModel::ContentRole).toString(), u"Probably patience"_s);
-
-    // Selection marks a final row at its position, never the partial, and tells when it moves.
-    QSignalSpy selectedRow(rows, &TranscriptRowsModel::selectedRowChanged);
-    const auto previous = &InterviewViewModel::selectPreviousTranscript, next = &InterviewViewModel::selectNextTranscript;
-    const std::pair<void (InterviewViewModel::*)(), int> moves[] = {{previous, 4}, {previous, 3}, {next, 4}, {next, -1}};
-    for (const auto& [move, expected] : moves) {
-        (h.vm.*move)();
-        EXPECT_EQ(rows->selectedRow(), expected);
-        for (int row = 0; row < 6; ++row)
-            EXPECT_EQ(rowValue(row, TranscriptRowsModel::IsSelectedRole).toBool(), row == expected) << row;
-    }
-    EXPECT_EQ(selectedRow.count(), 4);
 }
 
 // The hint follows the settings at once and goes with the first row; a drag of the divider sets
@@ -113,7 +101,6 @@ TEST_F(OverlayModelTest, HintAndDividerFollowTheirInputsAndSayWhenTheyChange)
     h.settings.setAutoTriggerAIAnswers(false);
     h.settings.setAITriggerKey(AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
     EXPECT_EQ(overlay.hintText(), u"Press F5 to trigger AI after interviewer speaks"_s);
-    EXPECT_EQ(overlay.triggerKeyName(), u"F5"_s);
     EXPECT_TRUE(overlay.showsHint());
     h.start();
     h.say(Speaker::interviewer, u"So"_s, false);
@@ -171,16 +158,14 @@ TEST_F(OverlayModelTest, StreamedAnswerGrowsInPlaceAndTheTriggerWaitsForIt)
     h.start();
     EXPECT_TRUE(overlay.canTrigger());
     line(Speaker::interviewer, u"How do you handle conflict?"_s);
-
     QSignalSpy trigger(&overlay, &OverlayViewModel::canTriggerChanged);
     h.vm.triggerAIAnswer();
     InterviewHarness::settle();
-    ASSERT_EQ(overlay.answers()->rowCount(), 1);
     EXPECT_FALSE(overlay.canTrigger());
     EXPECT_GE(trigger.count(), 1);
     EXPECT_EQ(overlay.answerState(), AnswerState::generating);
 
-    // Each chunk reaches both the list and the answer area.
+    // Each chunk reaches both the list, in place, and the answer area.
     QSignalSpy changed(overlay.answers(), &QAbstractItemModel::dataChanged);
     QSignalSpy answerChanged(&overlay, &OverlayViewModel::answerChanged);
     const auto stream = h.backend->answerStreams.last();
@@ -191,12 +176,9 @@ TEST_F(OverlayModelTest, StreamedAnswerGrowsInPlaceAndTheTriggerWaitsForIt)
     EXPECT_GE(changed.count(), 2);
     EXPECT_GE(answerChanged.count(), 2);
     EXPECT_EQ(overlay.selectedAnswerText(), u"Calmly, and early."_s);
-    EXPECT_EQ(std::pair(overlay.answerState(), overlay.isStreaming()), std::pair(AnswerState::answer, true));
     EXPECT_TRUE(overlay.answers()->index(0).data(AnswersModel::IsStreamingRole).toBool());
-
     stream->finish();
     InterviewHarness::settle();
-    EXPECT_FALSE(overlay.isStreaming());
     EXPECT_FALSE(overlay.answers()->index(0).data(AnswersModel::IsStreamingRole).toBool());
     EXPECT_TRUE(overlay.canTrigger());
 }
