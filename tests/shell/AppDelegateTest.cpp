@@ -16,11 +16,9 @@ namespace {
 // The backend's answer to a refresh or an exchange: a new pair for the given user.
 FakeBackend::Response tokenPair(const QString& id, const QString& email)
 {
-    const QJsonObject user{{u"id"_s, u"u-1"_s}, {u"email"_s, u"a@example.com"_s}};
-    return FakeBackend::Response::json(200, QJsonDocument(QJsonObject{{u"accessToken"_s, accessTokenFor(id, email)},
-                                                                      {u"refreshToken"_s, u"refresh-2"_s},
-                                                                      {u"user"_s, user}})
-                                                .toJson());
+    const QJsonObject pair{{u"accessToken"_s, accessTokenFor(id, email)}, {u"refreshToken"_s, u"refresh-2"_s},
+                           {u"user"_s, QJsonObject{{u"id"_s, u"u-1"_s}, {u"email"_s, u"a@example.com"_s}}}};
+    return FakeBackend::Response::json(200, QJsonDocument(pair).toJson());
 }
 
 class AppDelegateTest : public ::testing::Test, protected DelegateRig {

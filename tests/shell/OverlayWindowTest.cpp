@@ -32,15 +32,8 @@ namespace {
 using DisplayFixture::tool;
 using Speaker = TranscriptEntry::Speaker;
 
-QString xprop(const QStringList& arguments)
-{
-    return tool(u"xprop"_s, arguments).value_or(QString());
-}
-
-QString activeWindow()
-{
-    return tool(u"xdotool"_s, {u"getactivewindow"_s}).value_or(QString());
-}
+QString xprop(const QStringList& arguments) { return tool(u"xprop"_s, arguments).value_or(QString()); }
+QString activeWindow() { return tool(u"xdotool"_s, {u"getactivewindow"_s}).value_or(QString()); }
 
 // The real pointer of the display, so the window manager sees it too: a press at the item's
 // centre (or `fromX` along it), a move by `by` in two steps (past the drag threshold, then on)
@@ -65,11 +58,7 @@ bool pointer(QQuickItem* item, QPoint by = {}, std::optional<qreal> fromX = {})
 class VideoCall : public QProcess {
 public:
     VideoCall() { start(QStringLiteral(RAVLET_VIDEO_CALL)); }
-    ~VideoCall() override
-    {
-        kill();
-        waitForFinished();
-    }
+    ~VideoCall() override { kill(); waitForFinished(); }
     QString window() { return output().section(u"window "_s, 1, 1).section(u'\n', 0, 0); }
     int presses(const char* keysym) { return int(output().count(u"\npress "_s + QLatin1String(keysym) + u'\n')); }
     bool lostFocus() { return output().contains(u"\nfocus out\n"_s); }
@@ -100,11 +89,7 @@ protected:
             return xprop({u"-root"_s, u"_NET_SUPPORTING_WM_CHECK"_s}).contains(u"window id"_s);
         }, 10000);
     }
-    static void TearDownTestSuite()
-    {
-        s_windowManager.reset();
-        s_home.reset();
-    }
+    static void TearDownTestSuite() { s_windowManager.reset(); s_home.reset(); }
 
     void SetUp() override
     {
@@ -135,11 +120,7 @@ protected:
     }
 
     // A final line of its own: more than the utterance gap after the speaker's last one.
-    void line(Speaker speaker, const QString& text)
-    {
-        h.passTime(6s);
-        h.say(speaker, text);
-    }
+    void line(Speaker speaker, const QString& text) { h.passTime(6s); h.say(speaker, text); }
 
     void answer(const QString& text, bool finish = true)
     {

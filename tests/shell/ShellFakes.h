@@ -26,11 +26,7 @@ public:
     static QString name(Panel panel) { return QStringList{u"overlay"_s, u"settings"_s, u"welcome"_s}.at(int(panel)); }
 
     void createMenuBarItem(const ShellModels&) override { log.append(u"create menu bar item"_s); }
-    void createPanel(Panel panel, const ShellModels&) override
-    {
-        log.append(u"create "_s + name(panel));
-        m_created[int(panel)] = true;
-    }
+    void createPanel(Panel panel, const ShellModels&) override { log.append(u"create "_s + name(panel)); m_created[int(panel)] = true; }
     bool hasPanel(Panel panel) const override { return m_created[int(panel)]; }
     void show(Panel panel) override { setVisible(panel, true); }
     void hide(Panel panel) override { setVisible(panel, false); }
@@ -60,8 +56,7 @@ private:
         log.append((visible ? u"show "_s : u"hide "_s) + name(panel));
         m_visible[int(panel)] = visible;
     }
-    std::array<bool, 3> m_created{};
-    std::array<bool, 3> m_visible{};
+    std::array<bool, 3> m_created{}, m_visible{};
 };
 
 // An access token the client can read: only its payload matters.
@@ -98,23 +93,14 @@ struct DelegateRig {
                 tokens = store.get();
                 return store;
             },
-            [this] {
-                shell.log.append(u"make interview services"_s);
-                return h.services();
-            },
-            [this](APIClient&) {
-                shell.log.append(u"give client to interview"_s);
-                return h.backend;
-            },
+            [this] { shell.log.append(u"make interview services"_s); return h.services(); },
+            [this](APIClient&) { shell.log.append(u"give client to interview"_s); return h.backend; },
             [this](TelemetryClient* telemetry, std::function<QString()> lastState) {
                 const bool wired = delegate->authViewModel().apiClient() && shell.telemetry == telemetry;
                 shell.log.append(u"install crash reporter"_s + (wired ? u" after wiring"_s : u""_s));
                 crashLastState = std::move(lastState);
             },
-            [this](const QUrl& url) {
-                opened.append(url);
-                return true;
-            },
+            [this](const QUrl& url) { opened.append(url); return true; },
             [] { return false; }, [this] { shell.log.append(u"terminate"_s); }});
         awaitTask(delegate->applicationDidFinishLaunching());
     }
