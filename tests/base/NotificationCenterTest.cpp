@@ -20,8 +20,7 @@ TEST(NotificationCenterTest, DeliversInOrderAndObserversMayChangeTheListWhilePos
     });
     auto context = std::make_unique<QObject>();
     center.addObserver(Notifications::apiRequestFailed, context.get(), [&](const Notification&) { calls.append(u"context"_s); });
-    NotificationCenter::ObserverId self = 0;
-    NotificationCenter::ObserverId victim = 0;
+    NotificationCenter::ObserverId self = 0, victim = 0;
     self = center.addObserver(Notifications::apiRequestFailed, nullptr, [&](const Notification&) {
         calls.append(u"self-removing"_s);
         center.removeObserver(self);

@@ -98,8 +98,7 @@ TEST(PreferencesStoreTest, UnwritableLocationKeepsValuesInMemoryAndLogs)
     JsonPreferencesStore store(dir.filePath(u"blocked/preferences.json"_s));
     store.setString(u"inputLanguage"_s, u"de-DE"_s);
     EXPECT_EQ(store.string(u"inputLanguage"_s), u"de-DE"_s);
-    ASSERT_FALSE(logs.lines().isEmpty());
-    EXPECT_TRUE(logs.lines().first().startsWith(u"[Preferences] could not save preferences"_s));
+    EXPECT_TRUE(logs.lines().join(u'|').startsWith(u"[Preferences] could not save preferences"_s));
 }
 
 TEST(PreferencesStoreTest, KilledWriterNeverLeavesPartialFile)
