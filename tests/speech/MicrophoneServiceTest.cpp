@@ -133,13 +133,9 @@ TEST(MicrophoneConversionTest, OutputRoomFollowsTheRateRatioTruncated)
     }
 }
 
-// Voice processing comes first: it may change the rate the input delivers at.
-TEST_F(MicrophoneServiceTest, StartFollowsThePlatformOrderAndReportsEachFailure)
+// A failed start leaves the platform unstarted and the engine for the caller's stop.
+TEST_F(MicrophoneServiceTest, EachFailureOfTheStartIsReported)
 {
-    awaitTask(service.start());
-    EXPECT_EQ(platform->calls, (QStringList{u"voiceProcessing"_s, u"rate"_s,
-                                            u"converter 48000>16000"_s, u"installTap 4096"_s, u"start"_s}));
-    awaitTask(service.stop());
     const struct {
         void (*arrange)(FakePlatform&);
         QString text;
@@ -159,19 +155,21 @@ TEST_F(MicrophoneServiceTest, StartFollowsThePlatformOrderAndReportsEachFailure)
             EXPECT_EQ(error.description(), failure.text);
         }
         EXPECT_FALSE(platform->calls.contains(u"start"_s));
-        EXPECT_TRUE(service.isCapturing()) << "the engine stays for the caller's stop";
+        EXPECT_TRUE(service.isCapturing());
         awaitTask(service.stop());
         EXPECT_FALSE(service.isCapturing());
     }
 }
 
-// The session keeps one converter throughout. Stop ends the stream with what came before still
-// readable; a new session gets a new converter, and a block of the old one still on its way
-// goes nowhere. A stop while the platform still answers overtakes that start: it ends quietly
-// and leaves nothing running.
-TEST_F(MicrophoneServiceTest, EachSessionHasOneConverterAndAStopEndsItEvenWhileStarting)
+// Voice processing comes first: it may change the rate the input delivers at. The session keeps
+// one converter throughout. Stop ends the stream with what came before still readable; a new
+// session gets a new converter, and a block of the old one still on its way goes nowhere. A stop
+// while the platform still answers overtakes that start: it ends quietly and leaves nothing running.
+TEST_F(MicrophoneServiceTest, EachSessionStartsInThePlatformsOrderWithOneConverterAndAStopEndsItEvenWhileStarting)
 {
     awaitTask(service.start());
+    EXPECT_EQ(platform->calls, (QStringList{u"voiceProcessing"_s, u"rate"_s, u"converter 48000>16000"_s,
+                                            u"installTap 4096"_s, u"start"_s}));
     const auto stream = service.audioStream();
     const auto oldTap = platform->tap;
     tap(oldTap);

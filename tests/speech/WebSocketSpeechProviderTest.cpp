@@ -244,12 +244,9 @@ protected:
         }
         return taken;
     }
-    // Points the provider at a plain TCP listener that never speaks WebSocket.
-    void useTcpVendor(QTcpServer& tcp)
-    {
-        ASSERT_TRUE(tcp.listen(QHostAddress::LocalHost, 0));
-        provider.setOrigin(u"ws://127.0.0.1:"_s + QString::number(tcp.serverPort()));
-    }
+    // A plain TCP listener that never speaks WebSocket, as the vendor.
+    QTcpServer tcp;
+    void useTcpVendor() { provider.setOrigin(u"ws://127.0.0.1:"_s + QString::number(tcp.serverPort())); }
 
     FakeVendorServer server{V::subprotocols()};
     ManualClock clock;
@@ -360,12 +357,12 @@ TEST_F(DeepgramTest, NoKeepAliveInEnglishAndTheHandshakeAndFarewellWaitsAreOnThe
     QTest::qWait(50);
     EXPECT_TRUE(server.last().frames.isEmpty());
 
-    QTcpServer silent;
-    ASSERT_NO_FATAL_FAILURE(useTcpVendor(silent));
+    ASSERT_TRUE(tcp.listen(QHostAddress::LocalHost, 0));
+    useTcpVendor();
     const auto accept = [&] {
         awaitTask(provider.start(u"tok-1"_s, u"de-DE"_s, audio, std::nullopt));
-        EXPECT_TRUE(QTest::qWaitFor([&] { return silent.hasPendingConnections(); }, 10'000));
-        return QPointer<QTcpSocket>(silent.nextPendingConnection());
+        EXPECT_TRUE(QTest::qWaitFor([&] { return tcp.hasPendingConnections(); }, 10'000));
+        return QPointer<QTcpSocket>(tcp.nextPendingConnection());
     };
     const auto closedAfter = [&](const QPointer<QTcpSocket>& socket, std::chrono::milliseconds wait) {
         const auto isOpen = [&] { return socket && socket->state() == QAbstractSocket::ConnectedState; };
@@ -390,9 +387,9 @@ using OpenAITest = VendorTest<OpenAI>;
 TEST_F(OpenAITest, AnUnsentSessionLiteralEndsTheStartWithoutAudio)
 {
     audio->push({{0.25f}});
-    QTcpServer closed;
-    ASSERT_NO_FATAL_FAILURE(useTcpVendor(closed));
-    closed.close();
+    ASSERT_TRUE(tcp.listen(QHostAddress::LocalHost, 0));
+    useTcpVendor();
+    tcp.close();
     awaitTask(provider.start(u"tok-1"_s, u"en"_s, audio, std::nullopt));
     EXPECT_EQ(reasons(2), (QStringList{u"OpenAI disconnected: Connection refused"_s,
                                        u"OpenAI disconnected: Failed to send session config: Connection refused"_s}));
