@@ -20,15 +20,14 @@ FakeAnswerEngine::Handle FakeAnswerEngine::answer(const ravlet::server::AnswerRe
                                                   std::function<void(const QString&)> onChunk,
                                                   std::function<void(const QString&)> onDone)
 {
-    auto pending =
-        std::make_shared<Pending>(Pending{request, std::move(onChunk), std::move(onDone)});
+    auto pending = std::make_shared<Pending>(Pending{request, std::move(onChunk), std::move(onDone)});
     answers.push_back(pending);
     if (finishAtOnce) {
         QTimer::singleShot(0, [pending] {
-            if (pending->cancelled)
-                return;
-            pending->onChunk(u"Draft."_s);
-            pending->onDone({});
+            if (!pending->cancelled) {
+                pending->onChunk(u"Draft."_s);
+                pending->onDone({});
+            }
         });
     }
     return {[pending] { pending->cancelled = true; }};
@@ -53,23 +52,17 @@ CurlResult curl(const QStringList& arguments)
     process.start(u"curl"_s, QStringList{u"-s"_s, u"-i"_s, u"-H"_s, u"Expect:"_s} + arguments);
     waitUntil([&] { return process.state() == QProcess::NotRunning; }, 30'000);
     const auto output = process.readAllStandardOutput();
-    CurlResult result;
     const auto split = output.indexOf("\r\n\r\n");
-    result.headers = output.left(split);
-    result.body = split < 0 ? QByteArray() : output.mid(split + 4);
-    const auto statusLine = result.headers.left(result.headers.indexOf("\r\n"));
-    result.status = statusLine.split(' ').value(1).toInt();
-    return result;
+    const auto headers = output.left(split);
+    return {headers.left(headers.indexOf("\r\n")).split(' ').value(1).toInt(), headers, split < 0 ? QByteArray() : output.mid(split + 4)};
 }
 
 QString writeFile(const QString& path, const QByteArray& bytes, bool executable)
 {
     QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
-        ADD_FAILURE() << "cannot write " << path.toStdString();
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size()) << "cannot write " << path.toStdString();
     file.close();
-    if (executable)
-        file.setPermissions(file.permissions() | QFileDevice::ExeOwner);
+    EXPECT_TRUE(!executable || file.setPermissions(file.permissions() | QFileDevice::ExeOwner));
     return path;
 }
 
@@ -96,8 +89,7 @@ std::unique_ptr<Database> ServerHarness::reopen() const
 ServerHarness::Account ServerHarness::signUp()
 {
     const auto email = u"user-"_s + uuidLower() + u"@example.org"_s;
-    const auto created = accounts->createAccount(email, u"correct horse battery"_s);
-    const auto& user = std::get<UserRecord>(created);
+    const auto user = std::get<UserRecord>(accounts->createAccount(email, u"correct horse battery"_s));
     const auto pair = accounts->exchange(accounts->issueCode(user.id));
     return {user.id, email, pair->accessToken, pair->refreshToken};
 }
@@ -121,24 +113,16 @@ namespace {
 
 bool containsJson(const QJsonValue& actual, const QJsonValue& expected)
 {
-    if (expected.isObject()) {
-        const auto object = actual.toObject();
-        const auto wanted = expected.toObject();
-        for (auto it = wanted.begin(); it != wanted.end(); ++it) {
-            if (!object.contains(it.key()) || !containsJson(object[it.key()], it.value()))
-                return false;
-        }
-        return actual.isObject();
-    }
-    if (expected.isArray()) {
-        const auto array = actual.toArray();
-        const auto wanted = expected.toArray();
-        for (qsizetype i = 0; i < wanted.size(); ++i) {
-            if (!containsJson(array.at(i), wanted.at(i)))
-                return false;
-        }
-        return actual.isArray() && array.size() == wanted.size();
-    }
+    const auto object = actual.toObject(), wanted = expected.toObject();
+    const auto array = actual.toArray(), wantedArray = expected.toArray();
+    const auto keys = wanted.keys();
+    if (expected.isObject())
+        return actual.isObject() && std::all_of(keys.begin(), keys.end(), [&](const QString& key) {
+                   return object.contains(key) && containsJson(object[key], wanted[key]);
+               });
+    if (expected.isArray())
+        return actual.isArray() && array.size() == wantedArray.size()
+               && std::equal(wantedArray.begin(), wantedArray.end(), array.begin(), [](const auto& w, const auto& a) { return containsJson(a, w); });
     return actual == expected;
 }
 

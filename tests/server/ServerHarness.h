@@ -21,13 +21,11 @@ class FakeAnswerEngine final : public ravlet::server::AnswerEngine {
 public:
     struct Pending {
         ravlet::server::AnswerRequest request;
-        std::function<void(const QString&)> onChunk;
-        std::function<void(const QString&)> onDone;
+        std::function<void(const QString&)> onChunk, onDone;
         bool cancelled = false;
     };
 
-    Handle answer(const ravlet::server::AnswerRequest& request,
-                  std::function<void(const QString&)> onChunk,
+    Handle answer(const ravlet::server::AnswerRequest& request, std::function<void(const QString&)> onChunk,
                   std::function<void(const QString&)> onDone) override;
 
     std::vector<std::shared_ptr<Pending>> answers;
@@ -37,8 +35,7 @@ public:
 
 struct CurlResult {
     int status = 0;
-    QByteArray headers;
-    QByteArray body;
+    QByteArray headers, body;
     // Const, so that a value taken from it by [] is a copy, not a reference into the temporary.
     const QJsonObject json() const { return QJsonDocument::fromJson(body).object(); }
 };
@@ -59,23 +56,18 @@ class ServerHarness {
 public:
     // `answerEngine`, if given, answers in place of the test-driven `engine` and must outlive the
     // harness.
-    explicit ServerHarness(ServerConfig config = {},
-                           ravlet::server::AnswerEngine* answerEngine = nullptr);
+    explicit ServerHarness(ServerConfig config = {}, ravlet::server::AnswerEngine* answerEngine = nullptr);
     ~ServerHarness();
 
     struct Account {
-        QString id;
-        QString email;
-        QString accessToken;
-        QString refreshToken;
+        QString id, email, accessToken, refreshToken;
     };
     // A new account with a unique address, signed in through a code exchange.
     Account signUp();
 
     QString base() const { return QStringLiteral("http://127.0.0.1:%1").arg(port); }
     // curl with the account's bearer token (if any) and, with a body, the JSON content type.
-    CurlResult call(const Account& account, const QByteArray& method, const QString& path,
-                    const QByteArray& body = {});
+    CurlResult call(const Account& account, const QByteArray& method, const QString& path, const QByteArray& body = {});
     // A second connection to this server's database, as after a restart.
     std::unique_ptr<Database> reopen() const;
 
@@ -99,8 +91,7 @@ struct RouteCase {
     int status;
     QByteArray json = {};
 };
-void expectRoutes(ServerHarness& server, const ServerHarness::Account& account,
-                  const std::vector<RouteCase>& cases);
+void expectRoutes(ServerHarness& server, const ServerHarness::Account& account, const std::vector<RouteCase>& cases);
 
 // Turns the event loop until `condition` holds or `timeoutMs` passes; returns the condition.
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 10'000);

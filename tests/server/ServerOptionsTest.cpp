@@ -16,92 +16,74 @@ auto parse(const QStringList& arguments, const QStringList& environment = {})
     return ServerOptions::parse(QStringList{u"ravlet-server"_s} + arguments, environment);
 }
 
-ServerOptions parsed(const QStringList& arguments, const QStringList& environment = {})
+// What was chosen, as "address port|database|LLM key|local sign-in offline speech|endpoint|vendor".
+QString chosen(const QStringList& arguments, const QStringList& environment)
 {
-    auto result = parse(arguments, environment);
-    if (auto* error = std::get_if<QString>(&result))
-        ADD_FAILURE() << error->toStdString();
-    return std::get_if<ServerOptions>(&result) ? std::get<ServerOptions>(result) : ServerOptions{};
+    const auto result = parse(arguments, environment);
+    if (const auto* error = std::get_if<QString>(&result))
+        return u"error: "_s + *error;
+    const auto& o = std::get<ServerOptions>(result);
+    const auto vendor = o.config.speechVendor;
+    return QStringList{o.address.toString() + u' ' + QString::number(o.port), o.database, o.llmApiKey,
+                       QString::number(o.config.localSignIn) + u' ' + QString::number(o.config.offlineSpeech),
+                       o.config.speechEndpoint.value_or(u"-"_s),
+                       vendor ? QStringList{vendorName(vendor->vendor), vendor->apiKey, vendor->baseUrl, vendor->sttModel}.join(u' ') : u"-"_s}
+        .join(u'|');
 }
 
 } // namespace
 
+// Command line over environment over defaults; secrets come from files or the environment only.
 TEST(ServerOptionsTest, CommandLineOverEnvironmentOverDefaultsAndSecretsFromFilesOnly)
 {
     QTemporaryDir dir;
     const auto key = writeFile(dir.filePath(u"key"_s), "from-file\n");
-    const auto defaults = parsed({});
-    EXPECT_EQ(defaults.address, QHostAddress(QHostAddress::LocalHost)) << "never every interface by default";
-    EXPECT_EQ(defaults.port, 8787);
-    EXPECT_TRUE(defaults.database.endsWith(u"/RavletAI/server.sqlite"_s));
-    EXPECT_TRUE(defaults.config.localSignIn);
-    EXPECT_FALSE(defaults.config.speechEndpoint);
-    EXPECT_TRUE(defaults.config.offlineSpeech);
-
     const QStringList environment{u"RAVLET_LISTEN=0.0.0.0:9000"_s, u"RAVLET_DATABASE=postgresql://db/ravlet"_s,
-                                  u"RAVLET_LLM_API_KEY=from-env"_s, u"RAVLET_NO_LOCAL_SIGN_IN=1"_s,
-                                  u"RAVLET_NO_OFFLINE_SPEECH=1"_s};
-    const auto fromEnvironment = parsed({}, environment);
-    EXPECT_EQ(fromEnvironment.address, QHostAddress(u"0.0.0.0"_s));
-    EXPECT_EQ(fromEnvironment.port, 9000);
-    EXPECT_EQ(fromEnvironment.database, u"postgresql://db/ravlet"_s);
-    EXPECT_EQ(fromEnvironment.llmApiKey, u"from-env"_s);
-    EXPECT_FALSE(fromEnvironment.config.localSignIn);
-    EXPECT_FALSE(fromEnvironment.config.offlineSpeech);
-
-    const auto overridden = parsed({u"--listen=[::1]:8800"_s, u"--llm-api-key-file"_s, key,
-                                    u"--speech-endpoint"_s, u"ws://127.0.0.1:9100"_s}, environment);
-    EXPECT_EQ(overridden.address, QHostAddress(QHostAddress::LocalHostIPv6));
-    EXPECT_EQ(overridden.port, 8800);
-    EXPECT_EQ(overridden.llmApiKey, u"from-file"_s);
-    EXPECT_EQ(overridden.config.speechEndpoint, u"ws://127.0.0.1:9100"_s);
-
-    // Speech vendor keys, from files or the environment only: "vendor|key|base URL|model".
-    const auto vendor = [](const QStringList& arguments, const QStringList& environment) {
-        const auto chosen = parsed(arguments, environment).config.speechVendor;
-        return chosen ? QStringList{vendorName(chosen->vendor), chosen->apiKey, chosen->baseUrl, chosen->sttModel}.join(u'|')
-                      : u"none"_s;
-    };
-    EXPECT_EQ(vendor({}, {}), u"none"_s);
-    EXPECT_EQ(vendor({}, {u"RAVLET_DEEPGRAM_API_KEY=dg-env"_s}), u"deepgram|dg-env|https://api.deepgram.com|"_s);
-    EXPECT_EQ(vendor({u"--openai-key-file"_s, key, u"--openai-url"_s, u"http://127.0.0.1:9"_s, u"--openai-stt-model"_s,
-                      u"whisper-1"_s}, {}), u"openai|from-file|http://127.0.0.1:9|whisper-1"_s);
-    // Two keys: the operator has to say which one mints.
+                                  u"RAVLET_LLM_API_KEY=from-env"_s, u"RAVLET_NO_LOCAL_SIGN_IN=1"_s, u"RAVLET_NO_OFFLINE_SPEECH=1"_s};
     const QStringList both{u"RAVLET_DEEPGRAM_API_KEY=dg"_s, u"RAVLET_ELEVENLABS_API_KEY=el"_s};
-    const auto ambiguous = parse({}, both);
-    ASSERT_TRUE(std::get_if<QString>(&ambiguous));
-    EXPECT_TRUE(std::get<QString>(ambiguous).contains(u"--speech-vendor"_s));
-    EXPECT_TRUE(vendor({u"--speech-vendor"_s, u"elevenlabs"_s}, both).startsWith(u"elevenlabs|el|"_s));
+    const struct {
+        QStringList arguments, environment;
+        QString expected; // a leading "~" matches the end of the chosen values only
+    } rows[] = {
+        // Never every interface by default.
+        {{}, {}, u"127.0.0.1 8787|~/RavletAI/server.sqlite||1 1|-|-"_s},
+        {{}, environment, u"0.0.0.0 9000|postgresql://db/ravlet|from-env|0 0|-|-"_s},
+        {{u"--listen=[::1]:8800"_s, u"--llm-api-key-file"_s, key, u"--speech-endpoint"_s, u"ws://127.0.0.1:9100"_s}, environment,
+         u"::1 8800|postgresql://db/ravlet|from-file|0 0|ws://127.0.0.1:9100|-"_s},
+        {{}, {u"RAVLET_DEEPGRAM_API_KEY=dg-env"_s}, u"~|1 1|-|deepgram dg-env https://api.deepgram.com "_s},
+        {{u"--openai-key-file"_s, key, u"--openai-url"_s, u"http://127.0.0.1:9"_s, u"--openai-stt-model"_s, u"whisper-1"_s}, {},
+         u"~|1 1|-|openai from-file http://127.0.0.1:9 whisper-1"_s},
+        // Two keys: the operator has to say which one mints.
+        {{}, both, u"error: ~--speech-vendor"_s},
+        {{u"--speech-vendor"_s, u"elevenlabs"_s}, both, u"~|elevenlabs el "_s},
+    };
+    for (const auto& row : rows) {
+        const auto actual = chosen(row.arguments, row.environment);
+        const auto tilde = row.expected.indexOf(u'~');
+        EXPECT_TRUE(tilde < 0 ? actual == row.expected
+                              : actual.startsWith(row.expected.left(tilde)) && actual.contains(row.expected.mid(tilde + 1)))
+            << actual.toStdString() << " for " << row.arguments.join(u' ').toStdString();
+    }
 }
 
 TEST(ServerOptionsTest, RefusesSecretsOnTheCommandLineAndBadValues)
 {
     const auto secret = u"never given on the command line"_s;
     const std::pair<QStringList, QString> refusals[] = {
-        {{u"--llm-api-key"_s, u"sk-123"_s}, secret},
-        {{u"--llm-api-key=sk-123"_s}, secret},
-        {{u"--deepgram-key"_s, u"sk"_s}, secret},
-        {{u"--openai-api-key=sk"_s, u"sk"_s}, secret},
-        {{u"--elevenlabs-key"_s, u"sk"_s}, secret},
-        {{u"--listen"_s, u"8787"_s}, {}},
-        {{u"--listen"_s}, {}},
-        {{u"--speech-endpoint"_s, u"http://x"_s}, {}},
-        {{u"--llm-api-key-file"_s, u"/nonexistent/key"_s}, {}},
-        {{u"--frobnicate"_s}, {}},
-        {{u"--speech-vendor"_s, u"openai"_s}, {}}, // a vendor without its key
-        {{u"--speech-vendor"_s, u"acme"_s}, {}},
-        {{u"--deepgram-url"_s, u"wss://api.deepgram.com"_s}, {}},
+        {{u"--llm-api-key"_s, u"sk-123"_s}, secret}, {{u"--llm-api-key=sk-123"_s}, secret},
+        {{u"--deepgram-key"_s, u"sk"_s}, secret}, {{u"--openai-api-key=sk"_s, u"sk"_s}, secret},
+        {{u"--elevenlabs-key"_s, u"sk"_s}, secret}, {{u"--listen"_s, u"8787"_s}, {}}, {{u"--listen"_s}, {}},
+        {{u"--speech-endpoint"_s, u"http://x"_s}, {}}, {{u"--llm-api-key-file"_s, u"/nonexistent/key"_s}, {}},
+        {{u"--frobnicate"_s}, {}}, {{u"--speech-vendor"_s, u"openai"_s}, {}}, // a vendor without its key
+        {{u"--speech-vendor"_s, u"acme"_s}, {}}, {{u"--deepgram-url"_s, u"wss://api.deepgram.com"_s}, {}},
         {{u"--elevenlabs-key-file"_s, u"/nonexistent/key"_s}, {}},
     };
-    for (const auto& [arguments, reason] : refusals) {
-        const auto result = parse(arguments);
-        ASSERT_TRUE(std::get_if<QString>(&result)) << arguments.join(u' ').toStdString();
-        EXPECT_TRUE(std::get<QString>(result).contains(reason)) << arguments.join(u' ').toStdString();
-    }
+    for (const auto& [arguments, reason] : refusals)
+        EXPECT_TRUE(chosen(arguments, {}).startsWith(u"error: "_s) && chosen(arguments, {}).contains(reason)) << arguments.join(u' ').toStdString();
     const auto help = parse({u"--help"_s});
     ASSERT_TRUE(std::get_if<ServerOptions::Help>(&help));
-    for (const auto& option : {u"--listen"_s, u"--database"_s, u"--llm-base-url"_s, u"--llm-model"_s,
-                               u"--llm-api-key-file"_s, u"--speech-endpoint"_s, u"--updates-dir"_s})
+    for (const auto& option : {u"--listen"_s, u"--database"_s, u"--llm-base-url"_s, u"--llm-model"_s, u"--llm-api-key-file"_s,
+                               u"--speech-endpoint"_s, u"--updates-dir"_s})
         EXPECT_TRUE(std::get<ServerOptions::Help>(help).text.contains(option)) << option.toStdString();
 }
 

@@ -1,6 +1,6 @@
-"""Headless Chromium driven over its DevTools protocol, for the whole-product test, which creates
-an account on the sign-in page in it and takes the page's screenshot. (The page's form rules are
-ServerTest's, through curl.)"""
+# Headless Chromium driven over its DevTools protocol, for the whole-product test, which creates
+# an account on the sign-in page in it and takes the page's screenshot. (The page's form rules are
+# ServerTest's, through curl.)
 import asyncio, contextlib, json, os, subprocess, tempfile, time, urllib.request
 
 import websockets
@@ -33,17 +33,14 @@ class DevTools:
                 pass
 
     async def key(self, key, code, vk, text=None):
-        down = {"type": "keyDown", "key": key, "code": code, "windowsVirtualKeyCode": vk}
-        if text:
-            down["text"] = text
-        await self.call("Input.dispatchKeyEvent", **down)
+        await self.call("Input.dispatchKeyEvent", type="keyDown", key=key, code=code, windowsVirtualKeyCode=vk, **({"text": text} if text else {}))
         await self.call("Input.dispatchKeyEvent", type="keyUp", key=key, code=code, windowsVirtualKeyCode=vk)
 
 
+# The page of a fresh headless Chromium, driven over DevTools, sized and focused as a window
+# in front would be.
 @contextlib.asynccontextmanager
 async def headless_page(chromium):
-    """The page of a fresh headless Chromium, driven over DevTools, sized and focused as a window
-    in front would be."""
     # Chromium's helpers may still write to the profile for a moment after it ends.
     with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
         browser = subprocess.Popen([chromium, "--headless=new", "--no-sandbox", "--disable-gpu", "--no-first-run",

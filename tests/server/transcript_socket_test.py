@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""The transcript socket of a real ravlet-server, driven by Python's websockets: acknowledgements
-with revisions, order by time of speech, duplicates, garbage and a flood of frames, refused
-handshakes, and a server killed with SIGKILL that keeps every acknowledged line."""
+# The transcript socket of a real ravlet-server, driven by Python's websockets: acknowledgements
+# with revisions, order by time of speech, duplicates, garbage and a flood of frames, refused
+# handshakes, and a server killed with SIGKILL that keeps every acknowledged line.
 import asyncio, http.cookiejar, json, os, re, signal, socket, subprocess, sys, tempfile, time
 import urllib.error, urllib.parse, urllib.request
 
@@ -29,20 +29,10 @@ class Server:
         self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}"], env=env)
         for _ in range(200):
             try:
-                urllib.request.urlopen(self.base + "/health", timeout=1)
-                return
+                return urllib.request.urlopen(self.base + "/health", timeout=1)
             except OSError:
                 time.sleep(0.05)
         raise RuntimeError("ravlet-server did not start")
-
-    def kill(self):
-        self.process.send_signal(signal.SIGKILL)
-        self.process.wait()
-
-    def stop(self):
-        if self.process and self.process.poll() is None:
-            self.process.terminate()
-            self.process.wait(timeout=10)
 
 
 class NoRedirect(urllib.request.HTTPRedirectHandler):
@@ -50,15 +40,13 @@ class NoRedirect(urllib.request.HTTPRedirectHandler):
         return None
 
 
+# Through the sign-in page, as a browser would: page, cookie, form, redirect, exchange.
 def sign_in(base, form):
-    """Through the sign-in page, as a browser would: page, cookie, form, redirect, exchange."""
-    jar = http.cookiejar.CookieJar()
-    opener = urllib.request.build_opener(urllib.request.HTTPCookieProcessor(jar), NoRedirect)
+    opener = urllib.request.build_opener(urllib.request.HTTPCookieProcessor(http.cookiejar.CookieJar()), NoRedirect)
     page = opener.open(base + "/auth/login?state=T1&mode=register").read().decode()
     csrf = re.search(r'name="csrf" value="([^"]+)"', page).group(1)
-    data = urllib.parse.urlencode(dict(form, state="T1", csrf=csrf)).encode()
     try:
-        opener.open(base + "/auth/login", data)
+        opener.open(base + "/auth/login", urllib.parse.urlencode(dict(form, state="T1", csrf=csrf)).encode())
         raise RuntimeError("no redirect")
     except urllib.error.HTTPError as redirect:
         location = redirect.headers["Location"]
@@ -68,17 +56,13 @@ def sign_in(base, form):
 
 
 def api(base, token, method, path, body=None):
-    request = urllib.request.Request(base + path, method=method,
-                                     data=None if body is None else json.dumps(body).encode())
-    request.add_header("Content-Type", "application/json")
-    if token:
-        request.add_header("Authorization", "Bearer " + token)
+    request = urllib.request.Request(base + path, method=method, data=None if body is None else json.dumps(body).encode(),
+                                     headers=dict({"Content-Type": "application/json"}, **({"Authorization": "Bearer " + token} if token else {})))
     return json.loads(urllib.request.urlopen(request, timeout=10).read() or b"{}")
 
 
 def entry(id, content, ts, revision=None, speaker="interviewer"):
-    frame = {"type": "transcript_entry", "id": id, "speaker": speaker, "content": content, "timestampMs": ts,
-             "confidence": 0.9}
+    frame = {"type": "transcript_entry", "id": id, "speaker": speaker, "content": content, "timestampMs": ts, "confidence": 0.9}
     return json.dumps(frame if revision is None else dict(frame, revision=revision))
 
 
@@ -98,33 +82,36 @@ def stored_lines(server, token, session):
     return api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]
 
 
+# Frames sent, then the acknowledgement expected for the last of them (None: none checked).
+CONVERSATION = [
+    ([entry("b", "second said", 2000, 1)], {"type": "ack", "ids": ["b"], "revisions": {"b": 1}}),
+    ([entry("a", "first said", 1000, 0, "user")], None),
+    ([entry("b", "second said, grown", 2000, 2)], {"type": "ack", "ids": ["b"], "revisions": {"b": 2}}),
+    # A late resend of the older text is answered with the stored revision.
+    ([entry("b", "second said", 2000, 1)], {"type": "ack", "ids": ["b"], "revisions": {"b": 2}}),
+    ([entry("a", "first said", 1000, 0, "user")], {"type": "ack", "ids": ["a"], "revisions": {"a": 0}}),  # a plain duplicate
+    # Garbage is skipped and the socket stays.
+    (["not json", "{}", json.dumps({"type": "transcript_entry", "id": 5}), b"\xff\xfe\x00", entry("c", "still listening", 3000)],
+     {"type": "ack", "ids": ["c"], "revisions": {"c": 0}}),
+    # Both speakers in the same millisecond: the order they arrived in, not that of their ids.
+    ([entry("y", "same moment, first", 4000, 0, "user")], None), ([entry("x", "same moment, second", 4000)], None),
+    ([entry("y", "same moment, first, grown", 4000, 1, "user")], None),
+]
+STORED = [("a", "first said"), ("b", "second said, grown"), ("c", "still listening"), ("y", "same moment, first, grown"),
+          ("x", "same moment, second")]
+
+
 async def socket_behaviour(server, token, other_token):
     session, url = new_session(server, token)
     async with websockets.connect(url) as ws:
         check(json.loads(await ws.recv()) == {"type": "connected"}, "greeting")
-        await ws.send(entry("b", "second said", 2000, 1))
-        check(await next_ack(ws) == {"type": "ack", "ids": ["b"], "revisions": {"b": 1}}, "ack form")
-        await ws.send(entry("a", "first said", 1000, 0, "user"))
-        await next_ack(ws)
-        await ws.send(entry("b", "second said, grown", 2000, 2))
-        check((await next_ack(ws))["revisions"] == {"b": 2}, "newer revision")
-        await ws.send(entry("b", "second said", 2000, 1))  # a late resend of the older text
-        check((await next_ack(ws))["revisions"] == {"b": 2}, "a stale revision is answered with the stored one")
-        await ws.send(entry("a", "first said", 1000, 0, "user"))  # a plain duplicate
-        check((await next_ack(ws))["ids"] == ["a"], "duplicate acknowledged again")
-        for garbage in ["not json", "{}", json.dumps({"type": "transcript_entry", "id": 5}), b"\xff\xfe\x00"]:
-            await ws.send(garbage)
-        await ws.send(entry("c", "still listening", 3000))
-        check((await next_ack(ws))["ids"] == ["c"], "garbage is skipped and the socket stays")
-        # Both speakers in the same millisecond: the order they arrived in, not that of their ids.
-        for frame in [entry("y", "same moment, first", 4000, 0, "user"), entry("x", "same moment, second", 4000),
-                      entry("y", "same moment, first, grown", 4000, 1, "user")]:
-            await ws.send(frame)
-            await next_ack(ws)
+        for frames, expected in CONVERSATION:
+            for frame in frames:
+                await ws.send(frame)
+            ack = await next_ack(ws)
+            check(expected is None or ack == expected, f"after {frames[-1]}: {ack}")
     stored = stored_lines(server, token, session)
-    check([(l["id"], l["content"]) for l in stored] ==
-          [("a", "first said"), ("b", "second said, grown"), ("c", "still listening"),
-           ("y", "same moment, first, grown"), ("x", "same moment, second")], f"stored {stored}")
+    check([(line["id"], line["content"]) for line in stored] == STORED, f"stored {stored}")
 
     # Refused handshakes: no token, and another user's session.
     for bad in [f"token=forged&sessionId={session}", f"token={other_token}&sessionId={session}"]:
@@ -135,16 +122,7 @@ async def socket_behaviour(server, token, other_token):
             check(refused.status_code in (401, 404), f"refusal {refused.status_code}")
 
     # A flood of 10,000 frames: every one is acknowledged or the socket is closed; the server stays.
-    acked = set()
-    async with websockets.connect(url, max_queue=None) as ws:
-        await ws.recv()
-        for i in range(10000):
-            await ws.send(entry(f"f{i}", "flood", 10000 + i))
-        try:
-            while len(acked) < 10000:
-                acked.update((await next_ack(ws))["ids"])
-        except (websockets.exceptions.ConnectionClosed, asyncio.TimeoutError):
-            pass
+    acked = await send_and_collect(url, [entry(f"f{i}", "flood", 10000 + i) for i in range(10000)], 10000)
     print(f"flood: {len(acked)} of 10000 frames acknowledged", flush=True)
     check(api(server.base, token, "GET", "/health")["status"] == "ok", "alive after the flood")
     async with websockets.connect(url) as ws:
@@ -158,27 +136,37 @@ async def socket_behaviour(server, token, other_token):
             check(closed.code == 1008, f"closed with {closed.code} after 100 bad frames")
     # A loaded machine may stop the client waiting before every acknowledgement came; lines
     # stored but not yet acknowledged are fine, acknowledged but not stored are not.
-    stored = {l["id"] for l in stored_lines(server, token, session)}
-    check(acked <= stored, f"acknowledged flood lines lost: {sorted(acked - stored)[:5]}")
+    lost = acked - {line["id"] for line in stored_lines(server, token, session)}
+    check(not lost, f"acknowledged flood lines lost: {sorted(lost)[:5]}")
+
+
+# Sends `frames` and collects acknowledged ids until `wanted` came, the socket closed or acks
+# stopped; `midway(acked)` runs once `midway_at` ids are in.
+async def send_and_collect(url, frames, wanted, midway=None, midway_at=0):
+    acked = set()
+    async with websockets.connect(url, max_queue=None) as ws:
+        await ws.recv()
+        for frame in frames:
+            await ws.send(frame)
+        try:
+            while len(acked) < wanted:
+                acked.update((await next_ack(ws))["ids"])
+                if midway and len(acked) >= midway_at:
+                    midway, wanted = midway(), len(frames)
+        except (websockets.exceptions.ConnectionClosed, asyncio.TimeoutError, ConnectionError):
+            pass
+    return acked
 
 
 async def killed_mid_stream(server, token):
     session, url = new_session(server, token)
-    acked = set()
-    async with websockets.connect(url) as ws:
-        await ws.recv()
-        for i in range(400):
-            await ws.send(entry(f"k{i}", f"line {i}", i))
-        try:
-            while len(acked) < 150:
-                acked.update((await next_ack(ws))["ids"])
-            server.kill()  # mid-stream: lines are still on their way
-            while True:
-                acked.update((await next_ack(ws))["ids"])
-        except (websockets.exceptions.ConnectionClosed, asyncio.TimeoutError, ConnectionError):
-            pass
+
+    def kill():  # mid-stream: lines are still on their way
+        server.process.send_signal(signal.SIGKILL)
+        server.process.wait()
+    acked = await send_and_collect(url, [entry(f"k{i}", f"line {i}", i) for i in range(400)], 400, kill, 150)
     server.start()
-    stored = {l["id"] for l in stored_lines(server, token, session)}
+    stored = {line["id"] for line in stored_lines(server, token, session)}
     print(f"sigkill: {len(acked)} acknowledged, {len(stored)} stored after restart", flush=True)
     check(acked <= stored, f"acknowledged lines lost: {sorted(acked - stored)[:5]}")
 
@@ -189,12 +177,14 @@ def main():
         server.start()
         try:
             token = sign_in(server.base, {"action": "local"})
-            other = sign_in(server.base, {"action": "register", "email": "second@example.org",
-                                          "password": "pa55word!", "confirm": "pa55word!"})
+            other = sign_in(server.base, {"action": "register", "email": "second@example.org", "password": "pa55word!",
+                                          "confirm": "pa55word!"})
             asyncio.run(socket_behaviour(server, token, other))
             asyncio.run(killed_mid_stream(server, token))
         finally:
-            server.stop()
+            if server.process.poll() is None:
+                server.process.terminate()
+                server.process.wait(timeout=10)
     print("failures:", len(failures))
     return 1 if failures else 0
 

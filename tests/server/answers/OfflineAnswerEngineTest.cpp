@@ -6,6 +6,8 @@
 #include "QtPrinters.h"
 #include "TextRanking.h"
 
+#include <QRegularExpression>
+
 #include <gtest/gtest.h>
 
 using namespace ravlet::server;
@@ -56,15 +58,6 @@ Requirements:
 )");
 }
 
-AnswerRequest withDocuments(const char* question)
-{
-    AnswerRequest request;
-    request.question = QString::fromUtf8(question);
-    request.resumeText = sampleResume();
-    request.jobDescriptionText = sampleJobDescription();
-    return request;
-}
-
 // "Label: text" -> text.
 QString contentOf(const QString& line)
 {
@@ -72,68 +65,53 @@ QString contentOf(const QString& line)
     return colon < 0 ? QString() : line.mid(colon + 2);
 }
 
-QString valueOf(const QStringList& lines, const char* label)
-{
-    for (const auto& line : lines) {
-        if (line.startsWith(QLatin1String(label) + u": "_s))
-            return contentOf(line);
-    }
-    return {};
-}
-
 bool isPlaceholder(const QString& text) { return text.startsWith(u'[') && text.endsWith(u']'); }
+
+AnswerRequest withDocuments(const char* question, bool documents = true)
+{
+    AnswerRequest request;
+    request.question = QString::fromUtf8(question);
+    if (documents)
+        request.resumeText = sampleResume(), request.jobDescriptionText = sampleJobDescription();
+    return request;
+}
 
 const auto draftHeader = u"Offline draft (no language model configured): "_s;
 
 } // namespace
 
-TEST(OfflineDraftTest, TheDraftDrawsOnTheBestMatchingLinesOfTheUsersDocuments)
-{
-    const auto star = draftAnswer(withDocuments("Tell me about a time you migrated a service to Kubernetes."));
-    EXPECT_TRUE(star.first().startsWith(draftHeader + u"a STAR answer"_s)) << star.first().toStdString();
-    EXPECT_EQ(valueOf(star, "Situation"), u"Senior Backend Engineer, Acme Payments, London (2019–2024)"_s);
-    EXPECT_TRUE(isPlaceholder(valueOf(star, "Task")));
-    // The bullet wrapped over two lines is one passage, cut into what was done and what came of it.
-    EXPECT_EQ(valueOf(star, "Action"), u"Led the migration of the billing service from a monolith to Kubernetes"_s);
-    EXPECT_EQ(valueOf(star, "Result"), u"cutting deploy time from 2 hours to 10 minutes."_s);
-    EXPECT_TRUE(valueOf(star, "Link to the role").contains(u"move to Kubernetes"));
-
-    // A weakness points at a requirement the resume does not cover.
-    const auto weakness = draftAnswer(withDocuments("What is your greatest weakness?"));
-    EXPECT_TRUE(isPlaceholder(valueOf(weakness, "Weakness")));
-    EXPECT_TRUE(weakness.join(u'\n').contains(u"Familiarity with Rust and WebAssembly toolchains is a plus."));
-    EXPECT_EQ(valueOf(weakness, "Strength"), QString());
-
-    // A short follow-up is read with the last lines of the conversation.
-    auto followUp = withDocuments("Can you say more?");
-    followUp.recentTranscript = {u"Interviewer: How did the Kubernetes migration go?"_s, u"You: It went well overall."_s};
-    const auto more = draftAnswer(followUp);
-    EXPECT_TRUE(valueOf(more, "Evidence").startsWith(u"Led the migration")) << more.join(u'\n').toStdString();
-
-    // The draft is in English, and says so when another language was asked for.
-    auto request = withDocuments("Tell me about yourself.");
-    request.outputLanguage = u"de-DE"_s;
-    const auto german = draftAnswer(request).first();
-    EXPECT_TRUE(german.startsWith(u"Offline draft in English") && german.contains(u"German")) << german.toStdString();
-    for (const char* english : {"en-GB", "en-US", "English", "auto", ""}) {
-        request.outputLanguage = QString::fromUtf8(english);
-        EXPECT_TRUE(draftAnswer(request).first().startsWith(draftHeader)) << english;
-    }
-}
-
 // Each line's text is the user's own words or a bracketed prompt for them to fill; with no
-// documents, or none that speak to the question, it is all prompts and the header says why. The
-// header names the kind of answer the question asks for. Whatever an upload holds, the draft
-// keeps its shape.
+// documents, or none that speak to the question, it is all prompts and the header says why.
+// The header names the kind of answer the question asks for.
 TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
 {
     const char* noDocuments = "no resume or job description is active, so fill in";
     const struct {
         const char* question;
         bool documents;
-        const char* header;
+        const char* header; // after the usual header, unless it starts "Offline draft"
+        // "Label=text" (empty: no such line), "Label^start", "Label~part", "Label=[]" a prompt; "*" the whole draft.
+        std::vector<const char*> lines = {};
+        const char* language = "";
+        QStringList transcript = {};
     } cases[] = {
-        {"Tell me about yourself.", true, "an introduction from your resume."},
+        // The bullet wrapped over two lines is one passage, cut into what was done and what came of it.
+        {"Tell me about a time you migrated a service to Kubernetes.", true, "a STAR answer",
+         {"Situation=Senior Backend Engineer, Acme Payments, London (2019–2024)", "Task=[]",
+          "Action=Led the migration of the billing service from a monolith to Kubernetes",
+          "Result=cutting deploy time from 2 hours to 10 minutes.", "Link to the role~move to Kubernetes"}},
+        // A weakness points at a requirement the resume does not cover.
+        {"What is your greatest weakness?", true, "strengths and weaknesses from your documents.",
+         {"Weakness=[]", "*~Familiarity with Rust and WebAssembly toolchains is a plus.", "Strength="}},
+        // A short follow-up is read with the last lines of the conversation.
+        {"Can you say more?", true, "", {"Evidence^Led the migration"}, "",
+         {u"Interviewer: How did the Kubernetes migration go?"_s, u"You: It went well overall."_s}},
+        // The draft is in English, and says so when another language was asked for.
+        {"Tell me about yourself.", true, "Offline draft in English", {"*~German"}, "de-DE"},
+        {"Tell me about yourself.", true, "an introduction from your resume.", {}, "en-GB"},
+        {"Tell me about yourself.", true, "an introduction from your resume.", {}, "en-US"},
+        {"Tell me about yourself.", true, "an introduction from your resume.", {}, "English"},
+        {"Tell me about yourself.", true, "an introduction from your resume.", {}, "auto"},
         {"Walk me through your resume.", true, "an introduction from your resume."},
         {"Tell me about a time you resolved a conflict between teams.", true, "a STAR answer"},
         // Stories first, though one names a strength and the other starts like a technical one.
@@ -150,12 +128,14 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
         {"Tell me about a time you sailed across the Atlantic.", true, "your documents have nothing on this, so fill in"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.question);
-        AnswerRequest request = c.documents ? withDocuments(c.question) : AnswerRequest{};
-        request.question = QString::fromUtf8(c.question);
+        SCOPED_TRACE(c.question + std::string(" ") + c.language);
+        auto request = withDocuments(c.question, c.documents);
+        request.outputLanguage = QString::fromUtf8(c.language);
+        request.recentTranscript = c.transcript;
         const auto lines = draftAnswer(request);
         ASSERT_GE(lines.size(), 3);
-        EXPECT_TRUE(lines.first().startsWith(draftHeader + QString::fromUtf8(c.header))) << lines.first().toStdString();
+        const auto header = QString::fromUtf8(c.header);
+        EXPECT_TRUE(lines.first().startsWith(header.startsWith(u"Offline draft"_s) ? header : draftHeader + header)) << lines.first().toStdString();
         const auto documents = (request.resumeText + u'\n' + request.jobDescriptionText).simplified();
         int fromDocuments = 0;
         for (const auto& line : lines.mid(1)) {
@@ -169,13 +149,22 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
             ++fromDocuments;
         }
         // With nothing to draw on every line is a prompt; with documents, some of them is used.
-        EXPECT_EQ(fromDocuments > 0, !QLatin1String(c.header).contains(QLatin1String("so fill in"))) << fromDocuments;
+        EXPECT_EQ(fromDocuments > 0, !header.contains(u"so fill in"_s)) << fromDocuments;
+        for (const auto* expectation : c.lines) {
+            const auto rule = QString::fromUtf8(expectation);
+            const auto at = rule.indexOf(QRegularExpression(u"[=^~]"_s));
+            const auto label = rule.left(at), wanted = rule.mid(at + 1);
+            QString actual = label == u"*"_s ? lines.join(u'\n') : QString();
+            for (const auto& line : lines)
+                actual = line.startsWith(label + u": "_s) && actual.isEmpty() ? contentOf(line) : actual;
+            const auto op = rule[at];
+            EXPECT_TRUE(op == u'^' ? actual.startsWith(wanted) : op == u'~' ? actual.contains(wanted)
+                        : wanted == u"[]"_s ? isPlaceholder(actual) : actual == wanted) << expectation << " got " << actual.toStdString();
+        }
     }
-
-    for (const auto& document : {u"•\n-\n1.\n:::\n...\n\n\n"_s, QString(300'000, u'x'),
-                                 u"Led the rollout.\r\n• Cut costs by 10%;\r\n\r\nSKILLS:\r\n"_s,
-                                 u"Leitete die Migration zu Kubernetes. 负责迁移到 Kubernetes。"_s,
-                                 QString(50'000, u'.') + u" A. B. C."_s}) {
+    // Whatever an upload holds, the draft keeps its shape.
+    for (const auto& document : {u"•\n-\n1.\n:::\n...\n\n\n"_s, QString(300'000, u'x'), u"Led the rollout.\r\n• Cut costs by 10%;\r\n\r\nSKILLS:\r\n"_s,
+                                 u"Leitete die Migration zu Kubernetes. 负责迁移到 Kubernetes。"_s, QString(50'000, u'.') + u" A. B. C."_s}) {
         AnswerRequest request;
         request.question = u"Tell me about a time you led a migration to Kubernetes."_s + QString(5'000, u' ');
         request.resumeText = request.jobDescriptionText = document;
@@ -195,10 +184,7 @@ TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
     OfflineAnswerEngine engine;
     AnswerOutcome outcome;
     const auto record = [&](const QString& chunk) { outcome.chunks << chunk; };
-    const auto done = [&](const QString& error) {
-        outcome.error = error;
-        ++outcome.doneCalls;
-    };
+    const auto done = [&](const QString& error) { outcome.error = error; ++outcome.doneCalls; };
     engine.answer(request, record, done);
     EXPECT_TRUE(outcome.chunks.isEmpty()) << "a chunk before the caller has the handle";
     drainEvents();
@@ -210,13 +196,7 @@ TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
 
     outcome = {};
     AnswerEngine::Handle handle;
-    handle = engine.answer(
-        request,
-        [&](const QString& chunk) {
-            record(chunk);
-            handle.cancel();
-        },
-        done);
+    handle = engine.answer(request, [&](const QString& chunk) { record(chunk); handle.cancel(); }, done);
     auto early = engine.answer(request, record, done);
     early.cancel();
     early.cancel(); // harmless
@@ -268,15 +248,14 @@ TEST(TextRankingTest, TheResumeLineTheQuestionIsAboutComesFirstAndNoSharedWordMe
 TEST(TextRankingTest, CacheKeepsTheRecentlyUsedAndNeverMixesDocuments)
 {
     Bm25IndexCache cache(2);
-    const QString a = sampleResume();
-    const QString b = u"Led the migration of billing to Kubernetes."_s;
+    const QString a = sampleResume(), b = u"Led the migration of billing to Kubernetes."_s;
     const auto first = cache.indexOf(a);
     EXPECT_EQ(cache.indexOf(a), first);
     const auto other = cache.indexOf(b);
     ASSERT_EQ(other->passages().size(), 1);
     EXPECT_EQ(other->passage(0).text, b);
     EXPECT_EQ(first->passages().size(), Bm25Index(splitPassages(a)).passages().size());
-    cache.indexOf(a);                                    // a is now the most recent
+    cache.indexOf(a);                                      // a is now the most recent
     cache.indexOf(u"Sailed across the Atlantic twice."_s); // evicts b
     EXPECT_EQ(cache.indexOf(a), first);
     EXPECT_NE(cache.indexOf(b), other);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <numeric>
 
 using namespace Qt::StringLiterals;
 
@@ -21,8 +22,7 @@ Arpa parse(const QByteArray& text)
     for (const auto& rawLine : text.split('\n')) {
         const auto line = QString::fromUtf8(rawLine).trimmed();
         if (line.startsWith(u"ngram "_s)) {
-            const auto parts = line.mid(6).split(u'=');
-            arpa.declared[parts[0].toInt()] = parts[1].toInt();
+            arpa.declared[line.mid(6).section(u'=', 0, 0).toInt()] = line.section(u'=', 1).toInt();
         } else if (line.endsWith(u"-grams:"_s)) {
             order = line.mid(1, 1).toInt();
         } else if (order > 0 && !line.isEmpty() && !line.startsWith(u'\\')) {
@@ -49,10 +49,7 @@ TEST(InterviewLanguageModelTest, EveryHistoryIsADistributionAndTheHeaderCountsMa
     auto vocabulary = arpa.grams[1].keys();
     vocabulary.removeAll(u"<s>"_s);
     const auto unigram = [&](const QString& word) { return std::pow(10.0, arpa.grams[1][word].first); };
-    double total = 0;
-    for (const auto& word : vocabulary)
-        total += unigram(word);
-    EXPECT_NEAR(total, 1.0, 1e-3);
+    EXPECT_NEAR(std::accumulate(vocabulary.begin(), vocabulary.end(), 0.0, [&](double sum, const QString& word) { return sum + unigram(word); }), 1.0, 1e-3);
 
     for (const auto& history : {u"tell"_s, u"<s>"_s, u"you"_s, u"a"_s}) {
         const double backoff = std::pow(10.0, arpa.grams[1][history].second);

@@ -22,12 +22,8 @@ QStringList summary(const QStringList& messages)
     for (const auto& text : messages) {
         const auto message = QJsonDocument::fromJson(text.toUtf8()).object();
         const auto type = message[u"type"_s].toString();
-        if (type != u"Results")
-            out << type;
-        else
-            out << type + (message[u"is_final"_s].toBool() ? u" F"_s : u" P"_s)
-                       + (message[u"speech_final"_s].toBool() ? u"S:"_s : u":"_s)
-                       + message[u"channel"_s][u"alternatives"_s][0][u"transcript"_s].toString();
+        out << (type != u"Results" ? type : type + (message[u"is_final"_s].toBool() ? u" F"_s : u" P"_s) + (message[u"speech_final"_s].toBool() ? u"S:"_s : u":"_s)
+                                                + message[u"channel"_s][u"alternatives"_s][0][u"transcript"_s].toString());
     }
     return out;
 }
@@ -47,19 +43,13 @@ TEST(DeepgramWireTest, ResultsCarryTheFieldsTheProgramReadsWithTheirTypesAndCont
         {u"tell me \"more\""_s, 0.8125, true, false, true, 1.23456, 2.5}, u"req-1"_s).toUtf8()).object();
     EXPECT_EQ(message[u"type"_s], u"Results"_s);
     const auto first = message[u"channel"_s][u"alternatives"_s][0];
-    EXPECT_EQ(first[u"transcript"_s], u"tell me \"more\""_s);
-    EXPECT_EQ(first[u"confidence"_s], QJsonValue(0.8125));
-    EXPECT_EQ(message[u"is_final"_s], QJsonValue(true));
-    EXPECT_EQ(message[u"speech_final"_s], QJsonValue(false));
-    EXPECT_EQ(message[u"from_finalize"_s], QJsonValue(true));
-    EXPECT_EQ(message[u"start"_s], QJsonValue(1.235));
-    EXPECT_EQ(message[u"duration"_s], QJsonValue(2.5));
-    EXPECT_EQ(message[u"metadata"_s][u"request_id"_s], u"req-1"_s);
-
+    EXPECT_EQ(QJsonArray({first[u"transcript"_s], first[u"confidence"_s], message[u"is_final"_s], message[u"speech_final"_s],
+                          message[u"from_finalize"_s], message[u"start"_s], message[u"duration"_s], message[u"metadata"_s][u"request_id"_s]}),
+              QJsonArray({u"tell me \"more\""_s, 0.8125, true, false, true, 1.235, 2.5, u"req-1"_s}));
     // The program writes them with a space after the colon.
-    EXPECT_EQ(DeepgramWire::parseControl(u"{\"type\": \"KeepAlive\"}"_s), Control::keepAlive);
-    EXPECT_EQ(DeepgramWire::parseControl(u"{\"type\": \"CloseStream\"}"_s), Control::closeStream);
-    EXPECT_EQ(DeepgramWire::parseControl(u"{\"type\":\"Finalize\"}"_s), Control::finalize);
+    EXPECT_EQ((std::vector{DeepgramWire::parseControl(u"{\"type\": \"KeepAlive\"}"_s), DeepgramWire::parseControl(u"{\"type\": \"CloseStream\"}"_s),
+                           DeepgramWire::parseControl(u"{\"type\":\"Finalize\"}"_s)}),
+              (std::vector{Control::keepAlive, Control::closeStream, Control::finalize}));
     for (const auto& garbage : {u""_s, u"KeepAlive"_s, u"[\"KeepAlive\"]"_s, u"{\"type\":7}"_s,
                                 u"{\"type\":\"keepalive\"}"_s, u"{\"type\":\"CloseStream\""_s})
         EXPECT_EQ(DeepgramWire::parseControl(garbage), Control::unknown) << garbage.toStdString();
