@@ -317,53 +317,44 @@ TEST_F(SpeechRecoveryTest, UserChannelRestartsSilentlyAndKeepsItsCountAcrossInte
     EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 0);
 }
 
-TEST_F(SpeechRecoveryTest, EventsAfterStopAreIgnored)
-{
-    h.backend->speechTokenFailures.add(failureOf(APIError::serverError(503)));
-    h.fail(Speaker::interviewer, u"socket closed"_s);
-    h.fail(Speaker::user, u"mic socket closed"_s);
-    h.passTime(500ms);
-    ASSERT_TRUE(h.vm.hasScheduledReconnect(Speaker::interviewer));
-    const int fetchesBefore = tokenFetches(h);
-    const auto telemetryBefore = sttFailures(h);
-
-    h.stop();
-    EXPECT_FALSE(h.vm.hasScheduledReconnect(Speaker::interviewer) || h.vm.hasScheduledReconnect(Speaker::user));
-    awaitTask(h.vm.handleInterviewerRecovery(u"late"_s, true), 1000);
-    awaitTask(h.vm.handleUserRecovery(u"late"_s, true), 1000);
-    h.passTime(120s);
-    EXPECT_EQ(tokenFetches(h), fetchesBefore);
-    EXPECT_EQ(h.vm.restartCount(Speaker::interviewer), 1);
-    EXPECT_EQ(sttFailures(h), telemetryBefore);
-    EXPECT_EQ(h.vm.statusMessage(), u"Ready"_s);
-    EXPECT_EQ(interviewer->starts.size(), 1);
-}
-
+// A stop wins over a restart wherever it stands: in its back-off, fetching its token, waiting to
+// retry the recogniser's start, or scheduled after a failure. Events after the stop change nothing.
 TEST_F(SpeechRecoveryTest, StopDuringARestartWins)
 {
     const struct {
         const char* name;
-        QString gate;             // held while the stop comes; empty: the back-off sleep
-        bool failRecognizerStart; // the stop comes in the wait before the start's retry
+        QString gate; // held while the stop comes
+        std::function<void(H&, FakeRecognizer&)> trouble;
         qsizetype expectedStarts;
         std::chrono::milliseconds before;
+        bool failedAlready = false; // the failure's notice shows before the stop
     } cases[] = {
-        {"DuringBackOff", QString(), false, 1, 200ms},
-        {"DuringTokenFetch", u"fetchSpeechToken"_s, false, 1, 500ms},
-        {"DuringStartRetryWait", QString(), true, 2, 600ms},
+        {"DuringBackOff", QString(), [](H&, FakeRecognizer&) {}, 1, 200ms},
+        {"DuringTokenFetch", u"fetchSpeechToken"_s, [](H&, FakeRecognizer&) {}, 1, 500ms},
+        {"DuringStartRetryWait", QString(),
+         [](H&, FakeRecognizer& r) { r.startFailures.add(failureOf(APIError::networkError())); }, 2, 600ms},
+        {"Scheduled", QString(),
+         [](H& h, FakeRecognizer&) {
+             h.backend->speechTokenFailures.add(failureOf(APIError::serverError(503)));
+             h.fail(Speaker::user, u"mic socket closed"_s);
+         },
+         1, 500ms, true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         H row;
         row.start();
         const auto recognizer = row.recognizerOf(Speaker::interviewer);
-        if (c.failRecognizerStart)
-            recognizer->startFailures.add(failureOf(APIError::networkError()));
         if (!c.gate.isEmpty())
             row.gates.hold(c.gate);
         row.fail(Speaker::interviewer, u"socket closed"_s);
+        c.trouble(row, *recognizer);
         row.passTime(c.before);
-        ASSERT_TRUE(row.vm.isRestarting(Speaker::interviewer));
+        ASSERT_TRUE(row.vm.isRestarting(Speaker::interviewer) || row.vm.hasScheduledReconnect(Speaker::interviewer));
+        const int restartCount = row.vm.restartCount(Speaker::interviewer);
+        const auto telemetry = sttFailures(row);
+        const auto notice = row.vm.lastNotice();
+        EXPECT_EQ(bool(notice), c.failedAlready);
 
         auto stopping = row.vm.stopInterview();
         if (!c.gate.isEmpty()) {
@@ -371,15 +362,22 @@ TEST_F(SpeechRecoveryTest, StopDuringARestartWins)
             row.gates.release(c.gate);
         }
         awaitTask(std::move(stopping));
-        EXPECT_EQ(row.vm.statusMessage(), u"Ready"_s);
         EXPECT_EQ(row.vm.runningTaskCount(), 0);
-        EXPECT_FALSE(row.vm.isRestarting(Speaker::interviewer) || row.vm.hasScheduledReconnect(Speaker::interviewer));
+        EXPECT_FALSE(row.vm.isRestarting(Speaker::interviewer) || row.vm.hasScheduledReconnect(Speaker::interviewer)
+                     || row.vm.hasScheduledReconnect(Speaker::user));
         EXPECT_TRUE(recognizer->isStopped);
-        EXPECT_FALSE(row.vm.lastNotice());
+        const int fetches = tokenFetches(row);
+        awaitTask(row.vm.handleInterviewerRecovery(u"late"_s, true), 1000);
+        awaitTask(row.vm.handleUserRecovery(u"late"_s, true), 1000);
         row.passTime(60s);
+        EXPECT_EQ(tokenFetches(row), fetches);
         EXPECT_EQ(recognizer->starts.size(), c.expectedStarts);
         EXPECT_FALSE(recognizer->isRunning);
+        EXPECT_EQ(row.vm.restartCount(Speaker::interviewer), restartCount);
+        EXPECT_EQ(sttFailures(row), telemetry);
         EXPECT_EQ(row.vm.pipelineState(), State::idle);
+        EXPECT_EQ(row.vm.statusMessage(), u"Ready"_s);
+        EXPECT_EQ(row.vm.lastNotice(), notice);
     }
 }
 
