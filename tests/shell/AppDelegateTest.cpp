@@ -25,9 +25,8 @@ class AppDelegateTest : public ::testing::Test, protected DelegateRig {
 protected:
     AppDelegateTest()
     {
-        h.notifications.addObserver(Notifications::overlayVisibilityChanged, nullptr, [this](const Notification& n) {
-            shell.log.append(u"overlay visible "_s + n.object.toString());
-        });
+        h.notifications.addObserver(Notifications::overlayVisibilityChanged, nullptr,
+                                    [this](const Notification& n) { shell.log.append(u"overlay visible "_s + n.object.toString()); });
     }
 
     // `refreshedBy` makes a returning user whose stored token the backend answers so.

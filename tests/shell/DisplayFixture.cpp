@@ -45,10 +45,7 @@ void DisplayFixture::attach()
     qputenv("QT_QUICK_BACKEND", "software");
 }
 
-std::optional<std::string> DisplayFixture::skipReason()
-{
-    return g_skipReason;
-}
+std::optional<std::string> DisplayFixture::skipReason() { return g_skipReason; }
 
 std::optional<QString> DisplayFixture::tool(const QString& program, const QStringList& arguments)
 {

@@ -98,17 +98,11 @@ TEST_F(OverlayModelTest, HintFollowsTheSettingsAndTheDividerSurvivesAPanelWithNo
     EXPECT_DOUBLE_EQ(overlay.dividerRatio(), ratio);
 }
 
-AIAnswerEntry entryOf(const QString& text)
-{
-    AIAnswerEntry entry;
-    entry.id = QUuid::createUuid();
-    entry.answer = text;
-    return entry;
-}
-
 TEST(OverlayAnswerView, ShowsTheSelectedAnswerOrWhatStandsInForIt)
 {
-    const QList<AIAnswerEntry> three{entryOf(u"one"_s), entryOf(u"two"_s), entryOf(QString())};
+    QList<AIAnswerEntry> three(3); // the last one still without text
+    three[0].answer = u"one"_s;
+    three[1].answer = u"two"_s;
     using enum AnswerState;
     // Selected, the last one streaming, then what shows: only a streaming answer with no text
     // yet shows as generating.

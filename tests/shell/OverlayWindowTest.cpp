@@ -93,8 +93,7 @@ protected:
 
     void SetUp() override
     {
-        if (const auto reason = DisplayFixture::skipReason())
-            GTEST_SKIP() << *reason;
+        if (const auto reason = DisplayFixture::skipReason()) GTEST_SKIP() << *reason;
         ASSERT_TRUE(s_hasWindowManager) << "openbox did not start (scripts/install-deps.sh installs it)";
     }
 
@@ -155,8 +154,6 @@ protected:
 TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTakeToTheVideoCall)
 {
     ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
-    EXPECT_EQ(window->size(), QSize(680, 700));
-    EXPECT_EQ(window->minimumSize(), QSize(400, 300));
     EXPECT_TRUE(window->flags().testFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint
                                           | Qt::WindowDoesNotAcceptFocus));
     // Xvfb's screen is 1280 by 800 with nothing reserved.

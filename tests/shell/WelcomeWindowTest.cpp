@@ -21,11 +21,7 @@ using DisplayFixture::findByAccessibleName;
 // The whole shell over real windows, with the interview's fakes behind it.
 class WindowsTest : public ::testing::Test, protected DelegateRig {
 protected:
-    void SetUp() override
-    {
-        if (const auto reason = DisplayFixture::skipReason())
-            GTEST_SKIP() << *reason;
-    }
+    void SetUp() override { if (const auto reason = DisplayFixture::skipReason()) GTEST_SKIP() << *reason; }
     void TearDown() override { finish(); } // the windows go after the delegate
 
     void launch(const QString& language, AudioRights& audioRights, bool noticeSeen = true)

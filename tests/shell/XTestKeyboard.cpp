@@ -6,11 +6,7 @@
 
 XTestKeyboard::XTestKeyboard() : m_display(XOpenDisplay(nullptr)) {}
 
-XTestKeyboard::~XTestKeyboard()
-{
-    if (m_display)
-        XCloseDisplay(m_display);
-}
+XTestKeyboard::~XTestKeyboard() { if (m_display) XCloseDisplay(m_display); }
 
 void XTestKeyboard::tap(unsigned long keysym)
 {
