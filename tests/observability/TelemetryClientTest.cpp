@@ -158,9 +158,8 @@ TEST_F(TelemetryClientTest, TwentiethEventSendsTheBatchInItsEnvelope)
     client.sessionCompleted(1500, 7);
     client.resumeUpload(false, u"serverError"_s);
     client.jdUpload(true, u"ignored on success"_s);
+    // A batch sent before the twentieth would show below as a second request or a shorter batch.
     trackNumbered(0, 13);
-    QTest::qWait(50);
-    EXPECT_EQ(server.requestCount("POST", eventsPath), 0);
     client.track(u"twentieth"_s, u"feature"_s);
     ASSERT_TRUE(QTest::qWaitFor([&] { return client.buffer().isEmpty(); }, 10'000));
     ASSERT_EQ(server.requestCount("POST", eventsPath), 1);
