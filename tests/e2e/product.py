@@ -36,6 +36,30 @@ def free_port():
         return s.getsockname()[1]
 
 
+def healthy(base):
+    """Whether a server answers at `base`/health."""
+    try:
+        urllib.request.urlopen(base + "/health", timeout=1)
+        return True
+    except OSError:
+        return False
+
+
+def processes(executable):
+    """{pid: parent pid} of the live processes that run `executable`."""
+    found = {}
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            if os.readlink(f"/proc/{pid}/exe") == executable:
+                with open(f"/proc/{pid}/stat") as f:
+                    state, parent = f.read().rsplit(")", 1)[1].split()[:2]
+                if state != "Z":
+                    found[int(pid)] = int(parent)
+        except OSError:
+            pass
+    return found
+
+
 def read_state(path):
     values = {}
     with open(path) as f:
@@ -177,11 +201,7 @@ class Server:
     def _healthy(self):
         if self.process.poll() is not None:
             raise RuntimeError("ravlet-server ended at start")
-        try:
-            urllib.request.urlopen(self.base + "/health", timeout=1)
-            return True
-        except OSError:
-            return False
+        return healthy(self.base)
 
     def query(self, sql, *parameters):
         # Read-only and shared: the server keeps the database open in WAL mode.
