@@ -103,8 +103,8 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndHandlesTheOverlayFailuresAn
 }
 
 // Restored at launch, signed out from the settings, back by a deep link: with no sign-in
-// pending, its code is exchanged without a state.
-TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutAndComesBackByADeepLink)
+// pending, its code is exchanged without a state; then quits in the middle of an interview.
+TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutComesBackByADeepLinkAndQuits)
 {
     launch(restored);
     EXPECT_EQ(shell.log.mid(shell.log.indexOf(u"start update check"_s) + 1),
@@ -126,6 +126,19 @@ TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutAndComesBackByADeepLink)
     settle();
     EXPECT_EQ(backend.requestCount("POST", "/api/v1/auth/exchange"), 1);
     EXPECT_TRUE(delegate->authViewModel().isLoggedIn());
+
+    // Quitting during a recording stops nothing.
+    awaitTask(delegate->interviewViewModel().startInterview(), 5000);
+    ASSERT_TRUE(delegate->interviewViewModel().isRecording());
+    EXPECT_EQ(crashLastState(), u"recording"_s);
+    shell.log.clear();
+    delegate->handleLaunchArguments({u"--quit"_s});
+    settle();
+    EXPECT_EQ(shell.log, QStringList{u"terminate"_s});
+    EXPECT_TRUE(delegate->interviewViewModel().isRecording());
+    EXPECT_EQ(h.systemAudio.stopCount + h.microphone.stopCount, 0);
+    for (const auto& recognizer : h.recognizers)
+        EXPECT_FALSE(recognizer->isStopped);
 }
 
 // Refused at launch, the user is signed out everywhere: the dashboard's requests land on sign-in.
@@ -144,23 +157,6 @@ TEST_F(AppDelegateTest, ReturningUserRefusedByTheBackendIsSignedOutEverywhere)
     EXPECT_EQ(shell.log, QStringList(3, u"show welcome"_s));
     settle();
     EXPECT_FALSE(telemetryEvents().contains(u"settings_opened"_s));
-}
-
-TEST_F(AppDelegateTest, QuittingDuringARecordingStopsNothing)
-{
-    launch(restored);
-    awaitTask(delegate->interviewViewModel().startInterview(), 5000);
-    ASSERT_TRUE(delegate->interviewViewModel().isRecording());
-    EXPECT_EQ(crashLastState(), u"recording"_s);
-    shell.log.clear();
-
-    delegate->handleLaunchArguments({u"--quit"_s});
-    settle();
-    EXPECT_EQ(shell.log, QStringList{u"terminate"_s});
-    EXPECT_TRUE(delegate->interviewViewModel().isRecording());
-    EXPECT_EQ(h.systemAudio.stopCount + h.microphone.stopCount, 0);
-    for (const auto& recognizer : h.recognizers)
-        EXPECT_FALSE(recognizer->isStopped);
 }
 
 } // namespace

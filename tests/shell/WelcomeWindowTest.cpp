@@ -1,18 +1,15 @@
 // The real windows under Xvfb: the welcome panel in three languages, its notice, and a right
-// that appears while the panel is open. Screenshots go to build/screenshots.
+// granted while the panel is open. Screenshots go to build/screenshots.
 
 #include "DisplayFixture.h"
 #include "ShellFakes.h"
 
-#include "PulseAudioRights.h"
 #include "QmlShellWindows.h"
 #include "WelcomeViewModel.h"
 
 #include <QGuiApplication>
-#include <QProcess>
 #include <QQuickItem>
 #include <QQuickWindow>
-#include <QTemporaryDir>
 
 namespace {
 
@@ -82,32 +79,21 @@ TEST_F(WindowsTest, TelemetryNoticeComesUntilAnsweredAndTurnOffSticks)
     EXPECT_FALSE(findByAccessibleName(welcome, turnOff));
 }
 
-// The system-audio right appears when a sound server starts while the panel is open; it shows
-// at the next poll, and the polling ends with the panel.
+// A right granted while the panel is open turns its row at the next poll, and the polling ends
+// with the panel. (PulseAudioRights asks a real sound server in the platform tests.)
 TEST_F(WindowsTest, RightThatAppearsTurnsItsRowToGrantedAtTheNextPoll)
 {
-    qputenv("PULSE_SERVER", "unix:/nonexistent/ravlet-no-server");
-    PulseAudioRights pulseRights(h.clock);
-    launch(u"en"_s, pulseRights);
+    h.rights.systemAudio = false;
+    launch(u"en"_s, h.rights);
     ASSERT_TRUE(QTest::qWaitFor([&] { return h.clock.pendingTimerCount() > 0; }, 5000)) << "the first check never ended";
     EXPECT_TRUE(row("label.screen_recording", "btn.open_settings"));
-
-    QTemporaryDir pulseState;
-    ASSERT_EQ(QProcess::execute(u"bash"_s, {QStringLiteral(RAVLET_PULSE_SCRIPT), u"start"_s, pulseState.path()}), 0);
-    const auto server = DisplayFixture::stateValue(pulseState.filePath(u"state"_s), "PULSE_SERVER");
-    if (server.isEmpty())
-        GTEST_SKIP() << "no sound server here (pulseaudio is not installed)";
-    qputenv("PULSE_SERVER", server);
-    QTest::qWait(200);
+    h.rights.systemAudio = true;
+    InterviewHarness::settle();
     EXPECT_FALSE(row("label.screen_recording", "label.granted")) << "changed before the next poll";
-
     h.clock.advance(WelcomeViewModel::pollInterval);
     EXPECT_TRUE(QTest::qWaitFor([&] { return row("label.screen_recording", "label.granted") != nullptr; }, 5000));
-    EXPECT_FALSE(row("label.screen_recording", "btn.open_settings"));
-
     windows.hide(ShellWindows::Panel::welcome);
     EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->models().welcome->isPolling(); }, 2000)) << "the timer outlived the panel";
-    QProcess::execute(u"bash"_s, {QStringLiteral(RAVLET_PULSE_SCRIPT), u"stop"_s, pulseState.path()});
 }
 
 } // namespace
