@@ -40,10 +40,7 @@ private:
 };
 
 template<typename Sample>
-QByteArray bytesOf(std::initializer_list<Sample> samples)
-{
-    return QByteArray(reinterpret_cast<const char*>(std::data(samples)), qsizetype(samples.size() * sizeof(Sample)));
-}
+QByteArray bytesOf(std::initializer_list<Sample> samples) { return QByteArray(reinterpret_cast<const char*>(std::data(samples)), qsizetype(samples.size() * sizeof(Sample))); }
 
 // Hands one sample to `handler` the way the platform does, and runs the queued hand-over.
 void deliver(const SystemAudioSource::BlockHandler& handler, float sample)

@@ -21,10 +21,7 @@ using Frame = FakeTranscriptChannel::Frame;
 namespace {
 bool waitFor(const std::function<bool()>& condition) { return QTest::qWaitFor(condition, 10'000); }
 
-TranscriptEntry line(const QString& id, const QString& content = u"a line"_s, bool isFinal = true)
-{
-    return {id, Speaker::interviewer, content, 1'700'000'000'000, std::nullopt, isFinal};
-}
+TranscriptEntry line(const QString& id, const QString& content = u"a line"_s, bool isFinal = true) { return {id, Speaker::interviewer, content, 1'700'000'000'000, std::nullopt, isFinal}; }
 
 QStringList ids(const QList<TranscriptEntry>& entries, QString TranscriptEntry::*field = &TranscriptEntry::id)
 {

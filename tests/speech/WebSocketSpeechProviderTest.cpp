@@ -23,10 +23,7 @@ using Speaker = TranscriptEntry::Speaker;
 
 namespace {
 // Every vendor tags its messages with a type under a key of its own.
-QString tagged(const QString& key, const QString& type, const QString& fields = {})
-{
-    return u"{\"%1\":\"%2\"%3}"_s.arg(key, type, fields.isEmpty() ? QString() : u","_s + fields);
-}
+QString tagged(const QString& key, const QString& type, const QString& fields = {}) { return u"{\"%1\":\"%2\"%3}"_s.arg(key, type, fields.isEmpty() ? QString() : u","_s + fields); }
 QString event(const QString& type, const QString& fields = {}) { return tagged(u"type"_s, type, fields); }
 QString message(const QString& type, const QString& fields = {}) { return tagged(u"message_type"_s, type, fields); }
 QString field(const QString& name, const QString& value) { return u"\"%1\":\"%2\""_s.arg(name, value); }
@@ -35,10 +32,7 @@ QString results(const QString& transcript, bool isFinal, std::optional<double> c
     return uR"({"type":"Results","is_final":%1,"channel":{"alternatives":[{"transcript":"%2"%3}]}})"_s.arg(
         isFinal ? u"true"_s : u"false"_s, transcript, confidence ? u",\"confidence\":"_s + QString::number(*confidence) : QString());
 }
-QString turn(const QString& name, const QString& text)
-{
-    return event(u"TurnInfo"_s, field(u"event"_s, name) + u","_s + field(u"transcript"_s, text));
-}
+QString turn(const QString& name, const QString& text) { return event(u"TurnInfo"_s, field(u"event"_s, name) + u","_s + field(u"transcript"_s, text)); }
 QString sessionUpdate(const QString& transcription)
 {
     return uR"({"type":"session.update","session":{"type":"transcription","audio":{"input":{"format":{"type":"audio/pcm",)"
