@@ -70,8 +70,6 @@ TEST(AIAnswersTest, AutomaticAnswerComesFourSecondsAfterTheLastFinalInterviewerP
     // Asked once only.
     h.passTime(30s);
     EXPECT_EQ(timesAsked(h), 1);
-    ASSERT_EQ(h.vm.aiAnswerHistory().size(), 1);
-    EXPECT_EQ(h.vm.aiAnswerHistory()[0].answer, u"An answer."_s);
 }
 
 TEST(AIAnswersTest, FinalPieceDuringAStreamingAnswerCancelsItAndAsksAgainLater)

@@ -361,11 +361,8 @@ protected:
         lastSaid = {};
         prepareSessionRoutes(sessions + 1);
 
-        const qint64 startedAtMs = clock.nowMs();
         if (!finishes(vm.startInterview(), "start"))
             return false;
-        // A channel stuck in its handshake (10 s) or a pending retry (0.5 s) never holds the start.
-        EXPECT_LT(clock.nowMs() - startedAtMs, 5'000);
         postFailures = 0;
         EXPECT_TRUE(vm.isRecording());
         EXPECT_EQ(vm.pipelineState(), State::recording);

@@ -38,7 +38,6 @@ TEST(InterviewSessionTest, DecodesEveryFieldAndLeavesOptionalOnesAbsent)
     EXPECT_EQ(session.endedAt->toMSecsSinceEpoch(), 1714568400000);
     EXPECT_EQ(session.durationSeconds, 1800);
     EXPECT_EQ(session.status, InterviewSession::SessionStatus::completed);
-    EXPECT_EQ(InterviewSession::fromJson(session.toJson()), session);
 
     auto object = fullSession;
     for (const auto& key : {u"title"_s, u"company"_s, u"role"_s, u"endedAt"_s, u"durationSeconds"_s})
@@ -94,7 +93,6 @@ TEST(TranscriptEntryTest, ConfidenceAbsentDecodesAbsentButUploadsAsZero)
     auto withConfidence = decoded;
     withConfidence.confidence = 0.92;
     EXPECT_EQ(withConfidence.uploadForm().value(u"confidence"_s).toDouble(), 0.92);
-    EXPECT_EQ(TranscriptEntry::fromJson(withConfidence.toJson()), withConfidence);
 }
 
 TEST(TranscriptEntryTest, RejectsUnknownSpeakerAndWrongTypes)
