@@ -12,20 +12,21 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-std::optional<std::string> g_skipReason;
-}
 
-QByteArray DisplayFixture::stateValue(const QString& stateFile, const QByteArray& key)
+std::optional<std::string> g_skipReason;
+
+// A value of the KEY=VALUE state file that scripts/test-display.sh writes.
+QByteArray stateValue(const QString& stateFile, const QByteArray& key)
 {
     QFile file(stateFile);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    for (const auto& line : file.readAll().split('\n')) {
+    for (const auto& line : file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QByteArrayList()) {
         if (line.startsWith(key + '='))
             return line.mid(key.size() + 1);
     }
     return {};
 }
+
+} // namespace
 
 void DisplayFixture::attach()
 {

@@ -18,9 +18,6 @@ namespace DisplayFixture {
 void attach();
 std::optional<std::string> skipReason();
 
-// A value of a KEY=VALUE state file written by one of the test scripts.
-QByteArray stateValue(const QString& stateFile, const QByteArray& key);
-
 // Runs an X tool (xdotool, xprop) to its end while this program goes on handling its events;
 // its output, or nothing when it failed.
 std::optional<QString> tool(const QString& program, const QStringList& arguments);

@@ -61,24 +61,11 @@ TEST(OverlayLayout, RowsFadeByAQuarterPerStepToAFloorAndTheDividerStopsFortyShor
         EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected) << upper << " " << by;
 }
 
-TEST_F(OverlayModelTest, RowsCarryTheirSpeakerAndShadingWithThePartialAsTheNewest)
-{
-    h.start();
-    for (int k = 0; k < 5; ++k)
-        line(k % 2 ? Speaker::user : Speaker::interviewer, u"Line "_s + QString::number(k));
-    h.say(Speaker::user, u"Probably"_s, false);
-    // Five committed lines and one partial, which the shading counts as the newest row.
-    ASSERT_EQ(overlay.transcriptRows()->rowCount(), 6);
-    EXPECT_FALSE(rowValue(5, TranscriptRowsModel::IsFinalRole).toBool());
-    EXPECT_FALSE(rowValue(1, TranscriptRowsModel::IsInterviewerRole).toBool());
-    EXPECT_TRUE(rowValue(4, TranscriptRowsModel::IsInterviewerRole).toBool());
-    EXPECT_DOUBLE_EQ(rowValue(1, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.25);
-    EXPECT_DOUBLE_EQ(rowValue(4, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.75);
-}
-
-// The hint follows the settings at once and goes with the first row; a drag of the divider in a
-// panel with no room for the areas leaves the ratio alone. (Real drags run in OverlayWindowTest.)
-TEST_F(OverlayModelTest, HintFollowsTheSettingsAndTheDividerSurvivesAPanelWithNoRoom)
+// The hint follows the settings at once and goes with the first row, a partial one; the rows
+// carry their speaker and shading, which counts the partial as the newest row. A drag of the
+// divider in a panel with no room for the areas leaves the ratio alone. (Real drags run in
+// OverlayWindowTest.)
+TEST_F(OverlayModelTest, HintRowsAndDividerFollowTheSettingsTheTranscriptAndThePanel)
 {
     QSignalSpy hint(&overlay, &OverlayViewModel::hintChanged);
     EXPECT_EQ(overlay.hintText(), u"Press Right Shift to trigger AI after interviewer speaks"_s);
@@ -92,6 +79,16 @@ TEST_F(OverlayModelTest, HintFollowsTheSettingsAndTheDividerSurvivesAPanelWithNo
     h.say(Speaker::interviewer, u"So"_s, false);
     EXPECT_FALSE(overlay.showsHint());
     EXPECT_EQ(hint.count(), 4);
+
+    for (int k = 0; k < 5; ++k)
+        line(k % 2 ? Speaker::user : Speaker::interviewer, u"Line "_s + QString::number(k));
+    h.say(Speaker::user, u"Probably"_s, false);
+    ASSERT_EQ(overlay.transcriptRows()->rowCount(), 6);
+    EXPECT_FALSE(rowValue(5, TranscriptRowsModel::IsFinalRole).toBool());
+    EXPECT_FALSE(rowValue(1, TranscriptRowsModel::IsInterviewerRole).toBool());
+    EXPECT_TRUE(rowValue(4, TranscriptRowsModel::IsInterviewerRole).toBool());
+    EXPECT_DOUBLE_EQ(rowValue(1, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.25);
+    EXPECT_DOUBLE_EQ(rowValue(4, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.75);
 
     const double ratio = overlay.dividerRatio();
     overlay.dragDivider(0, 10, 0);
