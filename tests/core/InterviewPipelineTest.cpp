@@ -243,8 +243,15 @@ TEST(InterviewPipelineTest, ASessionFailureRecordsLocallyWithoutUploadOrAnswers)
     // Speech still needs the backend's tokens, and gets them.
     EXPECT_EQ(h.backend->callsOf(u"fetchSpeechToken"_s).size(), 2);
 
-    // The next start clears what the last one reported.
+    // At the end nothing is sent; the session is archived, with no duration left for the next.
+    h.backend->calls.clear();
+    h.clock.advance(10s);
     h.stop();
+    EXPECT_TRUE(h.backend->calls.isEmpty());
+    EXPECT_EQ(h.vm.pastSessions().value(0).status, InterviewSession::SessionStatus::completed);
+    EXPECT_EQ(h.telemetry->events.last(), u"session_completed 10 0"_s);
+    EXPECT_FALSE(h.vm.sttStartTimeMs());
+    // The next start clears what the last one reported.
     h.start();
     EXPECT_FALSE(h.vm.lastRecoverableError() || h.vm.lastNotice());
     EXPECT_TRUE(h.vm.currentSessionUsesBackend());

@@ -90,22 +90,6 @@ TEST(SessionFinalisationTest, WithoutAChannelTheWholeTranscriptGoesUpEvenIfTheCl
     EXPECT_EQ(h.backend->calls.mid(4), QStringList{u"completeSession session-2 0"_s});
 }
 
-TEST(SessionFinalisationTest, ALocalInterviewSendsNothingButIsArchived)
-{
-    H h;
-    h.backend->createSessionFailures.add(failureOf(APIError::serverError(503)));
-    runInterview(h, 1);
-    h.backend->calls.clear();
-    h.clock.advance(4s);
-    h.stop();
-    EXPECT_TRUE(h.backend->calls.isEmpty());
-    ASSERT_EQ(h.vm.pastSessions().size(), 1);
-    EXPECT_EQ(h.vm.pastSessions().first().status, InterviewSession::SessionStatus::completed);
-    EXPECT_EQ(h.telemetry->events.last(), u"session_completed 10 0"_s);
-    // A local interview leaves no duration behind for the next one.
-    EXPECT_FALSE(h.vm.sttStartTimeMs());
-}
-
 // A retryable failure is posted once more, half a second later; a transcript still not
 // delivered after that is kept for the next start.
 TEST(SessionFinalisationTest, FailedPostIsRetriedOnceWhenRetryableElseKept)
