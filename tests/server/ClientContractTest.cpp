@@ -23,8 +23,7 @@ protected:
 
 TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
 {
-    const auto user = std::get<UserRecord>(
-        server.accounts->createAccount(u"client@example.org"_s, u"long enough"_s));
+    const auto user = std::get<UserRecord>(server.accounts->createAccount(u"client@example.org"_s, u"long enough"_s));
     const auto auth = awaitTask(client.exchangeCode(server.accounts->issueCode(user.id)));
     EXPECT_EQ(auth.user.email, u"client@example.org"_s);
     client.setAccessToken(auth.accessToken);
@@ -39,10 +38,8 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
 
     const auto cvText = u"Reduced build times by half.\n"_s;
     const auto resume = awaitTask(client.uploadResume(writeFile(server.dir.filePath(u"CV.txt"_s), cvText.toUtf8())));
-    EXPECT_EQ(resume.filename, u"CV.txt"_s);
-    EXPECT_EQ(resume.extractedText, cvText);
-    const auto job =
-        awaitTask(client.createJobDescription(u"Build engineer"_s, u"Speed up CI"_s, std::nullopt));
+    EXPECT_EQ(resume.filename + u'|' + resume.extractedText, u"CV.txt|"_s + cvText);
+    const auto job = awaitTask(client.createJobDescription(u"Build engineer"_s, u"Speed up CI"_s, std::nullopt));
     EXPECT_EQ(job.company, QString());
     EXPECT_EQ(awaitTask(client.fetchResumes()).resumes.size(), 1);
     EXPECT_EQ(awaitTask(client.fetchJobDescriptions()).jobDescriptions.size(), 1);
@@ -52,15 +49,12 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
 
     // Lines as the pending upload sends them, out of the order they were spoken in.
     using Speaker = TranscriptEntry::Speaker;
-    const TranscriptEntry first{u"e1"_s, Speaker::interviewer, u"Tell me about a time."_s, 2000,
-                                0.9, true};
+    const TranscriptEntry first{u"e1"_s, Speaker::interviewer, u"Tell me about a time."_s, 2000, 0.9, true};
     const TranscriptEntry second{u"e2"_s, Speaker::user, u"Sure."_s, 1000, std::nullopt, true};
     awaitTask(client.postTranscript(session.id, {first.uploadForm(), second.uploadForm()}));
 
     server.engine.finishAtOnce = true;
-    APIClient::AnswerRequest request{
-        u"Tell me about a time"_s, {first.contextForm()}, session.id, u"en"_s, resume.id, job.id};
-    const auto answer = awaitTask(client.streamAnswer(request));
+    const auto answer = awaitTask(client.streamAnswer({u"Tell me about a time"_s, {first.contextForm()}, session.id, u"en"_s, resume.id, job.id}));
     ASSERT_TRUE(answer.logId);
     EXPECT_EQ(server.engine.answers.back()->request.resumeText, cvText);
     awaitTask(client.saveAnswerLog(*answer.logId, u"Draft, edited"_s));

@@ -66,13 +66,12 @@ QString writeFile(const QString& path, const QByteArray& bytes, bool executable)
     return path;
 }
 
-ServerHarness::ServerHarness(ServerConfig config, ravlet::server::AnswerEngine* answerEngine)
+ServerHarness::ServerHarness(ServerConfig config)
     : clock(wallClockMs())
 {
     db = reopen();
     accounts = std::make_unique<AccountService>(*db, clock, signingKey);
-    api = std::make_unique<Api>(*db, *accounts, clock, std::move(config),
-                                answerEngine ? answerEngine : &engine);
+    api = std::make_unique<Api>(*db, *accounts, clock, std::move(config), &engine);
     http = std::make_unique<HttpServer>();
     api->attach(*http);
     port = http->listen(QHostAddress::LocalHost, 0).value_or(0);

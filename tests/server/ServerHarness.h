@@ -54,9 +54,7 @@ QString writeFile(const QString& path, const QByteArray& bytes, bool executable 
 // database is a fresh SQLite file, or the PostgreSQL database named by RAVLET_TEST_DATABASE.
 class ServerHarness {
 public:
-    // `answerEngine`, if given, answers in place of the test-driven `engine` and must outlive the
-    // harness.
-    explicit ServerHarness(ServerConfig config = {}, ravlet::server::AnswerEngine* answerEngine = nullptr);
+    explicit ServerHarness(ServerConfig config = {});
     ~ServerHarness();
 
     struct Account {

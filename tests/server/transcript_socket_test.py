@@ -22,14 +22,13 @@ class Server:
         with socket.socket() as s:
             s.bind(("127.0.0.1", 0))
             self.port = s.getsockname()[1]
-        self.data_dir, self.process, self.base = data_dir, None, f"http://127.0.0.1:{self.port}"
+        self.data_dir, self.base = data_dir, f"http://127.0.0.1:{self.port}"
 
     def start(self):
-        env = dict(os.environ, XDG_DATA_HOME=self.data_dir)
-        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}"], env=env)
+        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}"], env=dict(os.environ, XDG_DATA_HOME=self.data_dir))
         for _ in range(200):
             try:
-                return urllib.request.urlopen(self.base + "/health", timeout=1)
+                return urllib.request.urlopen(self.base + "/health", timeout=1).close()
             except OSError:
                 time.sleep(0.05)
         raise RuntimeError("ravlet-server did not start")
