@@ -51,10 +51,14 @@ Account bearer(const QString& token) { return {{}, {}, token, {}}; }
 
 } // namespace
 
-TEST(ServerTest, EveryApiRouteRefusesMissingExpiredAndForgedTokens)
-{
+class ServerTest : public ::testing::Test {
+protected:
     ServerHarness server;
-    const auto account = server.signUp();
+    const Account account = server.signUp();
+};
+
+TEST_F(ServerTest, EveryApiRouteRefusesMissingExpiredAndForgedTokens)
+{
     const auto routes = u"POST interview/session|GET interview/session|GET interview/session/x|PUT interview/session/x|"
                         u"POST interview/session/x/transcript|POST chat/answer|PATCH chat/log/x|GET chat/log/x|GET speech/token|"
                         u"GET subscription/status|GET resume|POST resume/upload|DELETE resume/x|GET job-description|"
@@ -73,13 +77,9 @@ TEST(ServerTest, EveryApiRouteRefusesMissingExpiredAndForgedTokens)
     }
 }
 
-TEST(ServerTest, AccessTokensAndSignInCodesLastTheirTimeToTheMillisecond)
+TEST_F(ServerTest, AccessTokensAndSignInCodesLastTheirTimeToTheMillisecond)
 {
-    ServerHarness server;
-    const auto user = server.signUp();
-    const auto exchange = [&](const QString& code) {
-        return server.call({}, "POST", u"/api/v1/auth/exchange"_s, compact({{u"code"_s, code}})).status;
-    };
+    const auto exchange = [&](const QString& code) { return server.call({}, "POST", u"/api/v1/auth/exchange"_s, compact({{u"code"_s, code}})).status; };
     const struct {
         bool code; // else an access token on a route
         qint64 afterMs;
@@ -88,16 +88,15 @@ TEST(ServerTest, AccessTokensAndSignInCodesLastTheirTimeToTheMillisecond)
                 {true, AccountService::codeLifetimeMs - 1, 200}, {true, AccountService::codeLifetimeMs, 401}};
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << row.code << ' ' << row.afterMs);
-        const auto code = server.accounts->issueCode(user.id);
-        const auto access = server.accounts->exchange(server.accounts->issueCode(user.id))->accessToken;
+        const auto code = server.accounts->issueCode(account.id);
+        const auto access = server.accounts->exchange(server.accounts->issueCode(account.id))->accessToken;
         server.clock.advance(milliseconds(row.afterMs));
         EXPECT_EQ(row.code ? exchange(code) : server.call(bearer(access), "GET", u"/api/v1/resume"_s).status, row.status);
     }
 }
 
-TEST(ServerTest, CodesAreOneTimeAndRefreshTokensRotateInFamilies)
+TEST_F(ServerTest, CodesAreOneTimeAndRefreshTokensRotateInFamilies)
 {
-    ServerHarness server;
     const auto user = std::get<UserRecord>(server.accounts->createAccount(u"Ann@Example.org"_s, u"long enough"_s));
     const auto post = [&](const QString& route, const QString& field, const QString& value) {
         return server.call({}, "POST", u"/api/v1/auth/"_s + route, compact({{field, value}}));
@@ -130,10 +129,9 @@ TEST(ServerTest, CodesAreOneTimeAndRefreshTokensRotateInFamilies)
     }
 }
 
-TEST(ServerTest, UsersNeverReachEachOthersData)
+TEST_F(ServerTest, UsersNeverReachEachOthersData)
 {
-    ServerHarness server;
-    const auto owner = server.signUp();
+    const auto& owner = account;
     const auto other = server.signUp();
     const auto create = [&](const QString& path, const QByteArray& body) {
         return server.call(owner, "POST", path, body).json()[u"id"_s].toString();
@@ -179,10 +177,8 @@ TEST(ServerTest, UsersNeverReachEachOthersData)
     });
 }
 
-TEST(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
+TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
 {
-    ServerHarness server;
-    const auto account = server.signUp();
     const auto jobs = u"/api/v1/job-description"_s;
     expectRoutes(server, account, {
         {"POST", jobs, "{\"title\": ", 400},
@@ -209,11 +205,9 @@ TEST(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
     QByteArray answer;
     ASSERT_TRUE(waitUntil([&] {
         answer += flood.readAll();
-        if (flood.state() != QAbstractSocket::ConnectedState)
-            return true;
-        if (flood.bytesToWrite() < megabyte.size() && sent < 4 * HttpServer::maxRequestBytes)
+        if (flood.state() == QAbstractSocket::ConnectedState && flood.bytesToWrite() < megabyte.size() && sent < 4 * HttpServer::maxRequestBytes)
             sent += flood.write(megabyte);
-        return false;
+        return flood.state() != QAbstractSocket::ConnectedState;
     }, 60'000)) << "the server never closed the connection";
     EXPECT_TRUE(answer.startsWith("HTTP/1.1 413 ")) << answer.left(80).constData();
     EXPECT_LT(sent, 2 * HttpServer::maxRequestBytes);
@@ -221,10 +215,8 @@ TEST(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
     expectRoutes(server, account, {{"POST", jobs, R"({"title":"Engineer","content":"Build"})", 200, R"({"company":""})"}});
 }
 
-TEST(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEngine)
+TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEngine)
 {
-    ServerHarness server;
-    const auto account = server.signUp();
     const auto job = server.call(account, "POST", u"/api/v1/job-description"_s, R"({"title":"SRE","content":"Keep services up"})").json()[u"id"_s];
     QProcess streaming;
     startAnswer(streaming, server, account,
@@ -239,10 +231,7 @@ TEST(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEn
     QByteArray seen;
     pending->onChunk(u"First part."_s);
     // The last chunk is produced only after curl has printed the first one.
-    ASSERT_TRUE(waitUntil([&] {
-        seen += streaming.readAllStandardOutput();
-        return seen.contains("data: {\"content\":\"First part.\"}");
-    }));
+    ASSERT_TRUE(waitUntil([&] { return (seen += streaming.readAllStandardOutput()).contains("data: {\"content\":\"First part.\"}"); }));
     EXPECT_TRUE(seen.startsWith("data: {\"logId\":\"")) << seen.constData();
     // Lines go one by one: with Nagle's algorithm each would wait for the client's delayed ACK
     // of the one before, 40 ms on a connection kept open between answers.
@@ -271,9 +260,8 @@ TEST(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEn
 
 // The page's happy path (create an account, follow the redirect, exchange the code) is the
 // whole-product test's, in a real browser; here, what it must refuse.
-TEST(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
+TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
 {
-    ServerHarness server;
     const auto jar = server.dir.filePath(u"cookies"_s);
     const auto page = curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S-1.x&mode=register"_s});
     EXPECT_TRUE(page.status == 200 && page.body.contains("Continue on this computer") && page.headers.contains("SameSite=Strict"));

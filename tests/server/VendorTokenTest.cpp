@@ -25,30 +25,20 @@ const auto key = longLivedKey.toUtf8();
 // Where each vendor's token API lives and what its documentation says a grant looks like.
 struct VendorCase {
     SpeechVendor vendor;
-    QByteArray path;
-    QByteArray grant;
-    QByteArray mintedToken;
-    // The vendor's answer to a bad key, quoting the key back as some services do.
-    QByteArray refusal;
-    QByteArray keyHeader;
-    QByteArray keyScheme;
+    // The vendor's answer to a bad key quotes the key back, as some services do.
+    QByteArray path, grant, mintedToken, refusal, keyHeader, keyScheme;
     const char* lifetimeField; // in the request body; null where the vendor fixes it
 };
 
 const VendorCase vendorCases[] = {
-    {SpeechVendor::deepgram, "/v1/auth/grant",
-     R"({"access_token":"eyJhbGciOiJIUzI1NiJ9.dg-temporary.sig","expires_in":60})",
-     "eyJhbGciOiJIUzI1NiJ9.dg-temporary.sig",
-     R"({"err_code":"INVALID_AUTH","err_msg":"Invalid credentials: )" + key + R"(","request_id":"r1"})",
+    {SpeechVendor::deepgram, "/v1/auth/grant", R"({"access_token":"eyJhbGciOiJIUzI1NiJ9.dg-temporary.sig","expires_in":60})",
+     "eyJhbGciOiJIUzI1NiJ9.dg-temporary.sig", R"({"err_code":"INVALID_AUTH","err_msg":"Invalid credentials: )" + key + R"(","request_id":"r1"})",
      "authorization", "Token ", "ttl_seconds"},
-    {SpeechVendor::elevenlabs, "/v1/single-use-token/realtime_scribe", R"({"token":"sutkn_0a1b2c3d"})",
-     "sutkn_0a1b2c3d", R"({"detail":{"status":"invalid_api_key","message":"Invalid API key )" + key + R"("}})",
-     "xi-api-key", "", nullptr},
+    {SpeechVendor::elevenlabs, "/v1/single-use-token/realtime_scribe", R"({"token":"sutkn_0a1b2c3d"})", "sutkn_0a1b2c3d",
+     R"({"detail":{"status":"invalid_api_key","message":"Invalid API key )" + key + R"("}})", "xi-api-key", "", nullptr},
     {SpeechVendor::openai, "/v1/realtime/client_secrets",
-     R"({"value":"ek_68af296e8e408191","expires_at":1756310470,"session":{"type":"transcription"}})",
-     "ek_68af296e8e408191",
-     R"({"error":{"message":"Incorrect API key provided: )" + key
-         + R"(.","type":"invalid_request_error","code":"invalid_api_key"}})",
+     R"({"value":"ek_68af296e8e408191","expires_at":1756310470,"session":{"type":"transcription"}})", "ek_68af296e8e408191",
+     R"({"error":{"message":"Incorrect API key provided: )" + key + R"(.","type":"invalid_request_error","code":"invalid_api_key"}})",
      "authorization", "Bearer ", "expires_after/seconds"},
 };
 

@@ -32,18 +32,8 @@ inline AnswerOutcome runAnswer(ravlet::server::AnswerEngine& engine, const ravle
 {
     AnswerOutcome outcome;
     QEventLoop loop;
-    engine.answer(
-        request,
-        [&](const QString& chunk) {
-            outcome.chunks << chunk;
-            if (onChunk)
-                onChunk(outcome);
-        },
-        [&](const QString& error) {
-            outcome.error = error;
-            ++outcome.doneCalls;
-            loop.quit();
-        });
+    engine.answer(request, [&](const QString& chunk) { outcome.chunks << chunk; if (onChunk) onChunk(outcome); },
+                  [&](const QString& error) { outcome.error = error; ++outcome.doneCalls; loop.quit(); });
     QTimer::singleShot(10'000, &loop, &QEventLoop::quit);
     if (!outcome.error)
         loop.exec();
