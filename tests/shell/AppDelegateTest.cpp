@@ -28,14 +28,7 @@ protected:
                                     [this](const Notification& n) { shell.log.append(u"overlay visible "_s + n.object.toString()); });
     }
 
-    // `refreshedBy` makes a returning user whose stored token the backend answers so.
-    void launch(std::optional<FakeBackend::Response> refreshedBy = {})
-    {
-        if (refreshedBy)
-            backend.setRoute("POST", "/api/v1/auth/refresh", *refreshedBy);
-        DelegateRig::launch(shell, h.rights, refreshedBy ? std::optional(u"refresh-1"_s) : std::nullopt);
-        settle();
-    }
+    void launch(std::optional<FakeBackend::Response> refreshedBy = {}) { DelegateRig::launch(shell, std::move(refreshedBy)); settle(); }
 
     void settle()
     {

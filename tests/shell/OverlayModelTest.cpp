@@ -47,7 +47,9 @@ protected:
     QAbstractItemModelTester answersTester{overlay.answers(), QAbstractItemModelTester::FailureReportingMode::Fatal};
 };
 
-TEST(OverlayLayout, RowsFadeByAQuarterPerStepToAFloorAndTheDividerStopsFortyShortOfEitherEnd)
+// What the panel draws from plain values: the rows' shading, the divider's limits and the
+// answer area's view of the selected answer.
+TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerAreaShowsWhatIsSelected)
 {
     // Row, rows, opacity. Of six, the second would reach zero by the formula and stays at the floor.
     const std::array<double, 3> rows[] = {{0, 1, 1},    {0, 0, 1},   {0, 2, 0.75}, {0, 6, 0.25}, {1, 6, 0.25},
@@ -59,6 +61,29 @@ TEST(OverlayLayout, RowsFadeByAQuarterPerStepToAFloorAndTheDividerStopsFortyShor
     const std::array<double, 4> drags[] = {{120, 50, 600, 170}, {120, -500, 600, 40}, {120, 900, 600, 560}, {30, 10, 60, 40}};
     for (const auto& [upper, by, total, expected] : drags)
         EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected) << upper << " " << by;
+
+    QList<AIAnswerEntry> three(3); // the last one still without text
+    three[0].answer = u"one"_s;
+    three[1].answer = u"two"_s;
+    using enum AnswerState;
+    // Selected, the last one streaming, then what shows: only a streaming answer with no text
+    // yet shows as generating.
+    const std::tuple<std::optional<int>, bool, OverlayViewModel::AnswerView> cases[] = {
+        {std::nullopt, false, {{}, false, placeholder, u"–/3"_s, false, false}},
+        {0, false, {u"one"_s, false, answer, u"1/3"_s, false, true}},
+        {1, true, {u"two"_s, false, answer, u"2/3"_s, true, true}},
+        {2, true, {{}, true, generating, u"3/3"_s, true, false}},
+        {2, false, {{}, false, placeholder, u"3/3"_s, true, false}},
+        {3, true, {{}, false, placeholder, u"–/3"_s, false, false}},
+        {-1, false, {{}, false, placeholder, u"–/3"_s, false, false}},
+    };
+    const auto fields = [](const OverlayViewModel::AnswerView& v) {
+        return std::tuple(v.text, v.isStreaming, int(v.state), v.position, v.hasPrevious, v.hasNext);
+    };
+    for (const auto& [selected, generating, view] : cases)
+        EXPECT_EQ(fields(OverlayViewModel::answerViewOf(three, selected, generating)), fields(view))
+            << selected.value_or(-9) << " " << generating;
+    EXPECT_EQ(OverlayViewModel::answerViewOf({}, std::nullopt, false).position, u"–/0"_s);
 }
 
 // The hint follows the settings at once and goes with the first row, a partial one; the rows
@@ -93,32 +118,6 @@ TEST_F(OverlayModelTest, HintRowsAndDividerFollowTheSettingsTheTranscriptAndTheP
     const double ratio = overlay.dividerRatio();
     overlay.dragDivider(0, 10, 0);
     EXPECT_DOUBLE_EQ(overlay.dividerRatio(), ratio);
-}
-
-TEST(OverlayAnswerView, ShowsTheSelectedAnswerOrWhatStandsInForIt)
-{
-    QList<AIAnswerEntry> three(3); // the last one still without text
-    three[0].answer = u"one"_s;
-    three[1].answer = u"two"_s;
-    using enum AnswerState;
-    // Selected, the last one streaming, then what shows: only a streaming answer with no text
-    // yet shows as generating.
-    const std::tuple<std::optional<int>, bool, OverlayViewModel::AnswerView> cases[] = {
-        {std::nullopt, false, {{}, false, placeholder, u"–/3"_s, false, false}},
-        {0, false, {u"one"_s, false, answer, u"1/3"_s, false, true}},
-        {1, true, {u"two"_s, false, answer, u"2/3"_s, true, true}},
-        {2, true, {{}, true, generating, u"3/3"_s, true, false}},
-        {2, false, {{}, false, placeholder, u"3/3"_s, true, false}},
-        {3, true, {{}, false, placeholder, u"–/3"_s, false, false}},
-        {-1, false, {{}, false, placeholder, u"–/3"_s, false, false}},
-    };
-    const auto fields = [](const OverlayViewModel::AnswerView& v) {
-        return std::tuple(v.text, v.isStreaming, int(v.state), v.position, v.hasPrevious, v.hasNext);
-    };
-    for (const auto& [selected, generating, view] : cases)
-        EXPECT_EQ(fields(OverlayViewModel::answerViewOf(three, selected, generating)), fields(view))
-            << selected.value_or(-9) << " " << generating;
-    EXPECT_EQ(OverlayViewModel::answerViewOf({}, std::nullopt, false).position, u"–/0"_s);
 }
 
 TEST_F(OverlayModelTest, StreamedAnswerGrowsInPlaceAndTheTriggerWaitsForIt)

@@ -220,21 +220,17 @@ TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTa
     keys.removeEventTap();
     EXPECT_EQ(tap("Up"), 1);
 
-    // The trigger key's code and name, whether the settings are recording a new key, the key
-    // pressed and whether it starts an answer. Observed, never swallowed, it always reaches the call.
-    const std::tuple<quint16, const char*, bool, const char*, bool> presses[] = {
-        {60, "Right Shift", false, "Shift_R", true}, {96, "F5", false, "Shift_R", false},
-        {96, "F5", false, "F5", true}, {96, "F5", true, "F5", false}};
-    for (const auto& [trigger, triggerName, suppressed, name, fires] : presses) {
-        SCOPED_TRACE(std::string(triggerName) + ", pressed " + name);
-        // As the delegate does when the settings change the key.
-        h.settings.setAITriggerKey({trigger, OverlayKeys::isModifierKey(trigger),
-                                    UserSettings::modifierFlagForKeyCode(trigger), QString::fromLatin1(triggerName)});
-        keys.installKeyMonitors();
+    // The trigger key, observed and never swallowed, always reaches the call. A new key counts
+    // once the monitors are installed again, as the delegate does when the settings change it,
+    // and not while the settings are recording a key. (Right Shift, the default, runs in the
+    // whole-product test.)
+    h.settings.setAITriggerKey({96, false, std::nullopt, u"F5"_s});
+    keys.installKeyMonitors();
+    for (const auto& [name, suppressed, fires] : {std::tuple("Shift_R", false, false), {"F5", false, true}, {"F5", true, false}}) {
         h.settings.setTriggerSuppressed(suppressed);
         const auto asked = h.backend->answerRequests.size();
-        EXPECT_EQ(tap(name), 1);
-        EXPECT_EQ(h.backend->answerRequests.size() - asked, fires ? 1 : 0);
+        EXPECT_EQ(tap(name), 1) << name << suppressed;
+        EXPECT_EQ(h.backend->answerRequests.size() - asked, fires ? 1 : 0) << name << suppressed;
     }
 }
 

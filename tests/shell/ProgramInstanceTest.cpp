@@ -6,16 +6,12 @@
 #include "SingleInstance.h"
 
 #include <QFile>
+#include <QFileInfo>
+#include <QLocalServer>
 #include <QLocalSocket>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cstring>
 
 using namespace Qt::StringLiterals;
 
@@ -24,21 +20,20 @@ namespace {
 TEST(ProgramInstanceTest, SocketLeftByAKilledRunIsReplaced)
 {
     QTemporaryDir folder;
-    const QByteArray path = QFile::encodeName(folder.filePath(u"ravletai.socket"_s));
-    // What a killed run leaves: the socket's file, bound once and listened on by nobody.
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.constData(), sizeof(address.sun_path) - 1);
-    const int left = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(::bind(left, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    ::close(left);
-    ASSERT_TRUE(QFile::exists(QFile::decodeName(path)));
+    const QString path = folder.filePath(u"ravletai.socket"_s);
+    // What a killed run leaves: the socket's file, listened on by nobody. (A server that closes
+    // takes its file with it, so this one's is moved away first.)
+    QLocalServer killed;
+    ASSERT_TRUE(killed.listen(path + u".old"_s));
+    ASSERT_TRUE(QFile::rename(path + u".old"_s, path));
+    killed.close();
+    ASSERT_TRUE(QFileInfo(path).exists());
 
-    SingleInstance instance(QFile::decodeName(path));
+    SingleInstance instance(path);
     EXPECT_FALSE(instance.forwardToRunning({u"--quit"_s})) << "handed over to a dead socket";
     ASSERT_TRUE(instance.listen());
     QLocalSocket next;
-    next.connectToServer(QFile::decodeName(path));
+    next.connectToServer(path);
     EXPECT_TRUE(next.waitForConnected(1000)) << "the next start would find nobody";
 }
 

@@ -80,16 +80,19 @@ struct DelegateRig {
         delegate.reset();
     }
 
-    // Makes and launches the delegate; `storedRefreshToken` makes a returning user.
-    void launch(ShellWindows& windows, AudioRights& rights, std::optional<QString> storedRefreshToken = {})
+    // Makes and launches the delegate; `refreshedBy` makes a returning user, whose stored token
+    // the backend answers so.
+    void launch(ShellWindows& windows, std::optional<FakeBackend::Response> refreshedBy = {})
     {
+        if (refreshedBy)
+            backend.setRoute("POST", "/api/v1/auth/refresh", *refreshedBy);
         delegate = std::make_unique<AppDelegate>(AppDelegate::Environment{
-            backend.origin(), h.clock, h.preferences, h.notifications, h.strings, windows, shell, shell, rights, shell,
-            [this, storedRefreshToken] {
+            backend.origin(), h.clock, h.preferences, h.notifications, h.strings, windows, shell, shell, h.rights, shell,
+            [this, returning = refreshedBy.has_value()] {
                 shell.log.append(u"make token store"_s);
                 auto store = std::make_unique<InMemoryTokenStore>();
-                if (storedRefreshToken)
-                    awaitTask(store->saveTokens(accessTokenFor(u"u-9"_s, u"back@example.com"_s), *storedRefreshToken));
+                if (returning)
+                    awaitTask(store->saveTokens(accessTokenFor(u"u-9"_s, u"back@example.com"_s), u"refresh-1"_s));
                 tokens = store.get();
                 return store;
             },

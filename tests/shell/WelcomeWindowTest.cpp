@@ -21,12 +21,12 @@ protected:
     void SetUp() override { if (const auto reason = DisplayFixture::skipReason()) GTEST_SKIP() << *reason; }
     void TearDown() override { finish(); } // the windows go after the delegate
 
-    void launch(const QString& language, AudioRights& audioRights, bool noticeSeen = true)
+    void launch(const QString& language, bool noticeSeen = true)
     {
         h.strings.setLanguageCode(language);
         QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft : Qt::LeftToRight);
         h.preferences.setBool(UserSettings::Keys::telemetryNoticeShown, noticeSeen);
-        DelegateRig::launch(windows, audioRights);
+        DelegateRig::launch(windows);
         welcome = windows.quickWindow(ShellWindows::Panel::welcome);
         ASSERT_TRUE(welcome);
         ASSERT_TRUE(QTest::qWaitForWindowExposed(welcome));
@@ -51,7 +51,7 @@ TEST_P(WelcomeLanguageTest, ShowsEachRightsStateInTheLanguageAndItsDirection)
     h.rights.systemAudio = true;
     h.rights.microphone = false;
     shell.keysGranted = true;
-    launch(QString::fromLatin1(GetParam()), h.rights);
+    launch(QString::fromLatin1(GetParam()));
     ASSERT_TRUE(QTest::qWaitFor([&] { return delegate->models().welcome->screenPermission(); }, 5000));
     EXPECT_TRUE(row("label.screen_recording", "label.granted"));
     auto* microphone = row("label.microphone", "btn.allow");
@@ -67,7 +67,7 @@ INSTANTIATE_TEST_SUITE_P(Languages, WelcomeLanguageTest, ::testing::Values("en",
 // off, the sending stays off and the notice goes for good.
 TEST_F(WindowsTest, TelemetryNoticeComesUntilAnsweredAndTurnOffSticks)
 {
-    launch(u"en"_s, h.rights, false);
+    launch(u"en"_s, false);
     const QString turnOff = h.strings.text(u"welcome.telemetry_turn_off"_s);
     windows.hide(ShellWindows::Panel::welcome);
     windows.show(ShellWindows::Panel::welcome);
@@ -84,7 +84,7 @@ TEST_F(WindowsTest, TelemetryNoticeComesUntilAnsweredAndTurnOffSticks)
 TEST_F(WindowsTest, RightThatAppearsTurnsItsRowToGrantedAtTheNextPoll)
 {
     h.rights.systemAudio = false;
-    launch(u"en"_s, h.rights);
+    launch(u"en"_s);
     ASSERT_TRUE(QTest::qWaitFor([&] { return h.clock.pendingTimerCount() > 0; }, 5000)) << "the first check never ended";
     EXPECT_TRUE(row("label.screen_recording", "btn.open_settings"));
     h.rights.systemAudio = true;
