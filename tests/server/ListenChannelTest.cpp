@@ -77,21 +77,17 @@ protected:
             GTEST_SKIP() << "PocketSphinx's English model is not installed";
         if (const auto tool = SpokenAudio::missingTool(); !tool.isEmpty())
             GTEST_SKIP() << tool.toStdString() << " is not installed: no speech to recognise";
-        account = server.signUp();
         bearer = "Bearer " + server.accounts->issueSpeechToken(account.id).toLatin1();
     }
-    void TearDown() override
-    {
-        // Every socket's thread has ended by the end of a test.
-        EXPECT_TRUE(waitUntil([] { return ListenChannel::openCount() == 0; }));
-    }
-    std::unique_ptr<ListenClient> open(const QString& path, const QByteArray& authorization)
+    // Every socket's thread has ended by the end of a test.
+    void TearDown() override { EXPECT_TRUE(waitUntil([] { return ListenChannel::openCount() == 0; })); }
+    auto open(const QString& path, const QByteArray& authorization)
     {
         return std::make_unique<ListenClient>(server.base().replace(u"http"_s, u"ws"_s) + path, authorization);
     }
 
     ServerHarness server;
-    ServerHarness::Account account;
+    const ServerHarness::Account account = server.signUp();
     QByteArray bearer;
 };
 
@@ -165,8 +161,7 @@ TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeechThroughGarbageA
         ASSERT_FALSE(speech.back().isEmpty());
         clients.push_back(open(autoDetectPath, bearer));
     }
-    for (auto& client : clients)
-        ASSERT_TRUE(client->waitConnected());
+    EXPECT_TRUE(std::all_of(clients.begin(), clients.end(), [](auto& client) { return client->waitConnected(); }));
     EXPECT_TRUE(waitUntil([&] { return ListenChannel::openCount() == questions.size(); }));
     for (std::size_t i = 0; i < clients.size(); ++i) {
         for (const auto& garbage : {u""_s, u"not json"_s, u"{\"type\": 42}"_s, u"[1, 2]"_s, u"{\"type\": \"Nonsense\"}"_s, u"{\"type\": \"KeepAlive\"}"_s})
@@ -187,10 +182,7 @@ TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeechThroughGarbageA
         const int own = SpokenAudio::wordsHeard(questions[i], heard);
         SCOPED_TRACE(heard.toStdString());
         EXPECT_GE(2 * own, questions[i].count(u' ') + 1) << questions[i].toStdString();
-        for (qsizetype j = 0; j < questions.size(); ++j) {
-            if (j != i) {
-                EXPECT_LT(SpokenAudio::wordsHeard(questions[j], heard), own) << questions[j].toStdString();
-            }
-        }
+        for (qsizetype j = 0; j < questions.size(); ++j)
+            EXPECT_TRUE(j == i || SpokenAudio::wordsHeard(questions[j], heard) < own) << questions[j].toStdString();
     }
 }

@@ -193,8 +193,7 @@ TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
     engine.answer(request, record, done);
     EXPECT_TRUE(outcome.chunks.isEmpty()) << "a chunk before the caller has the handle";
     drainEvents();
-    EXPECT_EQ(outcome.doneCalls, 1);
-    EXPECT_EQ(outcome.error, QString());
+    EXPECT_TRUE(outcome.doneCalls == 1 && outcome.error == QString());
     const auto lines = draftAnswer(request);
     EXPECT_EQ(outcome.chunks.size(), lines.size());
     EXPECT_EQ(outcome.chunks.join(QString()), lines.join(u'\n'));
@@ -206,8 +205,7 @@ TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
     early.cancel();
     early.cancel(); // harmless
     drainEvents();
-    EXPECT_EQ(outcome.chunks.size(), 1);
-    EXPECT_EQ(outcome.doneCalls, 0);
+    EXPECT_TRUE(outcome.chunks.size() == 1 && outcome.doneCalls == 0) << outcome.chunks.size() << ' ' << outcome.doneCalls;
 }
 
 TEST(TextRankingTest, WordFormsShareAStemAndFunctionWordsAreNoTerms)
@@ -228,11 +226,9 @@ TEST(TextRankingTest, TheResumeLineTheQuestionIsAboutComesFirstAndNoSharedWordMe
     const auto best = [&](const QString& question) {
         RankingQuery query;
         query.addText(question);
-        for (const auto& hit : index.rank(query)) {
-            if (!index.passage(hit.index).isHeading)
-                return index.passage(hit.index).text;
-        }
-        return QString();
+        const auto hits = index.rank(query);
+        const auto hit = std::find_if(hits.begin(), hits.end(), [&](const auto& h) { return !index.passage(h.index).isHeading; });
+        return hit == hits.end() ? QString() : index.passage(hit->index).text;
     };
     for (const auto& [question, expected] :
          {std::pair{"Tell me about a time you had a conflict with another team.", "Resolved a conflict"},

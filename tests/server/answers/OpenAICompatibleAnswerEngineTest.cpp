@@ -52,8 +52,7 @@ FakeBackend::Response reply(int status, const QByteArray& contentType, const QBy
 TEST(OpenAICompatibleAnswerEngineTest, StreamsDeltasAsTheyArriveWithTheWholeRequest)
 {
     const auto drafted = runAnswer(*makeAnswerEngine({u"  "_s, u"llama3"_s, {}}), sampleRequest());
-    EXPECT_EQ(drafted.error, QString());
-    EXPECT_TRUE(drafted.chunks.value(0).startsWith(u"Offline draft"));
+    EXPECT_TRUE(drafted.error == QString() && drafted.chunks.value(0).startsWith(u"Offline draft"));
     for (const char* suffix : {"", "/", "/v1", "/v1/"}) {
         SCOPED_TRACE(suffix);
         FakeBackend server;
@@ -66,8 +65,7 @@ TEST(OpenAICompatibleAnswerEngineTest, StreamsDeltasAsTheyArriveWithTheWholeRequ
             if (o.chunks.size() == 1)
                 piecesAtFirstChunk = server.piecesSent();
         });
-        EXPECT_EQ(outcome.error, QString());
-        EXPECT_EQ(outcome.doneCalls, 1);
+        EXPECT_TRUE(outcome.error == QString() && outcome.doneCalls == 1) << outcome.doneCalls;
         EXPECT_EQ(outcome.chunks, (QStringList{u"I would "_s, u"shard it."_s}));
         EXPECT_LT(piecesAtFirstChunk, 5);
 
@@ -148,8 +146,7 @@ TEST(OpenAICompatibleAnswerEngineTest, CancelClosesTheConnectionAndSilencesTheAn
     // The model server should stop generating: it never gets to write its last piece.
     EXPECT_FALSE(QTest::qWaitFor([&] { return server.piecesSent() == 4; }, 500));
     drainEvents();
-    EXPECT_EQ(chunks, QStringList{u"one"_s});
-    EXPECT_EQ(doneCalls, 0);
+    EXPECT_TRUE(chunks == QStringList{u"one"_s} && doneCalls == 0) << chunks.join(u',').toStdString() << doneCalls;
     handle.cancel(); // after the end: harmless
     // No model named: the field is left out for single-model servers.
     EXPECT_FALSE(QJsonDocument::fromJson(server.requests("POST", completions).first().body)[u"model"_s].isString());
