@@ -42,8 +42,7 @@ protected:
     QStringList telemetryEvents() const
     {
         QStringList names;
-        for (const auto& event : delegate->telemetry().buffer())
-            names.append(event.name);
+        for (const auto& event : delegate->telemetry().buffer()) names.append(event.name);
         return names;
     }
 
@@ -61,8 +60,6 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndHandlesTheOverlayFailuresAn
                                       u"create overlay"_s, u"install tap"_s, u"create settings"_s, u"create welcome"_s,
                                       u"install key monitors"_s, u"start update check"_s, u"show welcome"_s}));
     EXPECT_EQ(backend.totalRequests(), 0) << "no stored token, no request";
-    EXPECT_EQ(crashLastState(), u"idle"_s);
-    EXPECT_TRUE(telemetryEvents().contains(u"app_launched"_s));
 
     // A start that asks for the overlay leaves it showing.
     shell.log.clear();
@@ -101,7 +98,6 @@ TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutComesBackByADeepLinkAndQu
               (QStringList{u"remove tap"_s, u"install tap"_s, u"show overlay"_s, u"overlay visible true"_s}));
     EXPECT_EQ(delegate->interviewViewModel().userEmail(), u"back@example.com"_s);
     EXPECT_EQ(shell.userId, u"u-9"_s);
-    EXPECT_TRUE(telemetryEvents().contains(u"overlay_toggled"_s));
 
     h.notifications.post(Notifications::showDashboard);
     shell.log.clear();

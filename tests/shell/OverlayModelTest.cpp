@@ -86,11 +86,11 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
     EXPECT_EQ(OverlayViewModel::answerViewOf({}, std::nullopt, false).position, u"–/0"_s);
 }
 
-// The hint follows the settings at once and goes with the first row, a partial one; the rows
-// carry their speaker and shading, which counts the partial as the newest row. A drag of the
-// divider in a panel with no room for the areas leaves the ratio alone. (Real drags run in
-// OverlayWindowTest.)
-TEST_F(OverlayModelTest, HintRowsAndDividerFollowTheSettingsTheTranscriptAndThePanel)
+// Through one interview: the hint follows the settings at once and goes with the first row, a
+// partial one; the rows carry their speaker and shading, which counts the partial as the newest
+// row; a drag of the divider in a panel with no room for the areas leaves the ratio alone (real
+// drags run in OverlayWindowTest); a streamed answer grows in place and the trigger waits for it.
+TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
 {
     QSignalSpy hint(&overlay, &OverlayViewModel::hintChanged);
     EXPECT_EQ(overlay.hintText(), u"Press Right Shift to trigger AI after interviewer speaks"_s);
@@ -100,7 +100,11 @@ TEST_F(OverlayModelTest, HintRowsAndDividerFollowTheSettingsTheTranscriptAndTheP
     h.settings.setAITriggerKey(AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
     EXPECT_EQ(overlay.hintText(), u"Press F5 to trigger AI after interviewer speaks"_s);
     EXPECT_TRUE(overlay.showsHint());
+    EXPECT_FALSE(overlay.canTrigger()); // not recording
+    h.backend->finishAnswers = false;
+    h.backend->answerChunks = {};
     h.start();
+    EXPECT_TRUE(overlay.canTrigger());
     h.say(Speaker::interviewer, u"So"_s, false);
     EXPECT_FALSE(overlay.showsHint());
     EXPECT_EQ(hint.count(), 4);
@@ -118,16 +122,7 @@ TEST_F(OverlayModelTest, HintRowsAndDividerFollowTheSettingsTheTranscriptAndTheP
     const double ratio = overlay.dividerRatio();
     overlay.dragDivider(0, 10, 0);
     EXPECT_DOUBLE_EQ(overlay.dividerRatio(), ratio);
-}
 
-TEST_F(OverlayModelTest, StreamedAnswerGrowsInPlaceAndTheTriggerWaitsForIt)
-{
-    EXPECT_FALSE(overlay.canTrigger()); // not recording
-    h.backend->finishAnswers = false;
-    h.backend->answerChunks = {};
-    h.start();
-    EXPECT_TRUE(overlay.canTrigger());
-    line(Speaker::interviewer, u"How do you handle conflict?"_s);
     QSignalSpy trigger(&overlay, &OverlayViewModel::canTriggerChanged);
     h.vm.triggerAIAnswer();
     InterviewHarness::settle();

@@ -28,8 +28,7 @@ protected:
         h.preferences.setBool(UserSettings::Keys::telemetryNoticeShown, noticeSeen);
         DelegateRig::launch(windows);
         welcome = windows.quickWindow(ShellWindows::Panel::welcome);
-        ASSERT_TRUE(welcome);
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(welcome));
+        ASSERT_TRUE(welcome && QTest::qWaitForWindowExposed(welcome));
     }
 
     // A right's row, as a screen reader names it: its label, then its state or its button.
