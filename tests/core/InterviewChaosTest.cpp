@@ -326,9 +326,9 @@ protected:
     void useChannel(Plan::Channel channel)
     {
         channelServer.setRefusing(channel == Plan::Channel::refusing);
-        channelBaseURL = channel == Plan::Channel::silent     ? silentServer.address(u"http"_s)
-            : channel == Plan::Channel::unusable ? u"http://127.0.0.1:no-port"_s
-                                                 : channelServer.baseURL();
+        interviewBackend->setChannelBaseURL(channel == Plan::Channel::silent     ? silentServer.address(u"http"_s)
+                                            : channel == Plan::Channel::unusable ? u"http://127.0.0.1:no-port"_s
+                                                                                 : channelServer.baseURL());
     }
 
     // Runs a start or a stop on the pump; a failure when it hangs.

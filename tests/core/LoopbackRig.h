@@ -44,7 +44,7 @@ struct LoopbackRig {
     {
         settings.setOutputLanguage(u"en"_s);
         client.setAccessToken(u"access-1"_s);
-        vm.setBackend(std::make_shared<APIClientInterviewBackend>(client));
+        vm.setBackend(interviewBackend);
         vm.setLoggedIn(true);
         prepareSessionRoutes(1);
         backend.setRoute("GET", "/api/v1/subscription/status", Response::json(200, R"({"speechProvider":"deepgram"})"));
@@ -102,7 +102,7 @@ struct LoopbackRig {
             recognizers[std::size_t(speaker)] = recognizer;
             return recognizer;
         };
-        s.makeTranscriptChannel = [this] { return std::make_shared<RedirectedChannel>(clock, channelBaseURL); };
+        s.makeTranscriptChannel = [this] { return std::make_shared<TranscriptUploadChannel>(clock); };
         return s;
     }
 
@@ -116,7 +116,8 @@ struct LoopbackRig {
     FakeTranscriptChannel channelServer;
     InMemoryTokenStore tokens;
     APIClient client{backend.origin(), tokens, notifications};
-    QString channelBaseURL = channelServer.baseURL();
+    std::shared_ptr<SeparateChannelBackend> interviewBackend =
+        std::make_shared<SeparateChannelBackend>(client, channelServer.baseURL());
     FakeCapture systemAudio;
     FakeCapture microphone;
     // The recogniser each channel has now.
