@@ -66,12 +66,12 @@ QQuickItem* DisplayFixture::findByAccessibleName(QQuickWindow* window, const QSt
     QList<QQuickItem*> pending{window->contentItem()};
     while (!pending.isEmpty()) {
         QQuickItem* item = pending.takeFirst();
-        if (item->isVisible()) {
-            const QQmlProperty property(item, QStringLiteral("Accessible.name"), qmlContext(item));
-            if (property.isValid() && property.read().toString() == name)
-                return item;
-            pending.append(item->childItems());
-        }
+        if (!item->isVisible())
+            continue;
+        const QQmlProperty property(item, QStringLiteral("Accessible.name"), qmlContext(item));
+        if (property.isValid() && property.read().toString() == name)
+            return item;
+        pending.append(item->childItems());
     }
     return nullptr;
 }

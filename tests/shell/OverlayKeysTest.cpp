@@ -31,23 +31,18 @@ TEST(OverlayKeysTest, TheTapTakesOnlyTheArrowsOfAVisibleOverlay)
 
 TEST(OverlayKeysTest, TheTriggerFiresOnItsOwnKeyAndAModifierOnlyOnPress)
 {
-    const auto key = [](quint16 code) {
-        return AITriggerKey{code, isModifierKey(code), UserSettings::modifierFlagForKeyCode(code), {}};
-    };
+    const auto key = [](quint16 code) { return AITriggerKey{code, isModifierKey(code), UserSettings::modifierFlagForKeyCode(code), {}}; };
     const quint64 shift = 0x20000;
     using enum EventKind;
-    // Trigger key, the event its monitors get, suppressed, fires.
+    // Trigger key, the event its monitors get, suppressed, fires. Right Shift fires on its press
+    // only, not on its release nor the other shift's; Caps Lock has no flag and fires on both; F5
+    // fires on its key down with or without a modifier held, and not on a change of flags, which
+    // its monitors never get.
     const std::tuple<quint16, KeyEvent, bool, bool> cases[] = {
-        {rightShift, {rightShift, flagsChanged, shift}, false, true},
-        {rightShift, {rightShift, flagsChanged, 0}, false, false}, // its release
-        {rightShift, {56, flagsChanged, shift}, false, false},      // the other shift
-        {rightShift, {rightShift, flagsChanged, shift}, true, false},
-        {57, {57, flagsChanged, 0}, false, true}, // Caps Lock has no flag: press and release
-        {f5, {f5, keyDown, 0}, false, true},
-        {f5, {f5, keyDown, shift}, false, true},
-        {f5, {f5, flagsChanged, 0}, false, false}, // not what its monitors get
-        {f5, {97, keyDown, 0}, false, false},
-        {f5, {f5, keyDown, 0}, true, false}};
+        {rightShift, {rightShift, flagsChanged, shift}, false, true}, {rightShift, {rightShift, flagsChanged, 0}, false, false},
+        {rightShift, {56, flagsChanged, shift}, false, false}, {rightShift, {rightShift, flagsChanged, shift}, true, false},
+        {57, {57, flagsChanged, 0}, false, true}, {f5, {f5, keyDown, 0}, false, true}, {f5, {f5, keyDown, shift}, false, true},
+        {f5, {f5, flagsChanged, 0}, false, false}, {f5, {97, keyDown, 0}, false, false}, {f5, {f5, keyDown, 0}, true, false}};
     for (const auto& [code, event, suppressed, fires] : cases)
         EXPECT_EQ(triggerFires(key(code), suppressed, event), fires)
             << code << ": " << event.keyCode << " " << event.modifierFlags << " " << suppressed;

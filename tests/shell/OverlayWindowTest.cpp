@@ -120,10 +120,9 @@ protected:
     // A final line of its own: more than the utterance gap after the speaker's last one.
     void line(Speaker speaker, const QString& text) { h.passTime(6s); h.say(speaker, text); }
 
-    void answer(const QString& text, bool finish = true)
+    void answer(const QString& text)
     {
         h.backend->answerChunks = {text};
-        h.backend->finishAnswers = finish;
         h.vm.triggerAIAnswer();
         InterviewHarness::settle();
     }
@@ -251,10 +250,8 @@ TEST_P(OverlayLanguageTest, DrawsTranscriptAnswerAndTipInTheLanguageAndItsDirect
     h.clock.advance(600ms); // the resume list failed: the tip comes after its delay
     line(Speaker::interviewer, QString::fromUtf16(GetParam().question));
     answer(text);
-    answer(u"…"_s, false);
-    h.vm.selectPreviousAnswer();
     QTest::qWait(400); // the tip's entrance
-    for (const auto& shown : {u"1/2"_s, text, h.strings.text(u"overlay.resume_tip"_s)})
+    for (const auto& shown : {u"1/1"_s, text, h.strings.text(u"overlay.resume_tip"_s)})
         control(shown);
     auto* stop = control(h.strings.text(u"overlay.btn_stop"_s));
     ASSERT_TRUE(stop);
