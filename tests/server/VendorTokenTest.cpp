@@ -42,6 +42,9 @@ const VendorCase vendorCases[] = {
      "authorization", "Bearer ", "expires_after/seconds"},
 };
 
+// The vendor's name in test output, where the bytes of the case would say nothing.
+void PrintTo(const VendorCase& vendorCase, std::ostream* out) { *out << vendorName(vendorCase.vendor).toStdString(); }
+
 // Every warning the server prints, next to its own log lines.
 QStringList* capturedMessages = nullptr;
 void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message)
