@@ -50,7 +50,8 @@ protected:
     // The access and refresh tokens in the keyring.
     std::pair<std::optional<QString>, std::optional<QString>> stored()
     {
-        return {awaitTask(keychain.read(AuthTokenStore::accessTokenKey)), awaitTask(keychain.read(AuthTokenStore::refreshTokenKey))};
+        return {awaitTask(keychain.read(AuthTokenStore::accessTokenKey)),
+                awaitTask(keychain.read(AuthTokenStore::refreshTokenKey))};
     }
 
     KeychainHelper keychain;
@@ -73,22 +74,32 @@ TEST_F(AuthViewModelTest, StartUpAndRestore)
     const auto keeping = u"[Auth] restoreSession error: Server error (500), keeping session"_s;
     // access, refresh: stored at start; answer: to the refresh; signedIn: after the restore;
     // access2, refresh2: stored after the restore (the client has access2 if signed in).
-    const struct { const char* name; std::optional<QString> access, refresh; FakeBackend::Response answer; bool signedIn;
-                   std::optional<QString> access2, refresh2; std::optional<Profile> user; QString log; } rows[] = {
+    const struct {
+        const char* name;
+        std::optional<QString> access, refresh;
+        FakeBackend::Response answer;
+        bool signedIn;
+        std::optional<QString> access2, refresh2;
+        std::optional<Profile> user;
+        QString log;
+    } rows[] = {
         {"NoRefreshToken", alice, none, reply(200), false, alice, none, none,
          u"[Auth] init: hasStoredTokens=false, refreshToken=false"_s},
         {"Renewed", u"old-access"_s, u"old-refresh"_s,
-         reply(200, {{u"accessToken"_s, bob}, {u"refreshToken"_s, u"new-refresh"_s}}), true, bob, u"new-refresh"_s,
-         Profile{u"u-7"_s, u"bob@example.com"_s, none}, u"[Auth] init: hasStoredTokens=true, refreshToken=true"_s},
+         reply(200, {{u"accessToken"_s, bob}, {u"refreshToken"_s, u"new-refresh"_s}}), true, bob,
+         u"new-refresh"_s, Profile{u"u-7"_s, u"bob@example.com"_s, none},
+         u"[Auth] init: hasStoredTokens=true, refreshToken=true"_s},
         {"ServerFault", alice, u"refresh"_s, reply(500), true, alice, u"refresh"_s,
          Profile{u"u-1"_s, u"alice@example.com"_s, none}, keeping},
-        {"ServerFaultNoAccessToken", none, u"refresh"_s, reply(500), true, none, u"refresh"_s, none, keeping},
+        {"ServerFaultNoAccessToken", none, u"refresh"_s, reply(500), true, none, u"refresh"_s, none,
+         keeping},
         {"Refused", alice, u"refresh"_s, reply(401), false, none, none, none,
          u"[Auth] restoreSession auth rejected, logging out"_s},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        awaitTask(store.saveTokens(row.access.value_or(QString()), row.refresh.value_or(QString())));
+        awaitTask(
+            store.saveTokens(row.access.value_or(QString()), row.refresh.value_or(QString())));
         for (const auto& [key, value] : {std::pair(AuthTokenStore::accessTokenKey, row.access),
                                          std::pair(AuthTokenStore::refreshTokenKey, row.refresh)})
             if (!value)
@@ -109,13 +120,18 @@ TEST_F(AuthViewModelTest, StartUpAndRestore)
 
         const auto sent = backend.requests("POST", "/api/v1/auth/refresh").mid(refreshes);
         ASSERT_EQ(sent.size(), row.refresh ? 1 : 0);
-        EXPECT_EQ(sent.isEmpty() ? QString() : QJsonDocument::fromJson(sent.first().body).object().value(u"refreshToken"_s).toString(),
+        EXPECT_EQ(sent.isEmpty() ? QString()
+                                 : QJsonDocument::fromJson(sent.first().body)
+                                       .object()
+                                       .value(u"refreshToken"_s)
+                                       .toString(),
                   row.refresh.value_or(QString()));
         EXPECT_EQ(fresh.isLoggedIn(), row.signedIn);
         EXPECT_EQ(stored(), std::pair(row.access2, row.refresh2));
         EXPECT_EQ(client.accessToken(), row.signedIn ? row.access2 : std::nullopt);
         EXPECT_EQ(fresh.currentUser(), row.user);
-        EXPECT_TRUE(logs.lines().mid(logsBefore).contains(row.log)) << logs.lines().join(u'\n').toStdString();
+        EXPECT_TRUE(logs.lines().mid(logsBefore).contains(row.log))
+            << logs.lines().join(u'\n').toStdString();
     }
 }
 
@@ -149,7 +165,8 @@ TEST(BrowserSignInTest, StateReplacementCallbackAndExpiry)
         return opened.isEmpty() ? QString() : QUrlQuery(opened.last()).queryItemValue(u"state"_s);
     };
     const QString first = start();
-    EXPECT_EQ(opened.last().toString(QUrl::FullyEncoded), u"http://accounts.example/auth/login?state="_s + first);
+    EXPECT_EQ(opened.last().toString(QUrl::FullyEncoded),
+              u"http://accounts.example/auth/login?state="_s + first);
     EXPECT_TRUE(first == first.toUpper() && first.size() == 36) << first.toStdString();
     const QString second = start();
     EXPECT_NE(first, second);
@@ -160,7 +177,8 @@ TEST(BrowserSignInTest, StateReplacementCallbackAndExpiry)
     EXPECT_FALSE(oauth.isPending());
 
     const QString third = start();
-    oauth.handleCallback(QUrl(u"ravlet://auth-callback?code=first&state="_s + third + u"&code=second&code="_s));
+    oauth.handleCallback(
+        QUrl(u"ravlet://auth-callback?code=first&state="_s + third + u"&code=second&code="_s));
     EXPECT_EQ(results.last(), u"second"_s);
 
     start();

@@ -1,10 +1,10 @@
 // Against a real Secret Service: the private one of the CTest fixture "Keyring".
 
-#include "QtPrinters.h"
 #include "AuthService.h"
 #include "KeychainHelper.h"
 #include "LogCapture.h"
 #include "PrivateKeyring.h"
+#include "QtPrinters.h"
 
 #include <QCoroTask>
 
@@ -25,14 +25,19 @@ TEST(KeyringTest, TokensComeBackExactlyReplaceEarlierItemsAndOnlyUtf8ReadsAsText
     LogCapture logs;
     AuthService store(std::make_shared<const KeychainHelper>());
     using Tokens = std::pair<std::optional<QString>, std::optional<QString>>;
-    const auto tokens = [&] { return Tokens(QCoro::waitFor(store.getAccessToken()), QCoro::waitFor(store.getRefreshToken())); };
+    const auto tokens = [&] {
+        return Tokens(QCoro::waitFor(store.getAccessToken()),
+                      QCoro::waitFor(store.getRefreshToken()));
+    };
     // The store updates an item with the same attributes by itself; an item in the other form
     // (text, as an older writer may have left it) would survive that and win on read.
-    ASSERT_TRUE(PrivateKeyring::storeRawItem(AuthTokenStore::accessTokenKey, "old-access", PrivateKeyring::Form::PlainText));
-    ASSERT_TRUE(PrivateKeyring::storeRawItem(AuthTokenStore::refreshTokenKey, "old-refresh", PrivateKeyring::Form::Base64));
+    ASSERT_TRUE(PrivateKeyring::storeRawItem(AuthTokenStore::accessTokenKey, "old-access",
+                                             PrivateKeyring::Form::PlainText));
+    ASSERT_TRUE(PrivateKeyring::storeRawItem(AuthTokenStore::refreshTokenKey, "old-refresh",
+                                             PrivateKeyring::Form::Base64));
     // An empty token is an empty text, not a missing one.
-    for (const QString& text : {u"first"_s, QString(), u"t\u00f8ken-\u2713-\U0001D11E"_s, u"\ufeffleading byte-order mark"_s,
-                                QString(8192, u'x')}) {
+    for (const QString& text : {u"first"_s, QString(), u"t\u00f8ken-\u2713-\U0001D11E"_s,
+                                u"\ufeffleading byte-order mark"_s, QString(8192, u'x')}) {
         QCoro::waitFor(store.saveTokens(text, text + u".r"_s));
         EXPECT_EQ(tokens(), Tokens(text, text + u".r"_s)) << text.size() << " characters";
     }
@@ -43,7 +48,11 @@ TEST(KeyringTest, TokensComeBackExactlyReplaceEarlierItemsAndOnlyUtf8ReadsAsText
     const KeychainHelper keychain;
     const QString key = u"ravlet.keyringTest"_s;
     const std::pair<QByteArray, std::optional<QString>> items[] = {
-        {"t\xc3\xb8ken", u"t\u00f8ken"_s}, {"tok\xff" "en", std::nullopt}, {"token\xe2\x82", std::nullopt}};
+        {"t\xc3\xb8ken", u"t\u00f8ken"_s},
+        {"tok\xff"
+         "en",
+         std::nullopt},
+        {"token\xe2\x82", std::nullopt}};
     for (const auto& [bytes, text] : items) {
         QCoro::waitFor(keychain.remove(key));
         ASSERT_TRUE(PrivateKeyring::storeRawItem(key, bytes));

@@ -25,7 +25,8 @@ std::optional<std::string> PrivateKeyring::attach()
     for (const auto& line : state.readAll().split('\n')) {
         const auto equals = line.indexOf('=');
         if (line.left(equals) == "MISSING")
-            return "the private Secret Service needs " + line.mid(equals + 1).trimmed().toStdString()
+            return "the private Secret Service needs "
+                   + line.mid(equals + 1).trimmed().toStdString()
                    + ", which is not installed (scripts/install-deps.sh installs it)";
         if (line.left(equals) == "DBUS_SESSION_BUS_ADDRESS")
             address = line.mid(equals + 1).trimmed();
@@ -50,10 +51,12 @@ bool PrivateKeyring::storeRawItem(const QString& key, const QByteArray& bytes, F
 {
     const bool base64 = form == Form::Base64;
     QProcess tool;
-    tool.start(u"secret-tool"_s, {u"store"_s, u"--label=test item"_s, u"user"_s, key, u"server"_s, KeychainHelper::service,
-                                  u"type"_s, base64 ? u"base64"_s : u"plaintext"_s});
+    tool.start(u"secret-tool"_s,
+               {u"store"_s, u"--label=test item"_s, u"user"_s, key, u"server"_s,
+                KeychainHelper::service, u"type"_s, base64 ? u"base64"_s : u"plaintext"_s});
     tool.write(base64 ? bytes.toBase64() : bytes);
     tool.closeWriteChannel();
     // secret-tool, like our code, answers within seconds or has hung; a hung one dies with `tool`.
-    return tool.waitForFinished(20'000) && tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
+    return tool.waitForFinished(20'000) && tool.exitStatus() == QProcess::NormalExit
+           && tool.exitCode() == 0;
 }

@@ -1,6 +1,6 @@
-#include "QtPrinters.h"
 #include "AuthService.h"
 #include "LogCapture.h"
+#include "QtPrinters.h"
 
 #include <QCoroTask>
 #include <QElapsedTimer>
@@ -36,7 +36,9 @@ TEST(AuthServiceTest, WithoutSecretServiceSavesAreLoggedAndReadsGiveNothing)
 
     EXPECT_LT(elapsed.elapsed(), 5000) << "a missing bus must fail at once";
     // The error code, and never the token.
-    EXPECT_EQ(logs.lines().join(u'\n').remove(QRegularExpression(u": [1-9][0-9]*$"_s, QRegularExpression::MultilineOption)),
-              u"[Keychain] save failed for ravlet.accessToken\n[Keychain] save failed for ravlet.refreshToken\n"
+    EXPECT_EQ(logs.lines().join(u'\n').remove(
+                  QRegularExpression(u": [1-9][0-9]*$"_s, QRegularExpression::MultilineOption)),
+              u"[Keychain] save failed for ravlet.accessToken\n[Keychain] save failed for "
+              u"ravlet.refreshToken\n"
               u"[Keychain] read failed for ravlet.accessToken"_s);
 }

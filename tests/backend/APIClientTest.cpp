@@ -33,7 +33,10 @@ FakeBackend::Response reply(int status, QByteArray body = "{}", bool cut = false
     return response;
 }
 
-QByteArray event(const QByteArray& content) { return "data: {\"content\":\"" + content + "\"}\n"; }
+QByteArray event(const QByteArray& content)
+{
+    return "data: {\"content\":\"" + content + "\"}\n";
+}
 
 // What a call ended with, as one text a table can hold.
 template<typename T>
@@ -75,7 +78,11 @@ QCoro::Task<QStringList> drain(std::shared_ptr<AnswerStream> stream, qsizetype l
 struct ScriptedPdfText final : PdfTextExtractor {
     std::optional<QString> text;
     int calls = 0;
-    std::optional<QString> extractText(const QString&) override { ++calls; return text; }
+    std::optional<QString> extractText(const QString&) override
+    {
+        ++calls;
+        return text;
+    }
 };
 
 enum class Call { status, exchange, speechToken, upload, answer, deleteJob };
@@ -119,28 +126,58 @@ TEST_F(APIClientTest, FailuresOfTheCallTheRefreshAndTheRetry)
 {
     // answers: in order, the last one repeats; refresh: nothing when no tokens are stored;
     // retried: with the refreshed token; posted: with the route and the first answer's status.
-    struct Case { const char* name; Call call; QList<FakeBackend::Response> answers;
-                  std::optional<FakeBackend::Response> refresh; std::string expected; bool retried; int refreshes; bool posted; };
+    struct Case {
+        const char* name;
+        Call call;
+        QList<FakeBackend::Response> answers;
+        std::optional<FakeBackend::Response> refresh;
+        std::string expected;
+        bool retried;
+        int refreshes;
+        bool posted;
+    };
     using enum Call;
     const auto renewed = reply(200, R"({"accessToken":"new","refreshToken":"R2"})");
     const auto none = std::nullopt;
     FakeBackend::Response garbage;
     garbage.raw = "SSH-2.0-OpenSSH\r\n\r\n";
-    const std::string network = "Network connection failed", unauthorized = "Authentication required";
+    const std::string network = "Network connection failed",
+                      unauthorized = "Authentication required";
     const auto http = [](int code) { return "Server error (" + std::to_string(code) + ")"; };
     const Case cases[] = {
         {"OtherStatus", status, {reply(403)}, none, http(403), false, 0, true},
         {"NotHttp", status, {garbage}, none, network, false, 0, false},
         // The first attempt's own transport and decoding failures reach the caller as they are.
-        {"CutShort", status, {reply(200, R"({"speechProvider":"openai"})", true)}, none, "transport", false, 0, false},
+        {"CutShort",
+         status,
+         {reply(200, R"({"speechProvider":"openai"})", true)},
+         none,
+         "transport",
+         false,
+         0,
+         false},
         {"NotJson", status, {reply(200, "not json")}, none, "decoding", false, 0, false},
         {"NoRefreshToken", status, {reply(401)}, none, unauthorized, false, 0, false},
         // The retry's own failures post nothing; a second 401 starts no second refresh.
         {"Retry401", status, {reply(401)}, renewed, http(401), true, 1, false},
         {"Retry500", status, {reply(401), reply(500)}, renewed, http(500), true, 1, false},
         {"RetryNotHttp", status, {reply(401), garbage}, renewed, http(500), true, 1, false},
-        {"RetryNotJson", status, {reply(401), reply(200, "nonsense")}, renewed, network, true, 1, false},
-        {"RetryCutShort", status, {reply(401), reply(200, "{}", true)}, renewed, network, true, 1, false},
+        {"RetryNotJson",
+         status,
+         {reply(401), reply(200, "nonsense")},
+         renewed,
+         network,
+         true,
+         1,
+         false},
+        {"RetryCutShort",
+         status,
+         {reply(401), reply(200, "{}", true)},
+         renewed,
+         network,
+         true,
+         1,
+         false},
         // The refresh's own failures reach the caller as the same case. Each of these rows
         // refreshes anew: a failed refresh is not kept for the next 401.
         {"Refresh401", status, {reply(401)}, reply(401), unauthorized, false, 1, false},
@@ -150,9 +187,22 @@ TEST_F(APIClientTest, FailuresOfTheCallTheRefreshAndTheRetry)
         {"Exchange401", exchange, {reply(401)}, renewed, http(401), false, 0, true},
         {"ExchangeNotHttp", exchange, {garbage}, none, network, false, 0, false},
         // The speech token posts nothing and, after its one refresh, takes a 401 as final.
-        {"SpeechRefused", speechToken, {reply(403, R"({"error":"Vendor unavailable"})")}, none,
-         "refused: Vendor unavailable", false, 0, false},
-        {"SpeechReasonNotText", speechToken, {reply(500, R"({"error": 5})")}, none, http(500), false, 0, false},
+        {"SpeechRefused",
+         speechToken,
+         {reply(403, R"({"error":"Vendor unavailable"})")},
+         none,
+         "refused: Vendor unavailable",
+         false,
+         0,
+         false},
+        {"SpeechReasonNotText",
+         speechToken,
+         {reply(500, R"({"error": 5})")},
+         none,
+         http(500),
+         false,
+         0,
+         false},
         {"SpeechNotHttp", speechToken, {garbage}, none, network, false, 0, false},
         {"Speech401", speechToken, {reply(401)}, renewed, unauthorized, true, 1, false},
         // Uploads and answers take any status as final, a garbled answer as 500, and post nothing.
@@ -162,17 +212,28 @@ TEST_F(APIClientTest, FailuresOfTheCallTheRefreshAndTheRetry)
         {"Answer401", answer, {reply(401)}, renewed, http(401), false, 0, false},
         {"AnswerNotHttp", answer, {garbage}, none, http(500), false, 0, false},
         // Cut off while the first chunks are held back for the log id.
-        {"AnswerCutShort", answer, {reply(200, event("a") + event("b"), true)}, none, "transport", false, 0, false},
+        {"AnswerCutShort",
+         answer,
+         {reply(200, event("a") + event("b"), true)},
+         none,
+         "transport",
+         false,
+         0,
+         false},
         {"Delete404", deleteJob, {reply(404)}, none, http(404), false, 0, true},
     };
     const auto resume = file(u"cv.md"_s, "# me");
     const std::map<Call, std::tuple<QByteArray, QByteArray, std::function<std::string()>>> calls{
         {status, {"GET", statusPath, [&] { return outcome(client.fetchAccountStatus()); }}},
-        {exchange, {"POST", "/api/v1/auth/exchange", [&] { return outcome(client.exchangeCode(u"C1"_s)); }}},
-        {speechToken, {"GET", "/api/v1/speech/token", [&] { return outcome(client.fetchSpeechToken()); }}},
+        {exchange,
+         {"POST", "/api/v1/auth/exchange", [&] { return outcome(client.exchangeCode(u"C1"_s)); }}},
+        {speechToken,
+         {"GET", "/api/v1/speech/token", [&] { return outcome(client.fetchSpeechToken()); }}},
         {upload, {"POST", uploadPath, [&] { return outcome(client.uploadResume(resume)); }}},
         {answer, {"POST", answerPath, [&] { return outcome(client.streamAnswer(question)); }}},
-        {deleteJob, {"DELETE", "/api/v1/job-description/j1", [&] { return outcome(client.deleteJobDescription(u"j1"_s)); }}}};
+        {deleteJob, {"DELETE", "/api/v1/job-description/j1", [&] {
+                         return outcome(client.deleteJobDescription(u"j1"_s));
+                     }}}};
     for (const auto& row : cases) {
         SCOPED_TRACE(row.name);
         const auto& [method, path, call] = calls.at(row.call);
@@ -188,16 +249,21 @@ TEST_F(APIClientTest, FailuresOfTheCallTheRefreshAndTheRetry)
         const auto sent = server.requests(method, path).mid(requestsBefore);
         ASSERT_FALSE(sent.isEmpty());
         EXPECT_EQ(sent.first().header("Authorization"), row.refresh ? "Bearer old" : "");
-        EXPECT_EQ(std::ranges::any_of(sent, [](const auto& r) { return r.header("Authorization") == "Bearer new"; }),
-                  row.retried);
+        EXPECT_EQ(
+            std::ranges::any_of(
+                sent, [](const auto& r) { return r.header("Authorization") == "Bearer new"; }),
+            row.retried);
         // Qt itself sends a request again when the answer is not HTTP.
         const auto refreshes = server.requestCount("POST", refreshPath) - refreshesBefore;
-        EXPECT_TRUE(row.refresh && row.refresh->raw ? refreshes >= 1 : refreshes == row.refreshes) << refreshes;
-        EXPECT_EQ(failures, (row.posted ? QList<QVariantMap>{{{u"route"_s, QString::fromLatin1(path)},
-                                                             {u"status"_s, row.answers.first().status}}}
-                                        : QList<QVariantMap>()));
+        EXPECT_TRUE(row.refresh && row.refresh->raw ? refreshes >= 1 : refreshes == row.refreshes)
+            << refreshes;
+        EXPECT_EQ(failures,
+                  (row.posted ? QList<QVariantMap>{{{u"route"_s, QString::fromLatin1(path)},
+                                                    {u"status"_s, row.answers.first().status}}}
+                              : QList<QVariantMap>()));
         EXPECT_FALSE(client.isRefreshing());
-        EXPECT_TRUE(!row.refresh || tokens.item(AuthTokenStore::refreshTokenKey)) << "the client never clears tokens";
+        EXPECT_TRUE(!row.refresh || tokens.item(AuthTokenStore::refreshTokenKey))
+            << "the client never clears tokens";
     }
 }
 
@@ -219,7 +285,8 @@ TEST_F(APIClientTest, ConcurrentCallsShareOneRefreshAndRetryWithTheNewToken)
         EXPECT_EQ(outcome(std::move(task)), "ok");
 
     ASSERT_EQ(server.requestCount("POST", refreshPath), 1);
-    // The refresh carries no access token; what it sends is the contract test's, against the real route.
+    // The refresh carries no access token; what it sends is the contract test's, against the real
+    // route.
     EXPECT_FALSE(server.requests("POST", refreshPath).first().headers.contains("authorization"));
     EXPECT_EQ(server.requestCount("GET", statusPath), 2 * callers) << "each caller retries once";
     // Every caller received the same new token, not a copy emptied by another caller.
@@ -238,18 +305,40 @@ TEST_F(APIClientTest, CallsSendTheirBodiesAndKeepAnIdInOnePathSegment)
     signIn(u"A1"_s);
     const QString id = u"a/b?c d"_s;
     const QByteArray encoded = "a%2Fb%3Fc%20d";
-    const TranscriptEntry entry{u"E1"_s, TranscriptEntry::Speaker::interviewer, u"Hi"_s, 5, 0.5, true};
+    const TranscriptEntry entry{u"E1"_s, TranscriptEntry::Speaker::interviewer, u"Hi"_s, 5, 0.5,
+                                true};
     const std::tuple<QByteArray, QByteArray, std::function<std::string()>, QJsonObject> rows[] = {
-        {"PATCH", "/api/v1/chat/log/" + encoded, [&] { return outcome(client.saveAnswerLog(id, u"A"_s)); }, {{u"answer"_s, u"A"_s}}},
-        {"PUT", "/api/v1/interview/session/" + encoded, [&] { return outcome(client.completeSession(id, 0)); },
+        {"PATCH",
+         "/api/v1/chat/log/" + encoded,
+         [&] { return outcome(client.saveAnswerLog(id, u"A"_s)); },
+         {{u"answer"_s, u"A"_s}}},
+        {"PUT",
+         "/api/v1/interview/session/" + encoded,
+         [&] { return outcome(client.completeSession(id, 0)); },
          {{u"status"_s, u"completed"_s}, {u"sttAudioDurationMs"_s, 0}}},
-        {"POST", "/api/v1/interview/session/" + encoded + "/transcript",
-         [&] { return outcome(client.postTranscript(id, {entry.uploadForm()})); }, {{u"entries"_s, QJsonArray{entry.uploadForm()}}}},
-        {"DELETE", "/api/v1/resume/" + encoded, [&] { return outcome(client.deleteResume(id)); }, {}},
-        {"DELETE", "/api/v1/job-description/" + encoded, [&] { return outcome(client.deleteJobDescription(id)); }, {}},
-        {"POST", answerPath, [&] { return outcome(client.streamAnswer({u"Q?"_s, {entry.contextForm()}, u"S1"_s, {}, u"R9"_s, {}})); },
-         {{u"question"_s, u"Q?"_s}, {u"sessionId"_s, u"S1"_s}, {u"resumeId"_s, u"R9"_s},
-          {u"context"_s, QJsonArray{QJsonObject{{u"speaker"_s, u"interviewer"_s}, {u"content"_s, u"Hi"_s}}}}}},
+        {"POST",
+         "/api/v1/interview/session/" + encoded + "/transcript",
+         [&] { return outcome(client.postTranscript(id, {entry.uploadForm()})); },
+         {{u"entries"_s, QJsonArray{entry.uploadForm()}}}},
+        {"DELETE",
+         "/api/v1/resume/" + encoded,
+         [&] { return outcome(client.deleteResume(id)); },
+         {}},
+        {"DELETE",
+         "/api/v1/job-description/" + encoded,
+         [&] { return outcome(client.deleteJobDescription(id)); },
+         {}},
+        {"POST",
+         answerPath,
+         [&] {
+             return outcome(
+                 client.streamAnswer({u"Q?"_s, {entry.contextForm()}, u"S1"_s, {}, u"R9"_s, {}}));
+         },
+         {{u"question"_s, u"Q?"_s},
+          {u"sessionId"_s, u"S1"_s},
+          {u"resumeId"_s, u"R9"_s},
+          {u"context"_s,
+           QJsonArray{QJsonObject{{u"speaker"_s, u"interviewer"_s}, {u"content"_s, u"Hi"_s}}}}}},
     };
     for (const auto& [method, path, call, body] : rows) {
         SCOPED_TRACE(path.toStdString());
@@ -265,15 +354,18 @@ TEST_F(APIClientTest, CallsSendTheirBodiesAndKeepAnIdInOnePathSegment)
 
 TEST_F(APIClientTest, ResumeUploadIsMultipartWithAPdfsTextByteForByte)
 {
-    server.setRoute("POST", uploadPath, reply(200, R"({"id":"r1","filename":"f","extractedText":"t","createdAt":"y"})"));
+    server.setRoute(
+        "POST", uploadPath,
+        reply(200, R"({"id":"r1","filename":"f","extractedText":"t","createdAt":"y"})"));
     // name, content, what the PDF reader finds, the file's type, the text part sent
     const std::tuple<QString, QByteArray, std::optional<QString>, QByteArray, QByteArray> rows[] = {
-        {u"CV.PDF"_s, QByteArray("%PDF-1.4\r\n\x00\x01binary", 18), u"Page one\nZoë\n"_s, "application/pdf",
-         "Page one\nZo\xc3\xab\n"},
+        {u"CV.PDF"_s, QByteArray("%PDF-1.4\r\n\x00\x01binary", 18), u"Page one\nZoë\n"_s,
+         "application/pdf", "Page one\nZo\xc3\xab\n"},
         {u"scan.pdf"_s, "%PDF", std::nullopt, "application/pdf", {}}, // images only
         {u"README"_s, "x", std::nullopt, "application/octet-stream", {}},
     };
-    static const QRegularExpression uuid(u"^[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}$"_s);
+    static const QRegularExpression uuid(
+        u"^[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}$"_s);
     for (const auto& [name, content, text, type, textPart] : rows) {
         SCOPED_TRACE(name.toStdString());
         pdfText.text = text;
@@ -283,10 +375,13 @@ TEST_F(APIClientTest, ResumeUploadIsMultipartWithAPdfsTextByteForByte)
         const auto boundary = contentType.mid(contentType.indexOf("boundary=") + 9);
         EXPECT_EQ(contentType, "multipart/form-data; boundary=" + boundary);
         EXPECT_TRUE(uuid.match(QString::fromLatin1(boundary)).hasMatch()) << boundary.toStdString();
-        QByteArray expected = "--" + boundary + "\r\nContent-Disposition: form-data; name=\"file\"; filename=\""
-                              + name.toUtf8() + "\"\r\nContent-Type: " + type + "\r\n\r\n" + content + "\r\n";
+        QByteArray expected =
+            "--" + boundary + "\r\nContent-Disposition: form-data; name=\"file\"; filename=\""
+            + name.toUtf8() + "\"\r\nContent-Type: " + type + "\r\n\r\n" + content + "\r\n";
         if (!textPart.isEmpty())
-            expected += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"extracted_text\"\r\n\r\n" + textPart + "\r\n";
+            expected += "--" + boundary
+                        + "\r\nContent-Disposition: form-data; name=\"extracted_text\"\r\n\r\n"
+                        + textPart + "\r\n";
         EXPECT_EQ(request.body, expected + "--" + boundary + "--\r\n");
     }
     EXPECT_EQ(pdfText.calls, 2) << "only PDFs are read for their text";
@@ -307,18 +402,28 @@ TEST_F(APIClientTest, AnswerStreams)
         pieces.append(event(number.toLatin1()));
     const QByteArray logId = "data: {\"logId\":\"L1\"}\n", huge(1024 * 1024, 'x');
     // The stream, the log id that comes with it, and its chunks ("!": it ends with an error).
-    const std::tuple<const char*, FakeBackend::Response, std::optional<QString>, QStringList> rows[] = {
-        {"LogIdFirst", FakeBackend::Response::stream({logId, event("Hi"), "data: [DONE]\n", event("after")}), u"L1"_s,
-         {u"Hi"_s}},
-        {"LogIdAfterThreeChunks", FakeBackend::Response::stream({event("a"), event("b"), event("c"), logId, event("d")}),
-         std::nullopt, {u"a"_s, u"b"_s, u"c"_s, u"d"_s}},
-        // No [DONE]: the body's end is the stream's. A last line without a line end still counts.
-        {"SplitLines",
-         FakeBackend::Response::stream({"data: {\"con", "tent\":\"one\"}\r", "\ndata: {\"content\":\"two\"}\r\nda",
-                                        "ta: {\"content\":\"", huge, "\"}\n", "data: {\"content\":\"last\"}"}, 5),
-         std::nullopt, {u"one"_s, u"two"_s, QString::fromLatin1(huge), u"last"_s}},
-        {"CutAfterTheHeldBackChunks", reply(200, pieces.join() + pieces.join(), true), std::nullopt, numbers + QStringList{u"!"_s}},
-    };
+    const std::tuple<const char*, FakeBackend::Response, std::optional<QString>, QStringList>
+        rows[] = {
+            {"LogIdFirst",
+             FakeBackend::Response::stream({logId, event("Hi"), "data: [DONE]\n", event("after")}),
+             u"L1"_s,
+             {u"Hi"_s}},
+            {"LogIdAfterThreeChunks",
+             FakeBackend::Response::stream({event("a"), event("b"), event("c"), logId, event("d")}),
+             std::nullopt,
+             {u"a"_s, u"b"_s, u"c"_s, u"d"_s}},
+            // No [DONE]: the body's end is the stream's. A last line without a line end still
+            // counts.
+            {"SplitLines",
+             FakeBackend::Response::stream(
+                 {"data: {\"con", "tent\":\"one\"}\r", "\ndata: {\"content\":\"two\"}\r\nda",
+                  "ta: {\"content\":\"", huge, "\"}\n", "data: {\"content\":\"last\"}"},
+                 5),
+             std::nullopt,
+             {u"one"_s, u"two"_s, QString::fromLatin1(huge), u"last"_s}},
+            {"CutAfterTheHeldBackChunks", reply(200, pieces.join() + pieces.join(), true),
+             std::nullopt, numbers + QStringList{u"!"_s}},
+        };
     for (const auto& [name, response, id, chunks] : rows) {
         SCOPED_TRACE(name);
         server.setRoute("POST", answerPath, response);

@@ -1,8 +1,8 @@
-#include "QtPrinters.h"
 #include "AsyncQueue.h"
 #include "CancellationToken.h"
 #include "Clock.h"
 #include "LogCapture.h"
+#include "QtPrinters.h"
 #include "TaskHandle.h"
 
 #include <QCoroTask>
@@ -24,14 +24,16 @@ struct Drained {
 };
 using Log = std::vector<std::pair<int, qint64>>; // (label, or -label when cut short; wake time)
 
-QCoro::Task<> drain(std::shared_ptr<AsyncQueue<int>> queue, CancellationToken token, std::shared_ptr<Drained> out)
+QCoro::Task<> drain(std::shared_ptr<AsyncQueue<int>> queue, CancellationToken token,
+                    std::shared_ptr<Drained> out)
 {
     while (auto item = co_await queue->next(token))
         out->items.push_back(*item);
     out->ended = true;
 }
 
-QCoro::Task<> sleepAndRecord(Clock& clock, qint64 ms, CancellationToken token, std::shared_ptr<Log> log, int label)
+QCoro::Task<> sleepAndRecord(Clock& clock, qint64 ms, CancellationToken token,
+                             std::shared_ptr<Log> log, int label)
 {
     const bool full = co_await clock.sleep(std::chrono::milliseconds(ms), token);
     log->emplace_back(full ? label : -label, clock.nowMs());
@@ -54,7 +56,8 @@ TEST(AsyncQueueTest, NothingDroppedCancelAndFinish)
     for (int i = 0; i < int(pushed.size()); ++i)
         queue->push(pushed[std::size_t(i)] = i);
     auto out = std::make_shared<Drained>();
-    auto reader = TaskHandle::run([&](const CancellationToken& token) { return drain(queue, token, out); });
+    auto reader =
+        TaskHandle::run([&](const CancellationToken& token) { return drain(queue, token, out); });
     pushed.push_back(-1);
     queue->push(-1); // to the waiting reader
     EXPECT_TRUE(out->items == pushed);
@@ -104,7 +107,9 @@ TEST(TaskHandleTest, CancelledSleepAndTheOneSecondCapOnTheManualClock)
     ManualClock clock;
     const auto now = clock.nowMs();
     auto log = std::make_shared<Log>();
-    auto sleeper = TaskHandle::run([&](const CancellationToken& token) { return sleepAndRecord(clock, 30'000, token, log, 1); });
+    auto sleeper = TaskHandle::run([&](const CancellationToken& token) {
+        return sleepAndRecord(clock, 30'000, token, log, 1);
+    });
     sleeper.cancel();
     EXPECT_TRUE(sleeper.isFinished());
     // Already cancelled: false without suspending. Zero length: true at once.
@@ -114,7 +119,8 @@ TEST(TaskHandleTest, CancelledSleepAndTheOneSecondCapOnTheManualClock)
     EXPECT_EQ(clock.pendingTimerCount(), 0u);
 
     // A task that ignores cancellation and needs 5 s.
-    auto slow = TaskHandle::run([&](const CancellationToken&) { return sleepAndRecord(clock, 5000, {}, log, 4); });
+    auto slow = TaskHandle::run(
+        [&](const CancellationToken&) { return sleepAndRecord(clock, 5000, {}, log, 4); });
     auto waited = std::make_shared<std::optional<bool>>();
     slow.cancel();
     waitCapped(slow, clock, waited);
@@ -126,7 +132,8 @@ TEST(TaskHandleTest, CancelledSleepAndTheOneSecondCapOnTheManualClock)
     clock.advance(4s);
     EXPECT_TRUE(slow.isFinished());
 
-    auto quick = TaskHandle::run([&](const CancellationToken& token) { return sleepAndRecord(clock, 300, token, log, 5); });
+    auto quick = TaskHandle::run(
+        [&](const CancellationToken& token) { return sleepAndRecord(clock, 300, token, log, 5); });
     waitCapped(quick, clock, waited);
     clock.advance(300ms);
     EXPECT_EQ(*waited, std::optional(true));
@@ -136,8 +143,12 @@ TEST(TaskHandleTest, CancelledSleepAndTheOneSecondCapOnTheManualClock)
 TEST(TaskHandleTest, ExceptionEndsTheTaskAndIsLogged)
 {
     LogCapture logs;
-    auto handle = TaskHandle::run([](CancellationToken) -> QCoro::Task<> { throw std::runtime_error("boom"); co_return; });
+    auto handle = TaskHandle::run([](CancellationToken) -> QCoro::Task<> {
+        throw std::runtime_error("boom");
+        co_return;
+    });
     EXPECT_TRUE(handle.isFinished());
-    EXPECT_EQ(logs.lines().join(u'|').left(7), QStringLiteral("[Task] ")) << logs.lines().join(u'|').toStdString();
+    EXPECT_EQ(logs.lines().join(u'|').left(7), QStringLiteral("[Task] "))
+        << logs.lines().join(u'|').toStdString();
     EXPECT_EQ(logs.lines().size(), 1);
 }

@@ -1,6 +1,6 @@
-#include "QtPrinters.h"
-#include "LogCapture.h"
 #include "PreferencesStore.h"
+#include "LogCapture.h"
+#include "QtPrinters.h"
 
 #include <QDir>
 #include <QFile>
@@ -57,8 +57,8 @@ TEST(PreferencesStoreTest, EveryKindRoundTripsAndReadsOnlyAsItself)
     }
     const JsonPreferencesStore reopened(path);
     const auto reads = [&](const QString& key) {
-        return Reads{reopened.string(key), reopened.number(key), reopened.boolean(key), reopened.integer(key),
-                     reopened.bytes(key)};
+        return Reads{reopened.string(key), reopened.number(key), reopened.boolean(key),
+                     reopened.integer(key), reopened.bytes(key)};
     };
     for (const auto& [key, value, expected] : rows) {
         EXPECT_EQ(reopened.value(key), value) << key.toStdString();
@@ -71,8 +71,9 @@ TEST(PreferencesStoreTest, EveryKindRoundTripsAndReadsOnlyAsItself)
 // file. (The fuzz target throws every other shape of file at the reader.)
 TEST(PreferencesStoreTest, CorruptFileGivesAnEmptyStoreAndIsKeptAside)
 {
-    for (const QByteArray& data : {QByteArray(), JsonPreferencesStore::serialize({{u"a"_s, u"b"_s}}).left(20),
-                                   QByteArray(R"({"version": 1, "values": {"k": {"bool": "yes"}}})")}) {
+    for (const QByteArray& data :
+         {QByteArray(), JsonPreferencesStore::serialize({{u"a"_s, u"b"_s}}).left(20),
+          QByteArray(R"({"version": 1, "values": {"k": {"bool": "yes"}}})")}) {
         SCOPED_TRACE(data.toStdString());
         QTemporaryDir dir;
         const auto path = dir.filePath(u"preferences.json"_s);
@@ -124,7 +125,8 @@ TEST(PreferencesStoreTest, KilledWriterNeverLeavesPartialFile)
         ++completedRounds;
         // Whole values only: the long text and the number that the writer appends to it.
         static const QRegularExpression whole(u"^x{20000}[0-9]+$"_s);
-        EXPECT_TRUE(whole.match(store.string(u"payload"_s).value_or(QString())).hasMatch()) << "round " << round;
+        EXPECT_TRUE(whole.match(store.string(u"payload"_s).value_or(QString())).hasMatch())
+            << "round " << round;
     }
     EXPECT_GT(completedRounds, 0) << "the writer never completed a write";
 }

@@ -30,8 +30,14 @@ void goLive(H& h, bool autoTrigger = false)
     ASSERT_TRUE(h.vm.isRecording());
 }
 
-QList<qint64> askedAt(const H& h, qint64 originMs) { return h.backend->timesOf(u"streamAnswer"_s, originMs); }
-qsizetype timesAsked(const H& h) { return h.backend->callsOf(u"streamAnswer"_s).size(); }
+QList<qint64> askedAt(const H& h, qint64 originMs)
+{
+    return h.backend->timesOf(u"streamAnswer"_s, originMs);
+}
+qsizetype timesAsked(const H& h)
+{
+    return h.backend->callsOf(u"streamAnswer"_s).size();
+}
 
 // Goes live without automatic answers and asks about `question`. Given `openChunks`, the answer
 // stream sends those and then stays open for the test to drive.
@@ -117,12 +123,25 @@ TEST(AIAnswersTest, RequestFailuresAreRetriedOnlyWhenRetryable)
         QList<qint64> askedAt;
         std::optional<QString> failure; // the recoverable error, absent for a success
     } cases[] = {
-        {"ServerError503ThenSuccess", {failureOf(APIError::serverError(503))}, {0, 700}, std::nullopt},
-        {"TimeoutThenSuccess", {failureOf(TransportError(QNetworkReply::TimeoutError, u"timed out"_s))}, {0, 700},
+        {"ServerError503ThenSuccess",
+         {failureOf(APIError::serverError(503))},
+         {0, 700},
          std::nullopt},
-        {"BadRequest", {failureOf(APIError::serverError(400))}, {0}, u"AI answer failed: Server error (400)"_s},
-        {"Unauthorized", {failureOf(APIError::unauthorized())}, {0}, u"AI answer failed: Authentication required"_s},
-        {"RetryableTwice", {failureOf(APIError::serverError(503)), failureOf(APIError::networkError())}, {0, 700},
+        {"TimeoutThenSuccess",
+         {failureOf(TransportError(QNetworkReply::TimeoutError, u"timed out"_s))},
+         {0, 700},
+         std::nullopt},
+        {"BadRequest",
+         {failureOf(APIError::serverError(400))},
+         {0},
+         u"AI answer failed: Server error (400)"_s},
+        {"Unauthorized",
+         {failureOf(APIError::unauthorized())},
+         {0},
+         u"AI answer failed: Authentication required"_s},
+        {"RetryableTwice",
+         {failureOf(APIError::serverError(503)), failureOf(APIError::networkError())},
+         {0, 700},
          u"AI answer failed: Network connection failed"_s},
     };
     for (const auto& c : cases) {
@@ -176,7 +195,8 @@ TEST(RetryableNetworkErrorTest, RetryableErrorsAreLostConnectionsAndServerFaults
 {
     QTcpServer stalling; // takes the request and never answers
     QTcpServer closed;
-    ASSERT_TRUE(stalling.listen(QHostAddress::LocalHost, 0) && closed.listen(QHostAddress::LocalHost, 0));
+    ASSERT_TRUE(stalling.listen(QHostAddress::LocalHost, 0)
+                && closed.listen(QHostAddress::LocalHost, 0));
     const quint16 refusedPort = closed.serverPort();
     closed.close();
     NotificationCenter notifications;
@@ -196,7 +216,8 @@ TEST(RetryableNetworkErrorTest, RetryableErrorsAreLostConnectionsAndServerFaults
         return failureOf(TransportError(code, u"transport"_s));
     };
     const std::vector<std::tuple<const char*, std::exception_ptr, bool>> table{
-        {"stalled", realFailure(u"http://127.0.0.1:"_s + QString::number(stalling.serverPort())), true},
+        {"stalled", realFailure(u"http://127.0.0.1:"_s + QString::number(stalling.serverPort())),
+         true},
         {"refused", realFailure(u"http://127.0.0.1:"_s + QString::number(refusedPort)), true},
         {"unroutable", realFailure(u"http://[100::1]:80"_s), true},
         {"connection lost", transport(QNetworkReply::RemoteHostClosedError), true},
@@ -217,7 +238,8 @@ TEST(RetryableNetworkErrorTest, RetryableErrorsAreLostConnectionsAndServerFaults
         {"no error", nullptr, false},
     };
     for (const auto& [name, failure, retryable] : table)
-        EXPECT_EQ(isRetryableNetworkError(failure), retryable) << name << ": " << errorCode(failure).toStdString();
+        EXPECT_EQ(isRetryableNetworkError(failure), retryable)
+            << name << ": " << errorCode(failure).toStdString();
 }
 
 // The key asks nothing, and no automatic answer comes, where there is nothing to ask, no one
@@ -236,8 +258,8 @@ TEST(AnswerKeyTest, DoesNothingWithoutAQuestionABackendSessionSignInOrRecording)
              h.say(Speaker::interviewer, u"Let us"_s, false);
          },
          true},
-        {"localSession", true,
-         [](H& h) { h.say(Speaker::interviewer, u"Introduce yourself."_s); }, false},
+        {"localSession", true, [](H& h) { h.say(Speaker::interviewer, u"Introduce yourself."_s); },
+         false},
         {"signedOut", false,
          [](H& h) {
              h.say(Speaker::interviewer, u"Introduce yourself."_s);
@@ -319,7 +341,8 @@ TEST(AIAnswersTest, RequestCarriesTheLastTenEntriesTheSessionAndTheSettings)
         h.say(speaker, u"line "_s + QString::number(k));
         h.passTime(5001ms);
         if (k >= 3)
-            expectedContext.append({{u"speaker"_s, toText(speaker)}, {u"content"_s, u"line "_s + QString::number(k)}});
+            expectedContext.append(
+                {{u"speaker"_s, toText(speaker)}, {u"content"_s, u"line "_s + QString::number(k)}});
     }
     h.say(Speaker::user, u"unfinished"_s, false);
     h.say(Speaker::interviewer, u"also unfinished"_s, false);
@@ -353,13 +376,15 @@ TEST(AIAnswersTest, StreamFillsTheEntryAndLogsTheFinishedAnswer)
     h.passTime(200ms);
     stream->push(u"acquisition."_s);
     H::settle();
-    EXPECT_EQ(h.telemetry->events.filter(u"first_answer_received"_s), QStringList{u"first_answer_received 1500"_s});
+    EXPECT_EQ(h.telemetry->events.filter(u"first_answer_received"_s),
+              QStringList{u"first_answer_received 1500"_s});
     EXPECT_EQ(h.vm.currentAnswerText(), u"Resource acquisition."_s);
     EXPECT_TRUE(h.backend->callsOf(u"saveAnswerLog"_s).isEmpty());
     stream->finish();
     H::settle();
     EXPECT_FALSE(h.vm.isGeneratingAnswer());
-    EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s), QStringList{u"saveAnswerLog log-1 Resource acquisition."_s});
+    EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s),
+              QStringList{u"saveAnswerLog log-1 Resource acquisition."_s});
 
     // The log is saved only with a log id and some text.
     const struct {
@@ -380,7 +405,8 @@ TEST(AIAnswersTest, StreamFillsTheEntryAndLogsTheFinishedAnswer)
         EXPECT_EQ(row.vm.aiAnswerHistory().value(0).answer, c.chunks.join(QString()));
         EXPECT_FALSE(row.vm.isGeneratingAnswer() || row.vm.lastNotice());
         EXPECT_EQ(row.backend->callsOf(u"saveAnswerLog"_s), c.expectedLog);
-        EXPECT_EQ(row.telemetry->events.filter(u"first_answer_received"_s).size(), c.chunks.join(QString()).isEmpty() ? 0 : 1);
+        EXPECT_EQ(row.telemetry->events.filter(u"first_answer_received"_s).size(),
+                  c.chunks.join(QString()).isEmpty() ? 0 : 1);
     }
 }
 
@@ -428,7 +454,8 @@ TEST(AIAnswersTest, AnOpenStreamEndsKeepingWhatItHad)
             EXPECT_EQ(h.vm.lastRecoverableErrorAtMs(), h.clock.nowMs());
             EXPECT_EQ(h.vm.pipelineState(), State::recording);
         } else {
-            EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s), QStringList{u"saveAnswerLog log-1 "_s + c.answer});
+            EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s),
+                      QStringList{u"saveAnswerLog log-1 "_s + c.answer});
         }
         stream->push(u" too late"_s);
         h.passTime(10s);

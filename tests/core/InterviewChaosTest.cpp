@@ -7,9 +7,9 @@
 // post) is the line's whole text, or the line is still held as the pending upload.
 //
 // The interviews run on a manual clock so that the back-offs (up to 15 s), the retries of the
-// transcript channel and the handshake timers (10 s and 60 s) cost no real time. Real sockets and virtual
-// timers mix through VirtualTimePump: it hands Qt whatever the sockets have ready and moves the
-// clock on only when nothing else can make progress.
+// transcript channel and the handshake timers (10 s and 60 s) cost no real time. Real sockets and
+// virtual timers mix through VirtualTimePump: it hands Qt whatever the sockets have ready and moves
+// the clock on only when nothing else can make progress.
 
 #include "LoopbackRig.h"
 
@@ -60,7 +60,8 @@ int chaosRuns()
 // that a slow machine mistaken for an idle one costs little virtual time.
 class VirtualTimePump {
 public:
-    explicit VirtualTimePump(ManualClock& clock) : m_clock(clock)
+    explicit VirtualTimePump(ManualClock& clock)
+        : m_clock(clock)
     {
         m_wake.setSingleShot(true);
         m_wake.setTimerType(Qt::PreciseTimer);
@@ -84,7 +85,8 @@ public:
             return;
         }
         const qint64 now = m_clock.nowMs();
-        const qint64 next = std::min(m_clock.nextDeadlineMs().value_or(now + maxJumpMs), now + maxJumpMs);
+        const qint64 next =
+            std::min(m_clock.nextDeadlineMs().value_or(now + maxJumpMs), now + maxJumpMs);
         m_clock.advance(std::chrono::milliseconds(std::max<qint64>(next - now, 1)));
     }
 
@@ -140,12 +142,21 @@ private:
 
 QString turnInfo(const QString& event, const QString& transcript)
 {
-    return QString::fromUtf8(compactJson({{u"type"_s, u"TurnInfo"_s}, {u"event"_s, event}, {u"transcript"_s, transcript}}));
+    return QString::fromUtf8(compactJson(
+        {{u"type"_s, u"TurnInfo"_s}, {u"event"_s, event}, {u"transcript"_s, transcript}}));
 }
 
 // What one seeded interview does.
 struct Plan {
-    enum class Action { say, killVendor, closeVendor, tokenBurst, stallNextToken, cutChannel, trigger };
+    enum class Action {
+        say,
+        killVendor,
+        closeVendor,
+        tokenBurst,
+        stallNextToken,
+        cutChannel,
+        trigger
+    };
     enum class Channel { live, refusing, silent, unusable };
 
     struct Step {
@@ -155,7 +166,7 @@ struct Plan {
         QString text;
         bool withPartial = false;
         bool joins = false; // comes within 5 s of the speaker's previous piece, to grow that line
-        int count = 0; // failures in a burst of speech token errors
+        int count = 0;      // failures in a burst of speech token errors
     };
 
     QList<Step> steps;
@@ -169,15 +180,19 @@ struct Plan {
 Plan makePlan(quint32 seed)
 {
     std::mt19937 random(seed);
-    const auto chance = [&](double p) { return std::uniform_real_distribution<double>(0, 1)(random) < p; };
-    const auto between = [&](int low, int high) { return std::uniform_int_distribution<int>(low, high)(random); };
+    const auto chance = [&](double p) {
+        return std::uniform_real_distribution<double>(0, 1)(random) < p;
+    };
+    const auto between = [&](int low, int high) {
+        return std::uniform_int_distribution<int>(low, high)(random);
+    };
 
     Plan plan;
     const double channelDraw = std::uniform_real_distribution<double>(0, 1)(random);
-    plan.channel = channelDraw < 0.8 ? Plan::Channel::live
-        : channelDraw < 0.87        ? Plan::Channel::refusing
-        : channelDraw < 0.94        ? Plan::Channel::silent
-                                    : Plan::Channel::unusable;
+    plan.channel = channelDraw < 0.8    ? Plan::Channel::live
+                   : channelDraw < 0.87 ? Plan::Channel::refusing
+                   : channelDraw < 0.94 ? Plan::Channel::silent
+                                        : Plan::Channel::unusable;
     plan.autoTrigger = chance(0.3);
     plan.failPendingRetry = chance(0.3);
     plan.completeFailures = chance(0.15) ? 1 : 0;
@@ -193,7 +208,8 @@ Plan makePlan(quint32 seed)
         for (int k = 0; k < pieces; ++k) {
             // Braced lists are evaluated in order, so the draws keep theirs.
             plan.steps.append({at, Plan::Action::say, speaker,
-                               u"seed %1 %2 piece %3"_s.arg(seed).arg(toText(speaker)).arg(k), chance(0.5), joins});
+                               u"seed %1 %2 piece %3"_s.arg(seed).arg(toText(speaker)).arg(k),
+                               chance(0.5), joins});
             lastMs = std::max(lastMs, at);
             joins = chance(0.5);
             at += joins ? between(800, 3000) : between(5500, 8000);
@@ -202,8 +218,13 @@ Plan makePlan(quint32 seed)
     const int troubles = between(1, 5);
     for (int k = 0; k < troubles; ++k)
         plan.steps.append({between(0, int(lastMs) + 2000),
-                           static_cast<Plan::Action>(between(int(Plan::Action::killVendor), int(Plan::Action::trigger))),
-                           chance(0.5) ? Speaker::interviewer : Speaker::user, {}, false, false, between(1, 4)});
+                           static_cast<Plan::Action>(
+                               between(int(Plan::Action::killVendor), int(Plan::Action::trigger))),
+                           chance(0.5) ? Speaker::interviewer : Speaker::user,
+                           {},
+                           false,
+                           false,
+                           between(1, 4)});
     return plan;
 }
 
@@ -214,7 +235,8 @@ protected:
     InterviewChaosTest()
     {
         stallingEndpoint = silentServer.address(u"ws"_s);
-        channelServer.setFrameRule([this](const FakeTranscriptChannel::Frame& frame) { return react(frame); });
+        channelServer.setFrameRule(
+            [this](const FakeTranscriptChannel::Frame& frame) { return react(frame); });
     }
 
     // Mostly acks; now and then a lost ack, a cut right after the ack, or a cut instead of it.
@@ -245,7 +267,8 @@ protected:
             if (own->state() != QAbstractSocket::ConnectedState)
                 continue;
             for (const auto& connection : vendor.connections()) {
-                if (connection.socket && connection.socket->state() == QAbstractSocket::ConnectedState
+                if (connection.socket
+                    && connection.socket->state() == QAbstractSocket::ConnectedState
                     && connection.socket->peerPort() == own->localPort())
                     return connection.socket;
             }
@@ -261,8 +284,10 @@ protected:
         const auto& [socket, text] = lastSaid[std::size_t(speaker)];
         if (socket && socket->state() == QAbstractSocket::ConnectedState) {
             const auto& entries = transcript.entries();
-            const bool arrived = std::any_of(entries.begin(), entries.end(),
-                                             [&](const TranscriptEntry& entry) { return entry.content.endsWith(text); });
+            const bool arrived =
+                std::any_of(entries.begin(), entries.end(), [&](const TranscriptEntry& entry) {
+                    return entry.content.endsWith(text);
+                });
             if (!arrived)
                 return 100;
         }
@@ -285,16 +310,19 @@ protected:
     {
         switch (step.action) {
         case Plan::Action::say: {
-            if (const qint64 wait = waitBeforeLine(step.speaker, step.joins); wait > 0 && attempt < 200) {
+            if (const qint64 wait = waitBeforeLine(step.speaker, step.joins);
+                wait > 0 && attempt < 200) {
                 schedule(step, wait, attempt + 1);
                 return;
             }
             auto* socket = vendorSocket(step.speaker);
             if (!socket)
                 break; // the channel is down: the vendor heard nothing
-            (step.speaker == Speaker::interviewer ? systemAudio : microphone).play({0.25f, -0.5f, 0.75f});
+            (step.speaker == Speaker::interviewer ? systemAudio : microphone)
+                .play({0.25f, -0.5f, 0.75f});
             if (step.withPartial)
-                socket->sendTextMessage(turnInfo(u"Update"_s, step.text.left(step.text.size() / 2)));
+                socket->sendTextMessage(
+                    turnInfo(u"Update"_s, step.text.left(step.text.size() / 2)));
             socket->sendTextMessage(turnInfo(u"EndOfTurn"_s, step.text));
             lastSaid[std::size_t(step.speaker)] = {socket, step.text};
             break;
@@ -305,7 +333,8 @@ protected:
             break;
         case Plan::Action::closeVendor:
             if (auto* socket = vendorSocket(step.speaker))
-                socket->close(QWebSocketProtocol::CloseCodeAbnormalDisconnection, u"vendor restarting"_s);
+                socket->close(QWebSocketProtocol::CloseCodeAbnormalDisconnection,
+                              u"vendor restarting"_s);
             break;
         case Plan::Action::tokenBurst:
             tokenFailures += step.count;
@@ -326,9 +355,10 @@ protected:
     void useChannel(Plan::Channel channel)
     {
         channelServer.setRefusing(channel == Plan::Channel::refusing);
-        interviewBackend->setChannelBaseURL(channel == Plan::Channel::silent     ? silentServer.address(u"http"_s)
-                                            : channel == Plan::Channel::unusable ? u"http://127.0.0.1:no-port"_s
-                                                                                 : channelServer.baseURL());
+        interviewBackend->setChannelBaseURL(
+            channel == Plan::Channel::silent     ? silentServer.address(u"http"_s)
+            : channel == Plan::Channel::unusable ? u"http://127.0.0.1:no-port"_s
+                                                 : channelServer.baseURL());
     }
 
     // Runs a start or a stop on the pump; a failure when it hangs.
@@ -373,7 +403,8 @@ protected:
         if (!chaos) {
             // A quiet interview: one line each.
             for (const Speaker speaker : {Speaker::interviewer, Speaker::user})
-                steps.append({500, Plan::Action::say, speaker, u"quiet %1 %2"_s.arg(seed).arg(toText(speaker))});
+                steps.append({500, Plan::Action::say, speaker,
+                              u"quiet %1 %2"_s.arg(seed).arg(toText(speaker))});
         }
         stepsLeft = int(steps.size());
         for (const auto& step : std::as_const(steps))
@@ -401,7 +432,7 @@ protected:
     struct Tally {
         QStringList lost; // lines whose newest text the server lacks and nothing holds
         int lostWords = 0;
-        int grown = 0;    // lines made of more than one piece
+        int grown = 0; // lines made of more than one piece
         int overChannel = 0;
         int inPosts = 0;
     };
@@ -411,7 +442,8 @@ protected:
         QHash<QString, QSet<QString>> pending;
         if (const auto& upload = vm.pendingTranscriptUpload()) {
             for (const auto& entry : upload->entries)
-                pending[entry.value(u"id"_s).toString()].insert(entry.value(u"content"_s).toString());
+                pending[entry.value(u"id"_s).toString()].insert(
+                    entry.value(u"content"_s).toString());
         }
         Tally result;
         for (auto it = lines.cbegin(); it != lines.cend(); ++it) {
@@ -419,14 +451,17 @@ protected:
             result.grown += text.count(u"seed "_s) > 1 ? 1 : 0;
             // What the server confirmed is what it keeps; a post comes after all that the
             // channel carried of a line.
-            const QString overChannel = channelServer.acknowledgedText(it.key()).value_or(QString());
+            const QString overChannel =
+                channelServer.acknowledgedText(it.key()).value_or(QString());
             const QString server = delivered.value(it.key(), overChannel);
             result.overChannel += !delivered.contains(it.key()) && overChannel == text ? 1 : 0;
             result.inPosts += delivered.value(it.key()) == text ? 1 : 0;
             if (server == text || pending.value(it.key()).contains(text))
                 continue;
             result.lost.append(text + u" (server: "_s + server + u')');
-            const auto words = [](const QString& t) { return int(t.split(u' ', Qt::SkipEmptyParts).size()); };
+            const auto words = [](const QString& t) {
+                return int(t.split(u' ', Qt::SkipEmptyParts).size());
+            };
             result.lostWords += words(text) - (text.startsWith(server) ? words(server) : 0);
         }
         return result;
@@ -461,7 +496,8 @@ TEST_F(InterviewChaosTest, NoFinalLineIsLostAcrossSeededInterviews)
         return;
     EXPECT_FALSE(vm.pendingTranscriptUpload());
     // A recogniser stopped during a handshake says goodbye for up to 2 s of real time.
-    EXPECT_TRUE(pump.until([&] { return vendor.openConnectionCount() == 0 && silentServer.open == 0; }, 5'000));
+    EXPECT_TRUE(pump.until(
+        [&] { return vendor.openConnectionCount() == 0 && silentServer.open == 0; }, 5'000));
 
     const Tally result = tally();
     std::cout << "lines: " << lines.size() << ", grown: " << result.grown
@@ -476,7 +512,8 @@ TEST_F(InterviewChaosTest, NoFinalLineIsLostAcrossSeededInterviews)
     if (runs >= 100) {
         EXPECT_GT(result.overChannel, 0);
         EXPECT_GT(result.inPosts, 0);
-        EXPECT_GT(logLinesStartingWith(u"[SpeechProvider] Restarting interviewer recognizer: "_s), 0);
+        EXPECT_GT(logLinesStartingWith(u"[SpeechProvider] Restarting interviewer recognizer: "_s),
+                  0);
         EXPECT_GT(logLinesStartingWith(u"[SpeechProvider] Restarting user recognizer: "_s), 0);
         EXPECT_GT(channelServer.connections().size(), runs);
         EXPECT_GT(silentServer.accepted, 0);

@@ -36,9 +36,10 @@ QJsonObject bodyOf(const FakeBackend::Request& request)
 QString finalResult(const QString& transcript, double confidence)
 {
     const QJsonObject alternative{{u"transcript"_s, transcript}, {u"confidence"_s, confidence}};
-    return QString::fromUtf8(compactJson({{u"type"_s, u"Results"_s},
-                                          {u"is_final"_s, true},
-                                          {u"channel"_s, QJsonObject{{u"alternatives"_s, QJsonArray{alternative}}}}}));
+    return QString::fromUtf8(
+        compactJson({{u"type"_s, u"Results"_s},
+                     {u"is_final"_s, true},
+                     {u"channel"_s, QJsonObject{{u"alternatives"_s, QJsonArray{alternative}}}}}));
 }
 
 } // namespace
@@ -78,10 +79,13 @@ TEST_F(InterviewEndToEndTest, AudioBecomesTranscriptAnswerAndDeliveredLines)
     elapsed.start();
     awaitTask(vm.startInterview(), deadlineMs);
     ASSERT_TRUE(vm.isRecording());
-    ASSERT_TRUE(waitFor([&] { return vendor.openConnectionCount() == 2 && channelServer.openConnectionCount() == 1; }));
+    ASSERT_TRUE(waitFor([&] {
+        return vendor.openConnectionCount() == 2 && channelServer.openConnectionCount() == 1;
+    }));
     EXPECT_EQ(bodyOf(backend.requests("POST", "/api/v1/interview/session").value(0)),
               (QJsonObject{{u"languageInput"_s, u"de-DE"_s}, {u"languageOutput"_s, u"en"_s}}));
-    EXPECT_EQ(backend.requests("GET", "/api/v1/speech/token").value(0).header("Authorization"), "Bearer access-1");
+    EXPECT_EQ(backend.requests("GET", "/api/v1/speech/token").value(0).header("Authorization"),
+              "Bearer access-1");
     EXPECT_EQ(channelServer.connections().value(0).query, u"token=access-1&sessionId=session-1"_s);
 
     // Each source's audio reaches its own channel's socket, the interviewer's on the first token.
@@ -92,10 +96,12 @@ TEST_F(InterviewEndToEndTest, AudioBecomesTranscriptAnswerAndDeliveredLines)
     ASSERT_TRUE(vendorConnection("speech-1") && vendorConnection("speech-2"));
     ASSERT_TRUE(waitFor([&] {
         return vendorConnection("speech-1")->binaryFrames().size() == 1
-            && vendorConnection("speech-2")->binaryFrames().size() == 1;
+               && vendorConnection("speech-2")->binaryFrames().size() == 1;
     }));
-    EXPECT_EQ(vendorConnection("speech-1")->binaryFrames(), QList<QByteArray>{AudioFraming::pcm16(interviewerAudio)});
-    EXPECT_EQ(vendorConnection("speech-2")->binaryFrames(), QList<QByteArray>{AudioFraming::pcm16(userAudio)});
+    EXPECT_EQ(vendorConnection("speech-1")->binaryFrames(),
+              QList<QByteArray>{AudioFraming::pcm16(interviewerAudio)});
+    EXPECT_EQ(vendorConnection("speech-2")->binaryFrames(),
+              QList<QByteArray>{AudioFraming::pcm16(userAudio)});
 
     ASSERT_NO_FATAL_FAILURE(say("speech-1", u"Erzählen Sie von sich."_s, 0.9));
     ASSERT_NO_FATAL_FAILURE(say("speech-1", u"Was haben Sie gebaut?"_s, 0.8));
@@ -107,13 +113,15 @@ TEST_F(InterviewEndToEndTest, AudioBecomesTranscriptAnswerAndDeliveredLines)
     // The answer's request carries the whole line, the context, the session and the answer
     // language; its log is saved under the id the stream gave.
     vm.triggerAIAnswer();
-    ASSERT_TRUE(waitFor([&] { return backend.requestCount("PATCH", "/api/v1/chat/log/log-7") == 1; }));
+    ASSERT_TRUE(
+        waitFor([&] { return backend.requestCount("PATCH", "/api/v1/chat/log/log-7") == 1; }));
     EXPECT_EQ(vm.aiAnswerHistory().value(0).answer, u"I built a mixing desk."_s);
-    EXPECT_EQ(bodyOf(backend.requests("POST", "/api/v1/chat/answer").value(0)),
-              (QJsonObject{{u"question"_s, lines[0].content},
-                           {u"context"_s, QJsonArray{lines[0].contextForm(), lines[1].contextForm()}},
-                           {u"sessionId"_s, u"session-1"_s},
-                           {u"language"_s, u"en"_s}}));
+    EXPECT_EQ(
+        bodyOf(backend.requests("POST", "/api/v1/chat/answer").value(0)),
+        (QJsonObject{{u"question"_s, lines[0].content},
+                     {u"context"_s, QJsonArray{lines[0].contextForm(), lines[1].contextForm()}},
+                     {u"sessionId"_s, u"session-1"_s},
+                     {u"language"_s, u"en"_s}}));
     EXPECT_EQ(bodyOf(backend.requests("PATCH", "/api/v1/chat/log/log-7").value(0)),
               (QJsonObject{{u"answer"_s, u"I built a mixing desk."_s}}));
     ASSERT_NO_FATAL_FAILURE(say("speech-1", u"Und danach?"_s, 0.6));
@@ -128,12 +136,16 @@ TEST_F(InterviewEndToEndTest, AudioBecomesTranscriptAnswerAndDeliveredLines)
     QStringList channelTexts;
     for (const auto& frame : channelServer.frames())
         channelTexts.append(frame.content());
-    EXPECT_EQ(channelTexts, (QStringList{u"Erzählen Sie von sich."_s, lines[0].content, u"Ein Mischpult."_s,
-                                         u"Und danach?"_s}));
+    EXPECT_EQ(channelTexts, (QStringList{u"Erzählen Sie von sich."_s, lines[0].content,
+                                         u"Ein Mischpult."_s, u"Und danach?"_s}));
     ASSERT_TRUE(waitFor([&] {
         return channelServer.openConnectionCount() == 0
-            && vendorConnection("speech-1")->textFrames().contains(u"{\"type\": \"CloseStream\"}"_s)
-            && vendorConnection("speech-2")->textFrames().contains(u"{\"type\": \"CloseStream\"}"_s);
+               && vendorConnection("speech-1")
+                      ->textFrames()
+                      .contains(u"{\"type\": \"CloseStream\"}"_s)
+               && vendorConnection("speech-2")
+                      ->textFrames()
+                      .contains(u"{\"type\": \"CloseStream\"}"_s);
     }));
     EXPECT_EQ(channelServer.connections().value(0).closeCode, 1000);
 
@@ -168,13 +180,16 @@ TEST_F(InterviewEndToEndTest, ASocketTheVendorClosesOnceMakesOneRestart)
     vm.setTelemetry(telemetry);
     awaitTask(vm.startInterview(), deadlineMs);
     ASSERT_TRUE(waitFor([&] { return vendor.openConnectionCount() == 2; }));
-    vendorConnection("speech-1")->socket->close(QWebSocketProtocol::CloseCodeAbnormalDisconnection, u"restart"_s);
+    vendorConnection("speech-1")
+        ->socket->close(QWebSocketProtocol::CloseCodeAbnormalDisconnection, u"restart"_s);
     ASSERT_TRUE(waitFor([&] { return vm.isRestarting(Speaker::interviewer); }));
     systemAudio.play({0.5f, -0.5f});
-    ASSERT_TRUE(waitFor([&] { return vendorConnection("speech-3") && !vm.isRestarting(Speaker::interviewer); }));
+    ASSERT_TRUE(waitFor(
+        [&] { return vendorConnection("speech-3") && !vm.isRestarting(Speaker::interviewer); }));
     QTest::qWait(1500); // time for a second restart to show, were there one
     EXPECT_EQ(vendor.connectionCount(), 3);
-    EXPECT_EQ(telemetry->events.filter(u"stt_failed"_s).size(), 1) << telemetry->events.join(u'\n').toStdString();
+    EXPECT_EQ(telemetry->events.filter(u"stt_failed"_s).size(), 1)
+        << telemetry->events.join(u'\n').toStdString();
     EXPECT_EQ(vm.statusMessage(), u"Recording live"_s);
     awaitTask(vm.stopInterview(), deadlineMs);
 }

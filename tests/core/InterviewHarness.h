@@ -34,7 +34,9 @@ public:
     };
 
     FakeRecognizer(SpeechProvider vendor, Speaker speaker, Gates& gates)
-        : SpeechRecognitionProvider(speaker), vendor(vendor), m_gates(gates)
+        : SpeechRecognitionProvider(speaker)
+        , vendor(vendor)
+        , m_gates(gates)
     {
     }
 
@@ -61,7 +63,10 @@ public:
     {
         m_segments->push({text, isFinal, speaker(), timestampMs, std::nullopt});
     }
-    void fail(const QString& reason, bool countsTowardLimit = true) { m_recovery->push({reason, countsTowardLimit}); }
+    void fail(const QString& reason, bool countsTowardLimit = true)
+    {
+        m_recovery->push({reason, countsTowardLimit});
+    }
 
     SpeechProvider vendor;
     QList<Start> starts;
@@ -76,7 +81,10 @@ private:
 
 class FakeTranscriptChannel final : public TranscriptChannel {
 public:
-    explicit FakeTranscriptChannel(Gates& gates) : m_gates(gates) {}
+    explicit FakeTranscriptChannel(Gates& gates)
+        : m_gates(gates)
+    {
+    }
 
     QCoro::Task<> start(QString baseURL, QString token, QString sessionId) override
     {
@@ -109,7 +117,10 @@ private:
 
 class FakeRights final : public AudioRights {
 public:
-    explicit FakeRights(Gates& gates) : m_gates(gates) {}
+    explicit FakeRights(Gates& gates)
+        : m_gates(gates)
+    {
+    }
     QCoro::Task<bool> systemAudioGranted() override { co_return systemAudio; }
     QCoro::Task<bool> microphoneGranted() override
     {
@@ -128,7 +139,11 @@ private:
 // "operation arguments" with the time it was made; the operation's name is also its gate.
 class ScriptedBackend final : public InterviewBackend {
 public:
-    ScriptedBackend(Clock& clock, Gates& gates) : m_clock(clock), m_gates(gates) {}
+    ScriptedBackend(Clock& clock, Gates& gates)
+        : m_clock(clock)
+        , m_gates(gates)
+    {
+    }
 
     QString baseURL() const override { return base; }
     std::optional<QString> accessToken() const override { return token; }
@@ -136,16 +151,19 @@ public:
     QCoro::Task<APIClient::SpeechTokenResponse> fetchSpeechToken() override
     {
         co_await enter(u"fetchSpeechToken"_s, speechTokenFailures);
-        co_return {speechProvider, u"speech-token-"_s + QString::number(++speechTokensIssued), sttModel, endpoint};
+        co_return {speechProvider, u"speech-token-"_s + QString::number(++speechTokensIssued),
+                   sttModel, endpoint};
     }
     QCoro::Task<APIClient::AccountStatus> fetchAccountStatus() override
     {
         co_await enter(u"fetchAccountStatus"_s, accountStatusFailures);
         co_return {accountSpeechProvider};
     }
-    QCoro::Task<InterviewSession> createSession(QString languageInput, QString languageOutput) override
+    QCoro::Task<InterviewSession> createSession(QString languageInput,
+                                                QString languageOutput) override
     {
-        co_await enter(u"createSession "_s + languageInput + u' ' + languageOutput, createSessionFailures);
+        co_await enter(u"createSession "_s + languageInput + u' ' + languageOutput,
+                       createSessionFailures);
         InterviewSession session;
         session.id = u"session-"_s + QString::number(++sessionsCreated);
         session.languageInput = languageInput;
@@ -155,15 +173,18 @@ public:
     }
     QCoro::Task<> completeSession(QString sessionId, qint64 sttAudioDurationMs) override
     {
-        co_await enter(u"completeSession "_s + sessionId + u' ' + QString::number(sttAudioDurationMs),
+        co_await enter(u"completeSession "_s + sessionId + u' '
+                           + QString::number(sttAudioDurationMs),
                        completeSessionFailures);
     }
     QCoro::Task<> postTranscript(QString sessionId, QList<QJsonObject> entries) override
     {
-        co_await enter(u"postTranscript "_s + sessionId + u' ' + QString::number(entries.size()), postTranscriptFailures);
+        co_await enter(u"postTranscript "_s + sessionId + u' ' + QString::number(entries.size()),
+                       postTranscriptFailures);
         delivered.append(entries);
     }
-    QCoro::Task<APIClient::StreamAnswerResult> streamAnswer(APIClient::AnswerRequest request) override
+    QCoro::Task<APIClient::StreamAnswerResult>
+    streamAnswer(APIClient::AnswerRequest request) override
     {
         answerRequests.append(request);
         co_await enter(u"streamAnswer "_s + request.question, streamAnswerFailures);
@@ -186,7 +207,8 @@ public:
     {
         return calls.filter(QRegularExpression(u'^' + QRegularExpression::escape(prefix)));
     }
-    // When each call starting with `prefix` was made, from the `from`th call on, relative to `originMs`.
+    // When each call starting with `prefix` was made, from the `from`th call on, relative to
+    // `originMs`.
     QList<qint64> timesOf(const QString& prefix, qint64 originMs, qsizetype from = 0) const
     {
         QList<qint64> offsets;
@@ -207,8 +229,8 @@ public:
     QStringList answerChunks{u"An "_s, u"answer."_s};
     bool finishAnswers = true;
 
-    FailureScript speechTokenFailures, accountStatusFailures, createSessionFailures, completeSessionFailures,
-        postTranscriptFailures, streamAnswerFailures;
+    FailureScript speechTokenFailures, accountStatusFailures, createSessionFailures,
+        completeSessionFailures, postTranscriptFailures, streamAnswerFailures;
 
     QStringList calls;
     QList<qint64> callTimesMs;
@@ -286,7 +308,10 @@ struct InterviewHarness {
         }
         return nullptr;
     }
-    std::shared_ptr<FakeTranscriptChannel> channel() const { return channels.isEmpty() ? nullptr : channels.last(); }
+    std::shared_ptr<FakeTranscriptChannel> channel() const
+    {
+        return channels.isEmpty() ? nullptr : channels.last();
+    }
 
     // Lets the model's tasks run what the fakes have queued.
     static void settle()

@@ -25,7 +25,8 @@ void expectNothingRunning(H& h)
     EXPECT_FALSE(h.vm.hasActivePipeline() || h.vm.isRecording());
     EXPECT_FALSE(h.systemAudio.isRunning || h.microphone.isRunning);
     for (const auto& recognizer : std::as_const(h.recognizers))
-        EXPECT_FALSE(recognizer->isRunning) << "a recogniser of " << toText(recognizer->speaker()).toStdString();
+        EXPECT_FALSE(recognizer->isRunning)
+            << "a recogniser of " << toText(recognizer->speaker()).toStdString();
     for (const auto& channel : std::as_const(h.channels))
         EXPECT_FALSE(channel->isOpen);
     for (const Speaker speaker : {Speaker::interviewer, Speaker::user})
@@ -49,7 +50,8 @@ TEST(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndStopTakesThemDown)
 {
     H h;
     EXPECT_EQ(statusTrail(h, [&] { h.start(); }),
-              (QStringList{u"Checking permissions..."_s, u"Connecting to speech service..."_s, u"Recording live"_s}));
+              (QStringList{u"Checking permissions..."_s, u"Connecting to speech service..."_s,
+                           u"Recording live"_s}));
     EXPECT_EQ(h.backend->calls, (QStringList{u"fetchAccountStatus"_s, u"createSession en-US en"_s,
                                              u"fetchSpeechToken"_s, u"fetchSpeechToken"_s}));
     const auto interviewer = h.recognizerOf(Speaker::interviewer);
@@ -59,7 +61,8 @@ TEST(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndStopTakesThemDown)
     EXPECT_EQ(h.telemetry->events, QStringList{u"first_interview_started"_s});
     h.say(Speaker::interviewer, u"Tell me about yourself."_s);
 
-    EXPECT_EQ(statusTrail(h, [&] { h.stop(); }), (QStringList{u"Stopping interview..."_s, u"Ready"_s}));
+    EXPECT_EQ(statusTrail(h, [&] { h.stop(); }),
+              (QStringList{u"Stopping interview..."_s, u"Ready"_s}));
     EXPECT_EQ(h.vm.pipelineState(), State::idle);
     EXPECT_TRUE(interviewer->isStopped && user->isStopped);
     expectNothingRunning(h);
@@ -91,21 +94,32 @@ TEST(StartFailureTest, EndsInErrorAndLeavesNothingRunning)
     } cases[] = {
         {"signedOut", [](H& h) { h.vm.setLoggedIn(false); }, u"Sign in required"_s, signIn, {}},
         {"noBackend", [](H& h) { h.vm.setBackend(nullptr); }, u"Sign in required"_s, signIn, {}},
-        {"noToken", [](H& h) { h.backend->token.reset(); }, u"Auth error"_s,
-         u"Authentication token not available. Please sign out and sign back in."_s, {}},
+        {"noToken",
+         [](H& h) { h.backend->token.reset(); },
+         u"Auth error"_s,
+         u"Authentication token not available. Please sign out and sign back in."_s,
+         {}},
         {"speechTokenRefused",
-         [](H& h) { h.backend->speechTokenFailures.add(failureOf(SpeechTokenError(u"Quota exceeded"_s))); },
-         u"Failed to start"_s, failed + u"Quota exceeded"_s, u"audio_capture_failed SpeechTokenError#0 loopback"_s},
-        {"systemAudioMissing", captureFails(AudioCaptureError::Case::noDisplay, false), u"Waiting for system audio"_s,
-         u"No system audio source found. Make sure PipeWire or PulseAudio is running with an output "
+         [](H& h) {
+             h.backend->speechTokenFailures.add(failureOf(SpeechTokenError(u"Quota exceeded"_s)));
+         },
+         u"Failed to start"_s, failed + u"Quota exceeded"_s,
+         u"audio_capture_failed SpeechTokenError#0 loopback"_s},
+        {"systemAudioMissing", captureFails(AudioCaptureError::Case::noDisplay, false),
+         u"Waiting for system audio"_s,
+         u"No system audio source found. Make sure PipeWire or PulseAudio is running with an "
+         u"output "
          u"device, then restart RavletAI."_s,
          u"audio_capture_failed AudioCaptureError#0 permission"_s},
-        {"systemAudioRefusedWhileGranted", captureFails(AudioCaptureError::Case::noPermission, true),
-         u"Failed to start"_s, failed + AudioCaptureError::text(AudioCaptureError::Case::noPermission),
+        {"systemAudioRefusedWhileGranted",
+         captureFails(AudioCaptureError::Case::noPermission, true), u"Failed to start"_s,
+         failed + AudioCaptureError::text(AudioCaptureError::Case::noPermission),
          u"audio_capture_failed AudioCaptureError#1 permission"_s},
         {"interviewerRecognizerFails",
          [](H& h) {
-             h.prepareRecognizer = [](FakeRecognizer& r) { r.startFailures.add(failureOf(std::runtime_error("down"))); };
+             h.prepareRecognizer = [](FakeRecognizer& r) {
+                 r.startFailures.add(failureOf(std::runtime_error("down")));
+             };
          },
          u"Failed to start"_s, failed + u"down"_s, u"audio_capture_failed Error#0 loopback"_s, 1},
     };
@@ -128,7 +142,8 @@ TEST(StartFailureTest, EndsInErrorAndLeavesNothingRunning)
             EXPECT_TRUE(h.telemetry->events.isEmpty());
         } else {
             // Closed with no duration.
-            EXPECT_EQ(h.backend->callsOf(u"completeSession"_s), QStringList{u"completeSession session-1 0"_s});
+            EXPECT_EQ(h.backend->callsOf(u"completeSession"_s),
+                      QStringList{u"completeSession session-1 0"_s});
             EXPECT_EQ(h.telemetry->events.last(), c.telemetry);
             EXPECT_EQ(log.lines().filter(u"[InterviewViewModel] Start failed: "_s).size(), 1);
         }
@@ -200,7 +215,8 @@ TEST(OptionalPartsTest, AFailingOptionalPartLeavesTheInterviewRecording)
              EXPECT_TRUE(h.microphone.isRunning);
              EXPECT_EQ(h.vm.runningTaskCount(), 2);
          }},
-        {"microphoneFails", [](H& h) { h.microphone.startFailures.add(failureOf(AudioSourceError(u"no input"_s))); },
+        {"microphoneFails",
+         [](H& h) { h.microphone.startFailures.add(failureOf(AudioSourceError(u"no input"_s))); },
          u"[Mic] Pipeline FAILED: no input"_s, false, [](H&) {}},
         {"uploadChannelRefused", [](H& h) { h.failNextChannel = true; },
          u"[InterviewViewModel] Transcript upload WebSocket failed: channel refused"_s, true,
@@ -232,8 +248,10 @@ TEST(InterviewPipelineTest, ASessionFailureRecordsLocallyWithoutUploadOrAnswers)
     h.backend->createSessionFailures.add(failureOf(APIError::serverError(502)));
     h.start();
     EXPECT_EQ(h.vm.pipelineState(), State::recording);
-    EXPECT_EQ(h.vm.lastNotice(), u"Cloud sync unavailable. Recording locally for this interview."_s);
-    EXPECT_EQ(h.vm.lastRecoverableError(), u"Cloud session unavailable: "_s + APIError::serverError(502).description());
+    EXPECT_EQ(h.vm.lastNotice(),
+              u"Cloud sync unavailable. Recording locally for this interview."_s);
+    EXPECT_EQ(h.vm.lastRecoverableError(),
+              u"Cloud session unavailable: "_s + APIError::serverError(502).description());
     EXPECT_EQ(h.vm.lastRecoverableErrorAtMs(), h.clock.nowMs());
     ASSERT_TRUE(h.vm.currentSession());
     EXPECT_FALSE(h.vm.currentSessionUsesBackend());
@@ -420,7 +438,8 @@ TEST(InterviewPipelineTest, AChannelStuckInItsHandshakeHoldsNoLineBack)
     h.passTime(3999ms);
     EXPECT_TRUE(h.backend->callsOf(u"streamAnswer"_s).isEmpty());
     h.passTime(1ms);
-    EXPECT_EQ(h.backend->callsOf(u"streamAnswer"_s), QStringList{u"streamAnswer Tell me about yourself."_s});
+    EXPECT_EQ(h.backend->callsOf(u"streamAnswer"_s),
+              QStringList{u"streamAnswer Tell me about yourself."_s});
 }
 
 TEST(InterviewPipelineTest, AChannelWithoutARecognizerKeepsOnlyTheNewestTenSecondsOfAudio)
@@ -447,7 +466,8 @@ TEST(InterviewPipelineTest, AChannelWithoutARecognizerKeepsOnlyTheNewestTenSecon
     h.stop();
     const auto dropped = log.lines().filter(u"[Audio] Dropped"_s);
     ASSERT_EQ(dropped.size(), 1) << log.lines().join(u'\n').toStdString();
-    EXPECT_TRUE(dropped.first().contains(u"3590 s of interviewer audio"_s)) << dropped.first().toStdString();
+    EXPECT_TRUE(dropped.first().contains(u"3590 s of interviewer audio"_s))
+        << dropped.first().toStdString();
 }
 
 TEST(InterviewPipelineTest, AStartWaitsUntilAStopThatInterruptedAStartHasEnded)
@@ -517,16 +537,28 @@ TEST(StopDuringStartTest, EndsIdleWithNothingRunningAndOnlyThePrescribedRequests
         {"askingForTheAccount", {u"fetchAccountStatus"_s}, {post, account}},
         // The session the stop could not see is closed as soon as it exists.
         {"creatingTheSession", {u"createSession"_s}, {post, account, create, complete}},
-        {"fetchingTheFirstToken", {u"fetchSpeechToken"_s}, {post, account, create, complete, token}},
+        {"fetchingTheFirstToken",
+         {u"fetchSpeechToken"_s},
+         {post, account, create, complete, token}},
         {"startingSystemAudio", {u"systemAudio.start"_s}, {post, account, create, token, complete}},
-        {"startingTheInterviewerRecognizer", {u"interviewerRecognizer.start"_s},
+        {"startingTheInterviewerRecognizer",
+         {u"interviewerRecognizer.start"_s},
          {post, account, create, token, complete}},
-        {"connectingTheUploadChannel", {u"channel.start"_s}, {post, account, create, token, complete}},
-        {"askingForTheMicrophone", {u"rights.microphone"_s}, {post, account, create, token, complete}},
-        {"startingTheMicrophone", {u"microphone.start"_s}, {post, account, create, token, complete}},
-        {"fetchingTheSecondToken", {u"microphone.start"_s, u"fetchSpeechToken"_s},
+        {"connectingTheUploadChannel",
+         {u"channel.start"_s},
+         {post, account, create, token, complete}},
+        {"askingForTheMicrophone",
+         {u"rights.microphone"_s},
+         {post, account, create, token, complete}},
+        {"startingTheMicrophone",
+         {u"microphone.start"_s},
+         {post, account, create, token, complete}},
+        {"fetchingTheSecondToken",
+         {u"microphone.start"_s, u"fetchSpeechToken"_s},
          {post, account, create, token, complete, token}},
-        {"startingTheUserRecognizer", {u"userRecognizer.start"_s}, {post, account, create, token, token, complete}},
+        {"startingTheUserRecognizer",
+         {u"userRecognizer.start"_s},
+         {post, account, create, token, token, complete}},
     };
     for (const auto& point : points) {
         SCOPED_TRACE(point.name);
@@ -543,11 +575,13 @@ TEST(StopDuringStartTest, EndsIdleWithNothingRunningAndOnlyThePrescribedRequests
         h.gates.hold(point.gates.first());
         auto start = h.vm.startInterview();
         for (qsizetype k = 1; k < point.gates.size(); ++k) {
-            ASSERT_TRUE(h.gates.isWaiting(point.gates.at(k - 1))) << point.gates.at(k - 1).toStdString();
+            ASSERT_TRUE(h.gates.isWaiting(point.gates.at(k - 1)))
+                << point.gates.at(k - 1).toStdString();
             h.gates.hold(point.gates.at(k));
             h.gates.release(point.gates.at(k - 1));
         }
-        ASSERT_TRUE(h.gates.isWaiting(point.gates.last())) << h.gates.waiting().join(u',').toStdString();
+        ASSERT_TRUE(h.gates.isWaiting(point.gates.last()))
+            << h.gates.waiting().join(u',').toStdString();
         h.stop();
         EXPECT_EQ(h.vm.pipelineState(), State::idle);
         h.gates.release(point.gates.last());
@@ -557,15 +591,18 @@ TEST(StopDuringStartTest, EndsIdleWithNothingRunningAndOnlyThePrescribedRequests
         EXPECT_EQ(h.vm.statusMessage(), u"Ready"_s);
         // A notice of the start, such as a recovered upload, goes with the start.
         EXPECT_EQ(h.vm.lastNotice(), std::nullopt);
-        EXPECT_FALSE(h.vm.isStartingInterview() || h.vm.isStoppingInterview() || h.vm.currentSessionUsesBackend());
+        EXPECT_FALSE(h.vm.isStartingInterview() || h.vm.isStoppingInterview()
+                     || h.vm.currentSessionUsesBackend());
         expectNothingRunning(h);
         EXPECT_EQ(h.backend->calls, point.expectedCalls);
         // The earlier interview is archived once only; the interrupted one once it existed.
         QStringList archived;
         for (const auto& session : h.vm.pastSessions())
             archived.append(session.id);
-        const bool existed = point.expectedCalls.contains(complete) && point.expectedCalls.contains(token);
-        EXPECT_EQ(archived, (existed ? QStringList{u"session-2"_s, u"session-1"_s} : QStringList{u"session-1"_s}));
+        const bool existed =
+            point.expectedCalls.contains(complete) && point.expectedCalls.contains(token);
+        EXPECT_EQ(archived, (existed ? QStringList{u"session-2"_s, u"session-1"_s}
+                                     : QStringList{u"session-1"_s}));
         h.start();
         EXPECT_EQ(h.vm.pipelineState(), State::recording);
     }

@@ -48,7 +48,10 @@ private:
 // Failures to throw, one per call, in order; an empty slot lets the call succeed.
 class FailureScript {
 public:
-    void add(std::exception_ptr failure, int times = 1) { m_failures.insert(m_failures.end(), times, failure); }
+    void add(std::exception_ptr failure, int times = 1)
+    {
+        m_failures.insert(m_failures.end(), times, failure);
+    }
     void succeed(int times = 1) { add(nullptr, times); }
     void failAlways(std::exception_ptr failure) { m_always = std::move(failure); }
     void clear() { *this = {}; }
@@ -79,7 +82,11 @@ std::exception_ptr failureOf(E error)
 class FakeCapture final : public AudioCapture {
 public:
     FakeCapture() = default;
-    FakeCapture(QString name, Gates& gates) : m_name(std::move(name)), m_gates(&gates) {}
+    FakeCapture(QString name, Gates& gates)
+        : m_name(std::move(name))
+        , m_gates(&gates)
+    {
+    }
 
     std::shared_ptr<AudioStream> audioStream() override
     {
@@ -140,7 +147,8 @@ public:
     }
     void sessionCompleted(qint64 seconds, qint64 answers) override
     {
-        add({QStringLiteral("session_completed"), QString::number(seconds), QString::number(answers)});
+        add({QStringLiteral("session_completed"), QString::number(seconds),
+             QString::number(answers)});
     }
 
     QStringList events;
@@ -154,25 +162,36 @@ private:
 class SeparateChannelBackend final : public InterviewBackend {
 public:
     SeparateChannelBackend(APIClient& client, QString channelBaseURL = {})
-        : m_api(client), m_channelBaseURL(std::move(channelBaseURL))
+        : m_api(client)
+        , m_channelBaseURL(std::move(channelBaseURL))
     {
     }
     void setChannelBaseURL(QString url) { m_channelBaseURL = std::move(url); }
 
     QString baseURL() const override { return m_channelBaseURL; }
     std::optional<QString> accessToken() const override { return m_api.accessToken(); }
-    QCoro::Task<APIClient::SpeechTokenResponse> fetchSpeechToken() override { return m_api.fetchSpeechToken(); }
-    QCoro::Task<APIClient::AccountStatus> fetchAccountStatus() override { return m_api.fetchAccountStatus(); }
+    QCoro::Task<APIClient::SpeechTokenResponse> fetchSpeechToken() override
+    {
+        return m_api.fetchSpeechToken();
+    }
+    QCoro::Task<APIClient::AccountStatus> fetchAccountStatus() override
+    {
+        return m_api.fetchAccountStatus();
+    }
     QCoro::Task<InterviewSession> createSession(QString in, QString out) override
     {
         return m_api.createSession(std::move(in), std::move(out));
     }
-    QCoro::Task<> completeSession(QString id, qint64 ms) override { return m_api.completeSession(std::move(id), ms); }
+    QCoro::Task<> completeSession(QString id, qint64 ms) override
+    {
+        return m_api.completeSession(std::move(id), ms);
+    }
     QCoro::Task<> postTranscript(QString id, QList<QJsonObject> entries) override
     {
         return m_api.postTranscript(std::move(id), std::move(entries));
     }
-    QCoro::Task<APIClient::StreamAnswerResult> streamAnswer(APIClient::AnswerRequest request) override
+    QCoro::Task<APIClient::StreamAnswerResult>
+    streamAnswer(APIClient::AnswerRequest request) override
     {
         return m_api.streamAnswer(std::move(request));
     }

@@ -47,33 +47,40 @@ struct LoopbackRig {
         vm.setBackend(interviewBackend);
         vm.setLoggedIn(true);
         prepareSessionRoutes(1);
-        backend.setRoute("GET", "/api/v1/subscription/status", Response::json(200, R"({"speechProvider":"deepgram"})"));
-        backend.setHandler("POST", "/api/v1/interview/session", [this](const FakeBackend::Request& request) {
-            auto session = QJsonDocument::fromJson(request.body).object();
-            session.insert(u"id"_s, sessionId(++sessions));
-            session.insert(u"startedAt"_s, u"2024-05-01T10:00:00.000Z"_s);
-            session.insert(u"status"_s, u"active"_s);
-            return Response::json(200, compactJson(session));
-        });
+        backend.setRoute("GET", "/api/v1/subscription/status",
+                         Response::json(200, R"({"speechProvider":"deepgram"})"));
+        backend.setHandler("POST", "/api/v1/interview/session",
+                           [this](const FakeBackend::Request& request) {
+                               auto session = QJsonDocument::fromJson(request.body).object();
+                               session.insert(u"id"_s, sessionId(++sessions));
+                               session.insert(u"startedAt"_s, u"2024-05-01T10:00:00.000Z"_s);
+                               session.insert(u"status"_s, u"active"_s);
+                               return Response::json(200, compactJson(session));
+                           });
         backend.setHandler("GET", "/api/v1/speech/token", [this](const FakeBackend::Request&) {
             if (spend(tokenFailures))
                 return Response::json(503, "{}");
             const QJsonObject token{{u"provider"_s, u"deepgram"_s},
-                              {u"token"_s, u"speech-"_s + QString::number(++speechTokens)},
-                              {u"endpoint"_s, spend(stallingTokens) ? stallingEndpoint
-                                                  : endpoint.isEmpty()    ? vendor.origin()
+                                    {u"token"_s, u"speech-"_s + QString::number(++speechTokens)},
+                                    {u"endpoint"_s, spend(stallingTokens) ? stallingEndpoint
+                                                    : endpoint.isEmpty()  ? vendor.origin()
                                                                           : endpoint}};
             return Response::json(200, compactJson(token));
         });
-        backend.setRoute("POST", "/api/v1/chat/answer",
-                         Response::stream({"data: {\"logId\":\"log-7\"}\n\n", "data: {\"content\":\"I built \"}\n\n",
-                                           "data: {\"content\":\"a mixing desk.\"}\n\ndata: [DONE]\n\n"},
-                                          5));
+        backend.setRoute(
+            "POST", "/api/v1/chat/answer",
+            Response::stream({"data: {\"logId\":\"log-7\"}\n\n",
+                              "data: {\"content\":\"I built \"}\n\n",
+                              "data: {\"content\":\"a mixing desk.\"}\n\ndata: [DONE]\n\n"},
+                             5));
         backend.setRoute("PATCH", "/api/v1/chat/log/log-7", Response::json(200, "{}"));
     }
 
     static QString sessionId(int number) { return u"session-"_s + QString::number(number); }
-    static QByteArray sessionPath(int number) { return "/api/v1/interview/session/" + sessionId(number).toUtf8(); }
+    static QByteArray sessionPath(int number)
+    {
+        return "/api/v1/interview/session/" + sessionId(number).toUtf8();
+    }
 
     // The session's own routes exist before the session does: handlers are not added while
     // the backend runs one.
@@ -82,13 +89,16 @@ struct LoopbackRig {
         backend.setHandler("PUT", sessionPath(number), [this](const FakeBackend::Request&) {
             return Response::json(spend(completeFailures) ? 503 : 200, "{}");
         });
-        backend.setHandler("POST", sessionPath(number) + "/transcript", [this](const FakeBackend::Request& request) {
-            if (spend(postFailures))
-                return Response::json(502, "{}");
-            for (const auto& entry : QJsonDocument::fromJson(request.body).object().value(u"entries"_s).toArray())
-                delivered[entry[u"id"_s].toString()] = entry[u"content"_s].toString();
-            return Response::json(200, "{}");
-        });
+        backend.setHandler(
+            "POST", sessionPath(number) + "/transcript",
+            [this](const FakeBackend::Request& request) {
+                if (spend(postFailures))
+                    return Response::json(502, "{}");
+                for (const auto& entry :
+                     QJsonDocument::fromJson(request.body).object().value(u"entries"_s).toArray())
+                    delivered[entry[u"id"_s].toString()] = entry[u"content"_s].toString();
+                return Response::json(200, "{}");
+            });
     }
 
     InterviewViewModel::Services services()
@@ -96,13 +106,15 @@ struct LoopbackRig {
         InterviewViewModel::Services s;
         s.audioCapture = &systemAudio;
         s.microphone = &microphone;
-        s.makeRecognizer = [this, vendorRecognizer = vendorRecognizers(clock)](SpeechProvider provider,
-                                                                              TranscriptEntry::Speaker speaker) {
+        s.makeRecognizer = [this, vendorRecognizer = vendorRecognizers(clock)](
+                               SpeechProvider provider, TranscriptEntry::Speaker speaker) {
             auto recognizer = vendorRecognizer(provider, speaker);
             recognizers[std::size_t(speaker)] = recognizer;
             return recognizer;
         };
-        s.makeTranscriptChannel = [this] { return std::make_shared<TranscriptUploadChannel>(clock); };
+        s.makeTranscriptChannel = [this] {
+            return std::make_shared<TranscriptUploadChannel>(clock);
+        };
         return s;
     }
 

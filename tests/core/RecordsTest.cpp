@@ -1,6 +1,6 @@
-#include "QtPrinters.h"
-#include "Json.h"
 #include "Records.h"
+#include "Json.h"
+#include "QtPrinters.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -20,7 +20,8 @@ const QJsonObject entry = Json::parseObject(
     R"({"id": "E1", "speaker": "user", "content": "hi", "timestampMs": 1714566600250, "isFinal": true})");
 
 // The object with `key` set to `value`, or removed when no value is given.
-QJsonObject with(QJsonObject object, const QString& key, const QJsonValue& value = QJsonValue::Undefined)
+QJsonObject with(QJsonObject object, const QString& key,
+                 const QJsonValue& value = QJsonValue::Undefined)
 {
     object.insert(key, value);
     return object;
@@ -40,12 +41,14 @@ TEST(InterviewSessionTest, DecodesEveryFieldAndLeavesOptionalOnesAbsent)
     EXPECT_EQ(session.status, InterviewSession::SessionStatus::completed);
 
     auto object = fullSession;
-    for (const auto& key : {u"title"_s, u"company"_s, u"role"_s, u"endedAt"_s, u"durationSeconds"_s})
+    for (const auto& key :
+         {u"title"_s, u"company"_s, u"role"_s, u"endedAt"_s, u"durationSeconds"_s})
         object.remove(key);
     const auto bare = InterviewSession::fromJson(object);
     EXPECT_FALSE(bare.title || bare.company || bare.role || bare.endedAt || bare.durationSeconds);
     EXPECT_FALSE(bare.toJson().contains(u"endedAt"_s)) << "absent fields stay absent when encoded";
-    EXPECT_FALSE(InterviewSession::fromJson(with(fullSession, u"endedAt"_s, QJsonValue::Null)).endedAt);
+    EXPECT_FALSE(
+        InterviewSession::fromJson(with(fullSession, u"endedAt"_s, QJsonValue::Null)).endedAt);
 }
 
 // A field missing, of the wrong type or with an unknown value refuses the whole record.
@@ -75,7 +78,9 @@ TEST(RecordsTest, RefuseMissingFieldsWrongTypesAndUnknownValues)
     };
     EXPECT_NO_THROW(TranscriptEntry::fromJson(with(entry, u"speaker"_s, u"interviewer"_s)));
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.key << " = " << QJsonDocument(QJsonArray{c.value}).toJson().toStdString());
+        SCOPED_TRACE(testing::Message()
+                     << c.key << " = "
+                     << QJsonDocument(QJsonArray{c.value}).toJson().toStdString());
         try {
             if (c.session)
                 InterviewSession::fromJson(with(fullSession, QString::fromLatin1(c.key), c.value));
@@ -99,7 +104,8 @@ TEST(TranscriptEntryTest, ConfidenceAbsentDecodesAbsentButUploadsAsZero)
     EXPECT_FALSE(decoded.toJson().contains(u"confidence"_s));
     EXPECT_EQ(decoded.uploadForm(), with(with(entry, u"isFinal"_s), u"confidence"_s, 0.0));
     EXPECT_TRUE(decoded.uploadForm().value(u"confidence"_s).isDouble());
-    EXPECT_EQ(decoded.contextForm(), (QJsonObject{{u"speaker"_s, u"user"_s}, {u"content"_s, u"hi"_s}}));
+    EXPECT_EQ(decoded.contextForm(),
+              (QJsonObject{{u"speaker"_s, u"user"_s}, {u"content"_s, u"hi"_s}}));
 
     auto withConfidence = decoded;
     withConfidence.confidence = 0.92;

@@ -48,10 +48,12 @@ TEST(SessionFinalisationTest, ClosesArchivesAndPostsOnlyWhatTheChannelDidNotAckn
     h.backend->calls.clear();
     h.stop();
     // The session is closed first, then the unacknowledged lines go up in the channel's order.
-    EXPECT_EQ(h.backend->calls, (QStringList{u"completeSession session-1 13500"_s, u"postTranscript session-1 2"_s}));
+    EXPECT_EQ(h.backend->calls,
+              (QStringList{u"completeSession session-1 13500"_s, u"postTranscript session-1 2"_s}));
     EXPECT_EQ(idsOf(h.backend->delivered), (QStringList{sent[1].id, sent[3].id}));
     EXPECT_EQ(h.backend->delivered.first(), sent[1].uploadForm());
-    EXPECT_FALSE(h.vm.pendingTranscriptUpload() || h.vm.sttStartTimeMs() || h.vm.currentSessionUsesBackend());
+    EXPECT_FALSE(h.vm.pendingTranscriptUpload() || h.vm.sttStartTimeMs()
+                 || h.vm.currentSessionUsesBackend());
     ASSERT_EQ(h.vm.pastSessions().size(), 1);
     const auto archived = h.vm.pastSessions().first();
     EXPECT_EQ(archived.status, InterviewSession::SessionStatus::completed);
@@ -77,8 +79,10 @@ TEST(SessionFinalisationTest, WithoutAChannelTheWholeTranscriptGoesUpEvenIfTheCl
     h.stop();
     EXPECT_EQ(h.backend->callsOf(u"completeSession"_s).size(), 1); // no retry
     EXPECT_EQ(h.backend->delivered, h.vm.transcriptManager().finalEntriesForUpload());
-    EXPECT_EQ(h.vm.lastNotice(), u"Failed to mark interview complete on server. Data is still saved locally."_s);
-    EXPECT_EQ(h.vm.lastRecoverableError(), u"Session finalize failed: "_s + APIError::serverError(500).description());
+    EXPECT_EQ(h.vm.lastNotice(),
+              u"Failed to mark interview complete on server. Data is still saved locally."_s);
+    EXPECT_EQ(h.vm.lastRecoverableError(),
+              u"Session finalize failed: "_s + APIError::serverError(500).description());
     EXPECT_EQ(h.vm.pipelineState(), State::idle);
 
     // A backend interview with no final line closes the session only.
@@ -101,14 +105,23 @@ TEST(SessionFinalisationTest, FailedPostIsRetriedOnceWhenRetryableElseKept)
         std::optional<QString> error; // none: delivered by the retry
     } cases[] = {
         {"RetryableOnce", {failureOf(APIError::serverError(503))}, 2, std::nullopt},
-        {"Refused", {failureOf(APIError::serverError(413))}, 1, APIError::serverError(413).description()},
-        {"Unauthorized", {failureOf(APIError::unauthorized())}, 1, APIError::unauthorized().description()},
-        {"ServerErrorTwice", {failureOf(APIError::serverError(502)), failureOf(APIError::serverError(504))}, 2,
+        {"Refused",
+         {failureOf(APIError::serverError(413))},
+         1,
+         APIError::serverError(413).description()},
+        {"Unauthorized",
+         {failureOf(APIError::unauthorized())},
+         1,
+         APIError::unauthorized().description()},
+        {"ServerErrorTwice",
+         {failureOf(APIError::serverError(502)), failureOf(APIError::serverError(504))},
+         2,
          APIError::serverError(504).description()},
         {"LostConnectionTwice",
          {failureOf(APIError::networkError()),
           failureOf(TransportError(QNetworkReply::HostNotFoundError, u"Host not found"_s))},
-         2, u"Host not found"_s},
+         2,
+         u"Host not found"_s},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -126,10 +139,13 @@ TEST(SessionFinalisationTest, FailedPostIsRetriedOnceWhenRetryableElseKept)
         EXPECT_EQ(h.vm.pipelineState(), State::idle);
         const auto entries = h.vm.transcriptManager().finalEntriesForUpload();
         EXPECT_EQ(h.backend->delivered, c.error ? QList<QJsonObject>() : entries);
-        EXPECT_EQ(h.vm.lastNotice(), c.error ? std::optional(u"Transcript upload failed. RavletAI will retry next time."_s)
-                                             : std::nullopt);
+        EXPECT_EQ(h.vm.lastNotice(),
+                  c.error
+                      ? std::optional(u"Transcript upload failed. RavletAI will retry next time."_s)
+                      : std::nullopt);
         EXPECT_EQ(h.vm.lastRecoverableError(),
-                  c.error ? std::optional(u"Transcript upload failed: "_s + *c.error) : std::nullopt);
+                  c.error ? std::optional(u"Transcript upload failed: "_s + *c.error)
+                          : std::nullopt);
         ASSERT_EQ(bool(h.vm.pendingTranscriptUpload()), bool(c.error));
         if (c.error) {
             EXPECT_EQ(h.vm.pendingTranscriptUpload()->sessionId, u"session-1"_s);
@@ -193,8 +209,9 @@ TEST(SessionFinalisationTest, PendingUploadIsRetriedAtTheNextSignedInStartBefore
                      [&] { notices.append(h.vm.lastNotice().value_or(u"-"_s)); });
     h.start();
     EXPECT_EQ(notices, (QStringList{u"Recovered previous transcript upload."_s, u"-"_s}));
-    EXPECT_EQ(h.backend->calls.mid(0, 3), (QStringList{u"postTranscript session-2 1"_s, u"fetchAccountStatus"_s,
-                                                       u"createSession en-US en"_s}));
+    EXPECT_EQ(h.backend->calls.mid(0, 3),
+              (QStringList{u"postTranscript session-2 1"_s, u"fetchAccountStatus"_s,
+                           u"createSession en-US en"_s}));
     EXPECT_TRUE(h.backend->callsOf(u"completeSession session-2"_s).isEmpty());
     EXPECT_EQ(h.backend->delivered, pending.entries);
     EXPECT_FALSE(h.vm.pendingTranscriptUpload());

@@ -20,12 +20,20 @@ const QString reconnectingInBackground = u"Recording — reconnecting in backgro
 
 // The token fetches of ten counted failures in a row, in ms after the first event: 0.5 s, then
 // each scheduled attempt waits its delay and the doubled back-off again, up to 15 + 15.
-const QList<qint64> backOffSchedule{500, 2'500, 6'500, 14'500, 30'500, 60'500, 90'500, 120'500, 150'500, 180'500};
+const QList<qint64> backOffSchedule{500,    2'500,  6'500,   14'500,  30'500,
+                                    60'500, 90'500, 120'500, 150'500, 180'500};
 
 // When each speech token was fetched since the test's mark, relative to it.
 struct Mark {
-    explicit Mark(const H& h) : call(h.backend->calls.size()), ms(h.clock.nowMs()) {}
-    QList<qint64> tokenFetches(const H& h) const { return h.backend->timesOf(u"fetchSpeechToken"_s, ms, call); }
+    explicit Mark(const H& h)
+        : call(h.backend->calls.size())
+        , ms(h.clock.nowMs())
+    {
+    }
+    QList<qint64> tokenFetches(const H& h) const
+    {
+        return h.backend->timesOf(u"fetchSpeechToken"_s, ms, call);
+    }
     qsizetype call;
     qint64 ms;
 };
@@ -36,16 +44,23 @@ std::pair<int, double> backOff(const H& h, Speaker speaker)
     return {h.vm.restartCount(speaker), h.vm.reconnectBackoffSeconds(speaker)};
 }
 
-int tokenFetches(const H& h) { return int(h.backend->callsOf(u"fetchSpeechToken"_s).size()); }
-QStringList sttFailures(const H& h) { return h.telemetry->events.filter(u"stt_failed "_s); }
+int tokenFetches(const H& h)
+{
+    return int(h.backend->callsOf(u"fetchSpeechToken"_s).size());
+}
+QStringList sttFailures(const H& h)
+{
+    return h.telemetry->events.filter(u"stt_failed "_s);
+}
 
 // Counts every change of what the user sees of the pipeline.
 struct VisibleChanges {
     explicit VisibleChanges(InterviewViewModel& vm)
     {
-        for (const auto signal : {&InterviewViewModel::pipelineStateChanged, &InterviewViewModel::statusMessageChanged,
-                                  &InterviewViewModel::lastNoticeChanged,
-                                  &InterviewViewModel::lastRecoverableErrorChanged})
+        for (const auto signal :
+             {&InterviewViewModel::pipelineStateChanged, &InterviewViewModel::statusMessageChanged,
+              &InterviewViewModel::lastNoticeChanged,
+              &InterviewViewModel::lastRecoverableErrorChanged})
             QObject::connect(&vm, signal, &context, [this] { ++total; });
     }
     QObject context; // ends the connections with the counter
@@ -80,12 +95,16 @@ TEST_F(SpeechRecoveryTest, FailingTokenFetchesFollowTheBackOffScheduleUpToTheLim
         row.backend->speechTokenFailures.failAlways(failureOf(APIError::serverError(503)));
         const Mark t0(row);
         // The reported reason is cut to 64 characters.
-        const QString reason = u"WebSocket closed with code 1006 after the vendor stopped answering pings, twice"_s;
+        const QString reason =
+            u"WebSocket closed with code 1006 after the vendor stopped answering pings, twice"_s;
         row.fail(speaker, reason);
-        EXPECT_EQ(sttFailures(row), isInterviewer ? QStringList{u"stt_failed openai "_s + reason.left(64)} : QStringList());
+        EXPECT_EQ(sttFailures(row), isInterviewer
+                                        ? QStringList{u"stt_failed openai "_s + reason.left(64)}
+                                        : QStringList());
         row.passTime(500ms);
         if (isInterviewer) {
-            EXPECT_EQ(row.vm.lastRecoverableError(), u"Speech channel reconnection failed: Server error (503)"_s);
+            EXPECT_EQ(row.vm.lastRecoverableError(),
+                      u"Speech channel reconnection failed: Server error (503)"_s);
             EXPECT_EQ(row.vm.lastRecoverableErrorAtMs(), row.clock.nowMs());
             EXPECT_EQ(row.vm.lastNotice(), u"Reconnection failed. RavletAI will keep trying."_s);
             EXPECT_EQ(row.vm.statusMessage(), reconnectingInBackground);
@@ -107,7 +126,8 @@ TEST_F(SpeechRecoveryTest, FailingTokenFetchesFollowTheBackOffScheduleUpToTheLim
             EXPECT_FALSE(row.vm.isRestarting(speaker));
             if (isInterviewer) {
                 EXPECT_EQ(row.vm.statusMessage(), reconnectingInBackground);
-                EXPECT_EQ(row.vm.lastRecoverableError(), u"Speech recognition reconnecting: Scheduled reconnect"_s);
+                EXPECT_EQ(row.vm.lastRecoverableError(),
+                          u"Speech recognition reconnecting: Scheduled reconnect"_s);
                 EXPECT_EQ(row.vm.lastRecoverableErrorAtMs(), row.clock.nowMs());
             }
             row.passTime(29'999ms);
@@ -159,7 +179,8 @@ TEST_F(SpeechRecoveryTest, CountedSuccessRestartsTheSameRecognizerAndResetsTheBa
     EXPECT_EQ(interviewer->starts[1].audio, audio);
     EXPECT_EQ(interviewer->starts[1].language, u"en-US"_s);
     EXPECT_EQ(interviewer->starts[1].model, u"nova-3"_s);
-    EXPECT_TRUE(log.lines().contains(u"[SpeechProvider] Restarting interviewer recognizer: vendor closed 1011"_s));
+    EXPECT_TRUE(log.lines().contains(
+        u"[SpeechProvider] Restarting interviewer recognizer: vendor closed 1011"_s));
 
     // The readers never stopped.
     h.say(Speaker::interviewer, u"Can you hear me now?"_s);
@@ -217,7 +238,8 @@ TEST_F(SpeechRecoveryTest, EventDuringARestartAddsNothing)
     h.gates.hold(u"fetchSpeechToken"_s);
     h.fail(Speaker::interviewer, u"first break"_s);
     h.passTime(500ms);
-    ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s) && h.vm.isRestarting(Speaker::interviewer));
+    ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s)
+                && h.vm.isRestarting(Speaker::interviewer));
 
     for (const bool counts : {true, false}) {
         awaitTask(h.vm.handleInterviewerRecovery(u"second break"_s, counts), 1000);
@@ -242,12 +264,21 @@ TEST_F(SpeechRecoveryTest, RecognizerStartIsRetriedOnceWhenTheFailureIsRetryable
         int expectedStarts; // including the start of the interview
         std::optional<QString> failure;
     } cases[] = {
-        {"TimeoutThenSuccess", {failureOf(TransportError(QNetworkReply::TimeoutError, u"timed out"_s))}, 3, {}},
-        {"ServerErrorTwice", {failureOf(APIError::serverError(502)), failureOf(APIError::serverError(502))}, 3,
+        {"TimeoutThenSuccess",
+         {failureOf(TransportError(QNetworkReply::TimeoutError, u"timed out"_s))},
+         3,
+         {}},
+        {"ServerErrorTwice",
+         {failureOf(APIError::serverError(502)), failureOf(APIError::serverError(502))},
+         3,
          u"Speech channel reconnection failed: Server error (502)"_s},
-        {"Unauthorized", {failureOf(APIError::unauthorized())}, 2,
+        {"Unauthorized",
+         {failureOf(APIError::unauthorized())},
+         2,
          u"Speech channel reconnection failed: Authentication required"_s},
-        {"HandshakeRefused", {failureOf(DescribedError(u"handshake refused"_s))}, 2,
+        {"HandshakeRefused",
+         {failureOf(DescribedError(u"handshake refused"_s))},
+         2,
          u"Speech channel reconnection failed: handshake refused"_s},
     };
     for (const auto& c : cases) {
@@ -269,8 +300,10 @@ TEST_F(SpeechRecoveryTest, RecognizerStartIsRetriedOnceWhenTheFailureIsRetryable
         EXPECT_EQ(tokenFetches(row), 3);
         EXPECT_FALSE(row.vm.isRestarting(Speaker::interviewer));
         EXPECT_EQ(row.vm.lastRecoverableError(), c.failure);
-        EXPECT_EQ(backOff(row, Speaker::interviewer), c.failure ? std::pair(1, 1.0) : std::pair(0, 0.5));
-        EXPECT_EQ(row.vm.statusMessage(), c.failure ? reconnectingInBackground : u"Recording live"_s);
+        EXPECT_EQ(backOff(row, Speaker::interviewer),
+                  c.failure ? std::pair(1, 1.0) : std::pair(0, 0.5));
+        EXPECT_EQ(row.vm.statusMessage(),
+                  c.failure ? reconnectingInBackground : u"Recording live"_s);
     }
 }
 
@@ -332,7 +365,8 @@ TEST_F(SpeechRecoveryTest, StopDuringARestartWins)
         {"DuringBackOff", QString(), [](H&, FakeRecognizer&) {}, 1, 200ms},
         {"DuringTokenFetch", u"fetchSpeechToken"_s, [](H&, FakeRecognizer&) {}, 1, 500ms},
         {"DuringStartRetryWait", QString(),
-         [](H&, FakeRecognizer& r) { r.startFailures.add(failureOf(APIError::networkError())); }, 2, 600ms},
+         [](H&, FakeRecognizer& r) { r.startFailures.add(failureOf(APIError::networkError())); }, 2,
+         600ms},
         {"Scheduled", QString(),
          [](H& h, FakeRecognizer&) {
              h.backend->speechTokenFailures.add(failureOf(APIError::serverError(503)));
@@ -350,7 +384,8 @@ TEST_F(SpeechRecoveryTest, StopDuringARestartWins)
         row.fail(Speaker::interviewer, u"socket closed"_s);
         c.trouble(row, *recognizer);
         row.passTime(c.before);
-        ASSERT_TRUE(row.vm.isRestarting(Speaker::interviewer) || row.vm.hasScheduledReconnect(Speaker::interviewer));
+        ASSERT_TRUE(row.vm.isRestarting(Speaker::interviewer)
+                    || row.vm.hasScheduledReconnect(Speaker::interviewer));
         const int restartCount = row.vm.restartCount(Speaker::interviewer);
         const auto telemetry = sttFailures(row);
         const auto notice = row.vm.lastNotice();
@@ -363,7 +398,8 @@ TEST_F(SpeechRecoveryTest, StopDuringARestartWins)
         }
         awaitTask(std::move(stopping));
         EXPECT_EQ(row.vm.runningTaskCount(), 0);
-        EXPECT_FALSE(row.vm.isRestarting(Speaker::interviewer) || row.vm.hasScheduledReconnect(Speaker::interviewer)
+        EXPECT_FALSE(row.vm.isRestarting(Speaker::interviewer)
+                     || row.vm.hasScheduledReconnect(Speaker::interviewer)
                      || row.vm.hasScheduledReconnect(Speaker::user));
         EXPECT_TRUE(recognizer->isStopped);
         const int fetches = tokenFetches(row);

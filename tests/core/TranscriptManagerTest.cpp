@@ -1,6 +1,6 @@
-#include "QtPrinters.h"
-#include "Clock.h"
 #include "TranscriptManager.h"
+#include "Clock.h"
+#include "QtPrinters.h"
 
 #include <QRegularExpression>
 
@@ -13,13 +13,14 @@ using Speaker = TranscriptEntry::Speaker;
 class TranscriptManagerTest : public ::testing::Test {
 protected:
     std::optional<TranscriptEntry> commit(Speaker speaker, const QString& text,
-                                         std::optional<double> confidence = std::nullopt)
+                                          std::optional<double> confidence = std::nullopt)
     {
         return manager.processSegment({text, true, speaker, ++vendorTimestamp, confidence});
     }
     void partial(Speaker speaker, const QString& text)
     {
-        EXPECT_FALSE(manager.processSegment({text, false, speaker, ++vendorTimestamp, std::nullopt}));
+        EXPECT_FALSE(
+            manager.processSegment({text, false, speaker, ++vendorTimestamp, std::nullopt}));
     }
     QStringList contents() const
     {
@@ -38,24 +39,47 @@ TEST_F(TranscriptManagerTest, FinalPiecesGroupIntoLinesByGapSpeakerAndClosing)
 {
     // A step moves the clock on by `afterMs`, then: I and U are final pieces of the interviewer
     // and the user, i and u partials; C closes every active line, c the user's, R resets.
-    struct Step { int afterMs; char op; QString text = {}; };
-    const struct { const char* name; QList<Step> steps; QStringList lines; } cases[] = {
+    struct Step {
+        int afterMs;
+        char op;
+        QString text = {};
+    };
+    const struct {
+        const char* name;
+        QList<Step> steps;
+        QStringList lines;
+    } cases[] = {
         {"GapOfExactly5000MergesAnd5001Splits",
-         {{0, 'I', u"Tell me"_s}, {5000, 'I', u"about yourself."_s}, {5001, 'I', u"Next question."_s}},
+         {{0, 'I', u"Tell me"_s},
+          {5000, 'I', u"about yourself."_s},
+          {5001, 'I', u"Next question."_s}},
          {u"Tell me about yourself."_s, u"Next question."_s}},
         // 5001 ms since the last final piece; the partial between does not count.
         {"FirstPieceAfterAnyGapAndPartialsDoNotResetTheGap",
          {{3'600'000, 'U', u"Hello"_s}, {3000, 'u', u"I am"_s}, {2001, 'U', u"I am Ada."_s}},
          {u"Hello"_s, u"I am Ada."_s}},
         {"SpeakersInterleaveByFirstPiece",
-         {{0, 'I', u"Q1"_s}, {0, 'u', u"ans"_s}, {0, 'U', u"A1"_s}, {0, 'u', u"more"_s}, {0, 'I', u"continued"_s}},
+         {{0, 'I', u"Q1"_s},
+          {0, 'u', u"ans"_s},
+          {0, 'U', u"A1"_s},
+          {0, 'u', u"more"_s},
+          {0, 'I', u"continued"_s}},
          {u"Q1 continued"_s, u"A1"_s}},
         {"ClosingStartsNewLinesWithinTheGap",
-         {{0, 'I', u"a"_s}, {0, 'U', u"b"_s}, {0, 'C'}, {0, 'I', u"c"_s}, {0, 'U', u"d"_s}, {0, 'c'},
-          {0, 'I', u"e"_s}, {0, 'U', u"f"_s}},
+         {{0, 'I', u"a"_s},
+          {0, 'U', u"b"_s},
+          {0, 'C'},
+          {0, 'I', u"c"_s},
+          {0, 'U', u"d"_s},
+          {0, 'c'},
+          {0, 'I', u"e"_s},
+          {0, 'U', u"f"_s}},
          {u"a"_s, u"b"_s, u"c e"_s, u"d"_s, u"f"_s}},
-        // A reset forgets the active lines and the last final time: the next piece is the very first.
-        {"ResetStartsAfresh", {{0, 'U', u"g"_s}, {0, 'R'}, {60'000, 'U', u"h"_s}, {5000, 'U', u"i"_s}}, {u"h i"_s}},
+        // A reset forgets the active lines and the last final time: the next piece is the very
+        // first.
+        {"ResetStartsAfresh",
+         {{0, 'U', u"g"_s}, {0, 'R'}, {60'000, 'U', u"h"_s}, {5000, 'U', u"i"_s}},
+         {u"h i"_s}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -64,7 +88,8 @@ TEST_F(TranscriptManagerTest, FinalPiecesGroupIntoLinesByGapSpeakerAndClosing)
             clock.advance(std::chrono::milliseconds(afterMs));
             const auto speaker = op == 'I' || op == 'i' ? Speaker::interviewer : Speaker::user;
             if (op == 'C' || op == 'c')
-                op == 'C' ? manager.closeAllActiveEntries() : manager.closeActiveEntry(Speaker::user);
+                op == 'C' ? manager.closeAllActiveEntries()
+                          : manager.closeActiveEntry(Speaker::user);
             else if (op == 'R')
                 manager.reset();
             else if (op == 'I' || op == 'U')
@@ -80,7 +105,8 @@ TEST_F(TranscriptManagerTest, ALineKeepsItsIdAndFirstTimeAndTakesTheLatestConfid
 {
     const auto first = commit(Speaker::interviewer, u"Tell me"_s, 0.5);
     ASSERT_TRUE(first);
-    EXPECT_TRUE(QRegularExpression(u"^[0-9A-F-]{36}$"_s).match(first->id).hasMatch()) << first->id.toStdString();
+    EXPECT_TRUE(QRegularExpression(u"^[0-9A-F-]{36}$"_s).match(first->id).hasMatch())
+        << first->id.toStdString();
     EXPECT_EQ(first->timestampMs, 1'001);
     partial(Speaker::user, u"ans"_s);
     partial(Speaker::interviewer, u"about"_s);
@@ -90,9 +116,11 @@ TEST_F(TranscriptManagerTest, ALineKeepsItsIdAndFirstTimeAndTakesTheLatestConfid
     EXPECT_EQ(merged->id, first->id);
     EXPECT_EQ(merged->timestampMs, 1'001) << "an entry keeps the time of its first piece";
     EXPECT_FALSE(merged->confidence) << "the latest piece's confidence, absent included";
-    EXPECT_FALSE(manager.currentPartialText(Speaker::interviewer)) << "the final piece replaces the partial";
+    EXPECT_FALSE(manager.currentPartialText(Speaker::interviewer))
+        << "the final piece replaces the partial";
     EXPECT_FALSE(manager.partialUpdatedAtMs(Speaker::interviewer));
-    EXPECT_EQ(manager.currentPartialText(Speaker::user), u"ans"_s) << "the other speaker's final leaves it";
+    EXPECT_EQ(manager.currentPartialText(Speaker::user), u"ans"_s)
+        << "the other speaker's final leaves it";
 
     const auto answer = commit(Speaker::user, u"Me."_s, 0.9);
     EXPECT_NE(answer->id, first->id);
@@ -119,8 +147,8 @@ TEST_F(TranscriptManagerTest, DisplayedEntriesShowLastFiveThenNewestNonEmptyPart
     QStringList shown;
     for (const auto& entry : manager.displayedEntries())
         shown.append(entry.isFinal ? entry.content : entry.id + u":"_s + entry.content);
-    EXPECT_EQ(shown, (QStringList{u"e2"_s, u"e3"_s, u"e4"_s, u"e5"_s, u"e6"_s, u"partial-interviewer:newer"_s,
-                                  u"partial-user:older"_s}));
+    EXPECT_EQ(shown, (QStringList{u"e2"_s, u"e3"_s, u"e4"_s, u"e5"_s, u"e6"_s,
+                                  u"partial-interviewer:newer"_s, u"partial-user:older"_s}));
     const auto rows = manager.displayedEntries();
     EXPECT_EQ(rows.at(5).timestampMs, clock.nowMs());
     EXPECT_FALSE(rows.at(5).confidence);
@@ -130,11 +158,13 @@ TEST_F(TranscriptManagerTest, DisplayedEntriesShowLastFiveThenNewestNonEmptyPart
     partial(Speaker::user, u"newest"_s);
     EXPECT_EQ(manager.partialSummary(), u"[You] newest\n[Interviewer] newer"_s);
     partial(Speaker::interviewer, u"tie"_s);
-    EXPECT_EQ(manager.partialSummary(), u"[Interviewer] tie\n[You] newest"_s) << "a tie puts the interviewer first";
+    EXPECT_EQ(manager.partialSummary(), u"[Interviewer] tie\n[You] newest"_s)
+        << "a tie puts the interviewer first";
 
     manager.reset();
     EXPECT_TRUE(manager.displayedEntries().isEmpty()) << "lines and partials alike";
-    EXPECT_FALSE(manager.lastCommitTimestampMs(Speaker::user) || manager.activeEntryId(Speaker::user));
+    EXPECT_FALSE(manager.lastCommitTimestampMs(Speaker::user)
+                 || manager.activeEntryId(Speaker::user));
 }
 
 TEST_F(TranscriptManagerTest, LatestInterviewerTextAndUploadFormsTakeOnlyFinalPieces)
@@ -150,7 +180,8 @@ TEST_F(TranscriptManagerTest, LatestInterviewerTextAndUploadFormsTakeOnlyFinalPi
     partial(Speaker::user, u"not sent"_s);
     EXPECT_EQ(manager.latestInterviewerText(), u"Why us?"_s);
     commit(Speaker::interviewer, u"Be brief."_s, 0.75);
-    EXPECT_EQ(manager.latestInterviewerText(), u"Why us? Be brief."_s) << "the entry may still be growing";
+    EXPECT_EQ(manager.latestInterviewerText(), u"Why us? Be brief."_s)
+        << "the entry may still be growing";
 
     const auto forms = manager.finalEntriesForUpload();
     ASSERT_EQ(forms.size(), 2);

@@ -16,8 +16,8 @@ int main()
         return 1;
     }
     const int screen = DefaultScreen(display);
-    const Window window = XCreateSimpleWindow(display, RootWindow(display, screen), 40, 40, 640, 400, 0,
-                                              BlackPixel(display, screen), 0x202a36);
+    const Window window = XCreateSimpleWindow(display, RootWindow(display, screen), 40, 40, 640,
+                                              400, 0, BlackPixel(display, screen), 0x202a36);
     XStoreName(display, window, "Video call");
     XSelectInput(display, window, KeyPressMask | FocusChangeMask | StructureNotifyMask);
     XMapWindow(display, window);
@@ -46,8 +46,8 @@ int main()
             const KeySym symbol = XLookupKeysym(&event.xkey, 0);
             const char* name = XKeysymToString(symbol);
             std::printf("press %s\n", name ? name : "?");
-        } else if ((event.type == FocusIn || event.type == FocusOut) && event.xfocus.detail != NotifyPointer
-                   && event.xfocus.mode == NotifyNormal) {
+        } else if ((event.type == FocusIn || event.type == FocusOut)
+                   && event.xfocus.detail != NotifyPointer && event.xfocus.mode == NotifyNormal) {
             // A passive key grab taking one key press moves the focus only in grab mode: the
             // window keeps it, so only normal changes count.
             std::printf(event.type == FocusIn ? "focus in\n" : "focus out\n");

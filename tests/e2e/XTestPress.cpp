@@ -1,8 +1,8 @@
 // Presses and releases keys through XTEST, as a keyboard would, one per argument ("Shift_R",
 // "Left"): each name is the keysym's, sent on the key code that carries it unshifted, with no
 // modifier pressed around it.
-#include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
+#include <X11/Xlib.h>
 
 #include <cstdio>
 

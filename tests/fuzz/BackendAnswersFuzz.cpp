@@ -1,7 +1,7 @@
 // What the client reads from its backend: the answer's "data: " lines, and the decoding of
 // every JSON answer. The first byte picks which.
-#include "APIClient.h"
 #include "AnswerStream.h"
+#include "APIClient.h"
 #include "FuzzSupport.h"
 #include "Helpers.h"
 #include "Records.h"
@@ -90,7 +90,8 @@ void decodeRoundTrip(const QByteArray& body)
     if (!value)
         return;
     const auto again = decode<T>(QJsonDocument(value->toJson()).toJson());
-    Fuzz::check(again.has_value() && *again == *value, "a record that does not read back as itself");
+    Fuzz::check(again.has_value() && *again == *value,
+                "a record that does not read back as itself");
 }
 
 } // namespace

@@ -54,7 +54,11 @@ inline bool isValidUnicode(const QString& text)
 // Consumes the input from the front: a byte of choices, then the rest as data.
 class Input {
 public:
-    Input(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
+    Input(const uint8_t* data, size_t size)
+        : m_data(data)
+        , m_size(size)
+    {
+    }
 
     uint8_t takeByte()
     {
@@ -63,7 +67,10 @@ public:
         --m_size;
         return *m_data++;
     }
-    QByteArray rest() const { return QByteArray(reinterpret_cast<const char*>(m_data), qsizetype(m_size)); }
+    QByteArray rest() const
+    {
+        return QByteArray(reinterpret_cast<const char*>(m_data), qsizetype(m_size));
+    }
 
 private:
     const uint8_t* m_data;

@@ -16,7 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (const auto parts = Multipart::parse(body, *boundary)) {
             for (const auto& part : *parts) {
                 // Every part lies inside the body it came from.
-                Fuzz::check(part.data.size() <= body.size(), "a part larger than the body it came from");
+                Fuzz::check(part.data.size() <= body.size(),
+                            "a part larger than the body it came from");
             }
         }
     }

@@ -24,9 +24,11 @@ struct Snapshot {
 
 Snapshot read(const UserSettings& settings)
 {
-    return {settings.inputLanguage(), settings.outputLanguage(), settings.overlayOpacity(),
-            settings.overlayFontSize(), settings.autoTriggerAIAnswers(), settings.sendAnonymousTelemetry(),
-            settings.activeResumeId(), settings.activeJobDescriptionId(), settings.aiTriggerKey()};
+    return {settings.inputLanguage(),        settings.outputLanguage(),
+            settings.overlayOpacity(),       settings.overlayFontSize(),
+            settings.autoTriggerAIAnswers(), settings.sendAnonymousTelemetry(),
+            settings.activeResumeId(),       settings.activeJobDescriptionId(),
+            settings.aiTriggerKey()};
 }
 
 void write(UserSettings& settings, const Snapshot& values)
@@ -68,7 +70,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     // The file as read must be written back as the same values.
     const auto reread = JsonPreferencesStore::deserialize(JsonPreferencesStore::serialize(*values));
-    Fuzz::check(reread && *reread == *values, "stored values that do not survive a save and a load");
+    Fuzz::check(reread && *reread == *values,
+                "stored values that do not survive a save and a load");
 
     NotificationCenter notifications;
     PreferencesStore loaded;
@@ -78,13 +81,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     Fuzz::check(std::isfinite(seen.overlayOpacity) && std::isfinite(seen.overlayFontSize),
                 "a size or opacity that is not a finite number");
     const auto key = AITriggerKey::fromJson(seen.triggerKey.toJson());
-    Fuzz::check(key && *key == seen.triggerKey, "a trigger key that does not survive its own coding");
+    Fuzz::check(key && *key == seen.triggerKey,
+                "a trigger key that does not survive its own coding");
 
     // What the settings read, assigned to fresh settings, saved to a file and read again.
     PreferencesStore written;
     UserSettings writer(written, notifications);
     write(writer, seen);
-    const auto saved = JsonPreferencesStore::deserialize(JsonPreferencesStore::serialize(contents(written)));
+    const auto saved =
+        JsonPreferencesStore::deserialize(JsonPreferencesStore::serialize(contents(written)));
     Fuzz::check(saved.has_value(), "a file the program writes and cannot read");
     PreferencesStore reloaded;
     fill(reloaded, *saved);

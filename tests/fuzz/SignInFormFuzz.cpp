@@ -53,9 +53,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         pairs.append("submit=Sign+in");
     const auto read = LoginPage::readForm(pairs.join('&'));
     checkFields(read);
-    const QList<QString> got{read.state, read.email, read.password, read.confirm, read.csrf, read.action};
+    const QList<QString> got{read.state,   read.email, read.password,
+                             read.confirm, read.csrf,  read.action};
     for (qsizetype i = 0; i < fields.size(); ++i)
-        Fuzz::check(got[i] == fields[i].second, "a form field that does not read back as the browser sent it",
-                    QString::fromLatin1(fields[i].first) + u": sent "_s + fields[i].second + u", read "_s + got[i]);
+        Fuzz::check(got[i] == fields[i].second,
+                    "a form field that does not read back as the browser sent it",
+                    QString::fromLatin1(fields[i].first) + u": sent "_s + fields[i].second
+                        + u", read "_s + got[i]);
     return 0;
 }

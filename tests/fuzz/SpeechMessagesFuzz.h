@@ -21,7 +21,8 @@ inline void checkProviderOutput(WebSocketSpeechProvider& provider, const QString
 {
     while (auto segment = provider.transcriptSegments()->tryNext()) {
         check(!segment->text.isEmpty(), "a segment with no text");
-        check(isValidUnicode(segment->text), "a segment whose text is not valid Unicode", segment->text);
+        check(isValidUnicode(segment->text), "a segment whose text is not valid Unicode",
+              segment->text);
         check(segment->speaker == provider.speaker(), "a segment of the other speaker");
         if (segment->confidence)
             check(std::isfinite(*segment->confidence), "a confidence that is not a finite number");
@@ -29,7 +30,8 @@ inline void checkProviderOutput(WebSocketSpeechProvider& provider, const QString
     while (auto event = provider.recoveryEvents()->tryNext()) {
         check(event->reason.startsWith(vendorPrefix), "a recovery reason without the vendor's name",
               event->reason);
-        check(isValidUnicode(event->reason), "a recovery reason that is not valid Unicode", event->reason);
+        check(isValidUnicode(event->reason), "a recovery reason that is not valid Unicode",
+              event->reason);
     }
 }
 
@@ -42,7 +44,8 @@ int runSpeechMessages(const uint8_t* data, size_t size, const QString& vendorPre
     Input input(data, size);
     const auto choice = input.takeByte();
     static ManualClock clock;
-    const auto speaker = (choice & 1) ? TranscriptEntry::Speaker::user : TranscriptEntry::Speaker::interviewer;
+    const auto speaker =
+        (choice & 1) ? TranscriptEntry::Speaker::user : TranscriptEntry::Speaker::interviewer;
     Provider provider(speaker, clock, QStringLiteral("wss://127.0.0.1:9"));
     const QString language = (choice & 2) ? QStringLiteral("en-US") : QStringLiteral("de-DE");
     (provider.*(&ProviderAccess::connection))(QStringLiteral("token"), language, std::nullopt);

@@ -1,11 +1,11 @@
-#include "QtPrinters.h"
+#include "CrashReporter.h"
 #include "AwaitTask.h"
 #include "Clock.h"
 #include "CrashChild.h"
-#include "CrashReporter.h"
 #include "FakeBackend.h"
 #include "Helpers.h"
 #include "PreferencesStore.h"
+#include "QtPrinters.h"
 #include "TelemetryClient.h"
 
 #include <QDir>
@@ -29,19 +29,23 @@ protected:
         const auto before = server.requestCount("POST", "/api/v1/telemetry/crash");
         CrashReporter next(reportPath);
         next.install(client, [] { return u"idle"_s; });
-        awaitTask([](TaskHandle task) -> QCoro::Task<> { co_await task.finished(); }(next.uploadTask()), 30'000);
+        awaitTask(
+            [](TaskHandle task) -> QCoro::Task<> { co_await task.finished(); }(next.uploadTask()),
+            30'000);
         QList<QByteArray> bodies;
         for (const auto& request : server.requests("POST", "/api/v1/telemetry/crash").mid(before))
             bodies.append(request.body);
         return bodies;
     }
 
-    // What the upload carries from the file: exceptionType, exceptionMessage, stackTrace, lastState.
+    // What the upload carries from the file: exceptionType, exceptionMessage, stackTrace,
+    // lastState.
     static QStringList carried(const QByteArray& json)
     {
         const auto object = QJsonDocument::fromJson(json).object();
         QStringList values;
-        for (const auto& key : {u"exceptionType"_s, u"exceptionMessage"_s, u"stackTrace"_s, u"lastState"_s})
+        for (const auto& key :
+             {u"exceptionType"_s, u"exceptionMessage"_s, u"stackTrace"_s, u"lastState"_s})
             values.append(object.value(key).toString());
         return values;
     }
@@ -58,14 +62,19 @@ protected:
 TEST_F(CrashReporterTest, ACrashLeavesOneReportThatTheNextLaunchSendsOnce)
 {
     const auto signalled = [](int signal) {
-        return QStringList{u"Signal(%1)"_s.arg(signal), u"Process received signal %1"_s.arg(signal)};
+        return QStringList{u"Signal(%1)"_s.arg(signal),
+                           u"Process received signal %1"_s.arg(signal)};
     };
     // mode, signal, exception type and message, whether the stack fills the limit
     const std::tuple<const char*, int, QStringList, bool> crashes[] = {
-        {"segv", SIGSEGV, signalled(SIGSEGV), false}, {"abort", SIGABRT, signalled(SIGABRT), false},
+        {"segv", SIGSEGV, signalled(SIGSEGV), false},
+        {"abort", SIGABRT, signalled(SIGABRT), false},
         // The exception's report must survive the abort() that follows it. Its reason is cut to
         // the limit without splitting a character, and a byte that is not UTF-8 becomes U+FFFD.
-        {"throw", SIGABRT, {u"std::runtime_error"_s, QString::fromUtf8(CrashChild::longReason()).first(512)}, false},
+        {"throw",
+         SIGABRT,
+         {u"std::runtime_error"_s, QString::fromUtf8(CrashChild::longReason()).first(512)},
+         false},
         {"throw-int", SIGABRT, {u"int"_s, QString()}, false},
         // Reported from the alternate signal stack, with the stack cut at its limit.
         {"overflow", SIGSEGV, signalled(SIGSEGV), true},
@@ -73,8 +82,10 @@ TEST_F(CrashReporterTest, ACrashLeavesOneReportThatTheNextLaunchSendsOnce)
     server.setRoute("POST", "/api/v1/telemetry/crash", FakeBackend::Response::json(200, "{}"));
     // Under AddressSanitizer the child's own handlers must see the signals.
     auto environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(u"ASAN_OPTIONS"_s, environment.value(u"ASAN_OPTIONS"_s)
-                                              + u":handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_abort=0:handle_sigill=0"_s);
+    environment.insert(
+        u"ASAN_OPTIONS"_s,
+        environment.value(u"ASAN_OPTIONS"_s)
+            + u":handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_abort=0:handle_sigill=0"_s);
     for (const auto& [mode, signal, exception, fillsTheLimit] : crashes) {
         SCOPED_TRACE(mode);
         QProcess child;
@@ -87,24 +98,30 @@ TEST_F(CrashReporterTest, ACrashLeavesOneReportThatTheNextLaunchSendsOnce)
         EXPECT_EQ(child.exitCode(), signal) << child.readAllStandardError().toStdString();
 
         // Written whole and renamed into place: no temporary file is left beside it.
-        EXPECT_EQ(QDir(QFileInfo(reportPath).absolutePath()).entryList(QDir::Files), QStringList{u"pending_crash.json"_s});
+        EXPECT_EQ(QDir(QFileInfo(reportPath).absolutePath()).entryList(QDir::Files),
+                  QStringList{u"pending_crash.json"_s});
         QFile file(reportPath);
         ASSERT_TRUE(file.open(QIODevice::ReadOnly));
         const auto bytes = file.readAll();
         const auto report = QJsonDocument::fromJson(bytes).object();
-        EXPECT_EQ(report.keys(), (QStringList{u"clientTs"_s, u"exceptionMessage"_s, u"exceptionType"_s, u"lastState"_s,
-                                              u"stackTrace"_s}));
+        EXPECT_EQ(report.keys(),
+                  (QStringList{u"clientTs"_s, u"exceptionMessage"_s, u"exceptionType"_s,
+                               u"lastState"_s, u"stackTrace"_s}));
         const auto values = carried(bytes);
         EXPECT_EQ(values, (exception + QStringList{values[2], u"unknown"_s}));
         const auto& stack = values[2];
         // A frame names its object by file name: an install under a home folder names no person.
-        EXPECT_TRUE(stack.contains(u"crash_child("_s) && !stack.contains(u'/')) << stack.toStdString();
+        EXPECT_TRUE(stack.contains(u"crash_child("_s) && !stack.contains(u'/'))
+            << stack.toStdString();
         EXPECT_GT(stack.count(u'\n'), 2);
         EXPECT_FALSE(stack.endsWith(u'\n'));
-        EXPECT_TRUE(!fillsTheLimit || stack.size() == CrashReporter::maxStackLength) << stack.size();
-        const auto crashedAt = parseIso8601(report.value(u"clientTs"_s).toString(), Iso8601::withFractionalSeconds);
+        EXPECT_TRUE(!fillsTheLimit || stack.size() == CrashReporter::maxStackLength)
+            << stack.size();
+        const auto crashedAt =
+            parseIso8601(report.value(u"clientTs"_s).toString(), Iso8601::withFractionalSeconds);
         ASSERT_TRUE(crashedAt);
-        EXPECT_TRUE(crashedAt->toMSecsSinceEpoch() >= started && crashedAt->toMSecsSinceEpoch() <= ended);
+        EXPECT_TRUE(crashedAt->toMSecsSinceEpoch() >= started
+                    && crashedAt->toMSecsSinceEpoch() <= ended);
 
         const auto sent = nextLaunch(&telemetry);
         ASSERT_EQ(sent.size(), 1);
@@ -112,7 +129,8 @@ TEST_F(CrashReporterTest, ACrashLeavesOneReportThatTheNextLaunchSendsOnce)
         const auto body = QJsonDocument::fromJson(sent[0]).object();
         EXPECT_EQ(body.value(u"deviceId"_s).toString(), telemetry.deviceId());
         // The moment of the upload, not the crash's.
-        EXPECT_EQ(body.value(u"clientTs"_s).toString(), formatIso8601(clock.nowMs(), Iso8601::withFractionalSeconds));
+        EXPECT_EQ(body.value(u"clientTs"_s).toString(),
+                  formatIso8601(clock.nowMs(), Iso8601::withFractionalSeconds));
         EXPECT_FALSE(QFile::exists(reportPath));
     }
 }
@@ -121,7 +139,8 @@ TEST_F(CrashReporterTest, ACrashLeavesOneReportThatTheNextLaunchSendsOnce)
 // most once. (What the reader makes of any bytes is the fuzz target's.)
 TEST_F(CrashReporterTest, APendingFileIsSentAtMostOnceAndDeleted)
 {
-    const QByteArray whole = R"json({"exceptionType":"Signal(6)","exceptionMessage":"m","stackTrace":"s",
+    const QByteArray whole =
+        R"json({"exceptionType":"Signal(6)","exceptionMessage":"m","stackTrace":"s",
                                  "lastState":"unknown","clientTs":"2026-01-02T03:04:05.678Z"})json";
     const QStringList wholeSent{u"Signal(6)"_s, u"m"_s, u"s"_s, u"unknown"_s}, nothing;
     // contents, with telemetry, opted out, upload status, what is sent
@@ -129,13 +148,19 @@ TEST_F(CrashReporterTest, APendingFileIsSentAtMostOnceAndDeleted)
         {"InvalidJson", R"json({"exceptionType":"Signal(11)")json", true, false, 200, nothing},
         {"NoTelemetry", whole, false, false, 200, nothing},
         {"OptedOut", whole, true, true, 200, nothing},
-        {"MissingKeys", R"({"stackTrace":"frame"})", true, false, 200, {u"unknown"_s, QString(), u"frame"_s, u"unknown"_s}},
+        {"MissingKeys",
+         R"({"stackTrace":"frame"})",
+         true,
+         false,
+         200,
+         {u"unknown"_s, QString(), u"frame"_s, u"unknown"_s}},
         {"UploadFails", whole, true, false, 500, wholeSent},
     };
     ASSERT_TRUE(QDir().mkpath(QFileInfo(reportPath).absolutePath()));
     for (const auto& [name, contents, withTelemetry, optedOut, status, expected] : rows) {
         SCOPED_TRACE(name);
-        server.setRoute("POST", "/api/v1/telemetry/crash", FakeBackend::Response::json(status, "{}"));
+        server.setRoute("POST", "/api/v1/telemetry/crash",
+                        FakeBackend::Response::json(status, "{}"));
         preferences.setBool(u"sendAnonymousTelemetry"_s, !optedOut);
         QFile file(reportPath);
         ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size());
@@ -154,7 +179,8 @@ TEST(CrashTimestampTest, MatchesTheIsoFormatter)
     const auto agrees = [](qint64 ms) {
         char text[CrashReporter::timestampLength];
         CrashReporter::formatTimestamp(ms / 1000, ms % 1000 * 1'000'000 + 999'999, text);
-        return QString::fromLatin1(text, sizeof text) == formatIso8601(ms, Iso8601::withFractionalSeconds);
+        return QString::fromLatin1(text, sizeof text)
+               == formatIso8601(ms, Iso8601::withFractionalSeconds);
     };
     qint64 ms = 0;
     while (ms < 4'102'444'800'000 && agrees(ms))

@@ -1,9 +1,9 @@
+#include "TelemetryClient.h"
 #include "AwaitTask.h"
-#include "QtPrinters.h"
 #include "Clock.h"
 #include "FakeBackend.h"
 #include "PreferencesStore.h"
-#include "TelemetryClient.h"
+#include "QtPrinters.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -33,7 +33,10 @@ class TelemetryClientTest : public ::testing::Test {
 protected:
     TelemetryClientTest() { batchesMeet(200); }
 
-    void batchesMeet(int status) { server.setRoute("POST", eventsPath, FakeBackend::Response::json(status, "{}")); }
+    void batchesMeet(int status)
+    {
+        server.setRoute("POST", eventsPath, FakeBackend::Response::json(status, "{}"));
+    }
 
     void trackNumbered(int from, int to)
     {
@@ -42,7 +45,8 @@ protected:
     }
     void config(const QByteArray& body, int status = 200)
     {
-        server.setRoute("GET", "/api/v1/telemetry/config", FakeBackend::Response::json(status, body));
+        server.setRoute("GET", "/api/v1/telemetry/config",
+                        FakeBackend::Response::json(status, body));
         awaitTask(client.fetchConfig());
     }
 
@@ -105,8 +109,10 @@ TEST_F(TelemetryClientTest, OptOutAndTheBackendSteerBatchesAndSampling)
     client.track(u"out"_s, u"feature"_s);
     EXPECT_EQ(client.buffer().size(), 1) << "a rate of 0 drops every device";
     config(R"({"enabled": false, "sampleRate": 0.25})");
-    for (const auto& [body, status] : {std::pair<QByteArray, int>("not json", 200), {"[1]", 200},
-                                       {R"({"enabled":"yes","sampleRate":"1"})", 200}, {R"({"enabled": true})", 500}}) {
+    for (const auto& [body, status] : {std::pair<QByteArray, int>("not json", 200),
+                                       {"[1]", 200},
+                                       {R"({"enabled":"yes","sampleRate":"1"})", 200},
+                                       {R"({"enabled": true})", 500}}) {
         config(body, status);
         EXPECT_FALSE(client.killSwitchEnabled()) << body.toStdString();
         EXPECT_EQ(client.sampleRate(), 0.25) << body.toStdString();
@@ -137,19 +143,23 @@ TEST_F(TelemetryClientTest, FlushLoopSendsEvery15SecondsOnTheClock)
 TEST_F(TelemetryClientTest, TwentiethEventSendsTheBatchInItsEnvelope)
 {
     using T = TelemetryClient;
-    EXPECT_EQ((QStringList{T::countBucket(0), T::countBucket(4), T::countBucket(5), T::countBucket(20)}),
-              (QStringList{u"zero"_s, u"1_4"_s, u"5_19"_s, u"20_plus"_s}));
-    EXPECT_EQ((QStringList{T::durationBucket(59.9), T::durationBucket(60), T::durationBucket(899), T::durationBucket(1800),
-                           T::durationBucket(3600)}),
+    EXPECT_EQ(
+        (QStringList{T::countBucket(0), T::countBucket(4), T::countBucket(5), T::countBucket(20)}),
+        (QStringList{u"zero"_s, u"1_4"_s, u"5_19"_s, u"20_plus"_s}));
+    EXPECT_EQ((QStringList{T::durationBucket(59.9), T::durationBucket(60), T::durationBucket(899),
+                           T::durationBucket(1800), T::durationBucket(3600)}),
               (QStringList{u"under_1m"_s, u"1_5m"_s, u"5_15m"_s, u"30_60m"_s, u"over_60m"_s}));
 
     EXPECT_TRUE(QRegularExpression(u"^[0-9a-f-]{36}$"_s).match(client.deviceId()).hasMatch());
-    EXPECT_EQ(TelemetryClient(server.origin(), preferences, clock, environment).deviceId(), client.deviceId());
+    EXPECT_EQ(TelemetryClient(server.origin(), preferences, clock, environment).deviceId(),
+              client.deviceId());
     preferences.setString(u"telemetryDeviceId"_s, QString());
-    EXPECT_FALSE(TelemetryClient(server.origin(), preferences, clock, environment).deviceId().isEmpty());
+    EXPECT_FALSE(
+        TelemetryClient(server.origin(), preferences, clock, environment).deviceId().isEmpty());
     preferences.setString(u"telemetryDeviceId"_s, client.deviceId());
     client.track(u"typed"_s, u"feature"_s,
-                 TelemetryClient::Props{{u"s"_s, u"5_15m"_s}, {u"n"_s, qint64(3)}, {u"ok"_s, true}, {u"r"_s, 0.5}});
+                 TelemetryClient::Props{
+                     {u"s"_s, u"5_15m"_s}, {u"n"_s, qint64(3)}, {u"ok"_s, true}, {u"r"_s, 0.5}});
     // Once per installation, whichever client of it asks.
     client.firstInterviewStarted();
     client.firstInterviewStarted();
@@ -170,18 +180,24 @@ TEST_F(TelemetryClientTest, TwentiethEventSendsTheBatchInItsEnvelope)
     EXPECT_FALSE(request.headers.contains("authorization"));
     auto body = QJsonDocument::fromJson(request.body).object();
     const auto events = body.take(u"events"_s).toArray();
-    EXPECT_EQ(body, (QJsonObject{{u"deviceId"_s, client.deviceId()}, {u"platform"_s, u"linux"_s},
-                                 {u"appVersion"_s, u"1.2.3"_s}, {u"osVersion"_s, u"6.1.0"_s}, {u"arch"_s, u"x64"_s},
-                                 {u"locale"_s, u"de_DE"_s}, {u"region"_s, u"global"_s}}));
+    EXPECT_EQ(body, (QJsonObject{{u"deviceId"_s, client.deviceId()},
+                                 {u"platform"_s, u"linux"_s},
+                                 {u"appVersion"_s, u"1.2.3"_s},
+                                 {u"osVersion"_s, u"6.1.0"_s},
+                                 {u"arch"_s, u"x64"_s},
+                                 {u"locale"_s, u"de_DE"_s},
+                                 {u"region"_s, u"global"_s}}));
     ASSERT_EQ(events.size(), 20);
     const auto named = [](const QString& name, const QJsonObject& props = {}) {
-        return props.isEmpty() ? QJsonObject{{u"name"_s, name}} : QJsonObject{{u"name"_s, name}, {u"props"_s, props}};
+        return props.isEmpty() ? QJsonObject{{u"name"_s, name}}
+                               : QJsonObject{{u"name"_s, name}, {u"props"_s, props}};
     };
     const QJsonObject expected[] = {
         named(u"typed"_s, {{u"s"_s, u"5_15m"_s}, {u"n"_s, 3}, {u"ok"_s, true}, {u"r"_s, 0.5}}),
         named(u"first_interview_started"_s),
         named(u"first_answer_received"_s, {{u"latency_ms"_s, 900}}),
-        named(u"session_completed"_s, {{u"duration_bucket"_s, u"15_30m"_s}, {u"answer_count_bucket"_s, u"5_19"_s}}),
+        named(u"session_completed"_s,
+              {{u"duration_bucket"_s, u"15_30m"_s}, {u"answer_count_bucket"_s, u"5_19"_s}}),
         named(u"resume_upload"_s, {{u"success"_s, false}, {u"error_code"_s, u"serverError"_s}}),
         named(u"jd_upload"_s, {{u"success"_s, true}}),
     };

@@ -17,9 +17,13 @@ TEST(LocalServerTest, ServesOnlyPlainHttpOnALoopbackAddress)
 {
     // The origin, then the server's --listen for it; none where the server is not ours to start.
     const std::pair<QStringView, QStringView> rows[] = {
-        {u"http://127.0.0.1:8787", u"127.0.0.1:8787"}, {u"http://127.3.4.5", u"127.3.4.5:80"},
-        {u"http://[::1]:8787", u"[::1]:8787"}, {u"http://LocalHost:8787", u"127.0.0.1:8787"},
-        {u"http://192.0.2.1", {}}, {u"http://ravlet.example.org", {}}, {u"https://127.0.0.1", {}}};
+        {u"http://127.0.0.1:8787", u"127.0.0.1:8787"},
+        {u"http://127.3.4.5", u"127.3.4.5:80"},
+        {u"http://[::1]:8787", u"[::1]:8787"},
+        {u"http://LocalHost:8787", u"127.0.0.1:8787"},
+        {u"http://192.0.2.1", {}},
+        {u"http://ravlet.example.org", {}},
+        {u"https://127.0.0.1", {}}};
     for (const auto& [url, listen] : rows)
         EXPECT_EQ(LocalServer::listenAddressFor(QUrl(url.toString())).value_or(QString()),
                   listen.toString());

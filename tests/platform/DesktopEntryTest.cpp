@@ -32,7 +32,8 @@ TEST(DesktopEntryTest, TheDesktopsOpenersHandTheAddressToTheProgram)
     qputenv("XDG_DATA_DIRS", (root + u"/none"_s).toUtf8());
     qputenv("XDG_CONFIG_DIRS", (root + u"/none"_s).toUtf8());
     qputenv("DISPLAY", ":99"); // xdg-open asks for a display before it reads scheme handlers
-    for (const char* name : {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "KDE_FULL_SESSION", "BROWSER"})
+    for (const char* name :
+         {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "KDE_FULL_SESSION", "BROWSER"})
         qunsetenv(name);
 
     const QString address = u"ravlet://auth-callback?code=a1b2&state=s%20t"_s;
@@ -41,7 +42,8 @@ TEST(DesktopEntryTest, TheDesktopsOpenersHandTheAddressToTheProgram)
     if (!QStandardPaths::findExecutable(u"gio"_s).isEmpty())
         openers << u"gio"_s;
 
-    for (const QString& folder : {u"plain"_s, u"with space"_s, u"it's \"$(touch pwned)\" `touch pwned`"_s}) {
+    for (const QString& folder :
+         {u"plain"_s, u"with space"_s, u"it's \"$(touch pwned)\" `touch pwned`"_s}) {
         SCOPED_TRACE(folder.toStdString());
         QDir(root).mkpath(folder);
         const QString program = root + u'/' + folder + u"/ravletai"_s;
@@ -49,7 +51,8 @@ TEST(DesktopEntryTest, TheDesktopsOpenersHandTheAddressToTheProgram)
         ASSERT_TRUE(stub.open(QIODevice::WriteOnly));
         stub.write("#!/bin/sh\nprintf '%s\\n' \"$@\" >'" + received.toUtf8() + "'\n");
         stub.close();
-        stub.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        stub.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner
+                            | QFileDevice::ExeOwner);
 
         DesktopIntegration desktop;
         QSignalSpy finished(&desktop, &DesktopIntegration::finished);
@@ -63,7 +66,8 @@ TEST(DesktopEntryTest, TheDesktopsOpenersHandTheAddressToTheProgram)
             QFile::remove(received);
             QProcess open;
             open.setWorkingDirectory(root); // where an injected `touch pwned` would land
-            open.start(opener, opener == u"gio"_s ? QStringList{u"open"_s, address} : QStringList{address});
+            open.start(opener,
+                       opener == u"gio"_s ? QStringList{u"open"_s, address} : QStringList{address});
             ASSERT_TRUE(open.waitForFinished(20000));
             EXPECT_EQ(open.exitCode(), 0) << open.readAllStandardError().toStdString();
             // gio does not wait for the program it starts

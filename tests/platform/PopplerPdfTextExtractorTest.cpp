@@ -1,7 +1,7 @@
 // The text of PDFs the test draws itself, page by page, and nothing for a file that holds none.
 
-#include "QtPrinters.h"
 #include "PopplerPdfTextExtractor.h"
+#include "QtPrinters.h"
 
 #include <QFile>
 #include <QGuiApplication>
@@ -15,7 +15,8 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// A PDF drawn here, one page per entry: a line of text, or for an empty entry a drawing and no text.
+// A PDF drawn here, one page per entry: a line of text, or for an empty entry a drawing and no
+// text.
 void writePdf(const QString& path, const QStringList& pages)
 {
     QPdfWriter writer(path);

@@ -41,8 +41,9 @@ QString stateValue(const QString& path, const char* key)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
-        throw std::runtime_error("no sound server state at '" + path.toStdString() +
-                                 "': run these tests through ctest, whose Pulse fixture starts a private sound server");
+        throw std::runtime_error("no sound server state at '" + path.toStdString()
+                                 + "': run these tests through ctest, whose Pulse fixture starts a "
+                                   "private sound server");
     for (const auto& line : file.readAll().split('\n')) {
         if (line.startsWith(QByteArray(key) + '='))
             return QString::fromUtf8(line.mid(qstrlen(key) + 1));
@@ -53,7 +54,8 @@ QString stateValue(const QString& path, const char* key)
 // Runs a tool to its end; a failed test if it fails.
 void run(const QString& program, const QStringList& arguments)
 {
-    EXPECT_EQ(QProcess::execute(program, arguments), 0) << program.toStdString() << " " << arguments.join(u' ').toStdString();
+    EXPECT_EQ(QProcess::execute(program, arguments), 0)
+        << program.toStdString() << " " << arguments.join(u' ').toStdString();
 }
 
 // Everything a stream delivered, each buffer checked to be what the recognisers take.
@@ -68,7 +70,8 @@ Captured drain(const std::shared_ptr<AudioStream>& stream)
     while (auto buffer = stream->tryNext()) {
         EXPECT_EQ(buffer->sampleRate, 16000);
         captured.seconds += double(buffer->frameLength()) / 16000;
-        captured.largestBuffer = std::max(captured.largestBuffer, std::size_t(buffer->frameLength()));
+        captured.largestBuffer =
+            std::max(captured.largestBuffer, std::size_t(buffer->frameLength()));
         for (const float sample : buffer->samples)
             captured.peak = std::max(captured.peak, std::fabs(sample));
     }
@@ -92,13 +95,16 @@ protected:
                          << ", which is not installed (scripts/install-deps.sh installs it)";
         for (const auto& tool : {u"paplay"_s, u"pactl"_s, u"espeak-ng"_s, u"sox"_s}) {
             if (QStandardPaths::findExecutable(tool).isEmpty())
-                GTEST_SKIP() << tool.toStdString() << " is not installed (scripts/install-deps.sh installs it)";
+                GTEST_SKIP() << tool.toStdString()
+                             << " is not installed (scripts/install-deps.sh installs it)";
         }
         // libpulse keeps a cookie under the home: this process and its tools use the server's
         // scratch folder, never the real home, and talk to no other server.
         qputenv("PULSE_SERVER", stateValue(state, "PULSE_SERVER").toUtf8());
-        const std::pair<const char*, const char*> folders[] = {
-            {"HOME", "/home"}, {"XDG_CONFIG_HOME", "/config"}, {"XDG_RUNTIME_DIR", "/runtime"}, {"PULSE_RUNTIME_PATH", "/runtime"}};
+        const std::pair<const char*, const char*> folders[] = {{"HOME", "/home"},
+                                                               {"XDG_CONFIG_HOME", "/config"},
+                                                               {"XDG_RUNTIME_DIR", "/runtime"},
+                                                               {"PULSE_RUNTIME_PATH", "/runtime"}};
         for (const auto& [name, folder] : folders)
             qputenv(name, QFile::encodeName(stateValue(state, "SCRATCH") + QLatin1String(folder)));
     }
@@ -142,7 +148,8 @@ TEST_P(PulseCaptureIntegrationTest, SpeechReachesItsChannelOnly)
     // At 48 kHz, with the 0.5 s of leading silence speech wants; -D: no dither, so that the
     // silence stays silent.
     run(u"sox"_s, {u"-D"_s, raw, u"-r"_s, u"48000"_s, speech, u"pad"_s, u"0.5"_s, u"0"_s});
-    const double fileSeconds = double(QFileInfo(speech).size() - 44) / (48000 * 2); // 16-bit mono after its header
+    const double fileSeconds =
+        double(QFileInfo(speech).size() - 44) / (48000 * 2); // 16-bit mono after its header
 
     // No address: the session's server, the fixture's, through PULSE_SERVER.
     AudioCaptureService capture([this] { return std::make_unique<PulseSystemAudioSource>(clock); });
@@ -151,7 +158,10 @@ TEST_P(PulseCaptureIntegrationTest, SpeechReachesItsChannelOnly)
     awaitTask(mic.start());
     const Streams streams{capture.audioStream(), mic.audioStream()};
     QProcess player; // with a short latency, so that it ends when its last sample has been played
-    player.start(u"paplay"_s, {u"--latency-msec=50"_s, u"--device="_s + stateValue(state, intoMicrophone ? "MIC_SINK" : "SYSTEM_SINK"), speech});
+    player.start(u"paplay"_s,
+                 {u"--latency-msec=50"_s,
+                  u"--device="_s + stateValue(state, intoMicrophone ? "MIC_SINK" : "SYSTEM_SINK"),
+                  speech});
     ASSERT_TRUE(QTest::qWaitFor([&] { return player.state() == QProcess::NotRunning; }, 30'000));
     ASSERT_EQ(player.exitCode(), 0) << player.readAllStandardError().toStdString();
     awaitTask(capture.stop());
@@ -168,7 +178,9 @@ TEST_P(PulseCaptureIntegrationTest, SpeechReachesItsChannelOnly)
 }
 
 INSTANTIATE_TEST_SUITE_P(Channels, PulseCaptureIntegrationTest, ::testing::Bool(),
-                         [](const auto& info) { return std::string(info.param ? "Microphone" : "SystemAudio"); });
+                         [](const auto& info) {
+                             return std::string(info.param ? "Microphone" : "SystemAudio");
+                         });
 
 // On a server of the test's own: both rights come at once; a monitor as the default source is no
 // microphone; stopping is prompt and repeatable and a stopped capture starts again; the server
@@ -182,7 +194,9 @@ TEST_F(PulseCaptureIntegrationTest, OnItsOwnServerCaptureStopsRestartsAndOutlive
         run(u"bash"_s, {QStringLiteral(RAVLET_PULSE_SCRIPT), command, stateFolder.path()});
     };
     script(u"start"_s);
-    const auto own = [&](const char* key) { return stateValue(stateFolder.filePath(u"state"_s), key); };
+    const auto own = [&](const char* key) {
+        return stateValue(stateFolder.filePath(u"state"_s), key);
+    };
     const QByteArray address = own("PULSE_SERVER").toUtf8();
     ASSERT_FALSE(address.isEmpty());
     PulseAudioRights rights(clock, address);
@@ -193,10 +207,13 @@ TEST_F(PulseCaptureIntegrationTest, OnItsOwnServerCaptureStopsRestartsAndOutlive
     EXPECT_LT(timer.elapsed(), 2 * PulseAudioRights::answerWithin.count());
 
     const auto defaultSource = [&](const QString& source) {
-        run(u"pactl"_s, {u"--server="_s + QString::fromUtf8(address), u"set-default-source"_s, source});
+        run(u"pactl"_s,
+            {u"--server="_s + QString::fromUtf8(address), u"set-default-source"_s, source});
     };
-    auto capture = std::make_unique<AudioCaptureService>([&] { return std::make_unique<PulseSystemAudioSource>(clock, address); });
-    auto mic = std::make_unique<MicrophoneService>([&] { return std::make_unique<PulseMicrophoneSource>(clock, address); });
+    auto capture = std::make_unique<AudioCaptureService>(
+        [&] { return std::make_unique<PulseSystemAudioSource>(clock, address); });
+    auto mic = std::make_unique<MicrophoneService>(
+        [&] { return std::make_unique<PulseMicrophoneSource>(clock, address); });
     defaultSource(own("SYSTEM_SINK") + u".monitor"_s);
     try {
         awaitTask(mic->start());
@@ -240,11 +257,14 @@ TEST_F(PulseCaptureIntegrationTest, OnItsOwnServerCaptureStopsRestartsAndOutlive
     QLocalServer silent;
     ASSERT_TRUE(silent.listen(scratch.filePath(u"silent"_s)));
     ManualClock manualClock;
-    PulseAudioRights silentRights(manualClock, "unix:" + QFile::encodeName(scratch.filePath(u"silent"_s)));
+    PulseAudioRights silentRights(manualClock,
+                                  "unix:" + QFile::encodeName(scratch.filePath(u"silent"_s)));
     for (const bool systemAudio : {true, false}) {
         std::optional<bool> granted;
-        [](QCoro::Task<bool> check, std::optional<bool>* result) -> QCoro::Task<> { *result = co_await check; }(
-            systemAudio ? silentRights.systemAudioGranted() : silentRights.microphoneGranted(), &granted);
+        [](QCoro::Task<bool> check, std::optional<bool>* result) -> QCoro::Task<> {
+            *result = co_await check;
+        }(systemAudio ? silentRights.systemAudioGranted() : silentRights.microphoneGranted(),
+                                                                 &granted);
         ASSERT_TRUE(QTest::qWaitFor([&] { return silent.hasPendingConnections(); }, firstBufferMs));
         silent.nextPendingConnection(); // kept open, never answered
         QTest::qWait(50);               // room for an answer that must not come

@@ -23,7 +23,8 @@ protected:
 
 TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
 {
-    const auto user = std::get<UserRecord>(server.accounts->createAccount(u"client@example.org"_s, u"long enough"_s));
+    const auto user = std::get<UserRecord>(
+        server.accounts->createAccount(u"client@example.org"_s, u"long enough"_s));
     const auto auth = awaitTask(client.exchangeCode(server.accounts->issueCode(user.id)));
     EXPECT_EQ(auth.user.email, u"client@example.org"_s);
     client.setAccessToken(auth.accessToken);
@@ -37,9 +38,11 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     EXPECT_NE(client.accessToken(), auth.accessToken);
 
     const auto cvText = u"Reduced build times by half.\n"_s;
-    const auto resume = awaitTask(client.uploadResume(writeFile(server.dir.filePath(u"CV.txt"_s), cvText.toUtf8())));
+    const auto resume = awaitTask(
+        client.uploadResume(writeFile(server.dir.filePath(u"CV.txt"_s), cvText.toUtf8())));
     EXPECT_EQ(resume.filename + u'|' + resume.extractedText, u"CV.txt|"_s + cvText);
-    const auto job = awaitTask(client.createJobDescription(u"Build engineer"_s, u"Speed up CI"_s, std::nullopt));
+    const auto job =
+        awaitTask(client.createJobDescription(u"Build engineer"_s, u"Speed up CI"_s, std::nullopt));
     EXPECT_EQ(job.company, QString());
     EXPECT_EQ(awaitTask(client.fetchResumes()).resumes.size(), 1);
     EXPECT_EQ(awaitTask(client.fetchJobDescriptions()).jobDescriptions.size(), 1);
@@ -49,12 +52,18 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
 
     // Lines as the pending upload sends them, out of the order they were spoken in.
     using Speaker = TranscriptEntry::Speaker;
-    const TranscriptEntry first{u"e1"_s, Speaker::interviewer, u"Tell me about a time."_s, 2000, 0.9, true};
+    const TranscriptEntry first{
+        u"e1"_s, Speaker::interviewer, u"Tell me about a time."_s, 2000, 0.9, true};
     const TranscriptEntry second{u"e2"_s, Speaker::user, u"Sure."_s, 1000, std::nullopt, true};
     awaitTask(client.postTranscript(session.id, {first.uploadForm(), second.uploadForm()}));
 
     server.engine.finishAtOnce = true;
-    const auto answer = awaitTask(client.streamAnswer({u"Tell me about a time"_s, {first.contextForm()}, session.id, u"en"_s, resume.id, job.id}));
+    const auto answer = awaitTask(client.streamAnswer({u"Tell me about a time"_s,
+                                                       {first.contextForm()},
+                                                       session.id,
+                                                       u"en"_s,
+                                                       resume.id,
+                                                       job.id}));
     ASSERT_TRUE(answer.logId);
     EXPECT_EQ(server.engine.answers.back()->request.resumeText, cvText);
     awaitTask(client.saveAnswerLog(*answer.logId, u"Draft, edited"_s));
@@ -62,7 +71,8 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     // The transcript socket's own client: a line that grows after the server stored it is
     // stored with its newest text.
     const auto storedText = [&](const QString& id) {
-        auto query = server.db->run(u"SELECT content FROM transcript_lines WHERE entry_id = ?"_s, {id});
+        auto query =
+            server.db->run(u"SELECT content FROM transcript_lines WHERE entry_id = ?"_s, {id});
         return query.next() ? query.value(0).toString() : QString();
     };
     SystemClock clock;
@@ -76,12 +86,21 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     EXPECT_TRUE(awaitTask(upload.stop(), 10'000).isEmpty()) << "every line acknowledged";
     awaitTask(client.completeSession(session.id, 0));
     // The lines by time of speech, not by arrival.
-    expectRoutes(server, {{}, {}, *client.accessToken(), {}}, {
-        {"GET", u"/api/v1/chat/log/"_s + *answer.logId, {}, 200, R"({"answer":"Draft, edited"})"},
-        {"GET", u"/api/v1/interview/session/"_s + session.id, {}, 200,
-         R"({"status":"completed","transcript":[{"id":"e2","content":"Sure."},{"id":"e1","content":"Tell me about a time."},
+    expectRoutes(
+        server, {{}, {}, *client.accessToken(), {}},
+        {
+            {"GET",
+             u"/api/v1/chat/log/"_s + *answer.logId,
+             {},
+             200,
+             R"({"answer":"Draft, edited"})"},
+            {"GET",
+             u"/api/v1/interview/session/"_s + session.id,
+             {},
+             200,
+             R"({"status":"completed","transcript":[{"id":"e2","content":"Sure."},{"id":"e1","content":"Tell me about a time."},
                                                 {"id":"e3","content":"Sure, the billing rewrite."}]})"},
-    });
+        });
 
     awaitTask(client.deleteResume(resume.id));
     awaitTask(client.deleteJobDescription(job.id));

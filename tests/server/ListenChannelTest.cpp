@@ -18,8 +18,9 @@ namespace {
 
 const auto proudQuestion = u"Tell me about a project you are proud of"_s;
 // What the program asks for with "Auto Detect" (version 1) and with English (version 2).
-const auto autoDetectPath = u"/v1/listen?encoding=linear16&sample_rate=16000&channels=1&interim_results=true"
-                            u"&utterance_end_ms=1500&vad_events=true&language=au&model=nova-3"_s;
+const auto autoDetectPath =
+    u"/v1/listen?encoding=linear16&sample_rate=16000&channels=1&interim_results=true"
+    u"&utterance_end_ms=1500&vad_events=true&language=au&model=nova-3"_s;
 const auto englishPath = u"/v2/listen?model=flux-general-en&encoding=linear16&sample_rate=16000"
                          u"&eot_threshold=0.7&eot_timeout_ms=5000"_s;
 constexpr int decodeTimeoutMs = 90'000;
@@ -31,15 +32,20 @@ struct ListenClient {
     {
         QObject::connect(&socket, &QWebSocket::connected, [this] { wasConnected = true; });
         QObject::connect(&socket, &QWebSocket::disconnected, [this] { isClosed = true; });
-        QObject::connect(&socket, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error), [this] { isClosed = true; });
-        QObject::connect(&socket, &QWebSocket::textMessageReceived,
-                         [this](const QString& text) { messages << QJsonDocument::fromJson(text.toUtf8()).object(); });
+        QObject::connect(&socket, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error),
+                         [this] { isClosed = true; });
+        QObject::connect(&socket, &QWebSocket::textMessageReceived, [this](const QString& text) {
+            messages << QJsonDocument::fromJson(text.toUtf8()).object();
+        });
         QNetworkRequest request{QUrl(url)};
         if (!authorization.isEmpty())
             request.setRawHeader("Authorization", authorization);
         socket.open(request);
     }
-    bool waitConnected() { return waitUntil([this] { return wasConnected || isClosed; }) && wasConnected; }
+    bool waitConnected()
+    {
+        return waitUntil([this] { return wasConnected || isClosed; }) && wasConnected;
+    }
     // In frames of `frameBytes`, as fast as the socket takes them.
     void sendAudio(const QByteArray& pcm, qsizetype frameBytes)
     {
@@ -80,10 +86,14 @@ protected:
         bearer = "Bearer " + server.accounts->issueSpeechToken(account.id).toLatin1();
     }
     // Every socket's thread has ended by the end of a test.
-    void TearDown() override { EXPECT_TRUE(waitUntil([] { return ListenChannel::openCount() == 0; })); }
+    void TearDown() override
+    {
+        EXPECT_TRUE(waitUntil([] { return ListenChannel::openCount() == 0; }));
+    }
     auto open(const QString& path, const QByteArray& authorization)
     {
-        return std::make_unique<ListenClient>(server.base().replace(u"http"_s, u"ws"_s) + path, authorization);
+        return std::make_unique<ListenClient>(server.base().replace(u"http"_s, u"ws"_s) + path,
+                                              authorization);
     }
 
     ServerHarness server;
@@ -95,12 +105,15 @@ protected:
 // closing its connection sends nothing more, so a socket quiet for the idle limit is closed.
 TEST_F(ListenChannelTest, LetsInOnlySpeechTokensAndClosesASocketLeftQuiet)
 {
-    // No token, an access token, the vendor's scheme (a speech token's own lifetime and signature are
-    // the token route's suite); then requests it cannot serve.
+    // No token, an access token, the vendor's scheme (a speech token's own lifetime and signature
+    // are the token route's suite); then requests it cannot serve.
     const std::pair<QString, QByteArray> refusals[] = {
-        {autoDetectPath, {}}, {autoDetectPath, "Bearer " + account.accessToken.toLatin1()}, {autoDetectPath, "Token " + bearer.mid(7)},
+        {autoDetectPath, {}},
+        {autoDetectPath, "Bearer " + account.accessToken.toLatin1()},
+        {autoDetectPath, "Token " + bearer.mid(7)},
         {u"/v1/listen?encoding=linear16&sample_rate=16000&language=de"_s, bearer},
-        {u"/v1/listen?encoding=mulaw&sample_rate=8000"_s, bearer}, {u"/v3/listen"_s, bearer},
+        {u"/v1/listen?encoding=mulaw&sample_rate=8000"_s, bearer},
+        {u"/v3/listen"_s, bearer},
     };
     for (const auto& [path, authorization] : refusals) {
         SCOPED_TRACE(path.toStdString() + ' ' + authorization.toStdString());
@@ -132,7 +145,8 @@ TEST_F(ListenChannelTest, AClientThatVanishesMidPhraseEndsItsDecoder)
     vanishing->sendAudio(*speech + *speech + *speech, 3'200);
     ASSERT_TRUE(waitUntil([&] { return vanishing->count(u"Results"_s) > 0; }, decodeTimeoutMs));
     vanishing->socket.abort();
-    EXPECT_TRUE(waitUntil([] { return ListenChannel::openCount() == 0; })) << "the decoder's thread ends with its socket";
+    EXPECT_TRUE(waitUntil([] { return ListenChannel::openCount() == 0; }))
+        << "the decoder's thread ends with its socket";
     EXPECT_EQ(curl({server.base() + u"/health"_s}).status, 200);
     EXPECT_TRUE(open(englishPath, bearer)->waitConnected());
 }
@@ -144,14 +158,26 @@ TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeechThroughGarbageA
     // Questions that the recogniser hears well enough for each text to be told from the others
     // (the general English model is weak on open speech).
     const QStringList questions{
-        u"tell me about a difficult problem you solved"_s, u"what are your greatest strengths"_s, u"what is your greatest weakness"_s,
-        u"what are your strengths and weaknesses"_s, u"why do you want this job"_s, u"what was your biggest achievement"_s,
-        u"how do you deal with difficult customers"_s, u"how would you test this feature"_s, u"what was the result"_s,
-        u"tell me about a project you are proud of"_s, u"tell me about a time you had a conflict with a colleague"_s,
-        u"how would your colleagues describe you"_s, u"how would you improve our product"_s, u"are you willing to relocate"_s,
-        u"I led the project from design to release"_s, u"how would you debug a performance problem"_s,
-        u"can you walk me through your approach"_s, u"how do you prioritize your work"_s,
-        u"my greatest strength is solving problems"_s, u"how did you measure success on that project"_s,
+        u"tell me about a difficult problem you solved"_s,
+        u"what are your greatest strengths"_s,
+        u"what is your greatest weakness"_s,
+        u"what are your strengths and weaknesses"_s,
+        u"why do you want this job"_s,
+        u"what was your biggest achievement"_s,
+        u"how do you deal with difficult customers"_s,
+        u"how would you test this feature"_s,
+        u"what was the result"_s,
+        u"tell me about a project you are proud of"_s,
+        u"tell me about a time you had a conflict with a colleague"_s,
+        u"how would your colleagues describe you"_s,
+        u"how would you improve our product"_s,
+        u"are you willing to relocate"_s,
+        u"I led the project from design to release"_s,
+        u"how would you debug a performance problem"_s,
+        u"can you walk me through your approach"_s,
+        u"how do you prioritize your work"_s,
+        u"my greatest strength is solving problems"_s,
+        u"how did you measure success on that project"_s,
     };
     // All the speech is made first, so that the sockets decode at the same time.
     std::vector<QByteArray> speech;
@@ -161,21 +187,26 @@ TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeechThroughGarbageA
         ASSERT_FALSE(speech.back().isEmpty());
         clients.push_back(open(autoDetectPath, bearer));
     }
-    EXPECT_TRUE(std::all_of(clients.begin(), clients.end(), [](auto& client) { return client->waitConnected(); }));
+    EXPECT_TRUE(std::all_of(clients.begin(), clients.end(),
+                            [](auto& client) { return client->waitConnected(); }));
     EXPECT_TRUE(waitUntil([&] { return ListenChannel::openCount() == questions.size(); }));
     for (std::size_t i = 0; i < clients.size(); ++i) {
-        for (const auto& garbage : {u""_s, u"not json"_s, u"{\"type\": 42}"_s, u"[1, 2]"_s, u"{\"type\": \"Nonsense\"}"_s, u"{\"type\": \"KeepAlive\"}"_s})
+        for (const auto& garbage : {u""_s, u"not json"_s, u"{\"type\": 42}"_s, u"[1, 2]"_s,
+                                    u"{\"type\": \"Nonsense\"}"_s, u"{\"type\": \"KeepAlive\"}"_s})
             clients[i]->socket.sendTextMessage(garbage);
-        // On one socket two lone bytes make one sample; odd frames then split every other sample in two.
+        // On one socket two lone bytes make one sample; odd frames then split every other sample in
+        // two.
         const bool odd = questions[qsizetype(i)].compare(proudQuestion, Qt::CaseInsensitive) == 0;
         clients[i]->sendAudio(QByteArray(odd * 2, '\0'), 1);
         clients[i]->sendAudio(speech[i], 3'200 + odd);
         clients[i]->socket.sendTextMessage(closeStream);
     }
     for (auto& client : clients) {
-        ASSERT_TRUE(waitUntil([&] { return client->isClosed; }, decodeTimeoutMs)) << "the server closes the socket after its last message";
+        ASSERT_TRUE(waitUntil([&] { return client->isClosed; }, decodeTimeoutMs))
+            << "the server closes the socket after its last message";
         EXPECT_GT(client->count(u"Results"_s, true), 0) << "partials while the phrase is under way";
-        EXPECT_TRUE(client->count(u"Metadata"_s) == 1 && client->messages.last()[u"type"_s] == u"Metadata"_s);
+        EXPECT_TRUE(client->count(u"Metadata"_s) == 1
+                    && client->messages.last()[u"type"_s] == u"Metadata"_s);
     }
     for (qsizetype i = 0; i < questions.size(); ++i) {
         const auto heard = clients[std::size_t(i)]->finals();
@@ -183,6 +214,7 @@ TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeechThroughGarbageA
         SCOPED_TRACE(heard.toStdString());
         EXPECT_GE(2 * own, questions[i].count(u' ') + 1) << questions[i].toStdString();
         for (qsizetype j = 0; j < questions.size(); ++j)
-            EXPECT_TRUE(j == i || SpokenAudio::wordsHeard(questions[j], heard) < own) << questions[j].toStdString();
+            EXPECT_TRUE(j == i || SpokenAudio::wordsHeard(questions[j], heard) < own)
+                << questions[j].toStdString();
     }
 }

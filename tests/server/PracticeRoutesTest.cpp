@@ -20,7 +20,10 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-quint32 le32(const QByteArray& bytes, qsizetype at) { return qFromLittleEndian<quint32>(bytes.constData() + at); }
+quint32 le32(const QByteArray& bytes, qsizetype at)
+{
+    return qFromLittleEndian<quint32>(bytes.constData() + at);
+}
 
 const auto practice = u"/api/v1/mock-interview/"_s;
 
@@ -35,15 +38,22 @@ protected:
 TEST_F(PracticeRoutesTest, QuestionsComeInTheCountAndLanguageAskedForWithoutRepeats)
 {
     const auto other = server.signUp();
-    const auto job = server.call(account, "POST", u"/api/v1/job-description"_s, R"({"title":"Build Engineer","company":"Acme","content":"CI"})").json()[u"id"_s];
+    const auto job = server
+                         .call(account, "POST", u"/api/v1/job-description"_s,
+                               R"({"title":"Build Engineer","company":"Acme","content":"CI"})")
+                         .json()[u"id"_s];
     const auto ask = [&](const ServerHarness::Account& who, const QString& language, int count) {
-        const auto result = server.call(who, "POST", practice + u"questions"_s,
-                                        compact({{u"language"_s, language}, {u"count"_s, count}, {u"jobDescriptionId"_s, job}}));
+        const auto result = server.call(
+            who, "POST", practice + u"questions"_s,
+            compact(
+                {{u"language"_s, language}, {u"count"_s, count}, {u"jobDescriptionId"_s, job}}));
         EXPECT_EQ(result.status, 200) << result.body.toStdString();
         return result.json();
     };
     QSet<QString> sessions;
-    for (const auto& [language, count, served] : {std::tuple{u"en"_s, 8, u"en"_s}, {u"de-AT"_s, 20, u"de"_s}, {u"ja"_s, 5, u"en"_s},
+    for (const auto& [language, count, served] : {std::tuple{u"en"_s, 8, u"en"_s},
+                                                  {u"de-AT"_s, 20, u"de"_s},
+                                                  {u"ja"_s, 5, u"en"_s},
                                                   {u"auto"_s, 1, u"en"_s}}) {
         SCOPED_TRACE(language.toStdString());
         // The other user's job description shapes nothing for this user.
@@ -66,7 +76,8 @@ TEST_F(PracticeRoutesTest, QuestionsComeInTheCountAndLanguageAskedForWithoutRepe
     }
     EXPECT_TRUE(sessions.size() == 4 && !sessions.contains(QString())) << sessions.size();
     // The user's own job description shapes the first question.
-    EXPECT_EQ(ask(account, u"en"_s, 3)[u"questions"_s][0][u"text"_s].toString(), u"What interests you about the role of Build Engineer at Acme?"_s);
+    EXPECT_EQ(ask(account, u"en"_s, 3)[u"questions"_s][0][u"text"_s].toString(),
+              u"What interests you about the role of Build Engineer at Acme?"_s);
 }
 
 TEST_F(PracticeRoutesTest, HostileRequestsAreRefused)
@@ -74,14 +85,23 @@ TEST_F(PracticeRoutesTest, HostileRequestsAreRefused)
     const auto huge = compact({{u"text"_s, QString(SpeechSynthesizer::maxTextLength + 1, u'a')}});
     const auto tts = practice + u"tts"_s;
     const auto questions = practice + u"questions"_s;
-    expectRoutes(server, account, {
-        {"POST", tts, huge, 413}, {"POST", tts, QByteArray(2 * 1024 * 1024, '{'), 413}, {"POST", tts, "{\"text\":", 400},
-        {"POST", tts, "[\"text\"]", 400}, {"POST", tts, R"({"text":42})", 400}, {"POST", tts, R"({"text":"   "})", 400},
-        {"POST", questions, "{oops", 400}, {"POST", questions, R"({"count":0})", 400}, {"POST", questions, R"({"count":21})", 400},
-        {"POST", questions, R"({"count":2.5})", 400}, {"POST", questions, R"({"count":"8"})", 400},
-        {"POST", questions, R"({"count":8,"language":7})", 400}, {"POST", practice + u"avatar/generate"_s, "nope", 400},
-        {"GET", practice + u"avatar"_s, {}, 404}, // still serving
-    });
+    expectRoutes(server, account,
+                 {
+                     {"POST", tts, huge, 413},
+                     {"POST", tts, QByteArray(2 * 1024 * 1024, '{'), 413},
+                     {"POST", tts, "{\"text\":", 400},
+                     {"POST", tts, "[\"text\"]", 400},
+                     {"POST", tts, R"({"text":42})", 400},
+                     {"POST", tts, R"({"text":"   "})", 400},
+                     {"POST", questions, "{oops", 400},
+                     {"POST", questions, R"({"count":0})", 400},
+                     {"POST", questions, R"({"count":21})", 400},
+                     {"POST", questions, R"({"count":2.5})", 400},
+                     {"POST", questions, R"({"count":"8"})", 400},
+                     {"POST", questions, R"({"count":8,"language":7})", 400},
+                     {"POST", practice + u"avatar/generate"_s, "nope", 400},
+                     {"GET", practice + u"avatar"_s, {}, 404}, // still serving
+                 });
 }
 
 TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
@@ -89,20 +109,28 @@ TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
     const auto avatar = practice + u"avatar"_s;
     const auto& first = account;
     const auto second = server.signUp();
-    const auto image = [&](const ServerHarness::Account& account) { return server.call(account, "GET", avatar + u"/image"_s); };
+    const auto image = [&](const ServerHarness::Account& account) {
+        return server.call(account, "GET", avatar + u"/image"_s);
+    };
     expectRoutes(server, first, {{"GET", avatar, {}, 404}, {"GET", avatar + u"/image"_s, {}, 404}});
     const auto generated = server.call(first, "POST", avatar + u"/generate"_s, "{}").json();
     EXPECT_FALSE(generated[u"key"_s].toString().isEmpty());
-    EXPECT_TRUE(QDateTime::fromString(generated[u"generatedAt"_s].toString(), Qt::ISODateWithMs).isValid());
+    EXPECT_TRUE(
+        QDateTime::fromString(generated[u"generatedAt"_s].toString(), Qt::ISODateWithMs).isValid());
     EXPECT_EQ(server.call(first, "GET", avatar).json(), generated);
     const auto firstImage = image(first);
     ASSERT_EQ(firstImage.status, 200);
     EXPECT_TRUE(firstImage.headers.toLower().contains("content-type: image/png"));
     const auto picture = QImage::fromData(firstImage.body, "PNG");
     EXPECT_EQ(picture.size(), QSize(512, 512));
-    EXPECT_GT(QSet<QRgb>({picture.pixel(20, 20), picture.pixel(256, 230), picture.pixel(256, 500)}).size(), 1) << "a picture, not a blank";
+    EXPECT_GT(QSet<QRgb>({picture.pixel(20, 20), picture.pixel(256, 230), picture.pixel(256, 500)})
+                  .size(),
+              1)
+        << "a picture, not a blank";
     // Another user gets another face; so does a regeneration.
-    expectRoutes(server, second, {{"GET", avatar + u"/image"_s, {}, 404}, {"POST", avatar + u"/generate"_s, "{}", 200}});
+    expectRoutes(
+        server, second,
+        {{"GET", avatar + u"/image"_s, {}, 404}, {"POST", avatar + u"/generate"_s, "{}", 200}});
     const auto secondImage = image(second).body;
     EXPECT_NE(QImage::fromData(secondImage, "PNG"), picture);
     ASSERT_EQ(server.call(first, "POST", avatar + u"/generate"_s, "").status, 200);
@@ -121,7 +149,8 @@ TEST(PracticeSpeechTest, AStuckChildIsKilledWhenItsTimeIsUp)
 {
     QTemporaryDir dir;
     ServerConfig config;
-    config.espeakProgram = writeFile(dir.filePath(u"stuck-espeak"_s), "#!/bin/sh\necho $$ >\"$0.pid\"\nexec sleep 600\n", true);
+    config.espeakProgram = writeFile(dir.filePath(u"stuck-espeak"_s),
+                                     "#!/bin/sh\necho $$ >\"$0.pid\"\nexec sleep 600\n", true);
     ServerHarness server(config);
     const auto account = server.signUp();
     QProcess request;
@@ -157,47 +186,71 @@ if b'fail' in text:
 sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     + struct.pack('<IHHIIHH', 16, 1, 1, 22050, 44100, 2, 16)
     + b'data' + struct.pack('<I', 0x7ffff000) + struct.pack('<4h', 0, 1000, -1000, 0))
-)", true);
+)",
+                                     true);
     ServerHarness server(config);
     const auto account = server.signUp();
-    const auto speak = [&](const QJsonObject& body) { return server.call(account, "POST", practice + u"tts"_s, compact(body)); };
+    const auto speak = [&](const QJsonObject& body) {
+        return server.call(account, "POST", practice + u"tts"_s, compact(body));
+    };
     const auto spoken = speak({{u"text"_s, u"Why $(touch /tmp/x); rm -rf ~ `id` -v de"_s}});
     ASSERT_EQ(spoken.status, 200) << spoken.body.toStdString();
-    EXPECT_TRUE(spoken.headers.toLower().contains("content-type: audio/wav") && spoken.body.size() == 44 + 8 && le32(spoken.body, 40) == 8u);
-    ASSERT_EQ(speak({{u"text"_s, u"Warum interessieren Sie sich für diese Stelle?"_s}}).status, 200);
+    EXPECT_TRUE(spoken.headers.toLower().contains("content-type: audio/wav")
+                && spoken.body.size() == 44 + 8 && le32(spoken.body, 40) == 8u);
+    ASSERT_EQ(speak({{u"text"_s, u"Warum interessieren Sie sich für diese Stelle?"_s}}).status,
+              200);
     ASSERT_EQ(speak({{u"text"_s, u"Hello"_s}, {u"language"_s, u"es"_s}}).status, 200);
     // After German questions, a text the bank does not hold (the question about the user's own
     // role) is spoken in German too.
-    ASSERT_EQ(server.call(account, "POST", practice + u"questions"_s, R"({"language":"de","count":1})").status, 200);
+    ASSERT_EQ(
+        server.call(account, "POST", practice + u"questions"_s, R"({"language":"de","count":1})")
+            .status,
+        200);
     ASSERT_EQ(speak({{u"text"_s, u"Was reizt Sie an der Stelle als Koch?"_s}}).status, 200);
     EXPECT_EQ(speak({{u"text"_s, u"please fail"_s}}).status, 500);
     // Without espeak-ng the route says what is missing.
     config.espeakProgram = u"/nonexistent/espeak-ng"_s;
     ServerHarness without(config);
-    const auto refused = without.call(without.signUp(), "POST", practice + u"tts"_s, R"({"text":"Hello"})");
-    EXPECT_TRUE(refused.status == 503 && refused.json()[u"error"_s].toString().contains(u"espeak-ng"_s)) << refused.body.toStdString();
+    const auto refused =
+        without.call(without.signUp(), "POST", practice + u"tts"_s, R"({"text":"Hello"})");
+    EXPECT_TRUE(refused.status == 503
+                && refused.json()[u"error"_s].toString().contains(u"espeak-ng"_s))
+        << refused.body.toStdString();
 
     QFile calls(dir.filePath(u"calls"_s));
     ASSERT_TRUE(calls.open(QIODevice::ReadOnly));
     const auto lines = QString::fromUtf8(calls.readAll()).split(u'\n', Qt::SkipEmptyParts);
     ASSERT_EQ(lines.size(), 5);
-    EXPECT_TRUE(lines[0].contains(u"$(touch /tmp/x); rm -rf ~ `id` -v de"_s)) << "on stdin, untouched";
+    EXPECT_TRUE(lines[0].contains(u"$(touch /tmp/x); rm -rf ~ `id` -v de"_s))
+        << "on stdin, untouched";
     const QStringList voices{u"en-us"_s, u"de"_s, u"es"_s, u"de"_s};
     for (qsizetype i = 0; i < voices.size(); ++i)
-        EXPECT_TRUE(lines[i].startsWith(u"(['-v', '"_s + voices[i] + u"', '--stdout'], b"_s)) << lines[i].toStdString();
+        EXPECT_TRUE(lines[i].startsWith(u"(['-v', '"_s + voices[i] + u"', '--stdout'], b"_s))
+            << lines[i].toStdString();
 }
 
 TEST(PracticeSpeechTest, StreamedHeadersAreCompletedAndOtherBytesRefused)
 {
     // What espeak-ng writes to a pipe: placeholder sizes, then the samples.
-    QByteArray streamed("RIFF\x24\xf0\xff\x7f" "WAVEfmt " "\x10\0\0\0" "\x01\0\x01\0" "\x22\x56\0\0" "\x44\xac\0\0" "\x02\0\x10\0" "data" "\x00\xf0\xff\x7f", 44);
+    QByteArray streamed("RIFF\x24\xf0\xff\x7f"
+                        "WAVEfmt "
+                        "\x10\0\0\0"
+                        "\x01\0\x01\0"
+                        "\x22\x56\0\0"
+                        "\x44\xac\0\0"
+                        "\x02\0\x10\0"
+                        "data"
+                        "\x00\xf0\xff\x7f",
+                        44);
     const QByteArray samples("\x01\x02\x03\x04\x05", 5);
     const auto completed = SpeechSynthesizer::completeWav(streamed + samples);
     ASSERT_TRUE(completed);
     // An odd byte is half a sample.
-    EXPECT_EQ(*completed, streamed.left(4) + QByteArray("\x28\0\0\0", 4) + streamed.mid(8, 32) + QByteArray("\x04\0\0\0", 4) + samples.left(4));
+    EXPECT_EQ(*completed, streamed.left(4) + QByteArray("\x28\0\0\0", 4) + streamed.mid(8, 32)
+                              + QByteArray("\x04\0\0\0", 4) + samples.left(4));
     auto floatFormat = streamed;
     floatFormat[20] = '\x03'; // not plain PCM
-    for (const auto& bad : {QByteArray(), QByteArray("RIFF....WAVE"), streamed.left(20), floatFormat + samples})
+    for (const auto& bad :
+         {QByteArray(), QByteArray("RIFF....WAVE"), streamed.left(20), floatFormat + samples})
         EXPECT_FALSE(SpeechSynthesizer::completeWav(bad)) << bad.toHex().left(48).toStdString();
 }

@@ -20,7 +20,8 @@ FakeAnswerEngine::Handle FakeAnswerEngine::answer(const ravlet::server::AnswerRe
                                                   std::function<void(const QString&)> onChunk,
                                                   std::function<void(const QString&)> onDone)
 {
-    auto pending = std::make_shared<Pending>(Pending{request, std::move(onChunk), std::move(onDone)});
+    auto pending =
+        std::make_shared<Pending>(Pending{request, std::move(onChunk), std::move(onDone)});
     answers.push_back(pending);
     if (finishAtOnce) {
         QTimer::singleShot(0, [pending] {
@@ -54,13 +55,15 @@ CurlResult curl(const QStringList& arguments)
     const auto output = process.readAllStandardOutput();
     const auto split = output.indexOf("\r\n\r\n");
     const auto headers = output.left(split);
-    return {headers.left(headers.indexOf("\r\n")).split(' ').value(1).toInt(), headers, split < 0 ? QByteArray() : output.mid(split + 4)};
+    return {headers.left(headers.indexOf("\r\n")).split(' ').value(1).toInt(), headers,
+            split < 0 ? QByteArray() : output.mid(split + 4)};
 }
 
 QString writeFile(const QString& path, const QByteArray& bytes, bool executable)
 {
     QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size()) << "cannot write " << path.toStdString();
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size())
+        << "cannot write " << path.toStdString();
     file.close();
     EXPECT_TRUE(!executable || file.setPermissions(file.permissions() | QFileDevice::ExeOwner));
     return path;
@@ -88,7 +91,8 @@ std::unique_ptr<Database> ServerHarness::reopen() const
 ServerHarness::Account ServerHarness::signUp()
 {
     const auto email = u"user-"_s + uuidLower() + u"@example.org"_s;
-    const auto user = std::get<UserRecord>(accounts->createAccount(email, u"correct horse battery"_s));
+    const auto user =
+        std::get<UserRecord>(accounts->createAccount(email, u"correct horse battery"_s));
     const auto pair = accounts->exchange(accounts->issueCode(user.id));
     return {user.id, email, pair->accessToken, pair->refreshToken};
 }
@@ -121,7 +125,8 @@ bool containsJson(const QJsonValue& actual, const QJsonValue& expected)
                });
     if (expected.isArray())
         return actual.isArray() && array.size() == wantedArray.size()
-               && std::equal(wantedArray.begin(), wantedArray.end(), array.begin(), [](const auto& w, const auto& a) { return containsJson(a, w); });
+               && std::equal(wantedArray.begin(), wantedArray.end(), array.begin(),
+                             [](const auto& w, const auto& a) { return containsJson(a, w); });
     return actual == expected;
 }
 
@@ -132,7 +137,8 @@ void expectRoutes(ServerHarness& server, const ServerHarness::Account& account,
 {
     for (const auto& c : cases) {
         const auto result = server.call(account, c.method, c.path, c.body);
-        const auto what = c.method + (' ' + c.path.toStdString()) + ' ' + c.body.left(40).toStdString();
+        const auto what =
+            c.method + (' ' + c.path.toStdString()) + ' ' + c.body.left(40).toStdString();
         EXPECT_EQ(result.status, c.status) << what;
         if (!c.json.isEmpty()) {
             EXPECT_TRUE(containsJson(result.json(), QJsonDocument::fromJson(c.json).object()))

@@ -25,7 +25,8 @@ public:
         bool cancelled = false;
     };
 
-    Handle answer(const ravlet::server::AnswerRequest& request, std::function<void(const QString&)> onChunk,
+    Handle answer(const ravlet::server::AnswerRequest& request,
+                  std::function<void(const QString&)> onChunk,
                   std::function<void(const QString&)> onDone) override;
 
     std::vector<std::shared_ptr<Pending>> answers;
@@ -65,7 +66,8 @@ public:
 
     QString base() const { return QStringLiteral("http://127.0.0.1:%1").arg(port); }
     // curl with the account's bearer token (if any) and, with a body, the JSON content type.
-    CurlResult call(const Account& account, const QByteArray& method, const QString& path, const QByteArray& body = {});
+    CurlResult call(const Account& account, const QByteArray& method, const QString& path,
+                    const QByteArray& body = {});
     // A second connection to this server's database, as after a restart.
     std::unique_ptr<Database> reopen() const;
 
@@ -89,7 +91,8 @@ struct RouteCase {
     int status;
     QByteArray json = {};
 };
-void expectRoutes(ServerHarness& server, const ServerHarness::Account& account, const std::vector<RouteCase>& cases);
+void expectRoutes(ServerHarness& server, const ServerHarness::Account& account,
+                  const std::vector<RouteCase>& cases);
 
 // Turns the event loop until `condition` holds or `timeoutMs` passes; returns the condition.
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 10'000);

@@ -24,10 +24,16 @@ QString chosen(const QStringList& arguments, const QStringList& environment)
         return u"error: "_s + *error;
     const auto& o = std::get<ServerOptions>(result);
     const auto vendor = o.config.speechVendor;
-    return QStringList{o.address.toString() + u' ' + QString::number(o.port), o.database, o.llmApiKey,
-                       QString::number(o.config.localSignIn) + u' ' + QString::number(o.config.offlineSpeech),
+    return QStringList{o.address.toString() + u' ' + QString::number(o.port),
+                       o.database,
+                       o.llmApiKey,
+                       QString::number(o.config.localSignIn) + u' '
+                           + QString::number(o.config.offlineSpeech),
                        o.config.speechEndpoint.value_or(u"-"_s),
-                       vendor ? QStringList{vendorName(vendor->vendor), vendor->apiKey, vendor->baseUrl, vendor->sttModel}.join(u' ') : u"-"_s}
+                       vendor ? QStringList{vendorName(vendor->vendor), vendor->apiKey,
+                                            vendor->baseUrl, vendor->sttModel}
+                                    .join(u' ')
+                              : u"-"_s}
         .join(u'|');
 }
 
@@ -38,8 +44,10 @@ TEST(ServerOptionsTest, CommandLineOverEnvironmentOverDefaultsAndSecretsFromFile
 {
     QTemporaryDir dir;
     const auto key = writeFile(dir.filePath(u"key"_s), "from-file\n");
-    const QStringList environment{u"RAVLET_LISTEN=0.0.0.0:9000"_s, u"RAVLET_DATABASE=postgresql://db/ravlet"_s,
-                                  u"RAVLET_LLM_API_KEY=from-env"_s, u"RAVLET_NO_LOCAL_SIGN_IN=1"_s, u"RAVLET_NO_OFFLINE_SPEECH=1"_s};
+    const QStringList environment{u"RAVLET_LISTEN=0.0.0.0:9000"_s,
+                                  u"RAVLET_DATABASE=postgresql://db/ravlet"_s,
+                                  u"RAVLET_LLM_API_KEY=from-env"_s, u"RAVLET_NO_LOCAL_SIGN_IN=1"_s,
+                                  u"RAVLET_NO_OFFLINE_SPEECH=1"_s};
     const QStringList both{u"RAVLET_DEEPGRAM_API_KEY=dg"_s, u"RAVLET_ELEVENLABS_API_KEY=el"_s};
     const struct {
         QStringList arguments, environment;
@@ -48,10 +56,16 @@ TEST(ServerOptionsTest, CommandLineOverEnvironmentOverDefaultsAndSecretsFromFile
         // Never every interface by default.
         {{}, {}, u"127.0.0.1 8787|~/RavletAI/server.sqlite||1 1|-|-"_s},
         {{}, environment, u"0.0.0.0 9000|postgresql://db/ravlet|from-env|0 0|-|-"_s},
-        {{u"--listen=[::1]:8800"_s, u"--llm-api-key-file"_s, key, u"--speech-endpoint"_s, u"ws://127.0.0.1:9100"_s}, environment,
+        {{u"--listen=[::1]:8800"_s, u"--llm-api-key-file"_s, key, u"--speech-endpoint"_s,
+          u"ws://127.0.0.1:9100"_s},
+         environment,
          u"::1 8800|postgresql://db/ravlet|from-file|0 0|ws://127.0.0.1:9100|-"_s},
-        {{}, {u"RAVLET_DEEPGRAM_API_KEY=dg-env"_s}, u"~|1 1|-|deepgram dg-env https://api.deepgram.com "_s},
-        {{u"--openai-key-file"_s, key, u"--openai-url"_s, u"http://127.0.0.1:9"_s, u"--openai-stt-model"_s, u"whisper-1"_s}, {},
+        {{},
+         {u"RAVLET_DEEPGRAM_API_KEY=dg-env"_s},
+         u"~|1 1|-|deepgram dg-env https://api.deepgram.com "_s},
+        {{u"--openai-key-file"_s, key, u"--openai-url"_s, u"http://127.0.0.1:9"_s,
+          u"--openai-stt-model"_s, u"whisper-1"_s},
+         {},
          u"~|1 1|-|openai from-file http://127.0.0.1:9 whisper-1"_s},
         // Two keys: the operator has to say which one mints.
         {{}, both, u"error: ~--speech-vendor"_s},
@@ -61,7 +75,8 @@ TEST(ServerOptionsTest, CommandLineOverEnvironmentOverDefaultsAndSecretsFromFile
         const auto actual = chosen(row.arguments, row.environment);
         const auto tilde = row.expected.indexOf(u'~');
         EXPECT_TRUE(tilde < 0 ? actual == row.expected
-                              : actual.startsWith(row.expected.left(tilde)) && actual.contains(row.expected.mid(tilde + 1)))
+                              : actual.startsWith(row.expected.left(tilde))
+                                    && actual.contains(row.expected.mid(tilde + 1)))
             << actual.toStdString() << " for " << row.arguments.join(u' ').toStdString();
     }
 }
@@ -70,21 +85,32 @@ TEST(ServerOptionsTest, RefusesSecretsOnTheCommandLineAndBadValues)
 {
     const auto secret = u"never given on the command line"_s;
     const std::pair<QStringList, QString> refusals[] = {
-        {{u"--llm-api-key"_s, u"sk-123"_s}, secret}, {{u"--llm-api-key=sk-123"_s}, secret},
-        {{u"--deepgram-key"_s, u"sk"_s}, secret}, {{u"--openai-api-key=sk"_s, u"sk"_s}, secret},
-        {{u"--elevenlabs-key"_s, u"sk"_s}, secret}, {{u"--listen"_s, u"8787"_s}, {}}, {{u"--listen"_s}, {}},
-        {{u"--speech-endpoint"_s, u"http://x"_s}, {}}, {{u"--llm-api-key-file"_s, u"/nonexistent/key"_s}, {}},
-        {{u"--frobnicate"_s}, {}}, {{u"--speech-vendor"_s, u"openai"_s}, {}}, // a vendor without its key
-        {{u"--speech-vendor"_s, u"acme"_s}, {}}, {{u"--deepgram-url"_s, u"wss://api.deepgram.com"_s}, {}},
+        {{u"--llm-api-key"_s, u"sk-123"_s}, secret},
+        {{u"--llm-api-key=sk-123"_s}, secret},
+        {{u"--deepgram-key"_s, u"sk"_s}, secret},
+        {{u"--openai-api-key=sk"_s, u"sk"_s}, secret},
+        {{u"--elevenlabs-key"_s, u"sk"_s}, secret},
+        {{u"--listen"_s, u"8787"_s}, {}},
+        {{u"--listen"_s}, {}},
+        {{u"--speech-endpoint"_s, u"http://x"_s}, {}},
+        {{u"--llm-api-key-file"_s, u"/nonexistent/key"_s}, {}},
+        {{u"--frobnicate"_s}, {}},
+        {{u"--speech-vendor"_s, u"openai"_s}, {}}, // a vendor without its key
+        {{u"--speech-vendor"_s, u"acme"_s}, {}},
+        {{u"--deepgram-url"_s, u"wss://api.deepgram.com"_s}, {}},
         {{u"--elevenlabs-key-file"_s, u"/nonexistent/key"_s}, {}},
     };
     for (const auto& [arguments, reason] : refusals)
-        EXPECT_TRUE(chosen(arguments, {}).startsWith(u"error: "_s) && chosen(arguments, {}).contains(reason)) << arguments.join(u' ').toStdString();
+        EXPECT_TRUE(chosen(arguments, {}).startsWith(u"error: "_s)
+                    && chosen(arguments, {}).contains(reason))
+            << arguments.join(u' ').toStdString();
     const auto help = parse({u"--help"_s});
     ASSERT_TRUE(std::get_if<ServerOptions::Help>(&help));
-    for (const auto& option : {u"--listen"_s, u"--database"_s, u"--llm-base-url"_s, u"--llm-model"_s, u"--llm-api-key-file"_s,
-                               u"--speech-endpoint"_s, u"--updates-dir"_s})
-        EXPECT_TRUE(std::get<ServerOptions::Help>(help).text.contains(option)) << option.toStdString();
+    for (const auto& option :
+         {u"--listen"_s, u"--database"_s, u"--llm-base-url"_s, u"--llm-model"_s,
+          u"--llm-api-key-file"_s, u"--speech-endpoint"_s, u"--updates-dir"_s})
+        EXPECT_TRUE(std::get<ServerOptions::Help>(help).text.contains(option))
+            << option.toStdString();
 }
 
 TEST(ServerOptionsTest, SigningKeyIsCreatedOnceAndKeptPrivate)
@@ -94,7 +120,8 @@ TEST(ServerOptionsTest, SigningKeyIsCreatedOnceAndKeptPrivate)
     const auto created = loadOrCreateSigningKey(path);
     ASSERT_TRUE(std::get_if<QByteArray>(&created));
     EXPECT_EQ(std::get<QByteArray>(created).size(), 32);
-    EXPECT_EQ(QFile(path).permissions() & (QFileDevice::ReadGroup | QFileDevice::ReadOther), QFileDevice::Permissions());
+    EXPECT_EQ(QFile(path).permissions() & (QFileDevice::ReadGroup | QFileDevice::ReadOther),
+              QFileDevice::Permissions());
     EXPECT_EQ(std::get<QByteArray>(loadOrCreateSigningKey(path)), std::get<QByteArray>(created));
     const auto refused = loadOrCreateSigningKey(writeFile(dir.filePath(u"short"_s), "abcd"));
     EXPECT_TRUE(std::get_if<QString>(&refused));

@@ -28,8 +28,10 @@ std::vector<int> serverSideNoDelay(quint16 port)
     for (int fd = 0; fd < 1024; ++fd) {
         sockaddr_in local{}, peer{};
         socklen_t size = sizeof local;
-        if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) != 0 || local.sin_family != AF_INET
-            || ntohs(local.sin_port) != port || (size = sizeof peer, getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size)) != 0)
+        if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) != 0
+            || local.sin_family != AF_INET || ntohs(local.sin_port) != port
+            || (size = sizeof peer, getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size))
+                   != 0)
             continue; // not ours, or the listening socket
         int value = -1;
         socklen_t length = sizeof value;
@@ -40,14 +42,18 @@ std::vector<int> serverSideNoDelay(quint16 port)
 }
 
 // curl posting to the answer route; `flag` is -N to print chunks as they come, -i for headers.
-void startAnswer(QProcess& process, ServerHarness& server, const Account& account, const QByteArray& body,
-                 const QString& flag = u"-N"_s)
+void startAnswer(QProcess& process, ServerHarness& server, const Account& account,
+                 const QByteArray& body, const QString& flag = u"-N"_s)
 {
-    process.start(u"curl"_s, {u"-s"_s, flag, u"-H"_s, u"Authorization: Bearer "_s + account.accessToken, u"--data-binary"_s,
+    process.start(u"curl"_s, {u"-s"_s, flag, u"-H"_s,
+                              u"Authorization: Bearer "_s + account.accessToken, u"--data-binary"_s,
                               QString::fromUtf8(body), server.base() + u"/api/v1/chat/answer"_s});
 }
 
-Account bearer(const QString& token) { return {{}, {}, token, {}}; }
+Account bearer(const QString& token)
+{
+    return {{}, {}, token, {}};
+}
 
 } // namespace
 
@@ -59,50 +65,76 @@ protected:
 
 TEST_F(ServerTest, EveryApiRouteRefusesMissingExpiredAndForgedTokens)
 {
-    const auto routes = u"POST interview/session|GET interview/session|GET interview/session/x|PUT interview/session/x|"
-                        u"POST interview/session/x/transcript|POST chat/answer|PATCH chat/log/x|GET chat/log/x|GET speech/token|"
-                        u"GET subscription/status|GET resume|POST resume/upload|DELETE resume/x|GET job-description|"
-                        u"POST job-description|DELETE job-description/x|POST mock-interview/questions|GET mock-interview/avatar|"
-                        u"POST mock-interview/avatar/generate|GET mock-interview/avatar/image|POST mock-interview/tts"_s.split(u'|');
-    // Same claims signed with another key; one issued a lifetime ago; the real one with its signature cut.
+    const auto routes =
+        u"POST interview/session|GET interview/session|GET interview/session/x|PUT "
+        u"interview/session/x|"
+        u"POST interview/session/x/transcript|POST chat/answer|PATCH chat/log/x|GET chat/log/x|GET "
+        u"speech/token|"
+        u"GET subscription/status|GET resume|POST resume/upload|DELETE resume/x|GET "
+        u"job-description|"
+        u"POST job-description|DELETE job-description/x|POST mock-interview/questions|GET "
+        u"mock-interview/avatar|"
+        u"POST mock-interview/avatar/generate|GET mock-interview/avatar/image|POST mock-interview/tts"_s
+            .split(u'|');
+    // Same claims signed with another key; one issued a lifetime ago; the real one with its
+    // signature cut.
     const auto issued = [&](const Clock& clock, const QByteArray& key) {
-        return AccountService(*server.db, clock, key).exchange(server.accounts->issueCode(account.id))->accessToken;
+        return AccountService(*server.db, clock, key)
+            .exchange(server.accounts->issueCode(account.id))
+            ->accessToken;
     };
     const auto forged = issued(server.clock, QByteArray(32, 'x'));
-    const auto expired = issued(ManualClock(server.clock.nowMs() - AccountService::accessLifetimeMs), ServerHarness::signingKey);
+    const auto expired =
+        issued(ManualClock(server.clock.nowMs() - AccountService::accessLifetimeMs),
+               ServerHarness::signingKey);
     for (const auto& route : routes) {
         for (const auto& token : {QString(), forged, expired, account.accessToken.chopped(2)})
-            EXPECT_EQ(server.call(bearer(token), route.section(u' ', 0, 0).toLatin1(), u"/api/v1/"_s + route.section(u' ', 1), "{}").status, 401)
+            EXPECT_EQ(server
+                          .call(bearer(token), route.section(u' ', 0, 0).toLatin1(),
+                                u"/api/v1/"_s + route.section(u' ', 1), "{}")
+                          .status,
+                      401)
                 << route.toStdString() << ' ' << token.toStdString();
     }
 }
 
 TEST_F(ServerTest, AccessTokensAndSignInCodesLastTheirTimeToTheMillisecond)
 {
-    const auto exchange = [&](const QString& code) { return server.call({}, "POST", u"/api/v1/auth/exchange"_s, compact({{u"code"_s, code}})).status; };
+    const auto exchange = [&](const QString& code) {
+        return server.call({}, "POST", u"/api/v1/auth/exchange"_s, compact({{u"code"_s, code}}))
+            .status;
+    };
     const struct {
         bool code; // else an access token on a route
         qint64 afterMs;
         int status;
-    } rows[] = {{false, AccountService::accessLifetimeMs - 1000, 200}, {false, AccountService::accessLifetimeMs, 401},
-                {true, AccountService::codeLifetimeMs - 1, 200}, {true, AccountService::codeLifetimeMs, 401}};
+    } rows[] = {{false, AccountService::accessLifetimeMs - 1000, 200},
+                {false, AccountService::accessLifetimeMs, 401},
+                {true, AccountService::codeLifetimeMs - 1, 200},
+                {true, AccountService::codeLifetimeMs, 401}};
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << row.code << ' ' << row.afterMs);
         const auto code = server.accounts->issueCode(account.id);
-        const auto access = server.accounts->exchange(server.accounts->issueCode(account.id))->accessToken;
+        const auto access =
+            server.accounts->exchange(server.accounts->issueCode(account.id))->accessToken;
         server.clock.advance(milliseconds(row.afterMs));
-        EXPECT_EQ(row.code ? exchange(code) : server.call(bearer(access), "GET", u"/api/v1/resume"_s).status, row.status);
+        EXPECT_EQ(row.code ? exchange(code)
+                           : server.call(bearer(access), "GET", u"/api/v1/resume"_s).status,
+                  row.status);
     }
 }
 
 TEST_F(ServerTest, CodesAreOneTimeAndRefreshTokensRotateInFamilies)
 {
-    const auto user = std::get<UserRecord>(server.accounts->createAccount(u"Ann@Example.org"_s, u"long enough"_s));
+    const auto user = std::get<UserRecord>(
+        server.accounts->createAccount(u"Ann@Example.org"_s, u"long enough"_s));
     const auto post = [&](const QString& route, const QString& field, const QString& value) {
         return server.call({}, "POST", u"/api/v1/auth/"_s + route, compact({{field, value}}));
     };
     const auto exchange = [&](const QString& code) { return post(u"exchange"_s, u"code"_s, code); };
-    const auto refresh = [&](const QString& token) { return post(u"refresh"_s, u"refreshToken"_s, token); };
+    const auto refresh = [&](const QString& token) {
+        return post(u"refresh"_s, u"refreshToken"_s, token);
+    };
 
     const auto code = server.accounts->issueCode(user.id);
     const auto first = exchange(code);
@@ -111,19 +143,31 @@ TEST_F(ServerTest, CodesAreOneTimeAndRefreshTokensRotateInFamilies)
     const auto r1 = first.json()[u"refreshToken"_s].toString();
     const auto r2 = refresh(r1).json()[u"refreshToken"_s].toString();
     ASSERT_FALSE(r2.isEmpty() || r2 == r1);
-    // r1 again: someone replays a spent token. The whole family ends, r2 included; another sign-in is its own family.
+    // r1 again: someone replays a spent token. The whole family ends, r2 included; another sign-in
+    // is its own family.
     EXPECT_EQ(refresh(r1).status, 401);
     EXPECT_EQ(refresh(r2).status, 401);
-    EXPECT_EQ(refresh(exchange(server.accounts->issueCode(user.id)).json()[u"refreshToken"_s].toString()).status, 200);
+    EXPECT_EQ(
+        refresh(exchange(server.accounts->issueCode(user.id)).json()[u"refreshToken"_s].toString())
+            .status,
+        200);
 
     // Payloads read with plain base64, whatever their length.
-    const auto odd = std::get<UserRecord>(server.accounts->createAccount(u"o'brien+jobs@example.org"_s, u"long enough"_s));
+    const auto odd = std::get<UserRecord>(
+        server.accounts->createAccount(u"o'brien+jobs@example.org"_s, u"long enough"_s));
     for (int i = 0; i < 3000; ++i) {
-        const auto payload = server.accounts->exchange(server.accounts->issueCode(odd.id))->accessToken.split(u'.').value(1).toLatin1();
+        const auto payload = server.accounts->exchange(server.accounts->issueCode(odd.id))
+                                 ->accessToken.split(u'.')
+                                 .value(1)
+                                 .toLatin1();
         ASSERT_FALSE(payload.contains('-') || payload.contains('_')) << payload.constData();
-        const auto claims = QJsonDocument::fromJson(QByteArray::fromBase64(payload + QByteArray((4 - payload.size() % 4) % 4, '='),
-                                                                           QByteArray::AbortOnBase64DecodingErrors)).object();
-        ASSERT_EQ(claims[u"sub"_s].toString() + claims[u"email"_s].toString(), odd.id + u"o'brien+jobs@example.org"_s);
+        const auto claims =
+            QJsonDocument::fromJson(
+                QByteArray::fromBase64(payload + QByteArray((4 - payload.size() % 4) % 4, '='),
+                                       QByteArray::AbortOnBase64DecodingErrors))
+                .object();
+        ASSERT_EQ(claims[u"sub"_s].toString() + claims[u"email"_s].toString(),
+                  odd.id + u"o'brien+jobs@example.org"_s);
         if (i % 500 == 0)
             server.clock.advance(std::chrono::seconds(1)); // other times, other payload lengths
     }
@@ -136,102 +180,142 @@ TEST_F(ServerTest, UsersNeverReachEachOthersData)
     const auto create = [&](const QString& path, const QByteArray& body) {
         return server.call(owner, "POST", path, body).json()[u"id"_s].toString();
     };
-    const auto session = u"/api/v1/interview/session/"_s + create(u"/api/v1/interview/session"_s, R"({"languageInput":"en","languageOutput":"de"})");
-    ASSERT_EQ(server.call(owner, "POST", session + u"/transcript"_s,
-                          R"({"entries":[{"id":"l1","speaker":"interviewer","content":"Secret","timestampMs":1,"confidence":0.5}]})").status, 200);
+    const auto session =
+        u"/api/v1/interview/session/"_s
+        + create(u"/api/v1/interview/session"_s, R"({"languageInput":"en","languageOutput":"de"})");
+    ASSERT_EQ(
+        server
+            .call(
+                owner, "POST", session + u"/transcript"_s,
+                R"({"entries":[{"id":"l1","speaker":"interviewer","content":"Secret","timestampMs":1,"confidence":0.5}]})")
+            .status,
+        200);
     const auto job = create(u"/api/v1/job-description"_s, R"({"title":"T","content":"C"})");
     const auto resume = curl({u"-H"_s, u"Authorization: Bearer "_s + owner.accessToken, u"-F"_s,
-                              u"file=@"_s + writeFile(server.dir.filePath(u"cv.txt"_s), "Led 40.") + u";type=text/plain"_s,
-                              server.base() + u"/api/v1/resume/upload"_s}).json()[u"id"_s].toString();
+                              u"file=@"_s + writeFile(server.dir.filePath(u"cv.txt"_s), "Led 40.")
+                                  + u";type=text/plain"_s,
+                              server.base() + u"/api/v1/resume/upload"_s})
+                            .json()[u"id"_s]
+                            .toString();
     ASSERT_FALSE(job.isEmpty() || resume.isEmpty());
     server.engine.finishAtOnce = true;
-    EXPECT_EQ(server.call(owner, "POST", u"/api/v1/chat/answer"_s, R"({"question":"q"})").status, 200);
+    EXPECT_EQ(server.call(owner, "POST", u"/api/v1/chat/answer"_s, R"({"question":"q"})").status,
+              200);
     auto logs = server.db->run(u"SELECT id FROM answer_logs WHERE user_id = ?"_s, {owner.id});
     ASSERT_TRUE(logs.next());
     const auto log = u"/api/v1/chat/log/"_s + logs.value(0).toString();
 
     // Each probe is the other user's token on the owner's id.
-    expectRoutes(server, other, {
-        {"GET", session, {}, 404},
-        {"PUT", session, R"({"status":"completed","sttAudioDurationMs":1})", 404},
-        {"POST", session + u"/transcript"_s, R"({"entries":[{"id":"l1","speaker":"user","content":"overwritten","timestampMs":1,"revision":9}]})", 404},
-        {"DELETE", u"/api/v1/resume/"_s + resume, {}, 404},
-        {"DELETE", u"/api/v1/job-description/"_s + job, {}, 404},
-        {"GET", log, {}, 404},
-        {"PATCH", log, R"({"answer":"changed"})", 404},
-        {"GET", u"/api/v1/interview/session"_s, {}, 200, R"({"sessions":[]})"},
-        {"GET", u"/api/v1/resume"_s, {}, 200, R"({"resumes":[]})"},
-        {"GET", u"/api/v1/job-description"_s, {}, 200, R"({"jobDescriptions":[]})"},
-    });
+    expectRoutes(
+        server, other,
+        {
+            {"GET", session, {}, 404},
+            {"PUT", session, R"({"status":"completed","sttAudioDurationMs":1})", 404},
+            {"POST", session + u"/transcript"_s,
+             R"({"entries":[{"id":"l1","speaker":"user","content":"overwritten","timestampMs":1,"revision":9}]})",
+             404},
+            {"DELETE", u"/api/v1/resume/"_s + resume, {}, 404},
+            {"DELETE", u"/api/v1/job-description/"_s + job, {}, 404},
+            {"GET", log, {}, 404},
+            {"PATCH", log, R"({"answer":"changed"})", 404},
+            {"GET", u"/api/v1/interview/session"_s, {}, 200, R"({"sessions":[]})"},
+            {"GET", u"/api/v1/resume"_s, {}, 200, R"({"resumes":[]})"},
+            {"GET", u"/api/v1/job-description"_s, {}, 200, R"({"jobDescriptions":[]})"},
+        });
     // An answer for the other user never sees the owner's documents.
     server.engine.answers.clear();
-    server.call(other, "POST", u"/api/v1/chat/answer"_s, compact({{u"question"_s, u"q"_s}, {u"resumeId"_s, resume}, {u"jobDescriptionId"_s, job}}));
+    server.call(
+        other, "POST", u"/api/v1/chat/answer"_s,
+        compact({{u"question"_s, u"q"_s}, {u"resumeId"_s, resume}, {u"jobDescriptionId"_s, job}}));
     ASSERT_EQ(server.engine.answers.size(), 1u);
-    EXPECT_EQ(server.engine.answers[0]->request.resumeText + server.engine.answers[0]->request.jobDescriptionText, QString());
-    expectRoutes(server, owner, {
-        {"GET", session, {}, 200, R"({"status":"active","transcript":[{"content":"Secret"}]})"},
-        {"GET", log, {}, 200, R"({"question":"q"})"},
-        {"GET", u"/api/v1/interview/session"_s, {}, 200, R"({"sessions":[{}]})"},
-        {"GET", u"/api/v1/resume"_s, {}, 200, R"({"resumes":[{}]})"},
-        {"GET", u"/api/v1/job-description"_s, {}, 200, R"({"jobDescriptions":[{}]})"},
-    });
+    EXPECT_EQ(server.engine.answers[0]->request.resumeText
+                  + server.engine.answers[0]->request.jobDescriptionText,
+              QString());
+    expectRoutes(
+        server, owner,
+        {
+            {"GET", session, {}, 200, R"({"status":"active","transcript":[{"content":"Secret"}]})"},
+            {"GET", log, {}, 200, R"({"question":"q"})"},
+            {"GET", u"/api/v1/interview/session"_s, {}, 200, R"({"sessions":[{}]})"},
+            {"GET", u"/api/v1/resume"_s, {}, 200, R"({"resumes":[{}]})"},
+            {"GET", u"/api/v1/job-description"_s, {}, 200, R"({"jobDescriptions":[{}]})"},
+        });
 }
 
 TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
 {
     const auto jobs = u"/api/v1/job-description"_s;
-    expectRoutes(server, account, {
-        {"POST", jobs, "{\"title\": ", 400},
-        {"POST", jobs, "[1,2]", 400},
-        {"POST", jobs, "{\"title\":\"\xff\xfe\",\"content\":\"x\"}", 400}, // not UTF-8
-        {"POST", jobs, R"({"title":5,"content":"x"})", 400},
-        // Valid JSON, but half a character that would be stored as something else.
-        {"POST", jobs, R"({"title":"Eng\udfff","content":"x"})", 400},
-        {"POST", jobs, R"({"title":"E","content":"x","\ud800":1})", 400},
-        {"POST", jobs, QByteArray(10 * 1024 * 1024, ' ') + "{}", 413},
-        {"POST", u"/api/v1/interview/session/x/transcript"_s, R"({"entries":[{"id":1}]})", 400},
-        {"GET", u"/api/v1/nothing-here"_s, {}, 404},
-        {"DELETE", u"/api/v1/resume"_s, {}, 405},
-    });
+    expectRoutes(
+        server, account,
+        {
+            {"POST", jobs, "{\"title\": ", 400},
+            {"POST", jobs, "[1,2]", 400},
+            {"POST", jobs, "{\"title\":\"\xff\xfe\",\"content\":\"x\"}", 400}, // not UTF-8
+            {"POST", jobs, R"({"title":5,"content":"x"})", 400},
+            // Valid JSON, but half a character that would be stored as something else.
+            {"POST", jobs, R"({"title":"Eng\udfff","content":"x"})", 400},
+            {"POST", jobs, R"({"title":"E","content":"x","\ud800":1})", 400},
+            {"POST", jobs, QByteArray(10 * 1024 * 1024, ' ') + "{}", 413},
+            {"POST", u"/api/v1/interview/session/x/transcript"_s, R"({"entries":[{"id":1}]})", 400},
+            {"GET", u"/api/v1/nothing-here"_s, {}, 404},
+            {"DELETE", u"/api/v1/resume"_s, {}, 405},
+        });
 
     // A body announced at a gigabyte and sent without end: refused once past the limit, with
     // the connection closed, before the server holds more than that.
     QTcpSocket flood;
     flood.connectToHost(QHostAddress::LocalHost, server.port);
     ASSERT_TRUE(waitUntil([&] { return flood.state() == QAbstractSocket::ConnectedState; }));
-    flood.write("POST /api/v1/telemetry/events HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000000\r\n\r\n");
+    flood.write(
+        "POST /api/v1/telemetry/events HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000000\r\n\r\n");
     const QByteArray megabyte(1024 * 1024, '0');
     qint64 sent = 0;
     QByteArray answer;
-    ASSERT_TRUE(waitUntil([&] {
-        answer += flood.readAll();
-        if (flood.state() == QAbstractSocket::ConnectedState && flood.bytesToWrite() < megabyte.size() && sent < 4 * HttpServer::maxRequestBytes)
-            sent += flood.write(megabyte);
-        return flood.state() != QAbstractSocket::ConnectedState;
-    }, 60'000)) << "the server never closed the connection";
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            answer += flood.readAll();
+            if (flood.state() == QAbstractSocket::ConnectedState
+                && flood.bytesToWrite() < megabyte.size() && sent < 4 * HttpServer::maxRequestBytes)
+                sent += flood.write(megabyte);
+            return flood.state() != QAbstractSocket::ConnectedState;
+        },
+        60'000))
+        << "the server never closed the connection";
     EXPECT_TRUE(answer.startsWith("HTTP/1.1 413 ")) << answer.left(80).constData();
     EXPECT_LT(sent, 2 * HttpServer::maxRequestBytes);
     // Still serving; a company is always there.
-    expectRoutes(server, account, {{"POST", jobs, R"({"title":"Engineer","content":"Build"})", 200, R"({"company":""})"}});
+    expectRoutes(
+        server, account,
+        {{"POST", jobs, R"({"title":"Engineer","content":"Build"})", 200, R"({"company":""})"}});
 }
 
 TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEngine)
 {
-    const auto job = server.call(account, "POST", u"/api/v1/job-description"_s, R"({"title":"SRE","content":"Keep services up"})").json()[u"id"_s];
+    const auto job = server
+                         .call(account, "POST", u"/api/v1/job-description"_s,
+                               R"({"title":"SRE","content":"Keep services up"})")
+                         .json()[u"id"_s];
     QProcess streaming;
-    startAnswer(streaming, server, account,
-                R"({"question":"Why this role?","language":"German","jobDescriptionId":")" + job.toString().toUtf8()
-                    + R"(","context":[{"speaker":"interviewer","content":"Hello"},{"speaker":"user","content":"Hi"}]})");
+    startAnswer(
+        streaming, server, account,
+        R"({"question":"Why this role?","language":"German","jobDescriptionId":")"
+            + job.toString().toUtf8()
+            + R"(","context":[{"speaker":"interviewer","content":"Hello"},{"speaker":"user","content":"Hi"}]})");
     ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 1; }));
     const auto pending = server.engine.answers[0];
-    EXPECT_EQ(QStringList({pending->request.question, pending->request.jobDescriptionText, pending->request.outputLanguage})
+    EXPECT_EQ(QStringList({pending->request.question, pending->request.jobDescriptionText,
+                           pending->request.outputLanguage})
                   + pending->request.recentTranscript,
-              (QStringList{u"Why this role?"_s, u"Keep services up"_s, u"German"_s, u"Interviewer: Hello"_s, u"You: Hi"_s}));
+              (QStringList{u"Why this role?"_s, u"Keep services up"_s, u"German"_s,
+                           u"Interviewer: Hello"_s, u"You: Hi"_s}));
 
     QByteArray seen;
     pending->onChunk(u"First part."_s);
     // The last chunk is produced only after curl has printed the first one.
-    ASSERT_TRUE(waitUntil([&] { return (seen += streaming.readAllStandardOutput()).contains("data: {\"content\":\"First part.\"}"); }));
+    ASSERT_TRUE(waitUntil([&] {
+        return (seen += streaming.readAllStandardOutput())
+            .contains("data: {\"content\":\"First part.\"}");
+    }));
     EXPECT_TRUE(seen.startsWith("data: {\"logId\":\"")) << seen.constData();
     // Lines go one by one: with Nagle's algorithm each would wait for the client's delayed ACK
     // of the one before, 40 ms on a connection kept open between answers.
@@ -240,7 +324,8 @@ TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsThe
     pending->onDone({});
     ASSERT_TRUE(waitUntil([&] { return streaming.state() == QProcess::NotRunning; }));
     seen += streaming.readAllStandardOutput();
-    EXPECT_TRUE(seen.endsWith("data: {\"content\":\" Second.\"}\n\ndata: [DONE]\n\n")) << seen.constData();
+    EXPECT_TRUE(seen.endsWith("data: {\"content\":\" Second.\"}\n\ndata: [DONE]\n\n"))
+        << seen.constData();
 
     // An engine failure before any text is a status; a client gone mid-answer cancels the engine.
     QProcess failing, leaving;
@@ -249,7 +334,9 @@ TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsThe
     server.engine.answers[1]->onDone(u"The model server is unreachable"_s);
     ASSERT_TRUE(waitUntil([&] { return failing.state() == QProcess::NotRunning; }));
     const auto output = failing.readAllStandardOutput();
-    EXPECT_TRUE(output.startsWith("HTTP/1.1 502") && output.contains("The model server is unreachable")) << output.constData();
+    EXPECT_TRUE(output.startsWith("HTTP/1.1 502")
+                && output.contains("The model server is unreachable"))
+        << output.constData();
     startAnswer(leaving, server, account, R"({"question":"q"})");
     ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 3; }));
     server.engine.answers[2]->onChunk(u"Partial"_s);
@@ -263,27 +350,40 @@ TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsThe
 TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
 {
     const auto jar = server.dir.filePath(u"cookies"_s);
-    const auto page = curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S-1.x&mode=register"_s});
-    EXPECT_TRUE(page.status == 200 && page.body.contains("Continue on this computer") && page.headers.contains("SameSite=Strict"));
+    const auto page =
+        curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S-1.x&mode=register"_s});
+    EXPECT_TRUE(page.status == 200 && page.body.contains("Continue on this computer")
+                && page.headers.contains("SameSite=Strict"));
     // Keyboard only: the address field takes the focus, and Tab goes on to the two passwords.
-    EXPECT_TRUE(QRegularExpression(u"<input id=\"email\"[^>]* autofocus .*<input id=\"password\".*<input id=\"confirm\""_s,
-                                   QRegularExpression::DotMatchesEverythingOption).match(QString::fromUtf8(page.body)).hasMatch());
-    const auto csrf = QRegularExpression(u"name=\"csrf\" value=\"([^\"]+)\""_s).match(QString::fromUtf8(page.body)).captured(1);
+    EXPECT_TRUE(
+        QRegularExpression(
+            u"<input id=\"email\"[^>]* autofocus .*<input id=\"password\".*<input id=\"confirm\""_s,
+            QRegularExpression::DotMatchesEverythingOption)
+            .match(QString::fromUtf8(page.body))
+            .hasMatch());
+    const auto csrf = QRegularExpression(u"name=\"csrf\" value=\"([^\"]+)\""_s)
+                          .match(QString::fromUtf8(page.body))
+                          .captured(1);
     ASSERT_FALSE(csrf.isEmpty());
-    const auto form = u"state=S-1.x&action=register&email=new%40example.org&password=pa55word!&confirm=pa55word!&csrf="_s;
+    const auto form =
+        u"state=S-1.x&action=register&email=new%40example.org&password=pa55word!&confirm=pa55word!&csrf="_s;
     const auto signIn = u"state=S&action=signin&email=NEW%40example.org&csrf="_s + csrf;
     const QStringList cookie{u"-b"_s, jar};
     // A form posted from another site carries no cookie of ours, or a token it could not read.
     const std::pair<QStringList, int> posts[] = {
-        {{form + csrf}, 403}, {cookie + QStringList{form + u"guess"_s}, 403},
+        {{form + csrf}, 403},
+        {cookie + QStringList{form + u"guess"_s}, 403},
         {cookie + QStringList{u"-H"_s, u"Origin: https://evil.example"_s, form + csrf}, 403},
-        {cookie + QStringList{form + csrf}, 303}, {cookie + QStringList{form + csrf}, 400}, // the same address again
-        {cookie + QStringList{signIn + u"&password=pa55word!"_s}, 303}, {cookie + QStringList{signIn + u"&password=nope"_s}, 401},
+        {cookie + QStringList{form + csrf}, 303},
+        {cookie + QStringList{form + csrf}, 400}, // the same address again
+        {cookie + QStringList{signIn + u"&password=pa55word!"_s}, 303},
+        {cookie + QStringList{signIn + u"&password=nope"_s}, 401},
     };
     for (const auto& [arguments, status] : posts) {
         auto options = arguments;
         options.insert(options.size() - 1, u"--data"_s);
-        EXPECT_EQ(curl(options << server.base() + u"/auth/login"_s).status, status) << options.join(u' ').toStdString();
+        EXPECT_EQ(curl(options << server.base() + u"/auth/login"_s).status, status)
+            << options.join(u' ').toStdString();
     }
     EXPECT_EQ(curl({server.base() + u"/auth/login?state=%3Cscript%3E"_s}).status, 400);
 
@@ -295,9 +395,12 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
         bool localSignIn;
         int status;
     } peers[] = {
-        {QHostAddress(u"192.0.2.10"_s), {}, true, 403}, {QHostAddress(u"::ffff:192.0.2.10"_s), {}, true, 403},
-        {QHostAddress::LocalHost, "192.0.2.10", true, 403}, {QHostAddress::LocalHost, {}, true, 303},
-        {QHostAddress::LocalHostIPv6, {}, true, 303}, {QHostAddress::LocalHostIPv6, {}, false, 403},
+        {QHostAddress(u"192.0.2.10"_s), {}, true, 403},
+        {QHostAddress(u"::ffff:192.0.2.10"_s), {}, true, 403},
+        {QHostAddress::LocalHost, "192.0.2.10", true, 403},
+        {QHostAddress::LocalHost, {}, true, 303},
+        {QHostAddress::LocalHostIPv6, {}, true, 303},
+        {QHostAddress::LocalHostIPv6, {}, false, 403},
     };
     for (const auto& c : peers) {
         request.peer = c.peer;
@@ -323,32 +426,53 @@ TEST(ServerConfigTest, TelemetryIsStoredAndCanBeTurnedOffForEveryone)
         TelemetryStore stored(*server.db);
         const auto before = std::pair{stored.eventCount(), stored.crashCount()};
         // 204 is the client's signal to drop what it holds.
-        expectRoutes(server, {}, {{"GET", u"/api/v1/telemetry/config"_s, {}, 200, enabled ? R"({"enabled":true,"sampleRate":1.0})" : R"({"enabled":false})"},
-                                  {"POST", u"/api/v1/telemetry/events"_s, batch, enabled ? 200 : 204},
-                                  {"POST", u"/api/v1/telemetry/crash"_s, R"({"deviceId":"d1","exceptionType":"SIGSEGV","lastState":"unknown"})", enabled ? 200 : 204},
-                                  {"POST", u"/api/v1/telemetry/events"_s, R"({"deviceId":"d1","events":[{}]})", enabled ? 400 : 204}});
-        EXPECT_EQ(std::pair(stored.eventCount(), stored.crashCount()), std::pair(before.first + (enabled ? 2 : 0), before.second + (enabled ? 1 : 0)));
+        expectRoutes(server, {},
+                     {{"GET",
+                       u"/api/v1/telemetry/config"_s,
+                       {},
+                       200,
+                       enabled ? R"({"enabled":true,"sampleRate":1.0})" : R"({"enabled":false})"},
+                      {"POST", u"/api/v1/telemetry/events"_s, batch, enabled ? 200 : 204},
+                      {"POST", u"/api/v1/telemetry/crash"_s,
+                       R"({"deviceId":"d1","exceptionType":"SIGSEGV","lastState":"unknown"})",
+                       enabled ? 200 : 204},
+                      {"POST", u"/api/v1/telemetry/events"_s, R"({"deviceId":"d1","events":[{}]})",
+                       enabled ? 400 : 204}});
+        EXPECT_EQ(std::pair(stored.eventCount(), stored.crashCount()),
+                  std::pair(before.first + (enabled ? 2 : 0), before.second + (enabled ? 1 : 0)));
     }
 }
 
 TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfTheFolder)
 {
     QTemporaryDir updates;
-    for (const auto& [name, bytes] : {std::pair{"RavletAI-0.9.0-linux-x86_64.tar.gz", "old"}, {"RavletAI-0.10.0-linux-x86_64.tar.gz", "newest package"},
-                                      {"RavletAI-0.10.0-linux-x86_64.changelog.txt", "Faster answers.\n"}, {"notes.tar.gz", "not a package"}})
+    for (const auto& [name, bytes] :
+         {std::pair{"RavletAI-0.9.0-linux-x86_64.tar.gz", "old"},
+          {"RavletAI-0.10.0-linux-x86_64.tar.gz", "newest package"},
+          {"RavletAI-0.10.0-linux-x86_64.changelog.txt", "Faster answers.\n"},
+          {"notes.tar.gz", "not a package"}})
         writeFile(updates.filePath(QLatin1String(name)), bytes);
     ServerConfig config;
     config.updatesDir = updates.path();
     ServerHarness server(config);
-    const auto check = [](const char* version) { return u"/download/check-update?v="_s + QLatin1String(version) + u"&platform=linux"_s; };
+    const auto check = [](const char* version) {
+        return u"/download/check-update?v="_s + QLatin1String(version) + u"&platform=linux"_s;
+    };
     // The newest by version, not by name; only the newest can be downloaded.
-    expectRoutes(server, {}, {
-        {"GET", check("0.9.5"), {}, 200, R"({"hasUpdate":true,"forceUpdate":false,"latest":{"version":"0.10.0","changelog":"Faster answers.","size":"14"}})"},
-        {"GET", check("0.10.0"), {}, 200, R"({"hasUpdate":false})"},
-        {"GET", u"/download/files/RavletAI-0.9.0-linux-x86_64.tar.gz"_s, {}, 404},
-        {"GET", u"/download/files/..%2Fserver.sqlite"_s, {}, 404},
-    });
-    const auto download = curl({server.call({}, "GET", check("0.9.5")).json()[u"latest"_s][u"downloadURL"_s].toString()});
+    expectRoutes(
+        server, {},
+        {
+            {"GET",
+             check("0.9.5"),
+             {},
+             200,
+             R"({"hasUpdate":true,"forceUpdate":false,"latest":{"version":"0.10.0","changelog":"Faster answers.","size":"14"}})"},
+            {"GET", check("0.10.0"), {}, 200, R"({"hasUpdate":false})"},
+            {"GET", u"/download/files/RavletAI-0.9.0-linux-x86_64.tar.gz"_s, {}, 404},
+            {"GET", u"/download/files/..%2Fserver.sqlite"_s, {}, 404},
+        });
+    const auto download = curl(
+        {server.call({}, "GET", check("0.9.5")).json()[u"latest"_s][u"downloadURL"_s].toString()});
     EXPECT_EQ(QByteArray::number(download.status) + ' ' + download.body, "200 newest package");
     writeFile(updates.filePath(u"minimum-version"_s), "0.9.9\n");
     expectRoutes(server, {}, {{"GET", check("0.9.5"), {}, 200, R"({"forceUpdate":true})"}});

@@ -23,18 +23,53 @@ struct Case {
     QString expected;
 };
 
-const auto englishOnly = u"Offline speech recognition supports English only; configure a speech vendor for "_s;
+const auto englishOnly =
+    u"Offline speech recognition supports English only; configure a speech vendor for "_s;
 
 const Case cases[] = {
-    {"a configured endpoint takes every language", u"ws://10.0.0.5:9100"_s, true, {}, u"de-DE"_s, false, 200, u"ws://10.0.0.5:9100"_s},
+    {"a configured endpoint takes every language",
+     u"ws://10.0.0.5:9100"_s,
+     true,
+     {},
+     u"de-DE"_s,
+     false,
+     200,
+     u"ws://10.0.0.5:9100"_s},
     {"built in, no session yet", {}, true, {}, {}, true, 200, u"{self}"_s},
     {"built in, auto detect", {}, true, {}, u"auto"_s, true, 200, u"{self}"_s},
     {"built in, British English", {}, true, {}, u"en-GB"_s, true, 200, u"{self}"_s},
-    {"built in, behind a TLS proxy", {}, true, u"https://ravlet.example.org"_s, u"en-US"_s, true, 200, u"wss://ravlet.example.org"_s},
+    {"built in, behind a TLS proxy",
+     {},
+     true,
+     u"https://ravlet.example.org"_s,
+     u"en-US"_s,
+     true,
+     200,
+     u"wss://ravlet.example.org"_s},
     {"built in refuses German", {}, true, {}, u"de-DE"_s, true, 503, englishOnly + u"German."_s},
-    {"built in refuses Chinese", {}, true, {}, u"zh-CN"_s, true, 503, englishOnly + u"Chinese (Simplified)."_s},
-    {"built in names a language it does not know by its code", {}, true, {}, u"pt-BR"_s, true, 503, englishOnly + u"pt-BR."_s},
-    {"speech off", {}, false, {}, u"en-US"_s, false, 503,
+    {"built in refuses Chinese",
+     {},
+     true,
+     {},
+     u"zh-CN"_s,
+     true,
+     503,
+     englishOnly + u"Chinese (Simplified)."_s},
+    {"built in names a language it does not know by its code",
+     {},
+     true,
+     {},
+     u"pt-BR"_s,
+     true,
+     503,
+     englishOnly + u"pt-BR."_s},
+    {"speech off",
+     {},
+     false,
+     {},
+     u"en-US"_s,
+     false,
+     503,
      u"Speech recognition is not set up on this server: start ravlet-server with --speech-endpoint"_s},
 };
 
@@ -58,8 +93,12 @@ TEST(SpeechTokensTest, TokenAndAccountStatusNameWhereSpeechGoes)
         ServerHarness server(config);
         const auto account = server.signUp();
         if (c.languageInput) {
-            ASSERT_EQ(server.call(account, "POST", u"/api/v1/interview/session"_s,
-                                  compact({{u"languageInput"_s, *c.languageInput}, {u"languageOutput"_s, u"en-US"_s}})).status, 200);
+            ASSERT_EQ(server
+                          .call(account, "POST", u"/api/v1/interview/session"_s,
+                                compact({{u"languageInput"_s, *c.languageInput},
+                                         {u"languageOutput"_s, u"en-US"_s}}))
+                          .status,
+                      200);
         }
         const auto reply = server.call(account, "GET", u"/api/v1/speech/token"_s);
         const auto object = reply.json();
@@ -67,7 +106,8 @@ TEST(SpeechTokensTest, TokenAndAccountStatusNameWhereSpeechGoes)
         if (reply.status == 200) {
             auto expected = c.expected;
             expected.replace(u"{self}"_s, server.base().replace(u"http://"_s, u"ws://"_s));
-            EXPECT_EQ(object[u"provider"_s].toString() + u' ' + object[u"endpoint"_s].toString(), u"deepgram "_s + expected);
+            EXPECT_EQ(object[u"provider"_s].toString() + u' ' + object[u"endpoint"_s].toString(),
+                      u"deepgram "_s + expected);
             // Bound to the user and short-lived; an access token is no speech token.
             const auto token = object[u"token"_s].toString();
             EXPECT_EQ(server.accounts->verifySpeechToken(token), account.id);
@@ -77,8 +117,11 @@ TEST(SpeechTokensTest, TokenAndAccountStatusNameWhereSpeechGoes)
         } else {
             EXPECT_EQ(object[u"error"_s].toString(), c.expected);
         }
-        const auto provider = server.call(account, "GET", u"/api/v1/subscription/status"_s).json()[u"speechProvider"_s];
-        EXPECT_EQ(provider, c.speechEndpoint || (c.offlineSpeech && builtIn) ? QJsonValue(u"deepgram"_s) : QJsonValue(QJsonValue::Undefined));
+        const auto provider = server.call(account, "GET", u"/api/v1/subscription/status"_s)
+                                  .json()[u"speechProvider"_s];
+        EXPECT_EQ(provider, c.speechEndpoint || (c.offlineSpeech && builtIn)
+                                ? QJsonValue(u"deepgram"_s)
+                                : QJsonValue(QJsonValue::Undefined));
     }
 }
 #pragma GCC diagnostic pop

@@ -31,19 +31,29 @@ struct VendorCase {
 };
 
 const VendorCase vendorCases[] = {
-    {SpeechVendor::deepgram, "/v1/auth/grant", R"({"access_token":"eyJhbGciOiJIUzI1NiJ9.dg-temporary.sig","expires_in":60})",
-     "eyJhbGciOiJIUzI1NiJ9.dg-temporary.sig", R"({"err_code":"INVALID_AUTH","err_msg":"Invalid credentials: )" + key + R"(","request_id":"r1"})",
+    {SpeechVendor::deepgram, "/v1/auth/grant",
+     R"({"access_token":"eyJhbGciOiJIUzI1NiJ9.dg-temporary.sig","expires_in":60})",
+     "eyJhbGciOiJIUzI1NiJ9.dg-temporary.sig",
+     R"({"err_code":"INVALID_AUTH","err_msg":"Invalid credentials: )" + key
+         + R"(","request_id":"r1"})",
      "authorization", "Token ", "ttl_seconds"},
-    {SpeechVendor::elevenlabs, "/v1/single-use-token/realtime_scribe", R"({"token":"sutkn_0a1b2c3d"})", "sutkn_0a1b2c3d",
-     R"({"detail":{"status":"invalid_api_key","message":"Invalid API key )" + key + R"("}})", "xi-api-key", "", nullptr},
+    {SpeechVendor::elevenlabs, "/v1/single-use-token/realtime_scribe",
+     R"({"token":"sutkn_0a1b2c3d"})", "sutkn_0a1b2c3d",
+     R"({"detail":{"status":"invalid_api_key","message":"Invalid API key )" + key + R"("}})",
+     "xi-api-key", "", nullptr},
     {SpeechVendor::openai, "/v1/realtime/client_secrets",
-     R"({"value":"ek_68af296e8e408191","expires_at":1756310470,"session":{"type":"transcription"}})", "ek_68af296e8e408191",
-     R"({"error":{"message":"Incorrect API key provided: )" + key + R"(.","type":"invalid_request_error","code":"invalid_api_key"}})",
+     R"({"value":"ek_68af296e8e408191","expires_at":1756310470,"session":{"type":"transcription"}})",
+     "ek_68af296e8e408191",
+     R"({"error":{"message":"Incorrect API key provided: )" + key
+         + R"(.","type":"invalid_request_error","code":"invalid_api_key"}})",
      "authorization", "Bearer ", "expires_after/seconds"},
 };
 
 // The vendor's name in test output, where the bytes of the case would say nothing.
-void PrintTo(const VendorCase& vendorCase, std::ostream* out) { *out << vendorName(vendorCase.vendor).toStdString(); }
+void PrintTo(const VendorCase& vendorCase, std::ostream* out)
+{
+    *out << vendorName(vendorCase.vendor).toStdString();
+}
 
 // Every warning the server prints, next to its own log lines.
 QStringList* capturedMessages = nullptr;
@@ -65,13 +75,22 @@ QJsonValue at(QJsonValue value, const QString& path)
 
 class VendorTokenTest : public ::testing::TestWithParam<VendorCase> {
 protected:
-    VendorTokenTest() : previousHandler(qInstallMessageHandler(captureMessage)) { capturedMessages = &messages; }
-    ~VendorTokenTest() override { qInstallMessageHandler(previousHandler); capturedMessages = nullptr; }
+    VendorTokenTest()
+        : previousHandler(qInstallMessageHandler(captureMessage))
+    {
+        capturedMessages = &messages;
+    }
+    ~VendorTokenTest() override
+    {
+        qInstallMessageHandler(previousHandler);
+        capturedMessages = nullptr;
+    }
 
     ServerConfig config() const
     {
         ServerConfig config;
-        config.speechVendor = SpeechVendorConfig{GetParam().vendor, longLivedKey, vendorFake->origin(), u"gpt-4o-mini-transcribe"_s};
+        config.speechVendor = SpeechVendorConfig{GetParam().vendor, longLivedKey,
+                                                 vendorFake->origin(), u"gpt-4o-mini-transcribe"_s};
         // The built-in recogniser is there too: a vendor's key still comes first.
         config.speechEndpoint = u"ws://127.0.0.1:1"_s;
         return config;
@@ -103,18 +122,21 @@ TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysH
     const auto& vendor = GetParam();
     const auto name = vendorDisplayName(vendor.vendor);
     auto limited = FakeBackend::Response::json(
-        429, R"({"err_msg":"Too many requests","detail":"Too many requests","error":{"message":"Rate limit reached"}})");
+        429,
+        R"({"err_msg":"Too many requests","detail":"Too many requests","error":{"message":"Rate limit reached"}})");
     limited.headers.append(std::pair<QByteArray, QByteArray>("Retry-After", "7"));
     const auto grant = FakeBackend::Response::json(200, vendor.grant);
-    vendorFake->setRouteSequence("POST", vendor.path,
-                                 {grant, grant, FakeBackend::Response::json(401, vendor.refusal), limited, limited,
-                                  FakeBackend::Response::json(500, "<html>upstream exploded</html>"),
-                                  FakeBackend::Response::json(200, R"({"unexpected":"shape"})"), grant});
+    vendorFake->setRouteSequence(
+        "POST", vendor.path,
+        {grant, grant, FakeBackend::Response::json(401, vendor.refusal), limited, limited,
+         FakeBackend::Response::json(500, "<html>upstream exploded</html>"),
+         FakeBackend::Response::json(200, R"({"unexpected":"shape"})"), grant});
     client.setAccessToken(account.accessToken);
     // One grant per request: each channel of an interview gets its own. The program reads it.
     EXPECT_EQ(awaitTask(client.fetchAccountStatus()).speechProvider, vendorName(vendor.vendor));
     const auto token = awaitTask(client.fetchSpeechToken());
-    EXPECT_EQ(token.provider + u' ' + token.token, vendorName(vendor.vendor) + u' ' + QString::fromUtf8(vendor.mintedToken));
+    EXPECT_EQ(token.provider + u' ' + token.token,
+              vendorName(vendor.vendor) + u' ' + QString::fromUtf8(vendor.mintedToken));
     EXPECT_FALSE(token.endpoint);
     const bool openai = vendor.vendor == SpeechVendor::openai;
     EXPECT_EQ(token.sttModel, openai ? std::optional(u"gpt-4o-mini-transcribe"_s) : std::nullopt);
@@ -127,24 +149,29 @@ TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysH
     EXPECT_FALSE(request.body.contains(key)) << "the key travels in a header only";
     EXPECT_TRUE(request.header("content-type").startsWith("application/json"));
     const auto sent = QJsonDocument::fromJson(request.body).object();
-    const int seconds = vendor.lifetimeField ? at(sent, QString::fromLatin1(vendor.lifetimeField)).toInt() : 1;
+    const int seconds =
+        vendor.lifetimeField ? at(sent, QString::fromLatin1(vendor.lifetimeField)).toInt() : 1;
     EXPECT_TRUE(seconds > 0 && seconds <= 300) << "short-lived: " << seconds;
     if (openai) {
-        EXPECT_EQ(at(sent, u"session/type"_s).toString() + u' ' + at(sent, u"session/audio/input/transcription/model"_s).toString(),
+        EXPECT_EQ(at(sent, u"session/type"_s).toString() + u' '
+                      + at(sent, u"session/audio/input/transcription/model"_s).toString(),
                   u"transcription gpt-4o-mini-transcribe"_s);
     }
 
     const auto badKey = fetchError(502);
-    EXPECT_TRUE(badKey.startsWith(name + u" refused this server's API key (HTTP 401"_s)) << badKey.toStdString();
+    EXPECT_TRUE(badKey.startsWith(name + u" refused this server's API key (HTTP 401"_s))
+        << badKey.toStdString();
     EXPECT_TRUE(badKey.contains(u"[key]"_s)) << "the vendor's words, with the key cut out";
-    EXPECT_TRUE(fetchError(503).startsWith(name + u" is limiting this server's requests (HTTP 429"_s));
+    EXPECT_TRUE(
+        fetchError(503).startsWith(name + u" is limiting this server's requests (HTTP 429"_s));
     EXPECT_TRUE(seen.toLower().contains("retry-after: 7"));
     // The program shows the server's words.
     try {
         awaitTask(client.fetchSpeechToken());
         ADD_FAILURE() << "a rate-limited vendor gave a token";
     } catch (const SpeechTokenError& error) {
-        EXPECT_TRUE(error.description().startsWith(name + u" is limiting"_s)) << error.description().toStdString();
+        EXPECT_TRUE(error.description().startsWith(name + u" is limiting"_s))
+            << error.description().toStdString();
     }
     EXPECT_EQ(fetchError(502), name + u" could not issue a speech token (HTTP 500)."_s);
     EXPECT_EQ(fetchError(502), name + u" answered without a speech token."_s);
@@ -153,7 +180,8 @@ TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysH
     EXPECT_TRUE(logs.lines().join(u'\n').contains(name + u" token request failed: HTTP 401"_s));
     vendorFake.reset();
     const auto unreachable = fetchError(503);
-    EXPECT_TRUE(unreachable.startsWith(name + u" could not be reached from this server"_s)) << unreachable.toStdString();
+    EXPECT_TRUE(unreachable.startsWith(name + u" could not be reached from this server"_s))
+        << unreachable.toStdString();
 
     // The key must not be anywhere a user or an operator's log could see it.
     EXPECT_FALSE(seen.contains(key)) << "in a response";
@@ -164,12 +192,15 @@ TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysH
     ASSERT_FALSE(files.isEmpty());
     for (const auto& file : files) {
         QFile stored(server.dir.filePath(file));
-        EXPECT_TRUE(stored.open(QIODevice::ReadOnly) && !stored.readAll().contains(key)) << file.toStdString();
+        EXPECT_TRUE(stored.open(QIODevice::ReadOnly) && !stored.readAll().contains(key))
+            << file.toStdString();
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Vendors, VendorTokenTest, ::testing::ValuesIn(vendorCases),
-                         [](const auto& info) { return vendorName(info.param.vendor).toStdString(); });
+                         [](const auto& info) {
+                             return vendorName(info.param.vendor).toStdString();
+                         });
 
 // A vendor that takes the connection and never answers: the token request gives up on the
 // server's clock, so that the client hears a clear error well before its own limit.
@@ -178,8 +209,10 @@ TEST(VendorTokensTest, AVendorThatNeverAnswersIsUnreachableAfterItsTime)
     QTcpServer silent;
     ASSERT_TRUE(silent.listen(QHostAddress::LocalHost));
     ServerConfig config;
-    config.speechVendor = SpeechVendorConfig{SpeechVendor::deepgram, longLivedKey,
-                                             u"http://127.0.0.1:%1"_s.arg(silent.serverPort()), {}};
+    config.speechVendor = SpeechVendorConfig{SpeechVendor::deepgram,
+                                             longLivedKey,
+                                             u"http://127.0.0.1:%1"_s.arg(silent.serverPort()),
+                                             {}};
     ServerHarness server(config);
     const auto account = server.signUp();
     // Once the request is there, the limit passes on the server's clock.
@@ -194,12 +227,17 @@ TEST(VendorTokensTest, AVendorThatNeverAnswersIsUnreachableAfterItsTime)
 
 TEST(VendorTokensTest, AnAnswerThatHandsBackTheKeyItselfIsNoToken)
 {
-    const auto echoed = VendorTokens::interpret({SpeechVendor::deepgram, longLivedKey, {}, {}}, {200, R"({"access_token":")" + key + R"("})", {}, {}});
+    const auto echoed =
+        VendorTokens::interpret({SpeechVendor::deepgram, longLivedKey, {}, {}},
+                                {200, R"({"access_token":")" + key + R"("})", {}, {}});
     ASSERT_TRUE(std::get_if<VendorTokens::Failure>(&echoed));
     EXPECT_FALSE(std::get<VendorTokens::Failure>(echoed).message.contains(longLivedKey));
     // OpenAI's older transcription-session answer nests the secret.
-    const auto nested = VendorTokens::interpret({SpeechVendor::openai, longLivedKey, {}, u"whisper-1"_s},
-                                                {200, R"({"client_secret":{"value":"ek_nested","expires_at":1}})", {}, {}});
+    const auto nested = VendorTokens::interpret(
+        {SpeechVendor::openai, longLivedKey, {}, u"whisper-1"_s},
+        {200, R"({"client_secret":{"value":"ek_nested","expires_at":1}})", {}, {}});
     ASSERT_TRUE(std::get_if<VendorTokens::Token>(&nested));
-    EXPECT_EQ(std::get<VendorTokens::Token>(nested).token + u' ' + *std::get<VendorTokens::Token>(nested).sttModel, u"ek_nested whisper-1"_s);
+    EXPECT_EQ(std::get<VendorTokens::Token>(nested).token + u' '
+                  + *std::get<VendorTokens::Token>(nested).sttModel,
+              u"ek_nested whisper-1"_s);
 }

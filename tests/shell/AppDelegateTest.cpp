@@ -15,8 +15,10 @@ namespace {
 // The backend's answer to a refresh or an exchange: a new pair for the given user.
 FakeBackend::Response tokenPair(const QString& id, const QString& email)
 {
-    const QJsonObject pair{{u"accessToken"_s, accessTokenFor(id, email)}, {u"refreshToken"_s, u"refresh-2"_s},
-                           {u"user"_s, QJsonObject{{u"id"_s, u"u-1"_s}, {u"email"_s, u"a@example.com"_s}}}};
+    const QJsonObject pair{
+        {u"accessToken"_s, accessTokenFor(id, email)},
+        {u"refreshToken"_s, u"refresh-2"_s},
+        {u"user"_s, QJsonObject{{u"id"_s, u"u-1"_s}, {u"email"_s, u"a@example.com"_s}}}};
     return FakeBackend::Response::json(200, QJsonDocument(pair).toJson());
 }
 
@@ -24,17 +26,25 @@ class AppDelegateTest : public ::testing::Test, protected DelegateRig {
 protected:
     AppDelegateTest()
     {
-        h.notifications.addObserver(Notifications::overlayVisibilityChanged, nullptr,
-                                    [this](const Notification& n) { shell.log.append(u"overlay visible "_s + n.object.toString()); });
+        h.notifications.addObserver(
+            Notifications::overlayVisibilityChanged, nullptr, [this](const Notification& n) {
+                shell.log.append(u"overlay visible "_s + n.object.toString());
+            });
     }
 
-    void launch(std::optional<FakeBackend::Response> refreshedBy = {}) { DelegateRig::launch(shell, std::move(refreshedBy)); settle(); }
+    void launch(std::optional<FakeBackend::Response> refreshedBy = {})
+    {
+        DelegateRig::launch(shell, std::move(refreshedBy));
+        settle();
+    }
 
     void settle()
     {
         for (int k = 0; k < 5; ++k) {
             if (!delegate->lastTask().isFinished())
-                awaitTask([](TaskHandle task) -> QCoro::Task<> { co_await task.finished(); }(delegate->lastTask()));
+                awaitTask([](TaskHandle task) -> QCoro::Task<> {
+                    co_await task.finished();
+                }(delegate->lastTask()));
             QCoreApplication::processEvents();
         }
     }
@@ -42,7 +52,8 @@ protected:
     QStringList telemetryEvents() const
     {
         QStringList names;
-        for (const auto& event : delegate->telemetry().buffer()) names.append(event.name);
+        for (const auto& event : delegate->telemetry().buffer())
+            names.append(event.name);
         return names;
     }
 
@@ -55,10 +66,12 @@ protected:
 TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndHandlesTheOverlayFailuresAndForeignCallbacks)
 {
     launch();
-    EXPECT_EQ(shell.log, (QStringList{u"make token store"_s, u"make interview services"_s, u"give client to interview"_s,
-                                      u"install crash reporter after wiring"_s, u"create menu bar item"_s,
-                                      u"create overlay"_s, u"install tap"_s, u"create settings"_s, u"create welcome"_s,
-                                      u"install key monitors"_s, u"start update check"_s, u"show welcome"_s}));
+    EXPECT_EQ(shell.log,
+              (QStringList{u"make token store"_s, u"make interview services"_s,
+                           u"give client to interview"_s, u"install crash reporter after wiring"_s,
+                           u"create menu bar item"_s, u"create overlay"_s, u"install tap"_s,
+                           u"create settings"_s, u"create welcome"_s, u"install key monitors"_s,
+                           u"start update check"_s, u"show welcome"_s}));
     EXPECT_EQ(backend.totalRequests(), 0) << "no stored token, no request";
 
     // A start that asks for the overlay leaves it showing.
@@ -69,16 +82,20 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndHandlesTheOverlayFailuresAn
     delegate->handleLaunchArguments({u"--show-overlay"_s});
     h.notifications.post(Notifications::toggleOverlay);
     EXPECT_FALSE(menu->isOverlayVisible());
-    EXPECT_EQ(shell.log, (QStringList{u"show overlay"_s, u"overlay visible true"_s, u"hide overlay"_s,
-                                      u"overlay visible false"_s}));
+    EXPECT_EQ(shell.log, (QStringList{u"show overlay"_s, u"overlay visible true"_s,
+                                      u"hide overlay"_s, u"overlay visible false"_s}));
 
-    h.notifications.post(Notifications::apiRequestFailed, {}, {{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, u"500"_s}});
+    h.notifications.post(Notifications::apiRequestFailed, {},
+                         {{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, u"500"_s}});
     h.notifications.post(Notifications::apiRequestFailed, {}, {{u"status"_s, 500}});
-    h.notifications.post(Notifications::apiRequestFailed, {}, {{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, 503}});
+    h.notifications.post(Notifications::apiRequestFailed, {},
+                         {{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, 503}});
     settle();
     ASSERT_EQ(telemetryEvents().count(u"api_failed"_s), 1);
-    const auto& failed = delegate->telemetry().buffer().at(telemetryEvents().indexOf(u"api_failed"_s));
-    EXPECT_EQ(failed.props, (TelemetryClient::Props{{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, qint64(503)}}));
+    const auto& failed =
+        delegate->telemetry().buffer().at(telemetryEvents().indexOf(u"api_failed"_s));
+    EXPECT_EQ(failed.props,
+              (TelemetryClient::Props{{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, qint64(503)}}));
 
     h.notifications.post(Notifications::startOAuthLogin);
     ASSERT_EQ(opened.size(), 1);
@@ -95,7 +112,8 @@ TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutComesBackByADeepLinkAndQu
 {
     launch(restored);
     EXPECT_EQ(shell.log.mid(shell.log.indexOf(u"start update check"_s) + 1),
-              (QStringList{u"remove tap"_s, u"install tap"_s, u"show overlay"_s, u"overlay visible true"_s}));
+              (QStringList{u"remove tap"_s, u"install tap"_s, u"show overlay"_s,
+                           u"overlay visible true"_s}));
     EXPECT_EQ(delegate->interviewViewModel().userEmail(), u"back@example.com"_s);
     EXPECT_EQ(shell.userId, u"u-9"_s);
 

@@ -19,7 +19,8 @@ std::optional<std::string> g_skipReason;
 QByteArray stateValue(const QString& stateFile, const QByteArray& key)
 {
     QFile file(stateFile);
-    for (const auto& line : file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QByteArrayList()) {
+    for (const auto& line :
+         file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QByteArrayList()) {
         if (line.startsWith(key + '='))
             return line.mid(key.size() + 1);
     }
@@ -36,9 +37,11 @@ void DisplayFixture::attach()
     const auto missing = stateValue(state, "MISSING");
     const auto display = stateValue(state, "DISPLAY");
     if (!missing.isEmpty() || display.isEmpty()) {
-        g_skipReason = state.isEmpty() ? "RAVLET_DISPLAY_STATE is not set: run through CTest"
-            : !missing.isEmpty()       ? missing.toStdString() + " is not installed (scripts/install-deps.sh installs it)"
-                                       : "the display fixture did not start";
+        g_skipReason =
+            state.isEmpty() ? "RAVLET_DISPLAY_STATE is not set: run through CTest"
+            : !missing.isEmpty()
+                ? missing.toStdString() + " is not installed (scripts/install-deps.sh installs it)"
+                : "the display fixture did not start";
         return;
     }
     qputenv("DISPLAY", display);
@@ -46,7 +49,10 @@ void DisplayFixture::attach()
     qputenv("QT_QUICK_BACKEND", "software");
 }
 
-std::optional<std::string> DisplayFixture::skipReason() { return g_skipReason; }
+std::optional<std::string> DisplayFixture::skipReason()
+{
+    return g_skipReason;
+}
 
 std::optional<QString> DisplayFixture::tool(const QString& program, const QStringList& arguments)
 {
@@ -80,5 +86,6 @@ void DisplayFixture::saveScreenshot(QQuickWindow* window, const QString& name)
 {
     QTest::qWait(100); // the frame after the last change
     QDir().mkpath(QStringLiteral(RAVLET_SCREENSHOT_DIR));
-    window->grabWindow().save(QStringLiteral(RAVLET_SCREENSHOT_DIR "/") + name + QStringLiteral(".png"));
+    window->grabWindow().save(QStringLiteral(RAVLET_SCREENSHOT_DIR "/") + name
+                              + QStringLiteral(".png"));
 }

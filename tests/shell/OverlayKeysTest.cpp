@@ -22,16 +22,25 @@ TEST(OverlayKeysTest, TheTapTakesOnlyTheArrowsOfAVisibleOverlay)
     using enum TapAction;
     // Key, overlay visible, has a model, what the tap does.
     const std::tuple<quint16, bool, bool, TapAction> cases[] = {
-        {leftArrow, true, true, selectPreviousAnswer}, {rightArrow, true, true, selectNextAnswer},
-        {upArrow, true, true, selectPreviousTranscript}, {downArrow, true, true, selectNextTranscript},
-        {upArrow, false, true, passOn}, {leftArrow, true, false, passOn}, {f5, true, true, passOn}, {0, true, true, passOn}};
+        {leftArrow, true, true, selectPreviousAnswer},
+        {rightArrow, true, true, selectNextAnswer},
+        {upArrow, true, true, selectPreviousTranscript},
+        {downArrow, true, true, selectNextTranscript},
+        {upArrow, false, true, passOn},
+        {leftArrow, true, false, passOn},
+        {f5, true, true, passOn},
+        {0, true, true, passOn}};
     for (const auto& [code, visible, hasModel, action] : cases)
-        EXPECT_EQ(tapAction(code, visible, hasModel), action) << code << " " << visible << " " << hasModel;
+        EXPECT_EQ(tapAction(code, visible, hasModel), action)
+            << code << " " << visible << " " << hasModel;
 }
 
 TEST(OverlayKeysTest, TheTriggerFiresOnItsOwnKeyAndAModifierOnlyOnPress)
 {
-    const auto key = [](quint16 code) { return AITriggerKey{code, isModifierKey(code), UserSettings::modifierFlagForKeyCode(code), {}}; };
+    const auto key = [](quint16 code) {
+        return AITriggerKey{
+            code, isModifierKey(code), UserSettings::modifierFlagForKeyCode(code), {}};
+    };
     const quint64 shift = 0x20000;
     using enum EventKind;
     // Trigger key, the event its monitors get, suppressed, fires. Right Shift fires on its press
@@ -39,10 +48,16 @@ TEST(OverlayKeysTest, TheTriggerFiresOnItsOwnKeyAndAModifierOnlyOnPress)
     // fires on its key down with or without a modifier held, and not on a change of flags, which
     // its monitors never get.
     const std::tuple<quint16, KeyEvent, bool, bool> cases[] = {
-        {rightShift, {rightShift, flagsChanged, shift}, false, true}, {rightShift, {rightShift, flagsChanged, 0}, false, false},
-        {rightShift, {56, flagsChanged, shift}, false, false}, {rightShift, {rightShift, flagsChanged, shift}, true, false},
-        {57, {57, flagsChanged, 0}, false, true}, {f5, {f5, keyDown, 0}, false, true}, {f5, {f5, keyDown, shift}, false, true},
-        {f5, {f5, flagsChanged, 0}, false, false}, {f5, {97, keyDown, 0}, false, false}, {f5, {f5, keyDown, 0}, true, false}};
+        {rightShift, {rightShift, flagsChanged, shift}, false, true},
+        {rightShift, {rightShift, flagsChanged, 0}, false, false},
+        {rightShift, {56, flagsChanged, shift}, false, false},
+        {rightShift, {rightShift, flagsChanged, shift}, true, false},
+        {57, {57, flagsChanged, 0}, false, true},
+        {f5, {f5, keyDown, 0}, false, true},
+        {f5, {f5, keyDown, shift}, false, true},
+        {f5, {f5, flagsChanged, 0}, false, false},
+        {f5, {97, keyDown, 0}, false, false},
+        {f5, {f5, keyDown, 0}, true, false}};
     for (const auto& [code, event, suppressed, fires] : cases)
         EXPECT_EQ(triggerFires(key(code), suppressed, event), fires)
             << code << ": " << event.keyCode << " " << event.modifierFlags << " " << suppressed;
@@ -56,9 +71,12 @@ TEST(OverlayKeysTest, TheReaderTurnsPressesIntoEventsWithTheHeldModifiers)
     using enum EventKind;
     // Key, pressed, the event; both commands (54, 55) share a flag, so letting go of one keeps it.
     const std::tuple<quint16, bool, std::optional<KeyEvent>> steps[] = {
-        {59, true, KeyEvent{59, flagsChanged, 0x40000}}, {f5, true, KeyEvent{f5, keyDown, 0x40000}},
-        {54, true, KeyEvent{54, flagsChanged, 0x140000}}, {55, true, KeyEvent{55, flagsChanged, 0x140000}},
-        {54, false, KeyEvent{54, flagsChanged, 0x140000}}, {59, false, KeyEvent{59, flagsChanged, 0x100000}}};
+        {59, true, KeyEvent{59, flagsChanged, 0x40000}},
+        {f5, true, KeyEvent{f5, keyDown, 0x40000}},
+        {54, true, KeyEvent{54, flagsChanged, 0x140000}},
+        {55, true, KeyEvent{55, flagsChanged, 0x140000}},
+        {54, false, KeyEvent{54, flagsChanged, 0x140000}},
+        {59, false, KeyEvent{59, flagsChanged, 0x100000}}};
     for (const auto& [code, pressed, event] : steps)
         EXPECT_EQ(reader.read(code, pressed), event) << code << " " << pressed;
 }
@@ -78,8 +96,14 @@ TEST(OverlayKeysTest, EveryKeyOfTheSettingsTablesHasItsKeysymAndBack)
     }
     // The second keysyms of a key, and the keypad's 8 staying itself with Num Lock off.
     const std::pair<unsigned long, std::optional<quint16>> others[] = {
-        {XK_Super_L, 55}, {XK_Super_R, 54}, {XK_Alt_L, 58}, {XK_ISO_Level3_Shift, 61}, {XK_Q, canonicalKeyCode(XK_q)},
-        {XK_Up, upArrow}, {XK_KP_Up, 91}, {XK_Multi_key, std::nullopt}};
+        {XK_Super_L, 55},
+        {XK_Super_R, 54},
+        {XK_Alt_L, 58},
+        {XK_ISO_Level3_Shift, 61},
+        {XK_Q, canonicalKeyCode(XK_q)},
+        {XK_Up, upArrow},
+        {XK_KP_Up, 91},
+        {XK_Multi_key, std::nullopt}};
     for (const auto& [keysym, code] : others)
         EXPECT_EQ(canonicalKeyCode(keysym), code) << keysym;
 }

@@ -34,33 +34,48 @@ protected:
     OverlayModelTest() { h.settings.setAutoTriggerAIAnswers(false); }
 
     // A final line of its own: more than the utterance gap after the speaker's last one.
-    void line(Speaker speaker, const QString& text) { h.passTime(6s); h.say(speaker, text); }
-    QVariant rowValue(int row, int role) const { return overlay.transcriptRows()->index(row).data(role); }
+    void line(Speaker speaker, const QString& text)
+    {
+        h.passTime(6s);
+        h.say(speaker, text);
+    }
+    QVariant rowValue(int row, int role) const
+    {
+        return overlay.transcriptRows()->index(row).data(role);
+    }
 
     InterviewHarness h;
     qsizetype resumes = 0;
     bool resumeRequestFails = false;
-    OverlayViewModel overlay{OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock,
-                                                        [this] { return resumeCount(resumes, resumeRequestFails); }}};
+    OverlayViewModel overlay{
+        OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock,
+                                   [this] { return resumeCount(resumes, resumeRequestFails); }}};
     // Attached while both lists are still empty, so every change they make is checked.
-    QAbstractItemModelTester rowsTester{overlay.transcriptRows(), QAbstractItemModelTester::FailureReportingMode::Fatal};
-    QAbstractItemModelTester answersTester{overlay.answers(), QAbstractItemModelTester::FailureReportingMode::Fatal};
+    QAbstractItemModelTester rowsTester{overlay.transcriptRows(),
+                                        QAbstractItemModelTester::FailureReportingMode::Fatal};
+    QAbstractItemModelTester answersTester{overlay.answers(),
+                                           QAbstractItemModelTester::FailureReportingMode::Fatal};
 };
 
 // What the panel draws from plain values: the rows' shading, the divider's limits and the
 // answer area's view of the selected answer.
 TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerAreaShowsWhatIsSelected)
 {
-    // Row, rows, opacity. Of six, the second would reach zero by the formula and stays at the floor.
-    const std::array<double, 3> rows[] = {{0, 1, 1},    {0, 0, 1},   {0, 2, 0.75}, {0, 6, 0.25}, {1, 6, 0.25},
-                                          {2, 6, 0.25}, {3, 6, 0.5}, {4, 6, 0.75}, {5, 6, 1}};
+    // Row, rows, opacity. Of six, the second would reach zero by the formula and stays at the
+    // floor.
+    const std::array<double, 3> rows[] = {{0, 1, 1},    {0, 0, 1},    {0, 2, 0.75},
+                                          {0, 6, 0.25}, {1, 6, 0.25}, {2, 6, 0.25},
+                                          {3, 6, 0.5},  {4, 6, 0.75}, {5, 6, 1}};
     for (const auto& [row, count, opacity] : rows)
-        EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(int(row), int(count)), opacity) << row << " of " << count;
+        EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(int(row), int(count)), opacity)
+            << row << " of " << count;
     // Upper height, drag, total, new upper height. Of 600 the upper area can be 40 to 560 high;
     // too small for both, it keeps its minimum.
-    const std::array<double, 4> drags[] = {{120, 50, 600, 170}, {120, -500, 600, 40}, {120, 900, 600, 560}, {30, 10, 60, 40}};
+    const std::array<double, 4> drags[] = {
+        {120, 50, 600, 170}, {120, -500, 600, 40}, {120, 900, 600, 560}, {30, 10, 60, 40}};
     for (const auto& [upper, by, total, expected] : drags)
-        EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected) << upper << " " << by;
+        EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected)
+            << upper << " " << by;
 
     QList<AIAnswerEntry> three(3); // the last one still without text
     three[0].answer = u"one"_s;
@@ -78,7 +93,8 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
         {-1, false, {{}, false, placeholder, u"–/3"_s, false, false}},
     };
     const auto fields = [](const OverlayViewModel::AnswerView& v) {
-        return std::tuple(v.text, v.isStreaming, int(v.state), v.position, v.hasPrevious, v.hasNext);
+        return std::tuple(v.text, v.isStreaming, int(v.state), v.position, v.hasPrevious,
+                          v.hasNext);
     };
     for (const auto& [selected, generating, view] : cases)
         EXPECT_EQ(fields(OverlayViewModel::answerViewOf(three, selected, generating)), fields(view))
@@ -97,7 +113,8 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
     h.settings.setAutoTriggerAIAnswers(true);
     EXPECT_EQ(overlay.hintText(), u"AI will trigger automatically after interviewer speaks"_s);
     h.settings.setAutoTriggerAIAnswers(false);
-    h.settings.setAITriggerKey(AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
+    h.settings.setAITriggerKey(
+        AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
     EXPECT_EQ(overlay.hintText(), u"Press F5 to trigger AI after interviewer speaks"_s);
     EXPECT_TRUE(overlay.showsHint());
     EXPECT_FALSE(overlay.canTrigger()); // not recording
@@ -152,14 +169,17 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
 // be had; the resume button takes it away. An overlay without a backend client never shows it.
 TEST_F(OverlayModelTest, ResumeTipComesAfterTheDelayWhenNoResumeIsOnFile)
 {
-    OverlayViewModel noClient{OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock, {}}};
+    OverlayViewModel noClient{
+        OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock, {}}};
     resumeRequestFails = true;
     h.notifications.post(Notifications::overlayVisibilityChanged, false);
     h.passTime(1s);
     EXPECT_FALSE(overlay.showResumeTip()) << "hiding checks nothing";
 
     const std::tuple<const char*, bool, qsizetype, bool> cases[] = {
-        {"request fails", true, 0, true}, {"one on file", false, 1, false}, {"none on file", false, 0, true}};
+        {"request fails", true, 0, true},
+        {"one on file", false, 1, false},
+        {"none on file", false, 0, true}};
     for (const auto& [name, fails, onFile, tip] : cases) {
         SCOPED_TRACE(name);
         resumeRequestFails = fails;

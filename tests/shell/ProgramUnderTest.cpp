@@ -6,5 +6,6 @@
 // build, so the end-to-end tests build this copy, which takes it from RAVLET_TEST_BACKEND_ORIGIN.
 int main(int argc, char* argv[])
 {
-    return runRavletApplication(argc, argv, {qEnvironmentVariable("RAVLET_TEST_BACKEND_ORIGIN"), {}});
+    return runRavletApplication(argc, argv,
+                                {qEnvironmentVariable("RAVLET_TEST_BACKEND_ORIGIN"), {}});
 }

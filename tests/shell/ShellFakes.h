@@ -21,12 +21,22 @@
 
 #include <array>
 
-class RecordingShell final : public ShellWindows, public KeyMonitors, public UpdateChecks, public GlobalKeysRight {
+class RecordingShell final : public ShellWindows,
+                             public KeyMonitors,
+                             public UpdateChecks,
+                             public GlobalKeysRight {
 public:
-    static QString name(Panel panel) { return QStringList{u"overlay"_s, u"settings"_s, u"welcome"_s}.at(int(panel)); }
+    static QString name(Panel panel)
+    {
+        return QStringList{u"overlay"_s, u"settings"_s, u"welcome"_s}.at(int(panel));
+    }
 
     void createMenuBarItem(const ShellModels&) override { log.append(u"create menu bar item"_s); }
-    void createPanel(Panel panel, const ShellModels&) override { log.append(u"create "_s + name(panel)); m_created[int(panel)] = true; }
+    void createPanel(Panel panel, const ShellModels&) override
+    {
+        log.append(u"create "_s + name(panel));
+        m_created[int(panel)] = true;
+    }
     bool hasPanel(Panel panel) const override { return m_created[int(panel)]; }
     void show(Panel panel) override { setVisible(panel, true); }
     void hide(Panel panel) override { setVisible(panel, false); }
@@ -62,7 +72,8 @@ private:
 // An access token the client can read: only its payload matters.
 inline QString accessTokenFor(const QString& id, const QString& email)
 {
-    const auto payload = QJsonDocument(QJsonObject{{u"sub"_s, id}, {u"email"_s, email}}).toJson(QJsonDocument::Compact);
+    const auto payload = QJsonDocument(QJsonObject{{u"sub"_s, id}, {u"email"_s, email}})
+                             .toJson(QJsonDocument::Compact);
     return u"h."_s + QString::fromLatin1(payload.toBase64()) + u".s"_s;
 }
 
@@ -73,8 +84,10 @@ struct DelegateRig {
     // delegate and its client go, or the coroutine waiting for it is never resumed.
     void finish()
     {
-        if (delegate && delegate->models().overlay && delegate->models().overlay->isCheckingResumes()) {
-            EXPECT_TRUE(QTest::qWaitFor([&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
+        if (delegate && delegate->models().overlay
+            && delegate->models().overlay->isCheckingResumes()) {
+            EXPECT_TRUE(QTest::qWaitFor(
+                [&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
             QTest::qWait(100); // the answer is on its way back
         }
         delegate.reset();
@@ -87,23 +100,36 @@ struct DelegateRig {
         if (refreshedBy)
             backend.setRoute("POST", "/api/v1/auth/refresh", *refreshedBy);
         delegate = std::make_unique<AppDelegate>(AppDelegate::Environment{
-            backend.origin(), h.clock, h.preferences, h.notifications, h.strings, windows, shell, shell, h.rights, shell,
+            backend.origin(), h.clock, h.preferences, h.notifications, h.strings, windows, shell,
+            shell, h.rights, shell,
             [this, returning = refreshedBy.has_value()] {
                 shell.log.append(u"make token store"_s);
                 auto store = std::make_unique<InMemoryTokenStore>();
                 if (returning)
-                    awaitTask(store->saveTokens(accessTokenFor(u"u-9"_s, u"back@example.com"_s), u"refresh-1"_s));
+                    awaitTask(store->saveTokens(accessTokenFor(u"u-9"_s, u"back@example.com"_s),
+                                                u"refresh-1"_s));
                 tokens = store.get();
                 return store;
             },
-            [this] { shell.log.append(u"make interview services"_s); return h.services(); },
-            [this](APIClient&) { shell.log.append(u"give client to interview"_s); return h.backend; },
+            [this] {
+                shell.log.append(u"make interview services"_s);
+                return h.services();
+            },
+            [this](APIClient&) {
+                shell.log.append(u"give client to interview"_s);
+                return h.backend;
+            },
             [this](TelemetryClient* telemetry, std::function<QString()> lastState) {
-                const bool wired = delegate->authViewModel().apiClient() && shell.telemetry == telemetry;
-                shell.log.append(u"install crash reporter"_s + (wired ? u" after wiring"_s : u""_s));
+                const bool wired =
+                    delegate->authViewModel().apiClient() && shell.telemetry == telemetry;
+                shell.log.append(u"install crash reporter"_s
+                                 + (wired ? u" after wiring"_s : u""_s));
                 crashLastState = std::move(lastState);
             },
-            [this](const QUrl& url) { opened.append(url); return true; },
+            [this](const QUrl& url) {
+                opened.append(url);
+                return true;
+            },
             [] { return false; }, [this] { shell.log.append(u"terminate"_s); }});
         awaitTask(delegate->applicationDidFinishLaunching());
     }

@@ -18,13 +18,18 @@ using DisplayFixture::findByAccessibleName;
 // The whole shell over real windows, with the interview's fakes behind it.
 class WindowsTest : public ::testing::Test, protected DelegateRig {
 protected:
-    void SetUp() override { if (const auto reason = DisplayFixture::skipReason()) GTEST_SKIP() << *reason; }
+    void SetUp() override
+    {
+        if (const auto reason = DisplayFixture::skipReason())
+            GTEST_SKIP() << *reason;
+    }
     void TearDown() override { finish(); } // the windows go after the delegate
 
     void launch(const QString& language, bool noticeSeen = true)
     {
         h.strings.setLanguageCode(language);
-        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft : Qt::LeftToRight);
+        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft
+                                                                      : Qt::LeftToRight);
         h.preferences.setBool(UserSettings::Keys::telemetryNoticeShown, noticeSeen);
         DelegateRig::launch(windows);
         welcome = windows.quickWindow(ShellWindows::Panel::welcome);
@@ -42,7 +47,8 @@ protected:
     QQuickWindow* welcome = nullptr;
 };
 
-class WelcomeLanguageTest : public WindowsTest, public ::testing::WithParamInterface<const char*> {};
+class WelcomeLanguageTest : public WindowsTest,
+                            public ::testing::WithParamInterface<const char*> {};
 
 // Right to left in Arabic: a row's trailing control sits on the left.
 TEST_P(WelcomeLanguageTest, ShowsEachRightsStateInTheLanguageAndItsDirection)
@@ -51,7 +57,8 @@ TEST_P(WelcomeLanguageTest, ShowsEachRightsStateInTheLanguageAndItsDirection)
     h.rights.microphone = false;
     shell.keysGranted = true;
     launch(QString::fromLatin1(GetParam()));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate->models().welcome->screenPermission(); }, 5000));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return delegate->models().welcome->screenPermission(); }, 5000));
     EXPECT_TRUE(row("label.screen_recording", "label.granted"));
     auto* microphone = row("label.microphone", "btn.allow");
     ASSERT_TRUE(microphone);
@@ -84,15 +91,18 @@ TEST_F(WindowsTest, RightThatAppearsTurnsItsRowToGrantedAtTheNextPoll)
 {
     h.rights.systemAudio = false;
     launch(u"en"_s);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return h.clock.pendingTimerCount() > 0; }, 5000)) << "the first check never ended";
+    ASSERT_TRUE(QTest::qWaitFor([&] { return h.clock.pendingTimerCount() > 0; }, 5000))
+        << "the first check never ended";
     EXPECT_TRUE(row("label.screen_recording", "btn.open_settings"));
     h.rights.systemAudio = true;
     InterviewHarness::settle();
     EXPECT_FALSE(row("label.screen_recording", "label.granted")) << "changed before the next poll";
     h.clock.advance(WelcomeViewModel::pollInterval);
-    EXPECT_TRUE(QTest::qWaitFor([&] { return row("label.screen_recording", "label.granted") != nullptr; }, 5000));
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return row("label.screen_recording", "label.granted") != nullptr; }, 5000));
     windows.hide(ShellWindows::Panel::welcome);
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->models().welcome->isPolling(); }, 2000)) << "the timer outlived the panel";
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->models().welcome->isPolling(); }, 2000))
+        << "the timer outlived the panel";
 }
 
 } // namespace

@@ -21,7 +21,10 @@ struct FakePlatform {
 
 class FakeSystemAudioSource final : public SystemAudioSource {
 public:
-    explicit FakeSystemAudioSource(std::shared_ptr<FakePlatform> platform) : m_platform(std::move(platform)) {}
+    explicit FakeSystemAudioSource(std::shared_ptr<FakePlatform> platform)
+        : m_platform(std::move(platform))
+    {
+    }
     QCoro::Task<> start(BlockHandler onBlock) override
     {
         auto platform = m_platform;
@@ -40,12 +43,19 @@ private:
 };
 
 template<typename Sample>
-QByteArray bytesOf(std::initializer_list<Sample> samples) { return QByteArray(reinterpret_cast<const char*>(std::data(samples)), qsizetype(samples.size() * sizeof(Sample))); }
+QByteArray bytesOf(std::initializer_list<Sample> samples)
+{
+    return QByteArray(reinterpret_cast<const char*>(std::data(samples)),
+                      qsizetype(samples.size() * sizeof(Sample)));
+}
 
 // Hands one sample to `handler` the way the platform does, and runs the queued hand-over.
 void deliver(const SystemAudioSource::BlockHandler& handler, float sample)
 {
-    handler({{Format::float32, 1, 4, 16000}, 1, reinterpret_cast<const std::byte*>(&sample), sizeof sample});
+    handler({{Format::float32, 1, 4, 16000},
+             1,
+             reinterpret_cast<const std::byte*>(&sample),
+             sizeof sample});
     QCoreApplication::sendPostedEvents();
 }
 
@@ -61,7 +71,8 @@ Buffers drain(const std::shared_ptr<AudioStream>& stream)
 class AudioCaptureServiceTest : public ::testing::Test {
 protected:
     std::shared_ptr<FakePlatform> platform = std::make_shared<FakePlatform>();
-    AudioCaptureService service{[platform = platform] { return std::make_unique<FakeSystemAudioSource>(platform); }};
+    AudioCaptureService service{
+        [platform = platform] { return std::make_unique<FakeSystemAudioSource>(platform); }};
 };
 
 // Integer samples are read from the first channel of each frame; no block is read past its end
@@ -77,10 +88,18 @@ TEST(AudioCaptureConversionTest, EachBlockBecomesOneBufferOrNone)
         {bytesOf<float>({0.25f, -0.5f}), {Format::float32, 1, 4, 16000}, 2, {0.25f, -0.5f}},
         {bytesOf<float>({0.5f}), {Format::float32, 1, 4, 16000}, 3, {0.5f, 0, 0}},
         {bytesOf<float>({0.1f, 0.2f, 0.3f, 0.4f}), {Format::float32, 2, 8, 16000}, 2, {0.1f, 0.2f}},
-        {bytesOf<qint16>({32767, -32768, 16384}), {Format::int16, 1, 2, 16000}, 3,
+        {bytesOf<qint16>({32767, -32768, 16384}),
+         {Format::int16, 1, 2, 16000},
+         3,
          {1.0f, -32768.0f / 32767.0f, 16384.0f / 32767.0f}},
-        {bytesOf<qint16>({100, -7, 200, -7}), {Format::int16, 2, 4, 16000}, 2, {100 / 32767.0f, 200 / 32767.0f}},
-        {bytesOf<qint32>({2147483647, -2147483647 - 1, 1 << 29, 5}), {Format::int32, 2, 8, 16000}, 2, {1.0f, 0.25f}},
+        {bytesOf<qint16>({100, -7, 200, -7}),
+         {Format::int16, 2, 4, 16000},
+         2,
+         {100 / 32767.0f, 200 / 32767.0f}},
+        {bytesOf<qint32>({2147483647, -2147483647 - 1, 1 << 29, 5}),
+         {Format::int32, 2, 8, 16000},
+         2,
+         {1.0f, 0.25f}},
         {bytesOf<double>({0.5}), {Format::float64, 1, 8, 16000}, 1, {}},
         {QByteArray(9, '\x10'), {Format::other, 1, 3, 16000}, 3, {}},
         {bytesOf<float>({0.5f}), {Format::float32, 1, 4, 16000}, 0, {}},
@@ -90,7 +109,8 @@ TEST(AudioCaptureConversionTest, EachBlockBecomesOneBufferOrNone)
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << &c - cases);
         const auto buffer = AudioCaptureService::pcmBuffer(
-            {c.description, c.frames, reinterpret_cast<const std::byte*>(c.bytes.constData()), std::size_t(c.bytes.size())});
+            {c.description, c.frames, reinterpret_cast<const std::byte*>(c.bytes.constData()),
+             std::size_t(c.bytes.size())});
         EXPECT_EQ(buffer.has_value(), !c.expected.empty());
         EXPECT_EQ(buffer.value_or(PcmBuffer{}).samples, c.expected);
         EXPECT_EQ(buffer.value_or(PcmBuffer{}).sampleRate, 16000);

@@ -1,7 +1,7 @@
 // The microphone on a fake platform: the converter's output room at each input rate, the order
 // of the start and its failures, lost conversions, and stop, also while the platform answers.
-#include "AwaitTask.h"
 #include "MicrophoneService.h"
+#include "AwaitTask.h"
 #include "QtPrinters.h"
 
 #include <QCoreApplication>
@@ -18,7 +18,8 @@ struct FakePlatform {
     double inputRate = 48000;
     bool canConvert = true;
     bool voiceProcessingFails = false;
-    std::optional<std::optional<std::size_t>> conversionResult; // replaces every conversion's when set
+    std::optional<std::optional<std::size_t>>
+        conversionResult; // replaces every conversion's when set
     std::vector<std::size_t> capacities;
     int converters = 0;
     QStringList calls;
@@ -29,8 +30,13 @@ struct FakePlatform {
 // Passes samples through up to the capacity, the first replaced by the converter's number, so
 // that a test can tell which converter made a buffer.
 struct FakeConverter final : SampleRateConverter {
-    explicit FakeConverter(FakePlatform* platform) : platform(platform), id(++platform->converters) {}
-    std::optional<std::size_t> convert(std::span<const float> input, std::span<float> output) override
+    explicit FakeConverter(FakePlatform* platform)
+        : platform(platform)
+        , id(++platform->converters)
+    {
+    }
+    std::optional<std::size_t> convert(std::span<const float> input,
+                                       std::span<float> output) override
     {
         platform->capacities.push_back(output.size());
         if (platform->conversionResult)
@@ -46,7 +52,10 @@ struct FakeConverter final : SampleRateConverter {
 
 // Voice processing is off until the service turns it on, which the call order shows.
 struct FakeMicrophoneSource final : MicrophoneSource {
-    explicit FakeMicrophoneSource(std::shared_ptr<FakePlatform> platform) : platform(std::move(platform)) {}
+    explicit FakeMicrophoneSource(std::shared_ptr<FakePlatform> platform)
+        : platform(std::move(platform))
+    {
+    }
     bool isVoiceProcessingEnabled() const override { return false; }
     void setVoiceProcessingEnabled(bool) override
     {
@@ -104,7 +113,8 @@ protected:
     }
 
     std::shared_ptr<FakePlatform> platform = std::make_shared<FakePlatform>();
-    MicrophoneService service{[platform = platform] { return std::make_unique<FakeMicrophoneSource>(platform); }};
+    MicrophoneService service{
+        [platform = platform] { return std::make_unique<FakeMicrophoneSource>(platform); }};
 };
 
 // The room given to the converter is the block scaled by 16 kHz over the input rate, truncated;
@@ -115,19 +125,27 @@ TEST(MicrophoneConversionTest, OutputRoomFollowsTheRateRatioTruncated)
     const struct {
         double inputRate;
         std::size_t frames, capacity;
-        std::optional<std::optional<std::size_t>> result = {}; // what the converter says, if not the truth
-    } cases[] = {{48000, 4096, 1365}, {44100, 4096, 1486}, {8000, 100, 200}, {48000, 2, 0},
-                 {48000, 4096, 1365, std::optional<std::size_t>()}, {48000, 4096, 1365, std::optional<std::size_t>(0)}};
+        std::optional<std::optional<std::size_t>> result =
+            {}; // what the converter says, if not the truth
+    } cases[] = {{48000, 4096, 1365},
+                 {44100, 4096, 1486},
+                 {8000, 100, 200},
+                 {48000, 2, 0},
+                 {48000, 4096, 1365, std::optional<std::size_t>()},
+                 {48000, 4096, 1365, std::optional<std::size_t>(0)}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.inputRate);
         FakePlatform platform;
         platform.conversionResult = c.result;
         FakeConverter converter(&platform);
-        const auto buffer = MicrophoneService::convertBlock(converter, c.inputRate, std::vector<float>(c.frames, 0.5f));
-        EXPECT_EQ(platform.capacities, c.capacity ? std::vector{c.capacity} : std::vector<std::size_t>{});
+        const auto buffer = MicrophoneService::convertBlock(converter, c.inputRate,
+                                                            std::vector<float>(c.frames, 0.5f));
+        EXPECT_EQ(platform.capacities,
+                  c.capacity ? std::vector{c.capacity} : std::vector<std::size_t>{});
         ASSERT_EQ(buffer.has_value(), c.capacity != 0 && !c.result);
         if (buffer) {
-            EXPECT_EQ(buffer->frameLength(), std::min(c.capacity, c.frames)) << "what the converter wrote";
+            EXPECT_EQ(buffer->frameLength(), std::min(c.capacity, c.frames))
+                << "what the converter wrote";
             EXPECT_EQ(buffer->sampleRate, 16000);
         }
     }
@@ -141,8 +159,10 @@ TEST_F(MicrophoneServiceTest, EachFailureOfTheStartIsReported)
         QString text;
     } failures[] = {
         {[](FakePlatform& p) { p.inputRate = 0; }, u"No microphone input device found"_s},
-        {[](FakePlatform& p) { p.canConvert = false; }, u"Failed to create audio format converter"_s},
-        {[](FakePlatform& p) { p.voiceProcessingFails = true; }, u"echo cancellation unavailable"_s},
+        {[](FakePlatform& p) { p.canConvert = false; },
+         u"Failed to create audio format converter"_s},
+        {[](FakePlatform& p) { p.voiceProcessingFails = true; },
+         u"echo cancellation unavailable"_s},
     };
     for (const auto& failure : failures) {
         SCOPED_TRACE(failure.text.toStdString());
@@ -164,12 +184,15 @@ TEST_F(MicrophoneServiceTest, EachFailureOfTheStartIsReported)
 // Voice processing comes first: it may change the rate the input delivers at. The session keeps
 // one converter throughout. Stop ends the stream with what came before still readable; a new
 // session gets a new converter, and a block of the old one still on its way goes nowhere. A stop
-// while the platform still answers overtakes that start: it ends quietly and leaves nothing running.
-TEST_F(MicrophoneServiceTest, EachSessionStartsInThePlatformsOrderWithOneConverterAndAStopEndsItEvenWhileStarting)
+// while the platform still answers overtakes that start: it ends quietly and leaves nothing
+// running.
+TEST_F(MicrophoneServiceTest,
+       EachSessionStartsInThePlatformsOrderWithOneConverterAndAStopEndsItEvenWhileStarting)
 {
     awaitTask(service.start());
-    EXPECT_EQ(platform->calls, (QStringList{u"voiceProcessing"_s, u"rate"_s, u"converter 48000>16000"_s,
-                                            u"installTap 4096"_s, u"start"_s}));
+    EXPECT_EQ(platform->calls,
+              (QStringList{u"voiceProcessing"_s, u"rate"_s, u"converter 48000>16000"_s,
+                           u"installTap 4096"_s, u"start"_s}));
     const auto stream = service.audioStream();
     const auto oldTap = platform->tap;
     tap(oldTap);

@@ -1,10 +1,10 @@
 // The transcript upload channel against a fake server on loopback: the address it builds, which
 // lines go out and how, the acknowledgement rules, stop, reconnects and the handshake's time-out.
+#include "TranscriptUploadService.h"
 #include "AwaitTask.h"
 #include "Clock.h"
 #include "FakeTranscriptChannel.h"
 #include "QtPrinters.h"
-#include "TranscriptUploadService.h"
 
 #include <QHostAddress>
 #include <QTcpServer>
@@ -19,11 +19,18 @@ using Reaction = FakeTranscriptChannel::Reaction;
 using Frame = FakeTranscriptChannel::Frame;
 
 namespace {
-bool waitFor(const std::function<bool()>& condition) { return QTest::qWaitFor(condition, 10'000); }
+bool waitFor(const std::function<bool()>& condition)
+{
+    return QTest::qWaitFor(condition, 10'000);
+}
 
-TranscriptEntry line(const QString& id, const QString& content = u"a line"_s, bool isFinal = true) { return {id, Speaker::interviewer, content, 1'700'000'000'000, std::nullopt, isFinal}; }
+TranscriptEntry line(const QString& id, const QString& content = u"a line"_s, bool isFinal = true)
+{
+    return {id, Speaker::interviewer, content, 1'700'000'000'000, std::nullopt, isFinal};
+}
 
-QStringList ids(const QList<TranscriptEntry>& entries, QString TranscriptEntry::*field = &TranscriptEntry::id)
+QStringList ids(const QList<TranscriptEntry>& entries,
+                QString TranscriptEntry::*field = &TranscriptEntry::id)
 {
     QStringList result;
     for (const auto& entry : entries)
@@ -35,7 +42,10 @@ QStringList ids(const QList<TranscriptEntry>& entries, QString TranscriptEntry::
 struct Running {
     using Result = std::shared_ptr<std::optional<QList<TranscriptEntry>>>;
     explicit Running(QCoro::Task<QList<TranscriptEntry>> task) { drive(std::move(task), result); }
-    static QCoro::Task<> drive(QCoro::Task<QList<TranscriptEntry>> task, Result result) { *result = co_await task; }
+    static QCoro::Task<> drive(QCoro::Task<QList<TranscriptEntry>> task, Result result)
+    {
+        *result = co_await task;
+    }
     bool isDone() const { return result->has_value(); }
     Result result = std::make_shared<std::optional<QList<TranscriptEntry>>>();
 };
@@ -80,12 +90,14 @@ protected:
 
     ManualClock clock;
     FakeTranscriptChannel server;
-    std::unique_ptr<TranscriptUploadService> service = std::make_unique<TranscriptUploadService>(clock);
+    std::unique_ptr<TranscriptUploadService> service =
+        std::make_unique<TranscriptUploadService>(clock);
 };
 
 TEST(TranscriptUploadURLTest, BuiltFromBaseTokenAndSession)
 {
-    const auto url = [](const QString& base, const QString& token = u"t"_s, const QString& session = u"s"_s) {
+    const auto url = [](const QString& base, const QString& token = u"t"_s,
+                        const QString& session = u"s"_s) {
         const auto built = TranscriptUploadService::uploadURL(base, token, session);
         return built ? built->toString(QUrl::FullyEncoded) : u"none"_s;
     };
@@ -113,14 +125,17 @@ TEST_F(TranscriptUploadServiceTest, FinalLinesWithTextGoOutAsFrames)
     auto unwritable = line(u"nan"_s);
     unwritable.confidence = std::numeric_limits<double>::quiet_NaN();
     service->send(unwritable);
-    ASSERT_TRUE(waitFor([&] { return server.frames().size() == 4 && service->pendingIds().size() == 1; }));
+    ASSERT_TRUE(
+        waitFor([&] { return server.frames().size() == 4 && service->pendingIds().size() == 1; }));
     EXPECT_EQ(server.receivedIds(), (QStringList{u"before-start"_s, u"u1"_s, u"i1"_s, QString()}));
     const auto& frames = server.frames();
     EXPECT_FALSE(frames[1].isBinary);
-    EXPECT_EQ(frames[1].data, R"({"confidence":0.93,"content":"I led the team","id":"u1","revision":1,)"
-                              R"("speaker":"user","timestampMs":1700000000123,"type":"transcript_entry"})");
-    EXPECT_EQ(frames[2].data, R"({"content":"a line","id":"i1","revision":1,"speaker":"interviewer",)"
-                              R"("timestampMs":1700000000000,"type":"transcript_entry"})");
+    EXPECT_EQ(frames[1].data,
+              R"({"confidence":0.93,"content":"I led the team","id":"u1","revision":1,)"
+              R"("speaker":"user","timestampMs":1700000000123,"type":"transcript_entry"})");
+    EXPECT_EQ(frames[2].data,
+              R"({"content":"a line","id":"i1","revision":1,"speaker":"interviewer",)"
+              R"("timestampMs":1700000000000,"type":"transcript_entry"})");
     EXPECT_EQ(frames[3].data, "{}");
     EXPECT_EQ(ids(stop()), QStringList{u"nan"_s});
 }
@@ -129,7 +144,8 @@ TEST_F(TranscriptUploadServiceTest, FinalLinesWithTextGoOutAsFrames)
 // valid UTF-8 throughout (read leniently, the broken one would take out b). Neither an ack read
 // before its line went out nor a frame too deeply nested to read changes anything. Stop waits
 // half a second for acks and reads one more message after it began: the second is never read.
-TEST_F(TranscriptUploadServiceTest, AcksTakeOutOnlyTheSentLinesTheyNameAndStopWaitsHalfASecondForThem)
+TEST_F(TranscriptUploadServiceTest,
+       AcksTakeOutOnlyTheSentLinesTheyNameAndStopWaitsHalfASecondForThem)
 {
     startChannel(ignoreAll);
     service->send(line(u"a"_s));
@@ -155,14 +171,16 @@ TEST_F(TranscriptUploadServiceTest, AcksTakeOutOnlyTheSentLinesTheyNameAndStopWa
     server.sendAck({u"d"_s});
     ASSERT_TRUE(waitFor([&] { return !service->pendingIds().contains(u"c"_s); }));
     QTest::qWait(50);
-    ASSERT_TRUE(exactlyAfter(TranscriptUploadService::stopAckWait, [&] { return stopping.isDone(); }));
+    ASSERT_TRUE(
+        exactlyAfter(TranscriptUploadService::stopAckWait, [&] { return stopping.isDone(); }));
     EXPECT_EQ(ids(**stopping.result), QStringList{u"d"_s});
 }
 
 // A cut connection hands its unacknowledged lines back to the front of the queue; refused ones
 // keep them there. The next attempt comes after a second every time, as each opened socket
 // resets the back-off, and a line handed over during the handshake waits for it behind the others.
-TEST_F(TranscriptUploadServiceTest, CutOrRefusedConnectionsRetryEverySecondWithTheLinesInFlightFirst)
+TEST_F(TranscriptUploadServiceTest,
+       CutOrRefusedConnectionsRetryEverySecondWithTheLinesInFlightFirst)
 {
     int received = 0;
     startChannel([&](const Frame&) { return ++received == 2 ? Reaction::drop : Reaction::ack; });
@@ -175,7 +193,8 @@ TEST_F(TranscriptUploadServiceTest, CutOrRefusedConnectionsRetryEverySecondWithT
     server.setRefusing(true);
     for (int attempt = 2; attempt <= 4; ++attempt) {
         ASSERT_TRUE(hasTimerIn(1s)) << "before attempt " << attempt;
-        ASSERT_TRUE(exactlyAfter(1s, [&] { return server.handshakeAttempts() == attempt && !service->isConnected(); }))
+        ASSERT_TRUE(exactlyAfter(
+            1s, [&] { return server.handshakeAttempts() == attempt && !service->isConnected(); }))
             << "attempt " << attempt;
     }
     server.setRefusing(false);
@@ -191,14 +210,16 @@ TEST_F(TranscriptUploadServiceTest, CutOrRefusedConnectionsRetryEverySecondWithT
 // A stop while the retry waits gives the lines back at once and ends the retries. A service
 // destroyed mid-flight ends every call it suspended: stop's wait for acks, and the handshake
 // another one waits for.
-TEST_F(TranscriptUploadServiceTest, AHandshakeThatNeverEndsFailsAfterTenSecondsAndNothingOutlivesAStopOrTheService)
+TEST_F(TranscriptUploadServiceTest,
+       AHandshakeThatNeverEndsFailsAfterTenSecondsAndNothingOutlivesAStopOrTheService)
 {
     QTcpServer silent; // takes the TCP connection and never answers the upgrade
     ASSERT_TRUE(silent.listen(QHostAddress::LocalHost, 0));
     const auto silentURL = u"http://127.0.0.1:"_s + QString::number(silent.serverPort());
     awaitTask(service->start(silentURL, u"t"_s, u"s"_s));
     service->send(line(u"a"_s));
-    ASSERT_TRUE(exactlyAfter(TranscriptUploadService::handshakeTimeout, [&] { return !service->isConnected(); }));
+    ASSERT_TRUE(exactlyAfter(TranscriptUploadService::handshakeTimeout,
+                             [&] { return !service->isConnected(); }));
     EXPECT_EQ(ids(service->bufferedEntries()), QStringList{u"a"_s});
     EXPECT_TRUE(hasTimerIn(1s));
     service->send(line(u"b"_s));
@@ -223,14 +244,17 @@ TEST_F(TranscriptUploadServiceTest, AHandshakeThatNeverEndsFailsAfterTenSecondsA
 
 // Acks of a line that grew: by id alone each covers the oldest send not yet covered; with
 // revisions each covers what it names. Neither clears the newer text early.
-class GrownLineAckTest : public TranscriptUploadServiceTest, public ::testing::WithParamInterface<bool> {};
+class GrownLineAckTest : public TranscriptUploadServiceTest,
+                         public ::testing::WithParamInterface<bool> {};
 
 TEST_P(GrownLineAckTest, CoversOnlyTheTextItWasFor)
 {
     const auto ack = [&](int frame) {
         const auto revision = server.frames()[frame].revision();
-        server.sendText(GetParam() ? u"{\"type\":\"ack\",\"ids\":[\"a\"],\"revisions\":{\"a\":%1}}"_s.arg(revision)
-                                   : u"{\"type\":\"ack\",\"ids\":[\"a\"]}"_s);
+        server.sendText(
+            GetParam()
+                ? u"{\"type\":\"ack\",\"ids\":[\"a\"],\"revisions\":{\"a\":%1}}"_s.arg(revision)
+                : u"{\"type\":\"ack\",\"ids\":[\"a\"]}"_s);
     };
     startChannel(ignoreAll);
     service->send(line(u"a"_s, u"Tell me"_s));

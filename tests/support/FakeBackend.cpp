@@ -26,7 +26,9 @@ FakeBackend::Response FakeBackend::Response::stream(QList<QByteArray> pieces, in
     return response;
 }
 
-FakeBackend::FakeBackend(QObject* parent) : QObject(parent), m_server(new QTcpServer(this))
+FakeBackend::FakeBackend(QObject* parent)
+    : QObject(parent)
+    , m_server(new QTcpServer(this))
 {
     connect(m_server, &QTcpServer::newConnection, this, &FakeBackend::onNewConnection);
     if (!m_server->listen(QHostAddress::LocalHost, 0))
@@ -45,7 +47,8 @@ void FakeBackend::setRoute(const QByteArray& method, const QByteArray& path, Res
     m_routes.insert(key(method, path), {std::move(response)});
 }
 
-void FakeBackend::setRouteSequence(const QByteArray& method, const QByteArray& path, QList<Response> responses)
+void FakeBackend::setRouteSequence(const QByteArray& method, const QByteArray& path,
+                                   QList<Response> responses)
 {
     m_routes.insert(key(method, path), std::move(responses));
 }
@@ -61,7 +64,8 @@ int FakeBackend::requestCount(const QByteArray& method, const QByteArray& path) 
     return int(requests(method, path).size());
 }
 
-QList<FakeBackend::Request> FakeBackend::requests(const QByteArray& method, const QByteArray& path) const
+QList<FakeBackend::Request> FakeBackend::requests(const QByteArray& method,
+                                                  const QByteArray& path) const
 {
     QList<Request> found;
     for (const auto& request : m_log) {
@@ -98,7 +102,8 @@ void FakeBackend::onReadyRead(QTcpSocket* socket)
         for (qsizetype i = 1; i < lines.size(); ++i) {
             const auto colon = lines[i].indexOf(':');
             if (colon > 0)
-                request.headers.insert(lines[i].left(colon).trimmed().toLower(), lines[i].mid(colon + 1).trimmed());
+                request.headers.insert(lines[i].left(colon).trimmed().toLower(),
+                                       lines[i].mid(colon + 1).trimmed());
         }
         const auto length = request.headers.value("content-length").toLongLong();
         if (buffer.size() < headerEnd + 4 + length)
@@ -121,7 +126,8 @@ void FakeBackend::respond(QTcpSocket* socket, const Request& request)
         response = it->size() > 1 ? it->takeFirst() : it->first();
     }
     if (response.delayMs > 0) {
-        QTimer::singleShot(response.delayMs, socket, [this, socket, response] { send(socket, response); });
+        QTimer::singleShot(response.delayMs, socket,
+                           [this, socket, response] { send(socket, response); });
         return;
     }
     send(socket, response);
@@ -174,8 +180,9 @@ void FakeBackend::writePieces(QTcpSocket* socket, QList<QByteArray> pieces, int 
     guarded->write(pieces.takeFirst());
     guarded->flush();
     ++m_piecesSent;
-    QTimer::singleShot(delayMs, this, [this, guarded, pieces = std::move(pieces), delayMs]() mutable {
-        if (guarded)
-            writePieces(guarded, std::move(pieces), delayMs);
-    });
+    QTimer::singleShot(delayMs, this,
+                       [this, guarded, pieces = std::move(pieces), delayMs]() mutable {
+                           if (guarded)
+                               writePieces(guarded, std::move(pieces), delayMs);
+                       });
 }

@@ -54,7 +54,8 @@ public:
     // Every request to the route gets this response.
     void setRoute(const QByteArray& method, const QByteArray& path, Response response);
     // One response per request, in order; the last one repeats.
-    void setRouteSequence(const QByteArray& method, const QByteArray& path, QList<Response> responses);
+    void setRouteSequence(const QByteArray& method, const QByteArray& path,
+                          QList<Response> responses);
 
     // Answers each request of the route by calling `handler`.
     void setHandler(const QByteArray& method, const QByteArray& path,
@@ -76,7 +77,10 @@ private:
     void send(QTcpSocket* socket, const Response& response);
     void writePieces(QTcpSocket* socket, QList<QByteArray> pieces, int delayMs);
 
-    static QByteArray key(const QByteArray& method, const QByteArray& path) { return method + ' ' + path; }
+    static QByteArray key(const QByteArray& method, const QByteArray& path)
+    {
+        return method + ' ' + path;
+    }
 
     QTcpServer* m_server;
     QHash<QTcpSocket*, QByteArray> m_buffers;

@@ -14,14 +14,16 @@ using namespace Qt::StringLiterals;
 
 FakeTranscriptChannel::FakeTranscriptChannel(QObject* parent)
     : QObject(parent)
-    , m_server(new QWebSocketServer(u"FakeTranscriptChannel"_s, QWebSocketServer::NonSecureMode, this))
+    , m_server(
+          new QWebSocketServer(u"FakeTranscriptChannel"_s, QWebSocketServer::NonSecureMode, this))
 {
     connect(m_server, &QWebSocketServer::originAuthenticationRequired, this,
             [this](QWebSocketCorsAuthenticator* authenticator) {
                 ++m_handshakeAttempts;
                 authenticator->setAllowed(!m_refusing);
             });
-    connect(m_server, &QWebSocketServer::newConnection, this, &FakeTranscriptChannel::onNewConnection);
+    connect(m_server, &QWebSocketServer::newConnection, this,
+            &FakeTranscriptChannel::onNewConnection);
     if (!m_server->listen(QHostAddress::LocalHost, 0))
         qFatal("FakeTranscriptChannel cannot listen: %s", qPrintable(m_server->errorString()));
 }
@@ -35,7 +37,8 @@ FakeTranscriptChannel::~FakeTranscriptChannel()
 
 int FakeTranscriptChannel::openConnectionCount() const
 {
-    return int(std::count_if(m_records.begin(), m_records.end(), [](const auto& record) { return record.isOpen; }));
+    return int(std::count_if(m_records.begin(), m_records.end(),
+                             [](const auto& record) { return record.isOpen; }));
 }
 
 QStringList FakeTranscriptChannel::receivedIds() const
@@ -64,7 +67,8 @@ bool FakeTranscriptChannel::send(const QByteArray& data, bool isBinary)
 {
     auto* peer = newestOpen();
     if (peer)
-        isBinary ? peer->socket->sendBinaryMessage(data) : peer->socket->sendTextMessage(QString::fromUtf8(data));
+        isBinary ? peer->socket->sendBinaryMessage(data)
+                 : peer->socket->sendTextMessage(QString::fromUtf8(data));
     return peer != nullptr;
 }
 
@@ -82,11 +86,15 @@ void FakeTranscriptChannel::onNewConnection()
         peer->socket = socket;
         peer->index = int(m_records.size());
         const auto url = socket->requestUrl();
-        m_records.append({url.path(QUrl::FullyEncoded), url.query(QUrl::FullyEncoded), true, std::nullopt});
-        connect(socket, &QWebSocket::textMessageReceived, this,
-                [this, peer](const QString& text) { onFrame(peer, {false, text.toUtf8()}); });
+        m_records.append(
+            {url.path(QUrl::FullyEncoded), url.query(QUrl::FullyEncoded), true, std::nullopt});
+        connect(socket, &QWebSocket::textMessageReceived, this, [this, peer](const QString& text) {
+            onFrame(peer, {false, text.toUtf8()});
+        });
         connect(socket, &QWebSocket::binaryMessageReceived, this,
-                [this, peer](const QByteArray& bytes) { onFrame(peer, {true, bytes}); });
+                [this, peer](const QByteArray& bytes) {
+                    onFrame(peer, {true, bytes});
+                });
         connect(socket, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error), this,
                 [peer](QAbstractSocket::SocketError) { peer->wasCut = true; });
         connect(socket, &QWebSocket::disconnected, this, [this, peer] {
@@ -121,7 +129,8 @@ void FakeTranscriptChannel::onFrame(Peer* peer, const Frame& frame)
 void FakeTranscriptChannel::ack(Peer* peer, const Frame& frame)
 {
     // Without revisions an ack covers the frame it answers; with them, what it names.
-    const Line line = m_withRevisions ? m_latest.value(frame.id()) : Line{frame.revision(), frame.content()};
+    const Line line =
+        m_withRevisions ? m_latest.value(frame.id()) : Line{frame.revision(), frame.content()};
     auto& acknowledged = m_acknowledgedLines[frame.id()];
     if (line.revision >= acknowledged.revision)
         acknowledged = line;
@@ -137,7 +146,8 @@ void FakeTranscriptChannel::sendAckFrame(Peer* peer, const QStringList& ids)
             revisions.insert(id, m_latest.value(id).revision);
         message.insert(u"revisions"_s, revisions);
     }
-    peer->socket->sendTextMessage(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
+    peer->socket->sendTextMessage(
+        QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
     for (const auto& id : ids)
         m_acknowledged.insert(id);
 }

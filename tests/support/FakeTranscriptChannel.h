@@ -57,7 +57,10 @@ public:
     ~FakeTranscriptChannel() override;
 
     // "http://127.0.0.1:<port>", as the backend's base URL is given.
-    QString baseURL() const { return QStringLiteral("http://127.0.0.1:") + QString::number(m_server->serverPort()); }
+    QString baseURL() const
+    {
+        return QStringLiteral("http://127.0.0.1:") + QString::number(m_server->serverPort());
+    }
 
     void setFrameRule(std::function<Reaction(const Frame&)> rule) { m_rule = std::move(rule); }
     // A refusing server answers every handshake with 403.
@@ -107,8 +110,8 @@ private:
     QList<ConnectionRecord> m_records;
     QList<Frame> m_frames;
     QSet<QString> m_acknowledged;
-    QHash<QString, Line> m_latest;             // the highest revision received, a later frame winning a tie
-    QHash<QString, Line> m_acknowledgedLines;  // what an ack confirmed
+    QHash<QString, Line> m_latest; // the highest revision received, a later frame winning a tie
+    QHash<QString, Line> m_acknowledgedLines; // what an ack confirmed
     bool m_withRevisions = false;
     std::function<Reaction(const Frame&)> m_rule;
     bool m_refusing = false;

@@ -37,7 +37,8 @@ QList<QByteArray> FakeVendorServer::Connection::binaryFrames() const
 }
 
 FakeVendorServer::FakeVendorServer(QStringList subprotocols, QObject* parent)
-    : QObject(parent), m_server(new QWebSocketServer(u"fake vendor"_s, QWebSocketServer::NonSecureMode, this))
+    : QObject(parent)
+    , m_server(new QWebSocketServer(u"fake vendor"_s, QWebSocketServer::NonSecureMode, this))
 {
     m_server->setSupportedSubprotocols(subprotocols);
     connect(m_server, &QWebSocketServer::newConnection, this, &FakeVendorServer::onNewConnection);
@@ -47,9 +48,11 @@ FakeVendorServer::FakeVendorServer(QStringList subprotocols, QObject* parent)
 
 int FakeVendorServer::openConnectionCount() const
 {
-    return int(std::count_if(m_connections.begin(), m_connections.end(), [](const Connection& connection) {
-        return connection.socket && connection.socket->state() == QAbstractSocket::ConnectedState;
-    }));
+    return int(
+        std::count_if(m_connections.begin(), m_connections.end(), [](const Connection& connection) {
+            return connection.socket
+                   && connection.socket->state() == QAbstractSocket::ConnectedState;
+        }));
 }
 
 void FakeVendorServer::onNewConnection()
@@ -69,24 +72,31 @@ void FakeVendorServer::onNewConnection()
         connection.socket = socket;
         const auto index = m_connections.size();
         m_connections.append(connection);
-        const bool isV2 = m_behaviour == Behaviour::deepgramToday && connection.url.path() == u"/v2/listen";
-        connect(socket, &QWebSocket::textMessageReceived, this, [this, index, isV2, socket](const QString& text) {
-            m_connections[index].frames.append({true, text.toUtf8()});
-            if (isV2 && text.contains(u"KeepAlive"_s))
-                socket->close(QWebSocketProtocol::CloseCodePolicyViolated, u"KeepAlive is not supported"_s);
-        });
-        connect(socket, &QWebSocket::binaryMessageReceived, this, [this, index](const QByteArray& bytes) {
-            if (m_keepsBinaryFrames)
-                m_connections[index].frames.append({false, bytes});
-            Q_EMIT binaryFrameReceived(int(index), bytes);
-        });
+        const bool isV2 =
+            m_behaviour == Behaviour::deepgramToday && connection.url.path() == u"/v2/listen";
+        connect(socket, &QWebSocket::textMessageReceived, this,
+                [this, index, isV2, socket](const QString& text) {
+                    m_connections[index].frames.append({true, text.toUtf8()});
+                    if (isV2 && text.contains(u"KeepAlive"_s))
+                        socket->close(QWebSocketProtocol::CloseCodePolicyViolated,
+                                      u"KeepAlive is not supported"_s);
+                });
+        connect(socket, &QWebSocket::binaryMessageReceived, this,
+                [this, index](const QByteArray& bytes) {
+                    if (m_keepsBinaryFrames)
+                        m_connections[index].frames.append({false, bytes});
+                    Q_EMIT binaryFrameReceived(int(index), bytes);
+                });
         if (m_behaviour == Behaviour::scripted)
             continue;
-        const QStringList v2Keys{u"model"_s, u"encoding"_s, u"sample_rate"_s, u"eot_threshold"_s, u"eot_timeout_ms"_s};
-        const auto unsupported = std::find_if(connection.queryItems.begin(), connection.queryItems.end(),
-                                              [&](const auto& item) { return isV2 && !v2Keys.contains(item.first); });
+        const QStringList v2Keys{u"model"_s, u"encoding"_s, u"sample_rate"_s, u"eot_threshold"_s,
+                                 u"eot_timeout_ms"_s};
+        const auto unsupported =
+            std::find_if(connection.queryItems.begin(), connection.queryItems.end(),
+                         [&](const auto& item) { return isV2 && !v2Keys.contains(item.first); });
         if (unsupported != connection.queryItems.end())
-            socket->close(QWebSocketProtocol::CloseCodePolicyViolated, u"Unsupported query parameter: "_s + unsupported->first);
+            socket->close(QWebSocketProtocol::CloseCodePolicyViolated,
+                          u"Unsupported query parameter: "_s + unsupported->first);
         else
             socket->sendTextMessage(u"{\"type\":\"Connected\",\"request_id\":\"r-1\"}"_s);
     }
@@ -102,7 +112,8 @@ QWebSocket& FakeVendorServer::latest() const
 bool FakeVendorServer::waitForFrames(int count, int deadlineMs) const
 {
     return QTest::qWaitFor(
-        [&] { return !m_connections.isEmpty() && m_connections.last().frames.size() >= count; }, deadlineMs);
+        [&] { return !m_connections.isEmpty() && m_connections.last().frames.size() >= count; },
+        deadlineMs);
 }
 
 bool FakeVendorServer::waitForConnections(int count, int deadlineMs) const

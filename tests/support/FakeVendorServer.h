@@ -12,7 +12,6 @@
 
 #include <utility>
 
-
 // A speech vendor on 127.0.0.1 with a port the system picks: a real WebSocket server that
 // records each connection's request and every frame it receives, and lets the test answer,
 // send garbage or hang up. It says nothing unless told to, so a silent vendor is the default.
@@ -53,7 +52,10 @@ public:
     // `subprotocols`: those the server accepts (it answers with the first one requested).
     explicit FakeVendorServer(QStringList subprotocols = {}, QObject* parent = nullptr);
 
-    QString origin() const { return QStringLiteral("ws://127.0.0.1:") + QString::number(m_server->serverPort()); }
+    QString origin() const
+    {
+        return QStringLiteral("ws://127.0.0.1:") + QString::number(m_server->serverPort());
+    }
 
     const QList<Connection>& connections() const { return m_connections; }
     const Connection& last() const { return m_connections.last(); }
@@ -63,7 +65,10 @@ public:
     // To the latest connection: a close handshake with this code, or a TCP reset with none.
     void sendText(const QString& text) { latest().sendTextMessage(text); }
     void sendBinary(const QByteArray& bytes) { latest().sendBinaryMessage(bytes); }
-    void close(int code = 1000, const QString& reason = {}) { latest().close(QWebSocketProtocol::CloseCode(code), reason); }
+    void close(int code = 1000, const QString& reason = {})
+    {
+        latest().close(QWebSocketProtocol::CloseCode(code), reason);
+    }
     void abort() { latest().abort(); }
 
     // Wait (spinning the event loop) until the latest connection has `count` frames, or until

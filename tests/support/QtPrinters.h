@@ -24,7 +24,10 @@ inline void PrintTo(const QStringList& value, std::ostream* os)
 
 // Parameter structs with a `name` field print as that name.
 template<typename T>
-    requires requires(const T& t) { t.name; }
+requires requires(const T& t)
+{
+    t.name;
+}
 void PrintTo(const T& value, std::ostream* os)
 {
     *os << value.name;

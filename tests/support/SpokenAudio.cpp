@@ -22,11 +22,13 @@ bool run(const QString& program, const QStringList& arguments)
 {
     QProcess process;
     process.start(program, arguments);
-    return process.waitForFinished(30'000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    return process.waitForFinished(30'000) && process.exitStatus() == QProcess::NormalExit
+           && process.exitCode() == 0;
 }
 } // namespace
 
-std::optional<QByteArray> SpokenAudio::speak(const QString& text, const Voice& voice, double trailingSilence)
+std::optional<QByteArray> SpokenAudio::speak(const QString& text, const Voice& voice,
+                                             double trailingSilence)
 {
     QTemporaryDir folder;
     if (!folder.isValid() || !missingTool().isEmpty())
@@ -34,9 +36,10 @@ std::optional<QByteArray> SpokenAudio::speak(const QString& text, const Voice& v
     const auto wav = folder.filePath(u"speech.wav"_s);
     const auto raw = folder.filePath(u"speech.raw"_s);
     // No dither (-D): the recogniser hears dither as faint noise.
-    if (!run(u"espeak-ng"_s, {u"-v"_s, voice.name, u"-s"_s, QString::number(voice.wordsPerMinute), u"-w"_s, wav, text})
-        || !run(u"sox"_s, {wav, u"-D"_s, u"-r"_s, u"16000"_s, u"-c"_s, u"1"_s, u"-b"_s, u"16"_s, u"-e"_s,
-                           u"signed-integer"_s, u"-t"_s, u"raw"_s, raw, u"pad"_s, u"0.5"_s,
+    if (!run(u"espeak-ng"_s, {u"-v"_s, voice.name, u"-s"_s, QString::number(voice.wordsPerMinute),
+                              u"-w"_s, wav, text})
+        || !run(u"sox"_s, {wav, u"-D"_s, u"-r"_s, u"16000"_s, u"-c"_s, u"1"_s, u"-b"_s, u"16"_s,
+                           u"-e"_s, u"signed-integer"_s, u"-t"_s, u"raw"_s, raw, u"pad"_s, u"0.5"_s,
                            QString::number(trailingSilence)}))
         return std::nullopt;
     QFile file(raw);
@@ -59,7 +62,8 @@ QByteArray SpokenAudio::withNoise(const QByteArray& pcm, double snrDb, unsigned 
             ++voiced;
         }
     }
-    const double noiseRms = voiced ? std::sqrt(power / double(voiced) / std::pow(10.0, snrDb / 10.0)) : 0;
+    const double noiseRms =
+        voiced ? std::sqrt(power / double(voiced) / std::pow(10.0, snrDb / 10.0)) : 0;
     std::mt19937 random(seed);
     std::normal_distribution<double> noise(0, noiseRms);
     QByteArray out(pcm.size() & ~qsizetype(1), Qt::Uninitialized);

@@ -16,7 +16,8 @@ struct Voice {
     QString name = QStringLiteral("en");
     int wordsPerMinute = 150;
 };
-std::optional<QByteArray> speak(const QString& text, const Voice& voice = {}, double trailingSilence = 1.0);
+std::optional<QByteArray> speak(const QString& text, const Voice& voice = {},
+                                double trailingSilence = 1.0);
 
 // How many of the expected words were heard, in any order, each counted once; case is ignored.
 int wordsHeard(const QString& expected, const QString& heard);

@@ -27,13 +27,24 @@ inline void drainEvents()
 
 // Asks for one answer and runs the event loop until onDone or the deadline. `onChunk` runs
 // after each chunk is recorded.
-inline AnswerOutcome runAnswer(ravlet::server::AnswerEngine& engine, const ravlet::server::AnswerRequest& request,
+inline AnswerOutcome runAnswer(ravlet::server::AnswerEngine& engine,
+                               const ravlet::server::AnswerRequest& request,
                                std::function<void(AnswerOutcome&)> onChunk = {})
 {
     AnswerOutcome outcome;
     QEventLoop loop;
-    engine.answer(request, [&](const QString& chunk) { outcome.chunks << chunk; if (onChunk) onChunk(outcome); },
-                  [&](const QString& error) { outcome.error = error; ++outcome.doneCalls; loop.quit(); });
+    engine.answer(
+        request,
+        [&](const QString& chunk) {
+            outcome.chunks << chunk;
+            if (onChunk)
+                onChunk(outcome);
+        },
+        [&](const QString& error) {
+            outcome.error = error;
+            ++outcome.doneCalls;
+            loop.quit();
+        });
     QTimer::singleShot(10'000, &loop, &QEventLoop::quit);
     if (!outcome.error)
         loop.exec();

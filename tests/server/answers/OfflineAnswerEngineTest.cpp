@@ -65,7 +65,10 @@ QString contentOf(const QString& line)
     return colon < 0 ? QString() : line.mid(colon + 2);
 }
 
-bool isPlaceholder(const QString& text) { return text.startsWith(u'[') && text.endsWith(u']'); }
+bool isPlaceholder(const QString& text)
+{
+    return text.startsWith(u'[') && text.endsWith(u']');
+}
 
 AnswerRequest withDocuments(const char* question, bool documents = true)
 {
@@ -107,21 +110,33 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
         const char* question;
         bool documents;
         const char* header; // after the usual header, unless it starts "Offline draft"
-        // "Label=text" (empty: no such line), "Label^start", "Label~part", "Label=[]" a prompt; "*" the whole draft.
+        // "Label=text" (empty: no such line), "Label^start", "Label~part", "Label=[]" a prompt; "*"
+        // the whole draft.
         std::vector<const char*> lines = {};
         const char* language = "";
         QStringList transcript = {};
     } cases[] = {
-        // The bullet wrapped over two lines is one passage, cut into what was done and what came of it.
-        {"Tell me about a time you migrated a service to Kubernetes.", true, "a STAR answer",
+        // The bullet wrapped over two lines is one passage, cut into what was done and what came of
+        // it.
+        {"Tell me about a time you migrated a service to Kubernetes.",
+         true,
+         "a STAR answer",
          {"Situation=Senior Backend Engineer, Acme Payments, London (2019–2024)", "Task=[]",
           "Action=Led the migration of the billing service from a monolith to Kubernetes",
-          "Result=cutting deploy time from 2 hours to 10 minutes.", "Link to the role~move to Kubernetes"}},
+          "Result=cutting deploy time from 2 hours to 10 minutes.",
+          "Link to the role~move to Kubernetes"}},
         // A weakness points at a requirement the resume does not cover.
-        {"What is your greatest weakness?", true, "strengths and weaknesses from your documents.",
-         {"Weakness=[]", "*~Familiarity with Rust and WebAssembly toolchains is a plus.", "Strength="}},
+        {"What is your greatest weakness?",
+         true,
+         "strengths and weaknesses from your documents.",
+         {"Weakness=[]", "*~Familiarity with Rust and WebAssembly toolchains is a plus.",
+          "Strength="}},
         // A short follow-up is read with the last lines of the conversation.
-        {"Can you say more?", true, "", {"Evidence^Led the migration"}, "",
+        {"Can you say more?",
+         true,
+         "",
+         {"Evidence^Led the migration"},
+         "",
          {u"Interviewer: How did the Kubernetes migration go?"_s, u"You: It went well overall."_s}},
         // The draft is in English, and says so when another language was asked for.
         {"Tell me about yourself.", true, "Offline draft in English", {"*~German"}, "de-DE"},
@@ -132,17 +147,20 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
         {"Walk me through your resume.", true, "an introduction from your resume."},
         {"Tell me about a time you resolved a conflict between teams.", true, "a STAR answer"},
         // Stories first, though one names a strength and the other starts like a technical one.
-        {"Tell me about a time you showed your biggest strength as a mentor.", true, "a STAR answer"},
+        {"Tell me about a time you showed your biggest strength as a mentor.", true,
+         "a STAR answer"},
         {"What's the hardest problem you've solved in PostgreSQL?", true, "a STAR answer"},
         // Not a technical "what are".
-        {"What are your strengths and weaknesses?", true, "strengths and weaknesses from your documents."},
+        {"What are your strengths and weaknesses?", true,
+         "strengths and weaknesses from your documents."},
         {"Why do you want to join Initech?", true, "why this role, from your documents."},
         {"How would you tune PostgreSQL performance?", true, "an outline for a technical answer."},
         {"Do you have experience with payments?", true, "an outline from your documents."},
         {"Tell me about a time you led a team.", false, noDocuments},
         {"What is your biggest weakness?", false, noDocuments},
         {"How would you design a cache?", false, noDocuments},
-        {"Tell me about a time you sailed across the Atlantic.", true, "your documents have nothing on this, so fill in"},
+        {"Tell me about a time you sailed across the Atlantic.", true,
+         "your documents have nothing on this, so fill in"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.question + std::string(" ") + c.language);
@@ -152,7 +170,9 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
         const auto lines = draftAnswer(request);
         ASSERT_GE(lines.size(), 3);
         const auto header = QString::fromUtf8(c.header);
-        EXPECT_TRUE(lines.first().startsWith(header.startsWith(u"Offline draft"_s) ? header : draftHeader + header)) << lines.first().toStdString();
+        EXPECT_TRUE(lines.first().startsWith(
+            header.startsWith(u"Offline draft"_s) ? header : draftHeader + header))
+            << lines.first().toStdString();
         // With nothing to draw on every line is a prompt; with documents, some of them is used.
         const auto fromDocuments = linesFromDocuments(request, lines);
         EXPECT_EQ(fromDocuments > 0, !header.contains(u"so fill in"_s)) << fromDocuments;
@@ -162,17 +182,24 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
             const auto label = rule.left(at), wanted = rule.mid(at + 1);
             QString actual = label == u"*"_s ? lines.join(u'\n') : QString();
             for (const auto& line : lines)
-                actual = line.startsWith(label + u": "_s) && actual.isEmpty() ? contentOf(line) : actual;
+                actual =
+                    line.startsWith(label + u": "_s) && actual.isEmpty() ? contentOf(line) : actual;
             const auto op = rule[at];
-            EXPECT_TRUE(op == u'^' ? actual.startsWith(wanted) : op == u'~' ? actual.contains(wanted)
-                        : wanted == u"[]"_s ? isPlaceholder(actual) : actual == wanted) << expectation << " got " << actual.toStdString();
+            EXPECT_TRUE(op == u'^'          ? actual.startsWith(wanted)
+                        : op == u'~'        ? actual.contains(wanted)
+                        : wanted == u"[]"_s ? isPlaceholder(actual)
+                                            : actual == wanted)
+                << expectation << " got " << actual.toStdString();
         }
     }
     // Whatever an upload holds, the draft keeps its shape.
-    for (const auto& document : {u"•\n-\n1.\n:::\n...\n\n\n"_s, QString(300'000, u'x'), u"Led the rollout.\r\n• Cut costs by 10%;\r\n\r\nSKILLS:\r\n"_s,
-                                 u"Leitete die Migration zu Kubernetes. 负责迁移到 Kubernetes。"_s, QString(50'000, u'.') + u" A. B. C."_s}) {
+    for (const auto& document : {u"•\n-\n1.\n:::\n...\n\n\n"_s, QString(300'000, u'x'),
+                                 u"Led the rollout.\r\n• Cut costs by 10%;\r\n\r\nSKILLS:\r\n"_s,
+                                 u"Leitete die Migration zu Kubernetes. 负责迁移到 Kubernetes。"_s,
+                                 QString(50'000, u'.') + u" A. B. C."_s}) {
         AnswerRequest request;
-        request.question = u"Tell me about a time you led a migration to Kubernetes."_s + QString(5'000, u' ');
+        request.question =
+            u"Tell me about a time you led a migration to Kubernetes."_s + QString(5'000, u' ');
         request.resumeText = request.jobDescriptionText = document;
         const auto lines = draftAnswer(request);
         ASSERT_GE(lines.size(), 3);
@@ -185,11 +212,15 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
 // cancel, from inside a chunk or before the loop ran, stops every further call.
 TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
 {
-    const auto request = withDocuments("Tell me about a time you migrated a service to Kubernetes.");
+    const auto request =
+        withDocuments("Tell me about a time you migrated a service to Kubernetes.");
     OfflineAnswerEngine engine;
     AnswerOutcome outcome;
     const auto record = [&](const QString& chunk) { outcome.chunks << chunk; };
-    const auto done = [&](const QString& error) { outcome.error = error; ++outcome.doneCalls; };
+    const auto done = [&](const QString& error) {
+        outcome.error = error;
+        ++outcome.doneCalls;
+    };
     engine.answer(request, record, done);
     EXPECT_TRUE(outcome.chunks.isEmpty()) << "a chunk before the caller has the handle";
     drainEvents();
@@ -200,19 +231,32 @@ TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
 
     outcome = {};
     AnswerEngine::Handle handle;
-    handle = engine.answer(request, [&](const QString& chunk) { record(chunk); handle.cancel(); }, done);
+    handle = engine.answer(
+        request,
+        [&](const QString& chunk) {
+            record(chunk);
+            handle.cancel();
+        },
+        done);
     auto early = engine.answer(request, record, done);
     early.cancel();
     early.cancel(); // harmless
     drainEvents();
-    EXPECT_TRUE(outcome.chunks.size() == 1 && outcome.doneCalls == 0) << outcome.chunks.size() << ' ' << outcome.doneCalls;
+    EXPECT_TRUE(outcome.chunks.size() == 1 && outcome.doneCalls == 0)
+        << outcome.chunks.size() << ' ' << outcome.doneCalls;
 }
 
 TEST(TextRankingTest, WordFormsShareAStemAndFunctionWordsAreNoTerms)
 {
-    for (const auto& [a, b] : {std::pair{"migrated", "migration"}, {"mentoring", "mentored"}, {"leadership", "leading"},
-                               {"optimized", "optimization"}, {"queries", "query"}, {"planned", "planning"},
-                               {"services", "service"}, {"deployments", "deploy"}, {"teams", "team"}})
+    for (const auto& [a, b] : {std::pair{"migrated", "migration"},
+                               {"mentoring", "mentored"},
+                               {"leadership", "leading"},
+                               {"optimized", "optimization"},
+                               {"queries", "query"},
+                               {"planned", "planning"},
+                               {"services", "service"},
+                               {"deployments", "deploy"},
+                               {"teams", "team"}})
         EXPECT_EQ(stemWord(QLatin1String(a)), stemWord(QLatin1String(b))) << a << " / " << b;
     EXPECT_NE(stemWord(u"process"_s), stemWord(u"product"_s));
     EXPECT_EQ(contentTerms(u"Tell me about a time you used C++ and C# at Acme's office"),
@@ -227,17 +271,21 @@ TEST(TextRankingTest, TheResumeLineTheQuestionIsAboutComesFirstAndNoSharedWordMe
         RankingQuery query;
         query.addText(question);
         const auto hits = index.rank(query);
-        const auto hit = std::find_if(hits.begin(), hits.end(), [&](const auto& h) { return !index.passage(h.index).isHeading; });
+        const auto hit = std::find_if(hits.begin(), hits.end(), [&](const auto& h) {
+            return !index.passage(h.index).isHeading;
+        });
         return hit == hits.end() ? QString() : index.passage(hit->index).text;
     };
     for (const auto& [question, expected] :
-         {std::pair{"Tell me about a time you had a conflict with another team.", "Resolved a conflict"},
+         {std::pair{"Tell me about a time you had a conflict with another team.",
+                    "Resolved a conflict"},
           {"How would you speed up a slow PostgreSQL query?", "Optimized slow PostgreSQL"},
           {"Have you ever migrated a service to Kubernetes?", "Led the migration"},
           {"What is your experience mentoring junior developers?", "Mentored four junior"},
           {"How do you detect fraud in payments?", "Built a fraud detection"},
           {"Describe an API you designed for high throughput.", "Designed an idempotent"}})
-        EXPECT_TRUE(best(QString::fromUtf8(question)).startsWith(QLatin1String(expected))) << question;
+        EXPECT_TRUE(best(QString::fromUtf8(question)).startsWith(QLatin1String(expected)))
+            << question;
     EXPECT_EQ(best(u"Have you ever sailed across the Atlantic?"_s), QString());
     RankingQuery query;
     query.addText(u"Kubernetes"_s);

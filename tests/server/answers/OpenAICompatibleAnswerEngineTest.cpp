@@ -21,7 +21,8 @@ const QByteArray completions = "/v1/chat/completions";
 // One streamed piece of the answer; test texts hold no characters JSON would escape.
 QByteArray delta(const char* content)
 {
-    return QByteArray(R"(data: {"choices":[{"index":0,"delta":{"content":")") + content + "\"}}]}\n\n";
+    return QByteArray(R"(data: {"choices":[{"index":0,"delta":{"content":")") + content
+           + "\"}}]}\n\n";
 }
 
 AnswerRequest sampleRequest()
@@ -35,7 +36,8 @@ AnswerRequest sampleRequest()
     return request;
 }
 
-FakeBackend::Response reply(int status, const QByteArray& contentType, const QByteArray& body, bool closeMidBody = false)
+FakeBackend::Response reply(int status, const QByteArray& contentType, const QByteArray& body,
+                            bool closeMidBody = false)
 {
     auto response = FakeBackend::Response::json(status, body);
     response.headers = {{"Content-Type", contentType}};
@@ -56,10 +58,14 @@ TEST(OpenAICompatibleAnswerEngineTest, StreamsDeltasAsTheyArriveWithTheWholeRequ
     for (const char* suffix : {"", "/", "/v1", "/v1/"}) {
         SCOPED_TRACE(suffix);
         FakeBackend server;
-        server.setRoute("POST", completions,
-                        FakeBackend::Response::stream({"data: {\"choices\":[{\"delta\":{\"role\":\"assistant\"}}]}\n\n", delta("I would "),
-                                                       ": keep-alive\n\n", delta("shard it."), "data: [DONE]\n\n"}, 30));
-        const auto engine = makeAnswerEngine({server.origin() + QLatin1String(suffix), u"llama3"_s, u"sk-test"_s});
+        server.setRoute(
+            "POST", completions,
+            FakeBackend::Response::stream(
+                {"data: {\"choices\":[{\"delta\":{\"role\":\"assistant\"}}]}\n\n",
+                 delta("I would "), ": keep-alive\n\n", delta("shard it."), "data: [DONE]\n\n"},
+                30));
+        const auto engine =
+            makeAnswerEngine({server.origin() + QLatin1String(suffix), u"llama3"_s, u"sk-test"_s});
         int piecesAtFirstChunk = -1;
         const auto outcome = runAnswer(*engine, sampleRequest(), [&](AnswerOutcome& o) {
             if (o.chunks.size() == 1)
@@ -77,8 +83,9 @@ TEST(OpenAICompatibleAnswerEngineTest, StreamsDeltasAsTheyArriveWithTheWholeRequ
         EXPECT_EQ(body[u"stream"_s], QJsonValue(true));
         ASSERT_EQ(body[u"messages"_s].toArray().size(), 2);
         const auto system = body[u"messages"_s][0][u"content"_s].toString();
-        for (const auto& expected : {u"Led the billing migration to Kubernetes."_s, u"Platform engineer for payments."_s,
-                                     u"Interviewer: Thanks for joining.\nYou: Glad to be here."_s, u"German"_s})
+        for (const auto& expected :
+             {u"Led the billing migration to Kubernetes."_s, u"Platform engineer for payments."_s,
+              u"Interviewer: Thanks for joining.\nYou: Glad to be here."_s, u"German"_s})
             EXPECT_TRUE(system.contains(expected)) << expected.toStdString();
         EXPECT_EQ(body[u"messages"_s][1][u"content"_s].toString(), sampleRequest().question);
     }
@@ -94,23 +101,42 @@ TEST(OpenAICompatibleAnswerEngineTest, EndsAsTheServerDid)
         const char* errorContains; // empty: a normal end
     } cases[] = {
         {"garbage lines are skipped",
-         FakeBackend::Response::stream({"data: {not json\n", "data: 42\n", "data: {\"choices\":[]}\n",
-                                        "data: {\"choices\":[{\"delta\":{\"content\":7}}]}\n", "garbage\n", "\n",
-                                        "data:{\"choices\":[{\"delta\":{\"content\":\"ok\"}}]}\r\n", "data: {\"choi",
-                                        "ces\":[{\"delta\":{\"content\":\"!\"}}]}\n", "data: [DONE]\n"}),
-         {u"ok"_s, u"!"_s}, ""},
-        {"server error", FakeBackend::Response::json(500, R"({"error":{"message":"model 'llama3' not found"}})"), {},
+         FakeBackend::Response::stream(
+             {"data: {not json\n", "data: 42\n", "data: {\"choices\":[]}\n",
+              "data: {\"choices\":[{\"delta\":{\"content\":7}}]}\n", "garbage\n", "\n",
+              "data:{\"choices\":[{\"delta\":{\"content\":\"ok\"}}]}\r\n", "data: {\"choi",
+              "ces\":[{\"delta\":{\"content\":\"!\"}}]}\n", "data: [DONE]\n"}),
+         {u"ok"_s, u"!"_s},
+         ""},
+        {"server error",
+         FakeBackend::Response::json(500, R"({"error":{"message":"model 'llama3' not found"}})"),
+         {},
          "HTTP 500 for model \"llama3\": model 'llama3' not found"},
         // Half of the announced body.
-        {"closed mid-stream", reply(200, "text/event-stream", sent + sent, true), {u"Part one, "_s, u"part two"_s}, "broke off the answer"},
+        {"closed mid-stream",
+         reply(200, "text/event-stream", sent + sent, true),
+         {u"Part one, "_s, u"part two"_s},
+         "broke off the answer"},
         {"error event mid-stream",
-         FakeBackend::Response::stream({delta("Start"), "data: {\"error\":{\"message\":\"out of memory\"}}\n\n", delta("never")}),
-         {u"Start"_s}, "stopped the answer: out of memory"},
-        {"an end without [DONE] is a normal end", FakeBackend::Response::stream({delta("All of it.")}), {u"All of it."_s}, ""},
-        {"a page that is not a model server", reply(200, "text/html", "<html><body>Welcome</body></html>"), {}, "sent no completion"},
+         FakeBackend::Response::stream({delta("Start"),
+                                        "data: {\"error\":{\"message\":\"out of memory\"}}\n\n",
+                                        delta("never")}),
+         {u"Start"_s},
+         "stopped the answer: out of memory"},
+        {"an end without [DONE] is a normal end",
+         FakeBackend::Response::stream({delta("All of it.")}),
+         {u"All of it."_s},
+         ""},
+        {"a page that is not a model server",
+         reply(200, "text/html", "<html><body>Welcome</body></html>"),
+         {},
+         "sent no completion"},
         {"a server that ignores streaming",
-         reply(200, "application/json", "{\"choices\":[{\"message\":{\"role\":\"assistant\",\n\"content\":\"Whole answer.\"}}]}"),
-         {u"Whole answer."_s}, ""},
+         reply(200, "application/json",
+               "{\"choices\":[{\"message\":{\"role\":\"assistant\",\n\"content\":\"Whole "
+               "answer.\"}}]}"),
+         {u"Whole answer."_s},
+         ""},
         {"a refused connection", std::nullopt, {}, "Cannot reach the model server at"},
     };
     for (const auto& c : cases) {
@@ -129,25 +155,40 @@ TEST(OpenAICompatibleAnswerEngineTest, EndsAsTheServerDid)
         const auto expected = QString::fromUtf8(c.errorContains);
         EXPECT_EQ(outcome.error->isEmpty(), expected.isEmpty()) << outcome.error->toStdString();
         // Every failure names the model server, so the operator knows where to look.
-        EXPECT_TRUE(expected.isEmpty() || (outcome.error->contains(expected) && outcome.error->contains(origin))) << outcome.error->toStdString();
-        EXPECT_TRUE(!server || server->requests("POST", completions).first().header("authorization").isEmpty());
+        EXPECT_TRUE(expected.isEmpty()
+                    || (outcome.error->contains(expected) && outcome.error->contains(origin)))
+            << outcome.error->toStdString();
+        EXPECT_TRUE(
+            !server
+            || server->requests("POST", completions).first().header("authorization").isEmpty());
     }
 }
 
 TEST(OpenAICompatibleAnswerEngineTest, CancelClosesTheConnectionAndSilencesTheAnswer)
 {
     FakeBackend server;
-    server.setRoute("POST", completions, FakeBackend::Response::stream({delta("one"), delta("two"), delta("three"), "data: [DONE]\n\n"}, 50));
+    server.setRoute("POST", completions,
+                    FakeBackend::Response::stream(
+                        {delta("one"), delta("two"), delta("three"), "data: [DONE]\n\n"}, 50));
     OpenAICompatibleAnswerEngine engine(server.origin(), {}, {});
     QStringList chunks;
     int doneCalls = 0;
     AnswerEngine::Handle handle;
-    handle = engine.answer(sampleRequest(), [&](const QString& chunk) { chunks << chunk; handle.cancel(); }, [&](const QString&) { ++doneCalls; });
+    handle = engine.answer(
+        sampleRequest(),
+        [&](const QString& chunk) {
+            chunks << chunk;
+            handle.cancel();
+        },
+        [&](const QString&) { ++doneCalls; });
     // The model server should stop generating: it never gets to write its last piece.
     EXPECT_FALSE(QTest::qWaitFor([&] { return server.piecesSent() == 4; }, 500));
     drainEvents();
-    EXPECT_TRUE(chunks == QStringList{u"one"_s} && doneCalls == 0) << chunks.join(u',').toStdString() << doneCalls;
+    EXPECT_TRUE(chunks == QStringList{u"one"_s} && doneCalls == 0)
+        << chunks.join(u',').toStdString() << doneCalls;
     handle.cancel(); // after the end: harmless
     // No model named: the field is left out for single-model servers.
-    EXPECT_FALSE(QJsonDocument::fromJson(server.requests("POST", completions).first().body)[u"model"_s].isString());
+    EXPECT_FALSE(
+        QJsonDocument::fromJson(server.requests("POST", completions).first().body)[u"model"_s]
+            .isString());
 }

@@ -48,15 +48,21 @@ TEST(InterviewLanguageModelTest, EveryHistoryIsADistributionAndTheHeaderCountsMa
 
     auto vocabulary = arpa.grams[1].keys();
     vocabulary.removeAll(u"<s>"_s);
-    const auto unigram = [&](const QString& word) { return std::pow(10.0, arpa.grams[1][word].first); };
-    EXPECT_NEAR(std::accumulate(vocabulary.begin(), vocabulary.end(), 0.0, [&](double sum, const QString& word) { return sum + unigram(word); }), 1.0, 1e-3);
+    const auto unigram = [&](const QString& word) {
+        return std::pow(10.0, arpa.grams[1][word].first);
+    };
+    EXPECT_NEAR(
+        std::accumulate(vocabulary.begin(), vocabulary.end(), 0.0,
+                        [&](double sum, const QString& word) { return sum + unigram(word); }),
+        1.0, 1e-3);
 
     for (const auto& history : {u"tell"_s, u"<s>"_s, u"you"_s, u"a"_s}) {
         const double backoff = std::pow(10.0, arpa.grams[1][history].second);
         double sum = 0;
         for (const auto& word : vocabulary) {
             const auto seen = arpa.grams[2].find(history + u' ' + word);
-            sum += seen != arpa.grams[2].end() ? std::pow(10.0, seen->first) : backoff * unigram(word);
+            sum +=
+                seen != arpa.grams[2].end() ? std::pow(10.0, seen->first) : backoff * unigram(word);
         }
         EXPECT_NEAR(sum, 1.0, 1e-2) << history.toStdString();
     }

@@ -22,13 +22,18 @@ QStringList summary(const QStringList& messages)
     for (const auto& text : messages) {
         const auto message = QJsonDocument::fromJson(text.toUtf8()).object();
         const auto type = message[u"type"_s].toString();
-        out << (type != u"Results" ? type : type + (message[u"is_final"_s].toBool() ? u" F"_s : u" P"_s) + (message[u"speech_final"_s].toBool() ? u"S:"_s : u":"_s)
-                                                + message[u"channel"_s][u"alternatives"_s][0][u"transcript"_s].toString());
+        out << (type != u"Results"
+                    ? type
+                    : type + (message[u"is_final"_s].toBool() ? u" F"_s : u" P"_s)
+                          + (message[u"speech_final"_s].toBool() ? u"S:"_s : u":"_s)
+                          + message[u"channel"_s][u"alternatives"_s][0][u"transcript"_s]
+                                .toString());
     }
     return out;
 }
 
-RecognitionEvent heard(Kind kind, const QString& text, double start, double duration, bool atPause = true)
+RecognitionEvent heard(Kind kind, const QString& text, double start, double duration,
+                       bool atPause = true)
 {
     return {kind, text, start, duration, kind == Kind::final ? 0.9 : 0, atPause};
 }
@@ -39,15 +44,22 @@ RecognitionEvent heard(Kind kind, const QString& text, double start, double dura
 // top-level is_final (flag); anything of another type would be dropped without a word.
 TEST(DeepgramWireTest, ResultsCarryTheFieldsTheProgramReadsWithTheirTypesAndControlsAreExact)
 {
-    const auto message = QJsonDocument::fromJson(DeepgramWire::results(
-        {u"tell me \"more\""_s, 0.8125, true, false, true, 1.23456, 2.5}, u"req-1"_s).toUtf8()).object();
+    const auto message =
+        QJsonDocument::fromJson(
+            DeepgramWire::results({u"tell me \"more\""_s, 0.8125, true, false, true, 1.23456, 2.5},
+                                  u"req-1"_s)
+                .toUtf8())
+            .object();
     EXPECT_EQ(message[u"type"_s], u"Results"_s);
     const auto first = message[u"channel"_s][u"alternatives"_s][0];
-    EXPECT_EQ(QJsonArray({first[u"transcript"_s], first[u"confidence"_s], message[u"is_final"_s], message[u"speech_final"_s],
-                          message[u"from_finalize"_s], message[u"start"_s], message[u"duration"_s], message[u"metadata"_s][u"request_id"_s]}),
-              QJsonArray({u"tell me \"more\""_s, 0.8125, true, false, true, 1.235, 2.5, u"req-1"_s}));
+    EXPECT_EQ(
+        QJsonArray({first[u"transcript"_s], first[u"confidence"_s], message[u"is_final"_s],
+                    message[u"speech_final"_s], message[u"from_finalize"_s], message[u"start"_s],
+                    message[u"duration"_s], message[u"metadata"_s][u"request_id"_s]}),
+        QJsonArray({u"tell me \"more\""_s, 0.8125, true, false, true, 1.235, 2.5, u"req-1"_s}));
     // The program writes them with a space after the colon.
-    EXPECT_EQ((std::vector{DeepgramWire::parseControl(u"{\"type\": \"KeepAlive\"}"_s), DeepgramWire::parseControl(u"{\"type\": \"CloseStream\"}"_s),
+    EXPECT_EQ((std::vector{DeepgramWire::parseControl(u"{\"type\": \"KeepAlive\"}"_s),
+                           DeepgramWire::parseControl(u"{\"type\": \"CloseStream\"}"_s),
                            DeepgramWire::parseControl(u"{\"type\":\"Finalize\"}"_s)}),
               (std::vector{Control::keepAlive, Control::closeStream, Control::finalize}));
     for (const auto& garbage : {u""_s, u"KeepAlive"_s, u"[\"KeepAlive\"]"_s, u"{\"type\":7}"_s,
@@ -62,17 +74,23 @@ TEST(ListenSessionTest, VersionOneSendsAnUtteranceEndAfterTheGapInAudioTimeAndOn
     request.utteranceEndMs = 1500;
     ListenSession session(request, u"r"_s);
     EXPECT_TRUE(session.opening().isEmpty());
-    EXPECT_EQ(summary(session.heard({heard(Kind::partial, u"tell"_s, 0.5, 0.3)}, 0.8)), QStringList{u"Results P:tell"_s});
-    EXPECT_EQ(summary(session.heard({}, 3.0)), QStringList()) << "no gap is counted while a phrase is open";
-    EXPECT_EQ(summary(session.heard({heard(Kind::final, u"tell me"_s, 0.5, 1.0)}, 2.1)), QStringList{u"Results FS:tell me"_s});
+    EXPECT_EQ(summary(session.heard({heard(Kind::partial, u"tell"_s, 0.5, 0.3)}, 0.8)),
+              QStringList{u"Results P:tell"_s});
+    EXPECT_EQ(summary(session.heard({}, 3.0)), QStringList())
+        << "no gap is counted while a phrase is open";
+    EXPECT_EQ(summary(session.heard({heard(Kind::final, u"tell me"_s, 0.5, 1.0)}, 2.1)),
+              QStringList{u"Results FS:tell me"_s});
     EXPECT_EQ(summary(session.heard({}, 2.99)), QStringList()) << "1.49 s after the last word";
     EXPECT_EQ(summary(session.heard({}, 3.0)), QStringList{u"UtteranceEnd"_s});
     EXPECT_EQ(summary(session.heard({}, 9.0)), QStringList()) << "one per gap";
     // A phrase cut for length is final but the speaker has not paused.
-    EXPECT_EQ(summary(session.heard({heard(Kind::final, u"long"_s, 4, 15, false)}, 19)), QStringList{u"Results F:long"_s});
+    EXPECT_EQ(summary(session.heard({heard(Kind::final, u"long"_s, 4, 15, false)}, 19)),
+              QStringList{u"Results F:long"_s});
     EXPECT_EQ(summary(session.closing({}, 20)), QStringList{u"Metadata"_s});
 
     ListenSession plain(DeepgramWire::ListenRequest{}, u"r"_s);
-    EXPECT_EQ(summary(plain.heard({heard(Kind::partial, u"a"_s, 0, 1), heard(Kind::final, u"a b"_s, 0, 1)}, 60)),
-              QStringList{u"Results FS:a b"_s}) << "no partials and no gap unless asked for";
+    EXPECT_EQ(summary(plain.heard(
+                  {heard(Kind::partial, u"a"_s, 0, 1), heard(Kind::final, u"a b"_s, 0, 1)}, 60)),
+              QStringList{u"Results FS:a b"_s})
+        << "no partials and no gap unless asked for";
 }

@@ -23,7 +23,8 @@ TEST(OfflineRecognizerTest, PartialsThenOneFinalAtThePauseInAudioTimeAndFinishEn
     // Odd chunk sizes split samples between calls; the odd byte must wait for its partner.
     std::vector<RecognitionEvent> events;
     for (qsizetype offset = 0; offset < speech->size(); offset += 4095) {
-        const auto heard = recognizer.feed(QByteArrayView(*speech).sliced(offset, std::min<qsizetype>(4095, speech->size() - offset)));
+        const auto heard = recognizer.feed(QByteArrayView(*speech).sliced(
+            offset, std::min<qsizetype>(4095, speech->size() - offset)));
         events.insert(events.end(), heard.begin(), heard.end());
     }
     ASSERT_FALSE(events.empty());
@@ -35,12 +36,15 @@ TEST(OfflineRecognizerTest, PartialsThenOneFinalAtThePauseInAudioTimeAndFinishEn
         if (event.kind == Kind::final)
             finals << event.text;
     }
-    EXPECT_GE(SpokenAudio::wordsHeard(question, finals.join(u' ')), 4) << finals.join(u' ').toStdString();
+    EXPECT_GE(SpokenAudio::wordsHeard(question, finals.join(u' ')), 4)
+        << finals.join(u' ').toStdString();
     const double total = recognizer.processedSeconds();
     EXPECT_NEAR(total, double(speech->size()) / 32000.0, 0.01);
     // Speech begins after half a second of silence.
-    EXPECT_TRUE(last.atPause && last.start > 0.1 && last.start < 1.0 && last.duration > 1.0 && last.start + last.duration <= total
-                && last.confidence >= 0.0 && last.confidence <= 1.0) << last.start << ' ' << last.duration << ' ' << last.confidence;
+    EXPECT_TRUE(last.atPause && last.start > 0.1 && last.start < 1.0 && last.duration > 1.0
+                && last.start + last.duration <= total && last.confidence >= 0.0
+                && last.confidence <= 1.0)
+        << last.start << ' ' << last.duration << ' ' << last.confidence;
     EXPECT_TRUE(recognizer.finish().empty()) << "nothing is left open after the pause";
 
     // Without the trailing silence there is no pause, until finish.
@@ -54,5 +58,6 @@ TEST(OfflineRecognizerTest, PartialsThenOneFinalAtThePauseInAudioTimeAndFinishEn
     OfflineRecognizer::Options options;
     options.modelDirectory = u"/nonexistent/model"_s;
     OfflineRecognizer missing(options);
-    EXPECT_TRUE(!missing.isValid() && missing.errorString().contains(u"/nonexistent/model"_s) && missing.feed(*speech).empty());
+    EXPECT_TRUE(!missing.isValid() && missing.errorString().contains(u"/nonexistent/model"_s)
+                && missing.feed(*speech).empty());
 }
