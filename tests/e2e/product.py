@@ -116,7 +116,8 @@ class Desktop:
         display = self._daemon("test-display.sh", "display")
         self.env["DISPLAY"] = display["DISPLAY"]
         self.spawn(["openbox", "--sm-disable"], log="openbox.log")
-        if not wait_until(lambda: self.xprop_root("_NET_SUPPORTING_WM_CHECK"), 10):
+        # Generous, as for Xvfb: a loaded machine under the sanitizers took more than 10 s.
+        if not wait_until(lambda: self.xprop_root("_NET_SUPPORTING_WM_CHECK"), 30):
             raise RuntimeError("openbox did not start")
         keyring = self._daemon("test-keyring.sh", "keyring")
         self.env["DBUS_SESSION_BUS_ADDRESS"] = keyring["DBUS_SESSION_BUS_ADDRESS"]
