@@ -21,6 +21,7 @@
 #include "PulseMicrophoneSource.h"
 #include "PulseSystemAudioSource.h"
 #include "QmlShellWindows.h"
+#include "RendererChoice.h"
 #include "SingleInstance.h"
 #include "SoundSettings.h"
 #include "X11KeySource.h"
@@ -74,6 +75,7 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         return 0;
     }
     QmlShellWindows::prepareDrawing();
+    const auto renderer = applyRendererChoice();
     QApplication app(argc, argv);
     QCoreApplication::setApplicationName(u"RavletAI"_s);
     QCoreApplication::setApplicationVersion(QString::fromUtf16(BuildConfig::version));
@@ -147,6 +149,8 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
 
     logLine(u"App", u"RavletAI "_s + QCoreApplication::applicationVersion() + u" started; interface language "_s
                         + strings.languageCode());
+    logLine(u"App", (renderer.software ? u"drawing with Qt Quick's software renderer: "_s : u"drawing through OpenGL: "_s)
+                        + renderer.reason);
     const auto launch = TaskHandle(CancellationToken(), launchThenWait(&delegate, &localServer, arguments, &options));
     return app.exec();
 }
