@@ -159,6 +159,7 @@ def run(args, desktop):
     log = os.path.join(desktop.scratch, "program.log")
     check("drawing with Qt Quick's software renderer" in open(log).read(), "the program picks the software renderer",
           lambda: open(log).read()[-2000:])
+    check("X11 session (unknown); windows and keys through X11" in open(log).read(), "it logs the session it found")
 
     # Sign in: the notice on usage data, then Sign In; the browser gets the login address.
     ui.press(WELCOME, "OK, got it")
