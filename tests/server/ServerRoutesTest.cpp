@@ -471,6 +471,34 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
             << (c.extra.isEmpty() ? "" : c.extra.first().first.constData());
     }
 
+    // The kernel's table for IPv6, which the IPv4 harness never reaches: the client end of
+    // ::1 port 41394 -> ::1 port 8080 and of an IPv4-mapped connection, each with its owner.
+    QTemporaryDir proc;
+    writeFile(proc.filePath(u"tcp6"_s),
+              "  sl  local_address                         remote_address                        "
+              "st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
+              "   0: 00000000000000000000000001000000:1F90 00000000000000000000000001000000:A1B2 "
+              "01 00000000:00000000 00:00000000 00000000     0        0 1 1\n"
+              "   1: 00000000000000000000000001000000:A1B2 00000000000000000000000001000000:1F90 "
+              "01 00000000:00000000 00:00000000 00000000  1234        0 2 1\n"
+              "   2: 0000000000000000FFFF00000100007F:A1B3 0000000000000000FFFF00000100007F:1F90 "
+              "01 00000000:00000000 00:00000000 00000000  4321        0 3 1\n"
+              "   3: 00000000000000000000000001000000:A1B4 00000000000000000000000001000000:1F90 "
+              "06 00000000:00000000 00:00000000 00000000     0        0 0 1\n");
+    const auto owner = [&](const QHostAddress& peer, quint16 peerPort) {
+        HttpRequest connection;
+        connection.peer = peer;
+        connection.peerPort = peerPort;
+        connection.localPort = 0x1F90;
+        return loopbackConnectionOwner(connection, proc.path()).value_or(~0u);
+    };
+    EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0xA1B2), 1234u);
+    EXPECT_EQ(owner(QHostAddress(u"::ffff:127.0.0.1"_s), 0xA1B3), 4321u);
+    EXPECT_EQ(owner(QHostAddress::LocalHost, 0xA1B3), 4321u);
+    EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0xA1B4), ~0u) << "a closing connection";
+    EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0x1F90), ~0u) << "the server's own end";
+    EXPECT_EQ(owner(QHostAddress(u"192.0.2.1"_s), 0xA1B2), ~0u);
+
     // The same form from another local user of this machine: the connection is theirs.
     if (::geteuid() != 0 || !QFile::exists(u"/usr/bin/setpriv"_s))
         GTEST_SKIP() << "another user's connection needs root and setpriv to be tested";
