@@ -4,6 +4,7 @@
 
 #include "AwaitTask.h"
 #include "LoginPage.h"
+#include "SignInLimits.h"
 #include "Stores.h"
 
 #include <QFile>
@@ -554,6 +555,15 @@ TEST_F(ServerTest, PasswordGuessesAreLimitedPerEmailAndPerAddress)
     EXPECT_EQ(attempt(u"victim%40example.org"_s, u"correct+horse"_s).status, 429);
     server.clock.advance(milliseconds(1));
     EXPECT_EQ(attempt(u"victim%40example.org"_s, u"correct+horse"_s).status, 303);
+
+    // One IPv6 holder has a whole /64 to rotate through: it counts as one address.
+    SignInLimits limits(server.clock);
+    for (int i = 0; i < SignInLimits::failuresPerAddress; ++i)
+        limits.recordFailure(u"a"_s + QString::number(i),
+                             QHostAddress(u"2001:db8:1:2::"_s + QString::number(i + 1, 16)));
+    EXPECT_GT(limits.retryAfterMs(u"new"_s, QHostAddress(u"2001:db8:1:2:ffff::1"_s)), 0);
+    EXPECT_EQ(limits.retryAfterMs(u"new"_s, QHostAddress(u"2001:db8:1:3::1"_s)), 0);
+    EXPECT_EQ(limits.retryAfterMs(u"new"_s, QHostAddress(u"192.0.2.1"_s)), 0);
 }
 
 TEST(ServerConfigTest, TelemetryIsStoredAndCanBeTurnedOffForEveryone)
