@@ -1,5 +1,11 @@
 #include "PasswordHasher.h"
 
+#include <QPromise>
+#include <QThread>
+#include <QThreadPool>
+
+#include <memory>
+
 #include <sodium.h>
 
 namespace {
@@ -10,9 +16,45 @@ bool ready()
     return initialised;
 }
 
+QThreadPool& hashingPool()
+{
+    static QThreadPool* pool = [] {
+        auto* created = new QThreadPool; // lives as long as the process; its threads idle out
+        created->setMaxThreadCount(std::max(1, QThread::idealThreadCount()));
+        return created;
+    }();
+    return *pool;
+}
+
+template<typename T, typename Work>
+QFuture<T> onHashingPool(Work work)
+{
+    auto promise = std::make_shared<QPromise<T>>();
+    auto future = promise->future();
+    promise->start();
+    hashingPool().start([promise, work = std::move(work)] {
+        promise->addResult(work());
+        promise->finish();
+    });
+    return future;
+}
+
 } // namespace
 
 namespace PasswordHasher {
+
+QFuture<QString> hashInBackground(QString password)
+{
+    return onHashingPool<QString>([password = std::move(password)] { return hash(password); });
+}
+
+QFuture<bool> verifyInBackground(QString storedHash, QString password)
+{
+    return onHashingPool<bool>(
+        [storedHash = std::move(storedHash), password = std::move(password)] {
+            return verify(storedHash, password);
+        });
+}
 
 QString hash(const QString& password)
 {

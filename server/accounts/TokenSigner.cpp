@@ -77,3 +77,11 @@ std::optional<QJsonObject> TokenSigner::verify(const QString& token) const
         return std::nullopt;
     return document.object();
 }
+
+QByteArray derivedKey(const QByteArray& key, const QByteArray& purpose)
+{
+    const auto pseudoRandomKey =
+        QMessageAuthenticationCode::hash(key, QByteArray(32, '\0'), QCryptographicHash::Sha256);
+    return QMessageAuthenticationCode::hash(purpose + '\x01', pseudoRandomKey,
+                                            QCryptographicHash::Sha256);
+}

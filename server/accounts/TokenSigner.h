@@ -23,3 +23,7 @@ public:
 private:
     QByteArray m_key;
 };
+
+// HKDF-SHA256 (RFC 5869) of `key` for one `purpose`: 32 bytes that reveal nothing of `key` or
+// of the keys of other purposes.
+QByteArray derivedKey(const QByteArray& key, const QByteArray& purpose);

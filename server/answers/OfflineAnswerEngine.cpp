@@ -2,6 +2,7 @@
 
 #include "OfflineDraft.h"
 
+#include <QFutureWatcher>
 #include <QObject>
 #include <QPointer>
 
@@ -52,13 +53,19 @@ AnswerEngine::Handle OfflineAnswerEngine::answer(const AnswerRequest& request,
                                                  std::function<void(const QString& error)> onDone)
 {
     auto delivery = std::make_shared<Delivery>();
-    const auto lines = draftAnswer(request);
-    for (qsizetype i = 0; i < lines.size(); ++i)
-        delivery->chunks << (i + 1 < lines.size() ? lines.at(i) + u'\n' : lines.at(i));
     delivery->onChunk = std::move(onChunk);
     delivery->onDone = std::move(onDone);
     delivery->context = new QObject;
-    postNext(delivery);
+    // Drafted on a worker; the watcher belongs to the context, so a cancelled answer (whose
+    // context is deleted) never hears of its draft.
+    auto* watcher = new QFutureWatcher<QStringList>(delivery->context.data());
+    QObject::connect(watcher, &QFutureWatcherBase::finished, watcher, [delivery, watcher] {
+        const auto lines = watcher->result();
+        for (qsizetype i = 0; i < lines.size(); ++i)
+            delivery->chunks << (i + 1 < lines.size() ? lines.at(i) + u'\n' : lines.at(i));
+        deliverNext(delivery);
+    });
+    watcher->setFuture(draftAnswerInBackground(request));
 
     std::weak_ptr<Delivery> weak = delivery;
     return {[weak] {

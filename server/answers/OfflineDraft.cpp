@@ -4,10 +4,14 @@
 #include "QuestionKind.h"
 #include "TextRanking.h"
 
+#include <QPromise>
 #include <QRegularExpression>
+#include <QThreadPool>
 
 #include <algorithm>
+#include <memory>
 #include <optional>
+#include <vector>
 
 namespace ravlet::server {
 
@@ -26,6 +30,9 @@ constexpr double contextWeight = 0.5;
 // Ten pages of resume are some 40 KB of text; beyond this a document is not read further,
 // so that an oversized upload cannot hold the server's thread.
 constexpr qsizetype longestDocument = 256 * 1024;
+// Job statements ranked against the whole resume for the best match: far more than a real
+// description's relevant lines, few enough that the draft stays quick at the longest document.
+constexpr qsizetype rankedJobStatements = 48;
 
 QString shown(const QString& text)
 {
@@ -192,16 +199,30 @@ private:
     }
 
     // The job description statement about the role (not a requirement, where the description
-    // tells the two apart) that the resume covers best, with that resume statement.
+    // tells the two apart) that the resume covers best, with that resume statement. Ranking
+    // the whole resume for every statement of a long description would take the square of
+    // their lengths: only the statements whose words weigh most in the resume are ranked.
     std::optional<std::pair<int, int>> bestJobMatch() const
     {
         std::optional<std::pair<int, int>> best;
         double bestScore = 0;
         for (const bool requirements : {false, true}) {
+            std::vector<std::pair<double, int>> candidates;
             for (int j = 0; j < m_job.passages().size(); ++j) {
                 const auto& passage = m_job.passage(j);
                 if (passage.isHeading || isRequirement(passage) != requirements)
                     continue;
+                if (const auto reach = m_resume.reach(m_job.termsOf(j)); reach > 0)
+                    candidates.emplace_back(-reach, j); // most first, then document order
+            }
+            if (std::ssize(candidates) > rankedJobStatements) {
+                std::partial_sort(candidates.begin(), candidates.begin() + rankedJobStatements,
+                                  candidates.end());
+                candidates.resize(rankedJobStatements);
+            }
+            std::sort(candidates.begin(), candidates.end(),
+                      [](const auto& x, const auto& y) { return x.second < y.second; });
+            for (const auto& [reach, j] : candidates) {
                 const auto query = termsQuery(m_job, j);
                 const auto hits = m_resume.rank(query);
                 const auto resumeLine = bestEvidence(m_resume, query);
@@ -331,7 +352,7 @@ private:
                 if (passage.isHeading || isRequirement(passage) != requirements
                     || m_job.termsOf(j).size() < 3)
                     continue;
-                if (m_resume.rank(termsQuery(m_job, j)).isEmpty())
+                if (!m_resume.sharesAnyTerm(m_job.termsOf(j)))
                     return passage.text;
             }
         }
@@ -441,6 +462,18 @@ private:
 QStringList draftAnswer(const AnswerRequest& request)
 {
     return Composer(request).compose();
+}
+
+QFuture<QStringList> draftAnswerInBackground(AnswerRequest request)
+{
+    auto promise = std::make_shared<QPromise<QStringList>>();
+    auto future = promise->future();
+    promise->start();
+    QThreadPool::globalInstance()->start([promise, request = std::move(request)] {
+        promise->addResult(draftAnswer(request));
+        promise->finish();
+    });
+    return future;
 }
 
 } // namespace ravlet::server

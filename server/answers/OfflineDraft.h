@@ -2,6 +2,7 @@
 
 #include "AnswerEngine.h"
 
+#include <QFuture>
 #include <QStringList>
 
 namespace ravlet::server {
@@ -11,5 +12,7 @@ namespace ravlet::server {
 // resume or job description, or is guidance in [brackets] for the user to replace. Nothing
 // else is ever put in the user's mouth.
 QStringList draftAnswer(const AnswerRequest& request);
+// The same on a worker thread: reading long documents must not hold up the event loop.
+QFuture<QStringList> draftAnswerInBackground(AnswerRequest request);
 
 } // namespace ravlet::server

@@ -401,6 +401,26 @@ QList<Bm25Index::Hit> Bm25Index::rank(const RankingQuery& query) const
     return hits;
 }
 
+double Bm25Index::reach(const QStringList& terms) const
+{
+    const double n = double(m_passages.size());
+    double total = 0;
+    for (const auto& term : terms) {
+        const auto found = m_postings.constFind(term);
+        if (found == m_postings.cend())
+            continue;
+        const double df = double(found->size());
+        total += std::log(1.0 + (n - df + 0.5) / (df + 0.5));
+    }
+    return total;
+}
+
+bool Bm25Index::sharesAnyTerm(const QStringList& terms) const
+{
+    return std::any_of(terms.cbegin(), terms.cend(),
+                       [this](const QString& term) { return m_postings.contains(term); });
+}
+
 Bm25IndexCache::Bm25IndexCache(qsizetype capacity)
     : m_capacity(std::max<qsizetype>(1, capacity))
 {

@@ -62,6 +62,12 @@ public:
     // document order so that the result never depends on hashing.
     QList<Hit> rank(const RankingQuery& query) const;
 
+    // How much a query of `terms` could score here at best: the sum of their inverse document
+    // frequencies. A lookup per term, without touching any passage: for choosing what to rank.
+    double reach(const QStringList& terms) const;
+    // Whether any passage holds one of `terms`.
+    bool sharesAnyTerm(const QStringList& terms) const;
+
     const Passage& passage(int index) const { return m_passages.at(index); }
     const QList<Passage>& passages() const { return m_passages; }
     // The passage's own terms, to query another document with it.

@@ -1,5 +1,6 @@
 #include "ServerOptions.h"
 
+#include "Database.h"
 #include "PasswordHasher.h"
 
 #include <QDir>
@@ -8,6 +9,11 @@
 #include <QHash>
 #include <QStandardPaths>
 #include <QUrl>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -61,7 +67,15 @@ const QList<Option>& options()
         {u"--no-local-sign-in"_s,
          u"RAVLET_NO_LOCAL_SIGN_IN"_s,
          {},
-         u"Hide \"Continue on this computer\" (for a server shared by many users)."_s},
+         u"Hide \"Continue on this computer\" (always hidden with --public-url or a --listen address other than loopback)."_s},
+        {u"--no-sign-up"_s,
+         u"RAVLET_NO_SIGN_UP"_s,
+         {},
+         u"No account can be created on the sign-in page; the operator creates them with --create-user."_s},
+        {u"--create-user"_s,
+         {},
+         u"EMAIL"_s,
+         u"Create an account with the password read from standard input, then exit."_s},
         {u"--no-offline-speech"_s,
          u"RAVLET_NO_OFFLINE_SPEECH"_s,
          {},
@@ -264,7 +278,13 @@ ServerOptions::parse(const QStringList& arguments, const QStringList& environmen
     result.config.publicOrigin = values.value(u"--public-url"_s);
     while (result.config.publicOrigin.endsWith(u'/'))
         result.config.publicOrigin.chop(1);
-    result.config.localSignIn = !values.contains(u"--no-local-sign-in"_s);
+    // Without a password is for the person at this computer: never on a server that others
+    // reach, directly or through a proxy that would make them all look local.
+    result.config.localSignIn = !values.contains(u"--no-local-sign-in"_s)
+                                && result.config.publicOrigin.isEmpty()
+                                && result.address.isLoopback();
+    result.config.signUp = !values.contains(u"--no-sign-up"_s);
+    result.createUser = values.value(u"--create-user"_s);
     result.config.telemetryEnabled = !values.contains(u"--no-telemetry"_s);
     result.config.offlineSpeech = !values.contains(u"--no-offline-speech"_s);
     return result;
@@ -272,8 +292,15 @@ ServerOptions::parse(const QStringList& arguments, const QStringList& environmen
 
 std::variant<QByteArray, QString> loadOrCreateSigningKey(const QString& path)
 {
-    QFile file(path);
-    if (file.exists()) {
+    const auto name = QFile::encodeName(path);
+    struct stat info {};
+    if (::stat(name.constData(), &info) == 0) {
+        if ((info.st_mode & 077) != 0)
+            return u"The signing key "_s + path
+                   + u" can be read by other users; it may have been copied. Make a new key, or "
+                     u"if you are sure it was not read, run: chmod 600 "_s
+                   + path;
+        QFile file(path);
         if (!file.open(QIODevice::ReadOnly))
             return u"Cannot read the signing key "_s + path;
         const auto key = QByteArray::fromHex(file.readAll().trimmed());
@@ -281,11 +308,29 @@ std::variant<QByteArray, QString> loadOrCreateSigningKey(const QString& path)
             return u"The signing key "_s + path + u" is shorter than 32 bytes"_s;
         return key;
     }
-    QDir().mkpath(QFileInfo(path).absolutePath());
+    if (!makePrivateDirectory(QFileInfo(path).absolutePath()))
+        return u"Cannot create the folder of the signing key "_s + path;
     const auto key = PasswordHasher::randomBytes(32);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly))
+    // 0600 from the moment it exists: no window in which another user could open it.
+    const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0)
         return u"Cannot create the signing key "_s + path;
-    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    file.write(key.toHex() + '\n');
+    const auto text = key.toHex() + '\n';
+    qsizetype written = 0;
+    while (written < text.size()) {
+        const auto n = ::write(fd, text.constData() + written, size_t(text.size() - written));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        written += n;
+    }
+    const bool saved = written == text.size() && ::fsync(fd) == 0;
+    ::close(fd);
+    if (!saved) {
+        // A half-written key would be refused (or worse, shorter) at the next start.
+        ::unlink(name.constData());
+        return u"Cannot write the signing key "_s + path;
+    }
     return key;
 }

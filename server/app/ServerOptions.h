@@ -20,6 +20,8 @@ struct ServerOptions {
     QString llmModel;
     QString llmApiKey; // read from --llm-api-key-file or RAVLET_LLM_API_KEY
     QString signingKeyFile;
+    // Set: create this account (its password read from standard input) and exit.
+    QString createUser;
     ServerConfig config;
 
     struct Help {

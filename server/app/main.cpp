@@ -1,16 +1,18 @@
-#include "ServerAnswerEngine.h"
 #include "Api.h"
 #include "Clock.h"
 #include "HttpServer.h"
+#include "ServerAnswerEngine.h"
 #include "ServerOptions.h"
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QProcessEnvironment>
 #include <QSocketNotifier>
 
 #include <csignal>
 #include <cstdio>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -39,10 +41,34 @@ void quitOnSignals()
     sigaction(SIGINT, &action, nullptr);
 }
 
+// The operator's way to make accounts when the sign-in page may not (--no-sign-up). The
+// password comes from standard input, never from the command line where others can see it.
+int createUser(AccountService& accounts, const QString& email)
+{
+    QFile input;
+    if (!input.open(stdin, QIODevice::ReadOnly)) {
+        std::fprintf(stderr, "ravlet-server: cannot read the password from standard input\n");
+        return 1;
+    }
+    auto line = input.readLine(4096);
+    while (line.endsWith('\n') || line.endsWith('\r'))
+        line.chop(1);
+    const auto created = accounts.createAccount(email, QString::fromUtf8(line));
+    if (const auto* refusal = std::get_if<QString>(&created)) {
+        std::fprintf(stderr, "ravlet-server: %s\n", qPrintable(*refusal));
+        return 1;
+    }
+    std::fprintf(stderr, "ravlet-server: created the account %s\n",
+                 qPrintable(std::get<UserRecord>(created).email));
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    // Everything this server writes (database, key, logs of SQLite) is for its own user.
+    ::umask(077);
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("ravlet-server"));
 
@@ -73,6 +99,8 @@ int main(int argc, char** argv)
 
     SystemClock clock;
     AccountService accounts(*database, clock, std::get<QByteArray>(key));
+    if (!options.createUser.isEmpty())
+        return createUser(accounts, options.createUser);
     const auto engine = answerEngineFor(options);
     Api api(*database, accounts, clock, options.config, engine.get());
     HttpServer server;

@@ -243,6 +243,8 @@ protected:
     {
         guard->requestTaken(socket);
         auto converted = toRequest(request);
+        converted.peerPort = socket->peerPort();
+        converted.localPort = socket->localPort();
         if (request.value("upgrade").compare("websocket", Qt::CaseInsensitive) == 0) {
             const auto route = webSocketRoutes.constFind(converted.path);
             if (route == webSocketRoutes.cend()) {

@@ -19,6 +19,9 @@ struct HttpRequest {
     HttpHeaders headers;
     QByteArray body;
     QHostAddress peer;
+    // The connection's two ports, which name it among the machine's TCP connections.
+    quint16 peerPort = 0;
+    quint16 localPort = 0;
 
     // Case-insensitive; empty when absent.
     QByteArray header(QByteArrayView name) const;

@@ -1,5 +1,7 @@
 #include "Api.h"
 
+#include "TaskHandle.h"
+
 #include "Helpers.h"
 #include "LoginPage.h"
 #include "SpeechSynthesizer.h"
@@ -202,6 +204,24 @@ void Api::handle(const HttpRequest& request, std::shared_ptr<HttpResponder> resp
                                    : HttpResponse::error(404, u"Not found"_s));
 }
 
+namespace {
+
+// The sign-in form answers after its password hash, which runs off the event loop.
+QCoro::Task<> answerForm(std::shared_ptr<LoginPage> page, HttpRequest request,
+                         std::shared_ptr<HttpResponder> responder)
+{
+    HttpResponse response;
+    try {
+        response = co_await page->submit(std::move(request));
+    } catch (const std::exception& error) {
+        qWarning("Request to /auth/login failed: %s", error.what());
+        response = HttpResponse::error(500, u"The server could not complete the request"_s);
+    }
+    responder->respond(response);
+}
+
+} // namespace
+
 void Api::registerAuthRoutes()
 {
     addPublicRoute(
@@ -225,13 +245,29 @@ void Api::registerAuthRoutes()
                                       {u"refreshToken"_s, pair->refreshToken}});
         }));
 
-    auto page = std::make_shared<LoginPage>(m_accounts, m_config.localSignIn);
+    // Public: the access token may have run out by the time someone signs out. The answer is
+    // the same whether or not the token was known.
+    addPublicRoute("POST", u"/api/v1/auth/logout"_s,
+                   withJsonBody([this](const QJsonObject& object, const Params&) {
+                       m_accounts.signOut(object.value(u"refreshToken"_s).toString());
+                       return HttpResponse::noContent();
+                   }));
+
+    auto page = std::make_shared<LoginPage>(
+        m_accounts, m_clock, LoginPage::Options{m_config.localSignIn, m_config.signUp});
     addPublicRoute("GET", u"/auth/login"_s, [page](const HttpRequest& request, const Params&) {
         return page->show(request);
     });
-    addPublicRoute("POST", u"/auth/login"_s, [page](const HttpRequest& request, const Params&) {
-        return page->submit(request);
-    });
+    m_routes.append(
+        {QByteArrayLiteral("POST"),
+         {u"auth"_s, u"login"_s},
+         false,
+         {},
+         [page](const HttpRequest& request, const User&, std::shared_ptr<HttpResponder> responder) {
+             TaskHandle::run([&](const CancellationToken&) {
+                 return answerForm(page, request, std::move(responder));
+             });
+         }});
 
     addRoute("GET", u"/api/v1/subscription/status"_s,
              [this](const HttpRequest&, const User&, const Params&) {

@@ -2,12 +2,16 @@
 
 #include "PasswordHasher.h"
 
+#include <QFile>
 #include <QRegularExpression>
 #include <QStringDecoder>
 #include <QUrl>
 #include <QUrlQuery>
 
+#include <cstring>
 #include <map>
+
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -66,9 +70,9 @@ int hexValue(char c)
 }
 
 // One name or value of the form: "+" is a space, "%" and two hex digits a byte, anything else
-// itself; the bytes are then read as UTF-8, a leading byte order mark included. Done by hand: QUrl's decoding leaves some
-// characters (U+FFFF, for one) percent-encoded, so a password holding one would not be the
-// password typed, and QByteArray's decodes "%" followed by anything.
+// itself; the bytes are then read as UTF-8, a leading byte order mark included. Done by hand:
+// QUrl's decoding leaves some characters (U+FFFF, for one) percent-encoded, so a password holding
+// one would not be the password typed, and QByteArray's decodes "%" followed by anything.
 QString formText(QByteArrayView part)
 {
     QByteArray bytes;
@@ -86,6 +90,49 @@ QString formText(QByteArrayView part)
     // QString::fromUtf8 would drop a leading U+FEFF, which is as much a part of a password as
     // any other character.
     return QStringDecoder(QStringDecoder::Utf8, QStringDecoder::Flag::ConvertInitialBom)(bytes);
+}
+
+// Headers by which a proxy speaks for someone else: whoever sent them is not the person at
+// this computer, whatever the connection's address.
+bool isForwardingHeader(const QByteArray& name)
+{
+    static const QByteArrayList names{"forwarded",
+                                      "via",
+                                      "x-real-ip",
+                                      "x-client-ip",
+                                      "client-ip",
+                                      "true-client-ip",
+                                      "cf-connecting-ip",
+                                      "fastly-client-ip",
+                                      "x-cluster-client-ip",
+                                      "x-proxyuser-ip",
+                                      "x-original-forwarded-for"};
+    const auto lower = name.toLower();
+    return lower.startsWith("x-forwarded") || names.contains(lower);
+}
+
+// "0100007F:1F90" or the 32-digit IPv6 form: the address as the kernel keeps it (each 32-bit
+// word in this machine's byte order) and the port.
+std::optional<std::pair<QHostAddress, quint16>> socketEndpoint(const QByteArray& field)
+{
+    const auto colon = field.indexOf(':');
+    bool ok = false;
+    const auto port = field.mid(colon + 1).toUShort(&ok, 16);
+    const auto hex = field.left(colon);
+    if (colon < 0 || !ok || (hex.size() != 8 && hex.size() != 32))
+        return std::nullopt;
+    quint8 bytes[16] = {};
+    for (qsizetype word = 0; word < hex.size() / 8; ++word) {
+        const auto value = hex.mid(word * 8, 8).toUInt(&ok, 16);
+        if (!ok)
+            return std::nullopt;
+        std::memcpy(bytes + word * 4, &value, 4);
+    }
+    if (hex.size() == 8)
+        return std::pair{QHostAddress(quint32(bytes[0]) << 24 | quint32(bytes[1]) << 16
+                                      | quint32(bytes[2]) << 8 | bytes[3]),
+                         port};
+    return std::pair{QHostAddress(bytes), port};
 }
 
 } // namespace
@@ -111,8 +158,46 @@ LoginPage::Submission LoginPage::readForm(const QByteArray& body)
 
 bool LoginPage::isLocalPeer(const HttpRequest& request)
 {
-    return request.peer.isLoopback() && request.header("X-Forwarded-For").isEmpty()
-           && request.header("Forwarded").isEmpty();
+    if (!request.peer.isLoopback())
+        return false;
+    for (const auto& [name, value] : request.headers) {
+        if (isForwardingHeader(name))
+            return false;
+    }
+    // A forwarder that adds no header (ssh -R, socat, stunnel) still connects as its own user;
+    // so does any other person logged in to this machine.
+    const auto owner = loopbackConnectionOwner(request);
+    return owner && *owner == ::geteuid();
+}
+
+std::optional<uint> loopbackConnectionOwner(const HttpRequest& request, const QString& procNet)
+{
+    if (!request.peer.isLoopback() || request.peerPort == 0 || request.localPort == 0)
+        return std::nullopt;
+    for (const auto* table : {"/tcp", "/tcp6"}) {
+        QFile file(procNet + QLatin1String(table));
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        // The kernel's files report no size: read to the end, not by size.
+        const auto lines = file.readAll().split('\n');
+        for (qsizetype i = 1; i < lines.size(); ++i) { // after the column names
+            // sl local_address rem_address st tx_queue:rx_queue tr:tm->when retrnsmt uid ...
+            const auto fields = lines[i].simplified().split(' ');
+            if (fields.size() < 8 || fields[3] != "01") // established only
+                continue;
+            const auto client = socketEndpoint(fields[1]);
+            const auto server = socketEndpoint(fields[2]);
+            if (!client || !server || client->second != request.peerPort
+                || server->second != request.localPort || !server->first.isLoopback()
+                || !client->first.isEqual(request.peer, QHostAddress::TolerantConversion))
+                continue;
+            bool ok = false;
+            const auto uid = fields[7].toUInt(&ok);
+            if (ok)
+                return uid;
+        }
+    }
+    return std::nullopt;
 }
 
 HttpResponse LoginPage::show(const HttpRequest& request) const
@@ -124,22 +209,71 @@ HttpResponse LoginPage::show(const HttpRequest& request) const
                 QByteArrayLiteral(
                     "This sign-in link is incomplete. Start the sign-in again from RavletAI."),
                 {}};
-    const auto form = request.query.queryItemValue(u"mode"_s) == u"register"_s ? Form::createAccount
-                                                                               : Form::signIn;
+    const auto form = request.query.queryItemValue(u"mode"_s) == u"register"_s && m_options.signUp
+                          ? Form::createAccount
+                          : Form::signIn;
     return page(200, state, form, {}, {}, isLocalPeer(request));
 }
 
-HttpResponse LoginPage::submit(const HttpRequest& request)
+QCoro::Task<HttpResponse> LoginPage::submit(HttpRequest request)
 {
     if (request.body.size() > 64 * 1024)
-        return HttpResponse::error(413, u"The form is too large"_s);
+        co_return HttpResponse::error(413, u"The form is too large"_s);
     const auto form = readForm(request.body);
     const auto& state = form.state;
     const auto& email = form.email;
     const bool localPeer = isLocalPeer(request);
     if (!validState(state))
-        return HttpResponse::error(400, u"Missing sign-in state"_s);
+        co_return HttpResponse::error(400, u"Missing sign-in state"_s);
 
+    if (!isGenuine(request, form))
+        co_return page(403, state, Form::signIn, email,
+                       u"This form has expired. Please try again."_s, localPeer);
+
+    const auto action = form.action;
+    const auto address = AccountService::normalisedEmail(email);
+    std::optional<UserRecord> user;
+    if (action == u"local"_s) {
+        if (!m_options.localSignIn || !localPeer)
+            co_return page(
+                403, state, Form::signIn, email,
+                u"Continuing without a password works only on the computer that runs the server."_s,
+                localPeer);
+        user = m_accounts.localAccount();
+    } else if (action == u"register"_s) {
+        if (!m_options.signUp)
+            co_return page(403, state, Form::signIn, email,
+                           u"Accounts on this server are created by its administrator."_s,
+                           localPeer);
+        if (form.password != form.confirm)
+            co_return page(400, state, Form::createAccount, email,
+                           u"The two passwords do not match."_s, localPeer);
+        // Each new account costs a hash: counted against the address like a failure.
+        if (const auto wait = m_limits.retryAfterMs({}, request.peer))
+            co_return tooManyAttempts(request, state, email, wait);
+        m_limits.recordAttempt(request.peer);
+        auto created = co_await m_accounts.registerAccount(email, form.password);
+        if (auto* message = std::get_if<QString>(&created))
+            co_return page(400, state, Form::createAccount, email, *message, localPeer);
+        user = std::get<UserRecord>(created);
+    } else {
+        // Refused before the hash: a guesser past the limit costs nothing.
+        if (const auto wait = m_limits.retryAfterMs(address, request.peer))
+            co_return tooManyAttempts(request, state, email, wait);
+        user = co_await m_accounts.signIn(email, form.password);
+        if (!user) {
+            m_limits.recordFailure(address, request.peer);
+            co_return page(401, state, Form::signIn, email,
+                           u"The e-mail address or the password is wrong."_s, localPeer);
+        }
+        m_limits.recordSuccess(address);
+    }
+
+    co_return signedIn(m_accounts.issueCode(user->id), state);
+}
+
+bool LoginPage::isGenuine(const HttpRequest& request, const Submission& form)
+{
     // Double-submit token: a page of another site can post this form but cannot read our
     // cookie to copy it into the form.
     const auto cookie = cookieValue(request, csrfCookie);
@@ -148,35 +282,11 @@ HttpResponse LoginPage::submit(const HttpRequest& request)
     const bool sameOrigin = origin.isEmpty() || origin == "null"
                             || QUrl(QString::fromLatin1(origin)).authority()
                                    == QString::fromLatin1(request.header("Host"));
-    if (cookie.isEmpty() || !PasswordHasher::constantTimeEquals(cookie, token) || !sameOrigin)
-        return page(403, state, Form::signIn, email, u"This form has expired. Please try again."_s,
-                    localPeer);
+    return !cookie.isEmpty() && PasswordHasher::constantTimeEquals(cookie, token) && sameOrigin;
+}
 
-    const auto action = form.action;
-    std::optional<UserRecord> user;
-    if (action == u"local"_s) {
-        if (!m_localSignIn || !localPeer)
-            return page(
-                403, state, Form::signIn, email,
-                u"Continuing without a password works only on the computer that runs the server."_s,
-                localPeer);
-        user = m_accounts.localAccount();
-    } else if (action == u"register"_s) {
-        if (form.password != form.confirm)
-            return page(400, state, Form::createAccount, email,
-                        u"The two passwords do not match."_s, localPeer);
-        auto created = m_accounts.createAccount(email, form.password);
-        if (auto* message = std::get_if<QString>(&created))
-            return page(400, state, Form::createAccount, email, *message, localPeer);
-        user = std::get<UserRecord>(created);
-    } else {
-        user = m_accounts.signIn(email, form.password);
-        if (!user)
-            return page(401, state, Form::signIn, email,
-                        u"The e-mail address or the password is wrong."_s, localPeer);
-    }
-
-    const auto code = m_accounts.issueCode(user->id);
+HttpResponse LoginPage::signedIn(const QString& code, const QString& state)
+{
     QUrlQuery callback;
     callback.addQueryItem(u"code"_s, QString::fromLatin1(QUrl::toPercentEncoding(code)));
     callback.addQueryItem(u"state"_s, QString::fromLatin1(QUrl::toPercentEncoding(state)));
@@ -187,6 +297,21 @@ HttpResponse LoginPage::submit(const HttpRequest& request)
         QByteArrayLiteral(
             "<!doctype html><title>Signed in</title><p>Signed in. You can return to RavletAI.</p>"),
         {{"Location", location.toUtf8()}, {"Cache-Control", "no-store"}}};
+}
+
+HttpResponse LoginPage::tooManyAttempts(const HttpRequest& request, const QString& state,
+                                        const QString& email, qint64 retryAfterMs) const
+{
+    const auto seconds = (retryAfterMs + 999) / 1000;
+    const auto minutes = (seconds + 59) / 60;
+    const auto message = u"Too many failed sign-ins. Try again in %1 minute%2."_s.arg(minutes).arg(
+        minutes == 1 ? QString() : u"s"_s);
+    // A browser shows the page; any other client reads the JSON message.
+    auto response = request.header("Accept").contains("text/html")
+                        ? page(429, state, Form::signIn, email, message, isLocalPeer(request))
+                        : HttpResponse::error(429, message);
+    response.headers.append({"Retry-After", QByteArray::number(seconds)});
+    return response;
 }
 
 HttpResponse LoginPage::page(int status, const QString& state, Form form, const QString& email,
@@ -227,11 +352,13 @@ HttpResponse LoginPage::page(int status, const QString& state, Form form, const 
     html += u"<button type=\"submit\">"_s + (creating ? u"Create account"_s : u"Sign in"_s)
             + u"</button></form>"_s;
     const auto base = u"/auth/login?state="_s + QString::fromLatin1(QUrl::toPercentEncoding(state));
-    html += creating ? u"<p class=\"switch\">Already have an account? <a href=\""_s + base
-                           + u"\">Sign in</a></p>"_s
-                     : u"<p class=\"switch\">New here? <a href=\""_s + base
-                           + u"&amp;mode=register\">Create an account</a></p>"_s;
-    if (m_localSignIn && localPeer) {
+    if (creating)
+        html += u"<p class=\"switch\">Already have an account? <a href=\""_s + base
+                + u"\">Sign in</a></p>"_s;
+    else if (m_options.signUp)
+        html += u"<p class=\"switch\">New here? <a href=\""_s + base
+                + u"&amp;mode=register\">Create an account</a></p>"_s;
+    if (m_options.localSignIn && localPeer) {
         html +=
             u"<p class=\"or\">or</p><form method=\"post\" action=\"/auth/login\">"_s + hidden
             + u"<input type=\"hidden\" name=\"action\" value=\"local\">"

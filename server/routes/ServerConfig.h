@@ -24,4 +24,6 @@ struct ServerConfig {
     double telemetrySampleRate = 1.0;
     // "Continue on this computer" for loopback peers; off for a server shared by many users.
     bool localSignIn = true;
+    // Anyone may create an account on the sign-in page; off: the operator creates them.
+    bool signUp = true;
 };

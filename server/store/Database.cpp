@@ -11,6 +11,11 @@
 
 #include <map>
 
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 using namespace Qt::StringLiterals;
 
 // The migrations are a resource of this static library, which must be registered by hand.
@@ -26,7 +31,24 @@ QSqlDatabase connection(const QString& name)
     return QSqlDatabase::database(name, false);
 }
 
+// The server's files hold password hashes and transcripts: the owner's alone, whatever the umask.
+void restrictToOwner(const QString& path)
+{
+    ::chmod(QFile::encodeName(path).constData(), 0600);
+}
+
 } // namespace
+
+bool makePrivateDirectory(const QString& path)
+{
+    const auto absolute = QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+    if (QFileInfo(absolute).isDir())
+        return true;
+    const auto parent = QFileInfo(absolute).absolutePath();
+    if (parent != absolute && !makePrivateDirectory(parent))
+        return false;
+    return ::mkdir(QFile::encodeName(absolute).constData(), 0700) == 0 || errno == EEXIST;
+}
 
 Database::Database(Driver driver, QString connectionName)
     : m_driver(driver)
@@ -64,7 +86,14 @@ std::unique_ptr<Database> Database::open(const QString& location)
         db.setPassword(url.password());
         db.setConnectOptions(url.query(QUrl::FullyDecoded).replace(u'&', u';'));
     } else {
-        QDir().mkpath(QFileInfo(location).absolutePath());
+        if (!makePrivateDirectory(QFileInfo(location).absolutePath()))
+            throw StoreError(u"Cannot create the folder of "_s + location);
+        // Created 0600 before SQLite opens it; its -wal and -shm files take the same mode.
+        const auto fd =
+            ::open(QFile::encodeName(location).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd >= 0)
+            ::close(fd);
+        restrictToOwner(location);
         db.setDatabaseName(location);
     }
     if (!db.open())
@@ -78,6 +107,12 @@ std::unique_ptr<Database> Database::open(const QString& location)
         database->execute(u"PRAGMA busy_timeout=5000"_s);
     }
     database->migrate();
+    if (!isPostgres) {
+        for (const auto* suffix : {"-wal", "-shm"}) {
+            if (QFileInfo::exists(location + QLatin1String(suffix)))
+                restrictToOwner(location + QLatin1String(suffix));
+        }
+    }
     return database;
 }
 
@@ -96,6 +131,31 @@ QSqlQuery Database::run(const QString& sql, const QVariantList& values)
     if (!query.exec())
         throw StoreError(u"Query failed: "_s + query.lastError().text());
     return query;
+}
+
+Database::Transaction::Transaction(Database& db)
+    : m_db(db)
+{
+    if (!connection(m_db.m_connectionName).transaction())
+        throw StoreError(u"Cannot begin a transaction: "_s
+                         + connection(m_db.m_connectionName).lastError().text());
+}
+
+Database::Transaction::~Transaction()
+{
+    if (m_open)
+        connection(m_db.m_connectionName).rollback();
+}
+
+void Database::Transaction::commit()
+{
+    m_open = false;
+    auto db = connection(m_db.m_connectionName);
+    if (!db.commit()) {
+        const auto error = db.lastError().text();
+        db.rollback();
+        throw StoreError(u"Cannot commit: "_s + error);
+    }
 }
 
 void Database::execute(const QString& sql)

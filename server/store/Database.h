@@ -17,6 +17,10 @@ public:
     }
 };
 
+// Creates `path` and its missing parents readable by the owner only (0700); an existing
+// folder is left as it is. False when a part could not be made.
+bool makePrivateDirectory(const QString& path);
+
 // One connection to SQLite (a file) or PostgreSQL (a postgresql:// address), with the schema
 // brought up to date at open. Used on the thread that opened it only, as QtSql requires.
 class Database {
@@ -34,6 +38,21 @@ public:
 
     // Prepares, binds in order and runs one statement; throws StoreError on failure.
     QSqlQuery run(const QString& sql, const QVariantList& values = {});
+
+    // Statements between its start and commit() take effect together or not at all: it rolls
+    // back when it ends uncommitted (an exception, an early return).
+    class Transaction {
+    public:
+        explicit Transaction(Database& db);
+        ~Transaction();
+        Transaction(const Transaction&) = delete;
+        Transaction& operator=(const Transaction&) = delete;
+        void commit();
+
+    private:
+        Database& m_db;
+        bool m_open = true;
+    };
 
 private:
     Database(Driver driver, QString connectionName);

@@ -84,29 +84,30 @@ std::optional<QString> AuthStore::takeCode(const QString& codeHash, qint64 nowMs
 }
 
 void AuthStore::saveRefresh(const QString& tokenHash, const QString& userId,
-                            const QString& familyId, qint64 expiresAtMs)
+                            const QString& familyId, qint64 expiresAtMs, qint64 familyStartedAtMs)
 {
-    m_db.run(
-        u"INSERT INTO refresh_tokens (token_hash, user_id, family_id, expires_at) VALUES (?, ?, ?, ?)"_s,
-        {tokenHash, userId, familyId, expiresAtMs});
+    m_db.run(u"INSERT INTO refresh_tokens (token_hash, user_id, family_id, expires_at, "
+             u"family_started_at) VALUES (?, ?, ?, ?, ?)"_s,
+             {tokenHash, userId, familyId, expiresAtMs, familyStartedAtMs});
 }
 
 std::optional<AuthStore::RefreshRecord> AuthStore::refresh(const QString& tokenHash)
 {
-    auto q = m_db.run(
-        u"SELECT user_id, family_id, expires_at, used, revoked FROM refresh_tokens WHERE token_hash = ?"_s,
-        {tokenHash});
+    auto q = m_db.run(u"SELECT user_id, family_id, expires_at, used, revoked, family_started_at, "
+                      u"used_at, successor FROM refresh_tokens WHERE token_hash = ?"_s,
+                      {tokenHash});
     if (!q.next())
         return std::nullopt;
-    return RefreshRecord{q.value(0).toString(), q.value(1).toString(), q.value(2).toLongLong(),
-                         q.value(3).toInt() != 0, q.value(4).toInt() != 0};
+    return RefreshRecord{q.value(0).toString(),   q.value(1).toString(),   q.value(2).toLongLong(),
+                         q.value(3).toInt() != 0, q.value(4).toInt() != 0, q.value(5).toLongLong(),
+                         q.value(6).toLongLong(), q.value(7).toByteArray()};
 }
 
-bool AuthStore::markUsed(const QString& tokenHash)
+bool AuthStore::markUsed(const QString& tokenHash, qint64 nowMs, const QByteArray& sealedSuccessor)
 {
-    auto q = m_db.run(
-        u"UPDATE refresh_tokens SET used = 1 WHERE token_hash = ? AND used = 0 AND revoked = 0"_s,
-        {tokenHash});
+    auto q = m_db.run(u"UPDATE refresh_tokens SET used = 1, used_at = ?, successor = ? "
+                      u"WHERE token_hash = ? AND used = 0 AND revoked = 0"_s,
+                      {nowMs, sealedSuccessor, tokenHash});
     return q.numRowsAffected() == 1;
 }
 

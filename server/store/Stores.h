@@ -50,12 +50,15 @@ public:
         qint64 expiresAtMs = 0;
         bool used = false;
         bool revoked = false;
+        qint64 familyStartedAtMs = 0;
+        qint64 usedAtMs = 0;
+        QByteArray successor; // sealed; empty until the token is spent
     };
     void saveRefresh(const QString& tokenHash, const QString& userId, const QString& familyId,
-                     qint64 expiresAtMs);
+                     qint64 expiresAtMs, qint64 familyStartedAtMs);
     std::optional<RefreshRecord> refresh(const QString& tokenHash);
-    // True for the one caller that marks it first; two racing refreshes cannot both rotate.
-    bool markUsed(const QString& tokenHash);
+    // True for the one caller that spends it first; two racing refreshes cannot both rotate.
+    bool markUsed(const QString& tokenHash, qint64 nowMs, const QByteArray& sealedSuccessor);
     void revokeFamily(const QString& familyId);
 
 private:

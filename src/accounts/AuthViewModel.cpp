@@ -36,6 +36,30 @@ QString describe(const std::exception_ptr& failure)
     }
 }
 
+// The server ends the refresh family, so that a copy of the token taken from this machine dies
+// with the sign-out. The user is signed out here whatever the server answers.
+QByteArray logoutBody(const QString& refreshToken)
+{
+    return QJsonDocument(QJsonObject{{u"refreshToken"_s, refreshToken}})
+        .toJson(QJsonDocument::Compact);
+}
+
+QCoro::Task<> endServerSession(AuthTokenStore* store, QPointer<APIClient> client)
+{
+    const auto refreshToken = co_await store->getRefreshToken();
+    co_await store->clearTokens();
+    if (!refreshToken || !client)
+        co_return;
+    std::exception_ptr failure;
+    try {
+        co_await client->post(QStringLiteral("/api/v1/auth/logout"), logoutBody(*refreshToken));
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure)
+        logLine(QStringView(u"Auth"), QStringLiteral("logout error: ") + describe(failure));
+}
+
 } // namespace
 
 AuthViewModel::AuthViewModel(AuthTokenStore& tokens, QObject* parent)
@@ -67,7 +91,8 @@ QCoro::Task<> AuthViewModel::loadStoredTokens()
     if (!self)
         co_return;
     const bool stored = refreshToken.has_value();
-    logLine(u"Auth", u"init: hasStoredTokens="_s + boolWord(stored) + u", refreshToken="_s + boolWord(stored));
+    logLine(u"Auth", u"init: hasStoredTokens="_s + boolWord(stored) + u", refreshToken="_s
+                         + boolWord(stored));
     if (stored)
         setLoggedIn(true);
 }
@@ -105,7 +130,8 @@ QCoro::Task<> AuthViewModel::exchangeCode(QString code)
         co_return;
     if (m_apiClient)
         m_apiClient->setAccessToken(response->accessToken);
-    setCurrentUser(UserProfile{response->user.id, response->user.email, response->user.displayName});
+    setCurrentUser(
+        UserProfile{response->user.id, response->user.email, response->user.displayName});
     setLoggedIn(true);
     if (m_telemetry) {
         // Its own turn of the event loop, as a task of its own would have.
@@ -179,8 +205,10 @@ QCoro::Task<> AuthViewModel::restoreSession()
 void AuthViewModel::logout()
 {
     // The store's deletes finish on their own; the next sign-in's save replaces them anyway.
-    auto& store = m_authService;
-    TaskHandle::run([&store](const CancellationToken&) { return store.clearTokens(); });
+    auto* store = &m_authService;
+    TaskHandle::run([store, client = m_apiClient](const CancellationToken&) {
+        return endServerSession(store, client);
+    });
     // A turn of the event loop later, as a task of its own on the main context.
     if (m_apiClient) {
         QTimer::singleShot(0, m_apiClient.data(), [client = m_apiClient] {
@@ -201,7 +229,8 @@ std::optional<AuthViewModel::UserProfile> AuthViewModel::decodeProfile(const QSt
     while (payload.size() % 4 != 0)
         payload.append('=');
     // Plain base64 only: a payload in the URL-safe alphabet gives no profile.
-    const auto decoded = QByteArray::fromBase64Encoding(payload, QByteArray::AbortOnBase64DecodingErrors);
+    const auto decoded =
+        QByteArray::fromBase64Encoding(payload, QByteArray::AbortOnBase64DecodingErrors);
     if (!decoded)
         return std::nullopt;
     QJsonParseError parseError;

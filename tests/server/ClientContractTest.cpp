@@ -2,6 +2,7 @@
 
 #include "APIClient.h"
 #include "AuthTokenStore.h"
+#include "AuthViewModel.h"
 #include "AwaitTask.h"
 #include "NotificationCenter.h"
 #include "SpeechTokens.h"
@@ -81,6 +82,9 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     TranscriptEntry growing{u"e3"_s, Speaker::user, u"Sure,"_s, 3000, std::nullopt, true};
     upload.send(growing);
     ASSERT_TRUE(waitUntil([&] { return storedText(u"e3"_s) == u"Sure,"_s; }));
+    // An open socket outlives its access token: it was checked when it opened, and the program
+    // reconnects with the token it started with.
+    server.clock.advance(std::chrono::minutes(16));
     growing.content += u" the billing rewrite."_s;
     upload.send(growing);
     EXPECT_TRUE(awaitTask(upload.stop(), 10'000).isEmpty()) << "every line acknowledged";
@@ -105,4 +109,29 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     awaitTask(client.deleteResume(resume.id));
     awaitTask(client.deleteJobDescription(job.id));
     EXPECT_TRUE(awaitTask(client.fetchResumes()).resumes.isEmpty());
+
+    // Sign-out ends the refresh family on the server as well; when the server cannot be
+    // reached, the user is signed out all the same.
+    const auto refreshToken = awaitTask(tokens.getRefreshToken());
+    ASSERT_TRUE(refreshToken);
+    const auto revoked = [&] {
+        return AuthStore(*server.db)
+            .refresh(tokenHash(*refreshToken))
+            .value_or(AuthStore::RefreshRecord{})
+            .revoked;
+    };
+    AuthViewModel signedIn(tokens);
+    signedIn.setApiClient(&client);
+    signedIn.logout();
+    EXPECT_TRUE(waitUntil(revoked));
+    EXPECT_FALSE(awaitTask(tokens.getRefreshToken()));
+
+    InMemoryTokenStore unreachableTokens;
+    awaitTask(unreachableTokens.saveTokens(u"a"_s, u"r"_s));
+    APIClient unreachable{u"http://127.0.0.1:1"_s, unreachableTokens, notifications};
+    AuthViewModel offline(unreachableTokens);
+    offline.setApiClient(&unreachable);
+    offline.logout();
+    EXPECT_FALSE(offline.isLoggedIn());
+    EXPECT_TRUE(waitUntil([&] { return !awaitTask(unreachableTokens.getRefreshToken()); }));
 }

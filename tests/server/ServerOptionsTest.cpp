@@ -1,11 +1,14 @@
 #include "ServerOptions.h"
 
+#include "Database.h"
 #include "ServerHarness.h"
 
 #include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
 
@@ -70,6 +73,13 @@ TEST(ServerOptionsTest, CommandLineOverEnvironmentOverDefaultsAndSecretsFromFile
         // Two keys: the operator has to say which one mints.
         {{}, both, u"error: ~--speech-vendor"_s},
         {{u"--speech-vendor"_s, u"elevenlabs"_s}, both, u"~|elevenlabs el "_s},
+        // Signing in without a password is for the computer the server runs on: never when
+        // others can reach it, directly or through a proxy.
+        {{u"--listen"_s, u"0.0.0.0:8787"_s}, {}, u"~||0 1|-|-"_s},
+        {{u"--listen"_s, u"192.0.2.1:8787"_s}, {}, u"~||0 1|-|-"_s},
+        {{u"--listen"_s, u"[::]:8787"_s}, {}, u"~||0 1|-|-"_s},
+        {{u"--public-url"_s, u"https://ravlet.example.org"_s}, {}, u"~||0 1|-|-"_s},
+        {{u"--listen"_s, u"[::1]:8787"_s}, {}, u"~||1 1|-|-"_s},
     };
     for (const auto& row : rows) {
         const auto actual = chosen(row.arguments, row.environment);
@@ -113,16 +123,37 @@ TEST(ServerOptionsTest, RefusesSecretsOnTheCommandLineAndBadValues)
             << option.toStdString();
 }
 
-TEST(ServerOptionsTest, SigningKeyIsCreatedOnceAndKeptPrivate)
+TEST(ServerOptionsTest, SigningKeyAndDatabaseAreCreatedPrivate)
 {
     QTemporaryDir dir;
+    const auto mode = [](const QString& path) {
+        struct stat info {};
+        return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? info.st_mode & 0777
+                                                                       : 01000u;
+    };
     const auto path = dir.filePath(u"keys/signing.key"_s);
     const auto created = loadOrCreateSigningKey(path);
     ASSERT_TRUE(std::get_if<QByteArray>(&created));
     EXPECT_EQ(std::get<QByteArray>(created).size(), 32);
-    EXPECT_EQ(QFile(path).permissions() & (QFileDevice::ReadGroup | QFileDevice::ReadOther),
-              QFileDevice::Permissions());
+    EXPECT_EQ(mode(path), 0600u);
+    EXPECT_EQ(mode(dir.filePath(u"keys"_s)), 0700u);
     EXPECT_EQ(std::get<QByteArray>(loadOrCreateSigningKey(path)), std::get<QByteArray>(created));
     const auto refused = loadOrCreateSigningKey(writeFile(dir.filePath(u"short"_s), "abcd"));
     EXPECT_TRUE(std::get_if<QString>(&refused));
+    // A key others can read may already have been copied: refused, naming the file.
+    ::chmod(QFile::encodeName(path).constData(), 0644);
+    const auto exposed = loadOrCreateSigningKey(path);
+    ASSERT_TRUE(std::get_if<QString>(&exposed));
+    EXPECT_TRUE(std::get<QString>(exposed).contains(path))
+        << std::get<QString>(exposed).toStdString();
+
+    // The database, its write-ahead log and shared memory, and their folder.
+    const auto database = dir.filePath(u"data/server.sqlite"_s);
+    {
+        const auto db = Database::open(database);
+        db->run(u"INSERT INTO users (id, email, created_at) VALUES ('u', 'a@b.c', 0)"_s);
+        for (const auto& suffix : {u""_s, u"-wal"_s, u"-shm"_s})
+            EXPECT_EQ(mode(database + suffix), 0600u) << suffix.toStdString();
+    }
+    EXPECT_EQ(mode(dir.filePath(u"data"_s)), 0700u);
 }

@@ -2,9 +2,12 @@
 // streamed answer, the sign-in page, telemetry and updates.
 #include "ServerHarness.h"
 
+#include "AwaitTask.h"
 #include "LoginPage.h"
+#include "SignInLimits.h"
 #include "Stores.h"
 
+#include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTcpSocket>
@@ -14,6 +17,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 using Account = ServerHarness::Account;
@@ -143,14 +147,56 @@ TEST_F(ServerTest, CodesAreOneTimeAndRefreshTokensRotateInFamilies)
     const auto r1 = first.json()[u"refreshToken"_s].toString();
     const auto r2 = refresh(r1).json()[u"refreshToken"_s].toString();
     ASSERT_FALSE(r2.isEmpty() || r2 == r1);
-    // r1 again: someone replays a spent token. The whole family ends, r2 included; another sign-in
-    // is its own family.
+    // r1 again at once: the answer to the first use was lost on its way. The same answer, and
+    // the family lives on.
+    server.clock.advance(milliseconds(1'999));
+    const auto replay = refresh(r1);
+    EXPECT_EQ(replay.status, 200);
+    EXPECT_EQ(replay.json()[u"refreshToken"_s].toString(), r2);
+    EXPECT_FALSE(replay.json()[u"accessToken"_s].toString().isEmpty());
+    // r1 later: someone replays a spent token. The whole family ends, r2 included; another
+    // sign-in is its own family.
+    server.clock.advance(milliseconds(2));
     EXPECT_EQ(refresh(r1).status, 401);
     EXPECT_EQ(refresh(r2).status, 401);
     EXPECT_EQ(
         refresh(exchange(server.accounts->issueCode(user.id)).json()[u"refreshToken"_s].toString())
             .status,
         200);
+
+    // Sign-out ends the family on the server: a copy of the refresh token dies with it.
+    const auto signedIn = exchange(server.accounts->issueCode(user.id)).json();
+    const auto kept = refresh(signedIn[u"refreshToken"_s].toString()).json();
+    EXPECT_EQ(post(u"logout"_s, u"refreshToken"_s, signedIn[u"refreshToken"_s].toString()).status,
+              204);
+    EXPECT_EQ(refresh(kept[u"refreshToken"_s].toString()).status, 401);
+    EXPECT_EQ(post(u"logout"_s, u"refreshToken"_s, u"unknown"_s).status, 204);
+    EXPECT_EQ(server.call({}, "POST", u"/api/v1/auth/logout"_s, "[").status, 400);
+
+    // However often it rotates, a family ends 90 days after its sign-in.
+    auto token = exchange(server.accounts->issueCode(user.id)).json()[u"refreshToken"_s].toString();
+    for (int day = 20; day < 90; day += 20) {
+        server.clock.advance(std::chrono::hours(24 * 20));
+        const auto rotated = refresh(token);
+        ASSERT_EQ(rotated.status, 200) << day;
+        token = rotated.json()[u"refreshToken"_s].toString();
+    }
+    server.clock.advance(std::chrono::hours(24 * 10));
+    EXPECT_EQ(refresh(token).status, 401);
+
+    // Speech tokens are checked by recognisers outside this server: one signed with the key of
+    // access tokens is no speech token, and an access token is none either.
+    const auto speechClaims = QJsonObject{{u"sub"_s, user.id},
+                                          {u"typ"_s, u"speech"_s},
+                                          {u"exp"_s, server.clock.nowMs() / 1000 + 600}};
+    EXPECT_FALSE(server.accounts->verifySpeechToken(
+        TokenSigner(ServerHarness::signingKey).sign(speechClaims)));
+    const auto speech = server.accounts->issueSpeechToken(user.id);
+    EXPECT_EQ(server.accounts->verifySpeechToken(speech), user.id);
+    EXPECT_FALSE(server.accounts->verifyAccessToken(speech));
+    EXPECT_EQ(server.call(bearer(speech), "GET", u"/api/v1/subscription/status"_s).status, 401);
+    EXPECT_FALSE(server.accounts->verifySpeechToken(
+        exchange(server.accounts->issueCode(user.id)).json()[u"accessToken"_s].toString()));
 
     // Payloads read with plain base64, whatever their length.
     const auto odd = std::get<UserRecord>(
@@ -387,29 +433,137 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
     }
     EXPECT_EQ(curl({server.base() + u"/auth/login?state=%3Cscript%3E"_s}).status, 400);
 
-    // "Continue on this computer" is for loopback peers only, and can be switched off.
-    HttpRequest request{"POST", u"/auth/login"_s, {}, {}, "state=S&action=local&csrf=T", {}};
+    // "Continue on this computer": through curl, a connection of this process's own user.
+    const auto local = u"state=S&action=local&csrf="_s + csrf;
+    EXPECT_EQ(curl({u"-b"_s, jar, u"--data"_s, local, server.base() + u"/auth/login"_s}).status,
+              303);
+    // Remote peers, anything a proxy or forwarder adds, a request whose connection cannot be
+    // found, and the switch.
+    HttpRequest request;
+    request.method = "POST";
+    request.path = u"/auth/login"_s;
+    request.body = "state=S&action=local&csrf=T";
     const struct {
         QHostAddress peer;
-        QByteArray forwardedFor; // a reverse proxy on this machine speaks for someone else
+        HttpHeaders extra;
         bool localSignIn;
-        int status;
-    } peers[] = {
-        {QHostAddress(u"192.0.2.10"_s), {}, true, 403},
-        {QHostAddress(u"::ffff:192.0.2.10"_s), {}, true, 403},
-        {QHostAddress::LocalHost, "192.0.2.10", true, 403},
-        {QHostAddress::LocalHost, {}, true, 303},
-        {QHostAddress::LocalHostIPv6, {}, true, 303},
-        {QHostAddress::LocalHostIPv6, {}, false, 403},
+    } refused[] = {
+        {QHostAddress(u"192.0.2.10"_s), {}, true},
+        {QHostAddress(u"::ffff:192.0.2.10"_s), {}, true},
+        {QHostAddress::LocalHost, {{"X-Forwarded-For", "192.0.2.10"}}, true},
+        {QHostAddress::LocalHost, {{"x-real-ip", "192.0.2.10"}}, true},
+        {QHostAddress::LocalHost, {{"Via", "1.1 proxy"}}, true},
+        {QHostAddress::LocalHost, {{"Forwarded", "for=192.0.2.10"}}, true},
+        {QHostAddress::LocalHost, {{"X-Forwarded-Host", "ravlet.example.org"}}, true},
+        {QHostAddress::LocalHost, {{"True-Client-IP", "192.0.2.10"}}, true},
+        {QHostAddress::LocalHost, {}, true}, // no connection of this process has these ports
+        {QHostAddress::LocalHostIPv6, {}, false},
     };
-    for (const auto& c : peers) {
+    for (const auto& c : refused) {
         request.peer = c.peer;
-        request.headers = {{"Cookie", "ravlet_csrf=T"}, {"Host", "server.example:8787"}};
-        if (!c.forwardedFor.isEmpty())
-            request.headers.append({"X-Forwarded-For", c.forwardedFor});
-        EXPECT_EQ(LoginPage(*server.accounts, c.localSignIn).submit(request).status, c.status)
-            << c.peer.toString().toStdString() << ' ' << c.localSignIn;
+        request.headers =
+            HttpHeaders{{"Cookie", "ravlet_csrf=T"}, {"Host", "server.example:8787"}} + c.extra;
+        EXPECT_EQ(
+            awaitTask(
+                LoginPage(*server.accounts, server.clock, {c.localSignIn, true}).submit(request))
+                .status,
+            403)
+            << c.peer.toString().toStdString() << ' ' << c.localSignIn << ' '
+            << (c.extra.isEmpty() ? "" : c.extra.first().first.constData());
     }
+
+    // The kernel's table for IPv6, which the IPv4 harness never reaches: the client end of
+    // ::1 port 41394 -> ::1 port 8080 and of an IPv4-mapped connection, each with its owner.
+    QTemporaryDir proc;
+    writeFile(proc.filePath(u"tcp6"_s),
+              "  sl  local_address                         remote_address                        "
+              "st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
+              "   0: 00000000000000000000000001000000:1F90 00000000000000000000000001000000:A1B2 "
+              "01 00000000:00000000 00:00000000 00000000     0        0 1 1\n"
+              "   1: 00000000000000000000000001000000:A1B2 00000000000000000000000001000000:1F90 "
+              "01 00000000:00000000 00:00000000 00000000  1234        0 2 1\n"
+              "   2: 0000000000000000FFFF00000100007F:A1B3 0000000000000000FFFF00000100007F:1F90 "
+              "01 00000000:00000000 00:00000000 00000000  4321        0 3 1\n"
+              "   3: 00000000000000000000000001000000:A1B4 00000000000000000000000001000000:1F90 "
+              "06 00000000:00000000 00:00000000 00000000     0        0 0 1\n");
+    const auto owner = [&](const QHostAddress& peer, quint16 peerPort) {
+        HttpRequest connection;
+        connection.peer = peer;
+        connection.peerPort = peerPort;
+        connection.localPort = 0x1F90;
+        return loopbackConnectionOwner(connection, proc.path()).value_or(~0u);
+    };
+    EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0xA1B2), 1234u);
+    EXPECT_EQ(owner(QHostAddress(u"::ffff:127.0.0.1"_s), 0xA1B3), 4321u);
+    EXPECT_EQ(owner(QHostAddress::LocalHost, 0xA1B3), 4321u);
+    EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0xA1B4), ~0u) << "a closing connection";
+    EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0x1F90), ~0u) << "the server's own end";
+    EXPECT_EQ(owner(QHostAddress(u"192.0.2.1"_s), 0xA1B2), ~0u);
+
+    // The same form from another local user of this machine: the connection is theirs.
+    if (::geteuid() != 0 || !QFile::exists(u"/usr/bin/setpriv"_s))
+        GTEST_SKIP() << "another user's connection needs root and setpriv to be tested";
+    {
+        QProcess other;
+        other.start(u"/usr/bin/setpriv"_s,
+                    {u"--reuid=65534"_s, u"--regid=65534"_s, u"--clear-groups"_s, u"curl"_s,
+                     u"-s"_s, u"-o"_s, u"/dev/null"_s, u"-w"_s, u"%{http_code}"_s, u"-b"_s,
+                     u"ravlet_csrf="_s + csrf, u"--data"_s, local,
+                     server.base() + u"/auth/login"_s});
+        ASSERT_TRUE(waitUntil([&] { return other.state() == QProcess::NotRunning; }, 30'000));
+        EXPECT_EQ(other.readAllStandardOutput(), "403");
+    }
+}
+
+// Failed sign-ins are counted per e-mail address and per client address; past either limit
+// a guess is refused before it costs a password hash, until the oldest failure is 15 minutes old.
+TEST_F(ServerTest, PasswordGuessesAreLimitedPerEmailAndPerAddress)
+{
+    server.accounts->createAccount(u"victim@example.org"_s, u"correct horse"_s);
+    const auto jar = server.dir.filePath(u"guesser"_s);
+    const auto csrf = QRegularExpression(u"name=\"csrf\" value=\"([^\"]+)\""_s)
+                          .match(QString::fromUtf8(
+                              curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S"_s}).body))
+                          .captured(1);
+    const auto attempt = [&](const QString& email, const QString& password,
+                             const QStringList& extra = {}) {
+        return curl(QStringList{u"-b"_s, jar, u"--data"_s,
+                                u"state=S&action=signin&email="_s + email + u"&password="_s
+                                    + password + u"&csrf="_s + csrf}
+                    + extra + QStringList{server.base() + u"/auth/login"_s});
+    };
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(attempt(u"victim%40example.org"_s, u"guess"_s + QString::number(i)).status, 401);
+    // The right password too: whoever tries now may be the guesser.
+    const auto refused = attempt(u"VICTIM%40example.org"_s, u"correct+horse"_s);
+    EXPECT_EQ(refused.status, 429);
+    EXPECT_TRUE(refused.headers.contains("Retry-After: 900")) << refused.headers.constData();
+    EXPECT_EQ(refused.json()[u"error"_s].toString(),
+              u"Too many failed sign-ins. Try again in 15 minutes."_s);
+    const auto inBrowser =
+        attempt(u"victim%40example.org"_s, u"x"_s, {u"-H"_s, u"Accept: text/html"_s});
+    EXPECT_TRUE(inBrowser.status == 429 && inBrowser.body.contains("<form")
+                && inBrowser.body.contains("Try again in 15 minutes."));
+
+    // Other addresses from the same client: their own tries, up to the client's limit.
+    for (int i = 0; i < 20; ++i)
+        ASSERT_EQ(attempt(u"nobody"_s + QString::number(i) + u"%40example.org"_s, u"x"_s).status,
+                  401);
+    EXPECT_EQ(attempt(u"someone-else%40example.org"_s, u"x"_s).status, 429);
+
+    server.clock.advance(std::chrono::minutes(15) - milliseconds(1));
+    EXPECT_EQ(attempt(u"victim%40example.org"_s, u"correct+horse"_s).status, 429);
+    server.clock.advance(milliseconds(1));
+    EXPECT_EQ(attempt(u"victim%40example.org"_s, u"correct+horse"_s).status, 303);
+
+    // One IPv6 holder has a whole /64 to rotate through: it counts as one address.
+    SignInLimits limits(server.clock);
+    for (int i = 0; i < SignInLimits::failuresPerAddress; ++i)
+        limits.recordFailure(u"a"_s + QString::number(i),
+                             QHostAddress(u"2001:db8:1:2::"_s + QString::number(i + 1, 16)));
+    EXPECT_GT(limits.retryAfterMs(u"new"_s, QHostAddress(u"2001:db8:1:2:ffff::1"_s)), 0);
+    EXPECT_EQ(limits.retryAfterMs(u"new"_s, QHostAddress(u"2001:db8:1:3::1"_s)), 0);
+    EXPECT_EQ(limits.retryAfterMs(u"new"_s, QHostAddress(u"192.0.2.1"_s)), 0);
 }
 
 TEST(ServerConfigTest, TelemetryIsStoredAndCanBeTurnedOffForEveryone)

@@ -2,7 +2,7 @@
 # The transcript socket of a real ravlet-server, driven by Python's websockets: acknowledgements
 # with revisions, order by time of speech, duplicates, garbage and a flood of frames, refused
 # handshakes, and a server killed with SIGKILL that keeps every acknowledged line.
-import asyncio, http.cookiejar, json, os, re, signal, socket, subprocess, sys, tempfile, time
+import asyncio, http.cookiejar, json, os, re, signal, socket, stat, subprocess, sys, tempfile, time
 import urllib.error, urllib.parse, urllib.request
 
 import websockets
@@ -24,8 +24,9 @@ class Server:
             self.port = s.getsockname()[1]
         self.data_dir, self.base = data_dir, f"http://127.0.0.1:{self.port}"
 
-    def start(self):
-        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}"], env=dict(os.environ, XDG_DATA_HOME=self.data_dir))
+    def start(self, *options):
+        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}", *options],
+                                        env=dict(os.environ, XDG_DATA_HOME=self.data_dir))
         for _ in range(200):
             try:
                 return urllib.request.urlopen(self.base + "/health", timeout=1).close()
@@ -170,6 +171,43 @@ async def killed_mid_stream(server, token):
     check(acked <= stored, f"acknowledged lines lost: {sorted(acked - stored)[:5]}")
 
 
+def private_files(data):
+    """What the server keeps (password hashes, transcripts, the signing key) is its user's alone."""
+    folder = os.path.join(data, "RavletAI")
+    modes = {name: stat.S_IMODE(os.stat(os.path.join(folder, name)).st_mode) for name in os.listdir(folder)}
+    modes["."] = stat.S_IMODE(os.stat(folder).st_mode)
+    check(modes.get(".") == 0o700 and modes.get("server.sqlite") == 0o600 and modes.get("server-signing.key") == 0o600
+          and all(mode == 0o600 for name, mode in modes.items() if name != "."), f"file modes {modes}")
+
+
+def operator_accounts(server, data):
+    """With sign-up off, the operator creates accounts; the password comes from standard input."""
+    env = dict(os.environ, XDG_DATA_HOME=data)
+    created = subprocess.run([SERVER, "--create-user", "ops@example.org"], input=b"pa55word!\n", env=env,
+                             capture_output=True, timeout=30)
+    check(created.returncode == 0, f"--create-user: {created.returncode} {created.stderr!r}")
+    again = subprocess.run([SERVER, "--create-user", "ops@example.org"], input=b"pa55word!\n", env=env,
+                           capture_output=True, timeout=30)
+    check(again.returncode == 1 and b"already exists" in again.stderr, f"--create-user twice: {again.stderr!r}")
+    check(b"pa55word" not in created.stderr + again.stderr, "the password is never printed")
+    server.process.terminate()
+    server.process.wait(timeout=10)
+    server.start("--no-sign-up")
+    token = sign_in(server.base, {"action": "signin", "email": "ops@example.org", "password": "pa55word!"})
+    check(bool(token), "the operator's account signs in")
+    page = urllib.request.urlopen(server.base + "/auth/login?state=T1&mode=register").read().decode()
+    check("Create an account" not in page and 'name="confirm"' not in page, "no sign-up form")
+    opener = urllib.request.build_opener(urllib.request.HTTPCookieProcessor(http.cookiejar.CookieJar()), NoRedirect)
+    csrf = re.search(r'name="csrf" value="([^"]+)"', opener.open(server.base + "/auth/login?state=T1").read().decode())
+    form = dict(action="register", email="third@example.org", password="pa55word!", confirm="pa55word!", state="T1",
+                csrf=csrf.group(1))
+    try:
+        opener.open(server.base + "/auth/login", urllib.parse.urlencode(form).encode())
+        check(False, "an account was created with sign-up off")
+    except urllib.error.HTTPError as refused:
+        check(refused.code == 403, f"sign-up refused with {refused.code}")
+
+
 def main():
     with tempfile.TemporaryDirectory() as data:
         server = Server(data)
@@ -180,6 +218,8 @@ def main():
                                           "confirm": "pa55word!"})
             asyncio.run(socket_behaviour(server, token, other))
             asyncio.run(killed_mid_stream(server, token))
+            private_files(data)
+            operator_accounts(server, data)
         finally:
             if server.process.poll() is None:
                 server.process.terminate()

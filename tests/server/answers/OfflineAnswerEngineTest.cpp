@@ -9,6 +9,9 @@
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
+#include <QDeadlineTimer>
+#include <QThread>
+#include <QThreadPool>
 
 using namespace ravlet::server;
 using namespace Qt::StringLiterals;
@@ -208,10 +211,19 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
     }
 }
 
-// Line by line through the event loop, so the caller holds the handle before any chunk; a
-// cancel, from inside a chunk or before the loop ran, stops every further call.
+// Drafted on a worker and delivered line by line through the event loop, so the caller holds
+// the handle before any chunk; a cancel, from inside a chunk or before the draft was ready, stops
+// every further call.
 TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
 {
+    const auto waitFor = [](const std::function<bool()>& condition) {
+        QDeadlineTimer deadline(10'000);
+        while (!condition() && !deadline.hasExpired()) {
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+            QThread::msleep(1);
+        }
+        return condition();
+    };
     const auto request =
         withDocuments("Tell me about a time you migrated a service to Kubernetes.");
     OfflineAnswerEngine engine;
@@ -223,8 +235,8 @@ TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
     };
     engine.answer(request, record, done);
     EXPECT_TRUE(outcome.chunks.isEmpty()) << "a chunk before the caller has the handle";
-    drainEvents();
-    EXPECT_TRUE(outcome.doneCalls == 1 && outcome.error == QString());
+    ASSERT_TRUE(waitFor([&] { return outcome.doneCalls == 1; }));
+    EXPECT_EQ(outcome.error, QString());
     const auto lines = draftAnswer(request);
     EXPECT_EQ(outcome.chunks.size(), lines.size());
     EXPECT_EQ(outcome.chunks.join(QString()), lines.join(u'\n'));
@@ -241,6 +253,8 @@ TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
     auto early = engine.answer(request, record, done);
     early.cancel();
     early.cancel(); // harmless
+    ASSERT_TRUE(waitFor([&] { return !outcome.chunks.isEmpty(); }));
+    QThreadPool::globalInstance()->waitForDone(10'000); // the cancelled draft is ready too
     drainEvents();
     EXPECT_TRUE(outcome.chunks.size() == 1 && outcome.doneCalls == 0)
         << outcome.chunks.size() << ' ' << outcome.doneCalls;
