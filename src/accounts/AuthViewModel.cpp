@@ -46,8 +46,12 @@ QByteArray logoutBody(const QString& refreshToken)
 
 QCoro::Task<> endServerSession(AuthTokenStore* store, QPointer<APIClient> client)
 {
-    const auto refreshToken = co_await store->getRefreshToken();
-    co_await store->clearTokens();
+    // Both start now, the read first (the keyring serves its jobs in order): the deletes do not
+    // wait for the read, so the sign-out clears the keyring as promptly as it always did.
+    auto read = store->getRefreshToken();
+    auto clear = store->clearTokens();
+    const auto refreshToken = co_await std::move(read);
+    co_await std::move(clear);
     if (!refreshToken || !client)
         co_return;
     std::exception_ptr failure;
