@@ -329,7 +329,6 @@ TEST(AIAnswersTest, TheSelectedLineOrElseTheNewestInterviewerEntryIsAsked)
                            u"And the team?"_s, u"Also"_s}));
 }
 
-// The session and the answer language are the loopback end-to-end test's.
 TEST(AIAnswersTest, RequestCarriesTheLastTenEntriesTheSessionAndTheSettings)
 {
     H h;
@@ -354,6 +353,8 @@ TEST(AIAnswersTest, RequestCarriesTheLastTenEntriesTheSessionAndTheSettings)
     EXPECT_EQ(first.context, expectedContext);
     EXPECT_EQ(first.resumeId, u"resume-7"_s);
     EXPECT_FALSE(first.jobDescriptionId);
+    EXPECT_EQ(first.sessionId, u"session-1"_s);
+    EXPECT_EQ(first.language, u"en"_s);
 
     h.settings.setActiveResumeId(std::nullopt);
     h.settings.setActiveJobDescriptionId(u"jd-3"_s);

@@ -318,8 +318,15 @@ protected:
             auto* socket = vendorSocket(step.speaker);
             if (!socket)
                 break; // the channel is down: the vendor heard nothing
-            (step.speaker == Speaker::interviewer ? systemAudio : microphone)
-                .play({0.25f, -0.5f, 0.75f});
+            // Each source's own samples, so that audio sent on the other channel's socket shows.
+            const auto samples = step.speaker == Speaker::interviewer
+                                     ? std::vector<float>{0.25f, -0.5f, 0.75f}
+                                     : std::vector<float>{-1.0f, 0.125f};
+            (step.speaker == Speaker::interviewer ? systemAudio : microphone).play(samples);
+            for (const auto& connection : vendor.connections()) {
+                if (connection.socket == socket)
+                    audioOf[connection.header("Authorization")] = AudioFraming::pcm16(samples);
+            }
             if (step.withPartial)
                 socket->sendTextMessage(
                     turnInfo(u"Update"_s, step.text.left(step.text.size() / 2)));
@@ -480,7 +487,8 @@ protected:
     int stepsLeft = 0;
     std::array<std::pair<QPointer<QWebSocket>, QString>, 2> lastSaid;
     QHash<QString, int> framesSeen;
-    QHash<QString, QString> lines; // every final line of every transcript, by id
+    QHash<QString, QString> lines;         // every final line of every transcript, by id
+    QHash<QByteArray, QByteArray> audioOf; // the audio each vendor socket must carry, by token
 };
 
 TEST_F(InterviewChaosTest, NoFinalLineIsLostAcrossSeededInterviews)
@@ -505,6 +513,23 @@ TEST_F(InterviewChaosTest, NoFinalLineIsLostAcrossSeededInterviews)
         },
         5'000));
     pump.until([] { return false; }, 50); // the last reply's end reaches its reader
+
+    // Every vendor socket a piece was spoken on carried its own channel's audio only.
+    int framesChecked = 0;
+    for (const auto& connection : vendor.connections()) {
+        const auto expected = audioOf.find(connection.header("Authorization"));
+        for (const auto& frame : connection.binaryFrames()) {
+            framesChecked += expected != audioOf.end() ? 1 : 0;
+            EXPECT_TRUE(expected == audioOf.end() || frame == *expected);
+        }
+    }
+    EXPECT_GT(framesChecked, runs);
+    // Every answer was asked within its session, in the answer language.
+    for (const auto& request : backend.requests("POST", "/api/v1/chat/answer")) {
+        const auto body = QJsonDocument::fromJson(request.body).object();
+        EXPECT_TRUE(body.value(u"sessionId"_s).toString().startsWith(u"session-"_s));
+        EXPECT_EQ(body.value(u"language"_s), u"en"_s);
+    }
 
     const Tally result = tally();
     std::cout << "lines: " << lines.size() << ", grown: " << result.grown

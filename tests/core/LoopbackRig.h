@@ -60,11 +60,10 @@ struct LoopbackRig {
         backend.setHandler("GET", "/api/v1/speech/token", [this](const FakeBackend::Request&) {
             if (spend(tokenFailures))
                 return Response::json(503, "{}");
-            const QJsonObject token{{u"provider"_s, u"deepgram"_s},
-                                    {u"token"_s, u"speech-"_s + QString::number(++speechTokens)},
-                                    {u"endpoint"_s, spend(stallingTokens) ? stallingEndpoint
-                                                    : endpoint.isEmpty()  ? vendor.origin()
-                                                                          : endpoint}};
+            const QJsonObject token{
+                {u"provider"_s, u"deepgram"_s},
+                {u"token"_s, u"speech-"_s + QString::number(++speechTokens)},
+                {u"endpoint"_s, spend(stallingTokens) ? stallingEndpoint : vendor.origin()}};
             return Response::json(200, compactJson(token));
         });
         backend.setRoute(
@@ -136,7 +135,6 @@ struct LoopbackRig {
     std::array<std::weak_ptr<SpeechRecognitionProvider>, 2> recognizers;
 
     // The speech tokens: what they name, and the trouble scripted for the next ones.
-    QString endpoint; // the vendor's when empty
     QString stallingEndpoint;
     int tokenFailures = 0;
     int stallingTokens = 0;
