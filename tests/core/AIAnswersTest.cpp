@@ -117,32 +117,22 @@ TEST(AIAnswersTest, FinalPieceDuringAStreamingAnswerCancelsItAndAsksAgainLater)
 
 TEST(AIAnswersTest, RequestFailuresAreRetriedOnlyWhenRetryable)
 {
+    const auto serverError = [](int status) { return failureOf(APIError::serverError(status)); };
+    const auto timeout = failureOf(TransportError(QNetworkReply::TimeoutError, u"timed out"_s));
+    const auto unauthorized = failureOf(APIError::unauthorized()),
+               network = failureOf(APIError::networkError());
+    const QString failed = u"AI answer failed: "_s, networkFailed = u"Network connection failed"_s;
     const struct {
         const char* name;
         std::vector<std::exception_ptr> failures;
         QList<qint64> askedAt;
         std::optional<QString> failure; // the recoverable error, absent for a success
     } cases[] = {
-        {"ServerError503ThenSuccess",
-         {failureOf(APIError::serverError(503))},
-         {0, 700},
-         std::nullopt},
-        {"TimeoutThenSuccess",
-         {failureOf(TransportError(QNetworkReply::TimeoutError, u"timed out"_s))},
-         {0, 700},
-         std::nullopt},
-        {"BadRequest",
-         {failureOf(APIError::serverError(400))},
-         {0},
-         u"AI answer failed: Server error (400)"_s},
-        {"Unauthorized",
-         {failureOf(APIError::unauthorized())},
-         {0},
-         u"AI answer failed: Authentication required"_s},
-        {"RetryableTwice",
-         {failureOf(APIError::serverError(503)), failureOf(APIError::networkError())},
-         {0, 700},
-         u"AI answer failed: Network connection failed"_s},
+        {"ServerError503ThenSuccess", {serverError(503)}, {0, 700}, std::nullopt},
+        {"TimeoutThenSuccess", {timeout}, {0, 700}, std::nullopt},
+        {"BadRequest", {serverError(400)}, {0}, failed + u"Server error (400)"_s},
+        {"Unauthorized", {unauthorized}, {0}, failed + u"Authentication required"_s},
+        {"RetryableTwice", {serverError(503), network}, {0, 700}, failed + networkFailed},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

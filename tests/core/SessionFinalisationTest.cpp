@@ -98,30 +98,21 @@ TEST(SessionFinalisationTest, WithoutAChannelTheWholeTranscriptGoesUpEvenIfTheCl
 // delivered after that is kept for the next start.
 TEST(SessionFinalisationTest, FailedPostIsRetriedOnceWhenRetryableElseKept)
 {
+    const auto serverError = [](int status) { return failureOf(APIError::serverError(status)); };
+    const auto unauthorized = APIError::unauthorized(), gateway = APIError::serverError(504);
+    const auto hostNotFound =
+        failureOf(TransportError(QNetworkReply::HostNotFoundError, u"Host"_s));
     const struct {
         const char* name;
         std::vector<std::exception_ptr> failures;
         qsizetype posts;
         std::optional<QString> error; // none: delivered by the retry
     } cases[] = {
-        {"RetryableOnce", {failureOf(APIError::serverError(503))}, 2, std::nullopt},
-        {"Refused",
-         {failureOf(APIError::serverError(413))},
-         1,
-         APIError::serverError(413).description()},
-        {"Unauthorized",
-         {failureOf(APIError::unauthorized())},
-         1,
-         APIError::unauthorized().description()},
-        {"ServerErrorTwice",
-         {failureOf(APIError::serverError(502)), failureOf(APIError::serverError(504))},
-         2,
-         APIError::serverError(504).description()},
-        {"LostConnectionTwice",
-         {failureOf(APIError::networkError()),
-          failureOf(TransportError(QNetworkReply::HostNotFoundError, u"Host not found"_s))},
-         2,
-         u"Host not found"_s},
+        {"RetryableOnce", {serverError(503)}, 2, std::nullopt},
+        {"Refused", {serverError(413)}, 1, APIError::serverError(413).description()},
+        {"Unauthorized", {failureOf(APIError::unauthorized())}, 1, unauthorized.description()},
+        {"ServerErrorTwice", {serverError(502), serverError(504)}, 2, gateway.description()},
+        {"LostConnectionTwice", {failureOf(APIError::networkError()), hostNotFound}, 2, u"Host"_s},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

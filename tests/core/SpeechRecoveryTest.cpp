@@ -258,28 +258,20 @@ TEST_F(SpeechRecoveryTest, EventDuringARestartAddsNothing)
 
 TEST_F(SpeechRecoveryTest, RecognizerStartIsRetriedOnceWhenTheFailureIsRetryable)
 {
+    const auto timeout = failureOf(TransportError(QNetworkReply::TimeoutError, u"timed out"_s)),
+               badGateway = failureOf(APIError::serverError(502)),
+               unauthorized = failureOf(APIError::unauthorized());
+    const QString failed = u"Speech channel reconnection failed: "_s;
     const struct {
         const char* name;
         std::vector<std::exception_ptr> startFailures;
         int expectedStarts; // including the start of the interview
         std::optional<QString> failure;
     } cases[] = {
-        {"TimeoutThenSuccess",
-         {failureOf(TransportError(QNetworkReply::TimeoutError, u"timed out"_s))},
-         3,
-         {}},
-        {"ServerErrorTwice",
-         {failureOf(APIError::serverError(502)), failureOf(APIError::serverError(502))},
-         3,
-         u"Speech channel reconnection failed: Server error (502)"_s},
-        {"Unauthorized",
-         {failureOf(APIError::unauthorized())},
-         2,
-         u"Speech channel reconnection failed: Authentication required"_s},
-        {"HandshakeRefused",
-         {failureOf(DescribedError(u"handshake refused"_s))},
-         2,
-         u"Speech channel reconnection failed: handshake refused"_s},
+        {"TimeoutThenSuccess", {timeout}, 3, {}},
+        {"ServerErrorTwice", {badGateway, badGateway}, 3, failed + u"Server error (502)"_s},
+        {"Unauthorized", {unauthorized}, 2, failed + u"Authentication required"_s},
+        {"HandshakeRefused", {failureOf(DescribedError(u"refused"_s))}, 2, failed + u"refused"_s},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
