@@ -93,15 +93,14 @@ void checkMessages(const QStringList& messages, Expectation& expected, const QSt
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    const auto lines = QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)).split('\n');
+    const auto lines = input.rest().split('\n');
     const QUrl url(u"ws://127.0.0.1:8787"_s + QString::fromUtf8(lines.front()));
     const auto request = DeepgramWire::parseListenUrl(url);
     checkRequest(request, url);
     if (request.error)
-        return 0;
+        return;
 
     ListenSession session(request, u"req-1"_s);
     Expectation expected{request.version, request.interimResults, 0};
@@ -141,5 +140,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                         "a control frame read as another");
         }
     }
-    return 0;
 }

@@ -144,10 +144,8 @@ void checkStoredTranscript(Server& s, const QString& sessionId, const QByteArray
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    Fuzz::Input input(data, size);
     const auto which = input.takeByte() % 10;
     const auto body = input.rest();
     auto& s = server();
@@ -220,5 +218,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         break;
     }
     }
-    return 0;
 }

@@ -52,20 +52,17 @@ void checkLine(const QByteArray& frame)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    Fuzz::Input input(data, size);
     const bool binary = input.takeByte() & 1;
     const auto frame = input.rest();
     if (!binary) {
         // A text frame reaches the socket as text, and the channel reads its UTF-8.
         checkLine(QString::fromUtf8(frame).toUtf8());
-        return 0;
+        return;
     }
     const auto text = TranscriptSocket::binaryFrameText(frame);
     Fuzz::check(text.has_value() == isStrictUtf8(frame), "a binary frame judged wrongly as UTF-8");
     if (text)
         checkLine(text->toUtf8());
-    return 0;
 }
