@@ -16,6 +16,7 @@
 #include "PreferencesStore.h"
 #include "UserSettings.h"
 
+#include <QMetaEnum>
 #include <QRegularExpression>
 #include <QSet>
 #include <QStringList>
@@ -337,6 +338,17 @@ struct InterviewHarness {
     {
         clock.advance(by);
         settle();
+    }
+
+    // What the user sees of the pipeline as one text: its state, the status line, the notice
+    // and the recoverable error ("-" when there is none).
+    QString shown() const
+    {
+        return QStringList{
+            QString::fromLatin1(QMetaEnum::fromType<State>().valueToKey(int(vm.pipelineState()))),
+            vm.statusMessage(), vm.lastNotice().value_or(u"-"_s),
+            vm.lastRecoverableError().value_or(u"-"_s)}
+            .join(u" | "_s);
     }
 
     ManualClock clock;
