@@ -63,8 +63,7 @@ TEST(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndStopTakesThemDown)
 
     EXPECT_EQ(statusTrail(h, [&] { h.stop(); }),
               (QStringList{u"Stopping interview..."_s, u"Ready"_s}));
-    EXPECT_EQ(h.vm.pipelineState(), State::idle);
-    EXPECT_TRUE(interviewer->isStopped && user->isStopped);
+    EXPECT_TRUE(h.vm.pipelineState() == State::idle && interviewer->isStopped && user->isStopped);
     expectNothingRunning(h);
     // The transcript and the session stay for the screens.
     EXPECT_EQ(h.vm.transcriptManager().entries().size(), 1);
@@ -130,16 +129,14 @@ TEST(StartFailureTest, EndsInErrorAndLeavesNothingRunning)
         LogCapture log;
         h.start();
         H::settle();
-        EXPECT_EQ(h.vm.pipelineState(), State::error);
-        EXPECT_EQ(h.vm.statusMessage(), c.status);
+        EXPECT_TRUE(h.shown().startsWith(u"error | "_s + c.status + u" | "_s));
         EXPECT_EQ(h.vm.error(), c.error);
         EXPECT_FALSE(h.vm.isStartingInterview() || h.vm.currentSession());
-        EXPECT_EQ(h.recognizers.size(), c.recognizersMade);
-        EXPECT_EQ(h.microphone.startCount, 0);
+        EXPECT_EQ(std::pair(h.recognizers.size(), h.microphone.startCount),
+                  std::pair(qsizetype(c.recognizersMade), 0));
         expectNothingRunning(h);
         if (c.telemetry.isEmpty()) {
-            EXPECT_TRUE(h.backend->calls.isEmpty());
-            EXPECT_TRUE(h.telemetry->events.isEmpty());
+            EXPECT_TRUE(h.backend->calls.isEmpty() && h.telemetry->events.isEmpty());
         } else {
             // Closed with no duration.
             EXPECT_EQ(h.backend->callsOf(u"completeSession"_s),
@@ -151,9 +148,7 @@ TEST(StartFailureTest, EndsInErrorAndLeavesNothingRunning)
         const QString status = h.vm.statusMessage();
         h.stop();
         EXPECT_EQ(h.vm.pipelineState(), State::error);
-        if (c.telemetry.isEmpty()) {
-            EXPECT_EQ(h.vm.statusMessage(), status);
-        }
+        EXPECT_TRUE(!c.telemetry.isEmpty() || h.vm.statusMessage() == status);
     }
 
     // The next start clears the error.
@@ -162,8 +157,7 @@ TEST(StartFailureTest, EndsInErrorAndLeavesNothingRunning)
     h.start();
     h.backend->token = u"access-token"_s;
     h.start();
-    EXPECT_EQ(h.vm.pipelineState(), State::recording);
-    EXPECT_FALSE(h.vm.error());
+    EXPECT_TRUE(h.vm.pipelineState() == State::recording && !h.vm.error());
 }
 
 TEST(InterviewPipelineTest, AStartWhileOneRunsOrRecordsChangesNothing)
@@ -232,8 +226,7 @@ TEST(OptionalPartsTest, AFailingOptionalPartLeavesTheInterviewRecording)
         LogCapture log;
         c.arrange(h);
         h.start();
-        EXPECT_EQ(h.vm.pipelineState(), State::recording);
-        EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+        EXPECT_TRUE(h.shown().startsWith(u"recording | Recording live | "_s));
         EXPECT_EQ(h.vm.recognizer(Speaker::user) != nullptr, c.userRecognizer);
         EXPECT_TRUE(log.lines().contains(c.logLine)) << log.lines().join(u'\n').toStdString();
         c.check(h);
@@ -247,17 +240,14 @@ TEST(InterviewPipelineTest, ASessionFailureRecordsLocallyWithoutUploadOrAnswers)
     H h;
     h.backend->createSessionFailures.add(failureOf(APIError::serverError(502)));
     h.start();
-    EXPECT_EQ(h.vm.pipelineState(), State::recording);
-    EXPECT_EQ(h.vm.lastNotice(),
-              u"Cloud sync unavailable. Recording locally for this interview."_s);
-    EXPECT_EQ(h.vm.lastRecoverableError(),
-              u"Cloud session unavailable: "_s + APIError::serverError(502).description());
+    EXPECT_EQ(h.shown(), u"recording | Recording live | Cloud sync unavailable. Recording locally "
+                         u"for this interview. | Cloud session unavailable: "_s
+                             + APIError::serverError(502).description());
     EXPECT_EQ(h.vm.lastRecoverableErrorAtMs(), h.clock.nowMs());
     ASSERT_TRUE(h.vm.currentSession());
     EXPECT_FALSE(h.vm.currentSessionUsesBackend());
     EXPECT_FALSE(QUuid::fromString(h.vm.currentSession()->id).isNull());
-    EXPECT_TRUE(h.channels.isEmpty());
-    EXPECT_FALSE(h.vm.canRequestAnswer());
+    EXPECT_TRUE(h.channels.isEmpty() && !h.vm.canRequestAnswer());
     // Speech still needs the backend's tokens, and gets them.
     EXPECT_EQ(h.backend->callsOf(u"fetchSpeechToken"_s).size(), 2);
 
@@ -265,14 +255,12 @@ TEST(InterviewPipelineTest, ASessionFailureRecordsLocallyWithoutUploadOrAnswers)
     h.backend->calls.clear();
     h.clock.advance(10s);
     h.stop();
-    EXPECT_TRUE(h.backend->calls.isEmpty());
+    EXPECT_TRUE(h.backend->calls.isEmpty() && !h.vm.sttStartTimeMs());
     EXPECT_EQ(h.vm.pastSessions().value(0).status, InterviewSession::SessionStatus::completed);
     EXPECT_EQ(h.telemetry->events.last(), u"session_completed 10 0"_s);
-    EXPECT_FALSE(h.vm.sttStartTimeMs());
     // The next start clears what the last one reported.
     h.start();
-    EXPECT_FALSE(h.vm.lastRecoverableError() || h.vm.lastNotice());
-    EXPECT_TRUE(h.vm.currentSessionUsesBackend());
+    EXPECT_TRUE(h.shown().endsWith(u"- | -"_s) && h.vm.currentSessionUsesBackend());
 }
 
 TEST(InterviewPipelineTest, TheBackendChoosesTheVendorAndItsOrigin)
@@ -283,11 +271,11 @@ TEST(InterviewPipelineTest, TheBackendChoosesTheVendorAndItsOrigin)
     h.backend->speechProvider = u"somethingnew"_s;
     h.backend->endpoint = u"wss://speech.example.org"_s;
     h.start();
-    EXPECT_EQ(h.vm.speechProvider(), SpeechProvider::openai);
     EXPECT_TRUE(h.telemetry->events.contains(u"stt_provider_changed openai"_s));
-    EXPECT_EQ(h.recognizerOf(Speaker::interviewer)->vendor, SpeechProvider::openai);
+    EXPECT_EQ((std::tuple(h.vm.speechProvider(), h.recognizerOf(Speaker::interviewer)->vendor,
+                          h.recognizerOf(Speaker::user)->vendor)),
+              std::tuple(SpeechProvider::openai, SpeechProvider::openai, SpeechProvider::openai));
     EXPECT_EQ(h.recognizerOf(Speaker::interviewer)->origin, u"wss://speech.example.org"_s);
-    EXPECT_EQ(h.recognizerOf(Speaker::user)->vendor, SpeechProvider::openai);
     h.stop();
 
     // An account that cannot be read leaves the choice to the token.
@@ -297,10 +285,10 @@ TEST(InterviewPipelineTest, TheBackendChoosesTheVendorAndItsOrigin)
     h.backend->speechProvider = u"elevenlabs"_s;
     h.backend->endpoint.reset();
     h.start();
-    EXPECT_EQ(h.vm.pipelineState(), State::recording);
-    EXPECT_EQ(h.vm.speechProvider(), SpeechProvider::elevenlabs);
-    EXPECT_TRUE(h.telemetry->events.filter(u"stt_provider_changed"_s).isEmpty());
-    EXPECT_FALSE(h.recognizerOf(Speaker::interviewer)->origin);
+    EXPECT_TRUE(h.vm.pipelineState() == State::recording
+                && h.vm.speechProvider() == SpeechProvider::elevenlabs
+                && h.telemetry->events.filter(u"stt_provider_changed"_s).isEmpty()
+                && !h.recognizerOf(Speaker::interviewer)->origin);
 }
 
 TEST(InterviewPipelineTest, AHangingCaptureHoldsTheStopForTwoSecondsAtMost)
@@ -331,10 +319,9 @@ TEST(InterviewPipelineTest, AMockInterviewRecordsOnlyTheUserAndTakesInjectedQues
     h.gates.release(u"microphone.start"_s);
     awaitTask(std::move(start));
     EXPECT_EQ(h.systemAudio.startCount, 0);
-    EXPECT_EQ(h.vm.recognizer(Speaker::interviewer), nullptr);
-    EXPECT_NE(h.vm.recognizer(Speaker::user), nullptr);
-    EXPECT_TRUE(h.vm.currentSessionUsesBackend());
-    EXPECT_TRUE(h.backend->callsOf(u"createSession"_s).isEmpty());
+    EXPECT_TRUE(!h.vm.recognizer(Speaker::interviewer) && h.vm.recognizer(Speaker::user));
+    EXPECT_TRUE(h.vm.currentSessionUsesBackend()
+                && h.backend->callsOf(u"createSession"_s).isEmpty());
     ASSERT_TRUE(h.channel());
     EXPECT_EQ(h.channel()->startedWith.last(), u"mock-7"_s);
 
@@ -344,8 +331,7 @@ TEST(InterviewPipelineTest, AMockInterviewRecordsOnlyTheUserAndTakesInjectedQues
     H::settle();
     const auto& entries = h.vm.transcriptManager().entries();
     ASSERT_EQ(entries.size(), 2);
-    EXPECT_EQ(entries[0].content, u"Why this company?"_s);
-    EXPECT_EQ(entries[0].confidence, 1.0);
+    EXPECT_TRUE(entries[0].content == u"Why this company?"_s && entries[0].confidence == 1.0);
     EXPECT_EQ(h.channel()->sent.size(), 2);
     EXPECT_FALSE(h.vm.transcriptManager().activeEntryId(Speaker::interviewer));
 
@@ -403,8 +389,9 @@ TEST(InterviewPipelineTest, TroubleReportedBeforeRecordingIsHandledOnceRecording
     awaitTask(std::move(start));
     ASSERT_TRUE(h.vm.isRecording());
     h.passTime(500ms);
-    EXPECT_EQ(h.recognizerOf(Speaker::interviewer)->starts.size(), 2);
-    EXPECT_EQ(h.telemetry->events.filter(u"stt_failed"_s).size(), 1);
+    EXPECT_EQ(std::pair(h.recognizerOf(Speaker::interviewer)->starts.size(),
+                        h.telemetry->events.filter(u"stt_failed"_s).size()),
+              std::pair(qsizetype(2), qsizetype(1)));
     EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
 
     // A stop discards what a start had kept back.
@@ -484,17 +471,14 @@ TEST(InterviewPipelineTest, AStartWaitsUntilAStopThatInterruptedAStartHasEnded)
 
     // The stop still runs: a start now is refused and changes nothing.
     awaitTask(h.vm.startInterview());
-    EXPECT_EQ(h.vm.pipelineState(), State::stopping);
-    EXPECT_EQ(h.backend->sessionsCreated, 1);
+    EXPECT_TRUE(h.vm.pipelineState() == State::stopping && h.backend->sessionsCreated == 1);
 
     h.gates.release(u"completeSession"_s);
     awaitTask(std::move(stop));
     h.start();
     EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
-    ASSERT_TRUE(h.vm.currentSession());
-    EXPECT_EQ(h.vm.currentSession()->id, u"session-2"_s);
-    ASSERT_EQ(h.vm.pastSessions().size(), 1);
-    EXPECT_EQ(h.vm.pastSessions().first().id, u"session-1"_s);
+    ASSERT_TRUE(h.vm.currentSession() && h.vm.pastSessions().size() == 1);
+    EXPECT_EQ(h.vm.currentSession()->id + h.vm.pastSessions().first().id, u"session-2session-1"_s);
 }
 
 TEST(InterviewPipelineTest, AStopWaitsOnlyUntilTheFirstCancelledTaskHasEnded)
@@ -510,8 +494,7 @@ TEST(InterviewPipelineTest, AStopWaitsOnlyUntilTheFirstCancelledTaskHasEnded)
     const qint64 before = h.clock.nowMs();
     auto stop = h.vm.stopInterview();
     H::settle();
-    EXPECT_EQ(h.vm.pipelineState(), State::idle);
-    EXPECT_EQ(h.clock.nowMs(), before);
+    EXPECT_TRUE(h.vm.pipelineState() == State::idle && h.clock.nowMs() == before);
 
     h.clock.advance(5s);
     h.gates.release(u"fetchSpeechToken"_s);
@@ -577,9 +560,8 @@ TEST(StopDuringStartTest, EndsIdleWithNothingRunningAndOnlyThePrescribedRequests
         awaitTask(std::move(start));
         H::settle();
 
-        EXPECT_EQ(h.vm.statusMessage(), u"Ready"_s);
         // A notice of the start, such as a recovered upload, goes with the start.
-        EXPECT_EQ(h.vm.lastNotice(), std::nullopt);
+        EXPECT_TRUE(h.shown().startsWith(u"idle | Ready | - | "_s)) << h.shown().toStdString();
         EXPECT_FALSE(h.vm.isStartingInterview() || h.vm.isStoppingInterview()
                      || h.vm.currentSessionUsesBackend());
         expectNothingRunning(h);
