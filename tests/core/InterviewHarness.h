@@ -286,8 +286,6 @@ struct InterviewHarness {
             return recognizer;
         };
         s.makeTranscriptChannel = [this]() -> std::shared_ptr<TranscriptChannel> {
-            if (makeRealChannel)
-                return makeRealChannel();
             auto channel = std::make_shared<FakeTranscriptChannel>(gates);
             if (std::exchange(failNextChannel, false))
                 channel->startFailures.add(failureOf(std::runtime_error("channel refused")));
@@ -363,8 +361,6 @@ struct InterviewHarness {
     QList<std::shared_ptr<FakeRecognizer>> recognizers;
     QList<std::shared_ptr<FakeTranscriptChannel>> channels;
     bool failNextChannel = false;
-    // Replaces the fake channel, for a test that needs the real one.
-    std::function<std::shared_ptr<TranscriptChannel>()> makeRealChannel;
     // Called with each recogniser as it is made, to script it.
     std::function<void(FakeRecognizer&)> prepareRecognizer;
     std::shared_ptr<ScriptedBackend> backend = std::make_shared<ScriptedBackend>(clock, gates);

@@ -2,12 +2,9 @@
 
 #include "APIError.h"
 #include "AudioCaptureService.h"
-#include "InterviewAdapters.h"
 #include "LogCapture.h"
 
-#include <QHostAddress>
 #include <QSignalSpy>
-#include <QTcpServer>
 
 #include <gtest/gtest.h>
 
@@ -404,29 +401,6 @@ TEST(InterviewPipelineTest, TroubleReportedBeforeRecordingIsHandledOnceRecording
     h.passTime(1s);
     EXPECT_EQ(h.backend->speechTokensIssued, tokensBefore);
     expectNothingRunning(h);
-}
-
-TEST(InterviewPipelineTest, AChannelStuckInItsHandshakeHoldsNoLineBack)
-{
-    // Accepts the connection and never answers the WebSocket handshake.
-    QTcpServer silent;
-    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost, 0));
-    H h;
-    h.backend->base = u"http://127.0.0.1:"_s + QString::number(silent.serverPort());
-    h.makeRealChannel = [&h] { return std::make_shared<TranscriptUploadChannel>(h.clock); };
-    h.settings.setAutoTriggerAIAnswers(true);
-    h.start();
-    ASSERT_TRUE(h.vm.transcriptUploadService());
-
-    // The pieces still merge and the automatic answer still comes on time.
-    h.say(Speaker::interviewer, u"Tell me"_s);
-    h.passTime(1s);
-    h.say(Speaker::interviewer, u"about yourself."_s);
-    h.passTime(3999ms);
-    EXPECT_TRUE(h.backend->callsOf(u"streamAnswer"_s).isEmpty());
-    h.passTime(1ms);
-    EXPECT_EQ(h.backend->callsOf(u"streamAnswer"_s),
-              QStringList{u"streamAnswer Tell me about yourself."_s});
 }
 
 TEST(InterviewPipelineTest, AChannelWithoutARecognizerKeepsOnlyTheNewestTenSecondsOfAudio)
