@@ -144,40 +144,24 @@ TEST_F(APIClientTest, FailuresOfTheCallTheRefreshAndTheRetry)
     const std::string network = "Network connection failed",
                       unauthorized = "Authentication required";
     const auto http = [](int code) { return "Server error (" + std::to_string(code) + ")"; };
+    const auto cut = [](const QByteArray& body) { return reply(200, body, true); };
+    const auto refused = reply(403, R"({"error":"Vendor unavailable"})"),
+               numericReason = reply(500, R"({"error":5})"),
+               cutAnswer = cut(event("a") + event("b"));
+    const std::string vendorDown = "refused: Vendor unavailable";
     const Case cases[] = {
         {"OtherStatus", status, {reply(403)}, none, http(403), false, 0, true},
         {"NotHttp", status, {garbage}, none, network, false, 0, false},
         // The first attempt's own transport and decoding failures reach the caller as they are.
-        {"CutShort",
-         status,
-         {reply(200, R"({"speechProvider":"openai"})", true)},
-         none,
-         "transport",
-         false,
-         0,
-         false},
+        {"CutShort", status, {cut(R"({"a":1})")}, none, "transport", false, 0, false},
         {"NotJson", status, {reply(200, "not json")}, none, "decoding", false, 0, false},
         {"NoRefreshToken", status, {reply(401)}, none, unauthorized, false, 0, false},
         // The retry's own failures post nothing; a second 401 starts no second refresh.
         {"Retry401", status, {reply(401)}, renewed, http(401), true, 1, false},
         {"Retry500", status, {reply(401), reply(500)}, renewed, http(500), true, 1, false},
         {"RetryNotHttp", status, {reply(401), garbage}, renewed, http(500), true, 1, false},
-        {"RetryNotJson",
-         status,
-         {reply(401), reply(200, "nonsense")},
-         renewed,
-         network,
-         true,
-         1,
-         false},
-        {"RetryCutShort",
-         status,
-         {reply(401), reply(200, "{}", true)},
-         renewed,
-         network,
-         true,
-         1,
-         false},
+        {"RetryNotJson", status, {reply(401), reply(200, "?")}, renewed, network, true, 1, false},
+        {"RetryCutShort", status, {reply(401), cut("{}")}, renewed, network, true, 1, false},
         // The refresh's own failures reach the caller as the same case. Each of these rows
         // refreshes anew: a failed refresh is not kept for the next 401.
         {"Refresh401", status, {reply(401)}, reply(401), unauthorized, false, 1, false},
@@ -187,22 +171,8 @@ TEST_F(APIClientTest, FailuresOfTheCallTheRefreshAndTheRetry)
         {"Exchange401", exchange, {reply(401)}, renewed, http(401), false, 0, true},
         {"ExchangeNotHttp", exchange, {garbage}, none, network, false, 0, false},
         // The speech token posts nothing and, after its one refresh, takes a 401 as final.
-        {"SpeechRefused",
-         speechToken,
-         {reply(403, R"({"error":"Vendor unavailable"})")},
-         none,
-         "refused: Vendor unavailable",
-         false,
-         0,
-         false},
-        {"SpeechReasonNotText",
-         speechToken,
-         {reply(500, R"({"error": 5})")},
-         none,
-         http(500),
-         false,
-         0,
-         false},
+        {"SpeechRefused", speechToken, {refused}, none, vendorDown, false, 0, false},
+        {"SpeechReasonNotText", speechToken, {numericReason}, none, http(500), false, 0, false},
         {"SpeechNotHttp", speechToken, {garbage}, none, network, false, 0, false},
         {"Speech401", speechToken, {reply(401)}, renewed, unauthorized, true, 1, false},
         // Uploads and answers take any status as final, a garbled answer as 500, and post nothing.
@@ -212,14 +182,7 @@ TEST_F(APIClientTest, FailuresOfTheCallTheRefreshAndTheRetry)
         {"Answer401", answer, {reply(401)}, renewed, http(401), false, 0, false},
         {"AnswerNotHttp", answer, {garbage}, none, http(500), false, 0, false},
         // Cut off while the first chunks are held back for the log id.
-        {"AnswerCutShort",
-         answer,
-         {reply(200, event("a") + event("b"), true)},
-         none,
-         "transport",
-         false,
-         0,
-         false},
+        {"AnswerCutShort", answer, {cutAnswer}, none, "transport", false, 0, false},
         {"Delete404", deleteJob, {reply(404)}, none, http(404), false, 0, true},
     };
     const auto resume = file(u"cv.md"_s, "# me");

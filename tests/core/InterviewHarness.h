@@ -16,6 +16,7 @@
 #include "PreferencesStore.h"
 #include "UserSettings.h"
 
+#include <QMetaEnum>
 #include <QRegularExpression>
 #include <QSet>
 #include <QStringList>
@@ -285,8 +286,6 @@ struct InterviewHarness {
             return recognizer;
         };
         s.makeTranscriptChannel = [this]() -> std::shared_ptr<TranscriptChannel> {
-            if (makeRealChannel)
-                return makeRealChannel();
             auto channel = std::make_shared<FakeTranscriptChannel>(gates);
             if (std::exchange(failNextChannel, false))
                 channel->startFailures.add(failureOf(std::runtime_error("channel refused")));
@@ -339,6 +338,17 @@ struct InterviewHarness {
         settle();
     }
 
+    // What the user sees of the pipeline as one text: its state, the status line, the notice
+    // and the recoverable error ("-" when there is none).
+    QString shown() const
+    {
+        return QStringList{
+            QString::fromLatin1(QMetaEnum::fromType<State>().valueToKey(int(vm.pipelineState()))),
+            vm.statusMessage(), vm.lastNotice().value_or(u"-"_s),
+            vm.lastRecoverableError().value_or(u"-"_s)}
+            .join(u" | "_s);
+    }
+
     ManualClock clock;
     PreferencesStore preferences;
     NotificationCenter notifications;
@@ -351,8 +361,6 @@ struct InterviewHarness {
     QList<std::shared_ptr<FakeRecognizer>> recognizers;
     QList<std::shared_ptr<FakeTranscriptChannel>> channels;
     bool failNextChannel = false;
-    // Replaces the fake channel, for a test that needs the real one.
-    std::function<std::shared_ptr<TranscriptChannel>()> makeRealChannel;
     // Called with each recogniser as it is made, to script it.
     std::function<void(FakeRecognizer&)> prepareRecognizer;
     std::shared_ptr<ScriptedBackend> backend = std::make_shared<ScriptedBackend>(clock, gates);

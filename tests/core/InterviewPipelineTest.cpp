@@ -2,12 +2,9 @@
 
 #include "APIError.h"
 #include "AudioCaptureService.h"
-#include "InterviewAdapters.h"
 #include "LogCapture.h"
 
-#include <QHostAddress>
 #include <QSignalSpy>
-#include <QTcpServer>
 
 #include <gtest/gtest.h>
 
@@ -63,8 +60,7 @@ TEST(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndStopTakesThemDown)
 
     EXPECT_EQ(statusTrail(h, [&] { h.stop(); }),
               (QStringList{u"Stopping interview..."_s, u"Ready"_s}));
-    EXPECT_EQ(h.vm.pipelineState(), State::idle);
-    EXPECT_TRUE(interviewer->isStopped && user->isStopped);
+    EXPECT_TRUE(h.vm.pipelineState() == State::idle && interviewer->isStopped && user->isStopped);
     expectNothingRunning(h);
     // The transcript and the session stay for the screens.
     EXPECT_EQ(h.vm.transcriptManager().entries().size(), 1);
@@ -130,16 +126,14 @@ TEST(StartFailureTest, EndsInErrorAndLeavesNothingRunning)
         LogCapture log;
         h.start();
         H::settle();
-        EXPECT_EQ(h.vm.pipelineState(), State::error);
-        EXPECT_EQ(h.vm.statusMessage(), c.status);
+        EXPECT_TRUE(h.shown().startsWith(u"error | "_s + c.status + u" | "_s));
         EXPECT_EQ(h.vm.error(), c.error);
         EXPECT_FALSE(h.vm.isStartingInterview() || h.vm.currentSession());
-        EXPECT_EQ(h.recognizers.size(), c.recognizersMade);
-        EXPECT_EQ(h.microphone.startCount, 0);
+        EXPECT_EQ(std::pair(h.recognizers.size(), h.microphone.startCount),
+                  std::pair(qsizetype(c.recognizersMade), 0));
         expectNothingRunning(h);
         if (c.telemetry.isEmpty()) {
-            EXPECT_TRUE(h.backend->calls.isEmpty());
-            EXPECT_TRUE(h.telemetry->events.isEmpty());
+            EXPECT_TRUE(h.backend->calls.isEmpty() && h.telemetry->events.isEmpty());
         } else {
             // Closed with no duration.
             EXPECT_EQ(h.backend->callsOf(u"completeSession"_s),
@@ -151,9 +145,7 @@ TEST(StartFailureTest, EndsInErrorAndLeavesNothingRunning)
         const QString status = h.vm.statusMessage();
         h.stop();
         EXPECT_EQ(h.vm.pipelineState(), State::error);
-        if (c.telemetry.isEmpty()) {
-            EXPECT_EQ(h.vm.statusMessage(), status);
-        }
+        EXPECT_TRUE(!c.telemetry.isEmpty() || h.vm.statusMessage() == status);
     }
 
     // The next start clears the error.
@@ -162,8 +154,7 @@ TEST(StartFailureTest, EndsInErrorAndLeavesNothingRunning)
     h.start();
     h.backend->token = u"access-token"_s;
     h.start();
-    EXPECT_EQ(h.vm.pipelineState(), State::recording);
-    EXPECT_FALSE(h.vm.error());
+    EXPECT_TRUE(h.vm.pipelineState() == State::recording && !h.vm.error());
 }
 
 TEST(InterviewPipelineTest, AStartWhileOneRunsOrRecordsChangesNothing)
@@ -232,8 +223,7 @@ TEST(OptionalPartsTest, AFailingOptionalPartLeavesTheInterviewRecording)
         LogCapture log;
         c.arrange(h);
         h.start();
-        EXPECT_EQ(h.vm.pipelineState(), State::recording);
-        EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
+        EXPECT_TRUE(h.shown().startsWith(u"recording | Recording live | "_s));
         EXPECT_EQ(h.vm.recognizer(Speaker::user) != nullptr, c.userRecognizer);
         EXPECT_TRUE(log.lines().contains(c.logLine)) << log.lines().join(u'\n').toStdString();
         c.check(h);
@@ -247,17 +237,14 @@ TEST(InterviewPipelineTest, ASessionFailureRecordsLocallyWithoutUploadOrAnswers)
     H h;
     h.backend->createSessionFailures.add(failureOf(APIError::serverError(502)));
     h.start();
-    EXPECT_EQ(h.vm.pipelineState(), State::recording);
-    EXPECT_EQ(h.vm.lastNotice(),
-              u"Cloud sync unavailable. Recording locally for this interview."_s);
-    EXPECT_EQ(h.vm.lastRecoverableError(),
-              u"Cloud session unavailable: "_s + APIError::serverError(502).description());
+    EXPECT_EQ(h.shown(), u"recording | Recording live | Cloud sync unavailable. Recording locally "
+                         u"for this interview. | Cloud session unavailable: "_s
+                             + APIError::serverError(502).description());
     EXPECT_EQ(h.vm.lastRecoverableErrorAtMs(), h.clock.nowMs());
     ASSERT_TRUE(h.vm.currentSession());
     EXPECT_FALSE(h.vm.currentSessionUsesBackend());
     EXPECT_FALSE(QUuid::fromString(h.vm.currentSession()->id).isNull());
-    EXPECT_TRUE(h.channels.isEmpty());
-    EXPECT_FALSE(h.vm.canRequestAnswer());
+    EXPECT_TRUE(h.channels.isEmpty() && !h.vm.canRequestAnswer());
     // Speech still needs the backend's tokens, and gets them.
     EXPECT_EQ(h.backend->callsOf(u"fetchSpeechToken"_s).size(), 2);
 
@@ -265,14 +252,12 @@ TEST(InterviewPipelineTest, ASessionFailureRecordsLocallyWithoutUploadOrAnswers)
     h.backend->calls.clear();
     h.clock.advance(10s);
     h.stop();
-    EXPECT_TRUE(h.backend->calls.isEmpty());
+    EXPECT_TRUE(h.backend->calls.isEmpty() && !h.vm.sttStartTimeMs());
     EXPECT_EQ(h.vm.pastSessions().value(0).status, InterviewSession::SessionStatus::completed);
     EXPECT_EQ(h.telemetry->events.last(), u"session_completed 10 0"_s);
-    EXPECT_FALSE(h.vm.sttStartTimeMs());
     // The next start clears what the last one reported.
     h.start();
-    EXPECT_FALSE(h.vm.lastRecoverableError() || h.vm.lastNotice());
-    EXPECT_TRUE(h.vm.currentSessionUsesBackend());
+    EXPECT_TRUE(h.shown().endsWith(u"- | -"_s) && h.vm.currentSessionUsesBackend());
 }
 
 TEST(InterviewPipelineTest, TheBackendChoosesTheVendorAndItsOrigin)
@@ -283,11 +268,11 @@ TEST(InterviewPipelineTest, TheBackendChoosesTheVendorAndItsOrigin)
     h.backend->speechProvider = u"somethingnew"_s;
     h.backend->endpoint = u"wss://speech.example.org"_s;
     h.start();
-    EXPECT_EQ(h.vm.speechProvider(), SpeechProvider::openai);
     EXPECT_TRUE(h.telemetry->events.contains(u"stt_provider_changed openai"_s));
-    EXPECT_EQ(h.recognizerOf(Speaker::interviewer)->vendor, SpeechProvider::openai);
+    EXPECT_EQ((std::tuple(h.vm.speechProvider(), h.recognizerOf(Speaker::interviewer)->vendor,
+                          h.recognizerOf(Speaker::user)->vendor)),
+              std::tuple(SpeechProvider::openai, SpeechProvider::openai, SpeechProvider::openai));
     EXPECT_EQ(h.recognizerOf(Speaker::interviewer)->origin, u"wss://speech.example.org"_s);
-    EXPECT_EQ(h.recognizerOf(Speaker::user)->vendor, SpeechProvider::openai);
     h.stop();
 
     // An account that cannot be read leaves the choice to the token.
@@ -297,10 +282,10 @@ TEST(InterviewPipelineTest, TheBackendChoosesTheVendorAndItsOrigin)
     h.backend->speechProvider = u"elevenlabs"_s;
     h.backend->endpoint.reset();
     h.start();
-    EXPECT_EQ(h.vm.pipelineState(), State::recording);
-    EXPECT_EQ(h.vm.speechProvider(), SpeechProvider::elevenlabs);
-    EXPECT_TRUE(h.telemetry->events.filter(u"stt_provider_changed"_s).isEmpty());
-    EXPECT_FALSE(h.recognizerOf(Speaker::interviewer)->origin);
+    EXPECT_TRUE(h.vm.pipelineState() == State::recording
+                && h.vm.speechProvider() == SpeechProvider::elevenlabs
+                && h.telemetry->events.filter(u"stt_provider_changed"_s).isEmpty()
+                && !h.recognizerOf(Speaker::interviewer)->origin);
 }
 
 TEST(InterviewPipelineTest, AHangingCaptureHoldsTheStopForTwoSecondsAtMost)
@@ -331,10 +316,9 @@ TEST(InterviewPipelineTest, AMockInterviewRecordsOnlyTheUserAndTakesInjectedQues
     h.gates.release(u"microphone.start"_s);
     awaitTask(std::move(start));
     EXPECT_EQ(h.systemAudio.startCount, 0);
-    EXPECT_EQ(h.vm.recognizer(Speaker::interviewer), nullptr);
-    EXPECT_NE(h.vm.recognizer(Speaker::user), nullptr);
-    EXPECT_TRUE(h.vm.currentSessionUsesBackend());
-    EXPECT_TRUE(h.backend->callsOf(u"createSession"_s).isEmpty());
+    EXPECT_TRUE(!h.vm.recognizer(Speaker::interviewer) && h.vm.recognizer(Speaker::user));
+    EXPECT_TRUE(h.vm.currentSessionUsesBackend()
+                && h.backend->callsOf(u"createSession"_s).isEmpty());
     ASSERT_TRUE(h.channel());
     EXPECT_EQ(h.channel()->startedWith.last(), u"mock-7"_s);
 
@@ -344,8 +328,7 @@ TEST(InterviewPipelineTest, AMockInterviewRecordsOnlyTheUserAndTakesInjectedQues
     H::settle();
     const auto& entries = h.vm.transcriptManager().entries();
     ASSERT_EQ(entries.size(), 2);
-    EXPECT_EQ(entries[0].content, u"Why this company?"_s);
-    EXPECT_EQ(entries[0].confidence, 1.0);
+    EXPECT_TRUE(entries[0].content == u"Why this company?"_s && entries[0].confidence == 1.0);
     EXPECT_EQ(h.channel()->sent.size(), 2);
     EXPECT_FALSE(h.vm.transcriptManager().activeEntryId(Speaker::interviewer));
 
@@ -403,8 +386,9 @@ TEST(InterviewPipelineTest, TroubleReportedBeforeRecordingIsHandledOnceRecording
     awaitTask(std::move(start));
     ASSERT_TRUE(h.vm.isRecording());
     h.passTime(500ms);
-    EXPECT_EQ(h.recognizerOf(Speaker::interviewer)->starts.size(), 2);
-    EXPECT_EQ(h.telemetry->events.filter(u"stt_failed"_s).size(), 1);
+    EXPECT_EQ(std::pair(h.recognizerOf(Speaker::interviewer)->starts.size(),
+                        h.telemetry->events.filter(u"stt_failed"_s).size()),
+              std::pair(qsizetype(2), qsizetype(1)));
     EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
 
     // A stop discards what a start had kept back.
@@ -417,29 +401,6 @@ TEST(InterviewPipelineTest, TroubleReportedBeforeRecordingIsHandledOnceRecording
     h.passTime(1s);
     EXPECT_EQ(h.backend->speechTokensIssued, tokensBefore);
     expectNothingRunning(h);
-}
-
-TEST(InterviewPipelineTest, AChannelStuckInItsHandshakeHoldsNoLineBack)
-{
-    // Accepts the connection and never answers the WebSocket handshake.
-    QTcpServer silent;
-    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost, 0));
-    H h;
-    h.backend->base = u"http://127.0.0.1:"_s + QString::number(silent.serverPort());
-    h.makeRealChannel = [&h] { return std::make_shared<TranscriptUploadChannel>(h.clock); };
-    h.settings.setAutoTriggerAIAnswers(true);
-    h.start();
-    ASSERT_TRUE(h.vm.transcriptUploadService());
-
-    // The pieces still merge and the automatic answer still comes on time.
-    h.say(Speaker::interviewer, u"Tell me"_s);
-    h.passTime(1s);
-    h.say(Speaker::interviewer, u"about yourself."_s);
-    h.passTime(3999ms);
-    EXPECT_TRUE(h.backend->callsOf(u"streamAnswer"_s).isEmpty());
-    h.passTime(1ms);
-    EXPECT_EQ(h.backend->callsOf(u"streamAnswer"_s),
-              QStringList{u"streamAnswer Tell me about yourself."_s});
 }
 
 TEST(InterviewPipelineTest, AChannelWithoutARecognizerKeepsOnlyTheNewestTenSecondsOfAudio)
@@ -484,17 +445,14 @@ TEST(InterviewPipelineTest, AStartWaitsUntilAStopThatInterruptedAStartHasEnded)
 
     // The stop still runs: a start now is refused and changes nothing.
     awaitTask(h.vm.startInterview());
-    EXPECT_EQ(h.vm.pipelineState(), State::stopping);
-    EXPECT_EQ(h.backend->sessionsCreated, 1);
+    EXPECT_TRUE(h.vm.pipelineState() == State::stopping && h.backend->sessionsCreated == 1);
 
     h.gates.release(u"completeSession"_s);
     awaitTask(std::move(stop));
     h.start();
     EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
-    ASSERT_TRUE(h.vm.currentSession());
-    EXPECT_EQ(h.vm.currentSession()->id, u"session-2"_s);
-    ASSERT_EQ(h.vm.pastSessions().size(), 1);
-    EXPECT_EQ(h.vm.pastSessions().first().id, u"session-1"_s);
+    ASSERT_TRUE(h.vm.currentSession() && h.vm.pastSessions().size() == 1);
+    EXPECT_EQ(h.vm.currentSession()->id + h.vm.pastSessions().first().id, u"session-2session-1"_s);
 }
 
 TEST(InterviewPipelineTest, AStopWaitsOnlyUntilTheFirstCancelledTaskHasEnded)
@@ -510,8 +468,7 @@ TEST(InterviewPipelineTest, AStopWaitsOnlyUntilTheFirstCancelledTaskHasEnded)
     const qint64 before = h.clock.nowMs();
     auto stop = h.vm.stopInterview();
     H::settle();
-    EXPECT_EQ(h.vm.pipelineState(), State::idle);
-    EXPECT_EQ(h.clock.nowMs(), before);
+    EXPECT_TRUE(h.vm.pipelineState() == State::idle && h.clock.nowMs() == before);
 
     h.clock.advance(5s);
     h.gates.release(u"fetchSpeechToken"_s);
@@ -525,40 +482,29 @@ TEST(InterviewPipelineTest, AStopWaitsOnlyUntilTheFirstCancelledTaskHasEnded)
 // gates in turn: the first, then, once the start waits there, the next.
 TEST(StopDuringStartTest, EndsIdleWithNothingRunningAndOnlyThePrescribedRequests)
 {
-    const QString post = u"postTranscript session-1 1"_s, account = u"fetchAccountStatus"_s,
-                  create = u"createSession en-US en"_s, token = u"fetchSpeechToken"_s,
-                  complete = u"completeSession session-2 0"_s;
+    // The calls made, one letter each: p(ost), a(ccount), c(reate), t(oken), x (complete).
+    const std::map<char, QString> call{{'p', u"postTranscript session-1 1"_s},
+                                       {'a', u"fetchAccountStatus"_s},
+                                       {'c', u"createSession en-US en"_s},
+                                       {'t', u"fetchSpeechToken"_s},
+                                       {'x', u"completeSession session-2 0"_s}};
     const struct {
         const char* name;
         QStringList gates;
-        QStringList expectedCalls;
+        std::string calls;
     } points[] = {
-        {"retryingThePendingUpload", {u"postTranscript"_s}, {post}},
-        {"askingForTheAccount", {u"fetchAccountStatus"_s}, {post, account}},
+        {"retryingThePendingUpload", {u"postTranscript"_s}, "p"},
+        {"askingForTheAccount", {u"fetchAccountStatus"_s}, "pa"},
         // The session the stop could not see is closed as soon as it exists.
-        {"creatingTheSession", {u"createSession"_s}, {post, account, create, complete}},
-        {"fetchingTheFirstToken",
-         {u"fetchSpeechToken"_s},
-         {post, account, create, complete, token}},
-        {"startingSystemAudio", {u"systemAudio.start"_s}, {post, account, create, token, complete}},
-        {"startingTheInterviewerRecognizer",
-         {u"interviewerRecognizer.start"_s},
-         {post, account, create, token, complete}},
-        {"connectingTheUploadChannel",
-         {u"channel.start"_s},
-         {post, account, create, token, complete}},
-        {"askingForTheMicrophone",
-         {u"rights.microphone"_s},
-         {post, account, create, token, complete}},
-        {"startingTheMicrophone",
-         {u"microphone.start"_s},
-         {post, account, create, token, complete}},
-        {"fetchingTheSecondToken",
-         {u"microphone.start"_s, u"fetchSpeechToken"_s},
-         {post, account, create, token, complete, token}},
-        {"startingTheUserRecognizer",
-         {u"userRecognizer.start"_s},
-         {post, account, create, token, token, complete}},
+        {"creatingTheSession", {u"createSession"_s}, "pacx"},
+        {"fetchingTheFirstToken", {u"fetchSpeechToken"_s}, "pacxt"},
+        {"startingSystemAudio", {u"systemAudio.start"_s}, "pactx"},
+        {"startingTheInterviewerRecognizer", {u"interviewerRecognizer.start"_s}, "pactx"},
+        {"connectingTheUploadChannel", {u"channel.start"_s}, "pactx"},
+        {"askingForTheMicrophone", {u"rights.microphone"_s}, "pactx"},
+        {"startingTheMicrophone", {u"microphone.start"_s}, "pactx"},
+        {"fetchingTheSecondToken", {u"microphone.start"_s, u"fetchSpeechToken"_s}, "pactxt"},
+        {"startingTheUserRecognizer", {u"userRecognizer.start"_s}, "pacttx"},
     };
     for (const auto& point : points) {
         SCOPED_TRACE(point.name);
@@ -588,19 +534,21 @@ TEST(StopDuringStartTest, EndsIdleWithNothingRunningAndOnlyThePrescribedRequests
         awaitTask(std::move(start));
         H::settle();
 
-        EXPECT_EQ(h.vm.statusMessage(), u"Ready"_s);
         // A notice of the start, such as a recovered upload, goes with the start.
-        EXPECT_EQ(h.vm.lastNotice(), std::nullopt);
+        EXPECT_TRUE(h.shown().startsWith(u"idle | Ready | - | "_s)) << h.shown().toStdString();
         EXPECT_FALSE(h.vm.isStartingInterview() || h.vm.isStoppingInterview()
                      || h.vm.currentSessionUsesBackend());
         expectNothingRunning(h);
-        EXPECT_EQ(h.backend->calls, point.expectedCalls);
+        QStringList expectedCalls;
+        for (const char letter : point.calls)
+            expectedCalls.append(call.at(letter));
+        EXPECT_EQ(h.backend->calls, expectedCalls);
         // The earlier interview is archived once only; the interrupted one once it existed.
         QStringList archived;
         for (const auto& session : h.vm.pastSessions())
             archived.append(session.id);
-        const bool existed =
-            point.expectedCalls.contains(complete) && point.expectedCalls.contains(token);
+        const bool existed = point.calls.find('x') != std::string::npos
+                             && point.calls.find('t') != std::string::npos;
         EXPECT_EQ(archived, (existed ? QStringList{u"session-2"_s, u"session-1"_s}
                                      : QStringList{u"session-1"_s}));
         h.start();

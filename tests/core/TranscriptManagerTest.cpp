@@ -37,62 +37,48 @@ protected:
 
 TEST_F(TranscriptManagerTest, FinalPiecesGroupIntoLinesByGapSpeakerAndClosing)
 {
-    // A step moves the clock on by `afterMs`, then: I and U are final pieces of the interviewer
-    // and the user, i and u partials; C closes every active line, c the user's, R resets.
-    struct Step {
-        int afterMs;
-        char op;
-        QString text = {};
-    };
+    // Steps are separated by "; ". A step may move the clock on first ("+5000 "), then: I and
+    // U are final pieces of the interviewer and the user, i and u partials, each followed by its
+    // text; C closes every active line, c the user's, R resets.
     const struct {
         const char* name;
-        QList<Step> steps;
+        QString steps;
         QStringList lines;
     } cases[] = {
         {"GapOfExactly5000MergesAnd5001Splits",
-         {{0, 'I', u"Tell me"_s},
-          {5000, 'I', u"about yourself."_s},
-          {5001, 'I', u"Next question."_s}},
+         u"I Tell me; +5000 I about yourself.; +5001 I Next question."_s,
          {u"Tell me about yourself."_s, u"Next question."_s}},
         // 5001 ms since the last final piece; the partial between does not count.
         {"FirstPieceAfterAnyGapAndPartialsDoNotResetTheGap",
-         {{3'600'000, 'U', u"Hello"_s}, {3000, 'u', u"I am"_s}, {2001, 'U', u"I am Ada."_s}},
+         u"+3600000 U Hello; +3000 u I am; +2001 U I am Ada."_s,
          {u"Hello"_s, u"I am Ada."_s}},
         {"SpeakersInterleaveByFirstPiece",
-         {{0, 'I', u"Q1"_s},
-          {0, 'u', u"ans"_s},
-          {0, 'U', u"A1"_s},
-          {0, 'u', u"more"_s},
-          {0, 'I', u"continued"_s}},
+         u"I Q1; u ans; U A1; u more; I continued"_s,
          {u"Q1 continued"_s, u"A1"_s}},
         {"ClosingStartsNewLinesWithinTheGap",
-         {{0, 'I', u"a"_s},
-          {0, 'U', u"b"_s},
-          {0, 'C'},
-          {0, 'I', u"c"_s},
-          {0, 'U', u"d"_s},
-          {0, 'c'},
-          {0, 'I', u"e"_s},
-          {0, 'U', u"f"_s}},
+         u"I a; U b; C; I c; U d; c; I e; U f"_s,
          {u"a"_s, u"b"_s, u"c e"_s, u"d"_s, u"f"_s}},
         // A reset forgets the active lines and the last final time: the next piece is the very
         // first.
-        {"ResetStartsAfresh",
-         {{0, 'U', u"g"_s}, {0, 'R'}, {60'000, 'U', u"h"_s}, {5000, 'U', u"i"_s}},
-         {u"h i"_s}},
+        {"ResetStartsAfresh", u"U g; R; +60000 U h; +5000 U i"_s, {u"h i"_s}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         manager.reset();
-        for (const auto& [afterMs, op, text] : c.steps) {
-            clock.advance(std::chrono::milliseconds(afterMs));
-            const auto speaker = op == 'I' || op == 'i' ? Speaker::interviewer : Speaker::user;
-            if (op == 'C' || op == 'c')
-                op == 'C' ? manager.closeAllActiveEntries()
-                          : manager.closeActiveEntry(Speaker::user);
-            else if (op == 'R')
+        for (QString step : c.steps.split(u"; "_s)) {
+            if (step.startsWith(u'+')) {
+                clock.advance(std::chrono::milliseconds(step.section(u' ', 0, 0).toInt()));
+                step = step.section(u' ', 1);
+            }
+            const QChar op = step.front();
+            const QString text = step.mid(2);
+            const auto speaker = op.toUpper() == u'I' ? Speaker::interviewer : Speaker::user;
+            if (op == u'C' || op == u'c')
+                op == u'C' ? manager.closeAllActiveEntries()
+                           : manager.closeActiveEntry(Speaker::user);
+            else if (op == u'R')
                 manager.reset();
-            else if (op == 'I' || op == 'U')
+            else if (op == u'I' || op == u'U')
                 commit(speaker, text);
             else
                 partial(speaker, text);
@@ -185,9 +171,10 @@ TEST_F(TranscriptManagerTest, LatestInterviewerTextAndUploadFormsTakeOnlyFinalPi
 
     const auto forms = manager.finalEntriesForUpload();
     ASSERT_EQ(forms.size(), 2);
-    EXPECT_EQ(forms.at(0).value(u"speaker"_s).toString(), u"user"_s);
-    EXPECT_EQ(forms.at(0).value(u"content"_s).toString(), u"hello Because"_s);
+    EXPECT_EQ((QStringList{forms.at(0).value(u"speaker"_s).toString(),
+                           forms.at(0).value(u"content"_s).toString(),
+                           forms.at(0).value(u"id"_s).toString()}),
+              (QStringList{u"user"_s, u"hello Because"_s, manager.entries().at(0).id}));
     EXPECT_EQ(forms.at(0).value(u"confidence"_s).toDouble(), 0.0);
-    EXPECT_EQ(forms.at(0).value(u"id"_s).toString(), manager.entries().at(0).id);
     EXPECT_EQ(forms.at(1).value(u"confidence"_s).toDouble(), 0.75);
 }

@@ -1,5 +1,5 @@
-# InterviewEndToEndTest and InterviewChaosTest: the interview against loopback servers of the
-# backend, a speech vendor and the transcript channel.
+# InterviewChaosTest: the interview against loopback servers of the backend, a speech vendor and
+# the transcript channel.
 find_package(Qt6 REQUIRED COMPONENTS Test WebSockets)
 
 add_library(transcript_channel_server STATIC
@@ -8,11 +8,7 @@ add_library(transcript_channel_server STATIC
 )
 target_link_libraries(transcript_channel_server PUBLIC test_support Qt6::WebSockets)
 
-ravlet_add_test(interview_end_to_end_tests
-    SOURCES InterviewEndToEndTest.cpp LoopbackRig.h LoopbackInterview.h
-    LIBRARIES core speech_test_support transcript_channel_server Qt6::Test)
-
 ravlet_add_test(interview_chaos_tests
-    SOURCES InterviewChaosTest.cpp LoopbackRig.h LoopbackInterview.h
+    SOURCES InterviewChaosTest.cpp LoopbackInterview.h
     LIBRARIES core speech_test_support transcript_channel_server Qt6::Test
     LABELS chaos)

@@ -40,7 +40,7 @@ void expectLine(QByteArray line, Expected& expected)
         expected.done = true;
         return;
     }
-    const auto object = QJsonDocument::fromJson(payload).object();
+    const auto object = Fuzz::object(payload);
     if (object.value(u"logId"_s).isString())
         expected.logId = withValidUnicode(object.value(u"logId"_s).toString());
     else if (object.value(u"content"_s).isString())
@@ -94,45 +94,28 @@ void decodeRoundTrip(const QByteArray& body)
                 "a record that does not read back as itself");
 }
 
+template<typename T>
+void decodeOnly(const QByteArray& body)
+{
+    decode<T>(body);
+}
+
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+// The first byte picks the reader, the rest is the body.
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    Fuzz::Input input(data, size);
-    const auto which = input.takeByte() % 10;
-    const auto body = input.rest();
-    switch (which) {
-    case 0:
-        answerLines(body);
-        break;
-    case 1:
-        decodeRoundTrip<InterviewSession>(body);
-        break;
-    case 2:
-        decodeRoundTrip<TranscriptEntry>(body);
-        break;
-    case 3:
-        decode<APIClient::SpeechTokenResponse>(body);
-        break;
-    case 4:
-        decode<APIClient::AccountStatus>(body);
-        break;
-    case 5:
-        decode<APIClient::ResumesWrapper>(body);
-        break;
-    case 6:
-        decode<APIClient::JobDescriptionsWrapper>(body);
-        break;
-    case 7:
-        decode<APIClient::AuthResponse>(body);
-        break;
-    case 8:
-        decode<APIClient::RefreshResponse>(body);
-        break;
-    default:
-        decode<APIClient::ResumeResponse>(body);
-        break;
-    }
-    return 0;
+    using Reader = void (*)(const QByteArray&);
+    static constexpr Reader readers[] = {answerLines,
+                                         decodeRoundTrip<InterviewSession>,
+                                         decodeRoundTrip<TranscriptEntry>,
+                                         decodeOnly<APIClient::SpeechTokenResponse>,
+                                         decodeOnly<APIClient::AccountStatus>,
+                                         decodeOnly<APIClient::ResumesWrapper>,
+                                         decodeOnly<APIClient::JobDescriptionsWrapper>,
+                                         decodeOnly<APIClient::AuthResponse>,
+                                         decodeOnly<APIClient::RefreshResponse>,
+                                         decodeOnly<APIClient::ResumeResponse>};
+    const auto which = input.takeByte() % std::size(readers);
+    readers[which](input.rest());
 }

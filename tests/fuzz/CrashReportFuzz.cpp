@@ -86,13 +86,11 @@ void writeAndRead(Fuzz::Input& input)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    Fuzz::Input input(data, size);
     if (input.takeByte() & 1) {
         writeAndRead(input);
-        return 0;
+        return;
     }
     const auto bytes = input.rest();
     const auto report = CrashReporter::readPendingReport(bytes);
@@ -105,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 allTexts = allTexts && value.isString();
             Fuzz::check(!allTexts, "a report of texts refused");
         }
-        return 0;
+        return;
     }
     for (const auto& text :
          {report->exceptionType, report->exceptionMessage, report->stackTrace, report->lastState})
@@ -115,5 +113,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const auto body = QJsonDocument(asJson(*report)).toJson(QJsonDocument::Compact);
     const auto again = CrashReporter::readPendingReport(body);
     Fuzz::check(again && *again == *report, "a report that does not read back as itself");
-    return 0;
 }

@@ -1,9 +1,11 @@
 #pragma once
 
 // Shared by the fuzz targets: one Qt application for the whole run, checks that abort with a
-// message libFuzzer reports as a crash, and a reader of the fuzzer's bytes.
+// message libFuzzer reports as a crash, a reader of the fuzzer's bytes, and the entry point.
 
 #include <QCoreApplication>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QString>
 
 #include <cstdint>
@@ -71,10 +73,30 @@ public:
     {
         return QByteArray(reinterpret_cast<const char*>(m_data), qsizetype(m_size));
     }
+    QList<QByteArray> restLines() const { return rest().split('\n'); }
 
 private:
     const uint8_t* m_data;
     size_t m_size;
 };
 
+// The object a JSON text holds; empty for anything else.
+inline QJsonObject object(const QByteArray& json)
+{
+    return QJsonDocument::fromJson(json).object();
+}
+
 } // namespace Fuzz
+
+// Defines libFuzzer's entry point around a body that reads the input from `input`, once the
+// application exists.
+#define FUZZ_TARGET(input)                                                                         \
+    static void fuzzOne(Fuzz::Input& input);                                                       \
+    extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)                        \
+    {                                                                                              \
+        Fuzz::ensureApplication();                                                                 \
+        Fuzz::Input whole(data, size);                                                             \
+        fuzzOne(whole);                                                                            \
+        return 0;                                                                                  \
+    }                                                                                              \
+    static void fuzzOne(Fuzz::Input& input)

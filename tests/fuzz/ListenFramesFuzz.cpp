@@ -93,15 +93,14 @@ void checkMessages(const QStringList& messages, Expectation& expected, const QSt
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    const auto lines = QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)).split('\n');
+    const auto lines = input.rest().split('\n');
     const QUrl url(u"ws://127.0.0.1:8787"_s + QString::fromUtf8(lines.front()));
     const auto request = DeepgramWire::parseListenUrl(url);
     checkRequest(request, url);
     if (request.error)
-        return 0;
+        return;
 
     ListenSession session(request, u"req-1"_s);
     Expectation expected{request.version, request.interimResults, 0};
@@ -133,13 +132,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         } else {
             const auto frame = QString::fromUtf8(step); // as the socket hands text over
             const auto control = DeepgramWire::parseControl(frame);
-            const auto type =
-                QJsonDocument::fromJson(frame.toUtf8()).object().value(u"type"_s).toString();
+            const auto type = Fuzz::object(frame.toUtf8()).value(u"type"_s).toString();
             const bool named =
                 type == u"KeepAlive"_s || type == u"CloseStream"_s || type == u"Finalize"_s;
             Fuzz::check((control != DeepgramWire::Control::unknown) == named,
                         "a control frame read as another");
         }
     }
-    return 0;
 }

@@ -2,16 +2,13 @@
 #include "FuzzSupport.h"
 #include "Multipart.h"
 
-#include <cstddef>
-#include <cstdint>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    const QByteArray input(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size));
-    const auto newline = input.indexOf('\n');
+    const auto bytes = input.rest();
+    const auto newline = bytes.indexOf('\n');
     const auto contentType =
-        "multipart/form-data; boundary=" + (newline < 0 ? input : input.left(newline));
-    const auto body = newline < 0 ? QByteArray() : input.mid(newline + 1);
+        "multipart/form-data; boundary=" + (newline < 0 ? bytes : bytes.left(newline));
+    const auto body = newline < 0 ? QByteArray() : bytes.mid(newline + 1);
     if (const auto boundary = Multipart::boundaryOf(contentType)) {
         if (const auto parts = Multipart::parse(body, *boundary)) {
             for (const auto& part : *parts) {
@@ -21,5 +18,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             }
         }
     }
-    return 0;
 }

@@ -60,13 +60,12 @@ void fill(PreferencesStore& store, const std::map<QString, PreferenceValue>& val
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    const auto file = QByteArray(reinterpret_cast<const char*>(data), qsizetype(size));
+    const auto file = input.rest();
     const auto values = JsonPreferencesStore::deserialize(file);
     if (!values)
-        return 0; // the program keeps such a file aside and starts from defaults
+        return; // the program keeps such a file aside and starts from defaults
 
     // The file as read must be written back as the same values.
     const auto reread = JsonPreferencesStore::deserialize(JsonPreferencesStore::serialize(*values));
@@ -95,5 +94,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     fill(reloaded, *saved);
     const UserSettings again(reloaded, notifications);
     Fuzz::check(read(again) == seen, "a setting that reads back differently after it is saved");
-    return 0;
 }

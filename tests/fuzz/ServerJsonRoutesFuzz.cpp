@@ -75,7 +75,7 @@ struct Server {
     {
         const auto response = call("POST", u"/api/v1/interview/session"_s,
                                    R"({"languageInput":"en","languageOutput":"en"})");
-        return QJsonDocument::fromJson(response.body).object().value(u"id"_s).toString();
+        return Fuzz::object(response.body).value(u"id"_s).toString();
     }
 };
 
@@ -91,17 +91,12 @@ Server& server()
     return *instance;
 }
 
-QJsonObject bodyObject(const QByteArray& body)
-{
-    return QJsonDocument::fromJson(body).object();
-}
-
 void checkAnswer(const HttpResponse& response, const QString& route)
 {
     Fuzz::check(response.status < 500 || response.status == 503, "a body that made the server fail",
                 route + u' ' + QString::number(response.status));
     if (response.status >= 400) {
-        const auto error = bodyObject(response.body).value(u"error"_s).toString();
+        const auto error = Fuzz::object(response.body).value(u"error"_s).toString();
         Fuzz::check(!error.isEmpty(), "a refusal without a reason", route);
         return;
     }
@@ -119,14 +114,14 @@ void checkStoredTranscript(Server& s, const QString& sessionId, const QByteArray
 {
     if (response.status != 200)
         return;
-    const auto entries = bodyObject(body).value(u"entries"_s).toArray();
+    const auto entries = Fuzz::object(body).value(u"entries"_s).toArray();
     QMap<QString, int> seen;
     for (const auto& entry : entries)
         ++seen[entry.toObject().value(u"id"_s).toString()];
     QMap<QString, TranscriptLine> stored;
     for (const auto& line : InterviewStore(*s.db).lines(s.userId, sessionId))
         stored.insert(line.id, line);
-    const auto acknowledged = bodyObject(response.body).value(u"ids"_s).toArray();
+    const auto acknowledged = Fuzz::object(response.body).value(u"ids"_s).toArray();
     Fuzz::check(acknowledged.size() == entries.size(), "lines of the body not acknowledged");
     for (const auto& entry : entries) {
         const auto object = entry.toObject();
@@ -144,10 +139,8 @@ void checkStoredTranscript(Server& s, const QString& sessionId, const QByteArray
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    Fuzz::Input input(data, size);
     const auto which = input.takeByte() % 10;
     const auto body = input.rest();
     auto& s = server();
@@ -163,8 +156,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const auto response = s.call("POST", u"/api/v1/interview/session"_s, body);
         checkAnswer(response, u"session"_s);
         if (response.status == 200) {
-            const auto sent = bodyObject(body);
-            const auto made = bodyObject(response.body);
+            const auto sent = Fuzz::object(body);
+            const auto made = Fuzz::object(response.body);
             Fuzz::check(made.value(u"languageInput"_s) == sent.value(u"languageInput"_s)
                             && made.value(u"languageOutput"_s) == sent.value(u"languageOutput"_s),
                         "a session stored with other languages");
@@ -190,8 +183,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const auto response = s.call("POST", u"/api/v1/telemetry/events"_s, body);
         checkAnswer(response, u"events"_s);
         if (response.status == 200)
-            Fuzz::check(bodyObject(response.body).value(u"accepted"_s).toInteger()
-                            == bodyObject(body).value(u"events"_s).toArray().size(),
+            Fuzz::check(Fuzz::object(response.body).value(u"accepted"_s).toInteger()
+                            == Fuzz::object(body).value(u"events"_s).toArray().size(),
                         "events accepted that were not sent, or sent and not accepted");
         break;
     }
@@ -210,9 +203,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const auto response = s.call("POST", u"/api/v1/job-description"_s, body);
         checkAnswer(response, u"job"_s);
         if (response.status == 200) {
-            const auto id = bodyObject(response.body).value(u"id"_s).toString();
+            const auto id = Fuzz::object(response.body).value(u"id"_s).toString();
             const auto stored = DocumentStore(*s.db).jobDescription(s.userId, id);
-            const auto sent = bodyObject(body);
+            const auto sent = Fuzz::object(body);
             Fuzz::check(stored && stored->title == sent.value(u"title"_s).toString()
                             && stored->content == sent.value(u"content"_s).toString(),
                         "a job description stored with other text");
@@ -220,5 +213,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         break;
     }
     }
-    return 0;
 }

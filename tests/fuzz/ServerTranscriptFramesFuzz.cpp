@@ -40,8 +40,7 @@ void checkLine(const QByteArray& frame)
 
     // The acknowledgement must name exactly this id, and the revision stored.
     const auto revision = line->revision;
-    const auto ack =
-        QJsonDocument::fromJson(TranscriptSocket::ackFrame(line->id, revision).toUtf8()).object();
+    const auto ack = Fuzz::object(TranscriptSocket::ackFrame(line->id, revision).toUtf8());
     const auto ids = ack.value(u"ids"_s).toArray();
     Fuzz::check(ack.value(u"type"_s) == u"ack"_s && ids.size() == 1
                     && ids.at(0).toString() == line->id,
@@ -52,20 +51,17 @@ void checkLine(const QByteArray& frame)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    Fuzz::Input input(data, size);
     const bool binary = input.takeByte() & 1;
     const auto frame = input.rest();
     if (!binary) {
         // A text frame reaches the socket as text, and the channel reads its UTF-8.
         checkLine(QString::fromUtf8(frame).toUtf8());
-        return 0;
+        return;
     }
     const auto text = TranscriptSocket::binaryFrameText(frame);
     Fuzz::check(text.has_value() == isStrictUtf8(frame), "a binary frame judged wrongly as UTF-8");
     if (text)
         checkLine(text->toUtf8());
-    return 0;
 }

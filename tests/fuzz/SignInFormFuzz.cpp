@@ -24,15 +24,13 @@ void checkFields(const LoginPage::Submission& form)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    Fuzz::Input input(data, size);
     const auto choice = input.takeByte();
     const auto rest = input.rest();
     if ((choice & 1) == 0) {
         checkFields(LoginPage::readForm(rest));
-        return 0;
+        return;
     }
     auto values = QString::fromUtf8(rest).split(QChar(0));
     values.resize(6);
@@ -60,5 +58,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                     "a form field that does not read back as the browser sent it",
                     QString::fromLatin1(fields[i].first) + u": sent "_s + fields[i].second
                         + u", read "_s + got[i]);
-    return 0;
 }

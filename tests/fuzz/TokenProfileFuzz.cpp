@@ -39,15 +39,13 @@ std::optional<AuthViewModel::UserProfile> expectedProfile(const QByteArray& payl
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    Fuzz::Input input(data, size);
     const auto choice = input.takeByte();
     const auto rest = input.rest();
     if ((choice & 1) == 0) {
         checkProfile(AuthViewModel::decodeProfile(QString::fromUtf8(rest)));
-        return 0;
+        return;
     }
     // A token as the server signs it: the payload in plain base64, with or without padding.
     const auto options = (choice & 2) ? QByteArray::OmitTrailingEquals : QByteArray::Base64Encoding;
@@ -56,5 +54,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const auto profile = AuthViewModel::decodeProfile(token);
     checkProfile(profile);
     Fuzz::check(profile == expectedProfile(rest), "a payload read as another profile");
-    return 0;
 }

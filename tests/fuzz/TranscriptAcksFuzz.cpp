@@ -172,15 +172,13 @@ TranscriptEntry finalLine(const QString& id, const QString& content, qint64 at)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
     static ManualClock clock;
     TranscriptUploadService service(clock);
     TranscriptUploadProbe probe{service};
 
-    const auto script =
-        QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)).split('\n');
+    const auto script = input.rest().split('\n');
     qint64 at = 0;
     for (const auto& step : script) {
         if (step.isEmpty())
@@ -211,5 +209,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         probe.checkHeld();
     }
-    return 0;
 }

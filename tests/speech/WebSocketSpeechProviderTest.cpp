@@ -465,6 +465,10 @@ TEST_F(DeepgramTest, NoKeepAliveInEnglishAndTheHandshakeAndFarewellWaitsAreOnThe
     const auto stopped = accept();
     awaitTask(provider.stop());
     EXPECT_TRUE(closedAfter(stopped, 2s));
+    // An origin that is no address fails the start before any socket is tried.
+    provider.setOrigin(u"wss://bad host"_s);
+    EXPECT_THROW(awaitTask(provider.start(u"tok-1"_s, u"de-DE"_s, audio, std::nullopt)),
+                 InvalidSpeechEndpointError);
 }
 
 using OpenAITest = VendorTest<OpenAI>;

@@ -111,7 +111,6 @@ void FakeBackend::onReadyRead(QTcpSocket* socket)
         request.body = buffer.mid(headerEnd + 4, length);
         buffer.remove(0, headerEnd + 4 + length);
         m_log.append(request);
-        Q_EMIT requestReceived(request);
         respond(socket, request);
     }
 }

@@ -66,9 +66,6 @@ public:
     int totalRequests() const { return int(m_log.size()); }
     int piecesSent() const { return m_piecesSent; }
 
-Q_SIGNALS:
-    void requestReceived(const FakeBackend::Request& request);
-
 private:
     struct Connection;
     void onNewConnection();

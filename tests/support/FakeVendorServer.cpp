@@ -18,15 +18,6 @@ QByteArray FakeVendorServer::Connection::header(const QByteArray& name) const
     return {};
 }
 
-QStringList FakeVendorServer::Connection::textFrames() const
-{
-    QStringList texts;
-    for (const auto& frame : frames)
-        if (frame.isText)
-            texts.append(frame.text());
-    return texts;
-}
-
 QList<QByteArray> FakeVendorServer::Connection::binaryFrames() const
 {
     QList<QByteArray> binaries;

@@ -34,7 +34,6 @@ public:
         QPointer<QWebSocket> socket;
 
         QByteArray header(const QByteArray& name) const;
-        QStringList textFrames() const;
         QList<QByteArray> binaryFrames() const;
     };
 

@@ -1,11 +1,12 @@
-#pragma once
-
 // One recogniser's handling of the vendor's text frames: each frame of the input (split at
-// newlines) goes to the real message handler; what comes out must be sound.
+// newlines) goes to the real message handler; what comes out must be sound. Built once per
+// vendor: FUZZ_PROVIDER names its class, FUZZ_PROVIDER_HEADER its header and FUZZ_VENDOR the
+// name its recovery reasons start with.
 
 #include "Clock.h"
 #include "FuzzSupport.h"
 #include "WebSocketSpeechProvider.h"
+#include FUZZ_PROVIDER_HEADER
 
 #include <QList>
 
@@ -35,27 +36,22 @@ inline void checkProviderOutput(WebSocketSpeechProvider& provider, const QString
     }
 }
 
+} // namespace Fuzz
+
 // The first byte picks the speaker and the language (which for Deepgram picks the protocol);
 // the rest is frames, one per line.
-template<typename Provider>
-int runSpeechMessages(const uint8_t* data, size_t size, const QString& vendorPrefix)
+FUZZ_TARGET(input)
 {
-    ensureApplication();
-    Input input(data, size);
+    using namespace Fuzz;
     const auto choice = input.takeByte();
     static ManualClock clock;
     const auto speaker =
         (choice & 1) ? TranscriptEntry::Speaker::user : TranscriptEntry::Speaker::interviewer;
-    Provider provider(speaker, clock, QStringLiteral("wss://127.0.0.1:9"));
+    FUZZ_PROVIDER provider(speaker, clock, QStringLiteral("wss://127.0.0.1:9"));
     const QString language = (choice & 2) ? QStringLiteral("en-US") : QStringLiteral("de-DE");
     (provider.*(&ProviderAccess::connection))(QStringLiteral("token"), language, std::nullopt);
-
-    const auto frames = input.rest().split('\n');
-    for (const auto& frame : frames) {
+    for (const auto& frame : input.restLines()) {
         (provider.*(&ProviderAccess::handleMessage))(QString::fromUtf8(frame));
-        checkProviderOutput(provider, vendorPrefix);
+        checkProviderOutput(provider, QStringLiteral(FUZZ_VENDOR));
     }
-    return 0;
 }
-
-} // namespace Fuzz
