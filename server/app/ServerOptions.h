@@ -1,5 +1,6 @@
 #pragma once
 
+#include "HttpServer.h"
 #include "ServerConfig.h"
 
 #include <QHostAddress>
@@ -21,6 +22,7 @@ struct ServerOptions {
     QString llmApiKey; // read from --llm-api-key-file or RAVLET_LLM_API_KEY
     QString signingKeyFile;
     ServerConfig config;
+    HttpLimits httpLimits;
 
     struct Help {
         QString text;

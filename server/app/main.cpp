@@ -75,7 +75,8 @@ int main(int argc, char** argv)
     AccountService accounts(*database, clock, std::get<QByteArray>(key));
     const auto engine = answerEngineFor(options);
     Api api(*database, accounts, clock, options.config, engine.get());
-    HttpServer server;
+    HttpServer server(clock);
+    server.setLimits(options.httpLimits);
     api.attach(server);
     const auto port = server.listen(options.address, options.port);
     if (!port) {
