@@ -62,6 +62,12 @@ const QList<Option>& options()
          u"Folder of update packages RavletAI-<version>*.tar.gz."_s},
         {u"--public-url"_s, u"RAVLET_PUBLIC_URL"_s, u"URL"_s,
          u"Origin clients reach this server at, for download links (behind a proxy)."_s},
+        {u"--allowed-host"_s, u"RAVLET_ALLOWED_HOST"_s, u"NAME[,NAME...]"_s,
+         u"Host names clients may use for this server (default: localhost and the host of --public-url; addresses always work)."_s},
+        {u"--max-connections"_s, u"RAVLET_MAX_CONNECTIONS"_s, u"N"_s,
+         u"Open connections in all, past which new ones get 503 (default: from the open-file limit, at most 16384)."_s},
+        {u"--max-connections-per-address"_s, u"RAVLET_MAX_CONNECTIONS_PER_ADDRESS"_s, u"N"_s,
+         u"Open connections from one client address (default 1024; a proxy on this machine is one address)."_s},
         {u"--signing-key-file"_s, u"RAVLET_SIGNING_KEY_FILE"_s, u"PATH"_s,
          u"Key that signs tokens; created if absent (default beside the SQLite file). Share it between servers."_s},
         {u"--no-local-sign-in"_s,
@@ -285,6 +291,22 @@ ServerOptions::parse(const QStringList& arguments, const QStringList& environmen
                                 && result.address.isLoopback();
     result.config.signUp = !values.contains(u"--no-sign-up"_s);
     result.createUser = values.value(u"--create-user"_s);
+    result.httpLimits.allowedHosts = {u"localhost"_s};
+    if (const auto publicHost = QUrl(result.config.publicOrigin).host(); !publicHost.isEmpty())
+        result.httpLimits.allowedHosts.append(publicHost.toLower());
+    for (const auto& name : values.value(u"--allowed-host"_s).split(u',', Qt::SkipEmptyParts))
+        result.httpLimits.allowedHosts.append(name.trimmed().toLower());
+    for (const auto& [name, field] :
+         {std::pair{u"--max-connections"_s, &HttpLimits::maxConnections},
+          std::pair{u"--max-connections-per-address"_s, &HttpLimits::maxConnectionsPerAddress}}) {
+        if (!values.contains(name))
+            continue;
+        bool ok = false;
+        const int value = values.value(name).toInt(&ok);
+        if (!ok || value < 1)
+            return name + u" expects a positive number"_s;
+        result.httpLimits.*field = value;
+    }
     result.config.telemetryEnabled = !values.contains(u"--no-telemetry"_s);
     result.config.offlineSpeech = !values.contains(u"--no-offline-speech"_s);
     return result;

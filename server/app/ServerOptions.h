@@ -1,5 +1,6 @@
 #pragma once
 
+#include "HttpServer.h"
 #include "ServerConfig.h"
 
 #include <QHostAddress>
@@ -23,6 +24,7 @@ struct ServerOptions {
     // Set: create this account (its password read from standard input) and exit.
     QString createUser;
     ServerConfig config;
+    HttpLimits httpLimits;
 
     struct Help {
         QString text;

@@ -103,7 +103,8 @@ int main(int argc, char** argv)
         return createUser(accounts, options.createUser);
     const auto engine = answerEngineFor(options);
     Api api(*database, accounts, clock, options.config, engine.get());
-    HttpServer server;
+    HttpServer server(clock);
+    server.setLimits(options.httpLimits);
     api.attach(server);
     const auto port = server.listen(options.address, options.port);
     if (!port) {

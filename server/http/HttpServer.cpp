@@ -1,6 +1,10 @@
 #include "HttpServer.h"
 
+#include "Clock.h"
+#include "RequestHead.h"
+
 #include <QAbstractHttpServer>
+#include <QFile>
 #include <QHash>
 #include <QHttpServerRequest>
 #include <QHttpServerResponder>
@@ -9,7 +13,24 @@
 #include <QTcpSocket>
 #include <QWebSocket>
 
+#include <algorithm>
+#include <limits>
+
+#include <sys/resource.h>
+
 namespace {
+
+// A file body goes out in pieces of this size, the next once the socket has taken the last.
+constexpr qint64 filePieceBytes = 256 * 1024;
+
+void refuse(QTcpSocket* socket, const QByteArray& statusLine, const char* message)
+{
+    const QByteArray body = QByteArrayLiteral("{\"error\":\"") + message + "\"}";
+    socket->write("HTTP/1.1 " + statusLine + "\r\nContent-Type: application/json\r\n"
+                  "Connection: close\r\nContent-Length: " + QByteArray::number(body.size())
+                  + "\r\n\r\n" + body);
+    socket->disconnectFromHost();
+}
 
 QByteArray methodName(QHttpServerRequest::Method method)
 {
@@ -47,14 +68,295 @@ HttpRequest toRequest(const QHttpServerRequest& request)
     return result;
 }
 
+class GuardedTcpServer;
+
+// What the guard knows of one connection. A child of its socket, so that it goes with the
+// socket whoever ends up owning it (the library, or a WebSocket after an upgrade).
+class ConnectionState final : public QObject {
+public:
+    enum class Phase { head, body, answering, idle, upgrading, upgraded, refused };
+
+    ConnectionState(QTcpSocket* socket, GuardedTcpServer* guard);
+    ~ConnectionState() override;
+
+    void onReadyRead();
+    // The library has the whole request: no time-out runs while the route answers.
+    void requestTaken();
+    // The answer is written: the connection may now sit idle for a while.
+    void answered();
+    void upgrading();
+    void upgraded();
+
+    const QHostAddress peer;
+    const quint16 peerPort;
+
+private:
+    void arm(std::chrono::milliseconds delay);
+    void disarm();
+    void expired();
+
+    QTcpSocket* m_socket;
+    QPointer<GuardedTcpServer> m_guard;
+    Phase m_phase = Phase::head;
+    qint64 m_received = 0; // since the last complete request
+    RequestHead::Scanner m_head;
+    Clock::TimerId m_timer = 0;
+};
+
+// Qt HttpServer 6.4 holds a request's whole body in memory before any handler sees it, and has
+// no limits of its own: no size cap, no time-outs, no connection cap. This server keeps them:
+// it counts what each connection sends until its request is complete (past the limit: 413,
+// closed, the rest thrown away unread), times out heads, bodies and idle connections on the
+// server's Clock, and caps connections per address and in all. Its readyRead runs before the
+// library's, which connects later, so the excess never reaches the library's buffer. A real
+// upgrade makes the library disconnect every slot of the socket, ours included: from then on
+// the WebSocket's own frame limit applies.
+class GuardedTcpServer final : public QTcpServer {
+public:
+    GuardedTcpServer(Clock& clock, QObject* parent)
+        : QTcpServer(parent)
+        , clock(clock)
+    {
+    }
+
+    Clock& clock;
+    HttpLimits limits;
+    int maxConnections = 0; // in force, resolved at listen
+
+    ConnectionState* stateOf(QTcpSocket* socket) const { return m_states.value(socket); }
+
+    void opened(QTcpSocket* socket, ConnectionState* state)
+    {
+        m_states.insert(socket, state);
+        ++m_open;
+        ++m_perAddress[state->peer];
+    }
+    void closed(QTcpSocket* socket, const QHostAddress& peer, quint16 peerPort)
+    {
+        m_states.remove(socket);
+        m_upgrades.remove({peer.toString(), peerPort});
+        --m_open;
+        if (const auto it = m_perAddress.find(peer); it != m_perAddress.end() && --*it <= 0)
+            m_perAddress.erase(it);
+    }
+
+    // An upgrade handed to the library, found again by its peer when its WebSocket comes out.
+    void expectUpgrade(ConnectionState* state)
+    {
+        m_upgrades.insert({state->peer.toString(), state->peerPort}, state);
+    }
+    void upgradeDone(const QHostAddress& peer, quint16 peerPort)
+    {
+        if (const auto state = m_upgrades.take({peer.toString(), peerPort}))
+            state->upgraded();
+    }
+
+protected:
+    void incomingConnection(qintptr descriptor) override
+    {
+        auto* socket = new QTcpSocket(this);
+        if (!socket->setSocketDescriptor(descriptor)) {
+            delete socket;
+            return;
+        }
+        const auto peer = socket->peerAddress();
+        if (m_open >= maxConnections || m_perAddress.value(peer) >= limits.maxConnectionsPerAddress) {
+            connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+            refuse(socket, "503 Service Unavailable", "Too many connections, try again later");
+            return;
+        }
+        auto* state = new ConnectionState(socket, this);
+        connect(socket, &QTcpSocket::readyRead, state, &ConnectionState::onReadyRead);
+        addPendingConnection(socket);
+    }
+
+private:
+    int m_open = 0;
+    // Keys only: a state removes itself as its socket goes.
+    QHash<QTcpSocket*, ConnectionState*> m_states;
+    QHash<QHostAddress, int> m_perAddress;
+    QHash<std::pair<QString, quint16>, QPointer<ConnectionState>> m_upgrades;
+};
+
+ConnectionState::ConnectionState(QTcpSocket* socket, GuardedTcpServer* guard)
+    : QObject(socket)
+    , peer(socket->peerAddress())
+    , peerPort(socket->peerPort())
+    , m_socket(socket)
+    , m_guard(guard)
+{
+    guard->opened(socket, this);
+    arm(guard->limits.head);
+}
+
+ConnectionState::~ConnectionState()
+{
+    disarm();
+    if (m_guard)
+        m_guard->closed(m_socket, peer, peerPort);
+}
+
+void ConnectionState::onReadyRead()
+{
+    if (m_phase == Phase::refused || m_phase == Phase::upgraded || !m_guard) {
+        m_socket->readAll(); // nothing more is kept
+        return;
+    }
+    const qint64 fresh = m_socket->bytesAvailable();
+    m_received += fresh;
+    if (m_received > HttpServer::maxRequestBytes) {
+        m_phase = Phase::refused;
+        disarm();
+        m_socket->readAll();
+        refuse(m_socket, "413 Payload Too Large", "The request is too large");
+        return;
+    }
+    if (m_phase == Phase::idle || m_phase == Phase::answering) {
+        // The first bytes of the next request.
+        m_phase = Phase::head;
+        m_head.reset();
+        arm(m_guard->limits.head);
+    }
+    if (m_phase != Phase::head)
+        return;
+    switch (m_head.feed(m_socket->peek(std::min(fresh, RequestHead::maxBytes + 4)))) {
+    case RequestHead::Scanner::State::complete:
+        m_phase = Phase::body;
+        arm(m_guard->limits.body);
+        break;
+    case RequestHead::Scanner::State::tooLarge:
+        m_phase = Phase::refused;
+        disarm();
+        m_socket->readAll();
+        refuse(m_socket, "431 Request Header Fields Too Large", "The request head is too large");
+        break;
+    case RequestHead::Scanner::State::incomplete:
+        break;
+    }
+}
+
+void ConnectionState::requestTaken()
+{
+    m_received = 0;
+    m_head.reset();
+    if (m_phase != Phase::refused) {
+        m_phase = Phase::answering;
+        disarm();
+    }
+}
+
+void ConnectionState::answered()
+{
+    if (m_phase != Phase::answering || !m_guard)
+        return;
+    m_phase = Phase::idle;
+    arm(m_guard->limits.idle);
+}
+
+void ConnectionState::upgrading()
+{
+    if (!m_guard)
+        return;
+    m_phase = Phase::upgrading;
+    m_guard->expectUpgrade(this);
+    // The handshake follows at once; one that never completes is closed like a slow head.
+    arm(m_guard->limits.head);
+}
+
+void ConnectionState::upgraded()
+{
+    m_phase = Phase::upgraded;
+    disarm();
+}
+
+void ConnectionState::arm(std::chrono::milliseconds delay)
+{
+    disarm();
+    m_timer = m_guard->clock.startTimer(delay.count(), [self = QPointer(this)] {
+        if (self) {
+            self->m_timer = 0;
+            self->expired();
+        }
+    });
+}
+
+void ConnectionState::disarm()
+{
+    if (m_timer && m_guard)
+        m_guard->clock.cancelTimer(m_timer);
+    m_timer = 0;
+}
+
+void ConnectionState::expired()
+{
+    const auto phase = std::exchange(m_phase, Phase::refused);
+    switch (phase) {
+    case Phase::head:
+    case Phase::body:
+        refuse(m_socket, "408 Request Timeout", "The request took too long to arrive");
+        break;
+    case Phase::idle:
+        m_socket->disconnectFromHost();
+        break;
+    case Phase::upgrading:
+        m_socket->abort();
+        break;
+    default:
+        m_phase = phase;
+        break;
+    }
+}
+
+// Sends a file from disk as the socket drains, so that only a piece of it is ever in memory.
+class FilePump final : public QObject {
+public:
+    FilePump(QTcpSocket* socket, ConnectionState* state, std::unique_ptr<QFile> file)
+        : QObject(socket)
+        , m_socket(socket)
+        , m_state(state)
+        , m_file(std::move(file))
+        , m_left(m_file->size())
+    {
+        connect(socket, &QTcpSocket::bytesWritten, this, &FilePump::pump);
+    }
+
+    void pump()
+    {
+        while (m_left > 0 && m_socket->bytesToWrite() < filePieceBytes) {
+            const QByteArray piece = m_file->read(std::min(m_left, filePieceBytes));
+            if (piece.isEmpty()) {
+                // The file shrank under us: the client must not take a short body for whole.
+                m_socket->abort();
+                return;
+            }
+            m_left -= piece.size();
+            m_socket->write(piece);
+        }
+        if (m_left == 0) {
+            if (m_state)
+                m_state->answered();
+            disconnect(m_socket, nullptr, this, nullptr);
+            deleteLater();
+        }
+    }
+
+private:
+    QTcpSocket* m_socket;
+    QPointer<ConnectionState> m_state;
+    std::unique_ptr<QFile> m_file;
+    qint64 m_left;
+};
+
+
 // Qt 6.4's responder writes a status line, headers and raw body bytes; the chunked framing of a
 // stream is ours. The socket may go at any time: every write is
 // guarded by the QPointer.
 class QtResponder final : public HttpResponder {
 public:
-    QtResponder(QHttpServerResponder&& responder, QTcpSocket* socket)
+    QtResponder(QHttpServerResponder&& responder, QTcpSocket* socket, ConnectionState* state)
         : m_responder(std::move(responder))
         , m_socket(socket)
+        , m_connection(state)
     {
         QObject::connect(socket, &QTcpSocket::disconnected, socket, [this] { peerGone(); });
     }
@@ -76,9 +378,14 @@ public:
         m_state = State::done;
         if (!m_socket)
             return;
+        if (!response.bodyFile.isEmpty()) {
+            respondWithFile(response);
+            return;
+        }
         writeHead(response.status, response.contentType, response.headers);
         m_responder.writeHeader("Content-Length", QByteArray::number(response.body.size()));
         m_responder.writeBody(response.body);
+        finished(response.headers);
     }
 
     void beginStream(int status, const QByteArray& contentType) override
@@ -110,8 +417,10 @@ public:
         if (m_state != State::streaming)
             return;
         m_state = State::done;
-        if (m_socket)
-            m_responder.writeBody(QByteArrayLiteral("0\r\n\r\n"));
+        if (!m_socket)
+            return;
+        m_responder.writeBody(QByteArrayLiteral("0\r\n\r\n"));
+        finished({});
     }
 
     bool isConnected() const override
@@ -136,6 +445,33 @@ private:
             m_responder.writeHeader(key, value);
     }
 
+    void respondWithFile(const HttpResponse& response)
+    {
+        auto file = std::make_unique<QFile>(response.bodyFile);
+        if (!file->open(QIODevice::ReadOnly)) {
+            m_state = State::idle;
+            respond(HttpResponse::error(404, QStringLiteral("Not found")));
+            return;
+        }
+        writeHead(response.status, response.contentType, response.headers);
+        m_responder.writeHeader("Content-Length", QByteArray::number(file->size()));
+        m_responder.writeBody(QByteArray());
+        (new FilePump(m_socket, m_connection, std::move(file)))->pump();
+    }
+
+    void finished(const HttpHeaders& headers)
+    {
+        for (const auto& [key, value] : headers) {
+            if (key.compare("Connection", Qt::CaseInsensitive) == 0
+                && value.compare("close", Qt::CaseInsensitive) == 0) {
+                m_socket->disconnectFromHost();
+                return;
+            }
+        }
+        if (m_connection)
+            m_connection->answered();
+    }
+
     void peerGone()
     {
         if (m_state == State::done)
@@ -147,88 +483,25 @@ private:
 
     QHttpServerResponder m_responder;
     QPointer<QTcpSocket> m_socket;
+    QPointer<ConnectionState> m_connection;
     State m_state = State::idle;
     std::function<void()> m_onDisconnected;
 };
 
 } // namespace
 
-// Qt HttpServer 6.4 holds a request's whole body in memory before any handler sees it, and sets
-// no limit: a client announcing gigabytes would have them buffered. This server counts what
-// each connection sends until its request is complete, and past the limit answers 413, closes,
-// and throws away the rest unread. Its readyRead runs before the library's, which connects
-// later, so the excess never reaches the library's buffer.
-class GuardedTcpServer final : public QTcpServer {
-public:
-    explicit GuardedTcpServer(QObject* parent)
-        : QTcpServer(parent)
-    {
-    }
-
-    // The library has a complete request from this socket: the count starts again.
-    void requestTaken(QTcpSocket* socket)
-    {
-        if (const auto it = m_received.find(socket); it != m_received.end())
-            *it = 0;
-    }
-    // The socket is a WebSocket now: its frames are the WebSocket's to limit.
-    void release(QTcpSocket* socket)
-    {
-        m_received.remove(socket);
-        disconnect(socket, &QTcpSocket::readyRead, this, nullptr);
-    }
-
-protected:
-    void incomingConnection(qintptr descriptor) override
-    {
-        auto* socket = new QTcpSocket(this);
-        if (!socket->setSocketDescriptor(descriptor)) {
-            delete socket;
-            return;
-        }
-        m_received.insert(socket, 0);
-        connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
-        connect(socket, &QObject::destroyed, this, [this, socket] { m_received.remove(socket); });
-        addPendingConnection(socket);
-    }
-
-private:
-    void onReadyRead(QTcpSocket* socket)
-    {
-        const auto it = m_received.find(socket);
-        if (it == m_received.end())
-            return;
-        if (*it < 0) {
-            socket->readAll(); // refused already: nothing more is kept
-            return;
-        }
-        *it += socket->bytesAvailable();
-        if (*it <= HttpServer::maxRequestBytes)
-            return;
-        *it = -1;
-        socket->readAll();
-        const QByteArray body = R"({"error":"The request is too large"})";
-        socket->write("HTTP/1.1 413 Payload Too Large\r\nContent-Type: application/json\r\n"
-                      "Connection: close\r\nContent-Length: "
-                      + QByteArray::number(body.size()) + "\r\n\r\n" + body);
-        socket->disconnectFromHost();
-    }
-
-    // Bytes received since the last complete request; -1 once refused.
-    QHash<QTcpSocket*, qint64> m_received;
-};
-
 class HttpServer::Impl final : public QAbstractHttpServer {
 public:
-    explicit Impl(HttpServer* owner)
+    Impl(Clock& clock, HttpServer* owner)
         : QAbstractHttpServer(owner)
+        , guard(new GuardedTcpServer(clock, this))
     {
         connect(this, &QAbstractHttpServer::newWebSocketConnection, this,
                 [this] { takeWebSockets(); });
     }
 
     RequestHandler handler;
-    GuardedTcpServer* guard = new GuardedTcpServer(this);
+    GuardedTcpServer* guard;
     struct WebSocketRoute {
         UpgradeGate gate;
         WebSocketHandler handler;
@@ -241,26 +514,47 @@ public:
 protected:
     bool handleRequest(const QHttpServerRequest& request, QTcpSocket* socket) override
     {
-        guard->requestTaken(socket);
+        auto* state = guard->stateOf(socket);
+        if (state)
+            state->requestTaken();
         auto converted = toRequest(request);
         converted.peerPort = socket->peerPort();
         converted.localPort = socket->localPort();
-        if (request.value("upgrade").compare("websocket", Qt::CaseInsensitive) == 0) {
-            const auto route = webSocketRoutes.constFind(converted.path);
-            if (route == webSocketRoutes.cend()) {
-                refusedUpgrades.insert(socket,
-                                       HttpResponse::error(404, QStringLiteral("Not found")));
+        const bool upgrade =
+            RequestHead::asksForUpgrade(request.value("upgrade"), request.value("connection"));
+        const auto answer = [&](const HttpResponse& response) {
+            if (upgrade) { // returning true would hand the socket to the WebSocket server
+                refusedUpgrades.insert(socket, response);
                 return false;
             }
-            if (auto refusal = route->gate(converted)) {
-                refusedUpgrades.insert(socket, *refusal);
-                return false;
-            }
-            guard->release(socket);
-            return true; // the library now performs the handshake
+            QtResponder(makeResponder(request, socket), socket, state).respond(response);
+            return true;
+        };
+        if (!RequestHead::hostAllowed(request.value("host"), guard->limits.allowedHosts))
+            return answer(closing(
+                HttpResponse::error(421, QStringLiteral("This server does not answer to that host name"))));
+        // Sandboxed frames, data: and file: pages post with an opaque origin; our own pages and
+        // the program never do.
+        if (converted.method != "GET" && converted.method != "HEAD"
+            && request.value("origin").trimmed() == "null")
+            return answer(HttpResponse::error(403, QStringLiteral("Requests from an opaque origin are refused")));
+        if (request.value("upgrade").compare("websocket", Qt::CaseInsensitive) != 0) {
+            handler(converted, std::make_shared<QtResponder>(makeResponder(request, socket), socket, state));
+            return true;
         }
-        handler(converted, std::make_shared<QtResponder>(makeResponder(request, socket), socket));
-        return true;
+        // Claimed but not an upgrade to the parser: the library would treat it as an ordinary
+        // request that nobody answers.
+        if (!upgrade)
+            return answer(closing(HttpResponse::error(
+                400, QStringLiteral("A WebSocket request needs \"Connection: upgrade\""))));
+        const auto route = webSocketRoutes.constFind(converted.path);
+        if (route == webSocketRoutes.cend())
+            return answer(HttpResponse::error(404, QStringLiteral("Not found")));
+        if (auto refusal = route->gate(converted))
+            return answer(*refusal);
+        if (state)
+            state->upgrading();
+        return true; // the library now performs the handshake
     }
 
     void missingHandler(const QHttpServerRequest& request, QTcpSocket* socket) override
@@ -268,14 +562,22 @@ protected:
         auto response = refusedUpgrades.take(socket);
         if (response.status == 200)
             response = HttpResponse::error(404, QStringLiteral("Not found"));
-        QtResponder(makeResponder(request, socket), socket).respond(response);
+        QtResponder(makeResponder(request, socket), socket, guard->stateOf(socket))
+            .respond(response);
     }
 
 private:
+    static HttpResponse closing(HttpResponse response)
+    {
+        response.headers.emplaceBack("Connection", "close");
+        return response;
+    }
+
     void takeWebSockets()
     {
         while (hasPendingWebSocketConnections()) {
             auto socket = nextPendingWebSocketConnection();
+            guard->upgradeDone(socket->peerAddress(), socket->peerPort());
             const auto route = webSocketRoutes.constFind(socket->requestUrl().path());
             if (route == webSocketRoutes.cend()) {
                 socket->close(QWebSocketProtocol::CloseCodePolicyViolated);
@@ -286,9 +588,9 @@ private:
     }
 };
 
-HttpServer::HttpServer(QObject* parent)
+HttpServer::HttpServer(Clock& clock, QObject* parent)
     : QObject(parent)
-    , m_impl(std::make_unique<Impl>(this))
+    , m_impl(std::make_unique<Impl>(clock, this))
 {
     m_impl->handler = [](const HttpRequest&, std::shared_ptr<HttpResponder> responder) {
         responder->respond(HttpResponse::error(404, QStringLiteral("Not found")));
@@ -307,8 +609,43 @@ void HttpServer::addWebSocketRoute(const QString& path, UpgradeGate gate, WebSoc
     m_impl->webSocketRoutes.insert(path, {std::move(gate), std::move(handler)});
 }
 
+void HttpServer::setLimits(HttpLimits limits)
+{
+    if (limits.maxConnections > 0)
+        m_impl->guard->maxConnections = limits.maxConnections;
+    m_impl->guard->limits = std::move(limits);
+}
+
+const HttpLimits& HttpServer::limits() const
+{
+    return m_impl->guard->limits;
+}
+
+qint64 HttpServer::raiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return 1024;
+    if (limit.rlim_cur < limit.rlim_max) {
+        auto raised = limit;
+        raised.rlim_cur = limit.rlim_max;
+        if (setrlimit(RLIMIT_NOFILE, &raised) == 0)
+            limit = raised;
+    }
+    return limit.rlim_cur == RLIM_INFINITY ? std::numeric_limits<int>::max()
+                                           : qint64(limit.rlim_cur);
+}
+
 std::optional<quint16> HttpServer::listen(const QHostAddress& address, quint16 port)
 {
+    // Descriptors the server keeps for itself: the database, files being sent, model servers.
+    constexpr qint64 reserved = 64;
+    constexpr qint64 largestDefault = 16'384;
+    auto& guard = *m_impl->guard;
+    guard.maxConnections = guard.limits.maxConnections > 0
+                               ? guard.limits.maxConnections
+                               : int(std::clamp(raiseDescriptorLimit() - reserved, qint64(16),
+                                                largestDefault));
     if (!m_impl->guard->listen(address, port))
         return std::nullopt;
     m_impl->bind(m_impl->guard);

@@ -4,12 +4,34 @@
 
 #include <QHostAddress>
 #include <QObject>
+#include <QStringList>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
 
+class Clock;
 class QWebSocket;
+
+// What one server lets its clients hold. Time-outs run on the server's Clock.
+struct HttpLimits {
+    // A connection must bring a complete request head this soon after it opens or after its
+    // previous answer started waiting, then the body within `body` of the head.
+    std::chrono::milliseconds head{10'000};
+    std::chrono::milliseconds body{60'000};
+    // A keep-alive connection with nothing asked of it is closed after this.
+    std::chrono::milliseconds idle{60'000};
+    // Open connections (WebSockets included); past either cap a new one gets 503. Zero for
+    // the total: derived from the descriptor limit, so the cap answers before `accept` fails.
+    int maxConnections = 0;
+    // High enough for an office behind one NAT address or a proxy on this machine.
+    int maxConnectionsPerAddress = 1024;
+    // Host names (without port) answered; any other name is refused, so a page whose DNS name
+    // was rebound to this server cannot read it. Address literals are always answered: a
+    // rebound page only ever sends its own name.
+    QStringList allowedHosts{QStringLiteral("localhost")};
+};
 
 // HTTP/1.1 and WebSocket on one port, on the main thread's event loop.
 class HttpServer : public QObject {
@@ -27,8 +49,14 @@ public:
     // they answer first, and far below what would hurt the machine.
     static constexpr qint64 maxRequestBytes = 16 * 1024 * 1024;
 
-    explicit HttpServer(QObject* parent = nullptr);
+    explicit HttpServer(Clock& clock, QObject* parent = nullptr);
     ~HttpServer() override;
+
+    // Takes effect for connections accepted afterwards.
+    void setLimits(HttpLimits limits);
+    const HttpLimits& limits() const;
+    // Raises this process's open-file limit to its hard limit; returns the limit now in force.
+    static qint64 raiseDescriptorLimit();
 
     void setRequestHandler(RequestHandler handler);
     void addWebSocketRoute(const QString& path, UpgradeGate gate, WebSocketHandler handler);

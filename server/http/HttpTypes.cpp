@@ -27,3 +27,8 @@ HttpResponse HttpResponse::noContent()
 {
     return {204, {}, {}, {}};
 }
+
+HttpResponse HttpResponse::file(const QString& path, const QByteArray& contentType)
+{
+    return {200, contentType, {}, {}, path};
+}

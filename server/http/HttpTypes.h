@@ -32,11 +32,15 @@ struct HttpResponse {
     QByteArray contentType;
     QByteArray body;
     HttpHeaders headers;
+    // When set, the body is this file, read from disk as the client takes it (with
+    // Content-Length): a package of hundreds of megabytes never sits in memory.
+    QString bodyFile = {};
 
     static HttpResponse json(int status, const QByteArray& body);
     // {"error": message}: the form every refusal of this server takes.
     static HttpResponse error(int status, const QString& message);
     static HttpResponse noContent();
+    static HttpResponse file(const QString& path, const QByteArray& contentType);
 };
 
 // The far end of one request. Most routes answer at once with `respond`; a streamed answer

@@ -111,9 +111,11 @@ void Api::registerTelemetryRoutes()
         // Only the package the check offers is served, so no name can reach another file.
         if (!package || package->file.fileName() != params[0])
             return HttpResponse::error(404, u"Not found"_s);
-        QFile file(package->file.absoluteFilePath());
-        if (!file.open(QIODevice::ReadOnly))
+        // A link may point anywhere: only what really lies inside the folder is served.
+        const auto root = QDir(*m_config.updatesDir).canonicalPath();
+        const auto target = package->file.canonicalFilePath();
+        if (root.isEmpty() || !target.startsWith(root + u'/'))
             return HttpResponse::error(404, u"Not found"_s);
-        return HttpResponse{200, QByteArrayLiteral("application/gzip"), file.readAll(), {}};
+        return HttpResponse::file(target, QByteArrayLiteral("application/gzip"));
     });
 }

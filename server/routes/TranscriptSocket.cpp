@@ -93,10 +93,9 @@ TranscriptSocket::TranscriptSocket(std::unique_ptr<QWebSocket> socket, QString u
             [this](const QString& text) { onFrame(text.toUtf8()); });
     connect(m_socket.get(), &QWebSocket::binaryMessageReceived, this,
             [this](const QByteArray& data) {
-                if (const auto text = binaryFrameText(data))
-                    onFrame(text->toUtf8());
-                else
-                    ++m_badFrames;
+                // Not UTF-8: no line either, counted toward the close like any other.
+                const auto text = binaryFrameText(data);
+                onFrame(text ? text->toUtf8() : QByteArray());
             });
     connect(m_socket.get(), &QWebSocket::disconnected, this, &QObject::deleteLater);
     m_socket->sendTextMessage(u"{\"type\":\"connected\"}"_s);

@@ -75,7 +75,7 @@ ServerHarness::ServerHarness(ServerConfig config)
     db = reopen();
     accounts = std::make_unique<AccountService>(*db, clock, signingKey);
     api = std::make_unique<Api>(*db, *accounts, clock, std::move(config), &engine);
-    http = std::make_unique<HttpServer>();
+    http = std::make_unique<HttpServer>(clock);
     api->attach(*http);
     port = http->listen(QHostAddress::LocalHost, 0).value_or(0);
 }

@@ -89,6 +89,14 @@ TEST(ServerOptionsTest, CommandLineOverEnvironmentOverDefaultsAndSecretsFromFile
                                     && actual.contains(row.expected.mid(tilde + 1)))
             << actual.toStdString() << " for " << row.arguments.join(u' ').toStdString();
     }
+    // Host names answered: loopback, the public one, and those given.
+    const auto hosts = parse({u"--public-url=https://Team.example.org:8443/"_s, u"--allowed-host"_s,
+                              u"a.example, B.example"_s, u"--max-connections-per-address=8"_s});
+    ASSERT_TRUE(std::get_if<ServerOptions>(&hosts));
+    const auto& limits = std::get<ServerOptions>(hosts).httpLimits;
+    EXPECT_EQ(limits.allowedHosts,
+              QStringList({u"localhost"_s, u"team.example.org"_s, u"a.example"_s, u"b.example"_s}));
+    EXPECT_EQ(std::pair(limits.maxConnections, limits.maxConnectionsPerAddress), std::pair(0, 8));
 }
 
 TEST(ServerOptionsTest, RefusesSecretsOnTheCommandLineAndBadValues)
@@ -109,6 +117,8 @@ TEST(ServerOptionsTest, RefusesSecretsOnTheCommandLineAndBadValues)
         {{u"--speech-vendor"_s, u"acme"_s}, {}},
         {{u"--deepgram-url"_s, u"wss://api.deepgram.com"_s}, {}},
         {{u"--elevenlabs-key-file"_s, u"/nonexistent/key"_s}, {}},
+        {{u"--max-connections"_s, u"0"_s}, u"positive"_s},
+        {{u"--max-connections-per-address=many"_s}, u"positive"_s},
     };
     for (const auto& [arguments, reason] : refusals)
         EXPECT_TRUE(chosen(arguments, {}).startsWith(u"error: "_s)

@@ -335,6 +335,105 @@ TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
         {{"POST", jobs, R"({"title":"Engineer","content":"Build"})", 200, R"({"company":""})"}});
 }
 
+// A connection that sends half a request, claims an upgrade it does not make, or idles, is
+// closed on the server's clock; past the connection caps newcomers get 503.
+TEST_F(ServerTest, ConnectionsThatHoldTheServerAreClosedOnTimeAndCapped)
+{
+    struct Raw {
+        std::unique_ptr<QTcpSocket> socket = std::make_unique<QTcpSocket>();
+        QByteArray received;
+        bool closed()
+        {
+            received += socket->readAll();
+            return socket->state() == QAbstractSocket::UnconnectedState;
+        }
+    };
+    const auto open = [&](const QByteArray& bytes) {
+        Raw raw;
+        raw.socket->connectToHost(QHostAddress::LocalHost, server.port);
+        // A refused connection may be closed again before this sees it connected.
+        EXPECT_TRUE(waitUntil([&] {
+            return raw.socket->state() == QAbstractSocket::ConnectedState
+                   || raw.socket->bytesAvailable() > 0;
+        }));
+        raw.socket->write(bytes);
+        raw.socket->flush();
+        // Long enough for the server to read what was sent.
+        waitUntil([&] { return raw.closed(); }, 200);
+        return raw;
+    };
+    using namespace std::chrono_literals;
+    const QByteArray health = "GET /health HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+
+    // An upgrade the parser does not see gets an answer and loses its connection, so that its
+    // next request cannot run without the size limit.
+    auto fake = open("GET /api/v1/interview/ws HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+                     "Upgrade: websocket\r\n\r\n");
+    EXPECT_TRUE(waitUntil([&] { return fake.closed(); }, 3'000));
+    EXPECT_TRUE(fake.received.startsWith("HTTP/1.1 400 ")) << fake.received.constData();
+
+    // A head must be complete within 10 s, its body within 60 s of the head; an idle
+    // connection goes after 60 s.
+    const struct {
+        const char* what;
+        QByteArray sent;
+        std::chrono::milliseconds allowed;
+        QByteArray answer;
+    } slow[] = {
+        {"half a head", "GET /health HTTP/1.1\r\nHost: 127.", 10s, "HTTP/1.1 408 "},
+        {"half a body",
+         "POST /api/v1/telemetry/events HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+         "Content-Length: 100\r\n\r\n{\"deviceId\"",
+         60s, "HTTP/1.1 408 "},
+        {"idle after an answer", health, 60s, "HTTP/1.1 200 "},
+    };
+    for (const auto& c : slow) {
+        auto raw = open(c.sent);
+        server.clock.advance(c.allowed - 1ms);
+        EXPECT_FALSE(waitUntil([&] { return raw.closed(); }, 200)) << c.what;
+        server.clock.advance(1ms);
+        EXPECT_TRUE(waitUntil([&] { return raw.closed(); }, 3'000)) << c.what;
+        EXPECT_TRUE(raw.received.startsWith(c.answer)) << c.what << ": " << raw.received.constData();
+    }
+
+    // Caps: the fourth connection of one address is refused, and a closed one frees its place.
+    auto limits = server.http->limits();
+    limits.maxConnectionsPerAddress = 3;
+    server.http->setLimits(limits);
+    std::vector<Raw> held;
+    for (int i = 0; i < 3; ++i)
+        held.push_back(open({}));
+    auto refused = open(health);
+    EXPECT_TRUE(waitUntil([&] { return refused.closed(); }, 3'000));
+    EXPECT_TRUE(refused.received.startsWith("HTTP/1.1 503 ")) << refused.received.constData();
+    held.front().socket->abort();
+    held.erase(held.begin());
+    waitUntil([] { return false; }, 200); // the server notices the close
+    auto admitted = open(health);
+    EXPECT_TRUE(waitUntil([&] { return admitted.received.contains("\"ok\""); }, 3'000));
+    limits.maxConnectionsPerAddress = 1024;
+    limits.maxConnections = 3;
+    server.http->setLimits(limits);
+    auto overTotal = open(health);
+    EXPECT_TRUE(waitUntil([&] { return overTotal.closed(); }, 3'000));
+    EXPECT_TRUE(overTotal.received.startsWith("HTTP/1.1 503 ")) << overTotal.received.constData();
+}
+
+// A page whose DNS name was rebound to this server may not read it; addresses always work.
+TEST_F(ServerTest, OnlyAllowedHostNamesAreAnswered)
+{
+    const auto port = QString::number(server.port);
+    const std::pair<QString, int> hosts[] = {
+        {u"localhost:"_s + port, 200},  {u"LOCALHOST."_s, 200},
+        {u"127.0.0.1:"_s + port, 200},  {u"[::1]:"_s + port, 200},
+        {u"rebound.example:"_s + port, 421}, {u"localhost.rebound.example"_s, 421},
+        {u"[::1"_s, 421},
+    };
+    for (const auto& [host, status] : hosts)
+        EXPECT_EQ(curl({u"-H"_s, u"Host: "_s + host, server.base() + u"/health"_s}).status, status)
+            << host.toStdString();
+}
+
 TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEngine)
 {
     const auto job = server
@@ -420,6 +519,7 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
         {{form + csrf}, 403},
         {cookie + QStringList{form + u"guess"_s}, 403},
         {cookie + QStringList{u"-H"_s, u"Origin: https://evil.example"_s, form + csrf}, 403},
+        {cookie + QStringList{u"-H"_s, u"Origin: null"_s, form + csrf}, 403}, // a sandboxed frame
         {cookie + QStringList{form + csrf}, 303},
         {cookie + QStringList{form + csrf}, 400}, // the same address again
         {cookie + QStringList{signIn + u"&password=pa55word!"_s}, 303},
@@ -630,4 +730,20 @@ TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfTheFolder)
     EXPECT_EQ(QByteArray::number(download.status) + ' ' + download.body, "200 newest package");
     writeFile(updates.filePath(u"minimum-version"_s), "0.9.9\n");
     expectRoutes(server, {}, {{"GET", check("0.9.5"), {}, 200, R"({"forceUpdate":true})"}});
+
+    // A package of many pieces arrives whole, with its length announced.
+    QByteArray large;
+    for (int i = 0; large.size() < 1024 * 1024 + 7; ++i)
+        large += QByteArray::number(i * 7919) + ' ';
+    writeFile(updates.filePath(u"RavletAI-0.11.0-linux-x86_64.tar.gz"_s), large);
+    const auto whole = curl({server.base() + u"/download/files/RavletAI-0.11.0-linux-x86_64.tar.gz"_s});
+    EXPECT_EQ(whole.status, 200);
+    EXPECT_TRUE(whole.headers.contains("Content-Length: " + QByteArray::number(large.size())));
+    EXPECT_TRUE(whole.body == large) << whole.body.size() << " of " << large.size();
+    // A package that is a link out of the folder is not served.
+    QTemporaryDir elsewhere;
+    const auto secret = writeFile(elsewhere.filePath(u"secret"_s), "not for download");
+    ASSERT_TRUE(QFile::link(secret, updates.filePath(u"RavletAI-0.12.0-linux-x86_64.tar.gz"_s)));
+    expectRoutes(server, {},
+                 {{"GET", u"/download/files/RavletAI-0.12.0-linux-x86_64.tar.gz"_s, {}, 404}});
 }

@@ -125,15 +125,21 @@ async def socket_behaviour(server, token, other_token):
     acked = await send_and_collect(url, [entry(f"f{i}", "flood", 10000 + i) for i in range(10000)], 10000)
     print(f"flood: {len(acked)} of 10000 frames acknowledged", flush=True)
     check(api(server.base, token, "GET", "/health")["status"] == "ok", "alive after the flood")
-    async with websockets.connect(url) as ws:
-        await ws.recv()
-        for _ in range(100):
-            await ws.send("garbage")
-        try:
-            while True:
-                await asyncio.wait_for(ws.recv(), 10)
-        except websockets.exceptions.ConnectionClosed as closed:
-            check(closed.code == 1008, f"closed with {closed.code} after 100 bad frames")
+    # Bad frames, text or binary that is not UTF-8, close the socket alike.
+    for bad in ["garbage", b"\xff\xfe not UTF-8"]:
+        async with websockets.connect(url) as ws:
+            await ws.recv()
+            for _ in range(100):
+                await ws.send(bad)
+            code = None
+            try:
+                while True:
+                    await asyncio.wait_for(ws.recv(), 10)
+            except websockets.exceptions.ConnectionClosed as closed:
+                code = closed.code
+            except asyncio.TimeoutError:
+                pass
+            check(code == 1008, f"closed with {code} after 100 bad frames like {bad!r}")
     # A loaded machine may stop the client waiting before every acknowledgement came; lines
     # stored but not yet acknowledged are fine, acknowledged but not stored are not.
     lost = acked - {line["id"] for line in stored_lines(server, token, session)}

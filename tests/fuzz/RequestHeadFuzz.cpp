@@ -1,0 +1,44 @@
+// The connection guard's reading of a request head: any bytes, cut into pieces of the sizes
+// the first byte gives, as a connection might deliver them.
+#include "FuzzSupport.h"
+#include "RequestHead.h"
+
+#include <cstddef>
+#include <cstdint>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size == 0)
+        return 0;
+    const int piece = 1 + data[0] % 16;
+    const QByteArray input(reinterpret_cast<const char*>(data + 1), static_cast<qsizetype>(size - 1));
+
+    RequestHead::Scanner scanner;
+    auto state = RequestHead::Scanner::State::incomplete;
+    qsizetype fed = 0;
+    while (fed < input.size() && state == RequestHead::Scanner::State::incomplete) {
+        state = scanner.feed(QByteArrayView(input).sliced(fed, std::min<qsizetype>(piece, input.size() - fed)));
+        fed += piece;
+        const auto seen = input.left(fed);
+        // Complete exactly when what was delivered holds the end of a head, however it was cut;
+        // too large only past the limit with no end inside it.
+        using State = RequestHead::Scanner::State;
+        if (state == State::tooLarge)
+            Fuzz::check(seen.size() > RequestHead::maxBytes
+                            && !seen.left(RequestHead::maxBytes).contains("\r\n\r\n"),
+                        "a head refused before the limit");
+        else
+            Fuzz::check((state == State::complete) == seen.contains("\r\n\r\n"),
+                        "the end of a head missed or invented");
+    }
+
+    // Each line also as a Host and as an upgrade request: never a crash, and a name accepted
+    // only when it is allowed.
+    for (const auto& line : input.split('\n')) {
+        const bool allowed = RequestHead::hostAllowed(line, {QStringLiteral("localhost")});
+        const bool literal = RequestHead::hostAllowed(line, {});
+        Fuzz::check(!literal || allowed, "an address refused only when a name is allowed");
+        RequestHead::asksForUpgrade(line, line);
+    }
+    return 0;
+}
