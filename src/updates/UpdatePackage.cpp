@@ -25,7 +25,8 @@ Installation Installation::of(const QString& programFile, qint64 pid)
     const QFileInfo folder(installation.folder);
     // The .deb puts the program under /usr, which the user cannot write: only the system's
     // installer may replace it.
-    const bool underUsr = installation.folder == u"/usr"_s || installation.folder.startsWith(u"/usr/"_s);
+    const bool underUsr =
+        installation.folder == u"/usr"_s || installation.folder.startsWith(u"/usr/"_s);
     const bool replaceable = folder.isWritable() && QFileInfo(folder.absolutePath()).isWritable();
     installation.kind = (underUsr || !replaceable) ? Kind::system : Kind::perUser;
     return installation;
@@ -136,7 +137,8 @@ QCoro::Task<Outcome> runTar(QStringList arguments)
     const auto output = tar.readAllStandardOutput();
     if (tar.exitStatus() != QProcess::NormalExit || tar.exitCode() != 0)
         co_return Outcome{false, output,
-                          u"tar failed: "_s + QString::fromLocal8Bit(tar.readAllStandardError()).trimmed()};
+                          u"tar failed: "_s
+                              + QString::fromLocal8Bit(tar.readAllStandardError()).trimmed()};
     co_return Outcome{true, output, {}};
 }
 
@@ -146,8 +148,12 @@ QCoro::Task<std::optional<QString>> extract(QString archive, QString target)
 {
     // --absolute-names: list names as stored, not with the leading "/" that tar would strip.
     // (Lists built before the co_await: GCC 12 miscompiles braced lists inside one.)
-    const QStringList list{u"-tvzf"_s, archive, u"--full-time"_s, u"--numeric-owner"_s,
-                           u"--quoting-style=escape"_s, u"--absolute-names"_s};
+    const QStringList list{u"-tvzf"_s,
+                           archive,
+                           u"--full-time"_s,
+                           u"--numeric-owner"_s,
+                           u"--quoting-style=escape"_s,
+                           u"--absolute-names"_s};
     const auto listing = co_await runTar(list);
     if (!listing.ok)
         co_return listing.error;
@@ -169,7 +175,8 @@ std::optional<QString> findInstallFolder(const QString& unpacked)
     };
     if (holdsProgram(unpacked))
         return unpacked;
-    const auto entries = QDir(unpacked).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    const auto entries =
+        QDir(unpacked).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
     if (entries.size() == 1 && entries.first().isDir() && !entries.first().isSymLink()
         && holdsProgram(entries.first().absoluteFilePath()))
         return entries.first().absoluteFilePath();
@@ -185,14 +192,16 @@ QByteArray shellQuoted(const QString& path)
 
 std::optional<QByteArray> replacementScript(const ScriptPaths& paths)
 {
-    for (const auto* path : {&paths.oldFolder, &paths.newFolder, &paths.unpacked, &paths.package,
-                             &paths.workFolder})
-        if (path->isEmpty() || path->contains(u'\n') || path->contains(u'\r') || path->contains(QChar(0)))
+    for (const auto* path :
+         {&paths.oldFolder, &paths.newFolder, &paths.unpacked, &paths.package, &paths.workFolder})
+        if (path->isEmpty() || path->contains(u'\n') || path->contains(u'\r')
+            || path->contains(QChar(0)))
             return std::nullopt;
     if (paths.pid <= 0) // "kill -0 0" asks about the whole process group: it would never end
         return std::nullopt;
     const auto old = shellQuoted(paths.oldFolder);
-    const auto program = shellQuoted(paths.oldFolder + u'/' + QString::fromUtf16(Installation::programPath));
+    const auto program =
+        shellQuoted(paths.oldFolder + u'/' + QString::fromUtf16(Installation::programPath));
     // The new version starts last, once the old process is gone and its folder replaced. If
     // the copy fails nothing stays installed; the script goes on all the same.
     const QList<QByteArray> lines{

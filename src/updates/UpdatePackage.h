@@ -10,8 +10,8 @@
 // Where the running program is installed, and so how it can be updated.
 struct Installation {
     enum class Kind {
-        perUser, // an unpacked per-user folder the user owns: replaced in place
-        system,  // installed from the .deb under /usr: the system's installer takes the package
+        perUser,   // an unpacked per-user folder the user owns: replaced in place
+        system,    // installed from the .deb under /usr: the system's installer takes the package
         unmanaged, // any other place (a build folder): never replaced, only offered by hand
     };
 
@@ -51,11 +51,11 @@ QByteArray shellQuoted(const QString& path);
 
 struct ScriptPaths {
     qint64 pid = 0;
-    QString oldFolder;   // the install folder to replace
-    QString newFolder;   // the unpacked replacement
-    QString unpacked;    // the whole extraction folder, removed once copied
-    QString package;     // the downloaded package, removed
-    QString workFolder;  // the private folder that held all of it, removed last if empty
+    QString oldFolder;  // the install folder to replace
+    QString newFolder;  // the unpacked replacement
+    QString unpacked;   // the whole extraction folder, removed once copied
+    QString package;    // the downloaded package, removed
+    QString workFolder; // the private folder that held all of it, removed last if empty
 };
 
 // The replacement script, or nothing when a path holds a line break or a NUL (no quoting

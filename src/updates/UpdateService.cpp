@@ -44,7 +44,8 @@ std::optional<std::optional<AppUpdate>> decodeAnswer(const QByteArray& body)
     if (latest.isObject()) {
         const auto info = latest.toObject();
         QStringList texts;
-        for (const auto& key : {u"version"_s, u"changelog"_s, u"downloadURL"_s, u"size"_s, u"date"_s}) {
+        for (const auto& key :
+             {u"version"_s, u"changelog"_s, u"downloadURL"_s, u"size"_s, u"date"_s}) {
             if (!info.value(key).isString())
                 return std::nullopt;
             texts.append(info.value(key).toString());
@@ -52,8 +53,9 @@ std::optional<std::optional<AppUpdate>> decodeAnswer(const QByteArray& body)
         const auto sha256 = info.value(u"sha256"_s);
         if (!(sha256.isUndefined() || sha256.isNull() || sha256.isString()))
             return std::nullopt;
-        update = AppUpdate{texts[0], texts[1], texts[2], texts[3], texts[4], force.toBool(false),
-                           sha256.toString()};
+        update =
+            AppUpdate{texts[0],         texts[1], texts[2], texts[3], texts[4], force.toBool(false),
+                      sha256.toString()};
     }
     return hasUpdate.toBool() ? update : std::nullopt;
 }
@@ -81,9 +83,9 @@ UpdateService::Paths UpdateService::Paths::standard()
     return {QDir::tempPath(), QStandardPaths::writableLocation(QStandardPaths::DownloadLocation)};
 }
 
-UpdateService::UpdateService(QString origin, QString version, Clock& clock, Installation installation,
-                             PackageOpener* opener, Paths paths, QNetworkAccessManager* network,
-                             QObject* parent)
+UpdateService::UpdateService(QString origin, QString version, Clock& clock,
+                             Installation installation, PackageOpener* opener, Paths paths,
+                             QNetworkAccessManager* network, QObject* parent)
     : QObject(parent)
     , m_origin(std::move(origin))
     , m_version(version.isEmpty() ? u"0.0.0"_s : std::move(version))
@@ -104,7 +106,8 @@ UpdateService::~UpdateService()
 void UpdateService::startPeriodicCheck()
 {
     m_periodic.cancel();
-    m_periodic = TaskHandle::run([this](CancellationToken token) { return periodicChecks(std::move(token)); });
+    m_periodic = TaskHandle::run(
+        [this](CancellationToken token) { return periodicChecks(std::move(token)); });
 }
 
 QCoro::Task<> UpdateService::periodicChecks(CancellationToken token)
@@ -146,7 +149,8 @@ QUrl UpdateService::checkAddress() const
 
 QUrl UpdateService::downloadAddress(const AppUpdate& update) const
 {
-    auto address = update.downloadURL + (update.downloadURL.contains(u'?') ? u"&source=app"_s : u"?source=app"_s);
+    auto address = update.downloadURL
+                   + (update.downloadURL.contains(u'?') ? u"&source=app"_s : u"?source=app"_s);
     if (m_userId)
         address += u"&uid="_s + *m_userId;
     const QUrl url(address, QUrl::StrictMode);
@@ -257,13 +261,14 @@ QCoro::Task<> UpdateService::install()
         co_return;
     }
 
-    const auto script = UpdatePackage::replacementScript({m_installation.pid, m_installation.folder,
-                                                          *replacement, unpacked, package, *work});
+    const auto script = UpdatePackage::replacementScript(
+        {m_installation.pid, m_installation.folder, *replacement, unpacked, package, *work});
     const auto scriptPath = *work + u"/ravlet-update.sh"_s;
     QSaveFile file(scriptPath);
     if (!script || !file.open(QIODevice::WriteOnly) || file.write(*script) != script->size()
         || !file.commit()
-        || !QFile::setPermissions(scriptPath, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)) {
+        || !QFile::setPermissions(scriptPath,
+                                  QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)) {
         co_await failInstall(*work, script ? u"cannot write the script"_s
                                            : u"a path holds a line break"_s);
         co_return;
@@ -305,7 +310,8 @@ QCoro::Task<> UpdateService::fallback()
     QPointer self(this);
     if (!QDir().mkpath(m_paths.downloads))
         co_return;
-    const auto target = m_paths.downloads + u"/RavletAI-"_s + update->version + m_installation.packageSuffix();
+    const auto target =
+        m_paths.downloads + u"/RavletAI-"_s + update->version + m_installation.packageSuffix();
     const auto partial = target + u".part"_s;
     const auto fetched = co_await fetchPackage(*update, partial);
     if (!self || fetched != Download::done)
@@ -317,7 +323,8 @@ QCoro::Task<> UpdateService::fallback()
     }
     // A .deb goes to the system's installer; the per-user package is shown in its folder.
     if (m_opener)
-        m_opener->open(m_installation.kind == Installation::Kind::system ? target : m_paths.downloads);
+        m_opener->open(m_installation.kind == Installation::Kind::system ? target
+                                                                         : m_paths.downloads);
 }
 
 void UpdateService::report(const QString& phase, bool success)
@@ -331,9 +338,10 @@ void UpdateService::setAvailableUpdate(std::optional<AppUpdate> update)
     const auto same = [](const std::optional<AppUpdate>& a, const std::optional<AppUpdate>& b) {
         if (a.has_value() != b.has_value())
             return false;
-        return !a || (a->version == b->version && a->changelog == b->changelog
-                      && a->downloadURL == b->downloadURL && a->size == b->size && a->date == b->date
-                      && a->forceUpdate == b->forceUpdate && a->sha256 == b->sha256);
+        return !a
+               || (a->version == b->version && a->changelog == b->changelog
+                   && a->downloadURL == b->downloadURL && a->size == b->size && a->date == b->date
+                   && a->forceUpdate == b->forceUpdate && a->sha256 == b->sha256);
     };
     if (same(m_availableUpdate, update))
         return;

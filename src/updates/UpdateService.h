@@ -80,10 +80,22 @@ public:
 
     std::optional<AppUpdate> availableUpdate() const { return m_availableUpdate; }
     bool hasAvailableUpdate() const { return m_availableUpdate.has_value(); }
-    QString availableVersion() const { return m_availableUpdate ? m_availableUpdate->version : QString(); }
-    QString availableChangelog() const { return m_availableUpdate ? m_availableUpdate->changelog : QString(); }
-    QString availableSize() const { return m_availableUpdate ? m_availableUpdate->size : QString(); }
-    QString availableDate() const { return m_availableUpdate ? m_availableUpdate->date : QString(); }
+    QString availableVersion() const
+    {
+        return m_availableUpdate ? m_availableUpdate->version : QString();
+    }
+    QString availableChangelog() const
+    {
+        return m_availableUpdate ? m_availableUpdate->changelog : QString();
+    }
+    QString availableSize() const
+    {
+        return m_availableUpdate ? m_availableUpdate->size : QString();
+    }
+    QString availableDate() const
+    {
+        return m_availableUpdate ? m_availableUpdate->date : QString();
+    }
     bool isForceUpdate() const { return m_availableUpdate && m_availableUpdate->forceUpdate; }
     bool isChecking() const { return m_isChecking; }
     bool isDownloading() const { return m_isDownloading; }

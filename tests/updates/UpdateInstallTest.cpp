@@ -1,106 +1,50 @@
-#include "UpdateService.h"
-#include "AwaitTask.h"
-#include "Clock.h"
-#include "FakeBackend.h"
-#include "PackageFixtures.h"
-#include "PackageOpener.h"
-#include "QtPrinters.h"
+#include "UpdateHarness.h"
 
 #include <QDirIterator>
 #include <QSignalSpy>
-#include <QTemporaryDir>
 #include <QTest>
-
-#include <gtest/gtest.h>
 
 #include <unistd.h>
 
-using namespace Qt::StringLiterals;
-using namespace PackageFixtures;
-
-namespace {
-struct NoOpener final : PackageOpener {
-    bool open(const QString&) override { return false; }
-};
-
-// Every character of a path that a shell could read as code.
-const auto hostile = u"a b \"q\" $(touch pwned) `touch pwned` 'x' ;touch pwned"_s;
-} // namespace
-
-// The whole path with the real script: paths full of shell syntax, an old process that ends
-// after the program asked to quit, the folder replaced, the new version started last, and
-// nothing of the paths run as a command.
+// The whole path with the real script, in folders named with shell syntax: the old process
+// ends after the program asked to quit, the folder is replaced, the new version starts last,
+// and nothing of the paths ran as a command.
 TEST(UpdateInstallTest, ReplacesAHostilePathAndRunsNothingOfIt)
 {
-    QTemporaryDir root;
-    const auto installFolder = root.filePath(u"opt "_s + hostile + u"/RavletAI"_s);
-    const auto workRoot = root.filePath(u"tmp "_s + hostile);
-    writeProgram(installFolder, "A");
-    writeFile(installFolder + u"/only-in-A"_s, "old");
-    QDir().mkpath(workRoot);
-    writeProgram(root.filePath(u"B/RavletAI-2.0.0"_s), "B");
-    const auto archive = root.filePath(u"B.tar.gz"_s);
-    makeArchive(archive, root.filePath(u"B"_s), {u"RavletAI-2.0.0"_s});
-    const auto package = readAll(archive);
-
-    FakeBackend server;
-    server.setRoute("GET", "/files/RavletAI-2.0.0.tar.gz", FakeBackend::Response::json(200, package));
-    server.setRoute("GET", "/download/check-update",
-                    FakeBackend::Response::json(
-                        200, R"({"hasUpdate":true,"latest":{"version":"2.0.0","changelog":"","downloadURL":")"
-                                 + server.origin().toUtf8() + R"(/files/RavletAI-2.0.0.tar.gz","size":")"
-                                 + QByteArray::number(package.size()) + R"(","date":"","sha256":")"
-                                 + sha256Of(package).toLatin1() + R"("}})"));
-    // The "old process": it lives until the test closes its input.
-    QProcess old;
+    QProcess old; // lives until the test closes its input
     old.start(u"cat"_s, {});
     ASSERT_TRUE(old.waitForStarted());
-    Installation installation;
-    installation.kind = Installation::Kind::perUser;
-    installation.folder = installFolder;
-    installation.pid = old.processId();
-    ManualClock clock;
-    NoOpener opener;
-    UpdateService service(server.origin(), u"1.0.0"_s, clock, installation, &opener,
-                          {workRoot, root.filePath(u"Downloads"_s)});
-    QSignalSpy quit(&service, &UpdateService::terminationRequested);
-    awaitTask(service.check());
-    awaitTask(service.install());
+    UpdateHarness h(Installation::Kind::perUser,
+                    u" a \"q\" $(touch pwned) `touch pwned` 'x' ;touch pwned"_s, old.processId());
+    writeFile(h.installFolder + u"/only-in-A"_s, "old");
+    writeProgram(h.root.filePath(u"B/RavletAI-2.0.0"_s), "B");
+    h.offer(h.package({u"RavletAI-2.0.0"_s}));
+    QSignalSpy quit(h.service.get(), &UpdateService::terminationRequested);
+    awaitTask(h.service->check());
+    awaitTask(h.service->install());
     ASSERT_EQ(quit.size(), 1);
-    EXPECT_TRUE(service.isDownloading()); // the process ends with it still set
+    EXPECT_EQ(h.events(), (QStringList{u"check:ok"_s, u"download:ok"_s, u"install:ok"_s}));
 
-    // The script waits for the old process: nothing is replaced while it runs.
-    QTest::qWait(300);
-    EXPECT_EQ(readAll(installFolder + u"/version"_s), "A");
+    QTest::qWait(300); // the script waits for the old process
+    EXPECT_EQ(readAll(h.installFolder + u"/version"_s), "A");
     old.closeWriteChannel();
     ASSERT_TRUE(old.waitForFinished(5000));
-
-    EXPECT_TRUE(QTest::qWaitFor([&] { return QFile::exists(installFolder + u"/started"_s); }, 15'000));
-    EXPECT_EQ(readAll(installFolder + u"/version"_s), "B");
-    EXPECT_FALSE(QFile::exists(installFolder + u"/only-in-A"_s));
-    // The script removed the package, the unpacked copy and itself, and its folder.
-    EXPECT_TRUE(QTest::qWaitFor([&] { return entriesOf(workRoot).isEmpty(); }, 5000))
-        << entriesOf(workRoot).join(u", "_s).toStdString();
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return QFile::exists(h.installFolder + u"/started"_s); }, 15'000));
+    EXPECT_EQ(readAll(h.installFolder + u"/version"_s), "B");
+    EXPECT_FALSE(QFile::exists(h.installFolder + u"/only-in-A"_s));
+    // The package, the unpacked copy, the script and their folder are gone; so is nothing else.
+    EXPECT_TRUE(QTest::qWaitFor([&] { return entriesOf(h.workRoot).isEmpty(); }, 5000))
+        << entriesOf(h.workRoot).join(u", "_s).toStdString();
     QStringList pwned;
-    for (QDirIterator it(root.path(), QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden,
+    for (QDirIterator it(h.root.path(), QDir::AllEntries | QDir::NoDotAndDotDot,
                          QDirIterator::Subdirectories);
          it.hasNext();)
         if (it.next().endsWith(u"/pwned"_s))
             pwned.append(it.filePath());
     EXPECT_EQ(pwned, QStringList());
-    EXPECT_FALSE(QFile::exists(QDir::tempPath() + u"/pwned"_s));
-}
-
-TEST(UpdateInstallTest, ScriptRefusesALineBreakInAnyPath)
-{
-    const UpdatePackage::ScriptPaths good{42, u"/o"_s, u"/n"_s, u"/u"_s, u"/p"_s, u"/w"_s};
-    ASSERT_TRUE(UpdatePackage::replacementScript(good).has_value());
-    for (auto member : {&UpdatePackage::ScriptPaths::oldFolder, &UpdatePackage::ScriptPaths::newFolder,
-                        &UpdatePackage::ScriptPaths::package}) {
-        auto paths = good;
-        paths.*member += u"\nrm -rf ~"_s;
-        EXPECT_FALSE(UpdatePackage::replacementScript(paths).has_value());
-    }
+    UpdatePackage::ScriptPaths paths{42, u"/o"_s, u"/n"_s, u"/u"_s, u"/p\n"_s, u"/w"_s};
+    EXPECT_FALSE(UpdatePackage::replacementScript(paths).has_value()) << "a line break is refused";
 }
 
 // An archive is read whole before anything is written: one entry that leaves the folder
@@ -117,38 +61,31 @@ TEST(UpdateInstallTest, ArchivesThatEscapeAreRefusedBeforeUnpacking)
                      QFile::encodeName(source + u"/RavletAI/hard"_s).constData()),
               0);
     const auto forge = [](const char* from, const char* to, const char* flags = "") {
-        return QStringList{u"-P"_s, u"--transform=s,^"_s + QLatin1String(from) + u"$,"_s + QLatin1String(to)
-                                        + u","_s + QLatin1String(flags)};
+        return QStringList{u"-P"_s,
+                           u"--transform=s,^%1$,%2,%3"_s.arg(QLatin1String(from), QLatin1String(to),
+                                                             QLatin1String(flags))};
     };
-    struct Case {
-        const char* name;
-        QStringList members;
-        QStringList extra;
-        bool refused;
-    };
-    const auto folder = QStringList{u"RavletAI"_s};
-    const auto noUp = QStringList{u"--exclude=RavletAI/bin/up"_s};
-    const QList<Case> cases{
-        {"a folder with links inside it", folder, noUp, false},
-        {"an entry that climbs out", folder, noUp + forge("RavletAI/version", "RavletAI/../../version"), true},
-        {"an absolute entry", folder, noUp + forge("RavletAI/version", "/tmp/version"), true},
-        {"a link to an absolute path", folder + QStringList{u"etc-link"_s}, noUp, true},
-        {"a relative link that climbs out", folder, {}, true},
+    const auto noUp = QStringList{u"--exclude=RavletAI/bin/up"_s, u"--sort=name"_s};
+    const QList<std::tuple<const char*, QStringList, bool>> cases{
+        {"a folder with links inside it", noUp, false},
+        {"an entry that climbs out", noUp + forge("RavletAI/version", "RavletAI/../../version"),
+         true},
+        {"an absolute entry", noUp + forge("RavletAI/version", "/tmp/version"), true},
+        {"a link to an absolute path", noUp + QStringList{u"etc-link"_s}, true},
+        {"a relative link that climbs out", {}, true},
         // Sorted, "hard" is stored first and "version" as a link to it.
-        {"a hard link out of the folder", folder,
-         noUp + QStringList{u"--sort=name"_s} + forge("RavletAI/hard", "../hard", "R"), true},
+        {"a hard link out of the folder", noUp + forge("RavletAI/hard", "../hard", "R"), true},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, extra, refused] : cases) {
+        SCOPED_TRACE(name);
         const auto archive = root.filePath(u"a.tar.gz"_s);
         QFile::remove(archive);
-        makeArchive(archive, source, c.members, c.extra);
+        makeArchive(archive, source, {u"RavletAI"_s}, extra);
         QTemporaryDir target;
-        const auto refused = awaitTask(UpdatePackage::extract(archive, target.path()));
-        EXPECT_EQ(refused.has_value(), c.refused) << refused.value_or(QString()).toStdString();
-        if (c.refused)
-            EXPECT_EQ(entriesOf(target.path()), QStringList());
-        else
-            EXPECT_EQ(UpdatePackage::findInstallFolder(target.path()), target.path() + u"/RavletAI"_s);
+        const auto error = awaitTask(UpdatePackage::extract(archive, target.path()));
+        EXPECT_EQ(error.has_value(), refused) << error.value_or(QString()).toStdString();
+        EXPECT_EQ(UpdatePackage::findInstallFolder(target.path()),
+                  refused ? std::nullopt : std::optional(target.path() + u"/RavletAI"_s));
+        EXPECT_EQ(entriesOf(target.path()).isEmpty(), refused); // refused: not one byte written
     }
 }
