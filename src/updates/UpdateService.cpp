@@ -152,7 +152,7 @@ QUrl UpdateService::downloadAddress(const AppUpdate& update) const
     auto address = update.downloadURL
                    + (update.downloadURL.contains(u'?') ? u"&source=app"_s : u"?source=app"_s);
     if (m_userId)
-        address += u"&uid="_s + *m_userId;
+        address += u"&uid="_s + QString::fromLatin1(QUrl::toPercentEncoding(*m_userId));
     const QUrl url(address, QUrl::StrictMode);
     if (!url.isValid() || (url.scheme() != u"http"_s && url.scheme() != u"https"_s))
         return {};
