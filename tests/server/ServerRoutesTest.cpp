@@ -7,6 +7,7 @@
 #include "SignInLimits.h"
 #include "Stores.h"
 
+#include <QCryptographicHash>
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
@@ -746,4 +747,45 @@ TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfTheFolder)
     ASSERT_TRUE(QFile::link(secret, updates.filePath(u"RavletAI-0.12.0-linux-x86_64.tar.gz"_s)));
     expectRoutes(server, {},
                  {{"GET", u"/download/files/RavletAI-0.12.0-linux-x86_64.tar.gz"_s, {}, 404}});
+}
+
+// The answer carries the package's SHA-256, which the program checks before it unpacks
+// anything; an install from the .deb is offered the .deb. The link's origin is --public-url
+// when given, and a Host header that is not a plain host never shapes it.
+TEST(ServerConfigTest, UpdateCheckNamesThePackagesHashAndASafeLink)
+{
+    QTemporaryDir updates;
+    for (const auto& [name, bytes] : {std::pair{"RavletAI-1.2.0-linux-x86_64.tar.gz", "per-user"},
+                                      {"ravletai_1.2.0_amd64.deb", "system package"},
+                                      {"ravletai_1.1.0_amd64.deb", "older"},
+                                      {"ravletai-dbgsym_1.3.0_amd64.ddeb", "symbols"}})
+        writeFile(updates.filePath(QLatin1String(name)), bytes);
+    const auto sha256 = [](const QByteArray& bytes) {
+        return QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex();
+    };
+    const auto check = [](const char* platform) {
+        return u"/download/check-update?v=1.0.0&platform="_s + QLatin1String(platform);
+    };
+    ServerConfig config;
+    config.updatesDir = updates.path();
+    ServerHarness server(config);
+    for (const auto& [platform, file, bytes] :
+         {std::tuple{"linux", "RavletAI-1.2.0-linux-x86_64.tar.gz", QByteArray("per-user")},
+          {"linux-deb", "ravletai_1.2.0_amd64.deb", QByteArray("system package")}}) {
+        SCOPED_TRACE(platform);
+        const auto latest = server.call({}, "GET", check(platform)).json()[u"latest"_s].toObject();
+        EXPECT_EQ(latest[u"sha256"_s].toString().toLatin1(), sha256(bytes));
+        EXPECT_EQ(latest[u"downloadURL"_s].toString(), server.base() + u"/download/files/"_s + QLatin1String(file));
+        EXPECT_EQ(curl({latest[u"downloadURL"_s].toString()}).body, bytes);
+    }
+    // A Host that is no plain name never reaches the route: the allowed-host guard refuses it.
+    const auto hostile = QStringList{u"-H"_s, u"Host: evil.example/x?"_s, server.base() + check("linux")};
+    EXPECT_EQ(curl(hostile).status, 421);
+
+    config.publicOrigin = u"https://updates.example.org"_s;
+    ServerHarness behindProxy(config);
+    const auto answer = curl({u"-H"_s, u"Host: localhost:1"_s, behindProxy.base() + check("linux-deb")});
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.json()[u"latest"_s][u"downloadURL"_s].toString(),
+              u"https://updates.example.org/download/files/ravletai_1.2.0_amd64.deb"_s);
 }

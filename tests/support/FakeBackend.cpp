@@ -98,7 +98,8 @@ void FakeBackend::onReadyRead(QTcpSocket* socket)
         Request request;
         const auto requestLine = lines.value(0).trimmed().split(' ');
         request.method = requestLine.value(0);
-        request.path = requestLine.value(1).split('?').value(0);
+        request.target = requestLine.value(1);
+        request.path = request.target.split('?').value(0);
         for (qsizetype i = 1; i < lines.size(); ++i) {
             const auto colon = lines[i].indexOf(':');
             if (colon > 0)

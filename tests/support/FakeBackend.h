@@ -41,6 +41,7 @@ public:
     struct Request {
         QByteArray method;
         QByteArray path;
+        QByteArray target; // the path with its query, as sent
         QHash<QByteArray, QByteArray> headers; // names in lower case
         QByteArray body;
         QByteArray header(const QByteArray& name) const { return headers.value(name.toLower()); }

@@ -1,0 +1,142 @@
+#include "UpdateHarness.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+#include <functional>
+
+using namespace std::chrono_literals;
+
+namespace {
+struct EdgeCase {
+    const char* name;
+    Installation::Kind kind;
+    std::function<void(UpdateHarness&)> answer; // sets the fake's answers to the first check
+    std::function<void(UpdateHarness&)> then;   // what happens after it
+    // The version offered at the end ("!": forced) | self_update events | requests for the
+    // package, with their query | what is left in the downloads folder for the user.
+    const char* outcome;
+};
+
+void install(UpdateHarness& h)
+{
+    awaitTask(h.service->install());
+}
+void nothing(UpdateHarness&) {}
+void packageB(UpdateHarness& h)
+{
+    writeProgram(h.root.filePath(u"B/RavletAI-2.0.0"_s), "B");
+}
+} // namespace
+
+// Each case checks once against the fake on the manual clock, then takes its step.
+TEST(UpdateServiceTest, EdgeCases)
+{
+    using enum Installation::Kind;
+    const auto escaping =
+        QStringList{u"-P"_s, u"--transform=s,^RavletAI-2.0.0/version$,../../version,"_s};
+    // clang-format off
+    const QList<EdgeCase> cases{
+        {"an update without latest offers nothing, and the check succeeded", perUser,
+         [](auto& h) { h.answerCheck(R"({"hasUpdate":true})"); }, nothing, " | check:ok |  | "},
+        {"an absent forceUpdate is false, and an update not forced can be dismissed", perUser,
+         [](auto& h) { h.offer("x"); },
+         [](auto& h) { EXPECT_FALSE(h.service->isForceUpdate()); h.service->dismiss(); },
+         " | check:ok |  | "},
+        {"a forced update cannot be dismissed", perUser,
+         [](auto& h) { h.offer("x", {}, R"(,"forceUpdate":true)"); },
+         [](auto& h) { h.service->dismiss(); }, "2.0.0! | check:ok |  | "},
+        {"a 500 that is not JSON fails the check, dates it and keeps the offer", perUser,
+         [](auto& h) { h.offer("x"); },
+         [](auto& h) {
+             h.answerCheck("<html>Internal Server Error</html>", 500);
+             h.clock.advance(1min);
+             awaitTask(h.service->check());
+             EXPECT_EQ(h.service->lastCheckDate().toMSecsSinceEpoch(), h.clock.nowMs());
+         },
+         "2.0.0 | check:ok check:fail |  | "},
+        {"a check during a check returns at once and changes nothing", perUser,
+         [](auto& h) { h.offer("x"); },
+         [](auto& h) {
+             auto slow = FakeBackend::Response::json(200, R"({"hasUpdate":false})");
+             slow.delayMs = 100;
+             h.server.setRoute("GET", "/download/check-update", slow);
+             auto first = h.service->check();
+             awaitTask(h.service->check(), 50);
+             EXPECT_EQ(h.service->availableVersion(), u"2.0.0"_s);
+             awaitTask(std::move(first));
+             EXPECT_EQ(h.server.requestCount("GET", "/download/check-update"), 2);
+         },
+         " | check:ok check:ok |  | "},
+        {"an install from /usr gets the .deb by hand; a query gets &source=app, no uid without a user", system,
+         [](auto& h) { h.answerCheck(h.offer("deb").replace("/files/pkg", "/files/pkg?channel=x")); },
+         install, "2.0.0 | check:ok download:ok | /files/pkg?channel=x&source=app | RavletAI-2.0.0.deb"},
+        {"a package without the program is cleaned up, with no fallback", perUser,
+         [](auto& h) {
+             writeFile(h.root.filePath(u"B/README"_s), "no program here");
+             h.offer(h.package({u"README"_s}));
+         },
+         install, "2.0.0 | check:ok download:ok | /files/pkg?source=app | "},
+        {"a wrong SHA-256 installs nothing and leaves nothing for the user; ?source=app and the uid", perUser,
+         [](auto& h) {
+             packageB(h);
+             h.service->setUserId(u"u-7"_s);
+             h.offer(h.package({u"RavletAI-2.0.0"_s}), QString(64, u'0'));
+         },
+         install, "2.0.0 | check:ok download:ok install:fail | /files/pkg?source=app&uid=u-7 | "},
+        {"a package that escapes its folder is refused and left for the user", perUser,
+         [&](auto& h) { packageB(h); h.offer(h.package({u"RavletAI-2.0.0"_s}, escaping)); },
+         install, "2.0.0 | check:ok download:ok install:fail | /files/pkg?source=app /files/pkg?source=app"
+                  " | RavletAI-2.0.0.tar.gz"},
+    };
+    // clang-format on
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        UpdateHarness h(c.kind);
+        c.answer(h);
+        QSignalSpy quit(h.service.get(), &UpdateService::terminationRequested);
+        awaitTask(h.service->check());
+        EXPECT_EQ(h.service->lastCheckDate().toMSecsSinceEpoch(), h.clock.nowMs());
+        const auto platform =
+            h.server.requests("GET", "/download/check-update").value(0).target.split('=').last();
+        EXPECT_EQ(platform, c.kind == system ? "linux-deb" : "linux");
+        c.then(h);
+        QStringList downloads;
+        for (const auto& request : h.server.requests("GET", "/files/pkg"))
+            downloads.append(QString::fromUtf8(request.target));
+        const auto left = entriesOf(h.downloads);
+        EXPECT_EQ(QStringList({h.service->availableVersion()
+                                   + (h.service->isForceUpdate() ? u"!"_s : u""_s),
+                               h.events().join(u' '), downloads.join(u' '), left.join(u' ')})
+                      .join(u" | "_s),
+                  QLatin1String(c.outcome));
+        EXPECT_FALSE(h.service->isChecking() || h.service->isDownloading());
+        // A .deb goes to the system's installer; a per-user package is shown in its folder.
+        const auto shown = c.kind == system ? h.downloads + u'/' + left.value(0) : h.downloads;
+        EXPECT_EQ(h.opener.opened, left.isEmpty() ? QStringList() : QStringList{shown});
+        // Whatever happened: nothing left behind, nothing replaced, nobody asked to quit.
+        EXPECT_EQ(entriesOf(h.workRoot), QStringList());
+        EXPECT_EQ(readAll(h.installFolder + u"/version"_s), "A");
+        EXPECT_FALSE(QFile::exists(h.root.filePath(u"version"_s)));
+        EXPECT_EQ(quit.size(), 0);
+    }
+}
+
+// The address names the platform of the install; checks repeat every four hours of the clock.
+TEST(UpdateServiceTest, ChecksAtStartAndEveryFourHours)
+{
+    UpdateHarness h(Installation::Kind::perUser);
+    h.answerCheck(R"({"hasUpdate":false})");
+    const auto checks = [&] { return h.server.requests("GET", "/download/check-update"); };
+    h.service->startPeriodicCheck();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !h.service->isChecking(); }, 5000));
+    EXPECT_EQ(checks().value(0).target, "/download/check-update?v=1.0.0&platform=linux");
+    h.clock.advance(UpdateService::checkInterval - 1ms);
+    QTest::qWait(50);
+    EXPECT_EQ(checks().size(), 1);
+    h.clock.advance(1ms);
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return checks().size() == 2 && !h.service->isChecking(); }, 5000));
+    h.clock.advance(UpdateService::checkInterval);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return checks().size() == 3; }, 5000));
+}
