@@ -4,8 +4,8 @@
 #include "ShellFakes.h"
 
 #include "APIClient.h"
+#include "DashboardViewModel.h"
 #include "MenuBarViewModel.h"
-#include "SettingsViewModel.h"
 #include "TelemetryClient.h"
 
 #include <QUrlQuery>
@@ -70,13 +70,13 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndHandlesTheOverlayFailuresAn
               (QStringList{u"make token store"_s, u"make interview services"_s,
                            u"give client to interview"_s, u"install crash reporter after wiring"_s,
                            u"create menu bar item"_s, u"create overlay"_s, u"install tap"_s,
-                           u"create settings"_s, u"create welcome"_s, u"install key monitors"_s,
+                           u"create dashboard"_s, u"create welcome"_s, u"install key monitors"_s,
                            u"start update check"_s, u"show welcome"_s}));
     EXPECT_EQ(backend.totalRequests(), 0) << "no stored token, no request";
 
     // A start that asks for the overlay leaves it showing.
     shell.log.clear();
-    auto* menu = delegate->models().menuBar;
+    auto* menu = delegate->menuBar();
     menu->toggleOverlay();
     EXPECT_TRUE(menu->isOverlayVisible());
     delegate->handleLaunchArguments({u"--show-overlay"_s});
@@ -120,9 +120,9 @@ TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutComesBackByADeepLinkAndQu
 
     h.notifications.post(Notifications::showDashboard);
     shell.log.clear();
-    delegate->models().settingsPage->signOut();
+    delegate->dashboard()->profile()->signOut();
     settle();
-    EXPECT_EQ(shell.log, (QStringList{u"hide settings"_s, u"hide overlay"_s, u"show welcome"_s}));
+    EXPECT_EQ(shell.log, (QStringList{u"hide dashboard"_s, u"hide overlay"_s, u"show welcome"_s}));
     EXPECT_EQ(tokens->item(AuthTokenStore::refreshTokenKey), std::nullopt);
 
     backend.setRoute("POST", "/api/v1/auth/exchange", tokenPair(u"u-1"_s, u"a@example.com"_s));

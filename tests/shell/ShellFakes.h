@@ -28,11 +28,11 @@ class RecordingShell final : public ShellWindows,
 public:
     static QString name(Panel panel)
     {
-        return QStringList{u"overlay"_s, u"settings"_s, u"welcome"_s}.at(int(panel));
+        return QStringList{u"overlay"_s, u"dashboard"_s, u"welcome"_s}.at(int(panel));
     }
 
-    void createMenuBarItem(const ShellModels&) override { log.append(u"create menu bar item"_s); }
-    void createPanel(Panel panel, const ShellModels&) override
+    void createMenuBarItem(MenuBarViewModel&) override { log.append(u"create menu bar item"_s); }
+    void createPanel(Panel panel, QObject&) override
     {
         log.append(u"create "_s + name(panel));
         m_created[int(panel)] = true;
@@ -44,7 +44,7 @@ public:
     QObject* window(Panel) const override { return nullptr; }
     void destroyWindows() override { m_created = {}; }
 
-    void attach(const ShellModels&, QObject*) override {}
+    void attach(InterviewViewModel&, UserSettings&, QObject*) override {}
     void installKeyMonitors() override { log.append(u"install key monitors"_s); }
     void removeEventTap() override { log.append(u"remove tap"_s); }
     void installEventTap() override { log.append(u"install tap"_s); }
@@ -84,8 +84,7 @@ struct DelegateRig {
     // delegate and its client go, or the coroutine waiting for it is never resumed.
     void finish()
     {
-        if (delegate && delegate->models().overlay
-            && delegate->models().overlay->isCheckingResumes()) {
+        if (delegate && delegate->overlay() && delegate->overlay()->isCheckingResumes()) {
             EXPECT_TRUE(QTest::qWaitFor(
                 [&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
             QTest::qWait(100); // the answer is on its way back

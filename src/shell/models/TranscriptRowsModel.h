@@ -1,15 +1,29 @@
 #pragma once
 
-#include <QAbstractListModel>
+#include "RowsModel.h"
+
 #include <QList>
 #include <QString>
 #include <QtQmlIntegration>
 
 class InterviewViewModel;
 
+struct TranscriptRow {
+    QString id;
+    QString content;
+    bool isFinal = false;
+    bool isInterviewer = true;
+    double opacity = 1;
+    bool isSelected = false;
+
+    QVariant value(int role) const;
+    static QHash<int, QByteArray> roleNames();
+    friend bool operator==(const TranscriptRow&, const TranscriptRow&) = default;
+};
+
 // The overlay's transcript: the displayed entries (the last committed ones, then the
 // partials), each with its age shading and whether it is the selected question.
-class TranscriptRowsModel : public QAbstractListModel {
+class TranscriptRowsModel : public RowsModel<TranscriptRow> {
     Q_OBJECT
     QML_ELEMENT
     QML_UNCREATABLE("made by the overlay")
@@ -29,10 +43,6 @@ public:
 
     explicit TranscriptRowsModel(InterviewViewModel& interview, QObject* parent = nullptr);
 
-    int rowCount(const QModelIndex& parent = {}) const override;
-    QVariant data(const QModelIndex& index, int role) const override;
-    QHash<int, QByteArray> roleNames() const override;
-
     int selectedRow() const { return m_selectedRow; }
 
     // Older rows fade: the newest is fully opaque, each step back loses a quarter, and from
@@ -45,20 +55,9 @@ Q_SIGNALS:
     void selectedRowChanged();
 
 private:
-    struct Row {
-        QString id;
-        QString content;
-        bool isFinal = false;
-        bool isInterviewer = true;
-        double opacity = 1;
-        bool isSelected = false;
-        friend bool operator==(const Row&, const Row&) = default;
-    };
-
-    void refresh();
-    QList<Row> currentRows() const;
+    void update();
+    QList<TranscriptRow> currentRows() const;
 
     InterviewViewModel& m_interview;
-    QList<Row> m_rows;
     int m_selectedRow = -1;
 };

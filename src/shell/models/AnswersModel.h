@@ -1,6 +1,7 @@
 #pragma once
 
-#include <QAbstractListModel>
+#include "RowsModel.h"
+
 #include <QList>
 #include <QString>
 #include <QUuid>
@@ -8,9 +9,21 @@
 
 class InterviewViewModel;
 
+struct AnswerRow {
+    QUuid id;
+    QString question;
+    QString answer;
+    bool isSelected = false;
+    bool isStreaming = false;
+
+    QVariant value(int role) const;
+    static QHash<int, QByteArray> roleNames();
+    friend bool operator==(const AnswerRow&, const AnswerRow&) = default;
+};
+
 // The answers of the interview, oldest first, as the overlay pages through them. A streamed
 // chunk changes one row in place.
-class AnswersModel : public QAbstractListModel {
+class AnswersModel : public RowsModel<AnswerRow> {
     Q_OBJECT
     QML_ELEMENT
     QML_UNCREATABLE("made by the overlay")
@@ -26,23 +39,8 @@ public:
 
     explicit AnswersModel(InterviewViewModel& interview, QObject* parent = nullptr);
 
-    int rowCount(const QModelIndex& parent = {}) const override;
-    QVariant data(const QModelIndex& index, int role) const override;
-    QHash<int, QByteArray> roleNames() const override;
-
 private:
-    struct Row {
-        QUuid id;
-        QString question;
-        QString answer;
-        bool isSelected = false;
-        bool isStreaming = false;
-        friend bool operator==(const Row&, const Row&) = default;
-    };
-
-    void refresh();
-    QList<Row> currentRows() const;
+    QList<AnswerRow> currentRows() const;
 
     InterviewViewModel& m_interview;
-    QList<Row> m_rows;
 };

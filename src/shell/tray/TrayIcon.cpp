@@ -3,7 +3,8 @@
 #include "AppStrings.h"
 #include "Icons.h"
 #include "Log.h"
-#include "QmlShellWindows.h"
+#include "MenuBarViewModel.h"
+#include "QmlWindowFactory.h"
 
 #include <QGuiApplication>
 #include <QQuickWindow>
@@ -11,11 +12,11 @@
 
 using namespace Qt::StringLiterals;
 
-TrayIcon::TrayIcon(QmlShellWindows& windows, const ShellModels& models)
+TrayIcon::TrayIcon(QmlWindowFactory& windows, MenuBarViewModel& menuBar)
 {
     m_icon.setIcon(Icons::shared().icon(u"waveform.and.person.filled"_s, iconSize, Qt::white));
     m_icon.setToolTip(u"RavletAI"_s);
-    m_popup = windows.createWindow(u"MenuBarWindow.qml"_s, models);
+    m_popup = windows.createWindow(u"MenuBarWindow.qml"_s, u"menuBar"_s, &menuBar);
     connect(&m_icon, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
         if (reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::Context)
             showPopup();

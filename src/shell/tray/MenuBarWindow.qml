@@ -6,13 +6,7 @@ import QtQuick.Window
 Window {
     id: window
 
-    required property InterviewViewModel interview
-    required property AuthViewModel auth
-    required property UserSettings settings
-    required property AppStrings strings
-    required property WelcomeViewModel welcome
     required property MenuBarViewModel menuBar
-    required property SettingsViewModel settingsPage
 
     width: 240
     height: view.implicitHeight
@@ -27,7 +21,7 @@ Window {
         anchors.fill: parent
         menuBar: window.menuBar
         onActionTaken: window.hide()
-        LayoutMirroring.enabled: window.strings.isRightToLeft
+        LayoutMirroring.enabled: window.menuBar.strings.isRightToLeft
         LayoutMirroring.childrenInherit: true
     }
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "AppStrings.h"
+#include "AuthViewModel.h"
 #include "TaskHandle.h"
 
 #include <QObject>
@@ -23,6 +25,9 @@ class WelcomeViewModel : public QObject {
     Q_OBJECT
     QML_ELEMENT
     QML_UNCREATABLE("made by the shell")
+    Q_PROPERTY(AppStrings* strings READ strings CONSTANT)
+    // The sign-in state the panel's form shows.
+    Q_PROPERTY(AuthViewModel* auth READ auth CONSTANT)
     Q_PROPERTY(bool screenPermission READ screenPermission NOTIFY rightsChanged)
     Q_PROPERTY(bool micPermission READ micPermission NOTIFY rightsChanged)
     Q_PROPERTY(bool accessibilityPermission READ accessibilityPermission NOTIFY rightsChanged)
@@ -41,12 +46,17 @@ public:
         AudioRights& audioRights;
         GlobalKeysRight& keysRight;
         std::function<bool()> openSoundSettings;
+        AppStrings& strings;
+        AuthViewModel& auth;
     };
 
     explicit WelcomeViewModel(Services services, QObject* parent = nullptr);
     ~WelcomeViewModel() override;
 
     void setSettings(UserSettings* settings) { m_settings = settings; }
+
+    AppStrings* strings() const { return &m_services.strings; }
+    AuthViewModel* auth() const { return &m_services.auth; }
 
     Q_INVOKABLE void appear();
     Q_INVOKABLE void disappear();

@@ -4,6 +4,7 @@
 #include "AppStrings.h"
 #include "Clock.h"
 #include "NotificationCenter.h"
+#include "StatusStyle.h"
 #include "TranscriptRowsModel.h"
 #include "UserSettings.h"
 
@@ -31,6 +32,9 @@ OverlayViewModel::OverlayViewModel(Services services, QObject* parent)
     auto& interview = m_services.interview;
     auto& settings = m_services.settings;
     connect(&interview, &InterviewViewModel::pipelineStateChanged, this, &OverlayViewModel::statusChanged);
+    connect(&interview, &InterviewViewModel::statusMessageChanged, this, &OverlayViewModel::statusChanged);
+    connect(&interview, &InterviewViewModel::selectedAnswerIndexChanged, this,
+            &OverlayViewModel::answerChanged);
     connect(&interview, &InterviewViewModel::isRecordingChanged, this, &OverlayViewModel::recordingChanged);
     connect(&interview, &InterviewViewModel::answerViewChanged, this, &OverlayViewModel::answerChanged);
     connect(&interview, &InterviewViewModel::aiAnswerHistoryChanged, this, &OverlayViewModel::answerChanged);
@@ -59,22 +63,6 @@ OverlayViewModel::~OverlayViewModel()
     m_services.notifications.removeObservers(this);
 }
 
-QColor OverlayViewModel::colorOf(State state)
-{
-    switch (state) {
-    case State::idle:
-        return QColor(0x8e, 0x8e, 0x93);
-    case State::recording:
-        return QColor(0x34, 0xc7, 0x59);
-    case State::reconnecting:
-    case State::stopping:
-        return QColor(0xff, 0xcc, 0x00);
-    case State::error:
-        break;
-    }
-    return QColor(0xff, 0x3b, 0x30);
-}
-
 void OverlayViewModel::setLineSpacing(QQuickTextDocument* document, double spacing)
 {
     if (!document || !document->textDocument())
@@ -97,7 +85,18 @@ void OverlayViewModel::setLineSpacing(QQuickTextDocument* document, double spaci
 
 QColor OverlayViewModel::statusColor() const
 {
-    return colorOf(m_services.interview.pipelineState());
+    return StatusStyle::colorOf(m_services.interview.pipelineState());
+}
+
+QString OverlayViewModel::statusMessage() const
+{
+    return m_services.interview.statusMessage();
+}
+
+int OverlayViewModel::selectedAnswerIndex() const
+{
+    const auto selected = m_services.interview.selectedAnswerIndex();
+    return selected ? *selected : -1;
 }
 
 bool OverlayViewModel::isRecording() const

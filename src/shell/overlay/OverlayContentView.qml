@@ -9,10 +9,9 @@ import Ravlet.Shell
 Item {
     id: view
 
-    required property InterviewViewModel interview
-    required property UserSettings settings
-    required property AppStrings strings
     required property OverlayViewModel overlay
+    readonly property UserSettings settings: overlay.settings
+    readonly property AppStrings strings: overlay.strings
     property Window hostWindow
 
     readonly property int topBarHeight: 36
@@ -118,7 +117,7 @@ Item {
             }
             Label {
                 objectName: "statusText"
-                text: view.interview.statusMessage
+                text: view.overlay.statusMessage
                 color: Qt.rgba(1, 1, 1, 0.75)
                 font.pixelSize: 11
                 font.weight: Font.Medium
@@ -341,8 +340,6 @@ Item {
         anchors.right: parent.right
         anchors.top: divider.bottom
         anchors.bottom: parent.bottom
-        interview: view.interview
-        strings: view.strings
         overlay: view.overlay
         fontSize: view.fontSize
     }

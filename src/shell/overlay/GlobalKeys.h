@@ -21,7 +21,7 @@ public:
     ~GlobalKeys() override;
 
     // The overlay window is followed through its "visible" property.
-    void attach(const ShellModels& models, QObject* overlayWindow) override;
+    void attach(InterviewViewModel& interview, UserSettings& settings, QObject* overlayWindow) override;
     void installKeyMonitors() override;
     void removeEventTap() override;
     void installEventTap() override;
@@ -40,7 +40,7 @@ private:
     // The copy of the trigger key the monitors act on; a new key needs installKeyMonitors.
     AITriggerKey m_triggerKey;
     OverlayKeys::KeyEventReader m_reader;
-    bool m_monitoring = false;
+    KeySource::Subscription m_keys;
     bool m_tapInstalled = false;
     bool m_arrowsGrabbed = false;
 };

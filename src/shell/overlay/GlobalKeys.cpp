@@ -10,16 +10,15 @@ GlobalKeys::GlobalKeys(KeySource& source, QObject* parent) : QObject(parent), m_
 
 GlobalKeys::~GlobalKeys()
 {
-    if (m_monitoring)
-        m_source.observeKeys({});
+    m_keys.reset();
     if (m_arrowsGrabbed)
         m_source.releaseArrows();
 }
 
-void GlobalKeys::attach(const ShellModels& models, QObject* overlayWindow)
+void GlobalKeys::attach(InterviewViewModel& interview, UserSettings& settings, QObject* overlayWindow)
 {
-    m_interview = models.interview;
-    m_settings = models.settings;
+    m_interview = &interview;
+    m_settings = &settings;
     if (m_overlayWindow)
         disconnect(m_overlayWindow, nullptr, this, nullptr);
     m_overlayWindow = overlayWindow;
@@ -39,15 +38,12 @@ void GlobalKeys::attach(const ShellModels& models, QObject* overlayWindow)
 
 void GlobalKeys::installKeyMonitors()
 {
-    if (m_monitoring)
-        m_source.observeKeys({});
-    m_monitoring = false;
+    m_keys.reset();
     if (!m_settings)
         return;
     m_triggerKey = m_settings->aiTriggerKey();
     m_reader.reset();
-    m_source.observeKeys([this](quint16 keyCode, bool pressed) { handleKey(keyCode, pressed); });
-    m_monitoring = true;
+    m_keys = m_source.observeKeys([this](quint16 keyCode, bool pressed) { handleKey(keyCode, pressed); });
 }
 
 void GlobalKeys::removeEventTap()

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "AppStrings.h"
+
 #include <QColor>
 #include <QObject>
 #include <QPointer>
@@ -8,7 +10,6 @@
 
 #include <functional>
 
-class AppStrings;
 class AuthViewModel;
 class InterviewViewModel;
 class NotificationCenter;
@@ -18,6 +19,7 @@ class MenuBarViewModel : public QObject {
     Q_OBJECT
     QML_ELEMENT
     QML_UNCREATABLE("made by the shell")
+    Q_PROPERTY(AppStrings* strings READ strings CONSTANT)
     Q_PROPERTY(QString statusText READ statusText NOTIFY statusChanged)
     Q_PROPERTY(QColor statusColor READ statusColor NOTIFY statusChanged)
     Q_PROPERTY(QString accountTitle READ accountTitle NOTIFY accountChanged)
@@ -38,6 +40,7 @@ public:
     Q_INVOKABLE void openSettings();
     Q_INVOKABLE void quit();
 
+    AppStrings* strings() const { return &m_strings; }
     QString statusText() const;
     QColor statusColor() const;
     QString accountTitle() const;

@@ -6,13 +6,7 @@ import QtQuick.Window
 Window {
     id: window
 
-    required property InterviewViewModel interview
-    required property AuthViewModel auth
-    required property UserSettings settings
-    required property AppStrings strings
     required property WelcomeViewModel welcome
-    required property MenuBarViewModel menuBar
-    required property SettingsViewModel settingsPage
 
     width: 440
     height: 570
@@ -20,7 +14,7 @@ Window {
     minimumHeight: 570
     maximumWidth: 440
     maximumHeight: 570
-    title: strings.text("welcome.title")
+    title: welcome.strings.text("welcome.title")
     color: "#1c1c21"
     flags: Qt.Window | Qt.WindowTitleHint | Qt.WindowCloseButtonHint | Qt.WindowMinimizeButtonHint
            | Qt.WindowStaysOnTopHint
@@ -30,10 +24,8 @@ Window {
 
     WelcomeView {
         anchors.fill: parent
-        auth: window.auth
-        strings: window.strings
         welcome: window.welcome
-        LayoutMirroring.enabled: window.strings.isRightToLeft
+        LayoutMirroring.enabled: window.welcome.strings.isRightToLeft
         LayoutMirroring.childrenInherit: true
     }
 }

@@ -8,9 +8,8 @@ import Ravlet.Shell
 Item {
     id: section
 
-    required property InterviewViewModel interview
-    required property AppStrings strings
     required property OverlayViewModel overlay
+    readonly property AppStrings strings: overlay.strings
     property real fontSize: 14
 
     readonly property color answerGreen: Qt.rgba(0.2, 0.78, 0.35, 0.9)
@@ -95,7 +94,7 @@ Item {
                 preferredHighlightBegin: 0
                 preferredHighlightEnd: width
                 highlightMoveDuration: 0
-                currentIndex: section.interview.selectedAnswerIndex
+                currentIndex: section.overlay.selectedAnswerIndex
                 model: section.overlay.answers
 
                 delegate: Flickable {

@@ -8,9 +8,9 @@ import QtQuick.Layouts
 Rectangle {
     id: view
 
-    required property AuthViewModel auth
-    required property AppStrings strings
     required property WelcomeViewModel welcome
+    readonly property AuthViewModel auth: welcome.auth
+    readonly property AppStrings strings: welcome.strings
 
     color: "#1c1c21"
 

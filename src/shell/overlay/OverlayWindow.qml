@@ -7,9 +7,6 @@ import QtQuick.Window
 Window {
     id: window
 
-    required property InterviewViewModel interview
-    required property UserSettings settings
-    required property AppStrings strings
     required property OverlayViewModel overlay
 
     width: 680
@@ -24,11 +21,8 @@ Window {
         objectName: "overlayContent"
         anchors.fill: parent
         hostWindow: window
-        interview: window.interview
-        settings: window.settings
-        strings: window.strings
         overlay: window.overlay
-        LayoutMirroring.enabled: window.strings.isRightToLeft
+        LayoutMirroring.enabled: window.overlay.strings.isRightToLeft
         LayoutMirroring.childrenInherit: true
     }
 }

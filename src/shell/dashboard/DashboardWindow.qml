@@ -4,18 +4,12 @@ import QtQuick.Controls.Basic
 import QtQuick.Layouts
 import QtQuick.Window
 
-// The dashboard: a sidebar and a page area. Until its pages arrive the area shows the
-// profile line and sign-out.
+// The dashboard: a sidebar and a page area.
 Window {
     id: window
 
-    required property InterviewViewModel interview
-    required property AuthViewModel auth
-    required property UserSettings settings
-    required property AppStrings strings
-    required property WelcomeViewModel welcome
-    required property MenuBarViewModel menuBar
-    required property SettingsViewModel settingsPage
+    required property DashboardViewModel dashboard
+    readonly property AppStrings strings: dashboard.strings
 
     width: 880
     height: 550
@@ -72,12 +66,12 @@ Window {
                 SidebarRow {
                     symbol: "rectangle.portrait.and.arrow.right"
                     text: window.strings.text("sidebar.signOut")
-                    onClicked: window.settingsPage.signOut()
+                    onClicked: window.dashboard.profile.signOut()
                 }
                 SidebarRow {
                     symbol: "power"
                     text: window.strings.text("sidebar.quit")
-                    onClicked: window.settingsPage.quit()
+                    onClicked: window.dashboard.quit()
                 }
             }
         }
@@ -88,39 +82,11 @@ Window {
             Layout.fillWidth: true
             Layout.fillHeight: true
 
-            ColumnLayout {
+            ProfilePage {
                 anchors.fill: parent
                 anchors.margins: 28
-                spacing: 10
-                Label {
-                    text: window.strings.text("sidebar.profile")
-                    color: "white"
-                    font.pixelSize: 22
-                    font.weight: Font.Bold
-                }
-                Label {
-                    text: window.strings.text("profile.subtitle")
-                    color: "#b0b0b8"
-                    font.pixelSize: 13
-                }
-                RowLayout {
-                    spacing: 8
-                    Layout.topMargin: 12
-                    Icon { name: "person.circle.fill"; size: 20; color: "#d0d0d5" }
-                    Label {
-                        text: window.strings.text("profile.email") + ": " + window.settingsPage.profileEmail
-                        color: "white"
-                        font.pixelSize: 13
-                        Accessible.name: text
-                    }
-                }
-                Button {
-                    text: window.strings.text("sidebar.signOut")
-                    Accessible.name: text
-                    Accessible.onPressAction: clicked()
-                    onClicked: window.settingsPage.signOut()
-                }
-                Item { Layout.fillHeight: true }
+                page: window.dashboard.profile
+                strings: window.strings
             }
         }
     }

@@ -1,9 +1,11 @@
 #pragma once
 
 #include "AnswersModel.h"
+#include "AppStrings.h"
 #include "InterviewViewModel.h"
 #include "TaskHandle.h"
 #include "TranscriptRowsModel.h"
+#include "UserSettings.h"
 
 #include <QColor>
 #include <QCoroTask>
@@ -16,10 +18,8 @@
 #include <functional>
 #include <memory>
 
-class AppStrings;
 class Clock;
 class NotificationCenter;
-class UserSettings;
 
 // What the overlay shows, worked out from the interview, the settings and the strings; the
 // overlay's QML draws it and hands clicks and drags back here. Its only state of its own is the
@@ -30,7 +30,10 @@ class OverlayViewModel : public QObject {
     QML_UNCREATABLE("made by the shell")
     Q_PROPERTY(TranscriptRowsModel* transcriptRows READ transcriptRows CONSTANT)
     Q_PROPERTY(AnswersModel* answers READ answers CONSTANT)
+    Q_PROPERTY(AppStrings* strings READ strings CONSTANT)
+    Q_PROPERTY(UserSettings* settings READ settings CONSTANT)
     Q_PROPERTY(QColor statusColor READ statusColor NOTIFY statusChanged)
+    Q_PROPERTY(QString statusMessage READ statusMessage NOTIFY statusChanged)
     Q_PROPERTY(bool isRecording READ isRecording NOTIFY recordingChanged)
     Q_PROPERTY(QString startStopText READ startStopText NOTIFY recordingChanged)
     Q_PROPERTY(QString startStopIcon READ startStopIcon NOTIFY recordingChanged)
@@ -40,6 +43,8 @@ class OverlayViewModel : public QObject {
     Q_PROPERTY(bool isStreaming READ isStreaming NOTIFY answerChanged)
     Q_PROPERTY(AnswerState answerState READ answerState NOTIFY answerChanged)
     Q_PROPERTY(QString positionText READ positionText NOTIFY answerChanged)
+    // The selected answer's row, or -1.
+    Q_PROPERTY(int selectedAnswerIndex READ selectedAnswerIndex NOTIFY answerChanged)
     Q_PROPERTY(bool hasPreviousAnswer READ hasPreviousAnswer NOTIFY answerChanged)
     Q_PROPERTY(bool hasNextAnswer READ hasNextAnswer NOTIFY answerChanged)
     Q_PROPERTY(bool canTrigger READ canTrigger NOTIFY canTriggerChanged)
@@ -80,7 +85,11 @@ public:
     TranscriptRowsModel* transcriptRows() const { return m_rows.get(); }
     AnswersModel* answers() const { return m_answers.get(); }
 
+    AppStrings* strings() const { return &m_services.strings; }
+    UserSettings* settings() const { return &m_services.settings; }
     QColor statusColor() const;
+    QString statusMessage() const;
+    int selectedAnswerIndex() const;
     bool isRecording() const;
     QString startStopText() const;
     QString startStopIcon() const;
@@ -133,9 +142,6 @@ public:
     // Extra space between the lines of a selectable text; Qt Quick's TextEdit has no property
     // for it.
     Q_INVOKABLE static void setLineSpacing(QQuickTextDocument* document, double spacing);
-
-    // The pipeline state's colour, shared with the menu's status row.
-    static QColor colorOf(InterviewViewModel::PipelineState state);
 
 Q_SIGNALS:
     void statusChanged();

@@ -1,13 +1,12 @@
 #pragma once
 
-#include "ShellInterfaces.h"
-
 #include <QObject>
 #include <QPointer>
+#include <QQuickWindow>
 #include <QSystemTrayIcon>
 
-#include <QQuickWindow>
-class QmlShellWindows;
+class MenuBarViewModel;
+class QmlWindowFactory;
 
 // The menu-bar item: a tray icon whose activation opens the menu popup beside it. Without a
 // tray on the desktop the icon waits for one; the program stays reachable through a second
@@ -18,7 +17,7 @@ class TrayIcon : public QObject {
 public:
     static constexpr int iconSize = 64;
 
-    TrayIcon(QmlShellWindows& windows, const ShellModels& models);
+    TrayIcon(QmlWindowFactory& windows, MenuBarViewModel& menuBar);
     ~TrayIcon() override;
 
     // Shows the popup next to the icon (or at the top right of the screen when the tray does

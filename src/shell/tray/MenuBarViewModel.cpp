@@ -4,10 +4,9 @@
 #include "AuthViewModel.h"
 #include "InterviewViewModel.h"
 #include "NotificationCenter.h"
-#include "OverlayViewModel.h"
+#include "StatusStyle.h"
 
 using namespace Qt::StringLiterals;
-using State = InterviewViewModel::PipelineState;
 
 MenuBarViewModel::MenuBarViewModel(InterviewViewModel& interview, AuthViewModel& auth, AppStrings& strings,
                                    NotificationCenter& notifications, std::function<void()> quit, QObject* parent)
@@ -43,24 +42,12 @@ MenuBarViewModel::~MenuBarViewModel()
 
 QString MenuBarViewModel::statusText() const
 {
-    switch (m_interview.pipelineState()) {
-    case State::idle:
-        return m_strings.text(u"status.ready"_s);
-    case State::recording:
-        return m_strings.text(u"status.recording"_s);
-    case State::reconnecting:
-        return m_strings.text(u"status.reconnecting"_s);
-    case State::stopping:
-        return m_strings.text(u"status.stopping"_s);
-    case State::error:
-        break;
-    }
-    return m_interview.statusMessage();
+    return StatusStyle::wordOf(m_interview.pipelineState(), m_interview.statusMessage(), m_strings);
 }
 
 QColor MenuBarViewModel::statusColor() const
 {
-    return OverlayViewModel::colorOf(m_interview.pipelineState());
+    return StatusStyle::colorOf(m_interview.pipelineState());
 }
 
 QString MenuBarViewModel::accountTitle() const

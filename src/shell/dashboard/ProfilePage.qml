@@ -1,0 +1,44 @@
+import QtQuick
+import Ravlet.Shell
+import QtQuick.Controls.Basic
+import QtQuick.Layouts
+
+// The profile page: the user's e-mail and the sign-out.
+ColumnLayout {
+    id: root
+
+    required property ProfilePageViewModel page
+    required property AppStrings strings
+
+    spacing: 10
+
+    Label {
+        text: root.strings.text("sidebar.profile")
+        color: "white"
+        font.pixelSize: 22
+        font.weight: Font.Bold
+    }
+    Label {
+        text: root.strings.text("profile.subtitle")
+        color: "#b0b0b8"
+        font.pixelSize: 13
+    }
+    RowLayout {
+        spacing: 8
+        Layout.topMargin: 12
+        Icon { name: "person.circle.fill"; size: 20; color: "#d0d0d5" }
+        Label {
+            text: root.strings.text("profile.email") + ": " + root.page.profileEmail
+            color: "white"
+            font.pixelSize: 13
+            Accessible.name: text
+        }
+    }
+    Button {
+        text: root.strings.text("sidebar.signOut")
+        Accessible.name: text
+        Accessible.onPressAction: clicked()
+        onClicked: root.page.signOut()
+    }
+    Item { Layout.fillHeight: true }
+}
