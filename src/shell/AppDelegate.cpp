@@ -68,18 +68,17 @@ QCoro::Task<> AppDelegate::applicationDidFinishLaunching()
         telemetry.appLaunched();
     });
 
-    const auto quit = [self] {
-        if (self)
-            self->quit();
-    };
     m_welcome = std::make_unique<WelcomeViewModel>(
         WelcomeViewModel::Services{m_env.clock, m_env.preferences, m_env.notifications, m_env.audioRights,
                                    m_env.keysRight, m_env.openSoundSettings, m_env.strings, *m_authViewModel});
     m_welcome->setSettings(m_userSettings.get());
     m_menuBar = std::make_unique<MenuBarViewModel>(*m_interviewViewModel, *m_authViewModel, m_env.strings,
-                                                   m_env.notifications, quit);
-    m_dashboard = std::make_unique<DashboardViewModel>(
-        DashboardViewModel::Services{m_env.strings, *m_authViewModel, m_env.notifications, quit});
+                                                   m_env.notifications, [this] { quit(); });
+    m_dashboard = std::make_unique<DashboardViewModel>(DashboardViewModel::Services{
+        m_env.strings, *m_authViewModel, m_env.notifications, m_env.updateStatus,
+        {*m_interviewViewModel, *m_userSettings, m_env.strings, m_env.audioRights, m_env.keysRight,
+         m_env.openSoundSettings},
+        m_env.version, m_env.build});
     m_overlay = std::make_unique<OverlayViewModel>(
         OverlayViewModel::Services{*m_interviewViewModel, *m_userSettings, m_env.strings, m_env.notifications,
                                    m_env.clock, ResumeCount::through(m_apiClient.get())});
@@ -179,8 +178,9 @@ void AppDelegate::handleLogout()
     showWelcome();
 }
 
-void AppDelegate::handleShowDashboard(const Notification& /*notification*/)
+void AppDelegate::handleShowDashboard(const Notification& notification)
 {
+    m_dashboard->showPage(notification.userInfo.value(u"page"_s));
     if (!m_authViewModel->isLoggedIn()) {
         showWelcome();
         return;

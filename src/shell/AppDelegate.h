@@ -28,6 +28,7 @@ class OverlayViewModel;
 class PreferencesStore;
 class QNetworkAccessManager;
 class TelemetryClient;
+class UpdateStatus;
 class UserSettings;
 class WelcomeViewModel;
 struct Notification;
@@ -48,6 +49,9 @@ public:
         ShellWindows& windows;
         KeyMonitors& keyMonitors;
         UpdateChecks& updateService;
+        UpdateStatus& updateStatus; // what the dashboard shows of updates
+        QString version;
+        QString build;
         AudioRights& audioRights;
         GlobalKeysRight& keysRight;
         std::function<std::unique_ptr<AuthTokenStore>()> makeAuthService;

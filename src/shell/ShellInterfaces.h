@@ -1,7 +1,6 @@
 #pragma once
 
 #include "KeySource.h"
-#include "Log.h"
 
 #include <QCoroTask>
 #include <QObject>
@@ -62,13 +61,4 @@ class GlobalKeysRight {
 public:
     virtual ~GlobalKeysRight() = default;
     virtual bool granted() = 0;
-};
-
-// Parts of the shell that come with later pieces of the program; until then each call says
-// in one log line that nothing happened.
-class LoggedUpdateChecks final : public UpdateChecks {
-public:
-    void setTelemetry(TelemetryClient*) override {}
-    void setUserId(std::optional<QString>) override {}
-    void startPeriodicCheck() override { logLine(u"Update", u"update checks are not available in this build"); }
 };

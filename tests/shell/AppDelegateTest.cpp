@@ -8,6 +8,8 @@
 #include "MenuBarViewModel.h"
 #include "TelemetryClient.h"
 
+#include <QAbstractItemModelTester>
+#include <QSignalSpy>
 #include <QUrlQuery>
 
 namespace {
@@ -159,6 +161,64 @@ TEST_F(AppDelegateTest, ReturningUserRefusedByTheBackendIsSignedOutEverywhere)
     EXPECT_EQ(shell.log, QStringList(3, u"show welcome"_s));
     settle();
     EXPECT_FALSE(telemetryEvents().contains(u"settings_opened"_s));
+}
+
+} // namespace
+
+namespace {
+
+// The dashboard as the delegate wires it: "showDashboard" picks a page only by its raw value,
+// and the sidebar follows the page and the language.
+TEST_F(AppDelegateTest, ShowDashboardSelectsAPageOnlyByItsRawValue)
+{
+    launch();
+    auto* dashboard = delegate->dashboard();
+    auto* sidebar = dashboard->sidebar();
+    QAbstractItemModelTester tester(sidebar, QAbstractItemModelTester::FailureReportingMode::Fatal);
+    EXPECT_EQ(dashboard->currentPage(), SidebarItem::general);
+
+    using enum SidebarItem;
+    // The page value posted, then the page shown.
+    const std::pair<QVariant, SidebarItem> cases[] = {
+        {u"resume"_s, resume},
+        {QVariant(), resume},
+        {u"nonsense"_s, resume},
+        {u"helpCenter"_s, helpCenter},
+        {u"HelpCenter"_s, helpCenter},
+        {u""_s, helpCenter},
+        {QVariant(5), helpCenter},
+        {QByteArray("general"), helpCenter},
+        {u"mockInterview"_s, mockInterview},
+        {u"general"_s, general},
+    };
+    for (const auto& [page, shown] : cases) {
+        h.notifications.post(Notifications::showDashboard, {},
+                             page.isValid() ? QVariantMap{{u"page"_s, page}} : QVariantMap{});
+        EXPECT_EQ(dashboard->currentPage(), shown) << page.toString().toStdString();
+        EXPECT_EQ(dashboard->currentIndex(), int(shown));
+    }
+
+    // Eight rows in order, one of them current, with the mock interview's row alone without a
+    // subtitle; a new language renames them in place.
+    ASSERT_EQ(sidebar->rowCount(), SidebarModel::itemCount);
+    QStringList raw, withoutSubtitle;
+    for (int row = 0; row < sidebar->rowCount(); ++row) {
+        const auto index = sidebar->index(row);
+        raw.append(index.data(SidebarModel::RawValueRole).toString());
+        if (index.data(SidebarModel::SubtitleRole).toString().isEmpty())
+            withoutSubtitle.append(raw.last());
+        EXPECT_EQ(index.data(SidebarModel::IsCurrentRole).toBool(), row == 0);
+    }
+    EXPECT_EQ(raw, (QStringList{u"general"_s, u"keybinds"_s, u"resume"_s, u"jobDescription"_s,
+                                u"mockInterview"_s, u"profile"_s, u"languages"_s, u"helpCenter"_s}));
+    EXPECT_EQ(withoutSubtitle, QStringList{u"mockInterview"_s});
+    QSignalSpy reset(sidebar, &QAbstractItemModel::modelReset);
+    QSignalSpy removed(sidebar, &QAbstractItemModel::rowsRemoved);
+    h.strings.setLanguageCode(u"de"_s);
+    EXPECT_EQ(sidebar->index(0).data(SidebarModel::TitleRole).toString(),
+              h.strings.text(u"sidebar.general"_s));
+    EXPECT_NE(h.strings.text(u"sidebar.general"_s), u"General"_s);
+    EXPECT_EQ(reset.count() + removed.count(), 0);
 }
 
 } // namespace

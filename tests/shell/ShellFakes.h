@@ -12,6 +12,7 @@
 #include "FakeBackend.h"
 #include "OverlayViewModel.h"
 #include "ShellInterfaces.h"
+#include "UpdateStatus.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -100,7 +101,7 @@ struct DelegateRig {
             backend.setRoute("POST", "/api/v1/auth/refresh", *refreshedBy);
         delegate = std::make_unique<AppDelegate>(AppDelegate::Environment{
             backend.origin(), h.clock, h.preferences, h.notifications, h.strings, windows, shell,
-            shell, h.rights, shell,
+            shell, updateStatus, u"1.2.3"_s, u"45"_s, h.rights, shell,
             [this, returning = refreshedBy.has_value()] {
                 shell.log.append(u"make token store"_s);
                 auto store = std::make_unique<InMemoryTokenStore>();
@@ -136,6 +137,7 @@ struct DelegateRig {
     FakeBackend backend;
     InterviewHarness h; // the clock, preferences, notifications, strings and the interview's fakes
     RecordingShell shell;
+    UpdateStatus updateStatus;
     InMemoryTokenStore* tokens = nullptr;
     std::function<QString()> crashLastState;
     QList<QUrl> opened;

@@ -4,7 +4,7 @@ import QtQuick.Controls.Basic
 import QtQuick.Layouts
 import QtQuick.Window
 
-// The dashboard: a sidebar and a page area.
+// The dashboard: the sidebar of pages with the account row below it, and the page beside it.
 Window {
     id: window
 
@@ -12,35 +12,13 @@ Window {
     readonly property AppStrings strings: dashboard.strings
 
     width: 880
-    height: 550
+    height: 600
     minimumWidth: 720
     minimumHeight: 450
     title: "RavletAI"
     color: "#1c1c21"
     flags: Qt.Window | Qt.WindowTitleHint | Qt.WindowCloseButtonHint | Qt.WindowMinimizeButtonHint
            | Qt.WindowMaximizeButtonHint | Qt.WindowStaysOnTopHint
-
-    component SidebarRow: ItemDelegate {
-        id: sidebarRow
-        property string symbol
-        Layout.fillWidth: true
-        font.pixelSize: 13
-        Accessible.name: text
-        Accessible.onPressAction: clicked()
-        contentItem: RowLayout {
-            spacing: 8
-            Icon { name: sidebarRow.symbol; size: 16; color: "#d0d0d5" }
-            Label { text: sidebarRow.text; color: "white"; font: sidebarRow.font; Layout.fillWidth: true }
-        }
-        // The style's own highlight is near white, under white text: a quiet tint on the dark
-        // sidebar instead.
-        background: Rectangle {
-            radius: 6
-            color: sidebarRow.highlighted ? Qt.rgba(1, 1, 1, 0.12)
-                 : sidebarRow.down ? Qt.rgba(1, 1, 1, 0.09)
-                 : sidebarRow.hovered ? Qt.rgba(1, 1, 1, 0.05) : "transparent"
-        }
-    }
 
     RowLayout {
         anchors.fill: parent
@@ -50,44 +28,138 @@ Window {
 
         Rectangle {
             color: "#232329"
-            Layout.preferredWidth: 200
+            Layout.preferredWidth: 220
             Layout.fillHeight: true
 
             ColumnLayout {
                 anchors.fill: parent
                 anchors.margins: 10
-                spacing: 2
-                SidebarRow {
-                    symbol: "person.circle.fill"
-                    text: window.strings.text("sidebar.profile")
-                    highlighted: true
+                spacing: 6
+
+                ListView {
+                    objectName: "sidebar"
+                    Layout.fillWidth: true
+                    Layout.fillHeight: true
+                    spacing: 2
+                    model: window.dashboard.sidebar
+                    delegate: ItemDelegate {
+                        id: row
+                        required property int index
+                        required property string title
+                        required property string subtitle
+                        required property string symbol
+                        required property bool isCurrent
+                        width: ListView.view.width
+                        text: title
+                        highlighted: isCurrent
+                        Accessible.name: title
+                        Accessible.onPressAction: clicked()
+                        onClicked: window.dashboard.currentIndex = index
+                        contentItem: RowLayout {
+                            spacing: 10
+                            Icon { name: row.symbol; size: 18; color: "#d0d0d5" }
+                            ColumnLayout {
+                                spacing: 1
+                                Layout.fillWidth: true
+                                Label { text: row.title; color: "white"; font.pixelSize: 13; Layout.fillWidth: true; elide: Text.ElideRight }
+                                Label {
+                                    text: row.subtitle
+                                    visible: text.length > 0
+                                    color: "#9a9aa2"
+                                    font.pixelSize: 10
+                                    Layout.fillWidth: true
+                                    elide: Text.ElideRight
+                                }
+                            }
+                        }
+                        // The style's own highlight is near white, under white text: a quiet tint
+                        // on the dark sidebar instead.
+                        background: Rectangle {
+                            radius: 6
+                            color: row.highlighted ? Qt.rgba(1, 1, 1, 0.12)
+                                 : row.down ? Qt.rgba(1, 1, 1, 0.09)
+                                 : row.hovered ? Qt.rgba(1, 1, 1, 0.05) : "transparent"
+                        }
+                    }
                 }
-                Item { Layout.fillHeight: true }
-                SidebarRow {
-                    symbol: "rectangle.portrait.and.arrow.right"
-                    text: window.strings.text("sidebar.signOut")
-                    onClicked: window.dashboard.profile.signOut()
-                }
-                SidebarRow {
-                    symbol: "power"
-                    text: window.strings.text("sidebar.quit")
-                    onClicked: window.dashboard.quit()
+
+                // The account row, with sign-out behind its menu.
+                RowLayout {
+                    spacing: 8
+                    Layout.fillWidth: true
+                    Icon { name: "person.circle.fill"; size: 22; color: "#d0d0d5" }
+                    ColumnLayout {
+                        spacing: 1
+                        Layout.fillWidth: true
+                        Label {
+                            text: window.dashboard.accountTitle
+                            color: "white"
+                            font.pixelSize: 12
+                            elide: Text.ElideRight
+                            Layout.fillWidth: true
+                            Accessible.name: text
+                        }
+                        Label {
+                            text: window.dashboard.accountSubtitle
+                            visible: text.length > 0
+                            color: "#9a9aa2"
+                            font.pixelSize: 11
+                            elide: Text.ElideRight
+                            Layout.fillWidth: true
+                        }
+                    }
+                    ToolButton {
+                        id: accountMenuButton
+                        Accessible.name: window.strings.text("dashboard.account_menu")
+                        Accessible.onPressAction: clicked()
+                        contentItem: Icon { name: "ellipsis"; size: 18; color: "#d0d0d5" }
+                        onClicked: accountMenu.open()
+                        Menu {
+                            id: accountMenu
+                            y: -implicitHeight
+                            MenuItem {
+                                text: window.strings.text("sidebar.signOut")
+                                Accessible.name: text
+                                onTriggered: window.dashboard.signOut()
+                            }
+                        }
+                    }
                 }
             }
         }
 
-        Item {
-            id: pageArea
-            objectName: "pageArea"
+        // One page per sidebar row, in the sidebar's order.
+        StackLayout {
+            id: pages
+            objectName: "pages"
+            currentIndex: window.dashboard.currentIndex
             Layout.fillWidth: true
             Layout.fillHeight: true
+            Layout.margins: 28
 
-            ProfilePage {
-                anchors.fill: parent
-                anchors.margins: 28
-                page: window.dashboard.profile
+            GeneralPage { page: window.dashboard.general; strings: window.strings }
+            NotBuiltPage {
                 strings: window.strings
+                title: window.strings.text("sidebar.keybinds")
+                subtitle: window.strings.text("keybinds.subtitle")
             }
+            NotBuiltPage {
+                strings: window.strings
+                title: window.strings.text("sidebar.resume")
+                subtitle: window.strings.text("resume.subtitle")
+            }
+            NotBuiltPage {
+                strings: window.strings
+                title: window.strings.text("sidebar.jobDescription")
+                subtitle: window.strings.text("jobDescription.subtitle")
+            }
+            NotBuiltPage {
+                strings: window.strings
+                title: window.strings.text("sidebar.mockInterview")
+            }
+            ProfilePage { page: window.dashboard.profile; strings: window.strings }
+            LanguagesPage { page: window.dashboard.languages; strings: window.strings }
+            HelpCenterPage { page: window.dashboard.helpCenter; strings: window.strings }
         }
     }
 }

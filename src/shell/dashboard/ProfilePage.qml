@@ -12,20 +12,12 @@ ColumnLayout {
 
     spacing: 10
 
-    Label {
-        text: root.strings.text("sidebar.profile")
-        color: "white"
-        font.pixelSize: 22
-        font.weight: Font.Bold
-    }
-    Label {
-        text: root.strings.text("profile.subtitle")
-        color: "#b0b0b8"
-        font.pixelSize: 13
+    PageHeader {
+        title: root.strings.text("sidebar.profile")
+        subtitle: root.strings.text("profile.subtitle")
     }
     RowLayout {
         spacing: 8
-        Layout.topMargin: 12
         Icon { name: "person.circle.fill"; size: 20; color: "#d0d0d5" }
         Label {
             text: root.strings.text("profile.email") + ": " + root.page.profileEmail

@@ -1,5 +1,6 @@
 #include "MenuBarViewModel.h"
 
+#include "AccountText.h"
 #include "AppStrings.h"
 #include "AuthViewModel.h"
 #include "InterviewViewModel.h"
@@ -52,22 +53,12 @@ QColor MenuBarViewModel::statusColor() const
 
 QString MenuBarViewModel::accountTitle() const
 {
-    if (!m_auth.isLoggedIn())
-        return m_strings.text(u"menu.sign_in"_s);
-    const auto& user = m_auth.currentUser();
-    if (user && user->displayName)
-        return *user->displayName;
-    return user ? user->email : m_strings.text(u"menu.logged_in"_s);
+    return AccountText::title(m_auth, m_strings);
 }
 
 QString MenuBarViewModel::accountSubtitle() const
 {
-    if (!m_auth.isLoggedIn())
-        return {};
-    const auto& user = m_auth.currentUser();
-    if (user && user->displayName)
-        return user->email;
-    return user ? m_strings.text(u"menu.logged_in"_s) : QString();
+    return AccountText::subtitle(m_auth, m_strings);
 }
 
 QString MenuBarViewModel::overlayText() const
