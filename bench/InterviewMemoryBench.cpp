@@ -534,13 +534,8 @@ int run(int minutes)
 
     OverlayViewModel overlay(OverlayViewModel::Services{vm, settings, strings, notifications, clock,
                                                         [] { return noResumes(); }});
-    ShellModels models;
-    models.interview = &vm;
-    models.settings = &settings;
-    models.strings = &strings;
-    models.overlay = &overlay;
     QmlShellWindows windows;
-    windows.createPanel(ShellWindows::Panel::overlay, models);
+    windows.createPanel(ShellWindows::Panel::overlay, overlay);
     QQuickWindow* window = windows.quickWindow(ShellWindows::Panel::overlay);
     windows.show(ShellWindows::Panel::overlay);
     if (!window || !QTest::qWaitForWindowExposed(window)) {

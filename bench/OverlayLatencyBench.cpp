@@ -74,18 +74,13 @@ Presses pressTrigger(LoopbackInterview& interview)
     OverlayViewModel overlay(OverlayViewModel::Services{vm, interview.settings, interview.strings,
                                                         interview.notifications, interview.clock,
                                                         [] { return noResumes(); }});
-    ShellModels models;
-    models.interview = &vm;
-    models.settings = &interview.settings;
-    models.strings = &interview.strings;
-    models.overlay = &overlay;
     QmlShellWindows windows;
-    windows.createPanel(ShellWindows::Panel::overlay, models);
+    windows.createPanel(ShellWindows::Panel::overlay, overlay);
     QQuickWindow* window = windows.quickWindow(ShellWindows::Panel::overlay);
     windows.show(ShellWindows::Panel::overlay);
     X11KeySource source;
     GlobalKeys keys(source);
-    keys.attach(models, window);
+    keys.attach(vm, interview.settings, window);
     keys.installKeyMonitors();
     XTestKeyboard keyboard;
     if (!window || !QTest::qWaitForWindowExposed(window) || !source.seesOtherPrograms() || !keyboard.isOpen()) {

@@ -25,6 +25,7 @@
 #include "RendererChoice.h"
 #include "SingleInstance.h"
 #include "SoundSettings.h"
+#include "UpdateStatus.h"
 #include "X11KeySource.h"
 #include "X11Workspaces.h"
 
@@ -108,7 +109,8 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
     QmlShellWindows windows;
     windows.setAllWorkspaces(showOnAllWorkspaces);
     GlobalKeys keyMonitors(keySource);
-    LoggedUpdateChecks updates;
+    UpdateStatus updateStatus;
+    LoggedUpdateChecks updates(updateStatus);
 
     AppDelegate delegate(AppDelegate::Environment{
         options.backendOrigin,
@@ -119,6 +121,10 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         windows,
         keyMonitors,
         updates,
+        updateStatus,
+        QString::fromUtf16(BuildConfig::version),
+        // No build counter exists apart from the version.
+        QString::fromUtf16(BuildConfig::version),
         rights,
         keySource,
         [] { return std::make_unique<AuthService>(std::make_shared<const KeychainHelper>()); },

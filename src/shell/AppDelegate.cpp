@@ -1,15 +1,16 @@
 #include "AppDelegate.h"
 
 #include "APIClient.h"
-#include "AppStrings.h"
 #include "AuthTokenStore.h"
 #include "AuthViewModel.h"
+#include "DashboardViewModel.h"
 #include "InterviewAdapters.h"
+#include "LaunchArguments.h"
 #include "Log.h"
 #include "MenuBarViewModel.h"
 #include "NotificationCenter.h"
 #include "OverlayViewModel.h"
-#include "SettingsViewModel.h"
+#include "ResumeCount.h"
 #include "TelemetryClient.h"
 #include "UserSettings.h"
 #include "WelcomeViewModel.h"
@@ -17,28 +18,8 @@
 #include <QGuiApplication>
 #include <QTimer>
 
-#include <stdexcept>
-
 using namespace Qt::StringLiterals;
 using Panel = ShellWindows::Panel;
-
-namespace {
-
-// The overlay's question whether the user has a resume, through the one client.
-QCoro::Task<qsizetype> countResumes(QPointer<APIClient> api)
-{
-    if (!api)
-        throw std::runtime_error("no backend client");
-    const auto wrapper = co_await api->fetchResumes();
-    co_return wrapper.resumes.size();
-}
-
-} // namespace
-
-void LoggedUpdateChecks::startPeriodicCheck()
-{
-    logLine(u"Update", u"update checks are not available in this build");
-}
 
 AppDelegate::AppDelegate(Environment environment, QObject* parent)
     : QObject(parent)
@@ -82,39 +63,33 @@ QCoro::Task<> AppDelegate::applicationDidFinishLaunching()
 
     m_env.installCrashReporter(m_telemetry.get(), [self] { return self ? self->lastState() : u"idle"_s; });
 
-    later([telemetry = QPointer(m_telemetry.get())] {
-        if (!telemetry)
-            return;
-        telemetry->start();
-        telemetry->appLaunched();
+    tellTelemetry([](TelemetryClient& telemetry) {
+        telemetry.start();
+        telemetry.appLaunched();
     });
 
-    m_welcome = std::make_unique<WelcomeViewModel>(WelcomeViewModel::Services{
-        m_env.clock, m_env.preferences, m_env.notifications, m_env.audioRights, m_env.keysRight,
-        m_env.openSoundSettings});
+    m_welcome = std::make_unique<WelcomeViewModel>(
+        WelcomeViewModel::Services{m_env.clock, m_env.preferences, m_env.notifications, m_env.audioRights,
+                                   m_env.keysRight, m_env.openSoundSettings, m_env.strings, *m_authViewModel});
     m_welcome->setSettings(m_userSettings.get());
     m_menuBar = std::make_unique<MenuBarViewModel>(*m_interviewViewModel, *m_authViewModel, m_env.strings,
-                                                   m_env.notifications, [self] {
-                                                       if (self)
-                                                           self->quit();
-                                                   });
-    m_settingsPage = std::make_unique<SettingsViewModel>(*m_authViewModel, m_env.notifications, [self] {
-        if (self)
-            self->quit();
-    });
-    m_overlay = std::make_unique<OverlayViewModel>(OverlayViewModel::Services{
-        *m_interviewViewModel, *m_userSettings, m_env.strings, m_env.notifications, m_env.clock,
-        [api = QPointer(m_apiClient.get())] { return countResumes(api); }});
-    m_models = ShellModels{m_interviewViewModel.get(), m_authViewModel.get(), m_userSettings.get(),
-                           &m_env.strings,           m_welcome.get(),       m_menuBar.get(),
-                           m_settingsPage.get(),     m_overlay.get()};
+                                                   m_env.notifications, [this] { quit(); });
+    m_dashboard = std::make_unique<DashboardViewModel>(DashboardViewModel::Services{
+        m_env.strings, *m_authViewModel, m_env.notifications, m_env.updateStatus,
+        {*m_interviewViewModel, *m_userSettings, m_env.strings, m_env.audioRights, m_env.keysRight,
+         m_env.openSoundSettings},
+        m_env.version, m_env.build});
+    m_overlay = std::make_unique<OverlayViewModel>(
+        OverlayViewModel::Services{*m_interviewViewModel, *m_userSettings, m_env.strings, m_env.notifications,
+                                   m_env.clock, ResumeCount::through(m_apiClient.get())});
 
-    m_env.windows.createMenuBarItem(m_models);
-    m_env.windows.createPanel(Panel::overlay, m_models);
-    m_env.keyMonitors.attach(m_models, m_env.windows.window(Panel::overlay));
+    // Every window is made now, so that a first "showDashboard" finds its page.
+    m_env.windows.createMenuBarItem(*m_menuBar);
+    m_env.windows.createPanel(Panel::overlay, *m_overlay);
+    m_env.keyMonitors.attach(*m_interviewViewModel, *m_userSettings, m_env.windows.window(Panel::overlay));
     m_env.keyMonitors.installEventTap();
-    m_env.windows.createPanel(Panel::settings, m_models);
-    m_env.windows.createPanel(Panel::welcome, m_models);
+    m_env.windows.createPanel(Panel::dashboard, *m_dashboard);
+    m_env.windows.createPanel(Panel::welcome, *m_welcome);
 
     addObservers();
     m_env.keyMonitors.installKeyMonitors();
@@ -143,7 +118,8 @@ void AppDelegate::addObservers()
 {
     auto& center = m_env.notifications;
     center.addObserver(Notifications::userDidLogout, this, [this](const Notification&) { handleLogout(); });
-    center.addObserver(Notifications::showDashboard, this, [this](const Notification&) { handleShowDashboard(); });
+    center.addObserver(Notifications::showDashboard, this,
+                       [this](const Notification& n) { handleShowDashboard(n); });
     center.addObserver(Notifications::toggleOverlay, this, [this](const Notification&) { handleToggleOverlay(); });
     center.addObserver(Notifications::triggerAI, this, [this](const Notification&) { handleTriggerAI(); });
     center.addObserver(Notifications::startOAuthLogin, this, [this](const Notification&) { handleStartOAuthLogin(); });
@@ -152,12 +128,15 @@ void AppDelegate::addObservers()
     center.addObserver(Notifications::startMockInterview, this,
                        [this](const Notification& n) { handleStartMockInterview(n); });
     center.addObserver(Notifications::aiTriggerKeyChanged, this,
-                       [this](const Notification&) { handleTriggerKeyChanged(); });
+                       [this](const Notification&) { m_env.keyMonitors.installKeyMonitors(); });
 }
 
-void AppDelegate::later(std::function<void()> work)
+void AppDelegate::tellTelemetry(std::function<void(TelemetryClient&)> event)
 {
-    QTimer::singleShot(0, this, std::move(work));
+    QTimer::singleShot(0, this, [telemetry = QPointer(m_telemetry.get()), event = std::move(event)] {
+        if (telemetry)
+            event(*telemetry);
+    });
 }
 
 void AppDelegate::showWelcome()
@@ -187,35 +166,27 @@ void AppDelegate::setOverlayVisible(bool visible)
     else
         m_env.windows.hide(Panel::overlay);
     m_env.notifications.post(Notifications::overlayVisibilityChanged, visible);
-    later([telemetry = QPointer(m_telemetry.get()), visible] {
-        if (telemetry)
-            telemetry->overlayToggled(visible);
-    });
+    tellTelemetry([visible](TelemetryClient& telemetry) { telemetry.overlayToggled(visible); });
 }
 
 void AppDelegate::handleLogout()
 {
     // A running interview is left alone: its captures and recognisers stop by their own logic.
-    m_env.windows.hide(Panel::settings);
+    m_env.windows.hide(Panel::dashboard);
     m_env.windows.hide(Panel::overlay);
-    later([telemetry = QPointer(m_telemetry.get())] {
-        if (telemetry)
-            telemetry->overlayToggled(false);
-    });
+    tellTelemetry([](TelemetryClient& telemetry) { telemetry.overlayToggled(false); });
     showWelcome();
 }
 
-void AppDelegate::handleShowDashboard()
+void AppDelegate::handleShowDashboard(const Notification& notification)
 {
+    m_dashboard->showPage(notification.userInfo.value(u"page"_s));
     if (!m_authViewModel->isLoggedIn()) {
         showWelcome();
         return;
     }
-    m_env.windows.show(Panel::settings);
-    later([telemetry = QPointer(m_telemetry.get())] {
-        if (telemetry)
-            telemetry->settingsOpened();
-    });
+    m_env.windows.show(Panel::dashboard);
+    tellTelemetry([](TelemetryClient& telemetry) { telemetry.settingsOpened(); });
 }
 
 void AppDelegate::handleToggleOverlay()
@@ -228,15 +199,9 @@ void AppDelegate::handleToggleOverlay()
 void AppDelegate::handleTriggerAI()
 {
     m_interviewViewModel->triggerAIAnswer();
-    later([telemetry = QPointer(m_telemetry.get()), name = m_userSettings->aiTriggerKey().displayName] {
-        if (telemetry)
-            telemetry->hotkeyUsed(name);
+    tellTelemetry([name = m_userSettings->aiTriggerKey().displayName](TelemetryClient& telemetry) {
+        telemetry.hotkeyUsed(name);
     });
-}
-
-void AppDelegate::handleTriggerKeyChanged()
-{
-    m_env.keyMonitors.installKeyMonitors();
 }
 
 void AppDelegate::handleStartOAuthLogin()
@@ -268,9 +233,8 @@ void AppDelegate::handleApiRequestFailed(const Notification& notification)
         || statusType == QMetaType::UInt || statusType == QMetaType::ULongLong;
     if (route.metaType().id() != QMetaType::QString || !isInteger)
         return;
-    later([telemetry = QPointer(m_telemetry.get()), route = route.toString(), status = status.toLongLong()] {
-        if (telemetry)
-            telemetry->apiFailed(route, status);
+    tellTelemetry([route = route.toString(), status = status.toLongLong()](TelemetryClient& telemetry) {
+        telemetry.apiFailed(route, status);
     });
 }
 
@@ -289,32 +253,22 @@ void AppDelegate::openURLs(const QList<QUrl>& urls)
 
 void AppDelegate::handleLaunchArguments(const QStringList& arguments)
 {
-    QList<QUrl> urls;
-    for (const auto& argument : arguments) {
-        if (argument == u"--quit"_s) {
-            quit();
-            return;
-        }
-        if (argument == u"--settings"_s) {
-            m_env.notifications.post(Notifications::showDashboard);
-            return;
-        }
-        if (argument == u"--show-overlay"_s) {
-            if (!m_env.windows.isVisible(Panel::overlay))
-                m_env.notifications.post(Notifications::toggleOverlay);
-            return;
-        }
-        const QUrl url(argument, QUrl::StrictMode);
-        if (url.isValid() && !url.scheme().isEmpty())
-            urls.append(url);
-    }
-    if (!urls.isEmpty()) {
-        openURLs(urls);
+    const auto parsed = LaunchArguments::parse(arguments);
+    switch (parsed.action) {
+    case LaunchArguments::Action::quit:
+        quit();
+        return;
+    case LaunchArguments::Action::showOverlay:
+        if (!m_env.windows.isVisible(Panel::overlay))
+            m_env.notifications.post(Notifications::toggleOverlay);
+        return;
+    case LaunchArguments::Action::openUrls:
+        openURLs(parsed.urls);
+        return;
+    case LaunchArguments::Action::showDashboard:
+        m_env.notifications.post(Notifications::showDashboard);
         return;
     }
-    // A start with nothing to do stands in for a click on the menu-bar item where no tray
-    // exists: it brings the dashboard forward.
-    m_env.notifications.post(Notifications::showDashboard);
 }
 
 void AppDelegate::handleStartMockInterview(const Notification& notification)
@@ -326,15 +280,6 @@ void AppDelegate::handleStartMockInterview(const Notification& notification)
     if (!m_apiClient)
         return;
     logLine(u"Mock", u"practice interviews are not available in this build");
-}
-
-void AppDelegate::endMockSession()
-{
-    if (m_isCleaningUpMockSession)
-        return;
-    m_isCleaningUpMockSession = true;
-    logLine(u"Mock", u"no practice session to end in this build");
-    m_isCleaningUpMockSession = false;
 }
 
 void AppDelegate::quit()

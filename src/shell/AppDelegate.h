@@ -20,20 +20,21 @@ class AudioRights;
 class AuthTokenStore;
 class AuthViewModel;
 class Clock;
+class DashboardViewModel;
 class InterviewBackend;
 class MenuBarViewModel;
 class NotificationCenter;
 class OverlayViewModel;
 class PreferencesStore;
 class QNetworkAccessManager;
-class SettingsViewModel;
 class TelemetryClient;
+class UpdateStatus;
 class UserSettings;
 class WelcomeViewModel;
 struct Notification;
 
 // Owns every long-lived object of the program and wires them together; handles the program's
-// notifications. It holds no behaviour of its own beyond that wiring: the view models do.
+// notifications. The windows' behaviour lives in their view models.
 class AppDelegate : public QObject {
     Q_OBJECT
 
@@ -48,6 +49,9 @@ public:
         ShellWindows& windows;
         KeyMonitors& keyMonitors;
         UpdateChecks& updateService;
+        UpdateStatus& updateStatus; // what the dashboard shows of updates
+        QString version;
+        QString build;
         AudioRights& audioRights;
         GlobalKeysRight& keysRight;
         std::function<std::unique_ptr<AuthTokenStore>()> makeAuthService;
@@ -84,35 +88,35 @@ public:
     AuthViewModel& authViewModel() const { return *m_authViewModel; }
     OAuthService& oauthService() const { return *m_oauthService; }
     APIClient* apiClient() const { return m_apiClient.get(); }
-    const ShellModels& models() const { return m_models; }
-    bool isCleaningUpMockSession() const { return m_isCleaningUpMockSession; }
+    // The windows' root view models, made at launch.
+    OverlayViewModel* overlay() const { return m_overlay.get(); }
+    WelcomeViewModel* welcome() const { return m_welcome.get(); }
+    MenuBarViewModel* menuBar() const { return m_menuBar.get(); }
+    DashboardViewModel* dashboard() const { return m_dashboard.get(); }
     // The last task this delegate started (tests wait for it).
     const TaskHandle& lastTask() const { return m_lastTask; }
 
     // The last state a crash report would carry.
     QString lastState() const;
 
-    // Called when the practice window closes.
-    void endMockSession();
-
 private:
     void addObservers();
     void handleLogout();
-    void handleShowDashboard();
+    void handleShowDashboard(const Notification& notification);
     void handleToggleOverlay();
     void handleTriggerAI();
     void handleStartOAuthLogin();
     void handleApiRequestFailed(const Notification& notification);
     void handleStartMockInterview(const Notification& notification);
-    void handleTriggerKeyChanged();
 
     void showWelcome();
     void postSignIn(bool afterBrowserSignIn);
     void setOverlayVisible(bool visible);
     QCoro::Task<> restoreAndContinue();
     QCoro::Task<> finishSignIn(QString code);
-    // A task on the main thread's event loop, a turn later, as the designed tasks are.
-    void later(std::function<void()> work);
+    // Telemetry is told on the main thread's event loop a turn later, as the designed tasks
+    // are, and only while it exists.
+    void tellTelemetry(std::function<void(TelemetryClient&)> event);
 
     Environment m_env;
     // Owned objects, made at construction in this order.
@@ -126,9 +130,7 @@ private:
     std::unique_ptr<APIClient> m_apiClient;
     std::unique_ptr<WelcomeViewModel> m_welcome;
     std::unique_ptr<MenuBarViewModel> m_menuBar;
-    std::unique_ptr<SettingsViewModel> m_settingsPage;
+    std::unique_ptr<DashboardViewModel> m_dashboard;
     std::unique_ptr<OverlayViewModel> m_overlay;
-    ShellModels m_models;
-    bool m_isCleaningUpMockSession = false;
     TaskHandle m_lastTask;
 };

@@ -37,6 +37,16 @@ const QHash<QString, char32_t>& nameMap()
         {u"wand.and.sparkles"_s, 0xF068},          // auto-fix
         {u"chevron.left"_s, 0xF141},               // chevron-left
         {u"chevron.right"_s, 0xF142},              // chevron-right
+        {u"gearshape.fill"_s, 0xF493},             // settings
+        {u"keyboard.fill"_s, 0xF30C},              // keyboard
+        {u"person.wave.2.fill"_s, 0xF5CB},         // voice
+        {u"person.crop.circle.fill"_s, 0xF009},    // account-circle
+        {u"globe"_s, 0xF1E7},                      // earth
+        {u"questionmark.circle.fill"_s, 0xF2D7},   // help-circle
+        {u"exclamationmark.triangle.fill"_s, 0xF026}, // alert
+        {u"arrow.down.circle.fill"_s, 0xF047},     // arrow-down-bold-circle
+        {u"ellipsis"_s, 0xF1D8},                   // dots-horizontal
+        {u"checkmark.circle.fill"_s, 0xF5E0},      // check-circle
     };
     return map;
 }

@@ -1,18 +1,8 @@
 #include "QmlShellWindows.h"
 
-#include "AppStrings.h"
-#include "AuthViewModel.h"
-#include "InterviewViewModel.h"
-#include "MenuBarViewModel.h"
-#include "OverlayViewModel.h"
-#include "SettingsViewModel.h"
-#include "UserSettings.h"
-#include "WelcomeViewModel.h"
-#include "Log.h"
 #include "TrayIcon.h"
 
 #include <QGuiApplication>
-#include <QQmlComponent>
 #include <QQuickWindow>
 #include <QScreen>
 
@@ -20,17 +10,22 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-QString fileOf(ShellWindows::Panel panel)
+struct WindowFile {
+    QString file;
+    QString viewModel; // the name of its root view model
+};
+
+WindowFile fileOf(ShellWindows::Panel panel)
 {
     switch (panel) {
     case ShellWindows::Panel::overlay:
-        return u"OverlayWindow.qml"_s;
-    case ShellWindows::Panel::settings:
-        return u"SettingsWindow.qml"_s;
+        return {u"OverlayWindow.qml"_s, u"overlay"_s};
+    case ShellWindows::Panel::dashboard:
+        return {u"DashboardWindow.qml"_s, u"dashboard"_s};
     case ShellWindows::Panel::welcome:
         break;
     }
-    return u"WelcomeWindow.qml"_s;
+    return {u"WelcomeWindow.qml"_s, u"welcome"_s};
 }
 
 } // namespace
@@ -49,58 +44,15 @@ void QmlShellWindows::destroyWindows()
         delete window.data();
 }
 
-QUrl QmlShellWindows::fileUrl(const QString& fileName)
+void QmlShellWindows::createMenuBarItem(MenuBarViewModel& menuBar)
 {
-    return QUrl(u"qrc:/Ravlet/Shell/"_s + fileName);
+    m_tray = std::make_unique<TrayIcon>(m_factory, menuBar);
 }
 
-QQuickWindow* QmlShellWindows::createWindow(const QString& fileName, const ShellModels& models)
+void QmlShellWindows::createPanel(Panel panel, QObject& viewModel)
 {
-    QQmlComponent component(&m_engine, fileUrl(fileName));
-    if (!component.isReady()) {
-        // Every window is part of the program itself, so this is a fault of the build.
-        logLine(u"App", u"window "_s + fileName + u" failed: "_s + component.errorString());
-        return nullptr;
-    }
-    const QVariantMap properties{
-        {u"interview"_s, QVariant::fromValue(models.interview)},
-        {u"auth"_s, QVariant::fromValue(models.auth)},
-        {u"settings"_s, QVariant::fromValue(models.settings)},
-        {u"strings"_s, QVariant::fromValue(models.strings)},
-        {u"welcome"_s, QVariant::fromValue(models.welcome)},
-        {u"menuBar"_s, QVariant::fromValue(models.menuBar)},
-        {u"settingsPage"_s, QVariant::fromValue(models.settingsPage)},
-        {u"overlay"_s, QVariant::fromValue(models.overlay)},
-    };
-    // Bindings run at completion, once the models are in place.
-    QObject* object = component.beginCreate(m_engine.rootContext());
-    if (object) {
-        // Each window declares the models it shows.
-        QVariantMap declared;
-        for (auto it = properties.cbegin(); it != properties.cend(); ++it) {
-            if (object->metaObject()->indexOfProperty(it.key().toUtf8().constData()) >= 0)
-                declared.insert(it.key(), it.value());
-        }
-        component.setInitialProperties(object, declared);
-    }
-    component.completeCreate();
-    auto* window = qobject_cast<QQuickWindow*>(object);
-    if (!window) {
-        logLine(u"App", u"window "_s + fileName + u" failed: "_s + component.errorString());
-        delete object;
-        return nullptr;
-    }
-    return window;
-}
-
-void QmlShellWindows::createMenuBarItem(const ShellModels& models)
-{
-    m_tray = std::make_unique<TrayIcon>(*this, models);
-}
-
-void QmlShellWindows::createPanel(Panel panel, const ShellModels& models)
-{
-    auto* window = createWindow(fileOf(panel), models);
+    const auto [file, name] = fileOf(panel);
+    auto* window = m_factory.createWindow(file, name, &viewModel);
     m_panels[static_cast<std::size_t>(panel)] = window;
     if (!window || panel != Panel::overlay)
         return;

@@ -1,10 +1,9 @@
 #pragma once
 
+#include "QmlWindowFactory.h"
 #include "ShellInterfaces.h"
 
 #include <QPointer>
-#include <QQmlEngine>
-
 #include <QQuickWindow>
 
 #include <array>
@@ -24,8 +23,8 @@ public:
     // frame, and an answer's first words took two such waits to reach the screen.
     static void prepareDrawing();
 
-    void createMenuBarItem(const ShellModels& models) override;
-    void createPanel(Panel panel, const ShellModels& models) override;
+    void createMenuBarItem(MenuBarViewModel& menuBar) override;
+    void createPanel(Panel panel, QObject& viewModel) override;
     bool hasPanel(Panel panel) const override;
     void show(Panel panel) override;
     void hide(Panel panel) override;
@@ -43,13 +42,8 @@ public:
     static constexpr int overlayBottomInset = 48;
     TrayIcon* trayIcon() const { return m_tray.get(); }
 
-    // The module's files as the engine loads them: Qt 6.4 has no loading by module name.
-    static QUrl fileUrl(const QString& fileName);
-    // Makes the root object of a window file with the models as its initial properties.
-    QQuickWindow* createWindow(const QString& fileName, const ShellModels& models);
-
 private:
-    QQmlEngine m_engine;
+    QmlWindowFactory m_factory;
     std::array<QPointer<QQuickWindow>, 3> m_panels;
     std::unique_ptr<TrayIcon> m_tray;
     std::function<void(QWindow&)> m_pinToAllWorkspaces;

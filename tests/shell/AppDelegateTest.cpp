@@ -4,10 +4,12 @@
 #include "ShellFakes.h"
 
 #include "APIClient.h"
+#include "DashboardViewModel.h"
 #include "MenuBarViewModel.h"
-#include "SettingsViewModel.h"
 #include "TelemetryClient.h"
 
+#include <QAbstractItemModelTester>
+#include <QSignalSpy>
 #include <QUrlQuery>
 
 namespace {
@@ -70,13 +72,13 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndHandlesTheOverlayFailuresAn
               (QStringList{u"make token store"_s, u"make interview services"_s,
                            u"give client to interview"_s, u"install crash reporter after wiring"_s,
                            u"create menu bar item"_s, u"create overlay"_s, u"install tap"_s,
-                           u"create settings"_s, u"create welcome"_s, u"install key monitors"_s,
+                           u"create dashboard"_s, u"create welcome"_s, u"install key monitors"_s,
                            u"start update check"_s, u"show welcome"_s}));
     EXPECT_EQ(backend.totalRequests(), 0) << "no stored token, no request";
 
     // A start that asks for the overlay leaves it showing.
     shell.log.clear();
-    auto* menu = delegate->models().menuBar;
+    auto* menu = delegate->menuBar();
     menu->toggleOverlay();
     EXPECT_TRUE(menu->isOverlayVisible());
     delegate->handleLaunchArguments({u"--show-overlay"_s});
@@ -120,9 +122,9 @@ TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutComesBackByADeepLinkAndQu
 
     h.notifications.post(Notifications::showDashboard);
     shell.log.clear();
-    delegate->models().settingsPage->signOut();
+    delegate->dashboard()->profile()->signOut();
     settle();
-    EXPECT_EQ(shell.log, (QStringList{u"hide settings"_s, u"hide overlay"_s, u"show welcome"_s}));
+    EXPECT_EQ(shell.log, (QStringList{u"hide dashboard"_s, u"hide overlay"_s, u"show welcome"_s}));
     EXPECT_EQ(tokens->item(AuthTokenStore::refreshTokenKey), std::nullopt);
 
     backend.setRoute("POST", "/api/v1/auth/exchange", tokenPair(u"u-1"_s, u"a@example.com"_s));
@@ -159,6 +161,64 @@ TEST_F(AppDelegateTest, ReturningUserRefusedByTheBackendIsSignedOutEverywhere)
     EXPECT_EQ(shell.log, QStringList(3, u"show welcome"_s));
     settle();
     EXPECT_FALSE(telemetryEvents().contains(u"settings_opened"_s));
+}
+
+} // namespace
+
+namespace {
+
+// The dashboard as the delegate wires it: "showDashboard" picks a page only by its raw value,
+// and the sidebar follows the page and the language.
+TEST_F(AppDelegateTest, ShowDashboardSelectsAPageOnlyByItsRawValue)
+{
+    launch();
+    auto* dashboard = delegate->dashboard();
+    auto* sidebar = dashboard->sidebar();
+    QAbstractItemModelTester tester(sidebar, QAbstractItemModelTester::FailureReportingMode::Fatal);
+    EXPECT_EQ(dashboard->currentPage(), SidebarItem::general);
+
+    using enum SidebarItem;
+    // The page value posted, then the page shown.
+    const std::pair<QVariant, SidebarItem> cases[] = {
+        {u"resume"_s, resume},
+        {QVariant(), resume},
+        {u"nonsense"_s, resume},
+        {u"helpCenter"_s, helpCenter},
+        {u"HelpCenter"_s, helpCenter},
+        {u""_s, helpCenter},
+        {QVariant(5), helpCenter},
+        {QByteArray("general"), helpCenter},
+        {u"mockInterview"_s, mockInterview},
+        {u"general"_s, general},
+    };
+    for (const auto& [page, shown] : cases) {
+        h.notifications.post(Notifications::showDashboard, {},
+                             page.isValid() ? QVariantMap{{u"page"_s, page}} : QVariantMap{});
+        EXPECT_EQ(dashboard->currentPage(), shown) << page.toString().toStdString();
+        EXPECT_EQ(dashboard->currentIndex(), int(shown));
+    }
+
+    // Eight rows in order, one of them current, with the mock interview's row alone without a
+    // subtitle; a new language renames them in place.
+    ASSERT_EQ(sidebar->rowCount(), SidebarModel::itemCount);
+    QStringList raw, withoutSubtitle;
+    for (int row = 0; row < sidebar->rowCount(); ++row) {
+        const auto index = sidebar->index(row);
+        raw.append(index.data(SidebarModel::RawValueRole).toString());
+        if (index.data(SidebarModel::SubtitleRole).toString().isEmpty())
+            withoutSubtitle.append(raw.last());
+        EXPECT_EQ(index.data(SidebarModel::IsCurrentRole).toBool(), row == 0);
+    }
+    EXPECT_EQ(raw, (QStringList{u"general"_s, u"keybinds"_s, u"resume"_s, u"jobDescription"_s,
+                                u"mockInterview"_s, u"profile"_s, u"languages"_s, u"helpCenter"_s}));
+    EXPECT_EQ(withoutSubtitle, QStringList{u"mockInterview"_s});
+    QSignalSpy reset(sidebar, &QAbstractItemModel::modelReset);
+    QSignalSpy removed(sidebar, &QAbstractItemModel::rowsRemoved);
+    h.strings.setLanguageCode(u"de"_s);
+    EXPECT_EQ(sidebar->index(0).data(SidebarModel::TitleRole).toString(),
+              h.strings.text(u"sidebar.general"_s));
+    EXPECT_NE(h.strings.text(u"sidebar.general"_s), u"General"_s);
+    EXPECT_EQ(reset.count() + removed.count(), 0);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "DisplayFixture.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QFile>
 #include <QProcess>
 #include <QQmlContext>
@@ -85,7 +86,7 @@ QQuickItem* DisplayFixture::findByAccessibleName(QQuickWindow* window, const QSt
 void DisplayFixture::saveScreenshot(QQuickWindow* window, const QString& name)
 {
     QTest::qWait(100); // the frame after the last change
-    QDir().mkpath(QStringLiteral(RAVLET_SCREENSHOT_DIR));
-    window->grabWindow().save(QStringLiteral(RAVLET_SCREENSHOT_DIR "/") + name
-                              + QStringLiteral(".png"));
+    const QString path = QStringLiteral(RAVLET_SCREENSHOT_DIR "/") + name + QStringLiteral(".png");
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    window->grabWindow().save(path);
 }

@@ -3,6 +3,7 @@
 // OverlayWindowTest.)
 
 #include "OverlayKeys.h"
+#include "KeySource.h"
 #include "UserSettings.h"
 #include "X11KeyTable.h"
 
@@ -10,7 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 using namespace OverlayKeys;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -109,3 +113,55 @@ TEST(OverlayKeysTest, EveryKeyOfTheSettingsTablesHasItsKeysymAndBack)
 }
 
 } // namespace
+
+// A source whose keys the test types; it records when the desktop would be asked to report.
+class TypedKeySource final : public KeySource {
+public:
+    bool seesOtherPrograms() const override { return true; }
+    void grabArrows(ArrowHandler) override {}
+    void releaseArrows() override {}
+    void type(quint16 code) { deliverKey(code, true); }
+    QList<bool> observing;
+
+protected:
+    void setObserving(bool on) override { observing.append(on); }
+};
+
+// Readers come and go in any order, one may drop another while a key is on its way, and a
+// subscription may outlive its source; the desktop reports keys exactly while anyone listens.
+TEST(KeySourceTest, EveryReaderSeesTheKeysUntilItsSubscriptionGoes)
+{
+    auto source = std::make_unique<TypedKeySource>();
+    QList<QString> seen;
+    KeySource::Subscription monitors = source->observeKeys(
+        [&](quint16 code, bool) { seen.append(u"monitors "_s + QString::number(code)); });
+    KeySource::Subscription recorder;
+    recorder = source->observeKeys([&](quint16 code, bool) {
+        seen.append(u"recorder "_s + QString::number(code));
+        monitors.reset(); // what a recording that takes the key over does
+    });
+    EXPECT_EQ(source->observing, QList<bool>{true});
+    source->type(f5);
+    source->type(rightShift);
+    EXPECT_EQ(seen, (QList<QString>{u"monitors 96"_s, u"recorder 96"_s, u"recorder 60"_s}));
+    EXPECT_FALSE(monitors.isActive());
+
+    // Moved, the subscription is still the one reader; replaced, the old one stops.
+    KeySource::Subscription moved = std::move(recorder);
+    EXPECT_FALSE(recorder.isActive());
+    EXPECT_TRUE(moved.isActive());
+    moved = source->observeKeys(
+        [&](quint16 code, bool) { seen.append(u"tester "_s + QString::number(code)); });
+    seen.clear();
+    source->type(f5);
+    EXPECT_EQ(seen, QList<QString>{u"tester 96"_s});
+    EXPECT_EQ(source->observing, QList<bool>{true});
+    moved.reset();
+    EXPECT_FALSE(source->observeKeys({}).isActive());
+    auto late = source->observeKeys([](quint16, bool) {});
+    EXPECT_EQ(source->observing, (QList<bool>{true, false, true}));
+
+    source.reset();
+    late.reset(); // after the source: nothing left to tell
+    EXPECT_FALSE(late.isActive());
+}

@@ -132,12 +132,8 @@ protected:
                 throw std::runtime_error("no resume list in this test");
                 co_return 0;
             }});
-        models = {.interview = &h.vm,
-                  .settings = &h.settings,
-                  .strings = &h.strings,
-                  .overlay = overlay.get()};
         windows.setAllWorkspaces(showOnAllWorkspaces);
-        windows.createPanel(ShellWindows::Panel::overlay, models);
+        windows.createPanel(ShellWindows::Panel::overlay, *overlay);
         window = windows.quickWindow(ShellWindows::Panel::overlay);
         ASSERT_NE(window, nullptr);
         windows.show(ShellWindows::Panel::overlay);
@@ -174,7 +170,6 @@ protected:
 
     InterviewHarness h;
     std::unique_ptr<OverlayViewModel> overlay;
-    ShellModels models;
     QmlShellWindows windows;
     QQuickWindow* window = nullptr;
 };
@@ -235,7 +230,7 @@ TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTa
     X11KeySource source;
     ASSERT_TRUE(source.seesOtherPrograms());
     GlobalKeys keys(source);
-    keys.attach(models, window);
+    keys.attach(h.vm, h.settings, window);
     keys.installEventTap();
     // Pressed through XTEST, as a keyboard would, then "a", nobody's key: the X server sends a
     // key to every client before the video call can print it, so once the video call has "a"

@@ -12,6 +12,7 @@
 #include "FakeBackend.h"
 #include "OverlayViewModel.h"
 #include "ShellInterfaces.h"
+#include "UpdateStatus.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -28,11 +29,11 @@ class RecordingShell final : public ShellWindows,
 public:
     static QString name(Panel panel)
     {
-        return QStringList{u"overlay"_s, u"settings"_s, u"welcome"_s}.at(int(panel));
+        return QStringList{u"overlay"_s, u"dashboard"_s, u"welcome"_s}.at(int(panel));
     }
 
-    void createMenuBarItem(const ShellModels&) override { log.append(u"create menu bar item"_s); }
-    void createPanel(Panel panel, const ShellModels&) override
+    void createMenuBarItem(MenuBarViewModel&) override { log.append(u"create menu bar item"_s); }
+    void createPanel(Panel panel, QObject&) override
     {
         log.append(u"create "_s + name(panel));
         m_created[int(panel)] = true;
@@ -44,7 +45,7 @@ public:
     QObject* window(Panel) const override { return nullptr; }
     void destroyWindows() override { m_created = {}; }
 
-    void attach(const ShellModels&, QObject*) override {}
+    void attach(InterviewViewModel&, UserSettings&, QObject*) override {}
     void installKeyMonitors() override { log.append(u"install key monitors"_s); }
     void removeEventTap() override { log.append(u"remove tap"_s); }
     void installEventTap() override { log.append(u"install tap"_s); }
@@ -84,8 +85,7 @@ struct DelegateRig {
     // delegate and its client go, or the coroutine waiting for it is never resumed.
     void finish()
     {
-        if (delegate && delegate->models().overlay
-            && delegate->models().overlay->isCheckingResumes()) {
+        if (delegate && delegate->overlay() && delegate->overlay()->isCheckingResumes()) {
             EXPECT_TRUE(QTest::qWaitFor(
                 [&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
             QTest::qWait(100); // the answer is on its way back
@@ -101,7 +101,7 @@ struct DelegateRig {
             backend.setRoute("POST", "/api/v1/auth/refresh", *refreshedBy);
         delegate = std::make_unique<AppDelegate>(AppDelegate::Environment{
             backend.origin(), h.clock, h.preferences, h.notifications, h.strings, windows, shell,
-            shell, h.rights, shell,
+            shell, updateStatus, u"1.2.3"_s, u"45"_s, h.rights, shell,
             [this, returning = refreshedBy.has_value()] {
                 shell.log.append(u"make token store"_s);
                 auto store = std::make_unique<InMemoryTokenStore>();
@@ -137,6 +137,7 @@ struct DelegateRig {
     FakeBackend backend;
     InterviewHarness h; // the clock, preferences, notifications, strings and the interview's fakes
     RecordingShell shell;
+    UpdateStatus updateStatus;
     InMemoryTokenStore* tokens = nullptr;
     std::function<QString()> crashLastState;
     QList<QUrl> opened;

@@ -57,8 +57,7 @@ TEST_P(WelcomeLanguageTest, ShowsEachRightsStateInTheLanguageAndItsDirection)
     h.rights.microphone = false;
     shell.keysGranted = true;
     launch(QString::fromLatin1(GetParam()));
-    ASSERT_TRUE(
-        QTest::qWaitFor([&] { return delegate->models().welcome->screenPermission(); }, 5000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate->welcome()->screenPermission(); }, 5000));
     EXPECT_TRUE(row("label.screen_recording", "label.granted"));
     auto* microphone = row("label.microphone", "btn.allow");
     ASSERT_TRUE(microphone);
@@ -101,7 +100,7 @@ TEST_F(WindowsTest, RightThatAppearsTurnsItsRowToGrantedAtTheNextPoll)
     EXPECT_TRUE(QTest::qWaitFor(
         [&] { return row("label.screen_recording", "label.granted") != nullptr; }, 5000));
     windows.hide(ShellWindows::Panel::welcome);
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->models().welcome->isPolling(); }, 2000))
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->welcome()->isPolling(); }, 2000))
         << "the timer outlived the panel";
 }
 

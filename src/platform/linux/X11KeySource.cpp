@@ -71,13 +71,12 @@ X11KeySource::~X11KeySource()
         xcb_disconnect(m_connection);
 }
 
-void X11KeySource::observeKeys(KeyHandler handler)
+void X11KeySource::setObserving(bool observing)
 {
-    m_keys = std::move(handler);
     if (!m_connection) {
         // The stand-in: keys typed into this program's own windows.
         auto* application = QCoreApplication::instance();
-        if (m_keys && application && !m_filtering) {
+        if (observing && application && !m_filtering) {
             application->installEventFilter(this);
             m_filtering = true;
         }
@@ -87,7 +86,7 @@ void X11KeySource::observeKeys(KeyHandler handler)
         xcb_input_event_mask_t head;
         std::uint32_t bits;
     } mask{{XCB_INPUT_DEVICE_ALL_MASTER, 1},
-           m_keys ? std::uint32_t(XCB_INPUT_XI_EVENT_MASK_RAW_KEY_PRESS | XCB_INPUT_XI_EVENT_MASK_RAW_KEY_RELEASE) : 0u};
+           observing ? std::uint32_t(XCB_INPUT_XI_EVENT_MASK_RAW_KEY_PRESS | XCB_INPUT_XI_EVENT_MASK_RAW_KEY_RELEASE) : 0u};
     xcb_input_xi_select_events(m_connection, m_root, 1, &mask.head);
     xcb_flush(m_connection);
 }
@@ -108,13 +107,13 @@ void X11KeySource::releaseArrows()
 bool X11KeySource::eventFilter(QObject* watched, QEvent* event)
 {
     const auto type = event->type();
-    if (m_keys && !m_connection && (type == QEvent::KeyPress || type == QEvent::KeyRelease)) {
+    if (isObserving() && !m_connection && (type == QEvent::KeyPress || type == QEvent::KeyRelease)) {
         const auto* key = static_cast<QKeyEvent*>(event);
         // Every window on the way sees the event; only the one it is for counts.
         const bool forWindow = watched->isWindowType();
         if (forWindow && !(type == QEvent::KeyRelease && key->isAutoRepeat())) {
             if (const auto code = canonicalKeyCode(key->nativeVirtualKey()))
-                m_keys(*code, type == QEvent::KeyPress);
+                deliverKey(*code, type == QEvent::KeyPress);
         }
     }
     return QObject::eventFilter(watched, event);
@@ -151,8 +150,8 @@ void X11KeySource::handle(const void* data)
             return;
         const auto* raw = reinterpret_cast<const xcb_input_raw_key_press_event_t*>(event);
         const auto code = keyCodeOf(static_cast<std::uint8_t>(raw->detail));
-        if (code && m_keys)
-            m_keys(*code, generic->event_type == XCB_INPUT_RAW_KEY_PRESS);
+        if (code && isObserving())
+            deliverKey(*code, generic->event_type == XCB_INPUT_RAW_KEY_PRESS);
         return;
     }
     case XCB_KEY_PRESS: {

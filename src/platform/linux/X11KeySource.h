@@ -28,11 +28,11 @@ public:
 
     bool seesOtherPrograms() const override { return m_connection != nullptr; }
     bool granted() override { return seesOtherPrograms(); }
-    void observeKeys(KeyHandler handler) override;
     void grabArrows(ArrowHandler handler) override;
     void releaseArrows() override;
 
 protected:
+    void setObserving(bool observing) override;
     bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
@@ -60,7 +60,6 @@ private:
     std::uint8_t m_keysymsPerKeycode = 0;
     std::vector<std::uint32_t> m_keysyms;
 
-    KeyHandler m_keys;
     ArrowHandler m_arrows;
     std::vector<Grab> m_grabs;
     bool m_grabFailureLogged = false;

@@ -1,0 +1,66 @@
+#include "DashboardViewModel.h"
+
+#include "AccountText.h"
+#include "AuthViewModel.h"
+
+#include <QQmlEngine>
+
+DashboardViewModel::DashboardViewModel(Services services, QObject* parent)
+    : QObject(parent)
+    , m_services(std::move(services))
+    , m_sidebar(std::make_unique<SidebarModel>(m_services.strings))
+    , m_general(std::make_unique<GeneralPageViewModel>(m_services.general))
+    , m_languages(std::make_unique<LanguagesPageViewModel>(m_services.general.settings, m_services.strings))
+    , m_profile(std::make_unique<ProfilePageViewModel>(m_services.auth, m_services.notifications))
+    , m_helpCenter(std::make_unique<HelpCenterPageViewModel>(m_services.update, m_services.strings,
+                                                             m_services.version, m_services.build))
+{
+    // Read by the window, owned here.
+    for (QObject* owned : std::initializer_list<QObject*>{m_sidebar.get(), m_general.get(), m_languages.get(),
+                                                          m_profile.get(), m_helpCenter.get()})
+        QQmlEngine::setObjectOwnership(owned, QQmlEngine::CppOwnership);
+    auto& auth = m_services.auth;
+    connect(&auth, &AuthViewModel::isLoggedInChanged, this, &DashboardViewModel::accountChanged);
+    connect(&auth, &AuthViewModel::currentUserChanged, this, &DashboardViewModel::accountChanged);
+    connect(&m_services.strings, &AppStrings::languageCodeChanged, this, &DashboardViewModel::accountChanged);
+}
+
+DashboardViewModel::~DashboardViewModel() = default;
+
+void DashboardViewModel::setCurrentIndex(int index)
+{
+    if (index >= 0 && index < SidebarModel::itemCount)
+        select(static_cast<SidebarItem>(index));
+}
+
+void DashboardViewModel::showPage(const QVariant& page)
+{
+    if (page.metaType().id() != QMetaType::QString)
+        return;
+    if (const auto item = SidebarModel::itemOf(page.toString()))
+        select(*item);
+}
+
+void DashboardViewModel::select(SidebarItem item)
+{
+    if (item == m_current)
+        return;
+    m_current = item;
+    m_sidebar->update(item);
+    Q_EMIT currentIndexChanged();
+}
+
+QString DashboardViewModel::accountTitle() const
+{
+    return AccountText::title(m_services.auth, m_services.strings);
+}
+
+QString DashboardViewModel::accountSubtitle() const
+{
+    return AccountText::subtitle(m_services.auth, m_services.strings);
+}
+
+void DashboardViewModel::signOut()
+{
+    m_profile->signOut();
+}

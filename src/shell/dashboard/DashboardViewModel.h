@@ -1,0 +1,83 @@
+#pragma once
+
+#include "AppStrings.h"
+#include "GeneralPageViewModel.h"
+#include "HelpCenterPageViewModel.h"
+#include "LanguagesPageViewModel.h"
+#include "ProfilePageViewModel.h"
+#include "SidebarModel.h"
+
+#include <QObject>
+#include <QVariant>
+#include <QtQmlIntegration>
+
+#include <memory>
+
+class AuthViewModel;
+class NotificationCenter;
+class UpdateStatus;
+
+// The dashboard window's root: the sidebar, the page shown beside it, one view model per page
+// and the account row.
+class DashboardViewModel : public QObject {
+    Q_OBJECT
+    QML_ELEMENT
+    QML_UNCREATABLE("made by the shell")
+    Q_PROPERTY(AppStrings* strings READ strings CONSTANT)
+    Q_PROPERTY(SidebarModel* sidebar READ sidebar CONSTANT)
+    // The sidebar row of the page shown, which is also its place in the page stack.
+    Q_PROPERTY(int currentIndex READ currentIndex WRITE setCurrentIndex NOTIFY currentIndexChanged)
+    Q_PROPERTY(QString accountTitle READ accountTitle NOTIFY accountChanged)
+    Q_PROPERTY(QString accountSubtitle READ accountSubtitle NOTIFY accountChanged)
+    Q_PROPERTY(GeneralPageViewModel* general READ general CONSTANT)
+    Q_PROPERTY(LanguagesPageViewModel* languages READ languages CONSTANT)
+    Q_PROPERTY(ProfilePageViewModel* profile READ profile CONSTANT)
+    Q_PROPERTY(HelpCenterPageViewModel* helpCenter READ helpCenter CONSTANT)
+
+public:
+    struct Services {
+        AppStrings& strings;
+        AuthViewModel& auth;
+        NotificationCenter& notifications;
+        UpdateStatus& update;
+        GeneralPageViewModel::Services general;
+        QString version;
+        QString build;
+    };
+
+    explicit DashboardViewModel(Services services, QObject* parent = nullptr);
+    ~DashboardViewModel() override;
+
+    AppStrings* strings() const { return &m_services.strings; }
+    SidebarModel* sidebar() const { return m_sidebar.get(); }
+    SidebarItem currentPage() const { return m_current; }
+    int currentIndex() const { return static_cast<int>(m_current); }
+    void setCurrentIndex(int index);
+    QString accountTitle() const;
+    QString accountSubtitle() const;
+    GeneralPageViewModel* general() const { return m_general.get(); }
+    LanguagesPageViewModel* languages() const { return m_languages.get(); }
+    ProfilePageViewModel* profile() const { return m_profile.get(); }
+    HelpCenterPageViewModel* helpCenter() const { return m_helpCenter.get(); }
+
+    // The "page" value of a "showDashboard": a raw value of the sidebar selects its page;
+    // anything else, or nothing, leaves the page as it is.
+    void showPage(const QVariant& page);
+
+    Q_INVOKABLE void signOut();
+
+Q_SIGNALS:
+    void currentIndexChanged();
+    void accountChanged();
+
+private:
+    void select(SidebarItem item);
+
+    Services m_services;
+    SidebarItem m_current = SidebarItem::general;
+    std::unique_ptr<SidebarModel> m_sidebar;
+    std::unique_ptr<GeneralPageViewModel> m_general;
+    std::unique_ptr<LanguagesPageViewModel> m_languages;
+    std::unique_ptr<ProfilePageViewModel> m_profile;
+    std::unique_ptr<HelpCenterPageViewModel> m_helpCenter;
+};

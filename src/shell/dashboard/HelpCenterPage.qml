@@ -1,0 +1,50 @@
+import QtQuick
+import Ravlet.Shell
+import QtQuick.Controls.Basic
+import QtQuick.Layouts
+
+// The help center page: version, build, and where the updates stand, with their buttons.
+ColumnLayout {
+    id: root
+
+    required property HelpCenterPageViewModel page
+    required property AppStrings strings
+
+    spacing: 12
+
+    component InfoRow: RowLayout {
+        id: info
+        property string label
+        property string value
+        spacing: 12
+        Label { text: info.label; color: "#b0b0b8"; font.pixelSize: 13; Layout.preferredWidth: 160 }
+        Label { text: info.value; color: "white"; font.pixelSize: 13; Accessible.name: info.label + " " + info.value }
+    }
+
+    PageHeader {
+        title: root.strings.text("sidebar.helpCenter")
+        subtitle: root.strings.text("helpCenter.subtitle")
+    }
+    InfoRow { label: root.strings.text("helpCenter.version"); value: root.page.version }
+    InfoRow { label: root.strings.text("helpCenter.build"); value: root.page.build }
+    InfoRow { label: root.strings.text("helpCenter.updates"); value: root.page.updateText }
+    RowLayout {
+        spacing: 8
+        Button {
+            text: root.strings.text("update.check_now")
+            enabled: !root.page.isChecking
+            Accessible.name: text
+            Accessible.onPressAction: clicked()
+            onClicked: root.page.update.checkNow()
+        }
+        Button {
+            // A single "&" would mark a mnemonic.
+            text: root.strings.text("update.download_install").replace(/&/g, "&&")
+            visible: root.page.hasNewVersion
+            Accessible.name: root.strings.text("update.download_install")
+            Accessible.onPressAction: clicked()
+            onClicked: root.page.update.downloadAndInstall()
+        }
+    }
+    Item { Layout.fillHeight: true }
+}

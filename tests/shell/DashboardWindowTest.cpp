@@ -1,0 +1,121 @@
+// The dashboard's real window under Xvfb: its pages in English and the general page in Arabic,
+// driven by accessible names. Screenshots go to build/screenshots/dashboard.
+
+#include "DisplayFixture.h"
+#include "ShellFakes.h"
+
+#include "DashboardViewModel.h"
+#include "QmlShellWindows.h"
+
+#include <QGuiApplication>
+#include <QQuickItem>
+#include <QQuickWindow>
+
+namespace {
+
+using DisplayFixture::findByAccessibleName;
+
+class DashboardWindowTest : public ::testing::Test, protected DelegateRig {
+protected:
+    void SetUp() override
+    {
+        if (const auto reason = DisplayFixture::skipReason())
+            GTEST_SKIP() << *reason;
+    }
+    void TearDown() override { finish(); }
+
+    // A returning user, so that the account row and the profile have someone to show.
+    void open(const QString& language)
+    {
+        h.strings.setLanguageCode(language);
+        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft
+                                                                      : Qt::LeftToRight);
+        const auto pair = QJsonObject{{u"accessToken"_s, accessTokenFor(u"u-9"_s, u"back@example.com"_s)},
+                                      {u"refreshToken"_s, u"refresh-2"_s},
+                                      {u"user"_s, QJsonObject{{u"id"_s, u"u-9"_s}, {u"email"_s, u"back@example.com"_s}}}};
+        DelegateRig::launch(windows, FakeBackend::Response::json(200, QJsonDocument(pair).toJson()));
+        ASSERT_TRUE(QTest::qWaitFor([&] { return delegate->authViewModel().isLoggedIn(); }, 5000));
+        windows.show(ShellWindows::Panel::dashboard);
+        window = windows.quickWindow(ShellWindows::Panel::dashboard);
+        ASSERT_TRUE(window && QTest::qWaitForWindowExposed(window));
+    }
+
+    QString text(const char* key) const { return h.strings.text(QString::fromLatin1(key)); }
+
+    // Picks a page as a user does: its row of the sidebar, by its title.
+    void pick(const char* titleKey)
+    {
+        auto* row = findByAccessibleName(window, text(titleKey));
+        ASSERT_TRUE(row) << titleKey;
+        QMetaObject::invokeMethod(row, "clicked");
+    }
+
+    void shoot(const QString& name) { DisplayFixture::saveScreenshot(window, u"dashboard/"_s + name); }
+
+    QmlShellWindows windows;
+    QQuickWindow* window = nullptr;
+};
+
+// Every page this build has, picked from the sidebar; the sliders show their values beside
+// them and follow the settings; the help center offers the install only for a new version.
+TEST_F(DashboardWindowTest, EachPageComesFromItsSidebarRowWithItsControls)
+{
+    h.rights.systemAudio = true;
+    shell.keysGranted = false;
+    ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
+    auto* dashboard = delegate->dashboard();
+    EXPECT_EQ(dashboard->currentPage(), SidebarItem::general);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return findByAccessibleName(window, u"back@example.com"_s); }, 3000))
+        << "the account row";
+
+    delegate->userSettings().setOverlayOpacity(0.85);
+    delegate->userSettings().setOverlayFontSize(16);
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return findByAccessibleName(window, text("label.opacity") + u" 0.85"_s); }, 3000));
+    EXPECT_TRUE(findByAccessibleName(window, text("label.font") + u" 16"_s));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return dashboard->general()->screenPermission(); }, 3000));
+    shoot(u"general-en"_s);
+
+    const std::pair<const char*, SidebarItem> pages[] = {
+        {"sidebar.languages", SidebarItem::languages},
+        {"sidebar.profile", SidebarItem::profile},
+        {"sidebar.keybinds", SidebarItem::keybinds},
+        {"sidebar.helpCenter", SidebarItem::helpCenter},
+    };
+    delegate->userSettings().setInputLanguage(u"en-US"_s);
+    delegate->userSettings().setOutputLanguage(u"ja-JP"_s);
+    for (const auto& [titleKey, item] : pages) {
+        ASSERT_NO_FATAL_FAILURE(pick(titleKey));
+        EXPECT_EQ(dashboard->currentPage(), item) << titleKey;
+        shoot(QString::fromLatin1(titleKey).mid(8) + u"-en"_s);
+    }
+    EXPECT_TRUE(findByAccessibleName(window, text("helpCenter.version") + u" 1.2.3"_s));
+    // Nothing reported yet counts as a check under way, which takes no second request.
+    const auto updates = [&](const char* state) {
+        return findByAccessibleName(window, text("helpCenter.updates") + u" "_s + text(state));
+    };
+    EXPECT_TRUE(updates("update.checking"));
+    EXPECT_FALSE(findByAccessibleName(window, text("update.check_now"))->isEnabled());
+    updateStatus.reportUpToDate();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return updates("update.up_to_date"); }, 3000));
+    EXPECT_FALSE(findByAccessibleName(window, text("update.download_install")));
+    updateStatus.reportNewVersion(u"2.0.0"_s, false);
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return findByAccessibleName(window, text("update.download_install")) != nullptr; }, 3000));
+    shoot(u"helpCenter-new-version-en"_s);
+}
+
+// Right to left in Arabic: the sidebar stands on the right, the page on the left.
+TEST_F(DashboardWindowTest, GeneralPageInArabicRunsRightToLeft)
+{
+    ASSERT_NO_FATAL_FAILURE(open(u"ar"_s));
+    auto* row = findByAccessibleName(window, text("sidebar.general"));
+    ASSERT_TRUE(row);
+    EXPECT_GT(row->mapToScene({row->width() / 2, 0}).x(), window->width() / 2);
+    auto* title = findByAccessibleName(window, text("label.auto_trigger"));
+    ASSERT_TRUE(title);
+    EXPECT_LT(title->mapToScene({title->width() / 2, 0}).x(), window->width() / 2);
+    shoot(u"general-ar"_s);
+}
+
+} // namespace
