@@ -37,6 +37,12 @@ const QHash<QString, char32_t>& nameMap()
         {u"wand.and.sparkles"_s, 0xF068},          // auto-fix
         {u"chevron.left"_s, 0xF141},               // chevron-left
         {u"chevron.right"_s, 0xF142},              // chevron-right
+        {u"exclamationmark.triangle"_s, 0xF026},   // alert
+        {u"doc.badge.plus"_s, 0xF39C},             // note-plus
+        {u"doc.fill"_s, 0xF214},                   // file
+        {u"trash"_s, 0xF1C0},                      // delete
+        {u"circle"_s, 0xF130},                     // checkbox-blank-circle-outline
+        {u"checkmark.circle.fill"_s, 0xF5E0},      // check-circle
     };
     return map;
 }

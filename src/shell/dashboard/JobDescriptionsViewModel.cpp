@@ -27,6 +27,8 @@ JobDescriptionsViewModel::JobDescriptionsViewModel(AuthViewModel& auth, UserSett
         Q_EMIT pageStateChanged();
     });
     connect(&strings, &AppStrings::languageCodeChanged, this, [this] {
+        if (!m_items.isEmpty())
+            Q_EMIT dataChanged(index(0), index(rowCount() - 1), {DeleteNameRole});
         Q_EMIT isSavingChanged();
     });
 }
@@ -54,6 +56,8 @@ QVariant JobDescriptionsViewModel::data(const QModelIndex& index, int role) cons
         return active;
     case SelectionSymbolRole:
         return active ? u"checkmark.circle.fill"_s : u"circle"_s;
+    case DeleteNameRole:
+        return m_strings ? m_strings->format(u"documents.delete"_s, {item.title}) : QString();
     default:
         return {};
     }
@@ -65,7 +69,8 @@ QHash<int, QByteArray> JobDescriptionsViewModel::roleNames() const
             {TitleRole, "title"},
             {CompanyRole, "company"},
             {IsActiveRole, "isActive"},
-            {SelectionSymbolRole, "selectionSymbol"}};
+            {SelectionSymbolRole, "selectionSymbol"},
+            {DeleteNameRole, "deleteName"}};
 }
 
 JobDescriptionsViewModel::PageState JobDescriptionsViewModel::pageState() const

@@ -44,6 +44,8 @@ public:
         CompanyRole,
         IsActiveRole,
         SelectionSymbolRole,
+        // The delete button's name for screen readers: "Delete" and the row's name.
+        DeleteNameRole,
     };
     Q_ENUM(Role)
 

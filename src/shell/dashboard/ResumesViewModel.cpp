@@ -44,7 +44,7 @@ ResumesViewModel::ResumesViewModel(AuthViewModel& auth, UserSettings& settings, 
     });
     connect(&strings, &AppStrings::languageCodeChanged, this, [this] {
         if (!m_resumes.isEmpty())
-            Q_EMIT dataChanged(index(0), index(rowCount() - 1), {UploadedTextRole});
+            Q_EMIT dataChanged(index(0), index(rowCount() - 1), {UploadedTextRole, DeleteNameRole});
         Q_EMIT isUploadingChanged();
     });
 }
@@ -74,6 +74,8 @@ QVariant ResumesViewModel::data(const QModelIndex& index, int role) const
         return m_strings ? m_strings->format(u"resume.uploaded"_s,
                                              {displayDate(resume.createdAt, m_strings->languageCode())})
                          : resume.createdAt;
+    case DeleteNameRole:
+        return m_strings ? m_strings->format(u"documents.delete"_s, {resume.filename}) : QString();
     default:
         return {};
     }
@@ -85,6 +87,7 @@ QHash<int, QByteArray> ResumesViewModel::roleNames() const
             {FilenameRole, "filename"},
             {IsActiveRole, "isActive"},
             {SelectionSymbolRole, "selectionSymbol"},
+            {DeleteNameRole, "deleteName"},
             {UploadedTextRole, "uploadedText"}};
 }
 

@@ -45,6 +45,8 @@ public:
         // "checkmark.circle.fill" on the active row, "circle" on the others.
         SelectionSymbolRole,
         UploadedTextRole,
+        // The delete button's name for screen readers: "Delete" and the row's name.
+        DeleteNameRole,
     };
     Q_ENUM(Role)
 
