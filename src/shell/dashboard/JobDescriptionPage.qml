@@ -11,6 +11,9 @@ Item {
     required property JobDescriptionsViewModel jobs
     required property AppStrings strings
 
+    LayoutMirroring.enabled: strings.isRightToLeft
+    LayoutMirroring.childrenInherit: true
+
     onVisibleChanged: if (visible) jobs.load()
     Component.onCompleted: if (visible) jobs.load()
 
@@ -23,6 +26,9 @@ Item {
     component FieldLabel: Label {
         color: "#d0d0d5"
         font.pixelSize: 12
+        // The field below carries the same name; the label alone would be found first.
+        Accessible.ignored: true
+        Accessible.name: ""
     }
 
     ColumnLayout {
@@ -122,7 +128,7 @@ Item {
                             ColumnLayout {
                                 spacing: 2
                                 Layout.fillWidth: true
-                                Label { text: row.title; color: "white"; elide: Text.ElideRight; Layout.fillWidth: true }
+                                Label { text: row.title; color: "white"; elide: Text.ElideRight; horizontalAlignment: Text.AlignLeft; Layout.fillWidth: true }
                                 Label { visible: row.company.length > 0; text: row.company; color: "#b0b0b8"; font.pixelSize: 11 }
                             }
                             Label {
@@ -183,6 +189,7 @@ Item {
                         text: page.jobs.formContent
                         onTextChanged: if (text !== page.jobs.formContent) page.jobs.formContent = text
                         wrapMode: TextEdit.Wrap
+                        background: Rectangle { color: "white"; border.color: "#80808a" }
                         Accessible.name: page.strings.text("jd.field_content")
                     }
                 }

@@ -11,6 +11,9 @@ Item {
     required property ResumesViewModel resumes
     required property AppStrings strings
 
+    LayoutMirroring.enabled: strings.isRightToLeft
+    LayoutMirroring.childrenInherit: true
+
     // The list is loaded each time the page comes into view.
     onVisibleChanged: if (visible) resumes.load()
     Component.onCompleted: if (visible) resumes.load()
@@ -134,7 +137,7 @@ Item {
                             ColumnLayout {
                                 spacing: 2
                                 Layout.fillWidth: true
-                                Label { text: row.filename; color: "white"; elide: Text.ElideMiddle; Layout.fillWidth: true }
+                                Label { text: row.filename; color: "white"; elide: Text.ElideMiddle; horizontalAlignment: Text.AlignLeft; Layout.fillWidth: true }
                                 Label { text: row.uploadedText; color: "#b0b0b8"; font.pixelSize: 11 }
                             }
                             Label {
