@@ -23,6 +23,8 @@ packages=(
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-templates
     qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml
     qml6-module-qtqml-models qml6-module-qtqml-workerscript qml6-module-qtquick-shapes
+    # the file dialog of the resume page; its own drawing, where the desktop has no portal, lists folders
+    qml6-module-qtquick-dialogs qml6-module-qt-labs-folderlistmodel
     # the icon font of the windows and the tray; xdg-utils registers the ravlet:// handler
     fonts-materialdesignicons-webfont xdg-utils
     # tests and benchmarks

@@ -46,6 +46,11 @@ const QHash<QString, char32_t>& nameMap()
         {u"exclamationmark.triangle.fill"_s, 0xF026}, // alert
         {u"arrow.down.circle.fill"_s, 0xF047},     // arrow-down-bold-circle
         {u"ellipsis"_s, 0xF1D8},                   // dots-horizontal
+        {u"exclamationmark.triangle"_s, 0xF026},   // alert
+        {u"doc.badge.plus"_s, 0xF39C},             // note-plus
+        {u"doc.fill"_s, 0xF214},                   // file
+        {u"trash"_s, 0xF1C0},                      // delete
+        {u"circle"_s, 0xF130},                     // checkbox-blank-circle-outline
         {u"checkmark.circle.fill"_s, 0xF5E0},      // check-circle
     };
     return map;

@@ -1,0 +1,188 @@
+// The resume and job description pages against the real server in this process: uploads and
+// saves become active, deletes and loads repair the active id, failures leave everything as
+// it was.
+
+#include "../server/ServerHarness.h"
+
+#include "APIClient.h"
+#include "AppStrings.h"
+#include "AuthTokenStore.h"
+#include "AuthViewModel.h"
+#include "AwaitTask.h"
+#include "LogCapture.h"
+#include "NotificationCenter.h"
+#include "PreferencesStore.h"
+#include "TelemetryClient.h"
+#include "UserSettings.h"
+#include "JobDescriptionsViewModel.h"
+#include "ResumesViewModel.h"
+
+#include <QAbstractItemModelTester>
+
+#include <gtest/gtest.h>
+
+using namespace Qt::StringLiterals;
+using Fatal = QAbstractItemModelTester::FailureReportingMode;
+
+class DocumentsViewModelTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        const auto user = std::get<UserRecord>(
+            server.accounts->createAccount(u"docs@example.org"_s, u"long enough"_s));
+        auth.setApiClient(&client);
+        awaitTask(auth.exchangeCode(server.accounts->issueCode(user.id)));
+        ASSERT_TRUE(auth.isLoggedIn());
+    }
+
+    QString textFile(const QString& name, qsizetype size = 0)
+    {
+        return writeFile(server.dir.filePath(name), size ? QByteArray(size, 'x') : name.toUtf8());
+    }
+    QStringList telemetryEvents() const
+    {
+        QStringList names;
+        for (const auto& event : telemetry.buffer())
+            names << event.name;
+        return names;
+    }
+
+    ServerHarness server;
+    InMemoryTokenStore tokens;
+    NotificationCenter notifications;
+    APIClient client{server.base(), tokens, notifications};
+    AuthViewModel auth{tokens};
+    JsonPreferencesStore preferences{server.dir.filePath(u"preferences.json"_s)};
+    UserSettings settings{preferences, notifications};
+    AppStrings strings{{u"en"_s}};
+    ManualClock clock;
+    TelemetryClient telemetry{server.base(), preferences, clock};
+    ResumesViewModel resumes{auth, settings, strings, &telemetry};
+    JobDescriptionsViewModel jobs{auth, settings, strings, &telemetry};
+    // Attached before the models hold anything, so that every change is checked.
+    QAbstractItemModelTester resumesTester{&resumes, Fatal::Fatal};
+    QAbstractItemModelTester jobsTester{&jobs, Fatal::Fatal};
+};
+
+TEST_F(DocumentsViewModelTest, UploadsBecomeActiveAndDeletesRepairTheActiveResume)
+{
+    for (const auto* name : {"a.txt", "b.md", "c.txt"}) {
+        awaitTask(resumes.upload(textFile(QString::fromLatin1(name))));
+        EXPECT_EQ(settings.activeResumeId(), resumes.resumes().first().id) << name;
+    }
+    ASSERT_EQ(resumes.rowCount(), 3);
+    EXPECT_EQ(telemetryEvents(), QStringList(3, u"resume_upload"_s));
+    const auto c = resumes.resumes()[0].id, b = resumes.resumes()[1].id, a = resumes.resumes()[2].id;
+    EXPECT_EQ(resumes.data(resumes.index(0), ResumesViewModel::SelectionSymbolRole), u"checkmark.circle.fill"_s);
+
+    // The active one in the middle goes: the first remaining row takes over.
+    resumes.select(1);
+    EXPECT_EQ(resumes.data(resumes.index(0), ResumesViewModel::SelectionSymbolRole), u"circle"_s);
+    awaitTask(resumes.deleteResume(b));
+    EXPECT_EQ(settings.activeResumeId(), c);
+    awaitTask(resumes.deleteResume(a)); // not the active one: the choice stays
+    EXPECT_EQ(settings.activeResumeId(), c);
+    awaitTask(resumes.deleteResume(c));
+    EXPECT_EQ(settings.activeResumeId(), std::nullopt);
+    EXPECT_FALSE(preferences.string(UserSettings::Keys::activeResumeId));
+    EXPECT_EQ(resumes.pageState(), ResumesViewModel::PageState::empty);
+    EXPECT_TRUE(awaitTask(client.fetchResumes()).resumes.isEmpty());
+}
+
+TEST_F(DocumentsViewModelTest, AFailedUploadLeavesListAndActiveIdAsTheyWere)
+{
+    awaitTask(resumes.upload(textFile(u"kept.txt"_s)));
+    const auto kept = resumes.resumes();
+    const auto eventsBefore = telemetry.buffer().size();
+
+    // The server refuses bodies over 12 MB.
+    awaitTask(resumes.upload(textFile(u"huge.pdf"_s, 13 * 1024 * 1024)));
+    EXPECT_EQ(resumes.errorMessage(), u"Upload failed: Server error (413)"_s);
+    EXPECT_FALSE(resumes.isUploading());
+    EXPECT_EQ(resumes.uploadButtonText(), u"Upload Resume"_s);
+
+    awaitTask(resumes.upload(server.dir.filePath(u"missing.pdf"_s)));
+    EXPECT_TRUE(resumes.errorMessage()->startsWith(u"Upload failed: "_s));
+    EXPECT_NE(resumes.errorMessage(), u"Upload failed: "_s);
+
+    ASSERT_EQ(resumes.rowCount(), 1);
+    EXPECT_EQ(resumes.resumes().first().id, kept.first().id);
+    EXPECT_EQ(settings.activeResumeId(), kept.first().id);
+    EXPECT_EQ(telemetry.buffer().size(), eventsBefore);
+    EXPECT_EQ(awaitTask(client.fetchResumes()).resumes.size(), 1);
+}
+
+TEST_F(DocumentsViewModelTest, LoadingRepairsAnActiveIdTheListNoLongerHolds)
+{
+    const auto older = awaitTask(client.uploadResume(textFile(u"older.txt"_s)));
+    const auto job = awaitTask(client.createJobDescription(u"SRE"_s, u"On call"_s, std::nullopt));
+    settings.setActiveResumeId(u"deleted-elsewhere"_s);
+    settings.setActiveJobDescriptionId(u"deleted-elsewhere"_s);
+    LogCapture log;
+    awaitTask(resumes.loadResumes());
+    awaitTask(jobs.loadJobDescriptions());
+    EXPECT_EQ(settings.activeResumeId(), older.id);
+    EXPECT_EQ(settings.activeJobDescriptionId(), job.id);
+    EXPECT_TRUE(log.lines().contains(u"[ResumeView] loaded 1 resumes"_s)) << log.lines().join(u'\n').toStdString();
+    EXPECT_EQ(resumes.pageState(), ResumesViewModel::PageState::list);
+
+    // A held id survives a reload; a server that is gone keeps the list and says why.
+    resumes.select(0);
+    server.http.reset();
+    awaitTask(resumes.loadResumes());
+    EXPECT_EQ(resumes.rowCount(), 1);
+    EXPECT_TRUE(resumes.errorMessage()->startsWith(u"Load failed: "_s));
+    EXPECT_TRUE(log.lines().last().startsWith(u"[ResumeView] loadResumes error: "_s));
+    EXPECT_FALSE(resumes.isLoading());
+
+    // Signed out, the page says so and nothing is sent.
+    auth.logout();
+    EXPECT_EQ(resumes.pageState(), ResumesViewModel::PageState::signedOut);
+    EXPECT_EQ(resumes.rowCount(), 0);
+    awaitTask(resumes.upload(textFile(u"later.txt"_s)));
+    EXPECT_EQ(resumes.errorMessage(), u"Not signed in."_s);
+    AuthViewModel noClient{tokens};
+    ResumesViewModel orphan{noClient, settings, strings, nullptr};
+    awaitTask(orphan.loadResumes());
+    EXPECT_EQ(log.lines().last(), u"[ResumeView] loadResumes: apiClient is nil, isLoggedIn=false"_s);
+}
+
+TEST_F(DocumentsViewModelTest, TheFormSavesAValidJobDescriptionWhichBecomesActive)
+{
+    jobs.openForm();
+    jobs.setFormTitle(u"  "_s);
+    jobs.setFormContent(u"Run the build farm"_s);
+    EXPECT_FALSE(jobs.canSave());
+    awaitTask(jobs.save());
+    EXPECT_EQ(jobs.rowCount(), 0) << "a blank title is not sent";
+
+    jobs.setFormTitle(u"Build engineer "_s);
+    ASSERT_TRUE(jobs.canSave());
+    awaitTask(jobs.save());
+    ASSERT_EQ(jobs.rowCount(), 1);
+    const auto first = jobs.jobDescriptions().first();
+    EXPECT_EQ(first.title + u'|' + first.company, u"Build engineer|"_s);
+    EXPECT_EQ(settings.activeJobDescriptionId(), first.id);
+    EXPECT_EQ(telemetryEvents(), QStringList{u"jd_upload"_s});
+    EXPECT_FALSE(jobs.isFormOpen());
+    EXPECT_TRUE(jobs.formTitle().isEmpty() && jobs.formContent().isEmpty());
+
+    jobs.setFormTitle(u"SRE"_s);
+    jobs.setFormCompany(u"Acme"_s);
+    jobs.setFormContent(u"Pager duty"_s);
+    awaitTask(jobs.save());
+    EXPECT_EQ(jobs.data(jobs.index(0), JobDescriptionsViewModel::CompanyRole), u"Acme"_s);
+    awaitTask(jobs.deleteJobDescription(jobs.jobDescriptions().first().id));
+    EXPECT_EQ(settings.activeJobDescriptionId(), first.id);
+
+    // A failed save keeps the form and what was typed.
+    jobs.openForm();
+    jobs.setFormTitle(u"Lost?"_s);
+    jobs.setFormContent(u"No"_s);
+    server.http.reset();
+    awaitTask(jobs.save());
+    EXPECT_TRUE(jobs.errorMessage()->startsWith(u"Save failed: "_s));
+    EXPECT_TRUE(jobs.isFormOpen());
+    EXPECT_EQ(jobs.formTitle(), u"Lost?"_s);
+    EXPECT_EQ(jobs.rowCount(), 1);
+}
