@@ -31,6 +31,7 @@
 #include "OverlayViewModel.h"
 #include "PreferencesStore.h"
 #include "QmlShellWindows.h"
+#include "RendererChoice.h"
 #include "SpokenAudio.h"
 #include "SyntheticAudioSources.h"
 #include "UserSettings.h"
@@ -745,8 +746,7 @@ int main(int argc, char** argv)
         QCoreApplication app(argc, argv);
         return serveLoopback();
     }
-    if (!qEnvironmentVariableIsSet("QT_QUICK_BACKEND"))
-        qputenv("QT_QUICK_BACKEND", "software");
+    applyRendererChoice(); // as the program picks it
     QmlShellWindows::prepareDrawing();
     QApplication app(argc, argv);
     const auto minutes = minutesArgument(QCoreApplication::arguments());

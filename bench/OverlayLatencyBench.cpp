@@ -9,6 +9,7 @@
 #include "GlobalKeys.h"
 #include "OverlayViewModel.h"
 #include "QmlShellWindows.h"
+#include "RendererChoice.h"
 #include "X11KeySource.h"
 #include "XTestKeyboard.h"
 
@@ -32,6 +33,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <atomic>
 #include <vector>
 
@@ -464,9 +466,8 @@ BENCHMARK(BM_TriggerKeyToFirstFrameFromTheServer)->Iterations(1)->Unit(benchmark
 
 int main(int argc, char** argv)
 {
-    // The renderer the figures are quoted for, unless the caller picks another.
-    if (!qEnvironmentVariableIsSet("QT_QUICK_BACKEND"))
-        qputenv("QT_QUICK_BACKEND", "software");
+    // The renderer the program itself would pick on this machine, unless the caller picks one.
+    std::fprintf(stderr, "renderer: %s\n", qPrintable(applyRendererChoice().reason));
     QmlShellWindows::prepareDrawing();
     QApplication app(argc, argv);
     benchmark::Initialize(&argc, argv);

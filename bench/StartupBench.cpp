@@ -69,7 +69,6 @@ int main(int argc, char* argv[])
         environment.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
         environment.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
         environment.insert(QStringLiteral("XDG_CACHE_HOME"), home.filePath(QStringLiteral("cache")));
-        environment.insert(QStringLiteral("QT_QUICK_BACKEND"), QStringLiteral("software"));
         environment.insert(QStringLiteral("RAVLET_TEST_BACKEND_ORIGIN"), QStringLiteral("http://127.0.0.1:9"));
 
         QProcess probe;

@@ -133,17 +133,25 @@ def main():
     parser.add_argument("--database", default=os.environ.get("RAVLET_TEST_DATABASE", ""))
     args = parser.parse_args()
     import transcript_socket_test
-    transcript_socket_test.SERVER = args.server
+    # The test's server starts the program with its listen address only: the database is passed
+    # through the path it runs, a wrapper of this run that adds it.
     with tempfile.TemporaryDirectory() as data:
-        server = Server(data)
+        program = args.server
         if args.database:
-            server.extra = ["--database", args.database]
+            program = os.path.join(data, "ravlet-server")
+            with open(program, "w") as f:
+                f.write(f'#!/bin/sh\nexec "{os.path.abspath(args.server)}" --database "$RAVLET_BENCH_DATABASE" "$@"\n')
+            os.chmod(program, 0o755)
+            os.environ["RAVLET_BENCH_DATABASE"] = args.database
+        transcript_socket_test.SERVER = program
+        server = Server(data)
         server.start()
         try:
             token = sign_in(server.base, {"action": "local"})
             asyncio.run(run(args, server, token))
         finally:
-            server.stop()
+            server.process.terminate()
+            server.process.wait(timeout=30)
 
 
 if __name__ == "__main__":

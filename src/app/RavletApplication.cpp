@@ -9,6 +9,7 @@
 #include "Clock.h"
 #include "CrashReporter.h"
 #include "DesktopIntegration.h"
+#include "DesktopSession.h"
 #include "GlobalKeys.h"
 #include "InterviewAdapters.h"
 #include "LocalServer.h"
@@ -21,6 +22,7 @@
 #include "PulseMicrophoneSource.h"
 #include "PulseSystemAudioSource.h"
 #include "QmlShellWindows.h"
+#include "RendererChoice.h"
 #include "SingleInstance.h"
 #include "SoundSettings.h"
 #include "X11KeySource.h"
@@ -74,6 +76,8 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         return 0;
     }
     QmlShellWindows::prepareDrawing();
+    const auto session = applyDesktopSession();
+    const auto renderer = applyRendererChoice();
     QApplication app(argc, argv);
     QCoreApplication::setApplicationName(u"RavletAI"_s);
     QCoreApplication::setApplicationVersion(QString::fromUtf16(BuildConfig::version));
@@ -147,6 +151,9 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
 
     logLine(u"App", u"RavletAI "_s + QCoreApplication::applicationVersion() + u" started; interface language "_s
                         + strings.languageCode());
+    logLine(u"App", session.logLine);
+    logLine(u"App", (renderer.software ? u"drawing with Qt Quick's software renderer: "_s : u"drawing through OpenGL: "_s)
+                        + renderer.reason);
     const auto launch = TaskHandle(CancellationToken(), launchThenWait(&delegate, &localServer, arguments, &options));
     return app.exec();
 }

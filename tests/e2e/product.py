@@ -226,7 +226,7 @@ class Program:
         self.env = dict(desktop.env, BROWSER=browser, RAVLET_TEST_BACKEND_ORIGIN=server.base,
                         # xdg-open then hands web addresses to $BROWSER: no handler of the machine
                         XDG_DATA_DIRS=empty, XDG_CONFIG_DIRS=empty,
-                        QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1", QT_QUICK_BACKEND="software")
+                        QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1")
         if preferences:
             folder = os.path.join(desktop.env["XDG_CONFIG_HOME"], "RavletAI")
             os.makedirs(folder, exist_ok=True)

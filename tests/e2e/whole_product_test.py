@@ -155,6 +155,11 @@ def run(args, desktop):
     require(wait_until(lambda: desktop.is_viewable(WELCOME), 30), "the welcome panel opens")
     require(wait_until(lambda: ui.find(WELCOME, "push button", "Sign In"), 20), "its buttons are accessible")
     shot("welcome")
+    # Xvfb has no direct rendering: OpenGL would be Mesa's rasterizer, so the program draws in software.
+    log = os.path.join(desktop.scratch, "program.log")
+    check("drawing with Qt Quick's software renderer" in open(log).read(), "the program picks the software renderer",
+          lambda: open(log).read()[-2000:])
+    check("X11 session (unknown); windows and keys through X11" in open(log).read(), "it logs the session it found")
 
     # Sign in: the notice on usage data, then Sign In; the browser gets the login address.
     ui.press(WELCOME, "OK, got it")

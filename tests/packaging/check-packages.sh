@@ -3,7 +3,7 @@
 # runs the program, starts the server the way its systemd unit does, installs the .tar.gz for
 # a user, then purges everything and checks that nothing of ours is left but the server's data
 # (which it then removes too, with the service's user). It changes the machine: run it on a
-# disposable one. Not part of CTest or CI.
+# disposable one. CI runs it (.ci/run); CTest never does.
 #
 #   tests/packaging/check-packages.sh        (BUILD_DIR and PACKAGE_DIR as for scripts/package.sh)
 set -euo pipefail
@@ -101,6 +101,10 @@ for size in 16x16 24x24 32x32 48x48 64x64 128x128 256x256; do
     if [ ! -s "/usr/share/icons/hicolor/$size/apps/ravletai.png" ]; then fail "no $size icon"; fi
 done
 [ -s /usr/share/icons/hicolor/scalable/apps/ravletai.svg ] || fail "no scalable icon"
+
+# The program as a user starts it from the menu, with no server of its own yet.
+/usr/bin/python3 "$root/tests/packaging/installed_program.py" "$build_dir/screenshots/packaging" ||
+    fail "the installed program, started through its desktop entry (lines above)"
 
 # 3. The server, started as its unit starts it.
 unit="$(printf '%s\n' "${owned[@]}" | grep '/ravlet-server\.service$')"
