@@ -12,6 +12,7 @@
 #include "DesktopSession.h"
 #include "GlobalKeys.h"
 #include "InterviewAdapters.h"
+#include "LaunchArguments.h"
 #include "LocalServer.h"
 #include "Log.h"
 #include "MicrophoneService.h"
@@ -74,6 +75,19 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
     if (argc == 2 && std::string_view(argv[1]) == "--version") {
         std::printf("RavletAI %s\n", QString::fromUtf16(BuildConfig::version).toUtf8().constData());
         return 0;
+    }
+    // A key's action bound in the desktop's shortcut settings: handed to the running program
+    // at once, before any display or window is set up, so that the press acts in a few
+    // milliseconds. It never starts a program of its own.
+    QStringList rawArguments;
+    for (int i = 1; i < argc; ++i)
+        rawArguments.append(QString::fromLocal8Bit(argv[i]));
+    if (LaunchArguments::findKeyAction(rawArguments)) {
+        if (SingleInstance().forwardToRunning(rawArguments))
+            return 0;
+        std::fprintf(stderr, "ravletai %s: RavletAI is not running, so there is nothing to act on\n",
+                     qPrintable(rawArguments.join(u' ')));
+        return 1;
     }
     QmlShellWindows::prepareDrawing();
     const auto session = applyDesktopSession();

@@ -25,6 +25,9 @@ public:
     void installKeyMonitors() override;
     void removeEventTap() override;
     void installEventTap() override;
+    // The moves act only while the overlay shows and the trigger only as its key would fire;
+    // toggling the overlay is not a key's and is left to the caller.
+    void performKeyAction(KeyAction action) override;
 
 private:
     Q_SLOT void overlayVisibilityChanged();
