@@ -10,7 +10,9 @@
 #include "CrashReporter.h"
 #include "DesktopIntegration.h"
 #include "DesktopSession.h"
+#include "DesktopShortcuts.h"
 #include "GlobalKeys.h"
+#include "GlobalShortcutsPortal.h"
 #include "InterviewAdapters.h"
 #include "LaunchArguments.h"
 #include "LocalServer.h"
@@ -122,6 +124,19 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
     QmlShellWindows windows;
     windows.setAllWorkspaces(showOnAllWorkspaces);
     GlobalKeys keyMonitors(keySource);
+    // On Wayland the X11 source sees only keys typed into our own windows; where the desktop
+    // offers its shortcut portal, the keys come through it instead.
+    std::unique_ptr<GlobalShortcutsPortal> portal;
+    if (session.kind == DesktopSession::Kind::wayland && GlobalShortcutsPortal::isAvailable()) {
+        portal = std::make_unique<GlobalShortcutsPortal>();
+        keyMonitors.setDesktopShortcuts(
+            [&portal](const AITriggerKey& key) { portal->bind(DesktopShortcuts::forTriggerKey(key)); });
+        QObject::connect(portal.get(), &GlobalShortcutsPortal::activated, &keyMonitors, [&keyMonitors](const QString& id) {
+            if (const auto action = DesktopShortcuts::actionOf(id))
+                keyMonitors.performKeyAction(*action);
+        });
+        logLine(u"Keys", u"global shortcuts go through the desktop's shortcut portal");
+    }
     LoggedUpdateChecks updates;
 
     AppDelegate delegate(AppDelegate::Environment{

@@ -45,6 +45,13 @@ void GlobalKeys::installKeyMonitors()
     m_triggerKey = m_settings->aiTriggerKey();
     m_reader.reset();
     m_keys = m_source.observeKeys([this](quint16 keyCode, bool pressed) { handleKey(keyCode, pressed); });
+    if (m_registerShortcuts)
+        m_registerShortcuts(m_triggerKey);
+}
+
+void GlobalKeys::setDesktopShortcuts(std::function<void(const AITriggerKey&)> registerShortcuts)
+{
+    m_registerShortcuts = std::move(registerShortcuts);
 }
 
 void GlobalKeys::removeEventTap()
