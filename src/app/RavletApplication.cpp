@@ -10,8 +10,11 @@
 #include "CrashReporter.h"
 #include "DesktopIntegration.h"
 #include "DesktopSession.h"
+#include "DesktopShortcuts.h"
 #include "GlobalKeys.h"
+#include "GlobalShortcutsPortal.h"
 #include "InterviewAdapters.h"
+#include "LaunchArguments.h"
 #include "LocalServer.h"
 #include "Log.h"
 #include "MicrophoneService.h"
@@ -76,6 +79,19 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         std::printf("RavletAI %s\n", QString::fromUtf16(BuildConfig::version).toUtf8().constData());
         return 0;
     }
+    // A key's action bound in the desktop's shortcut settings: handed to the running program
+    // at once, before any display or window is set up, so that the press acts in a few
+    // milliseconds. It never starts a program of its own.
+    QStringList rawArguments;
+    for (int i = 1; i < argc; ++i)
+        rawArguments.append(QString::fromLocal8Bit(argv[i]));
+    if (LaunchArguments::findKeyAction(rawArguments)) {
+        if (SingleInstance().forwardToRunning(rawArguments))
+            return 0;
+        std::fprintf(stderr, "ravletai %s: RavletAI is not running, so there is nothing to act on\n",
+                     qPrintable(rawArguments.join(u' ')));
+        return 1;
+    }
     QmlShellWindows::prepareDrawing();
     const auto session = applyDesktopSession();
     const auto renderer = applyRendererChoice();
@@ -109,6 +125,19 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
     QmlShellWindows windows;
     windows.setAllWorkspaces(showOnAllWorkspaces);
     GlobalKeys keyMonitors(keySource);
+    // On Wayland the X11 source sees only keys typed into our own windows; where the desktop
+    // offers its shortcut portal, the keys come through it instead.
+    std::unique_ptr<GlobalShortcutsPortal> portal;
+    if (session.kind == DesktopSession::Kind::wayland && GlobalShortcutsPortal::isAvailable()) {
+        portal = std::make_unique<GlobalShortcutsPortal>();
+        keyMonitors.setDesktopShortcuts(
+            [&portal](const AITriggerKey& key) { portal->bind(DesktopShortcuts::forTriggerKey(key)); });
+        QObject::connect(portal.get(), &GlobalShortcutsPortal::activated, &keyMonitors, [&keyMonitors](const QString& id) {
+            if (const auto action = DesktopShortcuts::actionOf(id))
+                keyMonitors.performKeyAction(*action);
+        });
+        logLine(u"Keys", u"global shortcuts go through the desktop's shortcut portal");
+    }
     UpdateStatus updateStatus;
     LoggedUpdateChecks updates(updateStatus);
 

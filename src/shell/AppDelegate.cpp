@@ -268,6 +268,12 @@ void AppDelegate::handleLaunchArguments(const QStringList& arguments)
     case LaunchArguments::Action::showDashboard:
         m_env.notifications.post(Notifications::showDashboard);
         return;
+    case LaunchArguments::Action::keyAction:
+        if (parsed.keyAction == KeyAction::toggleOverlay)
+            m_env.notifications.post(Notifications::toggleOverlay);
+        else
+            m_env.keyMonitors.performKeyAction(parsed.keyAction);
+        return;
     }
 }
 

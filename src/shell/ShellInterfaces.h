@@ -9,6 +9,7 @@
 #include <optional>
 
 class InterviewViewModel;
+enum class KeyAction;
 class MenuBarViewModel;
 class TelemetryClient;
 class UserSettings;
@@ -44,6 +45,9 @@ public:
     virtual void installKeyMonitors() = 0;
     virtual void removeEventTap() = 0;
     virtual void installEventTap() = 0;
+    // A key's action handed over by the desktop (a bound command, a desktop shortcut): it goes
+    // through the same decisions as the key itself.
+    virtual void performKeyAction(KeyAction action) = 0;
 };
 
 // The periodic update check and what it is told about the user.

@@ -266,6 +266,39 @@ def run(args, desktop):
     check(desktop.active_window() == call.window, "the video call kept the focus")
     check("focus out" not in call.lines, "the video call never lost the focus")
 
+    # The same actions as the commands a desktop binds where it cannot hand keys to us: each
+    # does what its key does, and the process that carries it ends at once.
+    def act(option):
+        started = time.monotonic()
+        code = program.run_again(option)
+        print("%s handed over in %.0f ms" % (option, (time.monotonic() - started) * 1000))
+        return code == 0
+
+    check(act("--trigger") and wait_until(lambda: counter(ui) == f"{total + 1}/{total + 1}", 5) is not None,
+          "--trigger streams another answer", lambda: counter(ui))
+    total += 1
+    check(act("--previous-answer") and wait_until(lambda: counter(ui) == f"{total - 1}/{total}", 5) is not None,
+          "--previous-answer pages back", lambda: counter(ui))
+    check(act("--next-answer") and wait_until(lambda: counter(ui) == f"{total}/{total}", 5) is not None,
+          "--next-answer pages forward", lambda: counter(ui))
+    newest = transcript_rows(ui)[-1:]
+    check(act("--select-up") and wait_until(lambda: transcript_rows(ui, selected=True) == newest, 5) is not None,
+          "--select-up picks the newest line", lambda: transcript_rows(ui, selected=True))
+    check(act("--select-down") and wait_until(lambda: transcript_rows(ui, selected=True) == [], 5) is not None,
+          "--select-down lets it go")
+    # Hidden, the overlay takes no move; each command is acted on before its process is let go,
+    # so once the overlay shows again the moves made while hidden would already be visible.
+    check(act("--toggle-overlay") and wait_until(lambda: not desktop.is_viewable(OVERLAY), 5),
+          "--toggle-overlay hides the overlay")
+    check(act("--previous-answer") and act("--select-up"), "moves are taken while hidden")
+    check(act("--toggle-overlay") and wait_until(lambda: desktop.is_viewable(OVERLAY) and counter(ui), 5),
+          "--toggle-overlay shows it again")
+    check(counter(ui) == f"{total}/{total}" and transcript_rows(ui, selected=True) == [],
+          "moves while hidden did nothing", lambda: (counter(ui), transcript_rows(ui, selected=True)))
+    check(list(product.processes(os.path.realpath(program.executable))) == [program.process.pid],
+          "no second process stays", product.processes(os.path.realpath(program.executable)))
+    check(desktop.active_window() == call.window, "the video call kept the focus through the commands")
+
     # Stop; the transcript the user saw is what the server keeps.
     rows = transcript_rows(ui)
     ui.press(OVERLAY, "Stop")
@@ -302,6 +335,13 @@ def run(args, desktop):
 
     # Quit, as the desktop entry's action does.
     check(program.run_again("--quit") == 0 and program.process.wait(timeout=20) == 0, "Quit ends the program")
+
+    # With nothing running, an action starts nothing and says why in one line.
+    alone = subprocess.run([program.executable, "--next-answer"], env=program.env, capture_output=True, text=True,
+                           timeout=30)
+    check(alone.returncode != 0 and len(alone.stderr.splitlines()) == 1 and "not running" in alone.stderr
+          and not product.processes(os.path.realpath(program.executable)), "an action with no program running fails plainly",
+          alone.stderr)
 
 
 def main():

@@ -10,6 +10,7 @@
 #include "AuthTokenStore.h"
 #include "AuthViewModel.h"
 #include "FakeBackend.h"
+#include "LaunchArguments.h"
 #include "OverlayViewModel.h"
 #include "ShellInterfaces.h"
 #include "UpdateStatus.h"
@@ -49,6 +50,7 @@ public:
     void installKeyMonitors() override { log.append(u"install key monitors"_s); }
     void removeEventTap() override { log.append(u"remove tap"_s); }
     void installEventTap() override { log.append(u"install tap"_s); }
+    void performKeyAction(KeyAction action) override { log.append(u"key action "_s + QString::number(int(action))); }
 
     void setTelemetry(TelemetryClient* client) override { telemetry = client; }
     void setUserId(std::optional<QString> id) override { userId = std::move(id); }

@@ -1,6 +1,7 @@
 #include "GlobalKeys.h"
 
 #include "InterviewViewModel.h"
+#include "LaunchArguments.h"
 
 #include <QWindow>
 
@@ -44,6 +45,13 @@ void GlobalKeys::installKeyMonitors()
     m_triggerKey = m_settings->aiTriggerKey();
     m_reader.reset();
     m_keys = m_source.observeKeys([this](quint16 keyCode, bool pressed) { handleKey(keyCode, pressed); });
+    if (m_registerShortcuts)
+        m_registerShortcuts(m_triggerKey);
+}
+
+void GlobalKeys::setDesktopShortcuts(std::function<void(const AITriggerKey&)> registerShortcuts)
+{
+    m_registerShortcuts = std::move(registerShortcuts);
 }
 
 void GlobalKeys::removeEventTap()
@@ -107,5 +115,31 @@ void GlobalKeys::handleArrow(quint16 keyCode)
     case TapAction::selectNextTranscript:
         m_interview->selectNextTranscript();
         break;
+    }
+}
+
+void GlobalKeys::performKeyAction(KeyAction action)
+{
+    switch (action) {
+    case KeyAction::trigger: {
+        // The press of the key the monitors hold, so a suppressed or not yet installed trigger
+        // stays silent here too.
+        if (!m_keys.isActive() || !m_interview || !m_settings)
+            return;
+        const KeyEvent press{m_triggerKey.keyCode, monitoredKind(m_triggerKey), m_triggerKey.modifierFlag.value_or(0)};
+        if (triggerFires(m_triggerKey, m_settings->isTriggerSuppressed(), press))
+            m_interview->triggerAIAnswer();
+        return;
+    }
+    case KeyAction::previousAnswer:
+        return handleArrow(leftArrow);
+    case KeyAction::nextAnswer:
+        return handleArrow(rightArrow);
+    case KeyAction::selectUp:
+        return handleArrow(upArrow);
+    case KeyAction::selectDown:
+        return handleArrow(downArrow);
+    case KeyAction::toggleOverlay:
+        return;
     }
 }

@@ -8,6 +8,8 @@
 #include <QObject>
 #include <QPointer>
 
+#include <functional>
+
 class InterviewViewModel;
 
 // The trigger key monitors and the overlay's arrow-key tap over a desktop's key source.
@@ -25,6 +27,12 @@ public:
     void installKeyMonitors() override;
     void removeEventTap() override;
     void installEventTap() override;
+    // The moves act only while the overlay shows and the trigger only as its key would fire;
+    // toggling the overlay is not a key's and is left to the caller.
+    void performKeyAction(KeyAction action) override;
+    // Where the desktop binds shortcuts for us (the Wayland portal), they are registered again
+    // with each new copy of the trigger key, so that a change of key acts at once there too.
+    void setDesktopShortcuts(std::function<void(const AITriggerKey&)> registerShortcuts);
 
 private:
     Q_SLOT void overlayVisibilityChanged();
@@ -43,4 +51,5 @@ private:
     KeySource::Subscription m_keys;
     bool m_tapInstalled = false;
     bool m_arrowsGrabbed = false;
+    std::function<void(const AITriggerKey&)> m_registerShortcuts;
 };

@@ -1,0 +1,171 @@
+// Global shortcuts through the desktop portal, against a stand-in portal on a private bus (a
+// small Python service implementing the documented interface): the session and the chords asked
+// for, a new registration when the trigger key changes, a refused shortcut, and the presses
+// coming back as key actions.
+
+#include "DesktopShortcuts.h"
+#include "GlobalShortcutsPortal.h"
+#include "LaunchArguments.h"
+#include "UserSettings.h"
+
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+const QString portalName = u"org.freedesktop.portal.Desktop"_s;
+
+class GlobalShortcutsPortalTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_daemon.start(u"dbus-daemon"_s, {u"--session"_s, u"--nofork"_s, u"--print-address"_s});
+        ASSERT_TRUE(m_daemon.waitForStarted(5000)) << "no dbus-daemon";
+        ASSERT_TRUE(QTest::qWaitFor([&] { return m_daemon.canReadLine(); }, 5000));
+        m_address = QString::fromUtf8(m_daemon.readLine()).trimmed();
+        m_busName = u"private-%1"_s.arg(++s_buses);
+        m_bus = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(m_address, m_busName));
+        ASSERT_TRUE(m_bus->isConnected());
+    }
+
+    void TearDown() override
+    {
+        m_fake.kill();
+        m_fake.waitForFinished();
+        m_bus.reset();
+        QDBusConnection::disconnectFromBus(m_busName);
+        m_daemon.kill();
+        m_daemon.waitForFinished();
+    }
+
+    void startFake(const QStringList& arguments = {})
+    {
+        auto environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, m_address);
+        m_fake.setProcessEnvironment(environment);
+        m_fake.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_fake.start(u"/usr/bin/python3"_s, QStringList{QStringLiteral(RAVLET_FAKE_PORTAL)} + arguments);
+        ASSERT_TRUE(QTest::qWaitFor([&] { return m_bus->interface()->isServiceRegistered(portalName).value(); },
+                                    10000))
+            << "the stand-in portal did not come up";
+    }
+
+    QJsonArray calls() const
+    {
+        const auto reply = m_bus->call(QDBusMessage::createMethodCall(
+            portalName, u"/org/freedesktop/portal/desktop"_s, u"org.ravlet.test.FakePortal"_s, u"Calls"_s));
+        return QJsonDocument::fromJson(reply.arguments().value(0).toString().toUtf8()).array();
+    }
+
+    void fire(const QString& session, const QString& shortcut) const
+    {
+        auto call = QDBusMessage::createMethodCall(portalName, u"/org/freedesktop/portal/desktop"_s,
+                                                   u"org.ravlet.test.FakePortal"_s, u"Fire"_s);
+        call << QVariant::fromValue(QDBusObjectPath(session)) << shortcut;
+        m_bus->call(call);
+    }
+
+    static bool bindAndWait(GlobalShortcutsPortal& portal, const AITriggerKey& key)
+    {
+        QSignalSpy changed(&portal, &GlobalShortcutsPortal::stateChanged);
+        portal.bind(DesktopShortcuts::forTriggerKey(key));
+        return changed.wait(10000);
+    }
+
+    // The (id, preferred trigger) pairs of a recorded shortcut list.
+    static QStringList chords(const QJsonValue& shortcuts)
+    {
+        QStringList pairs;
+        for (const auto& shortcut : shortcuts.toArray())
+            pairs.append(shortcut[0].toString() + u'=' + shortcut[1][u"preferred_trigger"_s].toString());
+        return pairs;
+    }
+
+    static QStringList moves()
+    {
+        return {u"previous-answer=CTRL+ALT+bracketleft"_s, u"next-answer=CTRL+ALT+bracketright"_s,
+                u"select-up=CTRL+ALT+Page_Up"_s, u"select-down=CTRL+ALT+Page_Down"_s};
+    }
+
+    QProcess m_daemon, m_fake;
+    QString m_address, m_busName;
+    std::unique_ptr<QDBusConnection> m_bus;
+    static inline int s_buses = 0;
+};
+
+const AITriggerKey f5{96, false, std::nullopt, u"F5"_s};
+const AITriggerKey rightShift{60, true, 131072, u"Right Shift"_s};
+const AITriggerKey letterA{0, false, std::nullopt, u"A"_s};
+
+TEST_F(GlobalShortcutsPortalTest, SessionAndChordsAndANewRegistrationForEachTriggerKey)
+{
+    EXPECT_FALSE(GlobalShortcutsPortal::isAvailable(*m_bus)) << "a portal where none runs";
+    ASSERT_NO_FATAL_FAILURE(startFake());
+    EXPECT_TRUE(GlobalShortcutsPortal::isAvailable(*m_bus));
+    GlobalShortcutsPortal portal(*m_bus);
+
+    // A key that types nothing is asked for as it is; a modifier or a letter gets our chord.
+    for (const auto& [key, trigger] : {std::pair(f5, u"F5"_s), {rightShift, u"CTRL+ALT+backslash"_s},
+                                       {letterA, u"CTRL+ALT+backslash"_s}}) {
+        const qsizetype before = calls().size();
+        ASSERT_TRUE(bindAndWait(portal, key)) << key.displayName.toStdString();
+        const QJsonArray made = calls();
+        // After the first, the old session is closed before the new one is made.
+        const QJsonArray steps = QJsonArray::fromVariantList(made.toVariantList().mid(before));
+        ASSERT_EQ(steps.size(), before == 0 ? 2 : 3) << QJsonDocument(steps).toJson().toStdString();
+        const int create = before == 0 ? 0 : 1;
+        if (before != 0) {
+            EXPECT_EQ(steps[0][0].toString(), u"Close"_s);
+        }
+        const QStringList expected = QStringList{u"trigger="_s + trigger} + moves();
+        // The shortcuts go into CreateSession's options too, where Plasma 5.27 takes them from.
+        EXPECT_EQ(steps[create][0].toString(), u"CreateSession"_s);
+        EXPECT_EQ(steps[create][1][u"session_handle_token"_s].toString(), u"ravletai"_s);
+        EXPECT_EQ(chords(steps[create][1][u"shortcuts"_s]), expected);
+        EXPECT_EQ(steps[create + 1][0].toString(), u"BindShortcuts"_s);
+        EXPECT_TRUE(steps[create + 1][1].toString().endsWith(u"/ravletai"_s));
+        EXPECT_EQ(chords(steps[create + 1][2]), expected);
+        EXPECT_EQ(portal.boundTriggers().value(u"trigger"_s), trigger);
+        EXPECT_EQ(portal.boundTriggers().size(), 5);
+        EXPECT_TRUE(portal.refused().isEmpty());
+    }
+}
+
+TEST_F(GlobalShortcutsPortalTest, RefusedShortcutIsReportedAndPressesComeBackAsKeyActions)
+{
+    ASSERT_NO_FATAL_FAILURE(startFake({u"--refuse"_s, u"select-down"_s}));
+    GlobalShortcutsPortal portal(*m_bus);
+    ASSERT_TRUE(bindAndWait(portal, f5));
+    EXPECT_EQ(portal.refused(), QStringList{u"select-down"_s});
+    EXPECT_FALSE(portal.boundTriggers().contains(u"select-down"_s));
+    EXPECT_EQ(portal.boundTriggers().value(u"next-answer"_s), u"CTRL+ALT+bracketright"_s);
+
+    const QString session = calls()[1][1].toString();
+    QSignalSpy activated(&portal, &GlobalShortcutsPortal::activated);
+    // A press for another program's session is not ours; signals arrive in order, so the
+    // second press shows the first one was dropped.
+    fire(u"/org/freedesktop/portal/desktop/session/other/ravletai"_s, u"trigger"_s);
+    fire(session, u"next-answer"_s);
+    ASSERT_TRUE(activated.wait(5000));
+    ASSERT_EQ(activated.size(), 1);
+    EXPECT_EQ(activated[0][0].toString(), u"next-answer"_s);
+
+    const std::pair<const char16_t*, KeyAction> actions[] = {
+        {u"trigger", KeyAction::trigger},       {u"previous-answer", KeyAction::previousAnswer},
+        {u"next-answer", KeyAction::nextAnswer}, {u"select-up", KeyAction::selectUp},
+        {u"select-down", KeyAction::selectDown}};
+    for (const auto& [id, action] : actions)
+        EXPECT_EQ(DesktopShortcuts::actionOf(QString::fromUtf16(id)), action);
+    EXPECT_FALSE(DesktopShortcuts::actionOf(u"toggle-overlay"_s)) << "not a shortcut we register";
+}
+
+} // namespace
