@@ -9,6 +9,8 @@
 #include "TranscriptSocket.h"
 #include "VendorTokens.h"
 
+#include <cstdio>
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QUrl>
@@ -96,8 +98,16 @@ Api::Api(Database& db, AccountService& accounts, Clock& clock, ServerConfig conf
                             std::shared_ptr<HttpResponder> responder) {
                          streamAnswer(request, user, std::move(responder));
                      }});
-    addPublicRoute("GET", u"/health"_s, [](const HttpRequest&, const Params&) {
-        return jsonResponse(200, {{u"status"_s, u"ok"_s}});
+    // For load balancers and operators: which part failed, without the database's own words
+    // (they may name hosts), which go to the log.
+    addPublicRoute("GET", u"/health"_s, [this](const HttpRequest&, const Params&) {
+        if (const auto failure = m_db.check()) {
+            std::fprintf(stderr, "ravlet-server: health: database: %s\n", qPrintable(*failure));
+            return jsonResponse(503, {{u"status"_s, u"error"_s},
+                                      {u"database"_s, u"unavailable"_s},
+                                      {u"error"_s, u"The database does not answer"_s}});
+        }
+        return jsonResponse(200, {{u"status"_s, u"ok"_s}, {u"database"_s, u"ok"_s}});
     });
 }
 

@@ -15,7 +15,7 @@ QString isoTime(qint64 msSinceEpoch)
 
 namespace {
 
-UserRecord userFrom(const QSqlQuery& q)
+UserRecord userFrom(const Rows& q)
 {
     return {q.value(0).toString(), q.value(1).toString(), q.value(2).toString()};
 }
@@ -121,7 +121,7 @@ namespace {
 const auto sessionColumns =
     u"id, language_input, language_output, status, started_at, ended_at, stt_audio_duration_ms"_s;
 
-QJsonObject sessionFrom(const QSqlQuery& q)
+QJsonObject sessionFrom(const Rows& q)
 {
     QJsonObject object{{u"id"_s, q.value(0).toString()},
                        {u"languageInput"_s, q.value(1).toString()},
@@ -191,7 +191,8 @@ std::optional<qint64> InterviewStore::upsertLine(const QString& userId, const QS
         line.confidence ? QVariant(*line.confidence) : QVariant(QMetaType::fromType<double>());
     // An older revision never replaces a newer text; a repeat of the same revision rewrites it
     // unchanged.
-    // A new line's arrival is one past the session's last; an update keeps it.
+    // A new line's arrival is one past the session's last; an update keeps it. Running it
+    // twice leaves the same row, so a lost connection retries it rather than refuse the line.
     auto q = m_db.run(u"INSERT INTO transcript_lines (session_id, entry_id, speaker, content, "
                       u"timestamp_ms, confidence, revision, arrival) "
                       u"SELECT ?, ?, ?, ?, ?, ?, ?, (SELECT COALESCE(MAX(arrival), 0) + 1 FROM "
@@ -203,7 +204,8 @@ std::optional<qint64> InterviewStore::upsertLine(const QString& userId, const QS
                       u"revision = excluded.revision "
                       u"WHERE excluded.revision >= transcript_lines.revision"_s,
                       {sessionId, line.id, line.speaker, line.content, line.timestampMs, confidence,
-                       line.revision, sessionId, sessionId, userId});
+                       line.revision, sessionId, sessionId, userId},
+                      Database::Retry::once);
     if (q.numRowsAffected() == 1)
         return line.revision;
     auto stored = m_db.run(u"SELECT t.revision FROM transcript_lines t JOIN interview_sessions s "
@@ -295,7 +297,7 @@ namespace {
 
 const auto jobColumns = u"id, title, company, content, created_at"_s;
 
-JobDescriptionRecord jobFrom(const QSqlQuery& q)
+JobDescriptionRecord jobFrom(const Rows& q)
 {
     return {q.value(0).toString(), q.value(1).toString(), q.value(2).toString(),
             q.value(3).toString(), q.value(4).toLongLong()};

@@ -335,6 +335,36 @@ TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
         {{"POST", jobs, R"({"title":"Engineer","content":"Build"})", 200, R"({"company":""})"}});
 }
 
+TEST_F(ServerTest, NulTextAndACutDatabaseConnectionGiveNoErrors)
+{
+    // A NUL, and the characters a store might use to stand for one, come back as sent.
+    const QByteArray awkward = R"("a\u0000b\ue0000c\ue000Fd\ue000")";
+    const auto jobs = u"/api/v1/job-description"_s;
+    expectRoutes(server, account,
+                 {{"POST", jobs, R"({"title":"T","content":)" + awkward + "}", 200},
+                  {"GET", jobs, {}, 200, R"({"jobDescriptions":[{"content":)" + awkward + "}]}"}});
+
+    if (server.db->driver() != Database::Driver::postgresql)
+        return;
+    // The server's connection is cut from outside, as by a restart or a fail-over: the next
+    // requests are served on a new one, not refused from then on.
+    const auto admin = server.reopen();
+    admin->run(u"SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
+               u"WHERE datname = current_database() AND pid <> pg_backend_pid()"_s);
+    expectRoutes(server, account,
+                 {{"GET", u"/health"_s, {}, 200, R"({"status":"ok","database":"ok"})"},
+                  {"GET", jobs, {}, 200, R"({"jobDescriptions":[{}]})"}});
+    admin->run(u"SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
+               u"WHERE datname = current_database() AND pid <> pg_backend_pid()"_s);
+    // A write that is not safe to repeat may fail once (when it is the first statement on the
+    // cut connection), never twice, and is never stored twice.
+    const auto first = server.call(account, "POST", jobs, R"({"title":"U","content":"x"})");
+    ASSERT_TRUE(first.status == 200 || first.status == 500) << first.status;
+    EXPECT_EQ(server.call(account, "POST", jobs, R"({"title":"V","content":"x"})").status, 200);
+    const auto kept = server.call(account, "GET", jobs).json()[u"jobDescriptions"_s].toArray();
+    EXPECT_EQ(kept.size(), first.status == 200 ? 3 : 2);
+}
+
 TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEngine)
 {
     const auto job = server
