@@ -291,6 +291,13 @@ void Api::registerAuthRoutes()
     addDeferredRoute("GET", u"/api/v1/speech/token"_s,
                      [this](const HttpRequest& request, const User& user,
                             std::shared_ptr<HttpResponder> responder) {
+                         const auto limit = m_config.quotas.speechTokensPerMinute;
+                         if (!m_speechTokenMints.take(user.id, limit)) {
+                             responder->respond(tooMany(
+                                 u"Too many speech tokens: at most %1 per minute"_s.arg(limit),
+                                 m_speechTokenMints.retryAfterSeconds(user.id)));
+                             return;
+                         }
                          // A vendor's key comes first: the operator gave it for quality.
                          if (m_vendorTokens)
                              mintVendorToken(std::move(responder));

@@ -283,6 +283,20 @@ bool DocumentStore::deleteResume(const QString& userId, const QString& id)
            == 1;
 }
 
+DocumentStore::Usage DocumentStore::usage(const QString& userId)
+{
+    auto q = m_db.run(
+        u"SELECT (SELECT COUNT(*) FROM resumes WHERE user_id = ?) + "
+        u"(SELECT COUNT(*) FROM job_descriptions WHERE user_id = ?), "
+        u"(SELECT COALESCE(SUM(LENGTH(file_data) + LENGTH(extracted_text)), 0) FROM resumes "
+        u"WHERE user_id = ?) + (SELECT COALESCE(SUM(LENGTH(title) + LENGTH(company) + "
+        u"LENGTH(content)), 0) FROM job_descriptions WHERE user_id = ?)"_s,
+        {userId, userId, userId, userId});
+    if (!q.next())
+        return {};
+    return {q.value(0).toInt(), q.value(1).toLongLong()};
+}
+
 JobDescriptionRecord DocumentStore::addJobDescription(const QString& userId,
                                                       JobDescriptionRecord record)
 {
@@ -388,6 +402,20 @@ void TelemetryStore::addCrash(const QString& deviceId, const QJsonObject& report
         u"INSERT INTO crash_reports (id, device_id, report, received_at) VALUES (?, ?, ?, ?)"_s,
         {uuidLower(), deviceId,
          QString::fromUtf8(QJsonDocument(report).toJson(QJsonDocument::Compact)), nowMs});
+}
+
+void TelemetryStore::keepNewest(int events, int crashes)
+{
+    // Ties at the cut go by id: the count kept is exact either way.
+    for (const auto& [table, keep] :
+         {std::pair{u"telemetry_events"_s, events}, std::pair{u"crash_reports"_s, crashes}}) {
+        auto q = m_db.run(u"SELECT COUNT(*) FROM "_s + table);
+        const auto excess = q.next() ? q.value(0).toLongLong() - keep : 0;
+        if (excess > 0)
+            m_db.run(u"DELETE FROM "_s + table + u" WHERE id IN (SELECT id FROM "_s + table
+                         + u" ORDER BY received_at, id LIMIT ?)"_s,
+                     {excess});
+    }
 }
 
 int TelemetryStore::eventCount()
