@@ -90,6 +90,24 @@ const QList<Option>& options()
          u"RAVLET_NO_TELEMETRY"_s,
          {},
          u"Turn telemetry off for every client."_s},
+        {u"--max-answer-streams"_s, u"RAVLET_MAX_ANSWER_STREAMS"_s, u"N"_s,
+         u"Answers one user may have streaming at once (default 4)."_s},
+        {u"--max-answers-per-minute"_s, u"RAVLET_MAX_ANSWERS_PER_MINUTE"_s, u"N"_s,
+         u"Answers one user may start per minute (default 60)."_s},
+        {u"--max-speech-tokens-per-minute"_s, u"RAVLET_MAX_SPEECH_TOKENS_PER_MINUTE"_s, u"N"_s,
+         u"Speech tokens one user may get per minute (default 30)."_s},
+        {u"--max-documents"_s, u"RAVLET_MAX_DOCUMENTS"_s, u"N"_s,
+         u"Resumes and job descriptions one user may keep (default 200)."_s},
+        {u"--max-document-bytes"_s, u"RAVLET_MAX_DOCUMENT_BYTES"_s, u"N"_s,
+         u"Total size of one user's documents: files plus text (default 268435456)."_s},
+        {u"--max-listen-sockets"_s, u"RAVLET_MAX_LISTEN_SOCKETS"_s, u"N"_s,
+         u"Sockets of the built-in recogniser one user may have open (default 4)."_s},
+        {u"--max-telemetry-per-minute"_s, u"RAVLET_MAX_TELEMETRY_PER_MINUTE"_s, u"N"_s,
+         u"Telemetry and crash requests one client address may send per minute (default 120)."_s},
+        {u"--max-telemetry-rows"_s, u"RAVLET_MAX_TELEMETRY_ROWS"_s, u"N"_s,
+         u"Telemetry events kept; the oldest go first (default 1000000)."_s},
+        {u"--max-crash-reports"_s, u"RAVLET_MAX_CRASH_REPORTS"_s, u"N"_s,
+         u"Crash reports kept; the oldest go first (default 10000)."_s},
         {u"--help"_s, {}, {}, u"Show this help."_s},
     };
     return list;
@@ -309,6 +327,33 @@ ServerOptions::parse(const QStringList& arguments, const QStringList& environmen
     }
     result.config.telemetryEnabled = !values.contains(u"--no-telemetry"_s);
     result.config.offlineSpeech = !values.contains(u"--no-offline-speech"_s);
+    auto& quotas = result.config.quotas;
+    const std::pair<QString, int*> counts[] = {
+        {u"--max-answer-streams"_s, &quotas.answerStreamsAtOnce},
+        {u"--max-answers-per-minute"_s, &quotas.answersPerMinute},
+        {u"--max-speech-tokens-per-minute"_s, &quotas.speechTokensPerMinute},
+        {u"--max-documents"_s, &quotas.documentsKept},
+        {u"--max-listen-sockets"_s, &quotas.listenSockets},
+        {u"--max-telemetry-per-minute"_s, &quotas.telemetryPerMinute},
+        {u"--max-telemetry-rows"_s, &quotas.telemetryRowsKept},
+        {u"--max-crash-reports"_s, &quotas.crashReportsKept},
+    };
+    for (const auto& [name, target] : counts) {
+        if (!values.contains(name))
+            continue;
+        bool ok = false;
+        const auto value = values.value(name).toInt(&ok);
+        if (!ok || value < 1)
+            return name + u" expects a whole number of at least 1"_s;
+        *target = value;
+    }
+    if (values.contains(u"--max-document-bytes"_s)) {
+        bool ok = false;
+        const auto value = values.value(u"--max-document-bytes"_s).toLongLong(&ok);
+        if (!ok || value < 1)
+            return u"--max-document-bytes expects a whole number of at least 1"_s;
+        quotas.documentBytes = value;
+    }
     return result;
 }
 

@@ -89,15 +89,15 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "ravlet-server: %s\n", qPrintable(*error));
         return 1;
     }
+    SystemClock clock;
     std::unique_ptr<Database> database;
     try {
-        database = Database::open(options.database);
+        database = Database::open(options.database, &clock);
     } catch (const StoreError& error) {
         std::fprintf(stderr, "ravlet-server: %s\n", error.what());
         return 1;
     }
 
-    SystemClock clock;
     AccountService accounts(*database, clock, std::get<QByteArray>(key));
     if (!options.createUser.isEmpty())
         return createUser(accounts, options.createUser);

@@ -7,6 +7,9 @@
 #include <QJsonDocument>
 #include <QPointer>
 
+#include <functional>
+#include <utility>
+
 using namespace Qt::StringLiterals;
 using ravlet::server::AnswerEngine;
 using ravlet::server::AnswerRequest;
@@ -37,6 +40,15 @@ struct AnswerFlight {
     bool started = false;
     bool finished = false;
     AnswerEngine::Handle handle;
+    // Gives back the user's streaming slot; runs once, when the answer ends either way.
+    std::function<void()> freeSlot;
+
+    void finish()
+    {
+        finished = true;
+        if (auto free = std::exchange(freeSlot, {}))
+            free();
+    }
 
     // The engine's handle may hold the callbacks that hold this flight: let go of it once the
     // answer is over, after the engine's current call has returned.
@@ -81,6 +93,20 @@ void Api::streamAnswer(const HttpRequest& request, const User& user,
         return;
     }
 
+    const auto& quotas = m_config.quotas;
+    if (m_answersStreaming.value(user.id) >= quotas.answerStreamsAtOnce) {
+        responder->respond(tooMany(u"Too many answers at once: at most %1 stream at a time"_s.arg(
+                                       quotas.answerStreamsAtOnce),
+                                   1));
+        return;
+    }
+    if (!m_answerStarts.take(user.id, quotas.answersPerMinute)) {
+        responder->respond(
+            tooMany(u"Too many answers: at most %1 per minute"_s.arg(quotas.answersPerMinute),
+                    m_answerStarts.retryAfterSeconds(user.id)));
+        return;
+    }
+
     AnswerRequest answerRequest;
     answerRequest.question = question.toString();
     const auto lines = context.toArray();
@@ -110,18 +136,23 @@ void Api::streamAnswer(const HttpRequest& request, const User& user,
 
     auto flight = std::make_shared<AnswerFlight>();
     flight->responder = std::move(responder);
+    ++m_answersStreaming[user.id];
+    flight->freeSlot = [self = QPointer(this), userId = user.id] {
+        if (self && --self->m_answersStreaming[userId] <= 0)
+            self->m_answersStreaming.remove(userId);
+    };
     flight->logId =
         m_answerLogs.create(user.id, sessionId, answerRequest.question, m_clock.nowMs());
     // Weak: the responder owns this callback, and the flight owns the responder.
     flight->responder->setOnDisconnected([weak = std::weak_ptr(flight)] {
         if (auto flight = weak.lock(); flight && !flight->finished && flight->handle.cancel) {
-            flight->finished = true;
+            flight->finish();
             flight->handle.cancel();
             flight->release(flight);
         }
     });
 
-    QPointer self(this);
+    QPointer<Api> self(this);
     const auto userId = user.id;
     auto onChunk = [flight](const QString& chunk) {
         if (flight->finished || chunk.isEmpty())
@@ -133,7 +164,7 @@ void Api::streamAnswer(const HttpRequest& request, const User& user,
     auto onDone = [flight, self, userId](const QString& error) {
         if (flight->finished)
             return;
-        flight->finished = true;
+        flight->finish();
         flight->release(flight);
         if (!error.isEmpty() && !flight->started) {
             flight->responder->respond(HttpResponse::error(502, error));

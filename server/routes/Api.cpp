@@ -9,6 +9,8 @@
 #include "TranscriptSocket.h"
 #include "VendorTokens.h"
 
+#include <cstdio>
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QUrl>
@@ -96,8 +98,16 @@ Api::Api(Database& db, AccountService& accounts, Clock& clock, ServerConfig conf
                             std::shared_ptr<HttpResponder> responder) {
                          streamAnswer(request, user, std::move(responder));
                      }});
-    addPublicRoute("GET", u"/health"_s, [](const HttpRequest&, const Params&) {
-        return jsonResponse(200, {{u"status"_s, u"ok"_s}});
+    // For load balancers and operators: which part failed, without the database's own words
+    // (they may name hosts), which go to the log.
+    addPublicRoute("GET", u"/health"_s, [this](const HttpRequest&, const Params&) {
+        if (const auto failure = m_db.check()) {
+            std::fprintf(stderr, "ravlet-server: health: database: %s\n", qPrintable(*failure));
+            return jsonResponse(503, {{u"status"_s, u"error"_s},
+                                      {u"database"_s, u"unavailable"_s},
+                                      {u"error"_s, u"The database does not answer"_s}});
+        }
+        return jsonResponse(200, {{u"status"_s, u"ok"_s}, {u"database"_s, u"ok"_s}});
     });
 }
 
@@ -281,6 +291,13 @@ void Api::registerAuthRoutes()
     addDeferredRoute("GET", u"/api/v1/speech/token"_s,
                      [this](const HttpRequest& request, const User& user,
                             std::shared_ptr<HttpResponder> responder) {
+                         const auto limit = m_config.quotas.speechTokensPerMinute;
+                         if (!m_speechTokenMints.take(user.id, limit)) {
+                             responder->respond(tooMany(
+                                 u"Too many speech tokens: at most %1 per minute"_s.arg(limit),
+                                 m_speechTokenMints.retryAfterSeconds(user.id)));
+                             return;
+                         }
                          // A vendor's key comes first: the operator gave it for quality.
                          if (m_vendorTokens)
                              mintVendorToken(std::move(responder));

@@ -3,6 +3,7 @@
 #include "AccountService.h"
 #include "HttpServer.h"
 #include "PracticeStore.h"
+#include "RateWindow.h"
 #include "ServerConfig.h"
 #include "Stores.h"
 
@@ -77,6 +78,12 @@ private:
     void streamAnswer(const HttpRequest& request, const User& user,
                       std::shared_ptr<HttpResponder> responder);
     std::optional<User> userOf(const HttpRequest& request) const;
+    // A 429 whose JSON says which limit was met, with when to try again.
+    static HttpResponse tooMany(const QString& message, qint64 retryAfterSeconds);
+    // Nothing when the user may keep one more document of `adding` size, else the refusal.
+    std::optional<HttpResponse> documentRefusal(const QString& userId, qint64 adding);
+    // Nothing when the request's address may send telemetry now, else the refusal.
+    std::optional<HttpResponse> telemetryRefusal(const HttpRequest& request);
 
     Database& m_db;
     AccountService& m_accounts;
@@ -94,6 +101,12 @@ private:
     QHash<QString, QString> m_practiceLanguage;
     std::unique_ptr<SpeechTokens> m_speechTokens;
     QList<Route> m_routes;
+    // Per user: answers started in the last minute and streaming now; speech tokens per
+    // minute. Per address: telemetry and crash requests per minute.
+    RateWindow m_answerStarts{m_clock, 60'000};
+    QHash<QString, int> m_answersStreaming;
+    RateWindow m_speechTokenMints{m_clock, 60'000};
+    RateWindow m_telemetryRequests{m_clock, 60'000};
 };
 
 // The JSON object of a request body, or the 4xx answer that refuses it.

@@ -44,6 +44,21 @@ bool isTextFile(const QString& filename, const QByteArray& contentType)
 
 } // namespace
 
+std::optional<HttpResponse> Api::documentRefusal(const QString& userId, qint64 adding)
+{
+    const auto usage = m_documents.usage(userId);
+    const auto& quotas = m_config.quotas;
+    if (usage.documents >= quotas.documentsKept)
+        return tooMany(u"Too many documents: at most %1 are kept; delete one first"_s.arg(
+                           quotas.documentsKept),
+                       60);
+    if (usage.size + adding > quotas.documentBytes)
+        return tooMany(
+            u"Your documents would exceed their total size of %1 bytes"_s.arg(quotas.documentBytes),
+            60);
+    return std::nullopt;
+}
+
 void Api::registerDocumentRoutes()
 {
     addRoute("GET", u"/api/v1/resume"_s,
@@ -53,44 +68,47 @@ void Api::registerDocumentRoutes()
                      list.append(resumeJson(resume));
                  return jsonResponse(200, {{u"resumes"_s, list}});
              });
-    addRoute("POST", u"/api/v1/resume/upload"_s,
-             [this](const HttpRequest& request, const User& user, const Params&) {
-                 if (request.body.size() > maxUploadBody)
-                     return HttpResponse::error(413, u"The file is too large"_s);
-                 const auto boundary = Multipart::boundaryOf(request.header("Content-Type"));
-                 if (!boundary)
-                     return HttpResponse::error(415, u"Expected multipart/form-data"_s);
-                 const auto parts = Multipart::parse(request.body, *boundary);
-                 if (!parts)
-                     return HttpResponse::error(400, u"The upload is incomplete or malformed"_s);
-                 const Multipart::Part* file = nullptr;
-                 std::optional<QString> extracted;
-                 for (const auto& part : *parts) {
-                     if (part.name == u"file"_s && part.filename && !file)
-                         file = &part;
-                     else if (part.name == u"extracted_text"_s) {
-                         extracted = utf8Text(part.data);
-                         if (!extracted)
-                             return HttpResponse::error(400, u"extracted_text must be UTF-8"_s);
-                     }
-                 }
-                 if (!file || file->filename->isEmpty() || file->filename->size() > 255)
-                     return HttpResponse::error(
-                         400, u"A file part named \"file\" with a file name is required"_s);
-                 ResumeRecord resume;
-                 resume.filename = *file->filename;
-                 resume.contentType = QString::fromLatin1(
-                     file->contentType.isEmpty() ? "application/octet-stream" : file->contentType);
-                 resume.fileData = file->data;
-                 // The program extracts PDF text itself; a plain text file is its own text.
-                 if (extracted)
-                     resume.extractedText = *extracted;
-                 else if (isTextFile(resume.filename, file->contentType))
-                     resume.extractedText = utf8Text(file->data).value_or(QString());
-                 resume.createdAtMs = m_clock.nowMs();
-                 return jsonResponse(200,
-                                     resumeJson(m_documents.addResume(user.id, std::move(resume))));
-             });
+    addRoute(
+        "POST", u"/api/v1/resume/upload"_s,
+        [this](const HttpRequest& request, const User& user, const Params&) {
+            if (request.body.size() > maxUploadBody)
+                return HttpResponse::error(413, u"The file is too large"_s);
+            const auto boundary = Multipart::boundaryOf(request.header("Content-Type"));
+            if (!boundary)
+                return HttpResponse::error(415, u"Expected multipart/form-data"_s);
+            const auto parts = Multipart::parse(request.body, *boundary);
+            if (!parts)
+                return HttpResponse::error(400, u"The upload is incomplete or malformed"_s);
+            const Multipart::Part* file = nullptr;
+            std::optional<QString> extracted;
+            for (const auto& part : *parts) {
+                if (part.name == u"file"_s && part.filename && !file)
+                    file = &part;
+                else if (part.name == u"extracted_text"_s) {
+                    extracted = utf8Text(part.data);
+                    if (!extracted)
+                        return HttpResponse::error(400, u"extracted_text must be UTF-8"_s);
+                }
+            }
+            if (!file || file->filename->isEmpty() || file->filename->size() > 255)
+                return HttpResponse::error(
+                    400, u"A file part named \"file\" with a file name is required"_s);
+            ResumeRecord resume;
+            resume.filename = *file->filename;
+            resume.contentType = QString::fromLatin1(
+                file->contentType.isEmpty() ? "application/octet-stream" : file->contentType);
+            resume.fileData = file->data;
+            // The program extracts PDF text itself; a plain text file is its own text.
+            if (extracted)
+                resume.extractedText = *extracted;
+            else if (isTextFile(resume.filename, file->contentType))
+                resume.extractedText = utf8Text(file->data).value_or(QString());
+            resume.createdAtMs = m_clock.nowMs();
+            if (auto refusal =
+                    documentRefusal(user.id, resume.fileData.size() + resume.extractedText.size()))
+                return *refusal;
+            return jsonResponse(200, resumeJson(m_documents.addResume(user.id, std::move(resume))));
+        });
     addRoute("DELETE", u"/api/v1/resume/*"_s,
              [this](const HttpRequest&, const User& user, const Params& params) {
                  return m_documents.deleteResume(user.id, params[0])
@@ -115,6 +133,9 @@ void Api::registerDocumentRoutes()
                      return HttpResponse::error(400, u"title and content must be texts"_s);
                  JobDescriptionRecord job{
                      {}, title.toString(), company.toString(), content.toString(), m_clock.nowMs()};
+                 if (auto refusal = documentRefusal(user.id, job.title.size() + job.company.size()
+                                                                 + job.content.size()))
+                     return *refusal;
                  return jsonResponse(
                      200, jobJson(m_documents.addJobDescription(user.id, std::move(job))));
              }));

@@ -6,6 +6,7 @@
 #include "HttpServer.h"
 #include "RecognizerWorker.h"
 
+#include <QHash>
 #include <QThread>
 #include <QWebSocket>
 
@@ -13,15 +14,17 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-int openChannels = 0; // main thread only
+// Main thread only.
+int openChannels = 0;
+QHash<QString, int> openPerUser;
 
 // The program sends its speech token as a bearer token, as it does to the vendor.
-bool isValidSpeechToken(const AccountService& accounts, const QByteArray& authorization)
+std::optional<QString> speechTokenUser(const AccountService& accounts,
+                                       const QByteArray& authorization)
 {
     if (!authorization.startsWith("Bearer "))
-        return false;
-    return accounts.verifySpeechToken(QString::fromLatin1(authorization.mid(7).trimmed()))
-        .has_value();
+        return std::nullopt;
+    return accounts.verifySpeechToken(QString::fromLatin1(authorization.mid(7).trimmed()));
 }
 
 DeepgramWire::ListenRequest listenRequestOf(const HttpRequest& request)
@@ -35,11 +38,16 @@ DeepgramWire::ListenRequest listenRequestOf(const HttpRequest& request)
 } // namespace
 
 void ListenChannel::attach(HttpServer& server, AccountService& accounts, Clock& clock,
-                           QObject* owner)
+                           QObject* owner, int socketsPerUser)
 {
-    auto gate = [&accounts](const HttpRequest& request) -> std::optional<HttpResponse> {
-        if (!isValidSpeechToken(accounts, request.header("Authorization")))
+    auto gate = [&accounts,
+                 socketsPerUser](const HttpRequest& request) -> std::optional<HttpResponse> {
+        const auto user = speechTokenUser(accounts, request.header("Authorization"));
+        if (!user)
             return HttpResponse::error(401, u"A valid speech token is required"_s);
+        if (openPerUser.value(*user) >= socketsPerUser)
+            return HttpResponse::error(
+                429, u"Too many listen sockets: at most %1 per user"_s.arg(socketsPerUser));
         const auto listen = listenRequestOf(request);
         if (listen.error)
             return HttpResponse::error(400, *listen.error);
@@ -50,12 +58,12 @@ void ListenChannel::attach(HttpServer& server, AccountService& accounts, Clock& 
     auto handler = [&accounts, &clock, owner](std::unique_ptr<QWebSocket> socket) {
         // The gate has passed this very request; the token may have expired in between.
         const auto listen = DeepgramWire::parseListenUrl(socket->requestUrl());
-        if (!isValidSpeechToken(accounts, socket->request().rawHeader("Authorization"))
-            || listen.error) {
+        const auto user = speechTokenUser(accounts, socket->request().rawHeader("Authorization"));
+        if (!user || listen.error) {
             socket->close(QWebSocketProtocol::CloseCodePolicyViolated);
             return;
         }
-        new ListenChannel(std::move(socket), listen, clock, owner);
+        new ListenChannel(std::move(socket), listen, *user, clock, owner);
     };
     server.addWebSocketRoute(u"/v1/listen"_s, gate, handler);
     server.addWebSocketRoute(u"/v2/listen"_s, gate, handler);
@@ -67,15 +75,18 @@ int ListenChannel::openCount()
 }
 
 ListenChannel::ListenChannel(std::unique_ptr<QWebSocket> socket,
-                             DeepgramWire::ListenRequest request, Clock& clock,
+                             DeepgramWire::ListenRequest request, QString userId, Clock& clock,
                              QObject* parent)
     : QObject(parent)
     , m_socket(std::move(socket))
     , m_thread(std::make_unique<QThread>())
     , m_clock(clock)
+    , m_userId(std::move(userId))
+    , m_openedMs(clock.nowMs())
     , m_lastFrameMs(clock.nowMs())
 {
     ++openChannels;
+    ++openPerUser[m_userId];
     m_socket->setMaxAllowedIncomingMessageSize(maxFrameBytes);
     m_socket->setMaxAllowedIncomingFrameSize(maxFrameBytes);
 
@@ -86,8 +97,7 @@ ListenChannel::ListenChannel(std::unique_ptr<QWebSocket> socket,
     // Frames cross to the decoder's thread and its messages come back, both queued in order.
     connect(m_socket.get(), &QWebSocket::binaryMessageReceived, worker,
             &RecognizerWorker::pushAudio);
-    connect(m_socket.get(), &QWebSocket::textMessageReceived, worker,
-            &RecognizerWorker::pushText);
+    connect(m_socket.get(), &QWebSocket::textMessageReceived, worker, &RecognizerWorker::pushText);
     connect(worker, &RecognizerWorker::message, this,
             [this](const QString& text) { m_socket->sendTextMessage(text); });
     connect(worker, &RecognizerWorker::closeRequested, this, [this] { m_socket->close(); });
@@ -96,6 +106,7 @@ ListenChannel::ListenChannel(std::unique_ptr<QWebSocket> socket,
     connect(m_socket.get(), &QWebSocket::disconnected, this, &ListenChannel::end);
     const auto heardFrom = [this] { m_lastFrameMs = m_clock.nowMs(); };
     connect(m_socket.get(), &QWebSocket::binaryMessageReceived, this, heardFrom);
+    connect(m_socket.get(), &QWebSocket::binaryMessageReceived, this, &ListenChannel::countAudio);
     connect(m_socket.get(), &QWebSocket::textMessageReceived, this, heardFrom);
     m_idleTimer = m_clock.startTimer(idleLimitMs, [this] { checkIdle(); });
 
@@ -112,6 +123,21 @@ ListenChannel::~ListenChannel()
     end();
     m_thread->wait();
     --openChannels;
+    if (--openPerUser[m_userId] <= 0)
+        openPerUser.remove(m_userId);
+}
+
+void ListenChannel::countAudio(const QByteArray& frame)
+{
+    m_audioBytes += frame.size();
+    const auto allowedSeconds =
+        headStartSeconds + maxSpeedUp * (m_clock.nowMs() - m_openedMs) / 1000;
+    if (m_audioBytes <= allowedSeconds * audioBytesPerSecond || !m_thread->isRunning())
+        return;
+    m_socket->close(QWebSocketProtocol::CloseCodePolicyViolated,
+                    u"Audio comes faster than real time"_s);
+    // What is queued for the decoder goes with its thread.
+    end();
 }
 
 void ListenChannel::checkIdle()

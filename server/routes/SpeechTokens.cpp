@@ -29,8 +29,9 @@ bool isEnglish(const QString& languageCode)
 QString languageName(const QString& languageCode)
 {
     static const QHash<QString, QString> names{
-        {u"es"_s, u"Spanish"_s}, {u"fr"_s, u"French"_s},   {u"de"_s, u"German"_s},
-        {u"zh"_s, u"Chinese (Simplified)"_s}, {u"ja"_s, u"Japanese"_s}, {u"ko"_s, u"Korean"_s},
+        {u"es"_s, u"Spanish"_s},  {u"fr"_s, u"French"_s},
+        {u"de"_s, u"German"_s},   {u"zh"_s, u"Chinese (Simplified)"_s},
+        {u"ja"_s, u"Japanese"_s}, {u"ko"_s, u"Korean"_s},
     };
     return names.value(languageCode.left(2).toLower(), languageCode);
 }
@@ -111,6 +112,6 @@ void SpeechTokens::attach([[maybe_unused]] HttpServer& server, [[maybe_unused]] 
 {
 #ifdef RAVLET_OFFLINE_SPEECH
     if (m_usesBuiltIn)
-        ListenChannel::attach(server, m_accounts, m_clock, owner);
+        ListenChannel::attach(server, m_accounts, m_clock, owner, m_config.quotas.listenSockets);
 #endif
 }

@@ -82,6 +82,16 @@ QString readText(const QString& path)
 
 } // namespace
 
+std::optional<HttpResponse> Api::telemetryRefusal(const HttpRequest& request)
+{
+    const auto address = request.peer.toString();
+    if (m_telemetryRequests.take(address, m_config.quotas.telemetryPerMinute))
+        return std::nullopt;
+    return tooMany(u"Too many telemetry requests from this address: at most %1 per minute"_s.arg(
+                       m_config.quotas.telemetryPerMinute),
+                   m_telemetryRequests.retryAfterSeconds(address));
+}
+
 void Api::registerTelemetryRoutes()
 {
     // Telemetry identifies a device, never a person: these routes take no token.
@@ -91,32 +101,45 @@ void Api::registerTelemetryRoutes()
     });
     addPublicRoute(
         "POST", u"/api/v1/telemetry/events"_s,
-        withJsonBody([this](const QJsonObject& object, const Params&) {
+        [this](const HttpRequest& request, const Params& params) {
             // 204 tells the client that telemetry is off; it then drops what it holds.
             if (!m_config.telemetryEnabled)
                 return HttpResponse::noContent();
-            const auto events = object.value(u"events"_s).toArray();
-            const auto deviceId = object.value(u"deviceId"_s).toString().left(64);
-            if (deviceId.isEmpty() || events.size() > maxEventsPerBatch)
-                return HttpResponse::error(400, u"Expected deviceId and at most 500 events"_s);
-            const auto appVersion = object.value(u"appVersion"_s).toString().left(32);
-            for (const auto& event : events) {
-                const auto item = event.toObject();
-                if (!item.value(u"name"_s).isString() || !item.value(u"category"_s).isString())
-                    return HttpResponse::error(400, u"Each event needs a name and a category"_s);
-            }
-            for (const auto& event : events)
-                m_telemetry.addEvent(deviceId, appVersion, event.toObject(), m_clock.nowMs());
-            return jsonResponse(200, {{u"accepted"_s, events.size()}});
-        }));
+            if (auto refusal = telemetryRefusal(request))
+                return *refusal;
+            return withJsonBody([this](const QJsonObject& object, const Params&) {
+                const auto events = object.value(u"events"_s).toArray();
+                const auto deviceId = object.value(u"deviceId"_s).toString().left(64);
+                if (deviceId.isEmpty() || events.size() > maxEventsPerBatch)
+                    return HttpResponse::error(400, u"Expected deviceId and at most 500 events"_s);
+                const auto appVersion = object.value(u"appVersion"_s).toString().left(32);
+                for (const auto& event : events) {
+                    const auto item = event.toObject();
+                    if (!item.value(u"name"_s).isString() || !item.value(u"category"_s).isString())
+                        return HttpResponse::error(400,
+                                                   u"Each event needs a name and a category"_s);
+                }
+                for (const auto& event : events)
+                    m_telemetry.addEvent(deviceId, appVersion, event.toObject(), m_clock.nowMs());
+                m_telemetry.keepNewest(m_config.quotas.telemetryRowsKept,
+                                       m_config.quotas.crashReportsKept);
+                return jsonResponse(200, {{u"accepted"_s, events.size()}});
+            })(request, params);
+        });
     addPublicRoute("POST", u"/api/v1/telemetry/crash"_s,
-                   withJsonBody([this](const QJsonObject& object, const Params&) {
+                   [this](const HttpRequest& request, const Params& params) {
                        if (!m_config.telemetryEnabled)
                            return HttpResponse::noContent();
-                       m_telemetry.addCrash(object.value(u"deviceId"_s).toString().left(64), object,
-                                            m_clock.nowMs());
-                       return jsonResponse(200, {});
-                   }));
+                       if (auto refusal = telemetryRefusal(request))
+                           return *refusal;
+                       return withJsonBody([this](const QJsonObject& object, const Params&) {
+                           m_telemetry.addCrash(object.value(u"deviceId"_s).toString().left(64),
+                                                object, m_clock.nowMs());
+                           m_telemetry.keepNewest(m_config.quotas.telemetryRowsKept,
+                                                  m_config.quotas.crashReportsKept);
+                           return jsonResponse(200, {});
+                       })(request, params);
+                   });
 
     addPublicRoute(
         "GET", u"/download/check-update"_s, [this](const HttpRequest& request, const Params&) {

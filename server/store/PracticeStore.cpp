@@ -8,7 +8,7 @@ void PracticeStore::saveAvatar(const QString& userId, const AvatarRecord& avatar
              u"VALUES (?, ?, ?, ?) ON CONFLICT (user_id) DO UPDATE SET "
              u"avatar_key = excluded.avatar_key, image_png = excluded.image_png, "
              u"generated_at = excluded.generated_at"_s,
-             {userId, avatar.key, avatar.png, avatar.generatedAtMs});
+             {userId, avatar.key, avatar.png, avatar.generatedAtMs}, Database::Retry::once);
 }
 
 std::optional<AvatarRecord> PracticeStore::avatar(const QString& userId)

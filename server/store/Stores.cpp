@@ -15,7 +15,7 @@ QString isoTime(qint64 msSinceEpoch)
 
 namespace {
 
-UserRecord userFrom(const QSqlQuery& q)
+UserRecord userFrom(const Rows& q)
 {
     return {q.value(0).toString(), q.value(1).toString(), q.value(2).toString()};
 }
@@ -121,7 +121,7 @@ namespace {
 const auto sessionColumns =
     u"id, language_input, language_output, status, started_at, ended_at, stt_audio_duration_ms"_s;
 
-QJsonObject sessionFrom(const QSqlQuery& q)
+QJsonObject sessionFrom(const Rows& q)
 {
     QJsonObject object{{u"id"_s, q.value(0).toString()},
                        {u"languageInput"_s, q.value(1).toString()},
@@ -191,7 +191,8 @@ std::optional<qint64> InterviewStore::upsertLine(const QString& userId, const QS
         line.confidence ? QVariant(*line.confidence) : QVariant(QMetaType::fromType<double>());
     // An older revision never replaces a newer text; a repeat of the same revision rewrites it
     // unchanged.
-    // A new line's arrival is one past the session's last; an update keeps it.
+    // A new line's arrival is one past the session's last; an update keeps it. Running it
+    // twice leaves the same row, so a lost connection retries it rather than refuse the line.
     auto q = m_db.run(u"INSERT INTO transcript_lines (session_id, entry_id, speaker, content, "
                       u"timestamp_ms, confidence, revision, arrival) "
                       u"SELECT ?, ?, ?, ?, ?, ?, ?, (SELECT COALESCE(MAX(arrival), 0) + 1 FROM "
@@ -203,7 +204,8 @@ std::optional<qint64> InterviewStore::upsertLine(const QString& userId, const QS
                       u"revision = excluded.revision "
                       u"WHERE excluded.revision >= transcript_lines.revision"_s,
                       {sessionId, line.id, line.speaker, line.content, line.timestampMs, confidence,
-                       line.revision, sessionId, sessionId, userId});
+                       line.revision, sessionId, sessionId, userId},
+                      Database::Retry::once);
     if (q.numRowsAffected() == 1)
         return line.revision;
     auto stored = m_db.run(u"SELECT t.revision FROM transcript_lines t JOIN interview_sessions s "
@@ -281,6 +283,20 @@ bool DocumentStore::deleteResume(const QString& userId, const QString& id)
            == 1;
 }
 
+DocumentStore::Usage DocumentStore::usage(const QString& userId)
+{
+    auto q = m_db.run(
+        u"SELECT (SELECT COUNT(*) FROM resumes WHERE user_id = ?) + "
+        u"(SELECT COUNT(*) FROM job_descriptions WHERE user_id = ?), "
+        u"(SELECT COALESCE(SUM(LENGTH(file_data) + LENGTH(extracted_text)), 0) FROM resumes "
+        u"WHERE user_id = ?) + (SELECT COALESCE(SUM(LENGTH(title) + LENGTH(company) + "
+        u"LENGTH(content)), 0) FROM job_descriptions WHERE user_id = ?)"_s,
+        {userId, userId, userId, userId});
+    if (!q.next())
+        return {};
+    return {q.value(0).toInt(), q.value(1).toLongLong()};
+}
+
 JobDescriptionRecord DocumentStore::addJobDescription(const QString& userId,
                                                       JobDescriptionRecord record)
 {
@@ -295,7 +311,7 @@ namespace {
 
 const auto jobColumns = u"id, title, company, content, created_at"_s;
 
-JobDescriptionRecord jobFrom(const QSqlQuery& q)
+JobDescriptionRecord jobFrom(const Rows& q)
 {
     return {q.value(0).toString(), q.value(1).toString(), q.value(2).toString(),
             q.value(3).toString(), q.value(4).toLongLong()};
@@ -386,6 +402,20 @@ void TelemetryStore::addCrash(const QString& deviceId, const QJsonObject& report
         u"INSERT INTO crash_reports (id, device_id, report, received_at) VALUES (?, ?, ?, ?)"_s,
         {uuidLower(), deviceId,
          QString::fromUtf8(QJsonDocument(report).toJson(QJsonDocument::Compact)), nowMs});
+}
+
+void TelemetryStore::keepNewest(int events, int crashes)
+{
+    // Ties at the cut go by id: the count kept is exact either way.
+    for (const auto& [table, keep] :
+         {std::pair{u"telemetry_events"_s, events}, std::pair{u"crash_reports"_s, crashes}}) {
+        auto q = m_db.run(u"SELECT COUNT(*) FROM "_s + table);
+        const auto excess = q.next() ? q.value(0).toLongLong() - keep : 0;
+        if (excess > 0)
+            m_db.run(u"DELETE FROM "_s + table + u" WHERE id IN (SELECT id FROM "_s + table
+                         + u" ORDER BY received_at, id LIMIT ?)"_s,
+                     {excess});
+    }
 }
 
 int TelemetryStore::eventCount()

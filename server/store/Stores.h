@@ -128,6 +128,13 @@ public:
     QList<JobDescriptionRecord> jobDescriptions(const QString& userId);
     std::optional<JobDescriptionRecord> jobDescription(const QString& userId, const QString& id);
     bool deleteJobDescription(const QString& userId, const QString& id);
+    // What a user keeps: resumes and job descriptions, and their size (file bytes plus text
+    // characters).
+    struct Usage {
+        int documents = 0;
+        qint64 size = 0;
+    };
+    Usage usage(const QString& userId);
 
 private:
     Database& m_db;
@@ -157,6 +164,9 @@ public:
     void addEvent(const QString& deviceId, const QString& appVersion, const QJsonObject& event,
                   qint64 nowMs);
     void addCrash(const QString& deviceId, const QJsonObject& report, qint64 nowMs);
+    // Drops the oldest rows past these counts, so that what arrives without an account can
+    // never fill the disk.
+    void keepNewest(int events, int crashes);
     int eventCount();
     int crashCount();
 

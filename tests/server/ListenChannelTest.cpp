@@ -96,7 +96,13 @@ protected:
                                               authorization);
     }
 
-    ServerHarness server;
+    static ServerConfig twentySocketsEach()
+    {
+        ServerConfig config;
+        config.quotas.listenSockets = 20;
+        return config;
+    }
+    ServerHarness server{twentySocketsEach()};
     const ServerHarness::Account account = server.signUp();
     QByteArray bearer;
 };
@@ -133,6 +139,18 @@ TEST_F(ListenChannelTest, LetsInOnlySpeechTokensAndClosesASocketLeftQuiet)
     EXPECT_FALSE(waitUntil([&] { return quiet->isClosed; }, 200));
     server.clock.advance(std::chrono::seconds(1));
     EXPECT_TRUE(waitUntil([&] { return quiet->isClosed && ListenChannel::openCount() == 0; }));
+
+    // Audio sent ahead of real time is not queued without end: a head start, then at most
+    // twenty times real time; past that the socket is closed.
+    const auto second = ListenChannel::audioBytesPerSecond;
+    auto hasty = open(englishPath, bearer);
+    ASSERT_TRUE(hasty->waitConnected());
+    hasty->sendAudio(QByteArray((ListenChannel::headStartSeconds - 1) * second, '\0'), second);
+    server.clock.advance(std::chrono::seconds(1));
+    hasty->sendAudio(QByteArray(ListenChannel::maxSpeedUp * second, '\0'), second);
+    EXPECT_FALSE(waitUntil([&] { return hasty->isClosed; }, 300));
+    hasty->sendAudio(QByteArray(2 * second, '\0'), second);
+    EXPECT_TRUE(waitUntil([&] { return hasty->isClosed && ListenChannel::openCount() == 0; }));
 }
 
 // Gone after its first partial, with seconds of audio still to decode.
@@ -190,6 +208,11 @@ TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeechThroughGarbageA
     EXPECT_TRUE(std::all_of(clients.begin(), clients.end(),
                             [](auto& client) { return client->waitConnected(); }));
     EXPECT_TRUE(waitUntil([&] { return ListenChannel::openCount() == questions.size(); }));
+    // One user's limit is reached; another user still gets a socket.
+    EXPECT_FALSE(open(autoDetectPath, bearer)->waitConnected());
+    EXPECT_TRUE(open(autoDetectPath,
+                     "Bearer " + server.accounts->issueSpeechToken(server.signUp().id).toLatin1())
+                    ->waitConnected());
     for (std::size_t i = 0; i < clients.size(); ++i) {
         for (const auto& garbage : {u""_s, u"not json"_s, u"{\"type\": 42}"_s, u"[1, 2]"_s,
                                     u"{\"type\": \"Nonsense\"}"_s, u"{\"type\": \"KeepAlive\"}"_s})

@@ -119,6 +119,9 @@ TEST(ServerOptionsTest, RefusesSecretsOnTheCommandLineAndBadValues)
         {{u"--elevenlabs-key-file"_s, u"/nonexistent/key"_s}, {}},
         {{u"--max-connections"_s, u"0"_s}, u"positive"_s},
         {{u"--max-connections-per-address=many"_s}, u"positive"_s},
+        {{u"--max-answer-streams"_s, u"0"_s}, u"at least 1"_s},
+        {{u"--max-documents=-3"_s}, u"at least 1"_s},
+        {{u"--max-document-bytes"_s, u"lots"_s}, u"at least 1"_s},
     };
     for (const auto& [arguments, reason] : refusals)
         EXPECT_TRUE(chosen(arguments, {}).startsWith(u"error: "_s)
@@ -131,6 +134,23 @@ TEST(ServerOptionsTest, RefusesSecretsOnTheCommandLineAndBadValues)
           u"--llm-api-key-file"_s, u"--speech-endpoint"_s, u"--updates-dir"_s})
         EXPECT_TRUE(std::get<ServerOptions::Help>(help).text.contains(option))
             << option.toStdString();
+
+    // Every quota is listed with its default, and can be set from the command line or the
+    // environment.
+    for (const auto& option : {u"--max-answer-streams N"_s, u"--max-answers-per-minute N"_s,
+                               u"--max-speech-tokens-per-minute N"_s, u"--max-documents N"_s,
+                               u"--max-document-bytes N"_s, u"--max-telemetry-per-minute N"_s,
+                               u"--max-telemetry-rows N"_s, u"--max-crash-reports N"_s})
+        EXPECT_TRUE(std::get<ServerOptions::Help>(help).text.contains(option))
+            << option.toStdString();
+    const auto set =
+        parse({u"--max-answer-streams=7"_s, u"--max-document-bytes"_s, u"5000000000"_s},
+              {u"RAVLET_MAX_CRASH_REPORTS=5"_s});
+    ASSERT_TRUE(std::get_if<ServerOptions>(&set));
+    const auto& quotas = std::get<ServerOptions>(set).config.quotas;
+    EXPECT_EQ(std::tuple(quotas.answerStreamsAtOnce, quotas.documentBytes, quotas.crashReportsKept,
+                         quotas.answersPerMinute),
+              std::tuple(7, 5'000'000'000LL, 5, Quotas{}.answersPerMinute));
 }
 
 TEST(ServerOptionsTest, SigningKeyAndDatabaseAreCreatedPrivate)

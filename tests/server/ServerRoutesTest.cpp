@@ -435,6 +435,36 @@ TEST_F(ServerTest, OnlyAllowedHostNamesAreAnswered)
             << host.toStdString();
 }
 
+TEST_F(ServerTest, NulTextAndACutDatabaseConnectionGiveNoErrors)
+{
+    // A NUL, and the characters a store might use to stand for one, come back as sent.
+    const QByteArray awkward = R"("a\u0000b\ue0000c\ue000Fd\ue000")";
+    const auto jobs = u"/api/v1/job-description"_s;
+    expectRoutes(server, account,
+                 {{"POST", jobs, R"({"title":"T","content":)" + awkward + "}", 200},
+                  {"GET", jobs, {}, 200, R"({"jobDescriptions":[{"content":)" + awkward + "}]}"}});
+
+    if (server.db->driver() != Database::Driver::postgresql)
+        return;
+    // The server's connection is cut from outside, as by a restart or a fail-over: the next
+    // requests are served on a new one, not refused from then on.
+    const auto admin = server.reopen();
+    admin->run(u"SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
+               u"WHERE datname = current_database() AND pid <> pg_backend_pid()"_s);
+    expectRoutes(server, account,
+                 {{"GET", u"/health"_s, {}, 200, R"({"status":"ok","database":"ok"})"},
+                  {"GET", jobs, {}, 200, R"({"jobDescriptions":[{}]})"}});
+    admin->run(u"SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
+               u"WHERE datname = current_database() AND pid <> pg_backend_pid()"_s);
+    // A write that is not safe to repeat may fail once (when it is the first statement on the
+    // cut connection), never twice, and is never stored twice.
+    const auto first = server.call(account, "POST", jobs, R"({"title":"U","content":"x"})");
+    ASSERT_TRUE(first.status == 200 || first.status == 500) << first.status;
+    EXPECT_EQ(server.call(account, "POST", jobs, R"({"title":"V","content":"x"})").status, 200);
+    const auto kept = server.call(account, "GET", jobs).json()[u"jobDescriptions"_s].toArray();
+    EXPECT_EQ(kept.size(), first.status == 200 ? 3 : 2);
+}
+
 TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEngine)
 {
     const auto job = server
@@ -696,6 +726,101 @@ TEST(ServerConfigTest, TelemetryIsStoredAndCanBeTurnedOffForEveryone)
         EXPECT_EQ(std::pair(stored.eventCount(), stored.crashCount()),
                   std::pair(before.first + (enabled ? 2 : 0), before.second + (enabled ? 1 : 0)));
     }
+}
+
+// Limits a script meets and a person does not: each refusal is a 429 whose JSON says which.
+TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
+{
+    ServerConfig config;
+    config.quotas.answerStreamsAtOnce = 2;
+    config.quotas.answersPerMinute = 3;
+    config.quotas.speechTokensPerMinute = 2;
+    config.quotas.documentsKept = 2;
+    config.quotas.documentBytes = 100;
+    config.quotas.telemetryPerMinute = 2;
+    config.quotas.telemetryRowsKept = 3;
+    config.quotas.crashReportsKept = 1;
+    ServerHarness server(config);
+    const auto account = server.signUp();
+    const auto refusedWith = [](const CurlResult& result, const QString& words) {
+        return result.status == 429 && result.json()[u"error"_s].toString().contains(words);
+    };
+
+    // Answers: two streaming at once, three started a minute.
+    QProcess first, second;
+    startAnswer(first, server, account, R"({"question":"One?"})");
+    startAnswer(second, server, account, R"({"question":"Two?"})");
+    ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 2; }));
+    const QByteArray third = R"({"question":"Three?"})";
+    EXPECT_PRED2(refusedWith, server.call(account, "POST", u"/api/v1/chat/answer"_s, third),
+                 u"at once"_s);
+    // Either curl may have reached the engine first.
+    server.engine.answers[0]->onDone({});
+    ASSERT_TRUE(waitUntil([&] {
+        return first.state() == QProcess::NotRunning || second.state() == QProcess::NotRunning;
+    }));
+    server.engine.finishAtOnce = true;
+    EXPECT_EQ(server.call(account, "POST", u"/api/v1/chat/answer"_s, third).status, 200);
+    EXPECT_PRED2(refusedWith, server.call(account, "POST", u"/api/v1/chat/answer"_s, third),
+                 u"per minute"_s);
+    server.clock.advance(std::chrono::minutes(1));
+    EXPECT_EQ(server.call(account, "POST", u"/api/v1/chat/answer"_s, third).status, 200);
+    server.engine.answers[1]->onDone({});
+    ASSERT_TRUE(waitUntil([&] {
+        return first.state() == QProcess::NotRunning && second.state() == QProcess::NotRunning;
+    }));
+
+    // Speech tokens: whatever the first two get, the third is refused.
+    for (int i = 0; i < 2; ++i)
+        EXPECT_NE(server.call(account, "GET", u"/api/v1/speech/token"_s).status, 429);
+    EXPECT_PRED2(refusedWith, server.call(account, "GET", u"/api/v1/speech/token"_s), u"speech"_s);
+
+    // Documents: how many are kept and their total size.
+    const auto jobs = u"/api/v1/job-description"_s;
+    const QByteArray fortyChars =
+        R"({"title":"T","content":"0123456789012345678901234567890123456789"})";
+    const auto kept = server.call(account, "POST", jobs, fortyChars);
+    ASSERT_EQ(kept.status, 200);
+    EXPECT_PRED2(refusedWith,
+                 server.call(account, "POST", jobs,
+                             R"({"title":"T","content":")" + QByteArray(70, 'x') + "\"}"),
+                 u"size"_s);
+    EXPECT_EQ(server.call(account, "POST", jobs, fortyChars).status, 200);
+    EXPECT_PRED2(refusedWith, server.call(account, "POST", jobs, R"({"title":"T","content":"x"})"),
+                 u"documents"_s);
+    EXPECT_EQ(server.call(account, "DELETE", jobs + u'/' + kept.json()[u"id"_s].toString()).status,
+              204);
+    EXPECT_EQ(server.call(account, "POST", jobs, R"({"title":"T","content":"x"})").status, 200);
+    // Another user has quotas of their own.
+    EXPECT_EQ(server.call(server.signUp(), "POST", jobs, fortyChars).status, 200);
+
+    // Telemetry: requests per address, and rows kept with the oldest dropped.
+    TelemetryStore stored(*server.db);
+    const auto events = [](const char* name) {
+        return QByteArray(R"({"deviceId":"d1","events":[{"name":")") + name
+               + R"(","category":"c"},{"name":")" + name + R"(","category":"c"}]})";
+    };
+    const auto post = [&](const QString& path, const QByteArray& body) {
+        return server.call({}, "POST", path, body);
+    };
+    EXPECT_EQ(post(u"/api/v1/telemetry/events"_s, events("old")).status, 200);
+    EXPECT_EQ(post(u"/api/v1/telemetry/crash"_s, R"({"deviceId":"d1","n":1})").status, 200);
+    EXPECT_PRED2(refusedWith, post(u"/api/v1/telemetry/events"_s, events("refused")),
+                 u"Too many"_s);
+    server.clock.advance(std::chrono::minutes(1));
+    EXPECT_EQ(post(u"/api/v1/telemetry/events"_s, events("new")).status, 200);
+    EXPECT_EQ(post(u"/api/v1/telemetry/crash"_s, R"({"deviceId":"d1","n":2})").status, 200);
+    EXPECT_EQ(std::pair(stored.eventCount(), stored.crashCount()), std::pair(3, 1));
+    // The two newest are kept whatever else is there (on PostgreSQL the run shares one database).
+    auto names =
+        server.db->run(u"SELECT name FROM telemetry_events ORDER BY received_at DESC LIMIT 2"_s);
+    QStringList newest;
+    while (names.next())
+        newest.append(names.value(0).toString());
+    EXPECT_EQ(newest, (QStringList{u"new"_s, u"new"_s}));
+    auto crash = server.db->run(u"SELECT report FROM crash_reports"_s);
+    ASSERT_TRUE(crash.next());
+    EXPECT_TRUE(crash.value(0).toString().contains(u"\"n\":2"_s));
 }
 
 TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfTheFolder)

@@ -8,6 +8,9 @@ import urllib.error, urllib.parse, urllib.request
 import websockets
 
 SERVER = sys.argv[1] if len(sys.argv) > 1 else None
+# Set by with-postgres.sh: the server runs on that database, and the cluster can be restarted.
+DATABASE = os.environ.get("RAVLET_TEST_DATABASE")
+RESTART_DATABASE = os.environ.get("RAVLET_TEST_RESTART_DATABASE")
 failures = []
 
 
@@ -25,7 +28,8 @@ class Server:
         self.data_dir, self.base = data_dir, f"http://127.0.0.1:{self.port}"
 
     def start(self, *options):
-        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}", *options],
+        database = ["--database", DATABASE] if DATABASE else []
+        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}", *database, *options],
                                         env=dict(os.environ, XDG_DATA_HOME=self.data_dir))
         for _ in range(200):
             try:
@@ -93,11 +97,13 @@ CONVERSATION = [
     # Garbage is skipped and the socket stays.
     (["not json", "{}", json.dumps({"type": "transcript_entry", "id": 5}), b"\xff\xfe\x00", entry("c", "still listening", 3000)],
      {"type": "ack", "ids": ["c"], "revisions": {"c": 0}}),
+    # A NUL inside the text is the speaker's text like any other: kept and given back as sent.
+    ([entry("n", "nul\x00inside", 3500)], {"type": "ack", "ids": ["n"], "revisions": {"n": 0}}),
     # Both speakers in the same millisecond: the order they arrived in, not that of their ids.
     ([entry("y", "same moment, first", 4000, 0, "user")], None), ([entry("x", "same moment, second", 4000)], None),
     ([entry("y", "same moment, first, grown", 4000, 1, "user")], None),
 ]
-STORED = [("a", "first said"), ("b", "second said, grown"), ("c", "still listening"), ("y", "same moment, first, grown"),
+STORED = [("a", "first said"), ("b", "second said, grown"), ("c", "still listening"), ("n", "nul\x00inside"), ("y", "same moment, first, grown"),
           ("x", "same moment, second")]
 
 
@@ -177,22 +183,49 @@ async def killed_mid_stream(server, token):
     check(acked <= stored, f"acknowledged lines lost: {sorted(acked - stored)[:5]}")
 
 
+async def database_restarted_mid_stream(server, token):
+    """The database restarts under a running interview: the server reconnects by itself, the
+    client resends what was not acknowledged, and nothing acknowledged is lost."""
+    session, url = new_session(server, token)
+    frames = [entry(f"r{i}", f"line {i}", i) for i in range(400)]
+
+    def restart():
+        subprocess.run(RESTART_DATABASE, shell=True, check=True, timeout=60)
+    acked = await send_and_collect(url, frames, 400, restart, 100)
+    for _ in range(20):  # as the program does: reconnect and resend what is still unacknowledged
+        if len(acked) == len(frames):
+            break
+        try:
+            acked |= await send_and_collect(url, [f for i, f in enumerate(frames) if f"r{i}" not in acked],
+                                            400 - len(acked))
+        except websockets.exceptions.InvalidStatusCode:  # refused while the server reconnects
+            await asyncio.sleep(0.5)
+    stored = {line["id"] for line in stored_lines(server, token, session)}
+    print(f"database restart: {len(acked)} acknowledged, {len(stored)} stored", flush=True)
+    check(len(acked) == len(frames), f"unacknowledged after the restart: {len(frames) - len(acked)}")
+    check(acked <= stored, f"acknowledged lines lost: {sorted(acked - stored)[:5]}")
+    health = json.loads(urllib.request.urlopen(server.base + "/health", timeout=10).read())
+    check(health.get("status") == "ok" and health.get("database") == "ok", f"health after the restart: {health}")
+    check(bool(new_session(server, token)[0]), "a new interview after the restart")
+
+
 def private_files(data):
     """What the server keeps (password hashes, transcripts, the signing key) is its user's alone."""
     folder = os.path.join(data, "RavletAI")
     modes = {name: stat.S_IMODE(os.stat(os.path.join(folder, name)).st_mode) for name in os.listdir(folder)}
     modes["."] = stat.S_IMODE(os.stat(folder).st_mode)
-    check(modes.get(".") == 0o700 and modes.get("server.sqlite") == 0o600 and modes.get("server-signing.key") == 0o600
+    check(modes.get(".") == 0o700 and (DATABASE or modes.get("server.sqlite") == 0o600) and modes.get("server-signing.key") == 0o600
           and all(mode == 0o600 for name, mode in modes.items() if name != "."), f"file modes {modes}")
 
 
 def operator_accounts(server, data):
     """With sign-up off, the operator creates accounts; the password comes from standard input."""
     env = dict(os.environ, XDG_DATA_HOME=data)
-    created = subprocess.run([SERVER, "--create-user", "ops@example.org"], input=b"pa55word!\n", env=env,
+    database = ["--database", DATABASE] if DATABASE else []
+    created = subprocess.run([SERVER, *database, "--create-user", "ops@example.org"], input=b"pa55word!\n", env=env,
                              capture_output=True, timeout=30)
     check(created.returncode == 0, f"--create-user: {created.returncode} {created.stderr!r}")
-    again = subprocess.run([SERVER, "--create-user", "ops@example.org"], input=b"pa55word!\n", env=env,
+    again = subprocess.run([SERVER, *database, "--create-user", "ops@example.org"], input=b"pa55word!\n", env=env,
                            capture_output=True, timeout=30)
     check(again.returncode == 1 and b"already exists" in again.stderr, f"--create-user twice: {again.stderr!r}")
     check(b"pa55word" not in created.stderr + again.stderr, "the password is never printed")
@@ -224,6 +257,8 @@ def main():
                                           "confirm": "pa55word!"})
             asyncio.run(socket_behaviour(server, token, other))
             asyncio.run(killed_mid_stream(server, token))
+            if RESTART_DATABASE:
+                asyncio.run(database_restarted_mid_stream(server, token))
             private_files(data)
             operator_accounts(server, data)
         finally:
