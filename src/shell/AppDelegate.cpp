@@ -78,7 +78,7 @@ QCoro::Task<> AppDelegate::applicationDidFinishLaunching()
         m_env.strings, *m_authViewModel, m_env.notifications, m_env.updateStatus,
         {*m_interviewViewModel, *m_userSettings, m_env.strings, m_env.audioRights, m_env.keysRight,
          m_env.openSoundSettings},
-        m_env.version, m_env.build});
+        m_env.version, m_env.build, m_telemetry.get()});
     m_overlay = std::make_unique<OverlayViewModel>(
         OverlayViewModel::Services{*m_interviewViewModel, *m_userSettings, m_env.strings, m_env.notifications,
                                    m_env.clock, ResumeCount::through(m_apiClient.get())});
@@ -228,10 +228,8 @@ void AppDelegate::handleApiRequestFailed(const Notification& notification)
 {
     const auto route = notification.userInfo.value(u"route"_s);
     const auto status = notification.userInfo.value(u"status"_s);
-    const auto statusType = status.metaType().id();
-    const bool isInteger = statusType == QMetaType::Int || statusType == QMetaType::LongLong
-        || statusType == QMetaType::UInt || statusType == QMetaType::ULongLong;
-    if (route.metaType().id() != QMetaType::QString || !isInteger)
+    static const QList<int> integers{QMetaType::Int, QMetaType::LongLong, QMetaType::UInt, QMetaType::ULongLong};
+    if (route.typeId() != QMetaType::QString || !integers.contains(status.typeId()))
         return;
     tellTelemetry([route = route.toString(), status = status.toLongLong()](TelemetryClient& telemetry) {
         telemetry.apiFailed(route, status);
@@ -281,9 +279,7 @@ void AppDelegate::handleStartMockInterview(const Notification& notification)
 {
     const auto resumeId = notification.userInfo.value(u"resumeId"_s);
     const auto jobDescriptionId = notification.userInfo.value(u"jobDescriptionId"_s);
-    if (resumeId.metaType().id() != QMetaType::QString || jobDescriptionId.metaType().id() != QMetaType::QString)
-        return;
-    if (!m_apiClient)
+    if (resumeId.typeId() != QMetaType::QString || jobDescriptionId.typeId() != QMetaType::QString || !m_apiClient)
         return;
     logLine(u"Mock", u"practice interviews are not available in this build");
 }
@@ -296,9 +292,7 @@ void AppDelegate::quit()
 
 QString AppDelegate::lastState() const
 {
-    if (m_interviewViewModel->isRecording())
-        return u"recording"_s;
-    if (m_interviewViewModel->isGeneratingAnswer())
-        return u"generating"_s;
-    return u"idle"_s;
+    return m_interviewViewModel->isRecording()          ? u"recording"_s
+         : m_interviewViewModel->isGeneratingAnswer() ? u"generating"_s
+                                                       : u"idle"_s;
 }

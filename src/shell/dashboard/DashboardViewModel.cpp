@@ -14,10 +14,15 @@ DashboardViewModel::DashboardViewModel(Services services, QObject* parent)
     , m_profile(std::make_unique<ProfilePageViewModel>(m_services.auth, m_services.notifications))
     , m_helpCenter(std::make_unique<HelpCenterPageViewModel>(m_services.update, m_services.strings,
                                                              m_services.version, m_services.build))
+    , m_resumes(std::make_unique<ResumesViewModel>(m_services.auth, m_services.general.settings, m_services.strings,
+                                                   m_services.telemetry))
+    , m_jobDescriptions(std::make_unique<JobDescriptionsViewModel>(
+          m_services.auth, m_services.general.settings, m_services.strings, m_services.telemetry))
 {
     // Read by the window, owned here.
     for (QObject* owned : std::initializer_list<QObject*>{m_sidebar.get(), m_general.get(), m_languages.get(),
-                                                          m_profile.get(), m_helpCenter.get()})
+                                                          m_profile.get(), m_helpCenter.get(), m_resumes.get(),
+                                                          m_jobDescriptions.get()})
         QQmlEngine::setObjectOwnership(owned, QQmlEngine::CppOwnership);
     auto& auth = m_services.auth;
     connect(&auth, &AuthViewModel::isLoggedInChanged, this, &DashboardViewModel::accountChanged);

@@ -3,8 +3,10 @@
 #include "AppStrings.h"
 #include "GeneralPageViewModel.h"
 #include "HelpCenterPageViewModel.h"
+#include "JobDescriptionsViewModel.h"
 #include "LanguagesPageViewModel.h"
 #include "ProfilePageViewModel.h"
+#include "ResumesViewModel.h"
 #include "SidebarModel.h"
 
 #include <QObject>
@@ -15,6 +17,7 @@
 
 class AuthViewModel;
 class NotificationCenter;
+class TelemetryClient;
 class UpdateStatus;
 
 // The dashboard window's root: the sidebar, the page shown beside it, one view model per page
@@ -33,6 +36,8 @@ class DashboardViewModel : public QObject {
     Q_PROPERTY(LanguagesPageViewModel* languages READ languages CONSTANT)
     Q_PROPERTY(ProfilePageViewModel* profile READ profile CONSTANT)
     Q_PROPERTY(HelpCenterPageViewModel* helpCenter READ helpCenter CONSTANT)
+    Q_PROPERTY(ResumesViewModel* resumes READ resumes CONSTANT)
+    Q_PROPERTY(JobDescriptionsViewModel* jobDescriptions READ jobDescriptions CONSTANT)
 
 public:
     struct Services {
@@ -43,6 +48,7 @@ public:
         GeneralPageViewModel::Services general;
         QString version;
         QString build;
+        TelemetryClient* telemetry = nullptr; // for the documents' upload events
     };
 
     explicit DashboardViewModel(Services services, QObject* parent = nullptr);
@@ -59,6 +65,8 @@ public:
     LanguagesPageViewModel* languages() const { return m_languages.get(); }
     ProfilePageViewModel* profile() const { return m_profile.get(); }
     HelpCenterPageViewModel* helpCenter() const { return m_helpCenter.get(); }
+    ResumesViewModel* resumes() const { return m_resumes.get(); }
+    JobDescriptionsViewModel* jobDescriptions() const { return m_jobDescriptions.get(); }
 
     // The "page" value of a "showDashboard": a raw value of the sidebar selects its page;
     // anything else, or nothing, leaves the page as it is.
@@ -80,4 +88,6 @@ private:
     std::unique_ptr<LanguagesPageViewModel> m_languages;
     std::unique_ptr<ProfilePageViewModel> m_profile;
     std::unique_ptr<HelpCenterPageViewModel> m_helpCenter;
+    std::unique_ptr<ResumesViewModel> m_resumes;
+    std::unique_ptr<JobDescriptionsViewModel> m_jobDescriptions;
 };

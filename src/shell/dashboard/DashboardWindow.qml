@@ -143,15 +143,13 @@ Window {
                 title: window.strings.text("sidebar.keybinds")
                 subtitle: window.strings.text("keybinds.subtitle")
             }
-            NotBuiltPage {
+            ResumePage {
+                resumes: window.dashboard.resumes
                 strings: window.strings
-                title: window.strings.text("sidebar.resume")
-                subtitle: window.strings.text("resume.subtitle")
             }
-            NotBuiltPage {
+            JobDescriptionPage {
+                jobs: window.dashboard.jobDescriptions
                 strings: window.strings
-                title: window.strings.text("sidebar.jobDescription")
-                subtitle: window.strings.text("jobDescription.subtitle")
             }
             NotBuiltPage {
                 strings: window.strings
