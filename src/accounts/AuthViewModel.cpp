@@ -60,8 +60,8 @@ QCoro::Task<> endServerSession(AuthTokenStore* store, QPointer<APIClient> client
     } catch (...) {
         failure = std::current_exception();
     }
-    if (failure)
-        logLine(QStringView(u"Auth"), QStringLiteral("logout error: ") + describe(failure));
+    logLine(QStringView(u"Auth"), failure ? QStringLiteral("logout error: ") + describe(failure)
+                                          : QStringLiteral("logout: the server ended the session"));
 }
 
 } // namespace

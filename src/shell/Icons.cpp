@@ -37,6 +37,7 @@ const QHash<QString, char32_t>& nameMap()
         {u"wand.and.sparkles"_s, 0xF068},          // auto-fix
         {u"chevron.left"_s, 0xF141},               // chevron-left
         {u"chevron.right"_s, 0xF142},              // chevron-right
+        {u"chevron.down"_s, 0xF140},               // chevron-down
         {u"gearshape.fill"_s, 0xF493},             // settings
         {u"keyboard.fill"_s, 0xF30C},              // keyboard
         {u"person.wave.2.fill"_s, 0xF5CB},         // voice

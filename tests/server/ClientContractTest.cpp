@@ -4,6 +4,7 @@
 #include "AuthTokenStore.h"
 #include "AuthViewModel.h"
 #include "AwaitTask.h"
+#include "LogCapture.h"
 #include "NotificationCenter.h"
 #include "SpeechTokens.h"
 #include "TranscriptUploadService.h"
@@ -120,10 +121,18 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
             .value_or(AuthStore::RefreshRecord{})
             .revoked;
     };
+    LogCapture logs;
+    // The sign-out's request ends before the test does, answered or refused.
+    const auto loggedOut = [&](const char* outcome) {
+        return waitUntil([&] {
+            return !logs.lines().filter(QString::fromLatin1(outcome)).isEmpty();
+        });
+    };
     AuthViewModel signedIn(tokens);
     signedIn.setApiClient(&client);
     signedIn.logout();
     EXPECT_TRUE(waitUntil(revoked));
+    EXPECT_TRUE(loggedOut("[Auth] logout: the server ended the session"));
     EXPECT_FALSE(awaitTask(tokens.getRefreshToken()));
 
     InMemoryTokenStore unreachableTokens;
@@ -134,4 +143,5 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     offline.logout();
     EXPECT_FALSE(offline.isLoggedIn());
     EXPECT_TRUE(waitUntil([&] { return !awaitTask(unreachableTokens.getRefreshToken()); }));
+    EXPECT_TRUE(loggedOut("[Auth] logout error: "));
 }

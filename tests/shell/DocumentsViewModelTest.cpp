@@ -138,6 +138,8 @@ TEST_F(DocumentsViewModelTest, LoadingRepairsAnActiveIdTheListNoLongerHolds)
     // Signed out, the page says so and nothing is sent.
     auth.logout();
     EXPECT_EQ(resumes.pageState(), ResumesViewModel::PageState::signedOut);
+    // The sign-out's request to the server ends before the test does.
+    EXPECT_TRUE(waitUntil([&] { return !log.lines().filter(u"[Auth] logout"_s).isEmpty(); }));
     EXPECT_EQ(resumes.rowCount(), 0);
     awaitTask(resumes.upload(textFile(u"later.txt"_s)));
     EXPECT_EQ(resumes.errorMessage(), u"Not signed in."_s);
