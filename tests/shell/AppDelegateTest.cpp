@@ -5,11 +5,13 @@
 
 #include "APIClient.h"
 #include "DashboardViewModel.h"
+#include "LogCapture.h"
 #include "MenuBarViewModel.h"
 #include "TelemetryClient.h"
 
 #include <QAbstractItemModelTester>
 #include <QSignalSpy>
+#include <QTest>
 #include <QUrlQuery>
 
 namespace {
@@ -150,6 +152,7 @@ TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutComesBackByADeepLinkAndQu
 // Refused at launch, the user is signed out everywhere: the dashboard's requests land on sign-in.
 TEST_F(AppDelegateTest, ReturningUserRefusedByTheBackendIsSignedOutEverywhere)
 {
+    LogCapture logs;
     launch(FakeBackend::Response::json(401, "{}"));
     EXPECT_EQ(shell.log.last(), u"show welcome"_s);
     EXPECT_FALSE(shell.log.contains(u"show overlay"_s));
@@ -161,6 +164,8 @@ TEST_F(AppDelegateTest, ReturningUserRefusedByTheBackendIsSignedOutEverywhere)
     EXPECT_EQ(shell.log, QStringList(3, u"show welcome"_s));
     settle();
     EXPECT_FALSE(telemetryEvents().contains(u"settings_opened"_s));
+    // The sign-out's request to the server ends before the test does.
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !logs.lines().filter(u"[Auth] logout"_s).isEmpty(); }, 5000));
 }
 
 } // namespace
