@@ -10,6 +10,7 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QRegularExpression>
 
 #include <utility>
 
@@ -71,6 +72,36 @@ QString errorDetail(const QByteArray& body)
     return detail.size() > errorTextShown ? detail.left(errorTextShown) + u'…' : detail;
 }
 
+// A model server refusing a key often quotes it back, whole or masked in the middle
+// ("sk-proj-****abcd"), and the message goes to the client and the log. Any word that shares a
+// run of characters with the key is taken for a quotation of it.
+QString withoutKey(QString text, const QString& key)
+{
+    constexpr qsizetype sharedRun = 6;
+    if (key.isEmpty())
+        return text;
+    text.replace(key, QStringLiteral("[key]"));
+    if (key.size() < sharedRun)
+        return text;
+    static const QRegularExpression word(QStringLiteral(R"([^\s"'`,;()<>\[\]{}]+)"));
+    QString kept;
+    qsizetype copied = 0;
+    for (auto it = word.globalMatch(text); it.hasNext();) {
+        const auto match = it.next();
+        const auto candidate = match.capturedView();
+        bool quotesKey = false;
+        for (qsizetype at = 0; at + sharedRun <= key.size() && !quotesKey; ++at)
+            quotesKey = candidate.contains(QStringView(key).sliced(at, sharedRun));
+        if (!quotesKey)
+            continue;
+        kept += QStringView(text).sliced(copied, match.capturedStart() - copied);
+        kept += QStringLiteral("[key]");
+        copied = match.capturedEnd();
+    }
+    kept += QStringView(text).sliced(copied);
+    return kept;
+}
+
 QJsonObject firstChoice(const QJsonObject& completion)
 {
     const auto choices = completion.value(QStringLiteral("choices")).toArray();
@@ -82,11 +113,13 @@ QJsonObject firstChoice(const QJsonObject& completion)
 class CompletionStream : public QObject {
 public:
     CompletionStream(std::function<void(const QString&)> onChunk,
-                     std::function<void(const QString&)> onDone, QString server, QString model)
+                     std::function<void(const QString&)> onDone, QString server, QString model,
+                     QString apiKey)
         : m_onChunk(std::move(onChunk))
         , m_onDone(std::move(onDone))
         , m_server(std::move(server))
         , m_model(std::move(model))
+        , m_apiKey(std::move(apiKey))
     {
     }
 
@@ -233,9 +266,10 @@ private:
         }
     }
 
-    void end(const QString& error)
+    void end(QString error)
     {
         m_ended = true;
+        error = withoutKey(std::move(error), m_apiKey);
         if (!error.isEmpty())
             logLine(u"Answers", error);
         stop();
@@ -259,6 +293,7 @@ private:
     std::function<void(const QString&)> m_onDone;
     QString m_server;
     QString m_model;
+    QString m_apiKey;
     QByteArray m_pending;
     QByteArray m_wholeBody;
     QByteArray m_errorBody;
@@ -349,7 +384,8 @@ OpenAICompatibleAnswerEngine::answer(const AnswerRequest& request,
                             .adjusted(QUrl::RemoveUserInfo | QUrl::RemovePath | QUrl::RemoveQuery
                                       | QUrl::RemoveFragment)
                             .toString();
-    auto* stream = new CompletionStream(std::move(onChunk), std::move(onDone), server, m_model);
+    auto* stream = new CompletionStream(std::move(onChunk), std::move(onDone), server, m_model,
+                                        m_apiKey);
     stream->start(networkRequest, QJsonDocument(body).toJson(QJsonDocument::Compact));
     QPointer<CompletionStream> guard(stream);
     return {[guard] {
