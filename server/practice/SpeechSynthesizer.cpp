@@ -3,6 +3,8 @@
 #include <QHash>
 #include <QPointer>
 #include <QProcess>
+#include <QProcessEnvironment>
+#include <QStandardPaths>
 #include <QTimer>
 #include <QtEndian>
 
@@ -22,6 +24,18 @@ QByteArray le32(quint32 value)
     QByteArray bytes(4, Qt::Uninitialized);
     qToLittleEndian(value, bytes.data());
     return bytes;
+}
+
+// Nothing of the server's own environment reaches the child (a preloaded library, a PATH
+// the operator's shell set up): it gets a fixed search path and a UTF-8 locale only.
+const QStringList safeSearchPath{u"/usr/local/bin"_s, u"/usr/bin"_s, u"/bin"_s};
+
+QProcessEnvironment childEnvironment()
+{
+    QProcessEnvironment environment;
+    environment.insert(u"PATH"_s, safeSearchPath.join(u':'));
+    environment.insert(u"LANG"_s, u"C.UTF-8"_s);
+    return environment;
 }
 
 } // namespace
@@ -44,6 +58,15 @@ QString SpeechSynthesizer::voiceFor(const QString& language)
     if (lower.startsWith(u"en-gb"_s) || lower.startsWith(u"en_gb"_s))
         return u"en-gb"_s;
     return voices.value(lower.left(2), u"en-us"_s);
+}
+
+QString SpeechSynthesizer::program() const
+{
+    // A bare name is looked up on the same fixed path the child gets, not on the server's.
+    if (m_program.contains(u'/'))
+        return m_program;
+    const auto found = QStandardPaths::findExecutable(m_program, safeSearchPath);
+    return found.isEmpty() ? m_program : found;
 }
 
 std::optional<QByteArray> SpeechSynthesizer::completeWav(const QByteArray& streamed)
@@ -129,7 +152,8 @@ void SpeechSynthesizer::speak(const QString& text, const QString& language,
             });
     process->setProcessChannelMode(QProcess::SeparateChannels);
     process->setStandardErrorFile(QProcess::nullDevice());
-    process->start(m_program, {u"-v"_s, voiceFor(language), u"--stdout"_s});
+    process->setProcessEnvironment(childEnvironment());
+    process->start(program(), {u"-v"_s, voiceFor(language), u"--stdout"_s});
     if (!*finish)
         return; // refused at once: the child never ran
     *limit = m_clock.startTimer(processLimitMs, [process = QPointer(process), settle] {

@@ -44,6 +44,8 @@ public:
     static std::optional<QByteArray> completeWav(const QByteArray& streamed);
 
 private:
+    QString program() const;
+
     QString m_program;
     Clock& m_clock;
     int m_running = 0;

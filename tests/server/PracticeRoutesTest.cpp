@@ -177,10 +177,12 @@ TEST(PracticeSpeechTest, TheTextGoesOnStandardInputAndTheVoiceFollowsTheQuestion
     QTemporaryDir dir;
     ServerConfig config;
     config.espeakProgram = writeFile(dir.filePath(u"fake-espeak"_s), R"(#!/usr/bin/python3
-import struct, sys
+import os, struct, sys
 text = sys.stdin.buffer.read()
 with open(sys.argv[0].rsplit('/', 1)[0] + '/calls', 'ab') as calls:
     calls.write(repr((sys.argv[1:], text)).encode() + b'\n')
+with open(sys.argv[0].rsplit('/', 1)[0] + '/environment', 'w') as environment:
+    environment.write('\n'.join(sorted(k + '=' + v for k, v in os.environ.items())))
 if b'fail' in text:
     sys.exit(1)
 sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
@@ -188,6 +190,9 @@ sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     + b'data' + struct.pack('<I', 0x7ffff000) + struct.pack('<4h', 0, 1000, -1000, 0))
 )",
                                      true);
+    // What the server was started with (a preloaded library, a PATH of the user's) stays with
+    // the server: the child gets a fixed PATH and a locale, nothing else.
+    qputenv("RAVLET_INHERITED_BY_CHILDREN", "yes");
     ServerHarness server(config);
     const auto account = server.signUp();
     const auto speak = [&](const QJsonObject& body) {
@@ -216,6 +221,12 @@ sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     EXPECT_TRUE(refused.status == 503
                 && refused.json()[u"error"_s].toString().contains(u"espeak-ng"_s))
         << refused.body.toStdString();
+
+    qunsetenv("RAVLET_INHERITED_BY_CHILDREN");
+    QFile environment(dir.filePath(u"environment"_s));
+    ASSERT_TRUE(environment.open(QIODevice::ReadOnly));
+    EXPECT_EQ(QString::fromUtf8(environment.readAll()).toStdString(),
+              "LANG=C.UTF-8\nPATH=/usr/local/bin:/usr/bin:/bin");
 
     QFile calls(dir.filePath(u"calls"_s));
     ASSERT_TRUE(calls.open(QIODevice::ReadOnly));
