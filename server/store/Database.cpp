@@ -175,10 +175,10 @@ std::unique_ptr<Database> Database::open(const QString& location, Clock* clock)
     if (!db.open())
         throw StoreError(u"Cannot open the database: "_s + db.lastError().text());
     if (!isPostgres) {
-        // WAL lets readers run beside the writer; NORMAL keeps every committed row through a
-        // crash of the process (only a power cut can lose the last transactions).
+        // WAL lets readers run beside the writer. FULL syncs the log at every commit, so a
+        // transcript line the client was told is kept survives a power cut too.
         database->execute(u"PRAGMA journal_mode=WAL"_s);
-        database->execute(u"PRAGMA synchronous=NORMAL"_s);
+        database->execute(u"PRAGMA synchronous=FULL"_s);
         database->execute(u"PRAGMA foreign_keys=ON"_s);
         database->execute(u"PRAGMA busy_timeout=5000"_s);
     }

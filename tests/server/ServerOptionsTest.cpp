@@ -153,7 +153,7 @@ TEST(ServerOptionsTest, RefusesSecretsOnTheCommandLineAndBadValues)
               std::tuple(7, 5'000'000'000LL, 5, Quotas{}.answersPerMinute));
 }
 
-TEST(ServerOptionsTest, SigningKeyAndDatabaseAreCreatedPrivate)
+TEST(ServerOptionsTest, SigningKeyAndDatabaseAreCreatedPrivateAndDurable)
 {
     QTemporaryDir dir;
     const auto mode = [](const QString& path) {
@@ -184,6 +184,11 @@ TEST(ServerOptionsTest, SigningKeyAndDatabaseAreCreatedPrivate)
         db->run(u"INSERT INTO users (id, email, created_at) VALUES ('u', 'a@b.c', 0)"_s);
         for (const auto& suffix : {u""_s, u"-wal"_s, u"-shm"_s})
             EXPECT_EQ(mode(database + suffix), 0600u) << suffix.toStdString();
+        // An acknowledged transcript line must survive a power cut, not only a crash: every
+        // commit reaches the disk (FULL is 2).
+        auto synchronous = db->run(u"PRAGMA synchronous"_s);
+        ASSERT_TRUE(synchronous.next());
+        EXPECT_EQ(synchronous.value(0).toInt(), 2);
     }
     EXPECT_EQ(mode(dir.filePath(u"data"_s)), 0700u);
 }
