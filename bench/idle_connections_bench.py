@@ -27,6 +27,17 @@ def server_sockets(pid):
                if os.readlink(f"/proc/{pid}/fd/{fd}").startswith("socket:"))
 
 
+def open_silent(port, count):
+    """Connections that send nothing, as many as are accepted within 2 s each."""
+    opened = []
+    for _ in range(count):
+        try:
+            opened.append(socket.create_connection(("127.0.0.1", port), timeout=2))
+        except OSError:
+            break
+    return opened
+
+
 def health_ms(base):
     start = time.perf_counter()
     with urllib.request.urlopen(base + "/health", timeout=10) as reply:
@@ -69,13 +80,9 @@ def main():
                     time.sleep(0.05)
             print(f"server started with a soft limit of {args.soft_limit}; runs with {open_files_limit(process.pid)}")
 
-            idle = []
-            for _ in range(args.idle):
-                try:
-                    idle.append(socket.create_connection(("127.0.0.1", port), timeout=2))
-                except OSError:
-                    print(f"connection {len(idle) + 1} not accepted within 2 s")
-                    break
+            idle = open_silent(port, args.idle)
+            if len(idle) < args.idle:
+                print(f"connection {len(idle) + 1} not accepted within 2 s")
             time.sleep(0.5)
             opened = time.monotonic()
             latencies, unanswered = [], 0

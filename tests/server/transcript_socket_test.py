@@ -2,7 +2,7 @@
 # The transcript socket of a real ravlet-server, driven by Python's websockets: acknowledgements
 # with revisions, order by time of speech, duplicates, garbage and a flood of frames, refused
 # handshakes, and a server killed with SIGKILL that keeps every acknowledged line.
-import asyncio, http.cookiejar, json, os, re, signal, socket, stat, subprocess, sys, tempfile, time
+import asyncio, functools, http.client, http.cookiejar, json, os, re, signal, socket, stat, subprocess, sys, tempfile, time
 import urllib.error, urllib.parse, urllib.request
 
 import websockets
@@ -44,9 +44,26 @@ class NoRedirect(urllib.request.HTTPRedirectHandler):
         return None
 
 
+class FromAddress(urllib.request.HTTPHandler):
+    """Connections from a loopback address of the caller's choice (limits count per address)."""
+
+    def __init__(self, source):
+        super().__init__()
+        self.source = source
+
+    def http_open(self, request):
+        return self.do_open(functools.partial(http.client.HTTPConnection, source_address=(self.source, 0)), request)
+
+
 # Through the sign-in page, as a browser would: page, cookie, form, redirect, exchange.
 def sign_in(base, form):
-    opener = urllib.request.build_opener(urllib.request.HTTPCookieProcessor(http.cookiejar.CookieJar()), NoRedirect)
+    return sign_in_tokens(base, form)["accessToken"]
+
+
+# The same, giving both tokens; `source` is the browser's own loopback address.
+def sign_in_tokens(base, form, source=None):
+    handlers = [urllib.request.HTTPCookieProcessor(http.cookiejar.CookieJar()), NoRedirect]
+    opener = urllib.request.build_opener(*handlers, *([FromAddress(source)] if source else []))
     page = opener.open(base + "/auth/login?state=T1&mode=register").read().decode()
     csrf = re.search(r'name="csrf" value="([^"]+)"', page).group(1)
     try:
@@ -56,7 +73,7 @@ def sign_in(base, form):
         location = redirect.headers["Location"]
     query = urllib.parse.parse_qs(urllib.parse.urlparse(location).query)
     check(location.startswith("ravlet://auth-callback?") and query["state"] == ["T1"], "callback " + location)
-    return api(base, None, "POST", "/api/v1/auth/exchange", {"code": query["code"][0]})["accessToken"]
+    return api(base, None, "POST", "/api/v1/auth/exchange", {"code": query["code"][0]})
 
 
 def api(base, token, method, path, body=None):
