@@ -27,12 +27,13 @@ def server_sockets(pid):
                if os.readlink(f"/proc/{pid}/fd/{fd}").startswith("socket:"))
 
 
-def open_silent(port, count):
+def open_silent(port, count, source=None):
     """Connections that send nothing, as many as are accepted within 2 s each."""
     opened = []
     for _ in range(count):
         try:
-            opened.append(socket.create_connection(("127.0.0.1", port), timeout=2))
+            opened.append(socket.create_connection(("127.0.0.1", port), timeout=2,
+                                                   source_address=(source, 0) if source else None))
         except OSError:
             break
     return opened

@@ -15,14 +15,14 @@ signs in on the first, refreshes and runs the interview on the second, refreshes
 and at the end replays its first refresh token on the first server (which must refuse it); one
 address then guesses on both servers in turn to show what the sign-in limits hold across.
 """
-import argparse, asyncio, concurrent.futures, json, os, select, statistics, sys, tempfile, threading, time
+import argparse, asyncio, concurrent.futures, json, multiprocessing, os, select, statistics, sys, tempfile, threading, time
 import urllib.error
 
 import websockets
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "server"))
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from transcript_socket_test import Server, api, sign_in_tokens, stored_lines  # noqa: E402
+from transcript_socket_test import FromAddress, Server, api, sign_in_tokens  # noqa: E402
 from sign_in_guess_bench import FormClient  # noqa: E402
 from idle_connections_bench import open_silent  # noqa: E402
 
@@ -44,7 +44,7 @@ JOB = "\n".join(["Requirements:"] + [f"- Experience with {t} at scale, owning {m
                                        for m in ("reliability", "on-call", "design reviews")])
 
 
-def upload_documents(base, token):
+def upload_documents(base, token, source):
     """The answers of a real interview are drafted from the user's own documents."""
     import urllib.request
     boundary = "benchboundary"
@@ -52,14 +52,14 @@ def upload_documents(base, token):
             f"Content-Type: text/plain\r\n\r\n{RESUME}\r\n--{boundary}--\r\n").encode()
     request = urllib.request.Request(base + "/api/v1/resume/upload", data=body, method="POST", headers={
         "Authorization": f"Bearer {token}", "Content-Type": f"multipart/form-data; boundary={boundary}"})
-    with urllib.request.urlopen(request) as response:
+    with urllib.request.build_opener(FromAddress(source)).open(request) as response:
         resume = json.loads(response.read())
-    job = api(base, token, "POST", "/api/v1/job-description", {"title": "Backend", "content": JOB})
+    job = api(base, token, "POST", "/api/v1/job-description", {"title": "Backend", "content": JOB}, source=source)
     return resume["id"], job["id"]
 
 
-async def first_answer_line(port, token, session, documents):
-    reader, writer = await asyncio.open_connection("127.0.0.1", port)
+async def first_answer_line(port, token, session, documents, source):
+    reader, writer = await asyncio.open_connection("127.0.0.1", port, local_addr=(source, 0))
     body = json.dumps({"question": "Tell me about a time you led a project.", "context": [], "sessionId": session,
                        "resumeId": documents[0], "jobDescriptionId": documents[1]})
     started = time.perf_counter()
@@ -78,13 +78,14 @@ async def first_answer_line(port, token, session, documents):
 
 
 def source_address(block, index):
-    """A loopback address of its own for each client: the sign-in limits count per address."""
+    """A loopback address of its own for each client, as if each were another computer: the
+    sign-in limits and the connection cap count per address."""
     return f"127.{block}.{index // 250}.{1 + index % 250}"
 
 
-def refresh(server, token):
+def refresh(server, token, source):
     try:
-        return api(server.base, None, "POST", "/api/v1/auth/refresh", {"refreshToken": token})
+        return api(server.base, None, "POST", "/api/v1/auth/refresh", {"refreshToken": token}, source)
     except urllib.error.HTTPError as refused:
         return {"status": refused.code}
 
@@ -97,20 +98,20 @@ class Totals:
 
 
 async def interview(index, args, servers, tokens, documents, totals, stop_at):
-    home = servers[-1]
+    home, source = servers[-1], source_address(2, index)
     # The sign-in happened on the first server; everything else runs on the last.
     first_refresh = tokens["refreshToken"]
-    rotated = await asyncio.to_thread(refresh, home, first_refresh)
+    rotated = await asyncio.to_thread(refresh, home, first_refresh, source)
     if "accessToken" not in rotated:
         totals.rotations_refused += 1
         return
     totals.rotations += 1
     token, refresh_token = rotated["accessToken"], rotated["refreshToken"]
     session = await asyncio.to_thread(api, home.base, token, "POST", "/api/v1/interview/session",
-                                      {"languageInput": "en", "languageOutput": "en"})
+                                      {"languageInput": "en", "languageOutput": "en"}, source)
     url = f"ws://127.0.0.1:{home.port}/api/v1/interview/ws?token={token}&sessionId={session['id']}"
     sent, lines = {}, 0
-    async with websockets.connect(url) as ws:
+    async with websockets.connect(url, local_addr=(source, 0)) as ws:
         await ws.recv()
 
         async def receive():
@@ -132,13 +133,13 @@ async def interview(index, args, servers, tokens, documents, totals, stop_at):
             lines += 1
             if time.perf_counter() >= next_answer:
                 next_answer += 30.0
-                status, elapsed = await first_answer_line(home.port, token, session["id"], documents)
+                status, elapsed = await first_answer_line(home.port, token, session["id"], documents, source)
                 totals.statuses.append(status)
                 if elapsed is not None:
                     totals.answers.append(elapsed)
             if halfway and time.perf_counter() >= halfway:
                 halfway = None
-                again = await asyncio.to_thread(refresh, home, refresh_token)
+                again = await asyncio.to_thread(refresh, home, refresh_token, source)
                 totals.rotations += "refreshToken" in again
                 totals.rotations_refused += "refreshToken" not in again
             await asyncio.sleep(2.0)
@@ -146,10 +147,11 @@ async def interview(index, args, servers, tokens, documents, totals, stop_at):
         receiver.cancel()
     totals.sent += lines
     # Read back through the first server: every line is in the one database.
-    kept = await asyncio.to_thread(stored_lines, servers[0], token, session["id"])
+    kept = (await asyncio.to_thread(api, servers[0].base, token, "GET", f"/api/v1/interview/session/{session['id']}",
+                                    None, source))["transcript"]
     totals.stored += sum(1 for line in kept if line["id"].startswith(f"{index}-"))
     # The first refresh token was spent long ago (past the grace for a lost answer).
-    replay = await asyncio.to_thread(refresh, servers[0], first_refresh)
+    replay = await asyncio.to_thread(refresh, servers[0], first_refresh, source)
     totals.replays_accepted += "accessToken" in replay
     totals.replays_refused += "accessToken" not in replay
 
@@ -182,24 +184,39 @@ def keep_guessing(ports, index, stop, counts):
     rounds = 0
     while not stop.is_set():
         statuses = guess(ports[rounds % len(ports)], source_address(100 + index, rounds))
-        counts[401] += statuses.count(401)
-        counts[429] += statuses.count(429)
+        with counts.get_lock():
+            counts[0] += statuses.count(401)
+            counts[1] += statuses.count(429)
         rounds += 1
 
 
-def keep_idle(port, count, stop, held):
+def keep_idle(port, count, stop, fewest):
     """`count` silent connections on `port`; each one the server closes is opened again."""
-    sockets = open_silent(port, count)
+    batch = 0
+    sockets = open_silent(port, count, source_address(50, batch))
     while not stop.is_set():
         closed, _, _ = select.select(sockets, [], [], 0.5)
         for connection in closed:
             sockets.remove(connection)
             connection.close()
         if len(sockets) < count:
-            sockets += open_silent(port, count - len(sockets))
-        held.append(len(sockets))
+            batch += 1
+            sockets += open_silent(port, count - len(sockets), source_address(50, batch))
+        fewest.value = min(fewest.value, len(sockets))
     for connection in sockets:
         connection.close()
+
+
+def hostile(ports, guessers, idle, stop, counts, fewest):
+    """The guessers and the silent connections, in a process of their own so that their threads
+    do not delay the interviews' own measurements."""
+    helpers = [threading.Thread(target=keep_guessing, args=(ports, i, stop, counts)) for i in range(guessers)]
+    if idle:
+        helpers.append(threading.Thread(target=keep_idle, args=(ports[-1], idle, stop, fewest)))
+    for helper in helpers:
+        helper.start()
+    for helper in helpers:
+        helper.join()
 
 
 def memory_mb(pid, field="VmHWM:"):
@@ -214,7 +231,7 @@ def new_user(servers, index):
     tokens = sign_in_tokens(servers[0].base, {"action": "register", "email": f"interview-{index}@example.org",
                                               "password": "pa55word!", "confirm": "pa55word!"},
                             source_address(2, index))
-    return tokens, upload_documents(servers[0].base, tokens["accessToken"])
+    return tokens, upload_documents(servers[0].base, tokens["accessToken"], source_address(2, index))
 
 
 async def run(args, servers):
@@ -226,15 +243,12 @@ async def run(args, servers):
         with open(f"/proc/{server.process.pid}/clear_refs", "w") as clear:
             clear.write("5")
     totals = Totals()
-    stop = threading.Event()
-    counts, held = {401: 0, 429: 0}, []
-    helpers = [threading.Thread(target=keep_guessing, args=([s.port for s in servers], i, stop, counts))
-               for i in range(args.guessers)]
-    if args.idle:
-        helpers.append(threading.Thread(target=keep_idle, args=(servers[-1].port, args.idle, stop, held)))
-    for helper in helpers:
-        helper.start()
-    if helpers:
+    stop, counts, fewest = multiprocessing.Event(), multiprocessing.Array("l", 2), multiprocessing.Value("l", args.idle)
+    helpers = []
+    if args.guessers or args.idle:
+        helpers.append(multiprocessing.Process(target=hostile, args=([s.port for s in servers], args.guessers,
+                                                                     args.idle, stop, counts, fewest)))
+        helpers[0].start()
         await asyncio.sleep(3)  # the guessing and the silent connections in full swing
     started = time.perf_counter()
     try:
@@ -259,9 +273,9 @@ async def run(args, servers):
     print(f"refresh rotations honoured: {totals.rotations}, refused: {totals.rotations_refused}; "
           f"spent tokens replayed later: {totals.replays_refused} refused, {totals.replays_accepted} accepted")
     if args.guessers:
-        print(f"wrong passwords answered 401 (each a hash): {counts[401]}, refused with 429: {counts[429]}")
-    if held:
-        print(f"silent connections held open: min {min(held)}, median {statistics.median(held):.0f}")
+        print(f"wrong passwords answered 401 (each a hash): {counts[0]}, refused with 429: {counts[1]}")
+    if args.idle:
+        print(f"silent connections held open: at least {fewest.value} of {args.idle} at every moment")
     for server in servers:
         print(f"server {server.port} peak memory MB: {memory_mb(server.process.pid):.1f}, "
               f"at the end {memory_mb(server.process.pid, 'VmRSS:'):.1f}")

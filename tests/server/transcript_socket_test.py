@@ -73,13 +73,14 @@ def sign_in_tokens(base, form, source=None):
         location = redirect.headers["Location"]
     query = urllib.parse.parse_qs(urllib.parse.urlparse(location).query)
     check(location.startswith("ravlet://auth-callback?") and query["state"] == ["T1"], "callback " + location)
-    return api(base, None, "POST", "/api/v1/auth/exchange", {"code": query["code"][0]})
+    return api(base, None, "POST", "/api/v1/auth/exchange", {"code": query["code"][0]}, source=source)
 
 
-def api(base, token, method, path, body=None):
+def api(base, token, method, path, body=None, source=None):
     request = urllib.request.Request(base + path, method=method, data=None if body is None else json.dumps(body).encode(),
                                      headers=dict({"Content-Type": "application/json"}, **({"Authorization": "Bearer " + token} if token else {})))
-    return json.loads(urllib.request.urlopen(request, timeout=10).read() or b"{}")
+    opener = urllib.request.build_opener(FromAddress(source)) if source else urllib.request.build_opener()
+    return json.loads(opener.open(request, timeout=10).read() or b"{}")
 
 
 def entry(id, content, ts, revision=None, speaker="interviewer"):
@@ -235,6 +236,35 @@ def private_files(data):
           and all(mode == 0o600 for name, mode in modes.items() if name != "."), f"file modes {modes}")
 
 
+async def two_servers(server, data):
+    """A second process on the same database: a sign-in, a refresh and a line on either one are
+    seen by the other."""
+    second = Server(data)
+    second.start()
+    try:
+        tokens = sign_in_tokens(server.base, {"action": "register", "email": "fourth@example.org",
+                                              "password": "pa55word!", "confirm": "pa55word!"})
+        refresh = {"refreshToken": tokens["refreshToken"]}
+        rotated = api(second.base, None, "POST", "/api/v1/auth/refresh", refresh)
+        # A retry of the same refresh on the other server within the grace gets the same new
+        # refresh token (and an access token of its own), not the end of the sign-in.
+        retried = api(server.base, None, "POST", "/api/v1/auth/refresh", refresh)
+        check(rotated["refreshToken"] != tokens["refreshToken"]
+              and retried["refreshToken"] == rotated["refreshToken"],
+              f"one rotation across both servers: {rotated} then {retried}")
+        session, url = new_session(second, rotated["accessToken"])
+        async with websockets.connect(url) as ws:
+            await ws.recv()
+            await ws.send(entry("both", "said on the second server", 1000))
+            ack = await next_ack(ws)
+        kept = stored_lines(server, rotated["accessToken"], session)
+        check(ack["ids"] == ["both"] and [line["id"] for line in kept] == ["both"],
+              f"a line kept by the second server, read on the first: {ack} {kept}")
+    finally:
+        second.process.terminate()
+        second.process.wait(timeout=10)
+
+
 def operator_accounts(server, data):
     """With sign-up off, the operator creates accounts; the password comes from standard input."""
     env = dict(os.environ, XDG_DATA_HOME=data)
@@ -277,6 +307,8 @@ def main():
             if RESTART_DATABASE:
                 asyncio.run(database_restarted_mid_stream(server, token))
             private_files(data)
+            if DATABASE:
+                asyncio.run(two_servers(server, data))
             operator_accounts(server, data)
         finally:
             if server.process.poll() is None:
