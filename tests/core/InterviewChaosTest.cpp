@@ -20,7 +20,7 @@
 #include "FakeVendorServer.h"
 #include "InterviewViewModel.h"
 #include "LogCapture.h"
-#include "LoopbackInterview.h"
+#include "InterviewFakes.h"
 #include "NotificationCenter.h"
 #include "PreferencesStore.h"
 #include "UserSettings.h"

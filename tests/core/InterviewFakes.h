@@ -1,8 +1,8 @@
 #pragma once
 
-// Pieces shared by the interview tests, faked or over real loopback sockets: suspension points
-// a test can hold shut, scripted failures, a capture channel fed by the test, the telemetry as
-// lines.
+// Fakes shared by the in-process interview harness and the loopback chaos test: suspension
+// points a test can hold shut, scripted failures, a capture channel fed by the test, and the
+// telemetry as lines.
 
 #include "APIClient.h"
 #include "AsyncQueue.h"
