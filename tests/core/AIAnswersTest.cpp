@@ -447,46 +447,6 @@ TEST(AIAnswersTest, AnOpenStreamEndsKeepingWhatItHad)
     }
 }
 
-TEST(AIAnswersTest, AnswerSelectionStaysInBoundsAndFollowsNewAnswers)
-{
-    H h;
-    // Moves the selection by `steps`, forwards or back, and tells what is shown.
-    const auto shownAfter = [&](int steps) {
-        for (; steps > 0; --steps)
-            h.vm.selectNextAnswer();
-        for (; steps < 0; ++steps)
-            h.vm.selectPreviousAnswer();
-        return h.vm.currentAnswerText();
-    };
-    goLive(h);
-    EXPECT_EQ(shownAfter(1) + shownAfter(-1), QString());
-    EXPECT_FALSE(h.vm.selectedAnswerIndex());
-
-    h.say(Speaker::interviewer, u"One?"_s);
-    for (const auto& answer : {u"zero"_s, u"one"_s, u"two"_s}) {
-        h.backend->answerChunks = {answer};
-        h.vm.triggerAIAnswer();
-    }
-    EXPECT_EQ(h.vm.selectedAnswerIndex(), 2);
-    EXPECT_EQ((QStringList{shownAfter(1), shownAfter(-1), shownAfter(-2), shownAfter(1)}),
-              (QStringList{u"two"_s, u"one"_s, u"zero"_s, u"one"_s}));
-
-    // A new answer takes the selection to the end although an older one was on show; only
-    // that one shows as streaming.
-    h.backend->finishAnswers = false;
-    h.backend->answerChunks = {u"three"_s};
-    h.vm.triggerAIAnswer();
-    EXPECT_EQ(h.vm.currentAnswerText(), u"three"_s);
-    EXPECT_TRUE(h.vm.isSelectedAnswerStreaming());
-    EXPECT_EQ(shownAfter(-1), u"two"_s);
-    EXPECT_FALSE(h.vm.isSelectedAnswerStreaming());
-    EXPECT_EQ(shownAfter(1), u"three"_s);
-    EXPECT_TRUE(h.vm.isSelectedAnswerStreaming());
-    h.backend->answerStreams.last()->finish();
-    H::settle();
-    EXPECT_FALSE(h.vm.isSelectedAnswerStreaming());
-}
-
 TEST(AIAnswersTest, TranscriptSelectionWalksTheLastFiveFinalRows)
 {
     H h;

@@ -20,7 +20,7 @@
 #include "FakeVendorServer.h"
 #include "InterviewViewModel.h"
 #include "LogCapture.h"
-#include "LoopbackInterview.h"
+#include "InterviewFakes.h"
 #include "NotificationCenter.h"
 #include "PreferencesStore.h"
 #include "UserSettings.h"
@@ -55,6 +55,27 @@ inline bool spend(int& budget)
 {
     return budget > 0 && budget-- > 0;
 }
+
+// The real transcript channel, on a server of its own: the backend and the channel's fakes
+// cannot share a port, and the channel's address is otherwise made from the backend's.
+class ChannelAt final : public TranscriptChannel {
+public:
+    ChannelAt(Clock& clock, QString baseURL)
+        : m_channel(clock)
+        , m_baseURL(std::move(baseURL))
+    {
+    }
+    QCoro::Task<> start(QString, QString token, QString sessionId) override
+    {
+        return m_channel.start(m_baseURL, std::move(token), std::move(sessionId));
+    }
+    void send(TranscriptEntry entry) override { m_channel.send(std::move(entry)); }
+    QCoro::Task<QList<TranscriptEntry>> stop() override { return m_channel.stop(); }
+
+private:
+    TranscriptUploadChannel m_channel;
+    QString m_baseURL;
+};
 
 // The interview over real sockets on loopback: the API client against the fake backend, a
 // Deepgram recogniser against the fake vendor (reached through the speech token's endpoint),
@@ -135,7 +156,7 @@ struct LoopbackRig {
             return recognizer;
         };
         s.makeTranscriptChannel = [this] {
-            return std::make_shared<TranscriptUploadChannel>(clock);
+            return std::make_shared<ChannelAt>(clock, channelBaseURL);
         };
         return s;
     }
@@ -150,8 +171,9 @@ struct LoopbackRig {
     FakeTranscriptChannel channelServer;
     InMemoryTokenStore tokens;
     APIClient client{backend.origin(), tokens, notifications};
-    std::shared_ptr<SeparateChannelBackend> interviewBackend =
-        std::make_shared<SeparateChannelBackend>(client, channelServer.baseURL());
+    std::shared_ptr<APIClientInterviewBackend> interviewBackend =
+        std::make_shared<APIClientInterviewBackend>(client);
+    QString channelBaseURL = channelServer.baseURL(); // read as each interview makes its channel
     FakeCapture systemAudio;
     FakeCapture microphone;
     // The recogniser each channel has now.
@@ -499,10 +521,9 @@ protected:
     void useChannel(Plan::Channel channel)
     {
         channelServer.setRefusing(channel == Plan::Channel::refusing);
-        interviewBackend->setChannelBaseURL(
-            channel == Plan::Channel::silent     ? silentServer.address(u"http"_s)
-            : channel == Plan::Channel::unusable ? u"http://127.0.0.1:no-port"_s
-                                                 : channelServer.baseURL());
+        channelBaseURL = channel == Plan::Channel::silent     ? silentServer.address(u"http"_s)
+                         : channel == Plan::Channel::unusable ? u"http://127.0.0.1:no-port"_s
+                                                              : channelServer.baseURL();
     }
 
     // Runs a start or a stop on the pump; a failure when it hangs.

@@ -11,7 +11,7 @@
 #include "AwaitTask.h"
 #include "Clock.h"
 #include "InterviewViewModel.h"
-#include "LoopbackInterview.h"
+#include "InterviewFakes.h"
 #include "NotificationCenter.h"
 #include "PreferencesStore.h"
 #include "UserSettings.h"
@@ -80,9 +80,10 @@ private:
     Gates& m_gates;
 };
 
-class FakeTranscriptChannel final : public TranscriptChannel {
+// The transcript channel in process: what was sent, and which of it the server acknowledged.
+class ScriptedChannel final : public TranscriptChannel {
 public:
-    explicit FakeTranscriptChannel(Gates& gates)
+    explicit ScriptedChannel(Gates& gates)
         : m_gates(gates)
     {
     }
@@ -286,7 +287,7 @@ struct InterviewHarness {
             return recognizer;
         };
         s.makeTranscriptChannel = [this]() -> std::shared_ptr<TranscriptChannel> {
-            auto channel = std::make_shared<FakeTranscriptChannel>(gates);
+            auto channel = std::make_shared<ScriptedChannel>(gates);
             if (std::exchange(failNextChannel, false))
                 channel->startFailures.add(failureOf(std::runtime_error("channel refused")));
             channels.append(channel);
@@ -307,7 +308,7 @@ struct InterviewHarness {
         }
         return nullptr;
     }
-    std::shared_ptr<FakeTranscriptChannel> channel() const
+    std::shared_ptr<ScriptedChannel> channel() const
     {
         return channels.isEmpty() ? nullptr : channels.last();
     }
@@ -359,7 +360,7 @@ struct InterviewHarness {
     FakeCapture microphone{u"microphone"_s, gates};
     FakeRights rights{gates};
     QList<std::shared_ptr<FakeRecognizer>> recognizers;
-    QList<std::shared_ptr<FakeTranscriptChannel>> channels;
+    QList<std::shared_ptr<ScriptedChannel>> channels;
     bool failNextChannel = false;
     // Called with each recogniser as it is made, to script it.
     std::function<void(FakeRecognizer&)> prepareRecognizer;

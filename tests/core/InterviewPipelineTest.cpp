@@ -31,43 +31,6 @@ void expectNothingRunning(H& h)
     EXPECT_EQ(h.clock.pendingTimerCount(), 0u);
 }
 
-QStringList statusTrail(H& h, const std::function<void()>& action)
-{
-    QStringList trail;
-    QObject context;
-    QObject::connect(&h.vm, &InterviewViewModel::statusMessageChanged, &context,
-                     [&] { trail.append(h.vm.statusMessage()); });
-    action();
-    return trail;
-}
-
-// Which token, socket and audio each channel gets is the loopback end-to-end test's; here, the
-// order of the steps and what the user sees of them.
-TEST(InterviewPipelineTest, StartBuildsBothChannelsInOrderAndStopTakesThemDown)
-{
-    H h;
-    EXPECT_EQ(statusTrail(h, [&] { h.start(); }),
-              (QStringList{u"Checking permissions..."_s, u"Connecting to speech service..."_s,
-                           u"Recording live"_s}));
-    EXPECT_EQ(h.backend->calls, (QStringList{u"fetchAccountStatus"_s, u"createSession en-US en"_s,
-                                             u"fetchSpeechToken"_s, u"fetchSpeechToken"_s}));
-    const auto interviewer = h.recognizerOf(Speaker::interviewer);
-    const auto user = h.recognizerOf(Speaker::user);
-    ASSERT_TRUE(interviewer && user);
-    EXPECT_EQ(interviewer->starts.value(0).model, u"nova-3"_s);
-    EXPECT_EQ(h.telemetry->events, QStringList{u"first_interview_started"_s});
-    h.say(Speaker::interviewer, u"Tell me about yourself."_s);
-
-    EXPECT_EQ(statusTrail(h, [&] { h.stop(); }),
-              (QStringList{u"Stopping interview..."_s, u"Ready"_s}));
-    EXPECT_TRUE(h.vm.pipelineState() == State::idle && interviewer->isStopped && user->isStopped);
-    expectNothingRunning(h);
-    // The transcript and the session stay for the screens.
-    EXPECT_EQ(h.vm.transcriptManager().entries().size(), 1);
-    ASSERT_TRUE(h.vm.currentSession());
-    EXPECT_EQ(h.vm.currentSession()->status, InterviewSession::SessionStatus::completed);
-}
-
 // A start that cannot go ahead ends in error with nothing left running. Before the backend is
 // asked anything when sign-in is missing; otherwise the session it opened is closed at once.
 TEST(StartFailureTest, EndsInErrorAndLeavesNothingRunning)

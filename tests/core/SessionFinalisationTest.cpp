@@ -69,28 +69,6 @@ TEST(SessionFinalisationTest, ClosesArchivesAndPostsOnlyWhatTheChannelDidNotAckn
                 && h.vm.pastSessions().first().id == u"session-2"_s);
 }
 
-TEST(SessionFinalisationTest, WithoutAChannelTheWholeTranscriptGoesUpEvenIfTheCloseFails)
-{
-    H h;
-    h.failNextChannel = true;
-    runInterview(h, 2);
-    h.backend->completeSessionFailures.add(failureOf(APIError::serverError(500)));
-    h.stop();
-    EXPECT_EQ(h.backend->callsOf(u"completeSession"_s).size(), 1); // no retry
-    EXPECT_EQ(h.backend->delivered, h.vm.transcriptManager().finalEntriesForUpload());
-    EXPECT_EQ(h.shown(), u"idle | Ready | Failed to mark interview complete on server. Data is "
-                         u"still saved locally. | Session finalize failed: "_s
-                             + APIError::serverError(500).description());
-
-    // A backend interview with no final line closes the session only.
-    h.backend->calls.clear();
-    h.failNextChannel = true;
-    h.start();
-    h.say(Speaker::interviewer, u"Hel"_s, false);
-    h.stop();
-    EXPECT_EQ(h.backend->calls.mid(4), QStringList{u"completeSession session-2 0"_s});
-}
-
 // A retryable failure is posted once more, half a second later; a transcript still not
 // delivered after that is kept for the next start.
 TEST(SessionFinalisationTest, FailedPostIsRetriedOnceWhenRetryableElseKept)

@@ -288,49 +288,6 @@ TEST_F(SpeechRecoveryTest, RecognizerStartIsRetriedOnceWhenTheFailureIsRetryable
     }
 }
 
-TEST_F(SpeechRecoveryTest, UserChannelRestartsSilentlyAndKeepsItsCountAcrossInterviews)
-{
-    const auto microphoneAudio = h.vm.audioStream(Speaker::user);
-    VisibleChanges changes(h.vm);
-    h.backend->endpoint = u"wss://eu.speech.test"_s;
-    h.fail(Speaker::user, u"mic socket closed"_s);
-    h.passTime(500ms);
-    ASSERT_EQ(user->starts.size(), 2);
-    EXPECT_TRUE(user->starts[1].token == u"speech-token-3"_s
-                && user->starts[1].audio == microphoneAudio
-                && user->origin == u"wss://eu.speech.test"_s);
-    EXPECT_EQ(
-        (std::tuple(interviewer->starts.size(), h.vm.restartCount(Speaker::user), changes.total)),
-        std::tuple(1, 0, 0));
-
-    h.backend->speechTokenFailures.failAlways(failureOf(APIError::serverError(503)));
-    h.fail(Speaker::user, u"mic socket closed"_s);
-    h.passTime(225'500ms);
-    ASSERT_EQ(h.vm.restartCount(Speaker::user), 12);
-
-    // The next live start resets the interviewer's count and back-off but not the candidate's,
-    // whose channel therefore cannot recover in that interview.
-    h.fail(Speaker::interviewer, u"interviewer socket closed"_s);
-    h.passTime(500ms);
-    ASSERT_EQ(backOff(h, Speaker::interviewer), std::pair(1, 1.0));
-    h.stop();
-    h.backend->speechTokenFailures.clear();
-    h.start();
-    ASSERT_TRUE(h.vm.isRecording());
-    EXPECT_EQ(backOff(h, Speaker::interviewer), std::pair(0, 0.5));
-    EXPECT_EQ(backOff(h, Speaker::user), std::pair(12, 15.0));
-
-    const int fetchesBefore = tokenFetches(h);
-    h.fail(Speaker::user, u"mic socket closed"_s);
-    h.fail(Speaker::interviewer, u"interviewer socket closed"_s);
-    h.passTime(500ms);
-    EXPECT_EQ((std::tuple(h.vm.restartCount(Speaker::user), tokenFetches(h) - fetchesBefore,
-                          h.recognizerOf(Speaker::user)->starts.size(),
-                          h.recognizerOf(Speaker::interviewer)->starts.size(),
-                          h.vm.restartCount(Speaker::interviewer))),
-              std::tuple(13, 1, 1, 2, 0));
-}
-
 // A stop wins over a restart wherever it stands: in its back-off, fetching its token, waiting to
 // retry the recogniser's start, or scheduled after a failure. Events after the stop change nothing.
 TEST_F(SpeechRecoveryTest, StopDuringARestartWins)

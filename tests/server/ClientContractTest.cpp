@@ -13,8 +13,9 @@
 
 using namespace Qt::StringLiterals;
 
-// The program's own client libraries against the server: what they send is what the server
-// reads, and what the server answers is what they decode.
+// The program's own client libraries against the server, for what the whole-product test does not
+// reach: a refresh after the access token expired, the pending transcript post, a socket that
+// outlives its token, and sign-out. Documents and answers go through it there.
 class ClientContractTest : public ::testing::Test {
 protected:
     ServerHarness server;
@@ -23,7 +24,7 @@ protected:
     APIClient client{server.base(), tokens, notifications};
 };
 
-TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
+TEST_F(ClientContractTest, RefreshPendingPostSocketAndSignOutThroughTheClient)
 {
     const auto user = std::get<UserRecord>(
         server.accounts->createAccount(u"client@example.org"_s, u"long enough"_s));
@@ -39,16 +40,6 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
     EXPECT_EQ(status.speechProvider.has_value(), SpeechTokens::isBuiltInRecognizerInstalled());
     EXPECT_NE(client.accessToken(), auth.accessToken);
 
-    const auto cvText = u"Reduced build times by half.\n"_s;
-    const auto resume = awaitTask(
-        client.uploadResume(writeFile(server.dir.filePath(u"CV.txt"_s), cvText.toUtf8())));
-    EXPECT_EQ(resume.filename + u'|' + resume.extractedText, u"CV.txt|"_s + cvText);
-    const auto job =
-        awaitTask(client.createJobDescription(u"Build engineer"_s, u"Speed up CI"_s, std::nullopt));
-    EXPECT_EQ(job.company, QString());
-    EXPECT_EQ(awaitTask(client.fetchResumes()).resumes.size(), 1);
-    EXPECT_EQ(awaitTask(client.fetchJobDescriptions()).jobDescriptions.size(), 1);
-
     const auto session = awaitTask(client.createSession(u"en"_s, u"en"_s));
     EXPECT_EQ(session.status, InterviewSession::SessionStatus::active);
 
@@ -58,17 +49,6 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
         u"e1"_s, Speaker::interviewer, u"Tell me about a time."_s, 2000, 0.9, true};
     const TranscriptEntry second{u"e2"_s, Speaker::user, u"Sure."_s, 1000, std::nullopt, true};
     awaitTask(client.postTranscript(session.id, {first.uploadForm(), second.uploadForm()}));
-
-    server.engine.finishAtOnce = true;
-    const auto answer = awaitTask(client.streamAnswer({u"Tell me about a time"_s,
-                                                       {first.contextForm()},
-                                                       session.id,
-                                                       u"en"_s,
-                                                       resume.id,
-                                                       job.id}));
-    ASSERT_TRUE(answer.logId);
-    EXPECT_EQ(server.engine.answers.back()->request.resumeText, cvText);
-    awaitTask(client.saveAnswerLog(*answer.logId, u"Draft, edited"_s));
 
     // The transcript socket's own client: a line that grows after the server stored it is
     // stored with its newest text.
@@ -95,21 +75,12 @@ TEST_F(ClientContractTest, AFullInterviewThroughTheClient)
         server, {{}, {}, *client.accessToken(), {}},
         {
             {"GET",
-             u"/api/v1/chat/log/"_s + *answer.logId,
-             {},
-             200,
-             R"({"answer":"Draft, edited"})"},
-            {"GET",
              u"/api/v1/interview/session/"_s + session.id,
              {},
              200,
              R"({"status":"completed","transcript":[{"id":"e2","content":"Sure."},{"id":"e1","content":"Tell me about a time."},
                                                 {"id":"e3","content":"Sure, the billing rewrite."}]})"},
         });
-
-    awaitTask(client.deleteResume(resume.id));
-    awaitTask(client.deleteJobDescription(job.id));
-    EXPECT_TRUE(awaitTask(client.fetchResumes()).resumes.isEmpty());
 
     // Sign-out ends the refresh family on the server as well; when the server cannot be
     // reached, the user is signed out all the same.

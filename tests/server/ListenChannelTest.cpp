@@ -96,13 +96,7 @@ protected:
                                               authorization);
     }
 
-    static ServerConfig twentySocketsEach()
-    {
-        ServerConfig config;
-        config.quotas.listenSockets = 20;
-        return config;
-    }
-    ServerHarness server{twentySocketsEach()};
+    ServerHarness server;
     const ServerHarness::Account account = server.signUp();
     QByteArray bearer;
 };
@@ -169,34 +163,19 @@ TEST_F(ListenChannelTest, AClientThatVanishesMidPhraseEndsItsDecoder)
     EXPECT_TRUE(open(englishPath, bearer)->waitConnected());
 }
 
-// Twenty sockets at once, each fed its own question faster than real time after a run of
-// garbage: every socket gets its own text back, never a neighbour's.
+// As many sockets at once as one user may hold, each fed its own question faster than real time
+// after a run of garbage: every socket gets its own text back, never a neighbour's.
 TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeechThroughGarbageAndOddFrames)
 {
     // Questions that the recogniser hears well enough for each text to be told from the others
     // (the general English model is weak on open speech).
     const QStringList questions{
-        u"tell me about a difficult problem you solved"_s,
-        u"what are your greatest strengths"_s,
-        u"what is your greatest weakness"_s,
-        u"what are your strengths and weaknesses"_s,
         u"why do you want this job"_s,
         u"what was your biggest achievement"_s,
-        u"how do you deal with difficult customers"_s,
         u"how would you test this feature"_s,
-        u"what was the result"_s,
         u"tell me about a project you are proud of"_s,
-        u"tell me about a time you had a conflict with a colleague"_s,
-        u"how would your colleagues describe you"_s,
-        u"how would you improve our product"_s,
-        u"are you willing to relocate"_s,
-        u"I led the project from design to release"_s,
-        u"how would you debug a performance problem"_s,
-        u"can you walk me through your approach"_s,
-        u"how do you prioritize your work"_s,
-        u"my greatest strength is solving problems"_s,
-        u"how did you measure success on that project"_s,
     };
+    ASSERT_EQ(questions.size(), ServerConfig{}.quotas.listenSockets);
     // All the speech is made first, so that the sockets decode at the same time.
     std::vector<QByteArray> speech;
     std::vector<std::unique_ptr<ListenClient>> clients;

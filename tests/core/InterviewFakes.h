@@ -1,8 +1,8 @@
 #pragma once
 
-// Pieces shared by the interview tests, faked or over real loopback sockets: suspension points
-// a test can hold shut, scripted failures, a capture channel fed by the test, the telemetry as
-// lines, and the real backend client with the transcript channel on a server of its own.
+// Fakes shared by the in-process interview harness and the loopback chaos test: suspension
+// points a test can hold shut, scripted failures, a capture channel fed by the test, and the
+// telemetry as lines.
 
 #include "APIClient.h"
 #include "AsyncQueue.h"
@@ -155,52 +155,4 @@ public:
 
 private:
     void add(const QStringList& event) { events.append(event.join(QLatin1Char(' '))); }
-};
-
-// The real backend client, except that the transcript channel is on a server of its own: the
-// two loopback fakes cannot share a port, and the channel's address is made from the base URL.
-class SeparateChannelBackend final : public InterviewBackend {
-public:
-    SeparateChannelBackend(APIClient& client, QString channelBaseURL = {})
-        : m_api(client)
-        , m_channelBaseURL(std::move(channelBaseURL))
-    {
-    }
-    void setChannelBaseURL(QString url) { m_channelBaseURL = std::move(url); }
-
-    QString baseURL() const override { return m_channelBaseURL; }
-    std::optional<QString> accessToken() const override { return m_api.accessToken(); }
-    QCoro::Task<APIClient::SpeechTokenResponse> fetchSpeechToken() override
-    {
-        return m_api.fetchSpeechToken();
-    }
-    QCoro::Task<APIClient::AccountStatus> fetchAccountStatus() override
-    {
-        return m_api.fetchAccountStatus();
-    }
-    QCoro::Task<InterviewSession> createSession(QString in, QString out) override
-    {
-        return m_api.createSession(std::move(in), std::move(out));
-    }
-    QCoro::Task<> completeSession(QString id, qint64 ms) override
-    {
-        return m_api.completeSession(std::move(id), ms);
-    }
-    QCoro::Task<> postTranscript(QString id, QList<QJsonObject> entries) override
-    {
-        return m_api.postTranscript(std::move(id), std::move(entries));
-    }
-    QCoro::Task<APIClient::StreamAnswerResult>
-    streamAnswer(APIClient::AnswerRequest request) override
-    {
-        return m_api.streamAnswer(std::move(request));
-    }
-    QCoro::Task<> saveAnswerLog(QString id, QString answer) override
-    {
-        return m_api.saveAnswerLog(std::move(id), std::move(answer));
-    }
-
-private:
-    APIClientInterviewBackend m_api;
-    QString m_channelBaseURL;
 };
