@@ -39,6 +39,8 @@ packages=(
     trayer xdotool openbox
     # the whole-product test: buttons pressed through their accessible names, and screenshots
     python3-pyatspi at-spi2-core scrot
+    # GNOME's keyboard-shortcut schemas, which the custom shortcuts are written in and checked against
+    gnome-settings-daemon-common mutter-common
     # fonts for the screenshots in every language of the string tables (Latin, Arabic, CJK)
     fonts-noto-core fonts-noto-cjk
 )
