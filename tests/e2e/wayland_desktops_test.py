@@ -337,7 +337,8 @@ def run_kwin(args, desktop):
 
     # The call in a browser, as a native Wayland window (foot, the terminal, dies on KWin's
     # virtual output, which has no physical size).
-    desktop.spawn(["chromium", "--ozone-platform=wayland", "--no-sandbox", "--no-first-run",
+    # (--test-type drops the bar that warns of --no-sandbox, which running as root needs.)
+    desktop.spawn(["chromium", "--ozone-platform=wayland", "--no-sandbox", "--test-type", "--no-first-run",
                    "--user-data-dir=" + os.path.join(desktop.scratch, "chromium"),
                    "--app=data:text/html,<title>Video call</title><body style='background:%23246'><h1>Call</h1>"],
                   log="chromium.log")
