@@ -9,6 +9,7 @@
 #include "Clock.h"
 #include "CrashReporter.h"
 #include "DesktopIntegration.h"
+#include "DesktopKeysRight.h"
 #include "DesktopSession.h"
 #include "DesktopShortcuts.h"
 #include "GlobalKeys.h"
@@ -138,6 +139,9 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         });
         logLine(u"Keys", u"global shortcuts go through the desktop's shortcut portal");
     }
+    DesktopKeysRight keysRight(session, keySource,
+                               portal ? std::function<void()>([&keyMonitors] { keyMonitors.installKeyMonitors(); })
+                                      : std::function<void()>());
     UpdateStatus updateStatus;
     LoggedUpdateChecks updates(updateStatus);
 
@@ -155,7 +159,7 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         // No build counter exists apart from the version.
         QString::fromUtf16(BuildConfig::version),
         rights,
-        keySource,
+        keysRight,
         [] { return std::make_unique<AuthService>(std::make_shared<const KeychainHelper>()); },
         [&] {
             InterviewViewModel::Services services;

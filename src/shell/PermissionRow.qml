@@ -3,13 +3,15 @@ import Ravlet.Shell
 import QtQuick.Controls.Basic
 import QtQuick.Layouts
 
-// One right on the welcome panel: what it is for, and a button to grant it or "Granted".
+// One right on the welcome panel and the General page: what it is for, an optional note on
+// what works without it, and a button to grant it or "Granted".
 Rectangle {
     id: row
 
     property string icon
     property string title
     property string description
+    property string note
     property bool isGranted
     property string buttonLabel
     property string grantedLabel
@@ -48,6 +50,15 @@ Rectangle {
                 font.pixelSize: 11
                 wrapMode: Text.WordWrap
                 Layout.fillWidth: true
+            }
+            Label {
+                visible: row.note.length > 0
+                text: row.note
+                color: "#ffcc00"
+                font.pixelSize: 11
+                wrapMode: Text.WordWrap
+                Layout.fillWidth: true
+                Accessible.name: text
             }
         }
         RowLayout {

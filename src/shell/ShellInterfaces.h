@@ -59,10 +59,23 @@ public:
     virtual void startPeriodicCheck() = 0;
 };
 
+// How keys pressed in other programs reach the program in this session.
+enum class GlobalKeysRoute {
+    seen,             // the display server shows us every key (X11)
+    desktopShortcuts, // the desktop binds chords for us and reports their presses (the portal)
+    keyboardSettings, // only commands the user binds in the desktop's own keyboard settings
+};
+
 // Whether keys pressed in other programs can be seen (the stand-in for the Accessibility
-// right).
+// right), and by which route.
 class GlobalKeysRight {
 public:
     virtual ~GlobalKeysRight() = default;
     virtual bool granted() = 0;
+    // A key source that knows of no desktop shortcuts either sees the keys or leaves the user
+    // to bind commands.
+    virtual GlobalKeysRoute route() { return granted() ? GlobalKeysRoute::seen : GlobalKeysRoute::keyboardSettings; }
+    // Asks the desktop again for the shortcuts it binds for us, which shows its dialog;
+    // nothing where no desktop binds them.
+    virtual void openDesktopShortcuts() {}
 };

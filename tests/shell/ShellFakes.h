@@ -57,11 +57,14 @@ public:
     void startPeriodicCheck() override { log.append(u"start update check"_s); }
 
     bool granted() override { return keysGranted; }
+    GlobalKeysRoute route() override { return keysRoute.value_or(GlobalKeysRight::route()); }
+    void openDesktopShortcuts() override { log.append(u"open desktop shortcuts"_s); }
 
     QStringList log;
     TelemetryClient* telemetry = nullptr;
     std::optional<QString> userId;
     bool keysGranted = false;
+    std::optional<GlobalKeysRoute> keysRoute; // unset: from keysGranted, as an X11 source
 
 private:
     void setVisible(Panel panel, bool visible)

@@ -4,6 +4,7 @@
 #include "DisplayFixture.h"
 #include "ShellFakes.h"
 
+#include "DashboardViewModel.h"
 #include "QmlShellWindows.h"
 #include "WelcomeViewModel.h"
 
@@ -103,5 +104,56 @@ TEST_F(WindowsTest, RightThatAppearsTurnsItsRowToGrantedAtTheNextPoll)
     EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->welcome()->isPolling(); }, 2000))
         << "the timer outlived the panel";
 }
+
+class KeysRowTest : public WindowsTest, public ::testing::WithParamInterface<GlobalKeysRoute> {};
+
+// Where no key of another program reaches us, the keys row says so on the welcome panel and the
+// General page alike, and its button leads to what does work: the desktop's shortcut dialog, or
+// the commands on the Keybinds page.
+TEST_P(KeysRowTest, SaysWhatWorksAndItsButtonLeadsThere)
+{
+    const bool portal = GetParam() == GlobalKeysRoute::desktopShortcuts;
+    shell.keysGranted = true; // XWayland shows keys typed into our own windows
+    shell.keysRoute = GetParam();
+    launch(u"en"_s);
+    const char* button = portal ? "btn.choose_shortcuts" : "btn.show_commands";
+    ASSERT_TRUE(QTest::qWaitFor([&] { return row("label.accessibility", button) != nullptr; }, 5000));
+    EXPECT_FALSE(row("label.accessibility", "label.granted"));
+    const QString note = h.strings.text(u"keys.without_binding"_s);
+    EXPECT_EQ(findByAccessibleName(welcome, note) != nullptr, !portal);
+    DisplayFixture::saveScreenshot(welcome, u"welcome-keys-"_s + (portal ? u"portal"_s : u"commands"_s));
+
+    auto* dashboard = delegate->dashboard();
+    dashboard->general()->refreshRights();
+    auto* dashboardWindow = windows.quickWindow(ShellWindows::Panel::dashboard);
+    const QString generalButton = h.strings.text(u"label.accessibility"_s) + u": "_s + h.strings.text(QString::fromLatin1(button));
+    windows.show(ShellWindows::Panel::dashboard);
+    QQuickItem* onGeneral = nullptr;
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return (onGeneral = findByAccessibleName(dashboardWindow, generalButton)) != nullptr; }, 5000));
+    QMetaObject::invokeMethod(onGeneral, "clicked");
+    if (portal) {
+        EXPECT_EQ(shell.log.count(u"open desktop shortcuts"_s), 1);
+        EXPECT_EQ(dashboard->currentPage(), SidebarItem::general);
+    } else {
+        EXPECT_EQ(dashboard->currentPage(), SidebarItem::keybinds);
+    }
+
+    windows.hide(ShellWindows::Panel::dashboard);
+    dashboard->showPage(QVariant(u"general"_s));
+    QMetaObject::invokeMethod(row("label.accessibility", button), "clicked");
+    if (portal) {
+        EXPECT_EQ(shell.log.count(u"open desktop shortcuts"_s), 2);
+    } else {
+        EXPECT_TRUE(QTest::qWaitFor([&] { return dashboard->currentPage() == SidebarItem::keybinds; }, 3000))
+            << "the welcome panel's button did not lead to the Keybinds page";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Routes, KeysRowTest,
+                         ::testing::Values(GlobalKeysRoute::desktopShortcuts, GlobalKeysRoute::keyboardSettings),
+                         [](const auto& info) {
+                             return info.param == GlobalKeysRoute::desktopShortcuts ? "Portal" : "BoundCommands";
+                         });
 
 } // namespace

@@ -28,6 +28,8 @@ DashboardViewModel::DashboardViewModel(Services services, QObject* parent)
     connect(&auth, &AuthViewModel::isLoggedInChanged, this, &DashboardViewModel::accountChanged);
     connect(&auth, &AuthViewModel::currentUserChanged, this, &DashboardViewModel::accountChanged);
     connect(&m_services.strings, &AppStrings::languageCodeChanged, this, &DashboardViewModel::accountChanged);
+    connect(m_general.get(), &GeneralPageViewModel::keybindsRequested, this,
+            [this] { showPage(QVariant(QStringLiteral("keybinds"))); });
 }
 
 DashboardViewModel::~DashboardViewModel() = default;

@@ -121,9 +121,10 @@ ScrollView {
             Layout.fillWidth: true
             icon: "keyboard"
             title: root.strings.text("label.accessibility")
-            description: root.strings.text("label.accessibility_desc")
+            description: root.strings.text(root.page.keysDescriptionKey)
+            note: root.page.keysNoteKey.length > 0 ? root.strings.text(root.page.keysNoteKey) : ""
             isGranted: root.page.accessibilityPermission
-            buttonLabel: root.strings.text("btn.open_settings")
+            buttonLabel: root.page.keysButtonKey.length > 0 ? root.strings.text(root.page.keysButtonKey) : ""
             grantedLabel: root.strings.text("label.granted")
             onAction: root.page.openKeysSettings()
         }

@@ -77,11 +77,12 @@ QCoro::Task<> GeneralPageViewModel::readRights(CancellationToken token)
     const bool screen = co_await audio.systemAudioGranted();
     if (!self || token.isCancelled())
         co_return;
-    const bool keys = m_services.keysRight.granted();
-    if (screen == m_screenPermission && keys == m_accessibilityPermission)
+    const auto keys = m_services.keysRight.route();
+    if (screen == m_screenPermission && keys == m_keysRoute)
         co_return;
     m_screenPermission = screen;
-    m_accessibilityPermission = keys;
+    m_keysRoute = keys;
+    m_keysRow = GlobalKeysRow::forRoute(keys);
     Q_EMIT rightsChanged();
 }
 
@@ -94,7 +95,14 @@ void GeneralPageViewModel::openSystemAudioSettings()
 
 void GeneralPageViewModel::openKeysSettings()
 {
-    // No settings program grants this: it depends on the kind of desktop session.
-    m_settingsHintKey = u"welcome.allow_keys"_s;
-    Q_EMIT rightsChanged();
+    switch (m_keysRoute) {
+    case GlobalKeysRoute::seen:
+        return;
+    case GlobalKeysRoute::desktopShortcuts:
+        m_services.keysRight.openDesktopShortcuts();
+        return;
+    case GlobalKeysRoute::keyboardSettings:
+        Q_EMIT keybindsRequested();
+        return;
+    }
 }

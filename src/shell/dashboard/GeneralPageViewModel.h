@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AppStrings.h"
+#include "GlobalKeysRow.h"
 #include "TaskHandle.h"
 #include "UserSettings.h"
 
@@ -29,6 +30,10 @@ class GeneralPageViewModel : public QObject {
     Q_PROPERTY(QString fontSizeText READ fontSizeText NOTIFY displayChanged)
     Q_PROPERTY(bool screenPermission READ screenPermission NOTIFY rightsChanged)
     Q_PROPERTY(bool accessibilityPermission READ accessibilityPermission NOTIFY rightsChanged)
+    // The keys row's texts as string keys; they depend on the session's route for keys.
+    Q_PROPERTY(QString keysDescriptionKey READ keysDescriptionKey NOTIFY rightsChanged)
+    Q_PROPERTY(QString keysNoteKey READ keysNoteKey NOTIFY rightsChanged)
+    Q_PROPERTY(QString keysButtonKey READ keysButtonKey NOTIFY rightsChanged)
     Q_PROPERTY(QString settingsHintKey READ settingsHintKey NOTIFY rightsChanged)
     Q_PROPERTY(QString statusText READ statusText NOTIFY statusChanged)
     Q_PROPERTY(QColor statusColor READ statusColor NOTIFY statusChanged)
@@ -62,7 +67,10 @@ public:
     QString opacityText() const;
     QString fontSizeText() const;
     bool screenPermission() const { return m_screenPermission; }
-    bool accessibilityPermission() const { return m_accessibilityPermission; }
+    bool accessibilityPermission() const { return m_keysRow.granted; }
+    QString keysDescriptionKey() const { return m_keysRow.descriptionKey; }
+    QString keysNoteKey() const { return m_keysRow.noteKey; }
+    QString keysButtonKey() const { return m_keysRow.buttonKey; }
     QString settingsHintKey() const { return m_settingsHintKey; }
     QString statusText() const;
     QColor statusColor() const;
@@ -79,13 +87,16 @@ Q_SIGNALS:
     void displayChanged();
     void rightsChanged();
     void statusChanged();
+    // The keys row's button where only bound commands reach the program: the Keybinds page.
+    void keybindsRequested();
 
 private:
     QCoro::Task<> readRights(CancellationToken token);
 
     Services m_services;
     bool m_screenPermission = false;
-    bool m_accessibilityPermission = false;
+    GlobalKeysRoute m_keysRoute = GlobalKeysRoute::keyboardSettings;
+    GlobalKeysRow m_keysRow = GlobalKeysRow::forRoute(m_keysRoute);
     QString m_settingsHintKey;
     TaskHandle m_rightsRead;
 };

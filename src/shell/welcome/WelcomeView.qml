@@ -123,9 +123,10 @@ Rectangle {
             Layout.fillWidth: true
             icon: "keyboard"
             title: view.strings.text("label.accessibility")
-            description: view.strings.text("label.accessibility_desc")
+            description: view.strings.text(view.welcome.keysDescriptionKey)
+            note: view.welcome.keysNoteKey.length > 0 ? view.strings.text(view.welcome.keysNoteKey) : ""
             isGranted: view.welcome.accessibilityPermission
-            buttonLabel: view.strings.text("btn.open_settings")
+            buttonLabel: view.welcome.keysButtonKey.length > 0 ? view.strings.text(view.welcome.keysButtonKey) : ""
             grantedLabel: view.strings.text("label.granted")
             onAction: view.welcome.openKeysSettings()
         }

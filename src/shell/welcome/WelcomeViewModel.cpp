@@ -62,12 +62,13 @@ QCoro::Task<> WelcomeViewModel::readRights(CancellationToken token)
     const bool microphone = co_await audio.microphoneGranted();
     if (!self || token.isCancelled())
         co_return;
-    const bool keys = m_services.keysRight.granted();
-    if (screen == m_screenPermission && microphone == m_micPermission && keys == m_accessibilityPermission)
+    const auto keys = m_services.keysRight.route();
+    if (screen == m_screenPermission && microphone == m_micPermission && keys == m_keysRoute)
         co_return;
     m_screenPermission = screen;
     m_micPermission = microphone;
-    m_accessibilityPermission = keys;
+    m_keysRoute = keys;
+    m_keysRow = GlobalKeysRow::forRoute(keys);
     Q_EMIT rightsChanged();
 }
 
@@ -126,7 +127,15 @@ void WelcomeViewModel::allowMicrophone()
 
 void WelcomeViewModel::openKeysSettings()
 {
-    // No settings program grants this: it depends on the kind of desktop session.
-    m_settingsHintKey = u"welcome.allow_keys"_s;
-    Q_EMIT settingsHintKeyChanged();
+    switch (m_keysRoute) {
+    case GlobalKeysRoute::seen:
+        return;
+    case GlobalKeysRoute::desktopShortcuts:
+        m_services.keysRight.openDesktopShortcuts();
+        return;
+    case GlobalKeysRoute::keyboardSettings:
+        // The Keybinds page lists the commands to bind.
+        m_services.notifications.post(Notifications::showDashboard, {}, {{u"page"_s, u"keybinds"_s}});
+        return;
+    }
 }

@@ -2,6 +2,7 @@
 
 #include "AppStrings.h"
 #include "AuthViewModel.h"
+#include "GlobalKeysRow.h"
 #include "TaskHandle.h"
 
 #include <QObject>
@@ -31,6 +32,10 @@ class WelcomeViewModel : public QObject {
     Q_PROPERTY(bool screenPermission READ screenPermission NOTIFY rightsChanged)
     Q_PROPERTY(bool micPermission READ micPermission NOTIFY rightsChanged)
     Q_PROPERTY(bool accessibilityPermission READ accessibilityPermission NOTIFY rightsChanged)
+    // The keys row's texts as string keys; they depend on the session's route for keys.
+    Q_PROPERTY(QString keysDescriptionKey READ keysDescriptionKey NOTIFY rightsChanged)
+    Q_PROPERTY(QString keysNoteKey READ keysNoteKey NOTIFY rightsChanged)
+    Q_PROPERTY(QString keysButtonKey READ keysButtonKey NOTIFY rightsChanged)
     Q_PROPERTY(bool showTelemetryNotice READ showTelemetryNotice NOTIFY showTelemetryNoticeChanged)
     // A line that tells the user what to do when no settings program can be opened for a right.
     Q_PROPERTY(QString settingsHintKey READ settingsHintKey NOTIFY settingsHintKeyChanged)
@@ -70,7 +75,10 @@ public:
 
     bool screenPermission() const { return m_screenPermission; }
     bool micPermission() const { return m_micPermission; }
-    bool accessibilityPermission() const { return m_accessibilityPermission; }
+    bool accessibilityPermission() const { return m_keysRow.granted; }
+    QString keysDescriptionKey() const { return m_keysRow.descriptionKey; }
+    QString keysNoteKey() const { return m_keysRow.noteKey; }
+    QString keysButtonKey() const { return m_keysRow.buttonKey; }
     bool showTelemetryNotice() const { return m_showTelemetryNotice; }
     QString settingsHintKey() const { return m_settingsHintKey; }
     bool isPolling() const { return m_permissionTimer.isValid() && !m_permissionTimer.isFinished(); }
@@ -94,7 +102,8 @@ private:
     QPointer<UserSettings> m_settings;
     bool m_screenPermission = false;
     bool m_micPermission = false;
-    bool m_accessibilityPermission = false;
+    GlobalKeysRoute m_keysRoute = GlobalKeysRoute::keyboardSettings;
+    GlobalKeysRow m_keysRow = GlobalKeysRow::forRoute(m_keysRoute);
     bool m_showTelemetryNotice = false;
     QString m_settingsHintKey;
     TaskHandle m_permissionTimer;

@@ -1,0 +1,456 @@
+#!/usr/bin/python3
+"""The program on real Wayland compositors, headless: a native Wayland window holds the focus
+while the trigger reaches the program the way that desktop allows, and an answer starts.
+
+  sway: no shortcut portal. The test's sway configuration binds chords to `ravletai --trigger`
+        and `--previous-answer`; wtype presses them into the focused native window.
+
+  kwin: KWin with the desktop's real shortcut portal (xdg-desktop-portal-kde). The program
+        registers its chords there; KWin's fake-input protocol presses them into the focused
+        native window, and the overlay stays above without ever taking the focus, also when
+        clicked.
+
+The program runs through XWayland as on a user's desktop, signed in to a real ravlet-server,
+with an interview heard through a private sound server. Screenshots of the whole output go to
+--screenshots. Exits 77 when the compositor or a tool is not installed."""
+import argparse, json, os, shutil, subprocess, sys, time, traceback
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import product  # noqa: E402
+import whole_product_test as whole  # noqa: E402
+from product import wait_until  # noqa: E402
+from whole_product_test import OVERLAY, WELCOME, QUESTIONS, check, require, counter, transcript_rows  # noqa: E402
+
+# sway will not run as root; the whole run then goes to this user (nobody).
+UNPRIVILEGED = 65534
+CHORDS = {"--trigger": ("ctrl", "alt", "backslash"), "--previous-answer": ("ctrl", "alt", "bracketleft")}
+
+
+class SwayDesktop(product.Desktop):
+    """sway on its headless backend with XWayland, the test's keyring, accessibility bus and
+    sound server, a keyboard seat fed by wtype, and foot as the focused native window."""
+
+    def __init__(self, scratch, program):
+        for tool in ("sway", "swaymsg", "wtype", "grim", "foot", "Xwayland", "xdotool", "espeak-ng", "paplay",
+                     "secret-tool", "/usr/libexec/at-spi-bus-launcher"):
+            if not shutil.which(tool):
+                raise product.Missing(tool + " is not installed")
+        super().__init__(scratch, None)
+        self.program = program
+
+    def start(self):
+        keyring = self._daemon("test-keyring.sh", "keyring")
+        self.env["DBUS_SESSION_BUS_ADDRESS"] = keyring["DBUS_SESSION_BUS_ADDRESS"]
+        self.spawn(["/usr/libexec/at-spi-bus-launcher", "--launch-immediately"], log="at-spi.log")
+        pulse = self._daemon("test-pulse.sh", "pulse")
+        self.env["PULSE_SERVER"] = pulse["PULSE_SERVER"]
+        self.system_sink, self.mic_sink = pulse["SYSTEM_SINK"], pulse["MIC_SINK"]
+
+        display_file = os.path.join(self.scratch, "xwayland-display")
+        config = os.path.join(self.scratch, "sway.config")
+        with open(config, "w") as f:
+            f.write("xwayland enable\noutput HEADLESS-1 resolution 1280x800\n"
+                    # Without it sway tiles the overlay beside the focused window.
+                    "for_window [shell=\"xwayland\"] floating enable\n"
+                    f"exec sh -c 'echo \"$DISPLAY\" >{display_file}'\n")
+            for option, chord in CHORDS.items():
+                f.write(f"bindsym {'+'.join(chord[:-1]).title()}+{chord[-1]} exec {self.program} {option}\n")
+        self.env.update(WLR_BACKENDS="headless", WLR_LIBINPUT_NO_DEVICES="1", WLR_RENDERER="pixman",
+                        XDG_SESSION_TYPE="wayland", XDG_CURRENT_DESKTOP="sway")
+        self.spawn(["sway", "--config", config], log="sway.log")
+        runtime = self.env["XDG_RUNTIME_DIR"]
+        socket = wait_until(lambda: next((n for n in os.listdir(runtime) if n.startswith("wayland-")
+                                          and not n.endswith(".lock")), None), 30)
+        if not socket:
+            raise RuntimeError("sway did not start")
+        self.env["WAYLAND_DISPLAY"] = socket
+        self.env["SWAYSOCK"] = wait_until(lambda: next((os.path.join(runtime, n) for n in os.listdir(runtime)
+                                                        if n.startswith("sway-ipc.")), None), 10)
+        if not wait_until(lambda: os.path.exists(display_file) and open(display_file).read().strip(), 30):
+            raise RuntimeError("sway gave no X display")
+        self.env["DISPLAY"] = open(display_file).read().strip()
+        # The seat has a keyboard only once a virtual one exists; clients that open before it
+        # never get key events.
+        self.spawn(["wtype", "-s", "86400000"])
+        wait_until(lambda: subprocess.run(
+            ["dbus-send", "--session", "--print-reply", "--dest=org.a11y.Bus", "/org/a11y/bus",
+             "org.a11y.Bus.GetAddress"], env=self.env, capture_output=True).returncode == 0, 10)
+        for key in ("DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "PULSE_SERVER", "WAYLAND_DISPLAY"):
+            os.environ[key] = self.env[key]
+
+    def tree(self):
+        result = subprocess.run(["swaymsg", "-t", "get_tree", "-r"], env=self.env, capture_output=True, text=True)
+        return json.loads(result.stdout) if result.returncode == 0 else {}
+
+    def focused(self):
+        """The focused window: (its shell, its app id or X11 class), or None."""
+        stack = [self.tree()]
+        while stack:
+            node = stack.pop()
+            if node.get("focused") and node.get("type") in ("con", "floating_con"):
+                return node.get("shell"), node.get("app_id") or (node.get("window_properties") or {}).get("class")
+            stack.extend(node.get("nodes", []) + node.get("floating_nodes", []))
+        return None
+
+    def press_chord(self, chord):
+        *modifiers, key = chord
+        arguments = ["wtype"]
+        for modifier in modifiers:
+            arguments += ["-M", modifier]
+        arguments += ["-k", key]
+        for modifier in reversed(modifiers):
+            arguments += ["-m", modifier]
+        subprocess.run(arguments, env=self.env, check=True)
+
+    def screenshot(self, path):
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        subprocess.run(["grim", path], env=self.env, check=True)
+
+
+# Linux input key codes, for KWin's fake input.
+KEY_CODES = {"ctrl": 29, "alt": 56, "backslash": 43, "bracketleft": 26, "bracketright": 27}
+# What KWin's scripting prints about its windows, into its own log.
+KWIN_SCRIPT = """
+var active = workspace.activeClient;
+print("RAVLET ACTIVE " + (active ? active.resourceClass + "|" + active.caption : "none"));
+var clients = workspace.clientList();
+for (var i = 0; i < clients.length; ++i)
+    print("RAVLET WINDOW " + clients[i].caption + "|above=" + clients[i].keepAbove);
+"""
+
+
+def started_by_bus(address):
+    """The processes the bus at `address` started on demand (it names itself in their
+    environment as DBUS_STARTER_ADDRESS)."""
+    found = []
+    # The bus adds its guid to the address it hands out.
+    marker = ("DBUS_STARTER_ADDRESS=" + address.split(",guid=")[0]).encode()
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{pid}/environ", "rb") as f:
+                if any(entry.startswith(marker) for entry in f.read().split(b"\0")):
+                    found.append(int(pid))
+        except OSError:
+            continue
+    return found
+
+
+class KWinDesktop(product.Desktop):
+    """KWin on its virtual backend with XWayland, on the keyring's session bus, where D-Bus
+    starts xdg-desktop-portal and its KDE backend on demand."""
+
+    def __init__(self, scratch, fake_keys, screenshot):
+        for tool in ("kwin_wayland", "chromium", "xdotool", "gdbus", "espeak-ng", "paplay", "secret-tool",
+                     "dbus-update-activation-environment", "/usr/libexec/at-spi-bus-launcher",
+                     "/usr/libexec/xdg-desktop-portal"):
+            if not shutil.which(tool):
+                raise product.Missing(tool + " is not installed")
+        if not os.path.exists("/usr/share/xdg-desktop-portal/portals/kde.portal"):
+            raise product.Missing("xdg-desktop-portal-kde is not installed")
+        if not (fake_keys and screenshot):
+            raise product.Missing("the KWin helpers were not built (libwayland-dev, plasma-wayland-protocols)")
+        super().__init__(scratch, None)
+        self.fake_keys, self.kwin_screenshot = fake_keys, screenshot
+        self.scripts = 0
+
+    def start(self):
+        keyring = self._daemon("test-keyring.sh", "keyring")
+        self.env["DBUS_SESSION_BUS_ADDRESS"] = keyring["DBUS_SESSION_BUS_ADDRESS"]
+        self.spawn(["/usr/libexec/at-spi-bus-launcher", "--launch-immediately"], log="at-spi.log")
+        pulse = self._daemon("test-pulse.sh", "pulse")
+        self.env["PULSE_SERVER"] = pulse["PULSE_SERVER"]
+        self.system_sink, self.mic_sink = pulse["SYSTEM_SINK"], pulse["MIC_SINK"]
+
+        # On KDE xdg-open hands web addresses to kfmclient: the test's one records them where
+        # the stand-in browser does. (KDE_SESSION_VERSION stays unset: with it the keyring
+        # library would look for KWallet instead of the test's Secret Service.)
+        shims = os.path.join(self.scratch, "bin")
+        os.makedirs(shims, exist_ok=True)
+        with open(os.path.join(shims, "kfmclient"), "w") as f:
+            f.write(f'#!/bin/sh\necho "$2" >>"{os.path.join(self.scratch, "browser-opened")}"\n')
+        os.chmod(os.path.join(shims, "kfmclient"), 0o755)
+        self.env["PATH"] = shims + os.pathsep + self.env["PATH"]
+        # The installed binary carries a file capability outside this machine's bounding set;
+        # a plain copy runs.
+        kwin = os.path.join(self.scratch, "kwin_wayland")
+        shutil.copy(shutil.which("kwin_wayland"), kwin)
+        display_file = os.path.join(self.scratch, "xwayland-display")
+        self.env.update(XDG_SESSION_TYPE="wayland", XDG_CURRENT_DESKTOP="KDE")
+        kwin_env = dict(self.env, KWIN_WAYLAND_NO_PERMISSION_CHECKS="1", KWIN_SCREENSHOT_NO_PERMISSION_CHECKS="1",
+                        QT_LOGGING_RULES="kwin_scripting=true")
+        # KWin starts this once XWayland is up, with its DISPLAY (it takes no arguments for it).
+        tell_display = os.path.join(self.scratch, "tell-display")
+        with open(tell_display, "w") as f:
+            f.write(f'#!/bin/sh\necho "$DISPLAY" >{display_file}\nexec sleep 86400\n')
+        os.chmod(tell_display, 0o755)
+        socket = "wayland-ravlet"
+        self.kwin = self.spawn([kwin, "--virtual", "--xwayland", "--socket", socket, "--width", "1280",
+                                "--height", "800", "--no-lockscreen", tell_display], log="kwin.log", env=kwin_env)
+        if not wait_until(lambda: os.path.exists(display_file) and open(display_file).read().strip(), 60):
+            raise RuntimeError("KWin gave no X display")
+        self.env["WAYLAND_DISPLAY"] = socket
+        self.env["DISPLAY"] = open(display_file).read().strip()
+        # Services the bus starts (the portal, its KDE backend) get the session's environment.
+        names = ["WAYLAND_DISPLAY", "DISPLAY", "XDG_CURRENT_DESKTOP", "XDG_SESSION_TYPE", "XDG_RUNTIME_DIR", "HOME",
+                 "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME"]
+        subprocess.run(["dbus-update-activation-environment", *[f"{n}={self.env[n]}" for n in names],
+                        "QT_QPA_PLATFORM=wayland"], env=self.env, check=True)
+        wait_until(lambda: subprocess.run(
+            ["dbus-send", "--session", "--print-reply", "--dest=org.a11y.Bus", "/org/a11y/bus",
+             "org.a11y.Bus.GetAddress"], env=self.env, capture_output=True).returncode == 0, 10)
+        # Started now, so that the program's own short question finds it up, as on a desktop
+        # where the portal runs from login.
+        version = wait_until(lambda: subprocess.run(
+            ["gdbus", "call", "--session", "--dest", "org.freedesktop.portal.Desktop", "--object-path",
+             "/org/freedesktop/portal/desktop", "--method", "org.freedesktop.DBus.Properties.Get",
+             "org.freedesktop.portal.GlobalShortcuts", "version"], env=self.env, capture_output=True,
+            text=True).stdout.strip(), 40)
+        if not version:
+            raise RuntimeError("the desktop portal offers no global shortcuts")
+        for key in ("DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "PULSE_SERVER", "WAYLAND_DISPLAY"):
+            os.environ[key] = self.env[key]
+
+    def stop(self):
+        # The services the bus started for us (the portal and its backends) end by PID, before
+        # the bus; the document portal's mount goes with them.
+        for pid in started_by_bus(self.env.get("DBUS_SESSION_BUS_ADDRESS", "none")):
+            try:
+                os.kill(pid, 15)
+            except ProcessLookupError:
+                pass
+        # Read from the mount table: a stat of a FUSE mount whose daemon is gone would hang.
+        doc = os.path.join(self.env["XDG_RUNTIME_DIR"], "doc")
+        if wait_until(lambda: f" {doc} " not in open("/proc/mounts").read(), 5) is None:
+            subprocess.run(["fusermount3", "-u", "-z", doc], capture_output=True)
+        super().stop()
+
+    def windows(self):
+        """(the active window's "class|caption" or "none", {caption: kept above}) as KWin sees them."""
+        self.scripts += 1
+        path = os.path.join(self.scratch, f"query{self.scripts}.js")
+        with open(path, "w") as f:
+            f.write(KWIN_SCRIPT)
+        log = os.path.join(self.scratch, "kwin.log")
+        seen = len(open(log, errors="replace").read())
+        loaded = subprocess.run(["gdbus", "call", "--session", "--dest", "org.kde.KWin", "--object-path", "/Scripting",
+                                 "--method", "org.kde.kwin.Scripting.loadScript", path, f"query{self.scripts}"],
+                                env=self.env, capture_output=True, text=True)
+        if loaded.returncode != 0:
+            return None, {}
+        subprocess.run(["gdbus", "call", "--session", "--dest", "org.kde.KWin", "--object-path", "/Scripting",
+                        "--method", "org.kde.kwin.Scripting.start"], env=self.env, capture_output=True)
+        lines = wait_until(lambda: [line for line in open(log, errors="replace").read()[seen:].splitlines()
+                                    if "RAVLET ACTIVE" in line], 5) or []
+        text = open(log, errors="replace").read()[seen:]
+        active = lines[0].split("RAVLET ACTIVE ", 1)[1].strip() if lines else None
+        above = {}
+        for line in text.splitlines():
+            if "RAVLET WINDOW " in line:
+                caption, _, flag = line.split("RAVLET WINDOW ", 1)[1].rpartition("|above=")
+                above[caption] = flag.strip() == "true"
+        return active, above
+
+    def press_chord(self, chord):
+        subprocess.run([self.fake_keys, *[str(KEY_CODES[k]) for k in chord]], env=self.env, check=True)
+
+    def click(self, x, y):
+        subprocess.run([self.fake_keys, "--click", str(x), str(y)], env=self.env, check=True)
+
+    def screenshot(self, path, active_window=False):
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        subprocess.run([self.kwin_screenshot, *(["--active-window"] if active_window else []), path], env=self.env,
+                       check=True)
+
+
+def sign_in_and_start(desktop, args, ui):
+    """The program, signed in to a fresh account, with an interview running; its Program."""
+    server = product.Server(desktop, args.server)
+    program = product.Program(desktop, args.program, server)
+    require(wait_until(lambda: ui.find(WELCOME, "push button", "Sign In"), 40), "the welcome panel opens")
+    ui.press(WELCOME, "OK, got it")
+    ui.press(WELCOME, "Sign In")
+    login = program.login_address()
+    require(login, "Sign In opens the browser")
+    callback = product.sign_in_over_http(login, "candidate@example.org", "a long enough password")
+    require(program.run_again(callback) == 0, "the address reaches the running program")
+    require(wait_until(lambda: desktop.is_viewable(OVERLAY), 20), "signed in, the overlay shows")
+    ui.press(OVERLAY, "Start")
+    require(wait_until(lambda: ui.has_label(OVERLAY, "Recording live"), 30), "the interview starts",
+            lambda: ui.labels(OVERLAY))
+    return program, server
+
+
+def asked(desktop, ui, server, question):
+    """Plays the interviewer's question and waits until its words are in."""
+    before = transcript_rows(ui)
+    desktop.speak(question, desktop.system_sink)
+    require(wait_until(lambda: transcript_rows(ui) != before, 15), "the question reaches the overlay",
+            lambda: ui.dump(OVERLAY))
+    # The recogniser's last words come about a second after the voice ends.
+    wait_until(lambda: server.query("SELECT count(*) FROM transcript_lines WHERE speaker = 'interviewer'")[0][0], 5)
+    time.sleep(1.5)
+
+
+def run_sway(args, desktop):
+    shots = args.screenshots
+    desktop.start()
+    ui = product.Accessible()
+    program, server = sign_in_and_start(desktop, args, ui)
+    log = open(os.path.join(desktop.scratch, "program.log")).read()
+    check("Wayland session (sway); windows through XWayland" in log, "it logs the Wayland session it found")
+
+    desktop.spawn(["foot", "--app-id", "video-call", "sleep", "3600"], log="foot.log")
+    require(wait_until(lambda: desktop.focused() == ("xdg_shell", "video-call"), 15),
+            "the native Wayland window has the focus", desktop.focused)
+    desktop.screenshot(os.path.join(shots, "sway-01-recording.png"))
+
+    asked(desktop, ui, server, QUESTIONS[0])
+    for expected in ("1/1", "2/2"):
+        started = time.monotonic()
+        desktop.press_chord(CHORDS["--trigger"])
+        check(wait_until(lambda: counter(ui) == expected, 10) is not None,
+              "the chord bound to --trigger starts answer " + expected, lambda: counter(ui))
+        print("sway chord to the answer on screen: %.2f s" % (time.monotonic() - started))
+        # The second answer waits for the first to end.
+        wait_until(lambda: whole.shows_draft(ui), 10)
+        time.sleep(1)
+    desktop.press_chord(CHORDS["--previous-answer"])
+    check(wait_until(lambda: counter(ui) == "1/2", 10) is not None, "the chord bound to --previous-answer pages back",
+          lambda: counter(ui))
+    check(desktop.focused() == ("xdg_shell", "video-call"), "the native window kept the focus", desktop.focused)
+    executable = os.path.realpath(program.executable)
+    check(list(product.processes(executable)) == [program.process.pid], "no second process stays",
+          product.processes(executable))
+    desktop.screenshot(os.path.join(shots, "sway-02-answers.png"))
+
+
+def run_kwin(args, desktop):
+    shots = args.screenshots
+    desktop.start()
+    ui = product.Accessible()
+    program, server = sign_in_and_start(desktop, args, ui)
+    log = lambda: open(os.path.join(desktop.scratch, "program.log")).read()  # noqa: E731
+    check("Wayland session (KDE); windows through XWayland" in log(), "it logs the Wayland session it found")
+    check(wait_until(lambda: "desktop shortcut trigger is" in log(), 20),
+          "the portal binds the trigger", lambda: log()[-1500:])
+    print([line for line in log().splitlines() if "shortcut" in line])
+
+    # The call in a browser, as a native Wayland window (foot, the terminal, dies on KWin's
+    # virtual output, which has no physical size).
+    # (--test-type drops the bar that warns of --no-sandbox, which running as root needs.)
+    desktop.spawn(["chromium", "--ozone-platform=wayland", "--no-sandbox", "--test-type", "--no-first-run",
+                   "--user-data-dir=" + os.path.join(desktop.scratch, "chromium"),
+                   "--app=data:text/html,<title>Video call</title><body style='background:%23246'><h1>Call</h1>"],
+                  log="chromium.log")
+    require(wait_until(lambda: (desktop.windows()[0] or "").endswith("|Video call"), 30),
+            "the native Wayland window has the focus", desktop.windows)
+    active, above = desktop.windows()
+    check(above.get(OVERLAY) is True, "KWin keeps the overlay above", above)
+    desktop.screenshot(os.path.join(shots, "kwin-01-recording.png"))
+
+    asked(desktop, ui, server, QUESTIONS[0])
+    for expected in ("1/1", "2/2"):
+        started = time.monotonic()
+        desktop.press_chord(CHORDS["--trigger"])
+        check(wait_until(lambda: counter(ui) == expected, 10) is not None,
+              "the portal's trigger chord starts answer " + expected, lambda: counter(ui))
+        print("KWin chord to the answer on screen: %.2f s" % (time.monotonic() - started))
+        wait_until(lambda: whole.shows_draft(ui), 10)
+        time.sleep(1)
+    desktop.press_chord(CHORDS["--previous-answer"])
+    check(wait_until(lambda: counter(ui) == "1/2", 10) is not None, "the portal's move chord pages back",
+          lambda: counter(ui))
+    # What a screen share shows: the whole screen holds the overlay; the call's window alone
+    # (a share of one window) does not.
+    desktop.screenshot(os.path.join(shots, "kwin-02-answers-whole-screen.png"))
+    desktop.screenshot(os.path.join(shots, "kwin-03-answers-call-window.png"), active_window=True)
+
+    # A click on the overlay reaches it, but the focus stays with the call.
+    geometry = subprocess.run(["xdotool", "search", "--name", "^" + OVERLAY + "$", "getwindowgeometry", "--shell"],
+                              env=desktop.env, capture_output=True, text=True).stdout
+    values = dict(line.split("=", 1) for line in geometry.split() if "=" in line)
+    if check({"X", "Y", "WIDTH"} <= set(values), "the overlay's place is known", geometry):
+        desktop.click(int(values["X"]) + int(values["WIDTH"]) // 2, int(values["Y"]) + 12)
+        time.sleep(1)
+    active, above = desktop.windows()
+    check((active or "").endswith("|Video call"), "the native window kept the focus, also after the click", active)
+    check(above.get(OVERLAY) is True, "the overlay is still above", above)
+    executable = os.path.realpath(program.executable)
+    check(list(product.processes(executable)) == [program.process.pid], "no second process stays",
+          product.processes(executable))
+
+
+def run_as_unprivileged(args):
+    """sway refuses root: the same run again as an unprivileged user, in a folder of its own."""
+    scratch = product.make_scratch()
+    shots = os.path.abspath(args.screenshots)
+    os.makedirs(shots, exist_ok=True)
+    for folder in (scratch, shots):
+        os.chown(folder, UNPRIVILEGED, UNPRIVILEGED)
+    try:
+        command = ["setpriv", f"--reuid={UNPRIVILEGED}", f"--regid={UNPRIVILEGED}", "--clear-groups",
+                   sys.executable, os.path.abspath(__file__), "--program", args.program, "--server", args.server,
+                   "--screenshots", shots, "--compositor", args.compositor, "--scratch", scratch]
+        return subprocess.run(command + (["--keep"] if args.keep else []), env=dict(os.environ, HOME=scratch)).returncode
+    finally:
+        for top, folders, files in os.walk(shots):
+            for name in folders + files:
+                os.chown(os.path.join(top, name), 0, 0)
+        os.chown(shots, 0, 0)
+        if not args.keep:
+            shutil.rmtree(scratch, ignore_errors=True)
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    for option in ("--program", "--server", "--screenshots"):
+        parser.add_argument(option, required=True)
+    parser.add_argument("--compositor", choices=("sway", "kwin"), required=True)
+    parser.add_argument("--fake-keys", help="the KWin fake-input helper")
+    parser.add_argument("--kwin-screenshot", help="the KWin screenshot helper")
+    parser.add_argument("--scratch", help="the folder to run in (made by the privileged half)")
+    parser.add_argument("--keep", action="store_true", help="keep the scratch folder, for a look at its logs")
+    args = parser.parse_args()
+    executable = {"sway": "sway", "kwin": "kwin_wayland"}[args.compositor]
+    if not shutil.which(executable):
+        print(executable, "is not installed (scripts/install-deps.sh installs it): skipped")
+        return 77
+    if os.getuid() == 0 and args.compositor == "sway":
+        return run_as_unprivileged(args)
+
+    scratch = args.scratch or product.make_scratch()
+    desktop = None
+    try:
+        if args.compositor == "sway":
+            desktop = SwayDesktop(scratch, os.path.abspath(args.program))
+            run_sway(args, desktop)
+        else:
+            desktop = KWinDesktop(scratch, args.fake_keys, args.kwin_screenshot)
+            run_kwin(args, desktop)
+    except product.Missing as missing:
+        print(missing, ": skipped")
+        return 77
+    except whole.Stop:
+        pass
+    except Exception as error:
+        traceback.print_exc()
+        whole.failures.append(repr(error))
+    finally:
+        if desktop:
+            desktop.stop()
+        if whole.failures:
+            for log in ("program.log", "server.log", args.compositor + ".log"):
+                path = os.path.join(scratch, log)
+                if os.path.exists(path):
+                    print(f"--- {log} (last 40 lines)")
+                    print("".join(open(path, errors="replace").readlines()[-40:]))
+        if args.keep:
+            print("kept", scratch)
+        elif not args.scratch:
+            shutil.rmtree(scratch, ignore_errors=True)
+    print("failures:", len(whole.failures))
+    return 1 if whole.failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
