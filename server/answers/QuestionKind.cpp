@@ -32,6 +32,8 @@ QuestionKind classifyQuestion(const QString& question)
              re(R"(\bwhy (do|would) you want\b|\bwhy (are|were) you (interested|applying|a good fit)\b)"
                 R"(|\bwhy (this|our|the) (role|job|position|company|team|field|industry)\b|\bwhy (us|here)\b)"
                 R"(|\bwhy should we (hire|choose|pick)\b|\bwhy do you want to (work|join)\b)"
+                // Without its "why", as the recogniser often hears a question's first word.
+                R"(|\b(do|would) you (want|like) to (work|join) (for|at|with) (us|our|this|the)\b)"
                 R"(|\bwhat (attracts|attracted|draws|drew|excites|interests) you\b|\bwhat do you know about (us|our)\b)"
                 R"(|\bwhy (did you apply|are you leaving|did you leave)\b|\bwhere do you see yourself\b)")},
             {QuestionKind::introduction,

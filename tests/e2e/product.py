@@ -293,11 +293,11 @@ class Accessible:
         return None
 
     def frame(self, title):
-        app = self.application()
-        for frame in app or []:
-            if frame is not None and frame.name == title:
-                return frame
-        return None
+        """The window of that title, a shown one first: the menu bar's hidden window carries
+        the dashboard's title too."""
+        frames = [frame for frame in self.application() or [] if frame is not None and frame.name == title]
+        shown = [frame for frame in frames if frame.getState().contains(self.pyatspi.STATE_SHOWING)]
+        return (shown or frames or [None])[0]
 
     def _walk(self, node):
         for child in node:
@@ -319,10 +319,10 @@ class Accessible:
                 continue
         return None
 
-    def press(self, title, name, timeout=20):
-        button = wait_until(lambda: self.find(title, "push button", name), timeout)
+    def press(self, title, name, timeout=20, role="push button"):
+        button = wait_until(lambda: self.find(title, role, name), timeout)
         if button is None:
-            raise AssertionError(f'no button "{name}" in "{title}"')
+            raise AssertionError(f'no {role} "{name}" in "{title}"')
         action = button.queryAction()
         for i in range(action.nActions):
             if action.getName(i) in ("press", "Press", "click"):

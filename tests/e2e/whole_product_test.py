@@ -18,6 +18,9 @@ DASHBOARD = "RavletAI"
 QUESTIONS = ["Tell me about a time when you solved a difficult problem at work.",
              "Why do you want to work for our company?"]
 USER_ANSWER = "I rebuilt the billing service and the number of failed payments went down."
+RESUME = ["Jordan Avery, Berlin", "Senior Backend Engineer, Northwind Payments, 2021 - 2026",
+          "Moved card settlement onto an event queue, cutting failed payouts by 38%."]
+JOB = ("Payments Platform Engineer", "Lakeside Bank", "You will own card settlement and payouts on our event queue.")
 
 failures = []
 
@@ -108,6 +111,96 @@ def files_under(folder, skip):
 def shows_draft(ui):
     """The answer on screen is the server's offline draft."""
     return any(name.startswith("Offline draft") for name in ui.labels(OVERLAY))
+
+
+def resume_pdf(path, lines):
+    """A one-page PDF of `lines` in Helvetica, laid out as a word processor exports a resume."""
+    escaped = (line.replace("\\", "\\\\").replace("(", "\\(").replace(")", "\\)") for line in lines)
+    text = "BT /F1 11 Tf 72 740 Td 16 TL " + " ".join(f"({line}) '" for line in escaped) + " ET"
+    objects = ["<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+               "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Resources << /Font << /F1 4 0 R >> >> "
+               "/Contents 5 0 R >>", "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
+               f"<< /Length {len(text)} >>\nstream\n{text}\nendstream"]
+    data, offsets = b"%PDF-1.4\n", []
+    for number, body in enumerate(objects, 1):
+        offsets.append(len(data))
+        data += f"{number} 0 obj\n{body}\nendobj\n".encode("latin-1")
+    table = "".join(f"{offset:010d} 00000 n \n" for offset in offsets)
+    data += (f"xref\n0 {len(objects) + 1}\n0000000000 65535 f \n{table}trailer\n<< /Size {len(objects) + 1} "
+             f"/Root 1 0 R >>\nstartxref\n{len(data)}\n%%EOF\n").encode("latin-1")
+    with open(path, "wb") as f:
+        f.write(data)
+
+
+def choose_file(desktop, ui, path):
+    """Opens `path` in the program's file dialog, which shows its folder. Qt's own dialog gives
+    its rows no press action: the row is found by the file's name and focused, and Return opens
+    it, as from the keyboard."""
+    name = wait_until(lambda: ui.find(DASHBOARD, "label", os.path.basename(path)), 10)
+    require(name, "the file dialog opens in the resume's folder", lambda: ui.dump(DASHBOARD))
+    row = name.parent.queryAction()
+    row.doAction(next(i for i in range(row.nActions) if row.getName(i) == "SetFocus"))
+    desktop.key("Return")
+
+
+def type_into(desktop, ui, name, text):
+    """Clicks the dashboard's field of that name and types into it."""
+    field = wait_until(lambda: ui.find(DASHBOARD, "text", name), 10)
+    require(field, f'the page has the field "{name}"', lambda: ui.dump(DASHBOARD))
+    x, y, width, height = field.queryComponent().getExtents(ui.pyatspi.DESKTOP_COORDS)
+    subprocess.run(["xdotool", "mousemove", "--sync", str(x + width // 2), str(y + height // 2), "click", "1",
+                    "type", "--delay", "10", text], env=desktop.env, check=True)
+
+
+def documents_scene(desktop, program, server, ui, call, shot):
+    """From the application menu to the dashboard: a resume uploaded through the file dialog and
+    a job description written on its page both become active with no further step, and the next
+    answer in the interview quotes the resume. Returns the number of answers it added."""
+    pdf = os.path.join(desktop.env["HOME"], "Documents", "jordan-avery-cv.pdf")
+    os.makedirs(os.path.dirname(pdf), exist_ok=True)
+    resume_pdf(pdf, RESUME)
+    require(program.run_again() == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 10),
+            "a start from the application menu shows the dashboard")
+    ui.press(DASHBOARD, "Resume", role="list item")
+    ui.press(DASHBOARD, "Upload Resume")
+    choose_file(desktop, ui, pdf)
+    shot("resume-upload")
+
+    def says_active(name):
+        row = ui.find(DASHBOARD, "list item", name)
+        return row is not None and any(n.name == "Active" for n in ui._walk(row))
+
+    check(wait_until(lambda: says_active(os.path.basename(pdf)), 20), "the uploaded resume is the active one",
+          lambda: ui.dump(DASHBOARD))
+    stored = server.query("SELECT filename, extracted_text FROM resumes")
+    check(len(stored) == 1 and RESUME[2] in stored[0][1], "the server holds it with its text", stored)
+    shot("resume-active")
+
+    ui.press(DASHBOARD, "Job Description", role="list item")
+    ui.press(DASHBOARD, "Add JD")
+    for field, value in zip(("Job Title", "Company (optional)", "Job Description Content"), JOB):
+        type_into(desktop, ui, field, value)
+    shot("job-description-form")
+    ui.press(DASHBOARD, "Save")
+    check(wait_until(lambda: says_active(JOB[0]), 20), "the new job description is the active one",
+          lambda: ui.dump(DASHBOARD))
+    check(server.query("SELECT title, company, content FROM job_descriptions") == [JOB], "the server holds it")
+
+    # Back to the call: the dashboard closed by its title bar's close button, the call in front;
+    # the next answer is drawn from the documents.
+    frame = ui.frame(DASHBOARD).queryComponent().getExtents(ui.pyatspi.DESKTOP_COORDS)
+    for command in (["mousemove", "--sync", str(frame.x + frame.width - 11), str(frame.y - 11), "click", "1"],
+                    ["windowactivate", "--sync", call.window]):
+        subprocess.run(["xdotool", *command], env=desktop.env, stderr=subprocess.DEVNULL)
+    check(wait_until(lambda: not desktop.is_viewable(DASHBOARD), 5), "the dashboard closes")
+    before = answer_count(ui)
+    desktop.key("Shift_R")
+    require(wait_until(lambda: answer_count(ui) == before + 1, 10), "the trigger key streams the next answer",
+            lambda: (before, ui.labels(OVERLAY)))
+    quoted = wait_until(lambda: [line for line in RESUME[1:] if any(line in n for n in ui.labels(OVERLAY))], 10)
+    check(quoted, "the offline draft quotes the resume", lambda: ui.labels(OVERLAY))
+    shot("answer-from-resume")
+    return 1
 
 
 async def create_account(chromium, login_url, shots):
@@ -298,6 +391,8 @@ def run(args, desktop):
     check(list(product.processes(os.path.realpath(program.executable))) == [program.process.pid],
           "no second process stays", product.processes(os.path.realpath(program.executable)))
     check(desktop.active_window() == call.window, "the video call kept the focus through the commands")
+
+    total += documents_scene(desktop, program, server, ui, call, shot)
 
     # Stop; the transcript the user saw is what the server keeps.
     rows = transcript_rows(ui)

@@ -191,13 +191,16 @@ QCoro::Task<> JobDescriptionsViewModel::save()
     }
     if (!canSave())
         co_return;
-    const auto company = m_formCompany.trimmed();
+    // Made here rather than in the call below: GCC 12 destroys a temporary of a conditional
+    // expression inside co_await twice, which freed the typed company name under the form.
+    std::optional<QString> company = m_formCompany.trimmed();
+    if (company->isEmpty())
+        company.reset();
     setSaving(true);
     setErrorMessage(std::nullopt);
     try {
         auto item = co_await api->createJobDescription(
-            m_formTitle.trimmed(), m_formContent.trimmed(),
-            company.isEmpty() ? std::nullopt : std::optional<QString>(company));
+            m_formTitle.trimmed(), m_formContent.trimmed(), company);
         if (!self)
             co_return;
         beginInsertRows({}, 0, 0);

@@ -31,7 +31,10 @@ Item {
         enabled: !page.resumes.isUploading
         Accessible.name: text
         Accessible.onPressAction: clicked()
-        onClicked: fileDialog.open()
+        onClicked: {
+            fileDialog.currentFolder = page.resumes.fileDialogFolder()
+            fileDialog.open()
+        }
     }
 
     ColumnLayout {

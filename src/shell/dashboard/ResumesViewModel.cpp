@@ -8,7 +8,10 @@
 #include "UserSettings.h"
 
 #include <QDateTime>
+#include <QDir>
+#include <QFileInfo>
 #include <QLocale>
+#include <QStandardPaths>
 
 using namespace Qt::StringLiterals;
 
@@ -121,6 +124,14 @@ QStringList ResumesViewModel::fileNameFilters()
     for (const auto& ext : extensions)
         patterns << u"*."_s + ext << u"*."_s + ext.toUpper();
     return {u"Resumes ("_s + patterns.join(u' ') + u')'};
+}
+
+QUrl ResumesViewModel::fileDialogFolder() const
+{
+    // Left to itself the dialog opens in the working folder, which for a program the desktop
+    // started is anything from / to a build tree; a resume is kept in Documents or at home.
+    const auto documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
+    return QUrl::fromLocalFile(QFileInfo(documents).isDir() ? documents : QDir::homePath());
 }
 
 void ResumesViewModel::load()

@@ -76,6 +76,8 @@ public:
     QString fileDialogTitle() const;
     // The file types the backend reads, for the file dialog.
     static QStringList fileNameFilters();
+    // Where the file dialog opens.
+    Q_INVOKABLE QUrl fileDialogFolder() const;
 
 Q_SIGNALS:
     void pageStateChanged();

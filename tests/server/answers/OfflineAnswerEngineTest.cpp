@@ -157,6 +157,8 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
         {"What are your strengths and weaknesses?", true,
          "strengths and weaknesses from your documents."},
         {"Why do you want to join Initech?", true, "why this role, from your documents."},
+        // As heard, with the question's first word lost.
+        {"i do you want to work for our company", true, "why this role, from your documents."},
         {"How would you tune PostgreSQL performance?", true, "an outline for a technical answer."},
         {"Do you have experience with payments?", true, "an outline from your documents."},
         {"Tell me about a time you led a team.", false, noDocuments},
