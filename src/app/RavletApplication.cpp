@@ -28,9 +28,9 @@
 #include "RendererChoice.h"
 #include "SingleInstance.h"
 #include "SoundSettings.h"
-#include "UpdateStatus.h"
 #include "X11KeySource.h"
 #include "X11Workspaces.h"
+#include "XdgPackageOpener.h"
 
 #include <QApplication>
 #include <QDesktopServices>
@@ -138,8 +138,7 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         });
         logLine(u"Keys", u"global shortcuts go through the desktop's shortcut portal");
     }
-    UpdateStatus updateStatus;
-    LoggedUpdateChecks updates(updateStatus);
+    XdgPackageOpener packageOpener;
 
     AppDelegate delegate(AppDelegate::Environment{
         options.backendOrigin,
@@ -149,8 +148,6 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         strings,
         windows,
         keyMonitors,
-        updates,
-        updateStatus,
         QString::fromUtf16(BuildConfig::version),
         // No build counter exists apart from the version.
         QString::fromUtf16(BuildConfig::version),
@@ -177,6 +174,8 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         &SoundSettings::open,
         [] { QCoreApplication::quit(); },
         &network,
+        Installation::current(),
+        &packageOpener,
     });
     QObject::connect(&instance, &SingleInstance::argumentsReceived, &delegate, &AppDelegate::handleLaunchArguments);
 
