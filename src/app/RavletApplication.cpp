@@ -29,9 +29,9 @@
 #include "RendererChoice.h"
 #include "SingleInstance.h"
 #include "SoundSettings.h"
-#include "UpdateStatus.h"
 #include "X11KeySource.h"
 #include "X11Workspaces.h"
+#include "XdgPackageOpener.h"
 
 #include <QApplication>
 #include <QDesktopServices>
@@ -142,8 +142,7 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
     DesktopKeysRight keysRight(session, keySource,
                                portal ? std::function<void()>([&keyMonitors] { keyMonitors.installKeyMonitors(); })
                                       : std::function<void()>());
-    UpdateStatus updateStatus;
-    LoggedUpdateChecks updates(updateStatus);
+    XdgPackageOpener packageOpener;
 
     AppDelegate delegate(AppDelegate::Environment{
         options.backendOrigin,
@@ -153,8 +152,6 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         strings,
         windows,
         keyMonitors,
-        updates,
-        updateStatus,
         QString::fromUtf16(BuildConfig::version),
         // No build counter exists apart from the version.
         QString::fromUtf16(BuildConfig::version),
@@ -181,6 +178,8 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         &SoundSettings::open,
         [] { QCoreApplication::quit(); },
         &network,
+        Installation::current(),
+        &packageOpener,
     });
     QObject::connect(&instance, &SingleInstance::argumentsReceived, &delegate, &AppDelegate::handleLaunchArguments);
 

@@ -12,6 +12,7 @@
 #include "OverlayViewModel.h"
 #include "ResumeCount.h"
 #include "TelemetryClient.h"
+#include "UpdateService.h"
 #include "UserSettings.h"
 #include "WelcomeViewModel.h"
 
@@ -33,6 +34,9 @@ AppDelegate::AppDelegate(Environment environment, QObject* parent)
     m_interviewViewModel = std::make_unique<InterviewViewModel>(m_env.clock, *m_userSettings, m_env.strings,
                                                                 m_env.makeInterviewServices());
     m_authViewModel = std::make_unique<AuthViewModel>(*m_authService);
+    m_updateService = std::make_unique<UpdateService>(m_env.backendOrigin, m_env.version, m_env.clock,
+        m_env.installation, m_env.packageOpener, UpdateService::Paths::standard(), m_env.network);
+    connect(m_updateService.get(), &UpdateService::terminationRequested, this, &AppDelegate::quit);
 }
 
 AppDelegate::~AppDelegate()
@@ -59,7 +63,7 @@ QCoro::Task<> AppDelegate::applicationDidFinishLaunching()
     m_interviewViewModel->setBackend(m_env.makeInterviewBackend(*m_apiClient));
     m_authViewModel->setTelemetry(m_telemetry.get());
     m_interviewViewModel->setTelemetry(std::make_shared<TelemetryClientReporter>(m_telemetry.get()));
-    m_env.updateService.setTelemetry(m_telemetry.get());
+    m_updateService->setTelemetry(m_telemetry.get());
 
     m_env.installCrashReporter(m_telemetry.get(), [self] { return self ? self->lastState() : u"idle"_s; });
 
@@ -75,7 +79,7 @@ QCoro::Task<> AppDelegate::applicationDidFinishLaunching()
     m_menuBar = std::make_unique<MenuBarViewModel>(*m_interviewViewModel, *m_authViewModel, m_env.strings,
                                                    m_env.notifications, [this] { quit(); });
     m_dashboard = std::make_unique<DashboardViewModel>(DashboardViewModel::Services{
-        m_env.strings, *m_authViewModel, m_env.notifications, m_env.updateStatus,
+        m_env.strings, *m_authViewModel, m_env.notifications, *m_updateService,
         {*m_interviewViewModel, *m_userSettings, m_env.strings, m_env.audioRights, m_env.keysRight,
          m_env.openSoundSettings},
         m_env.version, m_env.build, m_telemetry.get()});
@@ -93,10 +97,10 @@ QCoro::Task<> AppDelegate::applicationDidFinishLaunching()
 
     addObservers();
     m_env.keyMonitors.installKeyMonitors();
-    m_env.updateService.startPeriodicCheck();
+    m_updateService->startPeriodicCheck();
 
     if (!m_authViewModel->isLoggedIn())
-        showWelcome();
+        m_env.windows.show(Panel::welcome);
     else
         m_lastTask = TaskHandle::run([this](const CancellationToken&) { return restoreAndContinue(); });
 }
@@ -111,7 +115,7 @@ QCoro::Task<> AppDelegate::restoreAndContinue()
     if (m_authViewModel->isLoggedIn())
         postSignIn(false);
     else
-        showWelcome();
+        m_env.windows.show(Panel::welcome);
 }
 
 void AppDelegate::addObservers()
@@ -139,17 +143,12 @@ void AppDelegate::tellTelemetry(std::function<void(TelemetryClient&)> event)
     });
 }
 
-void AppDelegate::showWelcome()
-{
-    m_env.windows.show(Panel::welcome);
-}
-
 void AppDelegate::postSignIn(bool afterBrowserSignIn)
 {
     m_interviewViewModel->setLoggedIn(true);
     const auto& user = m_authViewModel->currentUser();
     m_interviewViewModel->setUserEmail(user ? std::optional(user->email) : std::nullopt);
-    m_env.updateService.setUserId(user ? std::optional(user->id) : std::nullopt);
+    m_updateService->setUserId(user ? std::optional(user->id) : std::nullopt);
     if (afterBrowserSignIn)
         m_env.windows.hide(Panel::welcome);
 
@@ -175,14 +174,14 @@ void AppDelegate::handleLogout()
     m_env.windows.hide(Panel::dashboard);
     m_env.windows.hide(Panel::overlay);
     tellTelemetry([](TelemetryClient& telemetry) { telemetry.overlayToggled(false); });
-    showWelcome();
+    m_env.windows.show(Panel::welcome);
 }
 
 void AppDelegate::handleShowDashboard(const Notification& notification)
 {
     m_dashboard->showPage(notification.userInfo.value(u"page"_s));
     if (!m_authViewModel->isLoggedIn()) {
-        showWelcome();
+        m_env.windows.show(Panel::welcome);
         return;
     }
     m_env.windows.show(Panel::dashboard);

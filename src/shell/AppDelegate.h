@@ -4,6 +4,7 @@
 #include "OAuthService.h"
 #include "ShellInterfaces.h"
 #include "TaskHandle.h"
+#include "UpdatePackage.h"
 
 #include <QList>
 #include <QObject>
@@ -28,7 +29,8 @@ class OverlayViewModel;
 class PreferencesStore;
 class QNetworkAccessManager;
 class TelemetryClient;
-class UpdateStatus;
+class PackageOpener;
+class UpdateService;
 class UserSettings;
 class WelcomeViewModel;
 struct Notification;
@@ -48,8 +50,6 @@ public:
         AppStrings& strings;
         ShellWindows& windows;
         KeyMonitors& keyMonitors;
-        UpdateChecks& updateService;
-        UpdateStatus& updateStatus; // what the dashboard shows of updates
         QString version;
         QString build;
         AudioRights& audioRights;
@@ -64,6 +64,8 @@ public:
         std::function<bool()> openSoundSettings;
         std::function<void()> terminate;
         QNetworkAccessManager* network = nullptr; // the shared one; null: each client its own
+        Installation installation = {};        // what the update service may replace
+        PackageOpener* packageOpener = nullptr; // hands a package to the user when it cannot
     };
 
     explicit AppDelegate(Environment environment, QObject* parent = nullptr);
@@ -86,6 +88,7 @@ public:
     TelemetryClient& telemetry() const { return *m_telemetry; }
     InterviewViewModel& interviewViewModel() const { return *m_interviewViewModel; }
     AuthViewModel& authViewModel() const { return *m_authViewModel; }
+    UpdateService& updateService() const { return *m_updateService; }
     OAuthService& oauthService() const { return *m_oauthService; }
     APIClient* apiClient() const { return m_apiClient.get(); }
     // The windows' root view models, made at launch.
@@ -109,7 +112,6 @@ private:
     void handleApiRequestFailed(const Notification& notification);
     void handleStartMockInterview(const Notification& notification);
 
-    void showWelcome();
     void postSignIn(bool afterBrowserSignIn);
     void setOverlayVisible(bool visible);
     QCoro::Task<> restoreAndContinue();
@@ -126,6 +128,7 @@ private:
     std::unique_ptr<TelemetryClient> m_telemetry;
     std::unique_ptr<InterviewViewModel> m_interviewViewModel;
     std::unique_ptr<AuthViewModel> m_authViewModel;
+    std::unique_ptr<UpdateService> m_updateService;
     // Made at launch.
     std::unique_ptr<APIClient> m_apiClient;
     std::unique_ptr<WelcomeViewModel> m_welcome;

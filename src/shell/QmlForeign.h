@@ -3,6 +3,7 @@
 #include "AppStrings.h"
 #include "AuthViewModel.h"
 #include "InterviewViewModel.h"
+#include "UpdateService.h"
 #include "UserSettings.h"
 
 #include <QtQml/qqml.h>
@@ -34,5 +35,12 @@ struct ForeignUserSettings {
     Q_GADGET
     QML_FOREIGN(UserSettings)
     QML_NAMED_ELEMENT(UserSettings)
+    QML_UNCREATABLE("made by the program")
+};
+
+struct ForeignUpdateService {
+    Q_GADGET
+    QML_FOREIGN(UpdateService)
+    QML_NAMED_ELEMENT(UpdateService)
     QML_UNCREATABLE("made by the program")
 };

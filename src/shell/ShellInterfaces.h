@@ -6,12 +6,9 @@
 #include <QObject>
 #include <QString>
 
-#include <optional>
-
 class InterviewViewModel;
 enum class KeyAction;
 class MenuBarViewModel;
-class TelemetryClient;
 class UserSettings;
 
 // The program's windows and its tray item. They are created once, at launch, each from its
@@ -48,15 +45,6 @@ public:
     // A key's action handed over by the desktop (a bound command, a desktop shortcut): it goes
     // through the same decisions as the key itself.
     virtual void performKeyAction(KeyAction action) = 0;
-};
-
-// The periodic update check and what it is told about the user.
-class UpdateChecks {
-public:
-    virtual ~UpdateChecks() = default;
-    virtual void setTelemetry(TelemetryClient* telemetry) = 0;
-    virtual void setUserId(std::optional<QString> userId) = 0;
-    virtual void startPeriodicCheck() = 0;
 };
 
 // How keys pressed in other programs reach the program in this session.

@@ -2,7 +2,8 @@
 # Builds the packages and checks them on this machine, as root: installs both .debs with apt,
 # runs the program, starts the server the way its systemd unit does, installs the .tar.gz for
 # a user, then purges everything and checks that nothing of ours is left but the server's data
-# (which it then removes too, with the service's user). It changes the machine: run it on a
+# (which it then removes too, with the service's user); last, the program updates itself from
+# one per-user package to a newer one. It changes the machine: run it on a
 # disposable one. CI runs it (.ci/run); CTest never does.
 #
 #   tests/packaging/check-packages.sh        (BUILD_DIR and PACKAGE_DIR as for scripts/package.sh)
@@ -185,6 +186,13 @@ left="$(find /usr /etc /opt /var -path "$data" -prune -o -path /var/cache/apt -p
 # This machine is left as it was: the data and the user go too.
 rm -rf "$data"
 userdel ravlet-server 2>/dev/null || true
+
+# 6. The self-update, end to end: two per-user packages from this build tree, version A and
+# a newer B, and the program updating itself from one to the other (too slow for the plain
+# suite, which skips it while the packages are missing).
+"$root/tests/packaging/build-update-packages.sh" "$build_dir/packages/update" >"$scratch/update-packages.log" 2>&1 ||
+    fail "the update packages: $(tail -n 20 "$scratch/update-packages.log")"
+ctest --test-dir "$build_dir" -R '^self_update$' --output-on-failure || fail "the self-update (lines above)"
 
 echo "$( [ "$failures" -eq 0 ] && echo PASSED || echo "FAILED ($failures)" ) in $((SECONDS - started)) s"
 [ "$failures" -eq 0 ]

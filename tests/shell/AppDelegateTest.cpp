@@ -53,6 +53,11 @@ protected:
         }
     }
 
+    void settleUpdateCheck()
+    {
+        EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->updateService().isChecking(); }, 5000));
+    }
+
     QStringList telemetryEvents() const
     {
         QStringList names;
@@ -76,7 +81,9 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndHandlesTheOverlayFailuresAn
                            u"create menu bar item"_s, u"create overlay"_s, u"install tap"_s,
                            u"create dashboard"_s, u"create welcome"_s, u"install key monitors"_s,
                            u"start update check"_s, u"show welcome"_s}));
-    EXPECT_EQ(backend.totalRequests(), 0) << "no stored token, no request";
+    settleUpdateCheck();
+    EXPECT_EQ(backend.totalRequests(), 1) << "no stored token: the update check alone";
+    ASSERT_EQ(backend.requestCount("GET", "/download/check-update"), 1);
 
     // A start that asks for the overlay leaves it showing.
     shell.log.clear();
@@ -120,7 +127,12 @@ TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutComesBackByADeepLinkAndQu
               (QStringList{u"remove tap"_s, u"install tap"_s, u"show overlay"_s,
                            u"overlay visible true"_s}));
     EXPECT_EQ(delegate->interviewViewModel().userEmail(), u"back@example.com"_s);
-    EXPECT_EQ(shell.userId, u"u-9"_s);
+    // The signed-in user's id goes with the package's download.
+    AppUpdate update;
+    update.downloadURL = u"http://h/p"_s;
+    EXPECT_EQ(QUrlQuery(delegate->updateService().downloadAddress(update))
+                  .queryItemValue(u"uid"_s),
+              u"u-9"_s);
 
     h.notifications.post(Notifications::showDashboard);
     shell.log.clear();
@@ -224,6 +236,52 @@ TEST_F(AppDelegateTest, ShowDashboardSelectsAPageOnlyByItsRawValue)
               h.strings.text(u"sidebar.general"_s));
     EXPECT_NE(h.strings.text(u"sidebar.general"_s), u"General"_s);
     EXPECT_EQ(reset.count() + removed.count(), 0);
+}
+
+// The update service the delegate made checks at launch and every four hours of the clock; the
+// dashboard shows its forced update as the banner and the alert; when the replacement script
+// waits for the program, the program ends.
+TEST_F(AppDelegateTest, UpdatesAreCheckedAtLaunchAndEveryFourHoursAndAnInstallEndsTheProgram)
+{
+    const QJsonObject latest{{u"version"_s, u"2.0.0"_s}, {u"changelog"_s, u""_s},
+                             {u"downloadURL"_s, u"http://h/RavletAI-2.0.0.tar.gz"_s},
+                             {u"size"_s, u"10"_s}, {u"date"_s, u""_s}};
+    backend.setRoute("GET", "/download/check-update",
+                     FakeBackend::Response::json(200, QJsonDocument(QJsonObject{
+                         {u"hasUpdate"_s, true}, {u"forceUpdate"_s, true}, {u"latest"_s, latest}}).toJson()));
+    launch();
+    settleUpdateCheck();
+    const auto checks = [&] { return backend.requestCount("GET", "/download/check-update"); };
+    ASSERT_EQ(checks(), 1);
+    // Not a per-user folder: the package for this kind of install is asked for.
+    EXPECT_EQ(backend.requests("GET", "/download/check-update").first().target,
+              "/download/check-update?v=1.2.3&platform=linux");
+    auto* dashboard = delegate->dashboard();
+    EXPECT_TRUE(dashboard->hasUpdateBanner());
+    EXPECT_TRUE(dashboard->showForceUpdateAlert());
+    EXPECT_EQ(dashboard->updateBannerTitle(), h.strings.format(u"update.force_title"_s, {u"2.0.0"_s}));
+    EXPECT_EQ(dashboard->updateBannerSymbol(), u"exclamationmark.triangle.fill"_s);
+    delegate->updateService().dismiss();
+    EXPECT_TRUE(dashboard->showForceUpdateAlert()) << "a forced update cannot be dismissed";
+
+    h.clock.advance(UpdateService::checkInterval - std::chrono::seconds(1));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(checks(), 1);
+    h.clock.advance(std::chrono::seconds(1));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return checks() == 2; }, 5000));
+    settleUpdateCheck();
+
+    // The update gone from the server lifts the banner and the alert.
+    backend.setRoute("GET", "/download/check-update",
+                     FakeBackend::Response::json(200, R"({"hasUpdate": false})"));
+    h.clock.advance(UpdateService::checkInterval);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return checks() == 3 && !delegate->updateService().isChecking(); }, 5000));
+    EXPECT_FALSE(dashboard->hasUpdateBanner());
+    EXPECT_FALSE(dashboard->showForceUpdateAlert());
+
+    shell.log.clear();
+    Q_EMIT delegate->updateService().terminationRequested();
+    EXPECT_EQ(shell.log, QStringList{u"terminate"_s});
 }
 
 } // namespace

@@ -15,6 +15,16 @@ namespace {
 
 using DisplayFixture::findByAccessibleName;
 
+// The backend's check answer offering 2.0.0.
+QByteArray offer(bool forced)
+{
+    const QJsonObject latest{{u"version"_s, u"2.0.0"_s}, {u"changelog"_s, u"Faster answers"_s},
+                             {u"downloadURL"_s, u"http://127.0.0.1:1/RavletAI-2.0.0.tar.gz"_s},
+                             {u"size"_s, u"1000"_s}, {u"date"_s, u"2026-11-26T06:00:00Z"_s}};
+    return QJsonDocument(QJsonObject{{u"hasUpdate"_s, true}, {u"forceUpdate"_s, forced}, {u"latest"_s, latest}})
+        .toJson();
+}
+
 class DashboardWindowTest : public ::testing::Test, protected DelegateRig {
 protected:
     void SetUp() override
@@ -90,19 +100,44 @@ TEST_F(DashboardWindowTest, EachPageComesFromItsSidebarRowWithItsControls)
         shoot(QString::fromLatin1(titleKey).mid(8) + u"-en"_s);
     }
     EXPECT_TRUE(findByAccessibleName(window, text("helpCenter.version") + u" 1.2.3"_s));
-    // Nothing reported yet counts as a check under way, which takes no second request.
+    // The launch's check found nothing to offer (the fake answers 404).
     const auto updates = [&](const char* state) {
         return findByAccessibleName(window, text("helpCenter.updates") + u" "_s + text(state));
     };
-    EXPECT_TRUE(updates("update.checking"));
-    EXPECT_FALSE(findByAccessibleName(window, text("update.check_now"))->isEnabled());
-    updateStatus.reportUpToDate();
-    EXPECT_TRUE(QTest::qWaitFor([&] { return updates("update.up_to_date"); }, 3000));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return updates("update.up_to_date"); }, 5000));
     EXPECT_FALSE(findByAccessibleName(window, text("update.download_install")));
-    updateStatus.reportNewVersion(u"2.0.0"_s, false);
+
+    // Check Now: the page shows the check under way (the answer is held back a little), then
+    // the new version with its install button, and the banner appears above the page.
+    backend.setRoute("GET", "/download/check-update", FakeBackend::Response::stream({" ", offer(false)}, 700));
+    QMetaObject::invokeMethod(findByAccessibleName(window, text("update.check_now")), "clicked");
+    EXPECT_TRUE(QTest::qWaitFor([&] { return updates("update.checking"); }, 3000));
+    EXPECT_FALSE(findByAccessibleName(window, text("update.check_now"))->isEnabled());
+    const auto newVersion = h.strings.format(u"update.new_version"_s, {u"2.0.0"_s});
     EXPECT_TRUE(QTest::qWaitFor(
-        [&] { return findByAccessibleName(window, text("update.download_install")) != nullptr; }, 3000));
+        [&] { return findByAccessibleName(window, text("helpCenter.updates") + u" "_s + newVersion); }, 5000));
+    EXPECT_TRUE(findByAccessibleName(window, text("update.check_now"))->isEnabled());
+    EXPECT_TRUE(findByAccessibleName(window, h.strings.format(u"update.available_title"_s, {u"2.0.0"_s})));
+    EXPECT_FALSE(findByAccessibleName(window, text("update.force_title_alert")));
     shoot(u"helpCenter-new-version-en"_s);
+    ASSERT_NO_FATAL_FAILURE(pick("sidebar.general"));
+    shoot(u"update-banner-en"_s);
+}
+
+// A forced update: the warning banner and the alert over every page, which neither Escape nor
+// the sidebar gets rid of; its message names the version.
+TEST_F(DashboardWindowTest, ForcedUpdateShowsItsBannerAndAnAlertThatCannotBeDismissed)
+{
+    backend.setRoute("GET", "/download/check-update", FakeBackend::Response::json(200, offer(true)));
+    ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return findByAccessibleName(window, text("update.force_title_alert")); }, 5000));
+    EXPECT_TRUE(findByAccessibleName(window, h.strings.format(u"update.force_message"_s, {u"2.0.0"_s})));
+    EXPECT_TRUE(findByAccessibleName(window, h.strings.format(u"update.force_title"_s, {u"2.0.0"_s})));
+    QTest::keyClick(window, Qt::Key_Escape);
+    delegate->updateService().dismiss();
+    QTest::qWait(200);
+    EXPECT_TRUE(findByAccessibleName(window, text("update.force_title_alert")));
+    shoot(u"force-update-alert-en"_s);
 }
 
 // Right to left in Arabic: the sidebar stands on the right, the page on the left.

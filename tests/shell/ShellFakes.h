@@ -13,7 +13,7 @@
 #include "LaunchArguments.h"
 #include "OverlayViewModel.h"
 #include "ShellInterfaces.h"
-#include "UpdateStatus.h"
+#include "UpdateService.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -25,7 +25,6 @@
 
 class RecordingShell final : public ShellWindows,
                              public KeyMonitors,
-                             public UpdateChecks,
                              public GlobalKeysRight {
 public:
     static QString name(Panel panel)
@@ -52,17 +51,11 @@ public:
     void installEventTap() override { log.append(u"install tap"_s); }
     void performKeyAction(KeyAction action) override { log.append(u"key action "_s + QString::number(int(action))); }
 
-    void setTelemetry(TelemetryClient* client) override { telemetry = client; }
-    void setUserId(std::optional<QString> id) override { userId = std::move(id); }
-    void startPeriodicCheck() override { log.append(u"start update check"_s); }
-
     bool granted() override { return keysGranted; }
     GlobalKeysRoute route() override { return keysRoute.value_or(GlobalKeysRight::route()); }
     void openDesktopShortcuts() override { log.append(u"open desktop shortcuts"_s); }
 
     QStringList log;
-    TelemetryClient* telemetry = nullptr;
-    std::optional<QString> userId;
     bool keysGranted = false;
     std::optional<GlobalKeysRoute> keysRoute; // unset: from keysGranted, as an X11 source
 
@@ -86,10 +79,14 @@ inline QString accessTokenFor(const QString& id, const QString& email)
 struct DelegateRig {
     ~DelegateRig() { finish(); }
 
-    // The overlay asks the backend for resumes when it shows; that answer must arrive before the
-    // delegate and its client go, or the coroutine waiting for it is never resumed.
+    // The overlay asks the backend for resumes when it shows, and the launch checks for updates;
+    // those answers must arrive before the delegate and its clients go, or the coroutines
+    // waiting for them are never resumed.
     void finish()
     {
+        if (delegate) {
+            EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->updateService().isChecking(); }, 5000));
+        }
         if (delegate && delegate->overlay() && delegate->overlay()->isCheckingResumes()) {
             EXPECT_TRUE(QTest::qWaitFor(
                 [&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
@@ -106,7 +103,7 @@ struct DelegateRig {
             backend.setRoute("POST", "/api/v1/auth/refresh", *refreshedBy);
         delegate = std::make_unique<AppDelegate>(AppDelegate::Environment{
             backend.origin(), h.clock, h.preferences, h.notifications, h.strings, windows, shell,
-            shell, updateStatus, u"1.2.3"_s, u"45"_s, h.rights, shell,
+            u"1.2.3"_s, u"45"_s, h.rights, shell,
             [this, returning = refreshedBy.has_value()] {
                 shell.log.append(u"make token store"_s);
                 auto store = std::make_unique<InMemoryTokenStore>();
@@ -125,8 +122,7 @@ struct DelegateRig {
                 return h.backend;
             },
             [this](TelemetryClient* telemetry, std::function<QString()> lastState) {
-                const bool wired =
-                    delegate->authViewModel().apiClient() && shell.telemetry == telemetry;
+                const bool wired = delegate->authViewModel().apiClient() && telemetry == &delegate->telemetry();
                 shell.log.append(u"install crash reporter"_s
                                  + (wired ? u" after wiring"_s : u""_s));
                 crashLastState = std::move(lastState);
@@ -136,13 +132,16 @@ struct DelegateRig {
                 return true;
             },
             [] { return false; }, [this] { shell.log.append(u"terminate"_s); }});
+        QObject::connect(&delegate->updateService(), &UpdateService::isCheckingChanged, [this] {
+            if (delegate->updateService().isChecking())
+                shell.log.append(u"start update check"_s);
+        });
         awaitTask(delegate->applicationDidFinishLaunching());
     }
 
     FakeBackend backend;
     InterviewHarness h; // the clock, preferences, notifications, strings and the interview's fakes
     RecordingShell shell;
-    UpdateStatus updateStatus;
     InMemoryTokenStore* tokens = nullptr;
     std::function<QString()> crashLastState;
     QList<QUrl> opened;

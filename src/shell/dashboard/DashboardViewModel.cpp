@@ -2,8 +2,11 @@
 
 #include "AccountText.h"
 #include "AuthViewModel.h"
+#include "UpdateService.h"
 
 #include <QQmlEngine>
+
+using namespace Qt::StringLiterals;
 
 DashboardViewModel::DashboardViewModel(Services services, QObject* parent)
     : QObject(parent)
@@ -30,6 +33,10 @@ DashboardViewModel::DashboardViewModel(Services services, QObject* parent)
     connect(&m_services.strings, &AppStrings::languageCodeChanged, this, &DashboardViewModel::accountChanged);
     connect(m_general.get(), &GeneralPageViewModel::keybindsRequested, this,
             [this] { showPage(QVariant(QStringLiteral("keybinds"))); });
+    auto& update = m_services.update;
+    connect(&update, &UpdateService::availableUpdateChanged, this, &DashboardViewModel::updateChanged);
+    connect(&update, &UpdateService::isDownloadingChanged, this, &DashboardViewModel::updateChanged);
+    connect(&m_services.strings, &AppStrings::languageCodeChanged, this, &DashboardViewModel::updateChanged);
 }
 
 DashboardViewModel::~DashboardViewModel() = default;
@@ -70,4 +77,47 @@ QString DashboardViewModel::accountSubtitle() const
 void DashboardViewModel::signOut()
 {
     m_profile->signOut();
+}
+
+bool DashboardViewModel::hasUpdateBanner() const
+{
+    return m_services.update.hasAvailableUpdate();
+}
+
+bool DashboardViewModel::isUpdateForced() const
+{
+    return m_services.update.isForceUpdate();
+}
+
+QString DashboardViewModel::updateBannerTitle() const
+{
+    if (!hasUpdateBanner())
+        return {};
+    return m_services.strings.format(isUpdateForced() ? u"update.force_title"_s : u"update.available_title"_s,
+                                     {m_services.update.availableVersion()});
+}
+
+QString DashboardViewModel::updateBannerSymbol() const
+{
+    return isUpdateForced() ? u"exclamationmark.triangle.fill"_s : u"arrow.down.circle.fill"_s;
+}
+
+bool DashboardViewModel::canInstallUpdate() const
+{
+    return hasUpdateBanner() && !m_services.update.isDownloading();
+}
+
+bool DashboardViewModel::showForceUpdateAlert() const
+{
+    return isUpdateForced() && !m_services.update.isDownloading();
+}
+
+QString DashboardViewModel::forceUpdateMessage() const
+{
+    return m_services.strings.format(u"update.force_message"_s, {m_services.update.availableVersion()});
+}
+
+void DashboardViewModel::downloadAndInstallUpdate()
+{
+    m_services.update.downloadAndInstall();
 }

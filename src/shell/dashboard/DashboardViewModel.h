@@ -18,7 +18,7 @@
 class AuthViewModel;
 class NotificationCenter;
 class TelemetryClient;
-class UpdateStatus;
+class UpdateService;
 
 // The dashboard window's root: the sidebar, the page shown beside it, one view model per page
 // and the account row.
@@ -38,13 +38,23 @@ class DashboardViewModel : public QObject {
     Q_PROPERTY(HelpCenterPageViewModel* helpCenter READ helpCenter CONSTANT)
     Q_PROPERTY(ResumesViewModel* resumes READ resumes CONSTANT)
     Q_PROPERTY(JobDescriptionsViewModel* jobDescriptions READ jobDescriptions CONSTANT)
+    // The banner above the pages while an update is offered, forced or not.
+    Q_PROPERTY(bool hasUpdateBanner READ hasUpdateBanner NOTIFY updateChanged)
+    Q_PROPERTY(bool isUpdateForced READ isUpdateForced NOTIFY updateChanged)
+    Q_PROPERTY(QString updateBannerTitle READ updateBannerTitle NOTIFY updateChanged)
+    Q_PROPERTY(QString updateBannerSymbol READ updateBannerSymbol NOTIFY updateChanged)
+    Q_PROPERTY(bool canInstallUpdate READ canInstallUpdate NOTIFY updateChanged)
+    // The forced update's alert: up whenever a forced update is offered and no download runs,
+    // so that a failed install brings it back. It has no way to dismiss it.
+    Q_PROPERTY(bool showForceUpdateAlert READ showForceUpdateAlert NOTIFY updateChanged)
+    Q_PROPERTY(QString forceUpdateMessage READ forceUpdateMessage NOTIFY updateChanged)
 
 public:
     struct Services {
         AppStrings& strings;
         AuthViewModel& auth;
         NotificationCenter& notifications;
-        UpdateStatus& update;
+        UpdateService& update;
         GeneralPageViewModel::Services general;
         QString version;
         QString build;
@@ -72,11 +82,21 @@ public:
     // anything else, or nothing, leaves the page as it is.
     void showPage(const QVariant& page);
 
+    bool hasUpdateBanner() const;
+    bool isUpdateForced() const;
+    QString updateBannerTitle() const;
+    QString updateBannerSymbol() const;
+    bool canInstallUpdate() const;
+    bool showForceUpdateAlert() const;
+    QString forceUpdateMessage() const;
+
     Q_INVOKABLE void signOut();
+    Q_INVOKABLE void downloadAndInstallUpdate();
 
 Q_SIGNALS:
     void currentIndexChanged();
     void accountChanged();
+    void updateChanged();
 
 private:
     void select(SidebarItem item);

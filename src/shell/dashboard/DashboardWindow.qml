@@ -136,6 +136,7 @@ Window {
             Layout.fillWidth: true
             Layout.fillHeight: true
             Layout.margins: 28
+            Layout.topMargin: updateBanner.visible ? updateBanner.height + 40 : 28
 
             GeneralPage { page: window.dashboard.general; strings: window.strings }
             NotBuiltPage {
@@ -160,4 +161,19 @@ Window {
             HelpCenterPage { page: window.dashboard.helpCenter; strings: window.strings }
         }
     }
+
+    // Over the pages' top margin, so that the page stack keeps its shape.
+    UpdateBanner {
+        id: updateBanner
+        dashboard: window.dashboard
+        anchors.top: parent.top
+        anchors.left: parent.left
+        anchors.right: parent.right
+        anchors.topMargin: 16
+        anchors.leftMargin: 220 + 28
+        anchors.rightMargin: 28
+        LayoutMirroring.enabled: window.strings.isRightToLeft
+    }
+
+    ForceUpdateAlert { dashboard: window.dashboard }
 }

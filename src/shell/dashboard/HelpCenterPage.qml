@@ -35,15 +35,16 @@ ColumnLayout {
             enabled: !root.page.isChecking
             Accessible.name: text
             Accessible.onPressAction: clicked()
-            onClicked: root.page.update.checkNow()
+            onClicked: root.page.checkNow()
         }
         Button {
             // A single "&" would mark a mnemonic.
             text: root.strings.text("update.download_install").replace(/&/g, "&&")
             visible: root.page.hasNewVersion
+            enabled: root.page.canInstall
             Accessible.name: root.strings.text("update.download_install")
             Accessible.onPressAction: clicked()
-            onClicked: root.page.update.downloadAndInstall()
+            onClicked: root.page.downloadAndInstall()
         }
     }
     Item { Layout.fillHeight: true }

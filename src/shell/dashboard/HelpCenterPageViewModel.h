@@ -1,7 +1,7 @@
 #pragma once
 
 #include "AppStrings.h"
-#include "UpdateStatus.h"
+#include "UpdateService.h"
 
 #include <QObject>
 #include <QtQmlIntegration>
@@ -13,27 +13,33 @@ class HelpCenterPageViewModel : public QObject {
     QML_UNCREATABLE("made by the dashboard")
     Q_PROPERTY(QString version READ version CONSTANT)
     Q_PROPERTY(QString build READ build CONSTANT)
-    Q_PROPERTY(UpdateStatus* update READ update CONSTANT)
+    Q_PROPERTY(UpdateService* update READ update CONSTANT)
     Q_PROPERTY(QString updateText READ updateText NOTIFY updateTextChanged)
     Q_PROPERTY(bool isChecking READ isChecking NOTIFY updateTextChanged)
     Q_PROPERTY(bool hasNewVersion READ hasNewVersion NOTIFY updateTextChanged)
+    // A download under way takes no second one.
+    Q_PROPERTY(bool canInstall READ canInstall NOTIFY updateTextChanged)
 
 public:
-    HelpCenterPageViewModel(UpdateStatus& update, AppStrings& strings, QString version, QString build,
+    HelpCenterPageViewModel(UpdateService& update, AppStrings& strings, QString version, QString build,
                             QObject* parent = nullptr);
 
     QString version() const { return m_version; }
     QString build() const { return m_build; }
-    UpdateStatus* update() const { return &m_update; }
+    UpdateService* update() const { return &m_update; }
     QString updateText() const;
-    bool isChecking() const { return m_update.phase() == UpdateStatus::Phase::checking; }
-    bool hasNewVersion() const { return m_update.phase() == UpdateStatus::Phase::newVersion; }
+    bool isChecking() const { return m_update.isChecking(); }
+    bool hasNewVersion() const { return !isChecking() && m_update.hasAvailableUpdate(); }
+    bool canInstall() const { return hasNewVersion() && !m_update.isDownloading(); }
+
+    Q_INVOKABLE void checkNow() { m_update.checkForUpdates(); }
+    Q_INVOKABLE void downloadAndInstall() { m_update.downloadAndInstall(); }
 
 Q_SIGNALS:
     void updateTextChanged();
 
 private:
-    UpdateStatus& m_update;
+    UpdateService& m_update;
     AppStrings& m_strings;
     QString m_version;
     QString m_build;
