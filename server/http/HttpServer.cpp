@@ -9,9 +9,14 @@
 #include <QHttpServerRequest>
 #include <QHttpServerResponder>
 #include <QPointer>
+#include <QSet>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QWebSocket>
+#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
+#include <QHttpHeaders>
+#include <QHttpServerWebSocketUpgradeResponse>
+#endif
 
 #include <algorithm>
 #include <limits>
@@ -61,14 +66,31 @@ HttpRequest toRequest(const QHttpServerRequest& request)
     result.method = methodName(request.method());
     result.path = request.url().path(QUrl::FullyEncoded); // segments are decoded one by one
     result.query = request.query();
+#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
+    const auto& headers = request.headers();
+    for (qsizetype i = 0; i < headers.size(); ++i) {
+        const auto name = headers.nameAt(i);
+        result.headers.append({QByteArray(name.data(), name.size()), headers.valueAt(i).toByteArray()});
+    }
+#else
     for (const auto& [key, value] : request.headers())
         result.headers.append({key, value});
+#endif
     result.body = request.body();
     result.peer = request.remoteAddress();
     return result;
 }
 
 class GuardedTcpServer;
+
+// One TCP connection, named by its far end: the library hands us a request without its socket
+// on some versions, but always with the peer.
+using PeerKey = std::pair<QString, quint16>;
+
+PeerKey peerKey(const QHostAddress& address, quint16 port)
+{
+    return {address.toString(), port};
+}
 
 // What the guard knows of one connection. A child of its socket, so that it goes with the
 // socket whoever ends up owning it (the library, or a WebSocket after an upgrade).
@@ -87,6 +109,9 @@ public:
     void upgrading();
     void upgraded();
 
+    QTcpSocket* socket() const { return m_socket; }
+    PeerKey key() const { return peerKey(peer, peerPort); }
+
     const QHostAddress peer;
     const quint16 peerPort;
 
@@ -103,8 +128,8 @@ private:
     Clock::TimerId m_timer = 0;
 };
 
-// Qt HttpServer 6.4 holds a request's whole body in memory before any handler sees it, and has
-// no limits of its own: no size cap, no time-outs, no connection cap. This server keeps them:
+// Qt HttpServer (6.4 to 6.8) holds a request's whole body in memory before any handler sees it,
+// and has no limits of its own: no size cap, no time-outs, no connection cap. This server keeps them:
 // it counts what each connection sends until its request is complete (past the limit: 413,
 // closed, the rest thrown away unread), times out heads, bodies and idle connections on the
 // server's Clock, and caps connections per address and in all. Its readyRead runs before the
@@ -123,31 +148,31 @@ public:
     HttpLimits limits;
     int maxConnections = 0; // in force, resolved at listen
 
-    ConnectionState* stateOf(QTcpSocket* socket) const { return m_states.value(socket); }
-
-    void opened(QTcpSocket* socket, ConnectionState* state)
+    ConnectionState* stateOf(const QHostAddress& peer, quint16 peerPort) const
     {
-        m_states.insert(socket, state);
+        return m_states.value(peerKey(peer, peerPort));
+    }
+
+    void opened(ConnectionState* state)
+    {
+        m_states.insert(state->key(), state);
         ++m_open;
         ++m_perAddress[state->peer];
     }
-    void closed(QTcpSocket* socket, const QHostAddress& peer, quint16 peerPort)
+    void closed(ConnectionState* state)
     {
-        m_states.remove(socket);
-        m_upgrades.remove({peer.toString(), peerPort});
+        m_states.remove(state->key());
+        m_upgrades.remove(state->key());
         --m_open;
-        if (const auto it = m_perAddress.find(peer); it != m_perAddress.end() && --*it <= 0)
+        if (const auto it = m_perAddress.find(state->peer); it != m_perAddress.end() && --*it <= 0)
             m_perAddress.erase(it);
     }
 
     // An upgrade handed to the library, found again by its peer when its WebSocket comes out.
-    void expectUpgrade(ConnectionState* state)
-    {
-        m_upgrades.insert({state->peer.toString(), state->peerPort}, state);
-    }
+    void expectUpgrade(ConnectionState* state) { m_upgrades.insert(state->key(), state); }
     void upgradeDone(const QHostAddress& peer, quint16 peerPort)
     {
-        if (const auto state = m_upgrades.take({peer.toString(), peerPort}))
+        if (const auto state = m_upgrades.take(peerKey(peer, peerPort)))
             state->upgraded();
     }
 
@@ -172,10 +197,10 @@ protected:
 
 private:
     int m_open = 0;
-    // Keys only: a state removes itself as its socket goes.
-    QHash<QTcpSocket*, ConnectionState*> m_states;
+    // A state removes itself as its socket goes.
+    QHash<PeerKey, ConnectionState*> m_states;
     QHash<QHostAddress, int> m_perAddress;
-    QHash<std::pair<QString, quint16>, QPointer<ConnectionState>> m_upgrades;
+    QHash<PeerKey, QPointer<ConnectionState>> m_upgrades;
 };
 
 ConnectionState::ConnectionState(QTcpSocket* socket, GuardedTcpServer* guard)
@@ -185,7 +210,7 @@ ConnectionState::ConnectionState(QTcpSocket* socket, GuardedTcpServer* guard)
     , m_socket(socket)
     , m_guard(guard)
 {
-    guard->opened(socket, this);
+    guard->opened(this);
     arm(guard->limits.head);
 }
 
@@ -193,7 +218,7 @@ ConnectionState::~ConnectionState()
 {
     disarm();
     if (m_guard)
-        m_guard->closed(m_socket, peer, peerPort);
+        m_guard->closed(this);
 }
 
 void ConnectionState::onReadyRead()
@@ -203,6 +228,8 @@ void ConnectionState::onReadyRead()
         return;
     }
     const qint64 fresh = m_socket->bytesAvailable();
+    if (fresh == 0)
+        return; // Qt 6.8 signals readyRead itself after each answer
     m_received += fresh;
     if (m_received > HttpServer::maxRequestBytes) {
         m_phase = Phase::refused;
@@ -348,17 +375,75 @@ private:
 };
 
 
-// Qt 6.4's responder writes a status line, headers and raw body bytes; the chunked framing of a
-// stream is ours. The socket may go at any time: every write is
-// guarded by the QPointer.
+// The reason phrases of the statuses this server sends.
+QByteArray reasonPhrase(int status)
+{
+    switch (status) {
+    case 200: return QByteArrayLiteral("OK");
+    case 201: return QByteArrayLiteral("Created");
+    case 204: return QByteArrayLiteral("No Content");
+    case 302: return QByteArrayLiteral("Found");
+    case 303: return QByteArrayLiteral("See Other");
+    case 400: return QByteArrayLiteral("Bad Request");
+    case 401: return QByteArrayLiteral("Unauthorized");
+    case 403: return QByteArrayLiteral("Forbidden");
+    case 404: return QByteArrayLiteral("Not Found");
+    case 405: return QByteArrayLiteral("Method Not Allowed");
+    case 408: return QByteArrayLiteral("Request Timeout");
+    case 409: return QByteArrayLiteral("Conflict");
+    case 413: return QByteArrayLiteral("Request Entity Too Large");
+    case 415: return QByteArrayLiteral("Unsupported Media Type");
+    case 421: return QByteArrayLiteral("Misdirected Request");
+    case 429: return QByteArrayLiteral("Too Many Requests");
+    case 431: return QByteArrayLiteral("Request Header Fields Too Large");
+    case 500: return QByteArrayLiteral("Internal Server Error");
+    case 502: return QByteArrayLiteral("Bad Gateway");
+    case 503: return QByteArrayLiteral("Service Unavailable");
+    default: return {};
+    }
+}
+
+// Status line and headers, without the blank line that ends them.
+QByteArray head(int status, const QByteArray& contentType, const HttpHeaders& headers)
+{
+    QByteArray result = "HTTP/1.1 " + QByteArray::number(status);
+    if (const auto reason = reasonPhrase(status); !reason.isEmpty())
+        result += ' ' + reason;
+    result += "\r\n";
+    if (!contentType.isEmpty())
+        result += "Content-Type: " + contentType + "\r\n";
+    for (const auto& [key, value] : headers)
+        result += key + ": " + value + "\r\n";
+    return result;
+}
+
+class QtResponder;
+// Answers still being written, which the server ends before its connections go.
+using OpenAnswers = QSet<QtResponder*>;
+
+// Writes answers to the socket itself: the library's writers differ between versions (6.8
+// lower-cases header names, adds a Content-Length of its own, refuses an empty last chunk), and
+// a stream's chunked framing is ours either way. On Qt 6.8 the library's responder is kept until
+// the answer is complete, since only its end lets the library read the connection's next
+// request. The socket may go at any time: every write is guarded by the QPointer.
 class QtResponder final : public HttpResponder {
 public:
-    QtResponder(QHttpServerResponder&& responder, QTcpSocket* socket, ConnectionState* state)
-        : m_responder(std::move(responder))
+#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
+    using LibraryResponder = QHttpServerResponder;
+#else
+    struct LibraryResponder {}; // Qt 6.4 needs none
+#endif
+
+    QtResponder(LibraryResponder&& library, QTcpSocket* socket, ConnectionState* state,
+                const std::shared_ptr<OpenAnswers>& open)
+        : m_library(std::move(library))
         , m_socket(socket)
         , m_connection(state)
+        , m_open(open)
     {
-        QObject::connect(socket, &QTcpSocket::disconnected, socket, [this] { peerGone(); });
+        open->insert(this);
+        if (socket)
+            QObject::connect(socket, &QTcpSocket::disconnected, socket, [this] { peerGone(); });
     }
 
     ~QtResponder() override
@@ -369,7 +454,12 @@ public:
             respond(HttpResponse::error(500, QStringLiteral("The request was not answered")));
         else if (m_state == State::streaming)
             endStream();
+        if (const auto open = m_open.lock())
+            open->remove(this);
     }
+
+    // The server is going: the library's side of this answer goes first.
+    void release() { m_library.reset(); }
 
     void respond(const HttpResponse& response) override
     {
@@ -382,9 +472,9 @@ public:
             respondWithFile(response);
             return;
         }
-        writeHead(response.status, response.contentType, response.headers);
-        m_responder.writeHeader("Content-Length", QByteArray::number(response.body.size()));
-        m_responder.writeBody(response.body);
+        m_socket->write(head(response.status, response.contentType, response.headers)
+                        + "Content-Length: " + QByteArray::number(response.body.size())
+                        + "\r\n\r\n" + response.body);
         finished(response.headers);
     }
 
@@ -398,9 +488,9 @@ public:
         // A stream's chunks are small and go one by one: with Nagle's algorithm each would wait
         // for the ACK of the one before, which the client may delay by 40 ms.
         m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-        writeHead(status, contentType,
-                  {{"Cache-Control", "no-cache"}, {"Transfer-Encoding", "chunked"}});
-        m_responder.writeBody(QByteArray());
+        m_socket->write(head(status, contentType,
+                             {{"Cache-Control", "no-cache"}, {"Transfer-Encoding", "chunked"}})
+                        + "\r\n");
         m_socket->flush();
     }
 
@@ -408,7 +498,7 @@ public:
     {
         if (m_state != State::streaming || !m_socket || bytes.isEmpty())
             return;
-        m_responder.writeBody(QByteArray::number(bytes.size(), 16) + "\r\n" + bytes + "\r\n");
+        m_socket->write(QByteArray::number(bytes.size(), 16) + "\r\n" + bytes + "\r\n");
         m_socket->flush();
     }
 
@@ -419,7 +509,7 @@ public:
         m_state = State::done;
         if (!m_socket)
             return;
-        m_responder.writeBody(QByteArrayLiteral("0\r\n\r\n"));
+        m_socket->write(QByteArrayLiteral("0\r\n\r\n"));
         finished({});
     }
 
@@ -436,15 +526,6 @@ public:
 private:
     enum class State { idle, streaming, done };
 
-    void writeHead(int status, const QByteArray& contentType, const HttpHeaders& headers)
-    {
-        m_responder.writeStatusLine(QHttpServerResponder::StatusCode(status));
-        if (!contentType.isEmpty())
-            m_responder.writeHeader("Content-Type", contentType);
-        for (const auto& [key, value] : headers)
-            m_responder.writeHeader(key, value);
-    }
-
     void respondWithFile(const HttpResponse& response)
     {
         auto file = std::make_unique<QFile>(response.bodyFile);
@@ -453,9 +534,8 @@ private:
             respond(HttpResponse::error(404, QStringLiteral("Not found")));
             return;
         }
-        writeHead(response.status, response.contentType, response.headers);
-        m_responder.writeHeader("Content-Length", QByteArray::number(file->size()));
-        m_responder.writeBody(QByteArray());
+        m_socket->write(head(response.status, response.contentType, response.headers)
+                        + "Content-Length: " + QByteArray::number(file->size()) + "\r\n\r\n");
         (new FilePump(m_socket, m_connection, std::move(file)))->pump();
     }
 
@@ -464,6 +544,8 @@ private:
         for (const auto& [key, value] : headers) {
             if (key.compare("Connection", Qt::CaseInsensitive) == 0
                 && value.compare("close", Qt::CaseInsensitive) == 0) {
+                // Handed over now: Qt 6.8 deletes a closing socket as soon as the answer ends.
+                m_socket->flush();
                 m_socket->disconnectFromHost();
                 return;
             }
@@ -481,9 +563,10 @@ private:
             callback();
     }
 
-    QHttpServerResponder m_responder;
+    std::optional<LibraryResponder> m_library;
     QPointer<QTcpSocket> m_socket;
     QPointer<ConnectionState> m_connection;
+    std::weak_ptr<OpenAnswers> m_open;
     State m_state = State::idle;
     std::function<void()> m_onDisconnected;
 };
@@ -498,6 +581,17 @@ public:
     {
         connect(this, &QAbstractHttpServer::newWebSocketConnection, this,
                 [this] { takeWebSockets(); });
+#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
+        addWebSocketUpgradeVerifier(this, [this](const QHttpServerRequest& request) {
+            return verifyUpgrade(request);
+        });
+#endif
+    }
+
+    ~Impl() override
+    {
+        for (auto* answer : std::as_const(*openAnswers))
+            answer->release();
     }
 
     RequestHandler handler;
@@ -507,16 +601,61 @@ public:
         WebSocketHandler handler;
     };
     QHash<QString, WebSocketRoute> webSocketRoutes;
-    // A refused upgrade is answered from missingHandler, the only way Qt 6.4 lets us keep the
-    // socket from being handed to its WebSocket server.
-    QHash<QTcpSocket*, HttpResponse> refusedUpgrades;
+    // A refused upgrade is answered from missingHandler, the only way the library lets us keep
+    // the socket from being handed to its WebSocket server.
+    QHash<PeerKey, HttpResponse> refusedUpgrades;
+    const std::shared_ptr<OpenAnswers> openAnswers = std::make_shared<OpenAnswers>();
 
 protected:
+#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
+    // Real upgrades go to verifyUpgrade instead; what comes here is an ordinary request.
+    bool handleRequest(const QHttpServerRequest& request, QHttpServerResponder& responder) override
+    {
+        auto* state = taken(request.remoteAddress(), request.remotePort());
+        auto* socket = state ? state->socket() : nullptr;
+        auto converted = toRequest(request);
+        converted.peerPort = request.remotePort();
+        converted.localPort = request.localPort();
+        auto refusal = refused(request, converted);
+        // Claimed but not an upgrade to the parser: the library would answer nothing.
+        if (!refusal && isWebSocket(request))
+            refusal = notAnUpgrade();
+        if (refusal)
+            QtResponder(std::move(responder), socket, state, openAnswers).respond(*refusal);
+        else
+            handler(converted,
+                    std::make_shared<QtResponder>(std::move(responder), socket, state, openAnswers));
+        return true;
+    }
+
+    void missingHandler(const QHttpServerRequest& request, QHttpServerResponder& responder) override
+    {
+        auto* state = guard->stateOf(request.remoteAddress(), request.remotePort());
+        QtResponder(std::move(responder), state ? state->socket() : nullptr, state, openAnswers)
+            .respond(refusedUpgrade(peerKey(request.remoteAddress(), request.remotePort())));
+    }
+
+private:
+    QHttpServerWebSocketUpgradeResponse verifyUpgrade(const QHttpServerRequest& request)
+    {
+        auto* state = taken(request.remoteAddress(), request.remotePort());
+        auto converted = toRequest(request);
+        converted.peerPort = request.remotePort();
+        converted.localPort = request.localPort();
+        auto refusal = refused(request, converted);
+        if (!refusal)
+            refusal = admitUpgrade(converted, state);
+        if (!refusal)
+            return QHttpServerWebSocketUpgradeResponse::accept();
+        // Passed on, the library calls missingHandler, which answers like every other refusal
+        // (a denial would be a bare status line).
+        refusedUpgrades.insert(peerKey(request.remoteAddress(), request.remotePort()), *refusal);
+        return QHttpServerWebSocketUpgradeResponse::passToNext();
+    }
+#else
     bool handleRequest(const QHttpServerRequest& request, QTcpSocket* socket) override
     {
-        auto* state = guard->stateOf(socket);
-        if (state)
-            state->requestTaken();
+        auto* state = taken(socket->peerAddress(), socket->peerPort());
         auto converted = toRequest(request);
         converted.peerPort = socket->peerPort();
         converted.localPort = socket->localPort();
@@ -524,52 +663,97 @@ protected:
             RequestHead::asksForUpgrade(request.value("upgrade"), request.value("connection"));
         const auto answer = [&](const HttpResponse& response) {
             if (upgrade) { // returning true would hand the socket to the WebSocket server
-                refusedUpgrades.insert(socket, response);
+                refusedUpgrades.insert(peerKey(socket->peerAddress(), socket->peerPort()), response);
                 return false;
             }
-            QtResponder(makeResponder(request, socket), socket, state).respond(response);
+            QtResponder({}, socket, state, openAnswers).respond(response);
             return true;
         };
-        if (!RequestHead::hostAllowed(request.value("host"), guard->limits.allowedHosts))
-            return answer(closing(
-                HttpResponse::error(421, QStringLiteral("This server does not answer to that host name"))));
-        // Sandboxed frames, data: and file: pages post with an opaque origin; our own pages and
-        // the program never do.
-        if (converted.method != "GET" && converted.method != "HEAD"
-            && request.value("origin").trimmed() == "null")
-            return answer(HttpResponse::error(403, QStringLiteral("Requests from an opaque origin are refused")));
-        if (request.value("upgrade").compare("websocket", Qt::CaseInsensitive) != 0) {
-            handler(converted, std::make_shared<QtResponder>(makeResponder(request, socket), socket, state));
+        if (auto refusal = refused(request, converted))
+            return answer(*refusal);
+        if (!isWebSocket(request)) {
+            handler(converted, std::make_shared<QtResponder>(QtResponder::LibraryResponder{}, socket,
+                                                              state, openAnswers));
             return true;
         }
         // Claimed but not an upgrade to the parser: the library would treat it as an ordinary
         // request that nobody answers.
         if (!upgrade)
-            return answer(closing(HttpResponse::error(
-                400, QStringLiteral("A WebSocket request needs \"Connection: upgrade\""))));
-        const auto route = webSocketRoutes.constFind(converted.path);
-        if (route == webSocketRoutes.cend())
-            return answer(HttpResponse::error(404, QStringLiteral("Not found")));
-        if (auto refusal = route->gate(converted))
+            return answer(notAnUpgrade());
+        if (auto refusal = admitUpgrade(converted, state))
             return answer(*refusal);
-        if (state)
-            state->upgrading();
         return true; // the library now performs the handshake
     }
 
     void missingHandler(const QHttpServerRequest& request, QTcpSocket* socket) override
     {
-        auto response = refusedUpgrades.take(socket);
-        if (response.status == 200)
-            response = HttpResponse::error(404, QStringLiteral("Not found"));
-        QtResponder(makeResponder(request, socket), socket, guard->stateOf(socket))
-            .respond(response);
+        Q_UNUSED(request);
+        QtResponder({}, socket, guard->stateOf(socket->peerAddress(), socket->peerPort()),
+                    openAnswers)
+            .respond(refusedUpgrade(peerKey(socket->peerAddress(), socket->peerPort())));
     }
+#endif
 
 private:
     static HttpResponse closing(HttpResponse response)
     {
         response.headers.emplaceBack("Connection", "close");
+        return response;
+    }
+
+    static bool isWebSocket(const QHttpServerRequest& request)
+    {
+        return request.value("upgrade").compare("websocket", Qt::CaseInsensitive) == 0;
+    }
+
+    static HttpResponse notAnUpgrade()
+    {
+        return closing(HttpResponse::error(
+            400, QStringLiteral("A WebSocket request needs \"Connection: upgrade\"")));
+    }
+
+    // The whole request is in: the connection's guard stops timing it.
+    ConnectionState* taken(const QHostAddress& peer, quint16 peerPort)
+    {
+        auto* state = guard->stateOf(peer, peerPort);
+        if (state)
+            state->requestTaken();
+        return state;
+    }
+
+    // What every request, upgrade or not, is refused for before any route sees it.
+    std::optional<HttpResponse> refused(const QHttpServerRequest& request,
+                                        const HttpRequest& converted) const
+    {
+        if (!RequestHead::hostAllowed(request.value("host"), guard->limits.allowedHosts))
+            return closing(HttpResponse::error(
+                421, QStringLiteral("This server does not answer to that host name")));
+        // Sandboxed frames, data: and file: pages post with an opaque origin; our own pages and
+        // the program never do.
+        if (converted.method != "GET" && converted.method != "HEAD"
+            && request.value("origin").trimmed() == "null")
+            return HttpResponse::error(403, QStringLiteral("Requests from an opaque origin are refused"));
+        return std::nullopt;
+    }
+
+    // Nothing when the upgrade may go ahead; the connection's guard then times the handshake.
+    std::optional<HttpResponse> admitUpgrade(const HttpRequest& converted, ConnectionState* state)
+    {
+        const auto route = webSocketRoutes.constFind(converted.path);
+        if (route == webSocketRoutes.cend())
+            return HttpResponse::error(404, QStringLiteral("Not found"));
+        if (auto refusal = route->gate(converted))
+            return refusal;
+        if (state)
+            state->upgrading();
+        return std::nullopt;
+    }
+
+    HttpResponse refusedUpgrade(const PeerKey& key)
+    {
+        auto response = refusedUpgrades.take(key);
+        if (response.status == 200)
+            response = HttpResponse::error(404, QStringLiteral("Not found"));
         return response;
     }
 
@@ -648,6 +832,11 @@ std::optional<quint16> HttpServer::listen(const QHostAddress& address, quint16 p
                                                 largestDefault));
     if (!m_impl->guard->listen(address, port))
         return std::nullopt;
+#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
+    if (!m_impl->bind(m_impl->guard))
+        return std::nullopt;
+#else
     m_impl->bind(m_impl->guard);
+#endif
     return m_impl->guard->serverPort();
 }

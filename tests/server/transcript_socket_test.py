@@ -6,6 +6,17 @@ import asyncio, functools, http.client, http.cookiejar, json, os, re, signal, so
 import urllib.error, urllib.parse, urllib.request
 
 import websockets
+import websockets.exceptions
+
+# A refused handshake: websockets 14 and later (Debian 13) raise InvalidStatus, the client of
+# older ones (Debian 12) InvalidStatusCode.
+REFUSED = tuple(getattr(websockets.exceptions, name)
+                for name in ("InvalidStatus", "InvalidStatusCode") if hasattr(websockets.exceptions, name))
+
+
+def refused_status(error):
+    return error.response.status_code if hasattr(error, "response") else error.status_code
+
 
 SERVER = sys.argv[1] if len(sys.argv) > 1 else None
 # Set by with-postgres.sh: the server runs on that database, and the cluster can be restarted.
@@ -142,8 +153,8 @@ async def socket_behaviour(server, token, other_token):
         try:
             async with websockets.connect(f"ws://127.0.0.1:{server.port}/api/v1/interview/ws?{bad}"):
                 check(False, "handshake accepted: " + bad)
-        except websockets.exceptions.InvalidStatusCode as refused:
-            check(refused.status_code in (401, 404), f"refusal {refused.status_code}")
+        except REFUSED as refused:
+            check(refused_status(refused) in (401, 404), f"refusal {refused_status(refused)}")
 
     # A flood of 10,000 frames: every one is acknowledged or the socket is closed; the server stays.
     acked = await send_and_collect(url, [entry(f"f{i}", "flood", 10000 + i) for i in range(10000)], 10000)
@@ -216,7 +227,7 @@ async def database_restarted_mid_stream(server, token):
         try:
             acked |= await send_and_collect(url, [f for i, f in enumerate(frames) if f"r{i}" not in acked],
                                             400 - len(acked))
-        except websockets.exceptions.InvalidStatusCode:  # refused while the server reconnects
+        except REFUSED:  # refused while the server reconnects
             await asyncio.sleep(0.5)
     stored = {line["id"] for line in stored_lines(server, token, session)}
     print(f"database restart: {len(acked)} acknowledged, {len(stored)} stored", flush=True)
