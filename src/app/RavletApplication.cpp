@@ -177,6 +177,8 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         &SoundSettings::open,
         [] { QCoreApplication::quit(); },
         &network,
+        &keySource,
+        portal.get(),
     });
     QObject::connect(&instance, &SingleInstance::argumentsReceived, &delegate, &AppDelegate::handleLaunchArguments);
 

@@ -64,6 +64,9 @@ public:
         std::function<bool()> openSoundSettings;
         std::function<void()> terminate;
         QNetworkAccessManager* network = nullptr; // the shared one; null: each client its own
+        // The keys the keybinds page records and tests; none: it reads no key.
+        KeySource* keySource = nullptr;
+        QObject* shortcutPortal = nullptr; // where the desktop binds our shortcuts
     };
 
     explicit AppDelegate(Environment environment, QObject* parent = nullptr);

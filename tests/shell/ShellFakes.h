@@ -132,7 +132,7 @@ struct DelegateRig {
                 opened.append(url);
                 return true;
             },
-            [] { return false; }, [this] { shell.log.append(u"terminate"_s); }});
+            [] { return false; }, [this] { shell.log.append(u"terminate"_s); }, nullptr, keySource});
         awaitTask(delegate->applicationDidFinishLaunching());
     }
 
@@ -143,5 +143,6 @@ struct DelegateRig {
     InMemoryTokenStore* tokens = nullptr;
     std::function<QString()> crashLastState;
     QList<QUrl> opened;
+    KeySource* keySource = nullptr; // what the keybinds page reads; none by default
     std::unique_ptr<AppDelegate> delegate;
 };
