@@ -20,7 +20,7 @@
 #include "AuthTokenStore.h"
 #include "AwaitTask.h"
 #include "Clock.h"
-#include "core/LoopbackInterview.h"
+#include "core/InterviewFakes.h"
 #include "FakeBackend.h"
 #include "FakeTranscriptChannel.h"
 #include "FakeVendorServer.h"
@@ -525,11 +525,11 @@ int run(int minutes)
     services.audioCapture = &systemCapture;
     services.microphone = &microphoneCapture;
     services.makeRecognizer = vendorRecognizers(clock);
-    services.makeTranscriptChannel = [&clock] {
-        return std::make_shared<TranscriptUploadChannel>(clock);
+    services.makeTranscriptChannel = [&clock, &servers] {
+        return std::make_shared<ChannelAt>(clock, servers.channelBaseURL);
     };
     InterviewViewModel vm(clock, settings, strings, services);
-    vm.setBackend(std::make_shared<SeparateChannelBackend>(client, servers.channelBaseURL));
+    vm.setBackend(std::make_shared<APIClientInterviewBackend>(client));
     vm.setLoggedIn(true);
 
     OverlayViewModel overlay(OverlayViewModel::Services{vm, settings, strings, notifications, clock,

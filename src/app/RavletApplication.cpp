@@ -180,6 +180,8 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         &network,
         Installation::current(),
         &packageOpener,
+        &keySource,
+        portal.get(),
     });
     QObject::connect(&instance, &SingleInstance::argumentsReceived, &delegate, &AppDelegate::handleLaunchArguments);
 

@@ -66,6 +66,9 @@ public:
         QNetworkAccessManager* network = nullptr; // the shared one; null: each client its own
         Installation installation = {};        // what the update service may replace
         PackageOpener* packageOpener = nullptr; // hands a package to the user when it cannot
+        // The keys the keybinds page records and tests; none: it reads no key.
+        KeySource* keySource = nullptr;
+        QObject* shortcutPortal = nullptr; // where the desktop binds our shortcuts
     };
 
     explicit AppDelegate(Environment environment, QObject* parent = nullptr);

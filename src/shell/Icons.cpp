@@ -53,6 +53,11 @@ const QHash<QString, char32_t>& nameMap()
         {u"trash"_s, 0xF1C0},                      // delete
         {u"circle"_s, 0xF130},                     // checkbox-blank-circle-outline
         {u"checkmark.circle.fill"_s, 0xF5E0},      // check-circle
+        {u"arrow.left.circle"_s, 0xF050},          // arrow-left-bold-circle-outline
+        {u"arrow.right.circle"_s, 0xF057},         // arrow-right-bold-circle-outline
+        {u"arrow.up.circle"_s, 0xF060},            // arrow-up-bold-circle-outline
+        {u"arrow.down.circle"_s, 0xF048},          // arrow-down-bold-circle-outline
+        {u"doc.on.doc"_s, 0xF18F},                 // content-copy
     };
     return map;
 }

@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 
 // Where keys come from on this desktop. Codes are the canonical codes of the settings tables.
 // Any number of readers observe the keys at once (the trigger monitors, key recording, the
@@ -44,6 +45,9 @@ public:
     // Whether keys pressed in other programs can be seen. When not, observers see only the
     // keys typed into this program's own windows, and grabArrows does nothing.
     virtual bool seesOtherPrograms() const = 0;
+    // The code of a key typed into one of this program's windows (Qt's native virtual key),
+    // read through the same table as the keys of other programs.
+    virtual std::optional<quint16> localKeyCode(quint32 nativeVirtualKey) const = 0;
     // Every press and release, observed and never swallowed.
     [[nodiscard]] Subscription observeKeys(KeyHandler handler);
     // Takes the four arrow keys from every program, each press (repeats included) going to the

@@ -56,3 +56,12 @@ std::optional<KeyAction> LaunchArguments::findKeyAction(const QStringList& argum
         return std::nullopt;
     return parsed.keyAction;
 }
+
+QString LaunchArguments::optionOf(KeyAction action)
+{
+    for (const auto& [option, known] : keyActionOptions) {
+        if (known == action)
+            return option.toString();
+    }
+    return {};
+}

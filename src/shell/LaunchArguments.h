@@ -38,4 +38,6 @@ struct LaunchArguments {
     // The key action among the arguments, if any: such a start only ever talks to a running
     // program and never becomes one itself.
     static std::optional<KeyAction> findKeyAction(const QStringList& arguments);
+    // The option that asks for `action` ("--trigger").
+    static QString optionOf(KeyAction action);
 };

@@ -56,27 +56,6 @@ inline bool spend(int& budget)
     return budget > 0 && budget-- > 0;
 }
 
-// The real transcript channel, on a server of its own: the backend and the channel's fakes
-// cannot share a port, and the channel's address is otherwise made from the backend's.
-class ChannelAt final : public TranscriptChannel {
-public:
-    ChannelAt(Clock& clock, QString baseURL)
-        : m_channel(clock)
-        , m_baseURL(std::move(baseURL))
-    {
-    }
-    QCoro::Task<> start(QString, QString token, QString sessionId) override
-    {
-        return m_channel.start(m_baseURL, std::move(token), std::move(sessionId));
-    }
-    void send(TranscriptEntry entry) override { m_channel.send(std::move(entry)); }
-    QCoro::Task<QList<TranscriptEntry>> stop() override { return m_channel.stop(); }
-
-private:
-    TranscriptUploadChannel m_channel;
-    QString m_baseURL;
-};
-
 // The interview over real sockets on loopback: the API client against the fake backend, a
 // Deepgram recogniser against the fake vendor (reached through the speech token's endpoint),
 // and the transcript channel against its fake server. Only the two audio sources are fed by

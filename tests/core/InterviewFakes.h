@@ -156,3 +156,24 @@ public:
 private:
     void add(const QStringList& event) { events.append(event.join(QLatin1Char(' '))); }
 };
+
+// The real transcript channel, on a server of its own: the backend and the channel's fakes
+// cannot share a port, and the channel's address is otherwise made from the backend's.
+class ChannelAt final : public TranscriptChannel {
+public:
+    ChannelAt(Clock& clock, QString baseURL)
+        : m_channel(clock)
+        , m_baseURL(std::move(baseURL))
+    {
+    }
+    QCoro::Task<> start(QString, QString token, QString sessionId) override
+    {
+        return m_channel.start(m_baseURL, std::move(token), std::move(sessionId));
+    }
+    void send(TranscriptEntry entry) override { m_channel.send(std::move(entry)); }
+    QCoro::Task<QList<TranscriptEntry>> stop() override { return m_channel.stop(); }
+
+private:
+    TranscriptUploadChannel m_channel;
+    QString m_baseURL;
+};

@@ -230,6 +230,53 @@ async def create_account(chromium, login_url, shots):
         return redirect["params"]["request"]["url"]
 
 
+def keybinds_scene(desktop, ui, program, call, total):
+    """The user changes the trigger key on the dashboard's Keybinds page by pressing F8, then F8
+    pressed in the video call starts the next answer and Right Shift no longer does. Returns the
+    number of answers after it."""
+    check(program.run_again() == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 10),
+          "a start with no address brings the dashboard")
+
+    def find(role, name):
+        # The tray's menu window has the dashboard's title too: look in every such window.
+        for frame in ui.application() or []:
+            if frame is not None and frame.name == DASHBOARD:
+                node = next((n for n in ui._walk(frame) if n.getRoleName() == role and n.name == name), None)
+                if node is not None:
+                    return node
+        return None
+
+    def press(role, name):
+        node = wait_until(lambda: find(role, name), 10)
+        require(node is not None, f'the dashboard has "{name}"', lambda: ui.dump(DASHBOARD))
+        node.queryAction().doAction(0)
+
+    press("list item", "Keybinds")
+    press("push button", "Change Key")
+    require(wait_until(lambda: find("label", "Press any key..."), 10), "Change Key records a key")
+    dashboard = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^" + DASHBOARD + "$"],
+                               env=desktop.env, capture_output=True, text=True).stdout.split()
+    check(wait_until(lambda: desktop.active_window() in dashboard, 10), "the dashboard has the focus",
+          lambda: (desktop.active_window(), dashboard))
+    desktop.key("F8")
+    check(wait_until(lambda: find("label", "Trigger AI answer F8"), 10), "F8 becomes the trigger key")
+
+    # Back to the call, as the user would, and close the dashboard on the way.
+    subprocess.run(["xdotool", "key", "alt+F4"], env=desktop.env, check=True)
+    check(wait_until(lambda: not desktop.is_viewable(DASHBOARD), 10), "the dashboard closes")
+    subprocess.run(["xdotool", "windowactivate", "--sync", call.window], env=desktop.env, check=True)
+    require(wait_until(lambda: desktop.active_window() == call.window, 10), "the video call has the focus again")
+    seen = len(call.presses())
+    desktop.key("Shift_R")
+    time.sleep(1.5)
+    check(answer_count(ui) == total, "Right Shift no longer starts an answer", lambda: counter(ui))
+    desktop.key("F8")
+    check(wait_until(lambda: counter(ui) == f"{total + 1}/{total + 1}", 5) is not None,
+          "F8 from the video call starts the next answer", lambda: counter(ui))
+    check(call.presses()[seen:] == ["Shift_R", "F8"], "both keys still reach the video call", call.presses)
+    return total + 1
+
+
 def run(args, desktop):
     shots = args.screenshots
     shutil.rmtree(shots, ignore_errors=True)
@@ -391,6 +438,7 @@ def run(args, desktop):
     check(list(product.processes(os.path.realpath(program.executable))) == [program.process.pid],
           "no second process stays", product.processes(os.path.realpath(program.executable)))
     check(desktop.active_window() == call.window, "the video call kept the focus through the commands")
+    total = keybinds_scene(desktop, ui, program, call, total)
 
     total += documents_scene(desktop, program, server, ui, call, shot)
 

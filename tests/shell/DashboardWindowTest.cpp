@@ -6,7 +6,9 @@
 
 #include "DashboardViewModel.h"
 #include "QmlShellWindows.h"
+#include "X11KeySource.h"
 
+#include <QClipboard>
 #include <QGuiApplication>
 #include <QQuickItem>
 #include <QQuickWindow>
@@ -154,3 +156,58 @@ TEST_F(DashboardWindowTest, GeneralPageInArabicRunsRightToLeft)
 }
 
 } // namespace
+
+// Keys typed into the dashboard through XTEST, as a keyboard would: the page records from its
+// own window through the real key source, refuses a blocked key and tests the new one.
+TEST_F(DashboardWindowTest, KeybindsRecordsAndTestsAKeyTypedIntoTheWindow)
+{
+    X11KeySource source;
+    ASSERT_TRUE(source.seesOtherPrograms());
+    keySource = &source;
+    ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
+    ASSERT_NO_FATAL_FAILURE(pick("sidebar.keybinds"));
+    window->requestActivate();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window)); // typing needs the focus
+    const auto& settings = delegate->userSettings();
+    const auto press = [&](const char* keyName) {
+        EXPECT_TRUE(DisplayFixture::tool(QStringLiteral(RAVLET_XTEST_PRESS), {QString::fromLatin1(keyName)}).has_value());
+    };
+    const auto shows = [&](const QString& name) {
+        return QTest::qWaitFor([&] { return findByAccessibleName(window, name) != nullptr; }, 3000);
+    };
+    const auto button = [&](const char* key) {
+        auto* item = findByAccessibleName(window, text(key));
+        EXPECT_TRUE(item) << key;
+        if (item)
+            QMetaObject::invokeMethod(item, "clicked");
+    };
+
+    button("keybinds.change_key");
+    ASSERT_TRUE(shows(text("keybinds.press_any_key")));
+    EXPECT_TRUE(settings.isTriggerSuppressed());
+    shoot(u"keybinds-recording-en"_s);
+    press("Escape");
+    ASSERT_TRUE(shows(text("keybinds.blocked_key")));
+    EXPECT_TRUE(delegate->dashboard()->keybinds()->isRecording()) << "Escape does not cancel";
+    shoot(u"keybinds-blocked-en"_s);
+
+    press("F8");
+    EXPECT_TRUE(shows(text("keybinds.trigger_ai") + u" F8"_s));
+    EXPECT_EQ(settings.aiTriggerKey(), (AITriggerKey{100, false, std::nullopt, u"F8"_s}));
+    // Silent until the key source has seen F8 let go too.
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !settings.isTriggerSuppressed(); }, 3000));
+
+    button("keybinds.test_key");
+    ASSERT_TRUE(shows(text("keybinds.testing")));
+    press("F8");
+    EXPECT_TRUE(shows(text("keybinds.test_success")));
+    shoot(u"keybinds-test-en"_s);
+
+    // The copy buttons put the exact command on the clipboard.
+    auto* copy = findByAccessibleName(window, text("keybinds.copy") + u" "_s + text("keybinds.next_answer"));
+    ASSERT_TRUE(copy);
+    QMetaObject::invokeMethod(copy, "clicked");
+    EXPECT_TRUE(QGuiApplication::clipboard()->text().endsWith(u" --next-answer"_s))
+        << QGuiApplication::clipboard()->text().toStdString();
+    delegate->dashboard()->keybinds()->cancel();
+}

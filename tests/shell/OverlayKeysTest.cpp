@@ -118,6 +118,7 @@ TEST(OverlayKeysTest, EveryKeyOfTheSettingsTablesHasItsKeysymAndBack)
 class TypedKeySource final : public KeySource {
 public:
     bool seesOtherPrograms() const override { return true; }
+    std::optional<quint16> localKeyCode(quint32) const override { return std::nullopt; }
     void grabArrows(ArrowHandler) override {}
     void releaseArrows() override {}
     void type(quint16 code) { deliverKey(code, true); }

@@ -131,7 +131,7 @@ struct DelegateRig {
                 opened.append(url);
                 return true;
             },
-            [] { return false; }, [this] { shell.log.append(u"terminate"_s); }});
+            [] { return false; }, [this] { shell.log.append(u"terminate"_s); }, nullptr, {}, nullptr, keySource});
         QObject::connect(&delegate->updateService(), &UpdateService::isCheckingChanged, [this] {
             if (delegate->updateService().isChecking())
                 shell.log.append(u"start update check"_s);
@@ -145,5 +145,6 @@ struct DelegateRig {
     InMemoryTokenStore* tokens = nullptr;
     std::function<QString()> crashLastState;
     QList<QUrl> opened;
+    KeySource* keySource = nullptr; // what the keybinds page reads; none by default
     std::unique_ptr<AppDelegate> delegate;
 };

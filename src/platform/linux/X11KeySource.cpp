@@ -104,6 +104,12 @@ void X11KeySource::releaseArrows()
     dropArrows();
 }
 
+std::optional<quint16> X11KeySource::localKeyCode(quint32 nativeVirtualKey) const
+{
+    // Qt on X11 and on Wayland gives the keysym as the native virtual key.
+    return canonicalKeyCode(nativeVirtualKey);
+}
+
 bool X11KeySource::eventFilter(QObject* watched, QEvent* event)
 {
     const auto type = event->type();
@@ -112,7 +118,7 @@ bool X11KeySource::eventFilter(QObject* watched, QEvent* event)
         // Every window on the way sees the event; only the one it is for counts.
         const bool forWindow = watched->isWindowType();
         if (forWindow && !(type == QEvent::KeyRelease && key->isAutoRepeat())) {
-            if (const auto code = canonicalKeyCode(key->nativeVirtualKey()))
+            if (const auto code = localKeyCode(key->nativeVirtualKey()))
                 deliverKey(*code, type == QEvent::KeyPress);
         }
     }

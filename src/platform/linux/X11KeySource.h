@@ -27,6 +27,7 @@ public:
     ~X11KeySource() override;
 
     bool seesOtherPrograms() const override { return m_connection != nullptr; }
+    std::optional<quint16> localKeyCode(quint32 nativeVirtualKey) const override;
     bool granted() override { return seesOtherPrograms(); }
     void grabArrows(ArrowHandler handler) override;
     void releaseArrows() override;

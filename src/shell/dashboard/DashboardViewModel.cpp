@@ -13,6 +13,7 @@ DashboardViewModel::DashboardViewModel(Services services, QObject* parent)
     , m_services(std::move(services))
     , m_sidebar(std::make_unique<SidebarModel>(m_services.strings))
     , m_general(std::make_unique<GeneralPageViewModel>(m_services.general))
+    , m_keybinds(std::make_unique<KeybindsPageViewModel>(m_services.keybinds))
     , m_languages(std::make_unique<LanguagesPageViewModel>(m_services.general.settings, m_services.strings))
     , m_profile(std::make_unique<ProfilePageViewModel>(m_services.auth, m_services.notifications))
     , m_helpCenter(std::make_unique<HelpCenterPageViewModel>(m_services.update, m_services.strings,
@@ -23,9 +24,9 @@ DashboardViewModel::DashboardViewModel(Services services, QObject* parent)
           m_services.auth, m_services.general.settings, m_services.strings, m_services.telemetry))
 {
     // Read by the window, owned here.
-    for (QObject* owned : std::initializer_list<QObject*>{m_sidebar.get(), m_general.get(), m_languages.get(),
-                                                          m_profile.get(), m_helpCenter.get(), m_resumes.get(),
-                                                          m_jobDescriptions.get()})
+    for (QObject* owned : std::initializer_list<QObject*>{m_sidebar.get(), m_general.get(), m_keybinds.get(),
+                                                          m_languages.get(), m_profile.get(), m_helpCenter.get(),
+                                                          m_resumes.get(), m_jobDescriptions.get()})
         QQmlEngine::setObjectOwnership(owned, QQmlEngine::CppOwnership);
     auto& auth = m_services.auth;
     connect(&auth, &AuthViewModel::isLoggedInChanged, this, &DashboardViewModel::accountChanged);

@@ -4,6 +4,7 @@
 #include "GeneralPageViewModel.h"
 #include "HelpCenterPageViewModel.h"
 #include "JobDescriptionsViewModel.h"
+#include "KeybindsPageViewModel.h"
 #include "LanguagesPageViewModel.h"
 #include "ProfilePageViewModel.h"
 #include "ResumesViewModel.h"
@@ -33,6 +34,7 @@ class DashboardViewModel : public QObject {
     Q_PROPERTY(QString accountTitle READ accountTitle NOTIFY accountChanged)
     Q_PROPERTY(QString accountSubtitle READ accountSubtitle NOTIFY accountChanged)
     Q_PROPERTY(GeneralPageViewModel* general READ general CONSTANT)
+    Q_PROPERTY(KeybindsPageViewModel* keybinds READ keybinds CONSTANT)
     Q_PROPERTY(LanguagesPageViewModel* languages READ languages CONSTANT)
     Q_PROPERTY(ProfilePageViewModel* profile READ profile CONSTANT)
     Q_PROPERTY(HelpCenterPageViewModel* helpCenter READ helpCenter CONSTANT)
@@ -59,6 +61,7 @@ public:
         QString version;
         QString build;
         TelemetryClient* telemetry = nullptr; // for the documents' upload events
+        KeybindsPageViewModel::Services keybinds;
     };
 
     explicit DashboardViewModel(Services services, QObject* parent = nullptr);
@@ -72,6 +75,7 @@ public:
     QString accountTitle() const;
     QString accountSubtitle() const;
     GeneralPageViewModel* general() const { return m_general.get(); }
+    KeybindsPageViewModel* keybinds() const { return m_keybinds.get(); }
     LanguagesPageViewModel* languages() const { return m_languages.get(); }
     ProfilePageViewModel* profile() const { return m_profile.get(); }
     HelpCenterPageViewModel* helpCenter() const { return m_helpCenter.get(); }
@@ -105,6 +109,7 @@ private:
     SidebarItem m_current = SidebarItem::general;
     std::unique_ptr<SidebarModel> m_sidebar;
     std::unique_ptr<GeneralPageViewModel> m_general;
+    std::unique_ptr<KeybindsPageViewModel> m_keybinds;
     std::unique_ptr<LanguagesPageViewModel> m_languages;
     std::unique_ptr<ProfilePageViewModel> m_profile;
     std::unique_ptr<HelpCenterPageViewModel> m_helpCenter;

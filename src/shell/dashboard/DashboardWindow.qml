@@ -139,11 +139,7 @@ Window {
             Layout.topMargin: updateBanner.visible ? updateBanner.height + 40 : 28
 
             GeneralPage { page: window.dashboard.general; strings: window.strings }
-            NotBuiltPage {
-                strings: window.strings
-                title: window.strings.text("sidebar.keybinds")
-                subtitle: window.strings.text("keybinds.subtitle")
-            }
+            KeybindsPage { page: window.dashboard.keybinds; strings: window.strings }
             ResumePage {
                 resumes: window.dashboard.resumes
                 strings: window.strings

@@ -1,0 +1,174 @@
+// Key recording and the key test of the keybinds page, without a display: keys typed into our
+// own windows come as Qt gives them (keysyms) and go through the real keysym table; keys of
+// other programs come from a source the test types into.
+
+#include "KeybindsPageViewModel.h"
+
+#include "NotificationCenter.h"
+#include "PreferencesStore.h"
+#include "X11KeyTable.h"
+
+#include <X11/keysym.h>
+
+#include <gtest/gtest.h>
+
+using namespace OverlayKeys;
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// The other programs' keys, typed by the test; our own windows' keys through the real table.
+class TypedKeySource final : public KeySource {
+public:
+    bool seesOtherPrograms() const override { return true; }
+    std::optional<quint16> localKeyCode(quint32 keysym) const override { return canonicalKeyCode(keysym); }
+    void grabArrows(ArrowHandler) override {}
+    void releaseArrows() override {}
+    void type(quint32 keysym, bool pressed) { deliverKey(*canonicalKeyCode(keysym), pressed); }
+
+protected:
+    void setObserving(bool) override {}
+};
+
+struct Page {
+    PreferencesStore store;
+    NotificationCenter notifications;
+    UserSettings settings{store, notifications};
+    AppStrings strings{QStringList{u"en"_s}};
+    ManualClock clock;
+    TypedKeySource keys;
+    KeybindsPageViewModel page{{settings, strings, clock, &keys, u"ravletai"_s}};
+
+    // What the monitors of the key in force when the page opened would do with its press now.
+    bool oldKeyFires() const
+    {
+        const auto old = UserSettings::defaultTriggerKey();
+        return triggerFires(old, settings.isTriggerSuppressed(), {old.keyCode, monitoredKind(old), *old.modifierFlag});
+    }
+};
+
+enum class From { window, otherProgram };
+struct Key {
+    From from;
+    quint32 keysym;
+    bool pressed = true;
+    bool swallowed = false; // only for our own windows
+};
+struct Row {
+    const char* name;
+    bool testing; // the key test, else recording
+    std::vector<Key> keys;
+    bool stillListening;
+    bool blocked;
+    const char* triggerAfter;
+    bool detected = false;
+};
+
+class KeybindsPageTest : public ::testing::TestWithParam<Row> {};
+
+TEST_P(KeybindsPageTest, KeysDoWhatThePageSays)
+{
+    const Row& row = GetParam();
+    Page p;
+    row.testing ? p.page.startTest() : p.page.startKeyRecording();
+    for (const auto& key : row.keys) {
+        EXPECT_FALSE(p.oldKeyFires()) << "the old key stays silent while the page listens";
+        if (key.from == From::otherProgram) {
+            p.keys.type(key.keysym, key.pressed);
+            continue;
+        }
+        const QString text = key.keysym < 0x100 ? QString(QChar(char16_t(key.keysym))) : QString();
+        EXPECT_EQ(p.page.handleLocalKey(key.keysym, key.pressed, text), key.swallowed) << key.keysym;
+    }
+    EXPECT_EQ(row.testing ? p.page.isTesting() : p.page.isRecording(), row.stillListening);
+    EXPECT_EQ(p.page.isBlocked(), row.blocked);
+    if (row.stillListening && !row.testing) {
+        EXPECT_EQ(p.page.statusKey(), row.blocked ? u"keybinds.blocked_key"_s : u"keybinds.press_any_key"_s);
+    }
+    EXPECT_EQ(p.page.triggerKeyName(), QString::fromLatin1(row.triggerAfter));
+    EXPECT_EQ(p.page.testSucceeded(), row.detected);
+    if (row.stillListening) {
+        EXPECT_FALSE(p.oldKeyFires());
+    }
+    p.page.cancel();
+    // Once the page is done (and a recorded key's silence over), the trigger in force fires.
+    p.clock.advance(std::chrono::milliseconds(KeybindsPageViewModel::settleMaxMs));
+    EXPECT_EQ(triggerFires(p.settings.aiTriggerKey(), p.settings.isTriggerSuppressed(),
+                           {p.settings.aiTriggerKey().keyCode, monitoredKind(p.settings.aiTriggerKey()),
+                            p.settings.aiTriggerKey().modifierFlag.value_or(0)}),
+              true);
+}
+
+using enum From;
+INSTANTIATE_TEST_SUITE_P(
+    Recording, KeybindsPageTest,
+    ::testing::Values(
+        Row{"EscapeIsBlockedAndDoesNotCancel", false, {{window, XK_Escape, true, true}, {window, XK_Escape, false}},
+            true, true, "Right Shift"},
+        Row{"LeftSuperIsBlocked", false, {{window, XK_Super_L, true, true}}, true, true, "Right Shift"},
+        Row{"RightSuperIsTaken", false, {{window, XK_Super_R, true, true}}, false, false, "Right Command"},
+        Row{"CapsLockPassesSilently", false, {{window, XK_Caps_Lock}, {window, XK_Caps_Lock, false}}, true, false,
+            "Right Shift"},
+        // Shift held as Record was clicked, let go afterwards: a release is no key.
+        Row{"AReleasedModifierRecordsNothing", false, {{window, XK_Shift_L, false}, {window, XK_Control_R, false}},
+            true, false, "Right Shift"},
+        Row{"ALetterByItsCharacter", false, {{window, XK_k, true, true}}, false, false, "K"},
+        Row{"OtherProgramsAreNotRecorded", false, {{otherProgram, XK_F8}}, true, false, "Right Shift"},
+        Row{"TheTestHearsTheKeyFromAnotherProgram", true, {{otherProgram, XK_Shift_R}}, true, false, "Right Shift",
+            true},
+        Row{"TheTestIgnoresOtherKeysAndTheRelease", true,
+            {{otherProgram, XK_Shift_L}, {otherProgram, XK_Shift_L, false}, {window, XK_F8},
+             {otherProgram, XK_Shift_R, false}},
+            true, false,
+            "Right Shift"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// The key just recorded is still on its way from the global source: its own press must not
+// start an answer, however late it comes, and the silence ends on its release or after a while.
+TEST(KeybindsPageSettleTest, TheRecordedKeyStaysSilentUntilItIsLetGo)
+{
+    Page p;
+    p.page.startKeyRecording();
+    EXPECT_TRUE(p.page.handleLocalKey(XK_F8, true, u""_s));
+    EXPECT_FALSE(p.page.isRecording());
+    EXPECT_TRUE(p.settings.isTriggerSuppressed()) << "the late global press of F8";
+    p.keys.type(XK_F8, true);
+    p.page.handleLocalKey(XK_F8, false, {}); // our own window's release is not the last word
+    EXPECT_TRUE(p.settings.isTriggerSuppressed());
+    p.keys.type(XK_F8, false);
+    EXPECT_FALSE(p.settings.isTriggerSuppressed());
+
+    // The global source may have had both press and release before our window's press.
+    p.page.startKeyRecording();
+    p.keys.type(XK_F7, true);
+    p.keys.type(XK_F7, false);
+    p.page.handleLocalKey(XK_F7, true, {});
+    EXPECT_FALSE(p.settings.isTriggerSuppressed());
+
+    // A release that never comes ends the silence on the clock.
+    p.page.startKeyRecording();
+    p.page.handleLocalKey(XK_F9, true, {});
+    EXPECT_EQ(p.page.triggerKeyName(), u"F9"_s);
+    p.clock.advance(std::chrono::milliseconds(KeybindsPageViewModel::settleMaxMs - 1));
+    EXPECT_TRUE(p.settings.isTriggerSuppressed());
+    p.clock.advance(std::chrono::milliseconds(1));
+    EXPECT_FALSE(p.settings.isTriggerSuppressed());
+}
+
+TEST(KeybindsPageSettleTest, TheTestShowsItsSuccessForTwoSecondsFromTheFirstPress)
+{
+    Page p;
+    p.page.startTest();
+    p.keys.type(XK_Shift_R, true);
+    EXPECT_EQ(p.page.statusKey(), u"keybinds.test_success"_s);
+    p.clock.advance(std::chrono::milliseconds(1500));
+    p.page.handleLocalKey(XK_Shift_R, true, {}); // the same key again does not restart the time
+    p.clock.advance(std::chrono::milliseconds(499));
+    EXPECT_TRUE(p.page.isTesting());
+    p.clock.advance(std::chrono::milliseconds(1));
+    EXPECT_FALSE(p.page.isTesting());
+    EXPECT_FALSE(p.settings.isTriggerSuppressed());
+    EXPECT_EQ(p.page.statusKey(), QString());
+}
+
+} // namespace
