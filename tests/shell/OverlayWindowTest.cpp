@@ -272,28 +272,6 @@ TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTa
     }
 }
 
-// While a question is selected, a new line still brings the newest into view; moving the
-// selection brings the selected question back into view.
-TEST_F(OverlayWindowTest, NewLinesShowTheNewestEvenWhileAQuestionIsSelected)
-{
-    ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
-    h.start();
-    for (int k = 1; k <= 5; ++k)
-        line(Speaker::interviewer,
-             u"Question %1: tell me about a time you had to change a design late in a project?"_s.arg(k));
-    auto* list = window->contentItem()->findChild<QQuickItem*>(u"transcriptList"_s);
-    ASSERT_TRUE(list);
-    const auto atEnd = [&] { return list->property("atYEnd").toBool(); };
-    ASSERT_TRUE(QTest::qWaitFor(atEnd, 3000)) << "the rows do not fill the upper area";
-    for (int k = 0; k < 5; ++k)
-        h.vm.selectPreviousTranscript();
-    ASSERT_TRUE(h.vm.selectedTranscriptIndex().has_value());
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !atEnd(); }, 3000)) << "the selected question stayed out of view";
-    line(Speaker::interviewer, u"And what would you do differently?"_s);
-    EXPECT_TRUE(QTest::qWaitFor(atEnd, 3000)) << "the selection held the view";
-    EXPECT_TRUE(h.vm.selectedTranscriptIndex().has_value());
-}
-
 struct Sample {
     const char* language;
     const char16_t* question;
