@@ -54,13 +54,17 @@ void QmlShellWindows::createPanel(Panel panel, QObject& viewModel)
     const auto [file, name] = fileOf(panel);
     auto* window = m_factory.createWindow(file, name, &viewModel);
     m_panels[static_cast<std::size_t>(panel)] = window;
-    if (!window || panel != Panel::overlay)
+    if (!window)
+        return;
+    // Every panel follows the user to the workspace they are on: a dashboard or welcome
+    // window opened from the overlay or the tray must not appear on another one.
+    if (m_pinToAllWorkspaces)
+        m_pinToAllWorkspaces(*window);
+    if (panel != Panel::overlay)
         return;
     // Placed once; where the user moves it afterwards is not kept.
     if (const auto* screen = QGuiApplication::primaryScreen())
         window->setPosition(overlayPosition(screen->availableGeometry(), window->size()));
-    if (m_pinToAllWorkspaces)
-        m_pinToAllWorkspaces(*window);
 }
 
 QPoint QmlShellWindows::overlayPosition(const QRect& availableArea, const QSize& size)
@@ -101,7 +105,7 @@ void QmlShellWindows::show(Panel panel)
     window->raise();
     if (panel != Panel::overlay)
         window->requestActivate();
-    else if (m_pinToAllWorkspaces)
+    if (m_pinToAllWorkspaces)
         m_pinToAllWorkspaces(*window); // a window manager may have reset it while hidden
 }
 

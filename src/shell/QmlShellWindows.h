@@ -33,7 +33,7 @@ public:
     void destroyWindows() override;
 
     QQuickWindow* quickWindow(Panel panel) const;
-    // What puts the overlay on every workspace; the desktop's own code, handed over by the
+    // What puts the panels on every workspace; the desktop's own code, handed over by the
     // entry point before the panels are made.
     void setAllWorkspaces(std::function<void(QWindow&)> pin) { m_pinToAllWorkspaces = std::move(pin); }
     // Where the overlay opens: near the bottom right of the screen's free area.

@@ -8,8 +8,13 @@
 #include "QmlShellWindows.h"
 #include "X11KeySource.h"
 
+#include "APIError.h"
+#include "JobDescriptionsViewModel.h"
+#include "ResumesViewModel.h"
+
 #include <QClipboard>
 #include <QGuiApplication>
+#include <QJsonArray>
 #include <QQuickItem>
 #include <QQuickWindow>
 
@@ -154,6 +159,116 @@ TEST_F(DashboardWindowTest, GeneralPageInArabicRunsRightToLeft)
     EXPECT_LT(title->mapToScene({title->width() / 2, 0}).x(), window->width() / 2);
     shoot(u"general-ar"_s);
 }
+
+// The pages that show documents and errors, drawn in a language: General with a recoverable
+// error in its status row, Resume with three rows of which the middle one is active, and the
+// job description form with a title typed in. In Arabic the row's delete button and the typed
+// text stand at the right-to-left reading side.
+class DashboardPagesTest : public DashboardWindowTest, public ::testing::WithParamInterface<const char*> {
+protected:
+    bool rightToLeft() const { return h.strings.isRightToLeft(); }
+    QString language() const { return QString::fromLatin1(GetParam()); }
+    // Which half of the window an item's centre lies in, as the reading side sees it: true
+    // for the half where a line of text ends.
+    bool atTheEnd(QQuickItem* item) const
+    {
+        const qreal x = item->mapToScene({item->width() / 2, item->height() / 2}).x();
+        return (x > window->width() / 2) != rightToLeft();
+    }
+};
+
+TEST_P(DashboardPagesTest, GeneralShowsTheLastRecoverableError)
+{
+    ASSERT_NO_FATAL_FAILURE(open(language()));
+    auto& interview = delegate->interviewViewModel();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return interview.isLoggedIn(); }, 3000));
+    awaitTask(interview.startInterview());
+    ASSERT_TRUE(interview.isRecording()) << interview.statusMessage().toStdString();
+    // The speech channel drops and cannot get a new token: a recoverable error, kept.
+    h.backend->speechTokenFailures.failAlways(
+        std::make_exception_ptr(APIError::serverError(503)));
+    h.fail(InterviewHarness::Speaker::interviewer, u"WebSocket closed with code 1006"_s);
+    h.passTime(std::chrono::milliseconds(500));
+    ASSERT_TRUE(interview.lastRecoverableError().has_value());
+    const QString issue = delegate->dashboard()->general()->lastIssueText();
+    ASSERT_FALSE(issue.isEmpty());
+    QQuickItem* shown = nullptr;
+    ASSERT_TRUE(QTest::qWaitFor([&] { return (shown = findByAccessibleName(window, issue)); }, 3000));
+    // The status row ends the page: scrolled to, as a user would, it is in the page's view.
+    QQuickItem* view = shown->parentItem();
+    while (view && !view->inherits("QQuickFlickable"))
+        view = view->parentItem();
+    ASSERT_TRUE(view);
+    const auto inView = [&] {
+        view->setProperty("contentY", std::max(0.0, view->property("contentHeight").toDouble() - view->height()));
+        const auto area = view->mapRectToScene({0, 0, view->width(), view->height()});
+        return area.contains(shown->mapRectToScene({0, 0, shown->width(), shown->height()}));
+    };
+    EXPECT_TRUE(QTest::qWaitFor(inView, 3000)) << issue.toStdString();
+    shoot(u"general-error-"_s + language());
+    awaitTask(interview.stopInterview());
+}
+
+TEST_P(DashboardPagesTest, ResumeListsThreeWithOneActive)
+{
+    QJsonArray list;
+    for (const auto& [id, name] : {std::pair(u"r-3"_s, u"Resume-2026.pdf"_s),
+                                   std::pair(u"r-2"_s, u"Staff engineer CV.pdf"_s),
+                                   std::pair(u"r-1"_s, u"Old resume.txt"_s)})
+        list.append(QJsonObject{{u"id"_s, id}, {u"filename"_s, name}, {u"extractedText"_s, name},
+                                {u"createdAt"_s, u"2026-11-20T09:30:00.000Z"_s}});
+    backend.setRoute("GET", "/api/v1/resume",
+                     FakeBackend::Response::json(200, QJsonDocument(QJsonObject{{u"resumes"_s, list}}).toJson()));
+    ASSERT_NO_FATAL_FAILURE(open(language()));
+    delegate->userSettings().setActiveResumeId(u"r-2"_s);
+    ASSERT_NO_FATAL_FAILURE(pick("sidebar.resume"));
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return findByAccessibleName(window, u"Old resume.txt"_s) != nullptr; }, 5000));
+    EXPECT_EQ(delegate->userSettings().activeResumeId(), u"r-2"_s);
+    auto* active = findByAccessibleName(window, text("resume.active"));
+    auto* activeRow = findByAccessibleName(window, u"Staff engineer CV.pdf"_s);
+    ASSERT_TRUE(active && activeRow);
+    // The label stands on the active row, at its end.
+    const auto rowTop = activeRow->mapToScene({0, 0}).y();
+    const auto labelY = active->mapToScene({0, active->height() / 2}).y();
+    EXPECT_TRUE(labelY > rowTop && labelY < rowTop + activeRow->height());
+    auto* remove = findByAccessibleName(
+        window, h.strings.format(u"documents.delete"_s, {u"Staff engineer CV.pdf"_s}));
+    ASSERT_TRUE(remove);
+    EXPECT_TRUE(atTheEnd(remove));
+    // Drawn by the dashboard's own button, not the style's grey one.
+    EXPECT_TRUE(QString::fromLatin1(remove->metaObject()->className()).startsWith(u"PageIconButton"_s))
+        << remove->metaObject()->className();
+    shoot(u"resume-three-"_s + language());
+}
+
+TEST_P(DashboardPagesTest, JobDescriptionFormTakesTextAtTheReadingSide)
+{
+    backend.setRoute("GET", "/api/v1/job-description",
+                     FakeBackend::Response::json(200, R"({"jobDescriptions": []})"));
+    ASSERT_NO_FATAL_FAILURE(open(language()));
+    ASSERT_NO_FATAL_FAILURE(pick("sidebar.jobDescription"));
+    QQuickItem* add = nullptr;
+    ASSERT_TRUE(QTest::qWaitFor([&] { return (add = findByAccessibleName(window, text("jd.add"))); }, 5000));
+    QMetaObject::invokeMethod(add, "clicked");
+    QQuickItem* title = nullptr;
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return (title = findByAccessibleName(window, text("jd.field_title"))); }, 3000));
+    // Typed as a user does, into the focused field.
+    title->forceActiveFocus();
+    window->requestActivate();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window));
+    for (const char* key = "Staff engineer"; *key; ++key)
+        QTest::keyClick(window, *key);
+    EXPECT_EQ(delegate->dashboard()->jobDescriptions()->formTitle(), u"Staff engineer"_s);
+    // The typed text starts at the reading side: its first letter's place in the field.
+    QRectF first;
+    QMetaObject::invokeMethod(title, "positionToRectangle", Q_RETURN_ARG(QRectF, first), Q_ARG(int, 0));
+    EXPECT_EQ(first.x() > title->width() / 2, rightToLeft()) << first.x();
+    shoot(u"jobDescription-form-"_s + language());
+}
+
+INSTANTIATE_TEST_SUITE_P(Languages, DashboardPagesTest, ::testing::Values("en", "ar"));
 
 } // namespace
 

@@ -2,19 +2,8 @@
 // process: rows found and pressed by their accessible names, the form typed into. Screenshots
 // go to build/screenshots/dashboard.
 
-#include "../server/ServerHarness.h"
 #include "DisplayFixture.h"
-
-#include "APIClient.h"
-#include "AppStrings.h"
-#include "AuthTokenStore.h"
-#include "AuthViewModel.h"
-#include "AwaitTask.h"
-#include "JobDescriptionsViewModel.h"
-#include "NotificationCenter.h"
-#include "PreferencesStore.h"
-#include "ResumesViewModel.h"
-#include "UserSettings.h"
+#include "DocumentRig.h"
 
 #include <QDir>
 #include <QQmlComponent>
@@ -30,16 +19,13 @@
 using namespace Qt::StringLiterals;
 using DisplayFixture::findByAccessibleName;
 
-class DocumentPagesTest : public ::testing::TestWithParam<const char*> {
+class DocumentPagesTest : public ::testing::TestWithParam<const char*>, protected DocumentRig {
 protected:
     void SetUp() override
     {
         if (const auto reason = DisplayFixture::skipReason())
             GTEST_SKIP() << *reason;
-        const auto user = std::get<UserRecord>(
-            server.accounts->createAccount(u"pages@example.org"_s, u"long enough"_s));
-        auth.setApiClient(&client);
-        awaitTask(auth.exchangeCode(server.accounts->issueCode(user.id)));
+        signIn(u"pages@example.org"_s);
         strings.setLanguageCode(QString::fromLatin1(GetParam()));
         QDir().mkpath(QStringLiteral(RAVLET_SCREENSHOT_DIR "/dashboard"));
     }
@@ -78,16 +64,6 @@ protected:
         return u"dashboard/"_s + QString::fromLatin1(page) + u'-' + strings.languageCode();
     }
 
-    ServerHarness server;
-    InMemoryTokenStore tokens;
-    NotificationCenter notifications;
-    APIClient client{server.base(), tokens, notifications};
-    AuthViewModel auth{tokens};
-    JsonPreferencesStore preferences{server.dir.filePath(u"preferences.json"_s)};
-    UserSettings settings{preferences, notifications};
-    AppStrings strings{{u"en"_s}};
-    ResumesViewModel resumes{auth, settings, strings, nullptr};
-    JobDescriptionsViewModel jobs{auth, settings, strings, nullptr};
     QQmlEngine engine;
     QQuickWindow window;
     std::unique_ptr<QQuickItem> page;

@@ -2,20 +2,8 @@
 // saves become active, deletes and loads repair the active id, failures leave everything as
 // it was.
 
-#include "../server/ServerHarness.h"
-
-#include "APIClient.h"
-#include "AppStrings.h"
-#include "AuthTokenStore.h"
-#include "AuthViewModel.h"
-#include "AwaitTask.h"
+#include "DocumentRig.h"
 #include "LogCapture.h"
-#include "NotificationCenter.h"
-#include "PreferencesStore.h"
-#include "TelemetryClient.h"
-#include "UserSettings.h"
-#include "JobDescriptionsViewModel.h"
-#include "ResumesViewModel.h"
 
 #include <QAbstractItemModelTester>
 
@@ -24,14 +12,11 @@
 using namespace Qt::StringLiterals;
 using Fatal = QAbstractItemModelTester::FailureReportingMode;
 
-class DocumentsViewModelTest : public ::testing::Test {
+class DocumentsViewModelTest : public ::testing::Test, protected DocumentRig {
 protected:
     void SetUp() override
     {
-        const auto user = std::get<UserRecord>(
-            server.accounts->createAccount(u"docs@example.org"_s, u"long enough"_s));
-        auth.setApiClient(&client);
-        awaitTask(auth.exchangeCode(server.accounts->issueCode(user.id)));
+        signIn(u"docs@example.org"_s);
         ASSERT_TRUE(auth.isLoggedIn());
     }
 
@@ -47,18 +32,6 @@ protected:
         return names;
     }
 
-    ServerHarness server;
-    InMemoryTokenStore tokens;
-    NotificationCenter notifications;
-    APIClient client{server.base(), tokens, notifications};
-    AuthViewModel auth{tokens};
-    JsonPreferencesStore preferences{server.dir.filePath(u"preferences.json"_s)};
-    UserSettings settings{preferences, notifications};
-    AppStrings strings{{u"en"_s}};
-    ManualClock clock;
-    TelemetryClient telemetry{server.base(), preferences, clock};
-    ResumesViewModel resumes{auth, settings, strings, &telemetry};
-    JobDescriptionsViewModel jobs{auth, settings, strings, &telemetry};
     // Attached before the models hold anything, so that every change is checked.
     QAbstractItemModelTester resumesTester{&resumes, Fatal::Fatal};
     QAbstractItemModelTester jobsTester{&jobs, Fatal::Fatal};

@@ -77,29 +77,32 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
         EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected)
             << upper << " " << by;
 
-    QList<AIAnswerEntry> three(3); // the last one still without text
-    three[0].answer = u"one"_s;
-    three[1].answer = u"two"_s;
+    // Of 600 the answer keeps 120 however far down the divider stands; a panel with less than
+    // that for both areas has no upper area.
+    const std::array<double, 3> shares[] = {{0.2, 600, 120}, {0.9, 600, 480}, {0.5, 100, 0}};
+    for (const auto& [ratio, total, upper] : shares)
+        EXPECT_DOUBLE_EQ(OverlayViewModel::upperHeightOf(ratio, total), upper) << ratio << " " << total;
+
     using enum AnswerState;
-    // Selected, the last one streaming, then what shows: only a streaming answer with no text
-    // yet shows as generating.
-    const std::tuple<std::optional<int>, bool, OverlayViewModel::AnswerView> cases[] = {
-        {std::nullopt, false, {{}, false, placeholder, u"–/3"_s, false, false}},
-        {0, false, {u"one"_s, false, answer, u"1/3"_s, false, true}},
-        {1, true, {u"two"_s, false, answer, u"2/3"_s, true, true}},
-        {2, true, {{}, true, generating, u"3/3"_s, true, false}},
-        {2, false, {{}, false, placeholder, u"3/3"_s, true, false}},
-        {3, true, {{}, false, placeholder, u"–/3"_s, false, false}},
-        {-1, false, {{}, false, placeholder, u"–/3"_s, false, false}},
+    // Selected of three, its text, whether it streams, then what shows: only a streaming answer
+    // with no text yet shows as generating, and a finished one with no text is still an answer.
+    const std::tuple<std::optional<int>, QString, bool, OverlayViewModel::AnswerView> cases[] = {
+        {std::nullopt, {}, false, {{}, false, placeholder, u"–/3"_s, false, false}},
+        {0, u"one"_s, false, {u"one"_s, false, answer, u"1/3"_s, false, true}},
+        {2, u"thr"_s, true, {u"thr"_s, true, answer, u"3/3"_s, true, false}},
+        {2, {}, true, {{}, true, generating, u"3/3"_s, true, false}},
+        {2, {}, false, {{}, false, answer, u"3/3"_s, true, false}},
+        {3, {}, false, {{}, false, placeholder, u"–/3"_s, false, false}},
+        {-1, {}, false, {{}, false, placeholder, u"–/3"_s, false, false}},
     };
     const auto fields = [](const OverlayViewModel::AnswerView& v) {
         return std::tuple(v.text, v.isStreaming, int(v.state), v.position, v.hasPrevious,
                           v.hasNext);
     };
-    for (const auto& [selected, generating, view] : cases)
-        EXPECT_EQ(fields(OverlayViewModel::answerViewOf(three, selected, generating)), fields(view))
-            << selected.value_or(-9) << " " << generating;
-    EXPECT_EQ(OverlayViewModel::answerViewOf({}, std::nullopt, false).position, u"–/0"_s);
+    for (const auto& [selected, text, streaming, view] : cases)
+        EXPECT_EQ(fields(OverlayViewModel::answerViewOf(selected, 3, text, streaming)), fields(view))
+            << selected.value_or(-9) << " " << streaming;
+    EXPECT_EQ(OverlayViewModel::answerViewOf(std::nullopt, 0, {}, false).position, u"–/0"_s);
 }
 
 // Through one interview: the hint follows the settings at once and goes with the first row, a
@@ -163,6 +166,14 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
     InterviewHarness::settle();
     EXPECT_FALSE(overlay.answers()->index(0).data(AnswersModel::IsStreamingRole).toBool());
     EXPECT_TRUE(overlay.canTrigger());
+
+    // An answer that ends without a word is selected and shown as it is, not as no answer.
+    h.vm.triggerAIAnswer();
+    InterviewHarness::settle();
+    h.backend->answerStreams.last()->finish();
+    InterviewHarness::settle();
+    EXPECT_EQ(overlay.positionText(), u"2/2"_s);
+    EXPECT_EQ(overlay.answerState(), AnswerState::answer);
 }
 
 // The tip comes a delay after the overlay shows when no resume is on file or the list could not

@@ -7,6 +7,7 @@
 #include "DashboardViewModel.h"
 #include "QmlShellWindows.h"
 #include "WelcomeViewModel.h"
+#include "X11Workspaces.h"
 
 #include <QGuiApplication>
 #include <QQuickItem>
@@ -155,5 +156,25 @@ INSTANTIATE_TEST_SUITE_P(Routes, KeysRowTest,
                          [](const auto& info) {
                              return info.param == GlobalKeysRoute::desktopShortcuts ? "Portal" : "BoundCommands";
                          });
+
+// The welcome and dashboard windows carry the hints that keep a window on every workspace, as
+// the overlay does, whether they are shown for the first time or again.
+TEST_F(WindowsTest, WelcomeAndDashboardOpenOnEveryWorkspace)
+{
+    windows.setAllWorkspaces(showOnAllWorkspaces);
+    launch(u"en"_s);
+    windows.show(ShellWindows::Panel::dashboard);
+    auto* dashboard = windows.quickWindow(ShellWindows::Panel::dashboard);
+    ASSERT_TRUE(dashboard && QTest::qWaitForWindowExposed(dashboard));
+    for (auto* window : {welcome, dashboard}) {
+        const QString id = QString::number(window->winId());
+        const auto property = [&](const QString& name) {
+            return DisplayFixture::tool(u"xprop"_s, {u"-id"_s, id, name}).value_or(QString());
+        };
+        EXPECT_TRUE(property(u"_NET_WM_DESKTOP"_s).endsWith(u"= 4294967295"_s)) << window->title().toStdString();
+        EXPECT_TRUE(property(u"_NET_WM_STATE"_s).contains(u"_NET_WM_STATE_STICKY"_s))
+            << window->title().toStdString();
+    }
+}
 
 } // namespace

@@ -108,11 +108,11 @@ Window {
                             Layout.fillWidth: true
                         }
                     }
-                    ToolButton {
+                    PageIconButton {
                         id: accountMenuButton
+                        symbol: "ellipsis"
+                        symbolSize: 18
                         Accessible.name: window.strings.text("dashboard.account_menu")
-                        Accessible.onPressAction: clicked()
-                        contentItem: Icon { name: "ellipsis"; size: 18; color: "#d0d0d5" }
                         onClicked: accountMenu.open()
                         Menu {
                             id: accountMenu

@@ -9,7 +9,6 @@ ScrollView {
 
     required property GeneralPageViewModel page
     required property AppStrings strings
-    readonly property UserSettings settings: page.settings
 
     contentWidth: availableWidth
     clip: true
@@ -72,15 +71,15 @@ ScrollView {
 
         Toggle {
             text: root.strings.text("label.auto_trigger")
-            checked: root.settings.autoTriggerAIAnswers
-            onToggled: root.settings.autoTriggerAIAnswers = checked
+            checked: root.page.autoTrigger
+            onToggled: root.page.autoTrigger = checked
         }
 
         SectionTitle { text: root.strings.text("section.privacy") }
         Toggle {
             text: root.strings.text("label.anonymous_telemetry")
-            checked: root.settings.sendAnonymousTelemetry
-            onToggled: root.settings.sendAnonymousTelemetry = checked
+            checked: root.page.sendTelemetry
+            onToggled: root.page.sendTelemetry = checked
         }
         Label {
             text: root.strings.text("label.anonymous_telemetry_desc")
@@ -94,16 +93,16 @@ ScrollView {
         ValueSlider {
             label: root.strings.text("label.opacity")
             range: root.page.opacityRange
-            value: root.settings.overlayOpacity
+            value: root.page.overlayOpacity
             valueText: root.page.opacityText
-            onMoved: value => root.settings.overlayOpacity = value
+            onMoved: value => root.page.overlayOpacity = value
         }
         ValueSlider {
             label: root.strings.text("label.font")
             range: root.page.fontSizeRange
-            value: root.settings.overlayFontSize
+            value: root.page.overlayFontSize
             valueText: root.page.fontSizeText
-            onMoved: value => root.settings.overlayFontSize = value
+            onMoved: value => root.page.overlayFontSize = value
         }
 
         SectionTitle { text: root.strings.text("label.permissions_required") }

@@ -19,10 +19,10 @@ GeneralPageViewModel::GeneralPageViewModel(Services services, QObject* parent)
     connect(&interview, &InterviewViewModel::statusMessageChanged, this, &GeneralPageViewModel::statusChanged);
     connect(&interview, &InterviewViewModel::lastRecoverableErrorChanged, this,
             &GeneralPageViewModel::statusChanged);
-    connect(&m_services.settings, &UserSettings::overlayOpacityChanged, this,
-            &GeneralPageViewModel::displayChanged);
-    connect(&m_services.settings, &UserSettings::overlayFontSizeChanged, this,
-            &GeneralPageViewModel::displayChanged);
+    for (const auto changed : {&UserSettings::overlayOpacityChanged, &UserSettings::overlayFontSizeChanged,
+                               &UserSettings::autoTriggerAIAnswersChanged,
+                               &UserSettings::sendAnonymousTelemetryChanged})
+        connect(&m_services.settings, changed, this, &GeneralPageViewModel::displayChanged);
     connect(&m_services.strings, &AppStrings::languageCodeChanged, this, &GeneralPageViewModel::statusChanged);
 }
 

@@ -22,7 +22,10 @@ class GeneralPageViewModel : public QObject {
     Q_OBJECT
     QML_ELEMENT
     QML_UNCREATABLE("made by the dashboard")
-    Q_PROPERTY(UserSettings* settings READ settings CONSTANT)
+    Q_PROPERTY(bool autoTrigger READ autoTrigger WRITE setAutoTrigger NOTIFY displayChanged)
+    Q_PROPERTY(bool sendTelemetry READ sendTelemetry WRITE setSendTelemetry NOTIFY displayChanged)
+    Q_PROPERTY(double overlayOpacity READ overlayOpacity WRITE setOverlayOpacity NOTIFY displayChanged)
+    Q_PROPERTY(double overlayFontSize READ overlayFontSize WRITE setOverlayFontSize NOTIFY displayChanged)
     // The sliders' ranges: lowest, highest, step.
     Q_PROPERTY(QList<double> opacityRange READ opacityRange CONSTANT)
     Q_PROPERTY(QList<double> fontSizeRange READ fontSizeRange CONSTANT)
@@ -61,7 +64,15 @@ public:
     explicit GeneralPageViewModel(Services services, QObject* parent = nullptr);
     ~GeneralPageViewModel() override;
 
-    UserSettings* settings() const { return &m_services.settings; }
+    // The page's switches and sliders, each the setting of the same name.
+    bool autoTrigger() const { return m_services.settings.autoTriggerAIAnswers(); }
+    void setAutoTrigger(bool on) { m_services.settings.setAutoTriggerAIAnswers(on); }
+    bool sendTelemetry() const { return m_services.settings.sendAnonymousTelemetry(); }
+    void setSendTelemetry(bool on) { m_services.settings.setSendAnonymousTelemetry(on); }
+    double overlayOpacity() const { return m_services.settings.overlayOpacity(); }
+    void setOverlayOpacity(double value) { m_services.settings.setOverlayOpacity(value); }
+    double overlayFontSize() const { return m_services.settings.overlayFontSize(); }
+    void setOverlayFontSize(double value) { m_services.settings.setOverlayFontSize(value); }
     static QList<double> opacityRange() { return {opacityMinimum, opacityMaximum, opacityStep}; }
     static QList<double> fontSizeRange() { return {fontSizeMinimum, fontSizeMaximum, fontSizeStep}; }
     QString opacityText() const;

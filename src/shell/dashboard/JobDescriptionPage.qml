@@ -17,10 +17,9 @@ Item {
     onVisibleChanged: if (visible) jobs.load()
     Component.onCompleted: if (visible) jobs.load()
 
-    component AddButton: Button {
+    component AddButton: PageButton {
+        accent: true
         text: page.strings.text("jd.add")
-        Accessible.name: text
-        Accessible.onPressAction: clicked()
         onClicked: page.jobs.openForm()
     }
     component FieldLabel: Label {
@@ -136,12 +135,11 @@ Item {
                                 text: page.strings.text("jd.active")
                                 color: "#7aa7ff"
                                 font.pixelSize: 11
+                                Accessible.name: text
                             }
-                            ToolButton {
-                                text: Icons.glyph("trash")
-                                font.family: Icons.family
+                            PageIconButton {
+                                symbol: "trash"
                                 Accessible.name: row.deleteName
-                                Accessible.onPressAction: clicked()
                                 onClicked: page.jobs.remove(row.index)
                             }
                         }
@@ -159,23 +157,22 @@ Item {
                         font.pixelSize: 15
                         Layout.fillWidth: true
                     }
-                    ToolButton {
-                        text: Icons.glyph("xmark.circle.fill")
-                        font.family: Icons.family
+                    PageIconButton {
+                        symbol: "xmark.circle.fill"
+                        symbolSize: 18
                         Accessible.name: page.strings.text("documents.close_form")
-                        Accessible.onPressAction: clicked()
                         onClicked: page.jobs.closeForm()
                     }
                 }
                 FieldLabel { text: page.strings.text("jd.field_title") }
-                TextField {
+                PageTextField {
                     text: page.jobs.formTitle
                     onTextEdited: page.jobs.formTitle = text
                     Layout.fillWidth: true
                     Accessible.name: page.strings.text("jd.field_title")
                 }
                 FieldLabel { text: page.strings.text("jd.field_company") }
-                TextField {
+                PageTextField {
                     text: page.jobs.formCompany
                     onTextEdited: page.jobs.formCompany = text
                     Layout.fillWidth: true
@@ -186,19 +183,30 @@ Item {
                     Layout.fillWidth: true
                     Layout.fillHeight: true
                     TextArea {
+                        id: contentField
                         text: page.jobs.formContent
                         onTextChanged: if (text !== page.jobs.formContent) page.jobs.formContent = text
                         wrapMode: TextEdit.Wrap
-                        background: Rectangle { color: "white"; border.color: "#80808a" }
+                        // Set, so that it follows the mirroring as the one-line fields do.
+                        horizontalAlignment: TextEdit.AlignLeft
+                        color: "white"
+                        selectionColor: "#3b6ff0"
+                        selectedTextColor: "white"
+                        font.pixelSize: 13
+                        background: Rectangle {
+                            radius: 7
+                            color: Qt.rgba(1, 1, 1, 0.06)
+                            border.color: contentField.activeFocus ? "#3b6ff0" : Qt.rgba(1, 1, 1, 0.14)
+                            border.width: 1
+                        }
                         Accessible.name: page.strings.text("jd.field_content")
                     }
                 }
-                Button {
+                PageButton {
+                    accent: true
                     text: page.jobs.saveButtonText
                     enabled: page.jobs.canSave
                     Layout.alignment: Qt.AlignRight
-                    Accessible.name: text
-                    Accessible.onPressAction: clicked()
                     onClicked: page.jobs.submitForm()
                 }
             }

@@ -26,10 +26,8 @@ ColumnLayout {
             Accessible.name: text
         }
     }
-    Button {
+    PageButton {
         text: root.strings.text("sidebar.signOut")
-        Accessible.name: text
-        Accessible.onPressAction: clicked()
         onClicked: root.page.signOut()
     }
     Item { Layout.fillHeight: true }

@@ -26,7 +26,8 @@ Item {
         onAccepted: page.resumes.uploadUrl(selectedFile)
     }
 
-    component UploadButton: Button {
+    component UploadButton: PageButton {
+        accent: true
         text: page.resumes.uploadButtonText
         enabled: !page.resumes.isUploading
         Accessible.name: text
@@ -148,12 +149,11 @@ Item {
                                 text: page.strings.text("resume.active")
                                 color: "#7aa7ff"
                                 font.pixelSize: 11
+                                Accessible.name: text
                             }
-                            ToolButton {
-                                text: Icons.glyph("trash")
-                                font.family: Icons.family
+                            PageIconButton {
+                                symbol: "trash"
                                 Accessible.name: row.deleteName
-                                Accessible.onPressAction: clicked()
                                 onClicked: page.resumes.remove(row.index)
                             }
                         }

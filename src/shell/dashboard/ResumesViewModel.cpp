@@ -31,76 +31,31 @@ QString displayDate(const QString& createdAt, const QString& languageCode)
 
 ResumesViewModel::ResumesViewModel(AuthViewModel& auth, UserSettings& settings, AppStrings& strings,
                                    TelemetryClient* telemetry, QObject* parent)
-    : QAbstractListModel(parent)
-    , m_auth(&auth)
-    , m_settings(&settings)
-    , m_strings(&strings)
-    , m_telemetry(telemetry)
-    , m_shownActiveId(settings.activeResumeId())
+    : DocumentListViewModel(auth, settings, strings, telemetry,
+                            {&UserSettings::activeResumeId, &UserSettings::setActiveResumeId,
+                             &UserSettings::activeResumeIdChanged},
+                            parent)
 {
-    connect(&settings, &UserSettings::activeResumeIdChanged, this, &ResumesViewModel::activeIdChanged);
-    connect(&auth, &AuthViewModel::isLoggedInChanged, this, [this] {
-        // Another account's documents must not stay on screen.
-        if (m_auth && !m_auth->isLoggedIn())
-            setResumes({});
-        Q_EMIT pageStateChanged();
-    });
-    connect(&strings, &AppStrings::languageCodeChanged, this, [this] {
-        if (!m_resumes.isEmpty())
-            Q_EMIT dataChanged(index(0), index(rowCount() - 1), {UploadedTextRole, DeleteNameRole});
-        Q_EMIT isUploadingChanged();
-    });
 }
 
-int ResumesViewModel::rowCount(const QModelIndex& parent) const
+QVariant ResumesViewModel::ownData(int row, int role) const
 {
-    return parent.isValid() ? 0 : static_cast<int>(m_resumes.size());
-}
-
-QVariant ResumesViewModel::data(const QModelIndex& index, int role) const
-{
-    if (!checkIndex(index, CheckIndexOption::IndexIsValid | CheckIndexOption::ParentIsInvalid))
-        return {};
-    const auto& resume = m_resumes.at(index.row());
-    const bool active = m_shownActiveId == resume.id;
+    const auto& resume = m_resumes.at(row);
     switch (role) {
-    case Qt::DisplayRole:
     case FilenameRole:
         return resume.filename;
-    case IdRole:
-        return resume.id;
-    case IsActiveRole:
-        return active;
-    case SelectionSymbolRole:
-        return active ? u"checkmark.circle.fill"_s : u"circle"_s;
     case UploadedTextRole:
         return m_strings ? m_strings->format(u"resume.uploaded"_s,
                                              {displayDate(resume.createdAt, m_strings->languageCode())})
                          : resume.createdAt;
-    case DeleteNameRole:
-        return m_strings ? m_strings->format(u"documents.delete"_s, {resume.filename}) : QString();
     default:
         return {};
     }
 }
 
-QHash<int, QByteArray> ResumesViewModel::roleNames() const
+QHash<int, QByteArray> ResumesViewModel::ownRoleNames() const
 {
-    return {{IdRole, "resumeId"},
-            {FilenameRole, "filename"},
-            {IsActiveRole, "isActive"},
-            {SelectionSymbolRole, "selectionSymbol"},
-            {DeleteNameRole, "deleteName"},
-            {UploadedTextRole, "uploadedText"}};
-}
-
-ResumesViewModel::PageState ResumesViewModel::pageState() const
-{
-    if (!m_auth || !m_auth->isLoggedIn())
-        return PageState::signedOut;
-    if (m_isLoading)
-        return PageState::loading;
-    return m_resumes.isEmpty() ? PageState::empty : PageState::list;
+    return {{IdRole, "resumeId"}, {FilenameRole, "filename"}, {UploadedTextRole, "uploadedText"}};
 }
 
 QString ResumesViewModel::uploadButtonText() const
@@ -144,18 +99,6 @@ void ResumesViewModel::uploadUrl(const QUrl& fileUrl)
     upload(fileUrl.isLocalFile() ? fileUrl.toLocalFile() : fileUrl.toString());
 }
 
-void ResumesViewModel::select(int row)
-{
-    if (row >= 0 && row < m_resumes.size() && m_settings)
-        m_settings->setActiveResumeId(m_resumes.at(row).id);
-}
-
-void ResumesViewModel::remove(int row)
-{
-    if (row >= 0 && row < m_resumes.size())
-        deleteResume(m_resumes.at(row).id);
-}
-
 QCoro::Task<> ResumesViewModel::loadResumes()
 {
     QPointer self(this);
@@ -173,7 +116,9 @@ QCoro::Task<> ResumesViewModel::loadResumes()
         if (!self)
             co_return;
         const auto count = wrapper.resumes.size();
-        setResumes(std::move(wrapper.resumes));
+        beginReplace();
+        m_resumes = std::move(wrapper.resumes);
+        endReplace();
         repairActiveId();
         logLine(u"ResumeView", u"loaded "_s + QString::number(count) + u" resumes"_s);
     } catch (...) {
@@ -189,8 +134,8 @@ QCoro::Task<> ResumesViewModel::loadResumes()
 QCoro::Task<> ResumesViewModel::upload(QString filePath)
 {
     QPointer self(this);
-    APIClient* api = m_auth ? m_auth->apiClient() : nullptr;
-    if (!api || !m_auth->isLoggedIn()) {
+    APIClient* api = this->api();
+    if (!api) {
         setErrorMessage(m_strings ? m_strings->text(u"resume.not_signed_in"_s) : QString());
         co_return;
     }
@@ -200,13 +145,9 @@ QCoro::Task<> ResumesViewModel::upload(QString filePath)
         auto resume = co_await api->uploadResume(filePath);
         if (!self)
             co_return;
-        // Newest first, as the server lists them.
-        beginInsertRows({}, 0, 0);
+        beginInsertFirst();
         m_resumes.prepend(resume);
-        endInsertRows();
-        Q_EMIT pageStateChanged();
-        if (m_settings)
-            m_settings->setActiveResumeId(resume.id);
+        endInsertFirst(resume.id);
         if (m_telemetry)
             m_telemetry->resumeUpload(true);
     } catch (...) {
@@ -217,96 +158,10 @@ QCoro::Task<> ResumesViewModel::upload(QString filePath)
     setUploading(false);
 }
 
-QCoro::Task<> ResumesViewModel::deleteResume(QString id)
-{
-    QPointer self(this);
-    APIClient* api = m_auth ? m_auth->apiClient() : nullptr;
-    if (!api)
-        co_return;
-    setErrorMessage(std::nullopt);
-    try {
-        co_await api->deleteResume(id);
-    } catch (...) {
-        if (self)
-            setErrorMessage(u"Delete failed: "_s + errorDescription(std::current_exception()));
-        co_return;
-    }
-    if (!self)
-        co_return;
-    // Looked up again: the list may have changed while the request was out.
-    const int row = rowOf(id);
-    if (row >= 0) {
-        beginRemoveRows({}, row, row);
-        m_resumes.removeAt(row);
-        endRemoveRows();
-        Q_EMIT pageStateChanged();
-    }
-    if (m_settings && m_settings->activeResumeId() == id)
-        repairActiveId();
-}
-
-void ResumesViewModel::setLoading(bool loading)
-{
-    if (m_isLoading == loading)
-        return;
-    m_isLoading = loading;
-    Q_EMIT pageStateChanged();
-}
-
 void ResumesViewModel::setUploading(bool uploading)
 {
     if (m_isUploading == uploading)
         return;
     m_isUploading = uploading;
     Q_EMIT isUploadingChanged();
-}
-
-void ResumesViewModel::setErrorMessage(std::optional<QString> message)
-{
-    if (m_errorMessage == message)
-        return;
-    m_errorMessage = std::move(message);
-    Q_EMIT errorMessageChanged();
-}
-
-void ResumesViewModel::setResumes(QList<APIClient::ResumeResponse> resumes)
-{
-    beginResetModel();
-    m_resumes = std::move(resumes);
-    endResetModel();
-    Q_EMIT pageStateChanged();
-}
-
-void ResumesViewModel::repairActiveId()
-{
-    if (!m_settings)
-        return;
-    const auto active = m_settings->activeResumeId();
-    if (active && rowOf(*active) >= 0)
-        return;
-    if (!m_resumes.isEmpty())
-        m_settings->setActiveResumeId(m_resumes.first().id);
-    else if (active)
-        m_settings->setActiveResumeId(std::nullopt);
-}
-
-int ResumesViewModel::rowOf(const QString& id) const
-{
-    for (int row = 0; row < m_resumes.size(); ++row) {
-        if (m_resumes.at(row).id == id)
-            return row;
-    }
-    return -1;
-}
-
-void ResumesViewModel::activeIdChanged()
-{
-    if (!m_settings)
-        return;
-    const auto previous = std::exchange(m_shownActiveId, m_settings->activeResumeId());
-    for (const auto& id : {previous, m_shownActiveId}) {
-        const int row = id ? rowOf(*id) : -1;
-        if (row >= 0)
-            Q_EMIT dataChanged(index(row), index(row), {IsActiveRole, SelectionSymbolRole});
-    }
 }

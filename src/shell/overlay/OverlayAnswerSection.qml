@@ -160,7 +160,7 @@ Item {
             ChevronButton {
                 objectName: "previousAnswerButton"
                 symbol: LayoutMirroring.enabled ? "chevron.right" : "chevron.left"
-                label: "Previous answer"
+                label: section.strings.text("overlay.previous_answer")
                 enabled: section.overlay.hasPreviousAnswer
                 onClicked: section.overlay.selectPreviousAnswer()
             }
@@ -179,7 +179,7 @@ Item {
             ChevronButton {
                 objectName: "nextAnswerButton"
                 symbol: LayoutMirroring.enabled ? "chevron.left" : "chevron.right"
-                label: "Next answer"
+                label: section.strings.text("overlay.next_answer")
                 enabled: section.overlay.hasNextAnswer
                 onClicked: section.overlay.selectNextAnswer()
             }

@@ -10,7 +10,6 @@ Item {
     id: view
 
     required property OverlayViewModel overlay
-    readonly property UserSettings settings: overlay.settings
     readonly property AppStrings strings: overlay.strings
     property Window hostWindow
 
@@ -21,11 +20,15 @@ Item {
     readonly property int barSpacing: 8
     readonly property int barEndMargin: 10
     readonly property int tipEndInset: 60
-    readonly property real fontSize: settings.overlayFontSize
-    // The two areas share what the bar and the divider leave; the answer keeps at least 120.
+    readonly property real fontSize: overlay.fontSize
+    // The two areas share what the bar and the divider leave.
     readonly property real areasHeight: Math.max(0, height - topBarHeight - dividerHeight)
-    readonly property real upperHeight: Math.max(
-        0, Math.min(areasHeight * overlay.dividerRatio, areasHeight - 120))
+
+    Binding {
+        target: view.overlay
+        property: "areasHeight"
+        value: view.areasHeight
+    }
 
     component OverlayIconButton: AbstractButton {
         id: iconButton
@@ -54,7 +57,7 @@ Item {
         anchors.fill: parent
         radius: 12
         color: "#16161b"
-        opacity: view.settings.overlayOpacity
+        opacity: view.overlay.panelOpacity
         border.color: Qt.rgba(1, 1, 1, 0.08)
     }
 
@@ -87,7 +90,7 @@ Item {
             property point windowAt
             property bool movesByHand: false
             Accessible.role: Accessible.Grip
-            Accessible.name: "Move overlay"
+            Accessible.name: view.strings.text("overlay.move")
             onPressed: mouse => {
                 movesByHand = !(view.hostWindow && view.hostWindow.startSystemMove());
                 pressedAt = mapToGlobal(mouse.x, mouse.y);
@@ -197,7 +200,7 @@ Item {
         anchors.left: parent.left
         anchors.right: parent.right
         anchors.top: topBar.bottom
-        height: view.upperHeight
+        height: view.overlay.upperHeight
         clip: true
 
         ListView {
@@ -214,7 +217,7 @@ Item {
             visible: !view.overlay.showsHint
             // Rows are the list's children for a screen reader, not loose labels of the window.
             Accessible.role: Accessible.List
-            Accessible.name: "Transcript"
+            Accessible.name: view.strings.text("overlay.transcript")
 
             delegate: Rectangle {
                 id: row
@@ -268,18 +271,18 @@ Item {
                 NumberAnimation { duration: 200; easing.type: Easing.InOutQuad }
             }
 
-            // Follows the newest line, or the selected question while one is chosen.
-            function follow() {
+            // A new or changed line brings the newest into view, even while a question is
+            // selected; moving the selection brings the selected question into view.
+            function showNewest() { positionViewAtEnd(); }
+            function showSelected() {
                 if (view.overlay.transcriptRows.selectedRow >= 0)
                     positionViewAtIndex(view.overlay.transcriptRows.selectedRow, ListView.Contain);
-                else
-                    positionViewAtEnd();
             }
-            onCountChanged: Qt.callLater(follow)
+            onCountChanged: Qt.callLater(showNewest)
             Connections {
                 target: view.overlay.transcriptRows
-                function onDataChanged() { Qt.callLater(transcript.follow) }
-                function onSelectedRowChanged() { Qt.callLater(transcript.follow) }
+                function onDataChanged() { Qt.callLater(transcript.showNewest) }
+                function onSelectedRowChanged() { Qt.callLater(transcript.showSelected) }
             }
         }
 
@@ -307,7 +310,7 @@ Item {
         anchors.top: upperArea.bottom
         height: view.dividerHeight
         Accessible.role: Accessible.Separator
-        Accessible.name: "Resize areas"
+        Accessible.name: view.strings.text("overlay.resize_areas")
 
         Rectangle {
             anchors.verticalCenter: parent.verticalCenter

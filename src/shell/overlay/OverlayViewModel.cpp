@@ -40,6 +40,8 @@ OverlayViewModel::OverlayViewModel(Services services, QObject* parent)
     connect(&interview, &InterviewViewModel::aiAnswerHistoryChanged, this, &OverlayViewModel::answerChanged);
     connect(&interview, &InterviewViewModel::canRequestAnswerChanged, this,
             &OverlayViewModel::canTriggerChanged);
+    connect(&settings, &UserSettings::overlayFontSizeChanged, this, &OverlayViewModel::appearanceChanged);
+    connect(&settings, &UserSettings::overlayOpacityChanged, this, &OverlayViewModel::appearanceChanged);
     connect(&settings, &UserSettings::autoTriggerAIAnswersChanged, this, &OverlayViewModel::hintChanged);
     connect(&settings, &UserSettings::aiTriggerKeyChanged, this, &OverlayViewModel::hintChanged);
     connect(&settings, &UserSettings::aiTriggerKeyChanged, this, &OverlayViewModel::triggerKeyChanged);
@@ -126,22 +128,18 @@ QString OverlayViewModel::hintText() const
     return m_services.strings.format(u"overlay.manual_trigger_hint"_s, {triggerKeyName()});
 }
 
-OverlayViewModel::AnswerView OverlayViewModel::answerViewOf(const QList<AIAnswerEntry>& history,
-                                                           std::optional<int> selected, bool isGenerating)
+OverlayViewModel::AnswerView OverlayViewModel::answerViewOf(std::optional<int> selected, int count,
+                                                           const QString& selectedText, bool isStreaming)
 {
     AnswerView view;
-    const auto count = static_cast<int>(history.size());
     const bool inRange = selected && *selected >= 0 && *selected < count;
     if (inRange) {
-        view.text = history.at(*selected).answer;
-        view.isStreaming = isGenerating && *selected == count - 1;
+        view.text = selectedText;
+        view.isStreaming = isStreaming;
         view.hasPrevious = *selected > 0;
         view.hasNext = *selected < count - 1;
+        view.state = isStreaming && selectedText.isEmpty() ? AnswerState::generating : AnswerState::answer;
     }
-    if (!view.text.isEmpty())
-        view.state = AnswerState::answer;
-    else if (view.isStreaming)
-        view.state = AnswerState::generating;
     // A dash stands for "none": nothing selected, or a selection past the list.
     view.position = (inRange ? QString::number(*selected + 1) : u"–"_s) + u'/' + QString::number(count);
     return view;
@@ -150,8 +148,8 @@ OverlayViewModel::AnswerView OverlayViewModel::answerViewOf(const QList<AIAnswer
 OverlayViewModel::AnswerView OverlayViewModel::answerView() const
 {
     const auto& interview = m_services.interview;
-    return answerViewOf(interview.aiAnswerHistory(), interview.selectedAnswerIndex(),
-                        interview.isGeneratingAnswer());
+    return answerViewOf(interview.selectedAnswerIndex(), static_cast<int>(interview.aiAnswerHistory().size()),
+                        interview.currentAnswerText(), interview.isSelectedAnswerStreaming());
 }
 
 QString OverlayViewModel::selectedAnswerText() const
@@ -186,9 +184,17 @@ bool OverlayViewModel::hasNextAnswer() const
 
 bool OverlayViewModel::canTrigger() const
 {
-    const auto& interview = m_services.interview;
-    return interview.isRecording() && interview.isLoggedIn() && interview.currentSessionUsesBackend()
-        && !interview.isGeneratingAnswer();
+    return m_services.interview.canRequestAnswer();
+}
+
+double OverlayViewModel::fontSize() const
+{
+    return m_services.settings.overlayFontSize();
+}
+
+double OverlayViewModel::panelOpacity() const
+{
+    return m_services.settings.overlayOpacity();
 }
 
 QString OverlayViewModel::triggerKeyName() const
@@ -202,6 +208,19 @@ double OverlayViewModel::draggedUpperHeight(double start, double translation, do
     // keeps its minimum.
     const double height = std::min(start + translation, total - minimumAreaHeight);
     return std::max(height, minimumAreaHeight);
+}
+
+double OverlayViewModel::upperHeightOf(double ratio, double total)
+{
+    return std::max(0.0, std::min(total * ratio, total - minimumAnswerHeight));
+}
+
+void OverlayViewModel::setAreasHeight(double height)
+{
+    if (qFuzzyCompare(m_areasHeight + 1, height + 1))
+        return;
+    m_areasHeight = height;
+    Q_EMIT dividerChanged();
 }
 
 void OverlayViewModel::dragDivider(double start, double translation, double total)

@@ -31,7 +31,9 @@ class OverlayViewModel : public QObject {
     Q_PROPERTY(TranscriptRowsModel* transcriptRows READ transcriptRows CONSTANT)
     Q_PROPERTY(AnswersModel* answers READ answers CONSTANT)
     Q_PROPERTY(AppStrings* strings READ strings CONSTANT)
-    Q_PROPERTY(UserSettings* settings READ settings CONSTANT)
+    // The user's overlay settings, as the panel draws them.
+    Q_PROPERTY(double fontSize READ fontSize NOTIFY appearanceChanged)
+    Q_PROPERTY(double panelOpacity READ panelOpacity NOTIFY appearanceChanged)
     Q_PROPERTY(QColor statusColor READ statusColor NOTIFY statusChanged)
     Q_PROPERTY(QString statusMessage READ statusMessage NOTIFY statusChanged)
     Q_PROPERTY(bool isRecording READ isRecording NOTIFY recordingChanged)
@@ -50,6 +52,10 @@ class OverlayViewModel : public QObject {
     Q_PROPERTY(bool canTrigger READ canTrigger NOTIFY canTriggerChanged)
     Q_PROPERTY(QString triggerKeyName READ triggerKeyName NOTIFY triggerKeyChanged)
     Q_PROPERTY(double dividerRatio READ dividerRatio NOTIFY dividerChanged)
+    // The height the transcript and the answer share, which the panel's size gives; the upper
+    // area's height follows from it and the divider.
+    Q_PROPERTY(double areasHeight READ areasHeight WRITE setAreasHeight NOTIFY dividerChanged)
+    Q_PROPERTY(double upperHeight READ upperHeight NOTIFY dividerChanged)
     Q_PROPERTY(bool isDragging READ isDragging NOTIFY dividerChanged)
     Q_PROPERTY(bool showResumeTip READ showResumeTip NOTIFY showResumeTipChanged)
 
@@ -63,6 +69,8 @@ public:
     static constexpr double initialDividerRatio = 0.2;
     // Neither area can be dragged smaller than this.
     static constexpr double minimumAreaHeight = 40;
+    // However the divider stands, the answer keeps room for a few lines and its bar.
+    static constexpr double minimumAnswerHeight = 120;
     // The tip waits for the overlay's entrance to settle.
     static constexpr std::chrono::milliseconds resumeTipDelay{600};
 
@@ -86,7 +94,8 @@ public:
     AnswersModel* answers() const { return m_answers.get(); }
 
     AppStrings* strings() const { return &m_services.strings; }
-    UserSettings* settings() const { return &m_services.settings; }
+    double fontSize() const;
+    double panelOpacity() const;
     QColor statusColor() const;
     QString statusMessage() const;
     int selectedAnswerIndex() const;
@@ -106,12 +115,15 @@ public:
     bool canTrigger() const;
     QString triggerKeyName() const;
     double dividerRatio() const { return m_dividerRatio; }
+    double areasHeight() const { return m_areasHeight; }
+    void setAreasHeight(double height);
+    double upperHeight() const { return upperHeightOf(m_dividerRatio, m_areasHeight); }
     bool isDragging() const { return m_isDragging; }
     bool showResumeTip() const { return m_showResumeTip; }
 
-    // Everything the answer section shows, from the answers, the selection and whether the
-    // newest answer is still streaming. An absent selection, or one past the list, shows the
-    // placeholder.
+    // Everything the answer section shows. The selected text and the streaming test are the
+    // interview's own; this adds what only the panel needs. Nothing selected, or a selection
+    // past the list, shows the placeholder; a selected answer shows even when it has no text.
     struct AnswerView {
         QString text;
         bool isStreaming = false;
@@ -120,12 +132,14 @@ public:
         bool hasPrevious = false;
         bool hasNext = false;
     };
-    static AnswerView answerViewOf(const QList<AIAnswerEntry>& history, std::optional<int> selected,
-                                   bool isGenerating);
+    static AnswerView answerViewOf(std::optional<int> selected, int count, const QString& selectedText,
+                                   bool isStreaming);
 
     // The upper area's height after a drag of the divider by `translation` from `start`, with
     // `total` the height of both areas together.
     static double draggedUpperHeight(double start, double translation, double total);
+    // The upper area's height for a divider at `ratio` of `total`, short of the answer's minimum.
+    static double upperHeightOf(double ratio, double total);
 
     Q_INVOKABLE void toggleInterview();
     Q_INVOKABLE void openResume();
@@ -151,6 +165,7 @@ Q_SIGNALS:
     void canTriggerChanged();
     void triggerKeyChanged();
     void dividerChanged();
+    void appearanceChanged();
     void showResumeTipChanged();
 
 private:
@@ -163,6 +178,7 @@ private:
     std::unique_ptr<TranscriptRowsModel> m_rows;
     std::unique_ptr<AnswersModel> m_answers;
     double m_dividerRatio = initialDividerRatio;
+    double m_areasHeight = 0;
     bool m_isDragging = false;
     bool m_showResumeTip = false;
     TaskHandle m_resumeCheck;

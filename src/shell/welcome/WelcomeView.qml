@@ -73,7 +73,7 @@ Rectangle {
             visible: running
             Layout.alignment: Qt.AlignHCenter
             Layout.preferredHeight: 24
-            Accessible.name: "loading"
+            Accessible.name: view.strings.text("welcome.loading")
         }
         Label {
             visible: text.length > 0
