@@ -108,6 +108,12 @@ public:
     void answered();
     void upgrading();
     void upgraded();
+    // Uncounts the connection, once.
+    void release();
+    // The far end went. Qt 6.4 never destroys the socket of a connection closed while the
+    // library still counts its request as being handled (a client that reads its answer and
+    // closes): it is uncounted here and destroyed once no answer is being written to it.
+    void peerClosed();
 
     QTcpSocket* socket() const { return m_socket; }
     PeerKey key() const { return peerKey(peer, peerPort); }
@@ -126,6 +132,8 @@ private:
     qint64 m_received = 0; // since the last complete request
     RequestHead::Scanner m_head;
     Clock::TimerId m_timer = 0;
+    bool m_counted = true;
+    bool m_peerGone = false;
 };
 
 // Qt HttpServer (6.4 to 6.8) holds a request's whole body in memory before any handler sees it,
@@ -211,14 +219,28 @@ ConnectionState::ConnectionState(QTcpSocket* socket, GuardedTcpServer* guard)
     , m_guard(guard)
 {
     guard->opened(this);
+    connect(socket, &QTcpSocket::disconnected, this, &ConnectionState::peerClosed);
     arm(guard->limits.head);
 }
 
 ConnectionState::~ConnectionState()
 {
+    release();
+}
+
+void ConnectionState::release()
+{
     disarm();
-    if (m_guard)
+    if (m_guard && std::exchange(m_counted, false))
         m_guard->closed(this);
+}
+
+void ConnectionState::peerClosed()
+{
+    m_peerGone = true;
+    release();
+    if (m_phase != Phase::answering && m_phase != Phase::upgrading && m_phase != Phase::upgraded)
+        m_socket->deleteLater();
 }
 
 void ConnectionState::onReadyRead()
@@ -277,6 +299,10 @@ void ConnectionState::answered()
     if (m_phase != Phase::answering || !m_guard)
         return;
     m_phase = Phase::idle;
+    if (m_peerGone) {
+        m_socket->deleteLater();
+        return;
+    }
     arm(m_guard->limits.idle);
 }
 
