@@ -161,6 +161,9 @@ std::unique_ptr<Database> Database::open(const QString& location, Clock* clock)
         if (!given(u"tcp_user_timeout"_s))
             options.append(u"tcp_user_timeout=5000"_s);
         db.setConnectOptions(options.join(u';'));
+    } else if (location == u":memory:"_s) {
+        // SQLite's private in-memory database: no file to create or protect.
+        db.setDatabaseName(location);
     } else {
         if (!makePrivateDirectory(QFileInfo(location).absolutePath()))
             throw StoreError(u"Cannot create the folder of "_s + location);
