@@ -29,6 +29,7 @@ constexpr int startCount = 100;
 class NoKeys final : public KeySource {
 public:
     bool seesOtherPrograms() const override { return false; }
+    std::optional<quint16> localKeyCode(quint32) const override { return std::nullopt; }
     void grabArrows(ArrowHandler) override {}
     void releaseArrows() override {}
 

@@ -13,6 +13,7 @@
 #include "DesktopSession.h"
 #include "DesktopShortcuts.h"
 #include "GlobalKeys.h"
+#include "GnomeCustomShortcuts.h"
 #include "GlobalShortcutsPortal.h"
 #include "InterviewAdapters.h"
 #include "LaunchArguments.h"
@@ -143,6 +144,7 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
                                portal ? std::function<void()>([&keyMonitors] { keyMonitors.installKeyMonitors(); })
                                       : std::function<void()>());
     XdgPackageOpener packageOpener;
+    GnomeCustomShortcuts gnomeShortcuts(QCoreApplication::applicationFilePath(), session.desktop);
 
     AppDelegate delegate(AppDelegate::Environment{
         options.backendOrigin,
@@ -182,6 +184,7 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         &packageOpener,
         &keySource,
         portal.get(),
+        &gnomeShortcuts,
     });
     QObject::connect(&instance, &SingleInstance::argumentsReceived, &delegate, &AppDelegate::handleLaunchArguments);
 

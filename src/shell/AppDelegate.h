@@ -69,6 +69,7 @@ public:
         // The keys the keybinds page records and tests; none: it reads no key.
         KeySource* keySource = nullptr;
         QObject* shortcutPortal = nullptr; // where the desktop binds our shortcuts
+        QObject* gnomeShortcuts = nullptr; // adds our commands to GNOME's own shortcuts
     };
 
     explicit AppDelegate(Environment environment, QObject* parent = nullptr);
