@@ -438,9 +438,9 @@ def run(args, desktop):
     check(list(product.processes(os.path.realpath(program.executable))) == [program.process.pid],
           "no second process stays", product.processes(os.path.realpath(program.executable)))
     check(desktop.active_window() == call.window, "the video call kept the focus through the commands")
-    total = keybinds_scene(desktop, ui, program, call, total)
-
+    # The documents first: their answer is started with the trigger key the user began with.
     total += documents_scene(desktop, program, server, ui, call, shot)
+    total = keybinds_scene(desktop, ui, program, call, total)
 
     # Stop; the transcript the user saw is what the server keeps.
     rows = transcript_rows(ui)

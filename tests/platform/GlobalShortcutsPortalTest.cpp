@@ -14,6 +14,7 @@
 #include <QJsonDocument>
 #include <QProcess>
 #include <QSignalSpy>
+#include <QTemporaryFile>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -28,7 +29,15 @@ class GlobalShortcutsPortalTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        m_daemon.start(u"dbus-daemon"_s, {u"--session"_s, u"--nofork"_s, u"--print-address"_s});
+        // A bus of our own that activates nothing: with the session defaults, an installed
+        // desktop portal would be started on it and answer in the fake's place.
+        ASSERT_TRUE(m_config.open());
+        m_config.write("<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen>"
+                       "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+                       "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>");
+        m_config.close();
+        m_daemon.start(u"dbus-daemon"_s,
+                       {u"--config-file="_s + m_config.fileName(), u"--nofork"_s, u"--print-address"_s});
         ASSERT_TRUE(m_daemon.waitForStarted(5000)) << "no dbus-daemon";
         ASSERT_TRUE(QTest::qWaitFor([&] { return m_daemon.canReadLine(); }, 5000));
         m_address = QString::fromUtf8(m_daemon.readLine()).trimmed();
@@ -96,6 +105,7 @@ protected:
                 u"select-up=CTRL+ALT+Page_Up"_s, u"select-down=CTRL+ALT+Page_Down"_s};
     }
 
+    QTemporaryFile m_config;
     QProcess m_daemon, m_fake;
     QString m_address, m_busName;
     std::unique_ptr<QDBusConnection> m_bus;

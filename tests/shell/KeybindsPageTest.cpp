@@ -63,6 +63,8 @@ struct Row {
     const char* triggerAfter;
     bool detected = false;
 };
+// The row's name, not its bytes, in test listings.
+void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 
 class KeybindsPageTest : public ::testing::TestWithParam<Row> {};
 

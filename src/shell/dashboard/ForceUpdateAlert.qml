@@ -46,14 +46,12 @@ Popup {
             Layout.fillWidth: true
             Accessible.name: text
         }
-        Button {
+        PageButton {
             objectName: "alertInstall"
-            text: alert.strings.text("update.download_install").replace(/&/g, "&&")
-            highlighted: true
+            accent: true
+            text: alert.strings.text("update.download_install")
             Layout.alignment: Qt.AlignHCenter
             Layout.topMargin: 4
-            Accessible.name: alert.strings.text("update.download_install")
-            Accessible.onPressAction: clicked()
             onClicked: alert.dashboard.downloadAndInstallUpdate()
         }
     }

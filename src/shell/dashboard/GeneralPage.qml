@@ -11,6 +11,8 @@ ScrollView {
     required property AppStrings strings
 
     contentWidth: availableWidth
+    // Said outright: the status rows at the end appear later, and the page must scroll to them.
+    contentHeight: column.implicitHeight
     clip: true
     // The rights may have changed in the desktop's settings since the page was last shown.
     onVisibleChanged: if (visible) page.refreshRights()
@@ -61,6 +63,7 @@ ScrollView {
     }
 
     ColumnLayout {
+        id: column
         width: root.availableWidth
         spacing: 6
 

@@ -30,20 +30,16 @@ ColumnLayout {
     InfoRow { label: root.strings.text("helpCenter.updates"); value: root.page.updateText }
     RowLayout {
         spacing: 8
-        Button {
+        PageButton {
             text: root.strings.text("update.check_now")
             enabled: !root.page.isChecking
-            Accessible.name: text
-            Accessible.onPressAction: clicked()
             onClicked: root.page.checkNow()
         }
-        Button {
-            // A single "&" would mark a mnemonic.
-            text: root.strings.text("update.download_install").replace(/&/g, "&&")
+        PageButton {
+            accent: true
+            text: root.strings.text("update.download_install")
             visible: root.page.hasNewVersion
             enabled: root.page.canInstall
-            Accessible.name: root.strings.text("update.download_install")
-            Accessible.onPressAction: clicked()
             onClicked: root.page.downloadAndInstall()
         }
     }

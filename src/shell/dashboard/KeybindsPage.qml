@@ -27,11 +27,6 @@ ScrollView {
         Layout.topMargin: 14
     }
 
-    component PageButton: Button {
-        Accessible.name: text
-        Accessible.onPressAction: clicked()
-    }
-
     // A move's row: its symbol, its name and, where the desktop binds it, the chord.
     component MoveRow: RowLayout {
         id: move
@@ -180,8 +175,9 @@ ScrollView {
                 spacing: 8
                 Layout.fillWidth: true
                 Label { text: commandRow.label; color: "white"; font.pixelSize: 12; Layout.preferredWidth: 180 }
-                TextField {
+                PageTextField {
                     text: commandRow.modelData.command
+                    LayoutMirroring.enabled: false // a command reads left to right in every language
                     readOnly: true
                     selectByMouse: true
                     font.family: "monospace"
@@ -189,10 +185,9 @@ ScrollView {
                     Layout.fillWidth: true
                     Accessible.name: commandRow.label + " " + text
                 }
-                ToolButton {
+                PageIconButton {
+                    symbol: "doc.on.doc"
                     Accessible.name: root.strings.text("keybinds.copy") + " " + commandRow.label
-                    Accessible.onPressAction: clicked()
-                    contentItem: Icon { name: "doc.on.doc"; size: 16; color: "#d0d0d5" }
                     ToolTip.visible: hovered
                     ToolTip.text: root.strings.text("keybinds.copy")
                     onClicked: root.page.copyCommand(commandRow.index)

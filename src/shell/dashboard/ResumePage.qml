@@ -40,7 +40,6 @@ Item {
 
     ColumnLayout {
         anchors.fill: parent
-        anchors.margins: 28
         spacing: 10
 
         Label {

@@ -49,13 +49,11 @@ Rectangle {
                 Layout.fillWidth: true
             }
         }
-        Button {
+        PageButton {
             objectName: "bannerInstall"
-            // A single "&" would mark a mnemonic.
-            text: banner.strings.text("update.download_install").replace(/&/g, "&&")
+            accent: true
+            text: banner.strings.text("update.download_install")
             enabled: banner.dashboard.canInstallUpdate
-            Accessible.name: banner.strings.text("update.download_install")
-            Accessible.onPressAction: clicked()
             onClicked: banner.dashboard.downloadAndInstallUpdate()
         }
     }
