@@ -82,7 +82,7 @@ QCoro::Task<> AppDelegate::applicationDidFinishLaunching()
         m_env.strings, *m_authViewModel, m_env.notifications, *m_updateService,
         {*m_interviewViewModel, *m_userSettings, m_env.strings, m_env.audioRights, m_env.keysRight,
          m_env.openSoundSettings}, m_env.version, m_env.build, m_telemetry.get(),
-        {*m_userSettings, m_env.strings, m_env.clock, m_env.keySource, qApp->applicationFilePath(), m_env.shortcutPortal,
+        {*m_userSettings, m_env.strings, m_env.clock, m_env.keySource, QCoreApplication::applicationFilePath(), m_env.shortcutPortal,
           m_env.gnomeShortcuts}});
     m_overlay = std::make_unique<OverlayViewModel>(
         OverlayViewModel::Services{*m_interviewViewModel, *m_userSettings, m_env.strings, m_env.notifications,
@@ -287,6 +287,7 @@ void AppDelegate::handleStartMockInterview(const Notification& notification)
 void AppDelegate::quit()
 {
     // No stop of the interview, no upload, no telemetry flush: the process simply ends.
+    m_updateService->abortCheck();
     m_env.terminate();
 }
 

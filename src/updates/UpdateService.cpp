@@ -178,9 +178,11 @@ QCoro::Task<> UpdateService::check()
     QNetworkRequest request(url);
     request.setTransferTimeout(checkTimeoutMs);
     std::unique_ptr<QNetworkReply> reply(m_network->get(request));
+    m_checkReply = reply.get();
     co_await reply.get();
     if (!self)
         co_return;
+    m_checkReply = nullptr;
     // No status is looked at: what counts is whether the body decodes. No status at all means
     // the request never reached a server.
     if (!reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid()) {
@@ -199,6 +201,12 @@ QCoro::Task<> UpdateService::check()
         report(u"check"_s, false);
     }
     setChecking(false);
+}
+
+void UpdateService::abortCheck()
+{
+    if (m_checkReply)
+        m_checkReply->abort();
 }
 
 QCoro::Task<> UpdateService::install()

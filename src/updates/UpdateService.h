@@ -7,6 +7,7 @@
 #include <QCoroTask>
 #include <QDateTime>
 #include <QObject>
+#include <QNetworkReply>
 #include <QPointer>
 #include <QString>
 #include <QUrl>
@@ -73,6 +74,9 @@ public:
     Q_INVOKABLE void downloadAndInstall();
     // Forgets the offered update, unless it is forced.
     Q_INVOKABLE void dismiss();
+    // Ends a check under way now, as a failed one: at quit, so that nothing waits on a reply
+    // that the closing program would never deliver.
+    void abortCheck();
 
     // The same two operations, to be awaited.
     QCoro::Task<> check();
@@ -134,6 +138,7 @@ private:
     PackageOpener* m_opener;
     Paths m_paths;
     QPointer<QNetworkAccessManager> m_network;
+    QPointer<QNetworkReply> m_checkReply;
     QString m_osVersion;
     QPointer<TelemetryClient> m_telemetry;
     std::optional<QString> m_userId;

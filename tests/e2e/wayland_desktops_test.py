@@ -291,6 +291,24 @@ def asked(desktop, ui, server, question):
     time.sleep(1.5)
 
 
+def answers_by_chord(desktop, ui, server, compositor):
+    """With a question asked, the trigger chord starts two answers and the move chord pages back
+    to the first, while another program holds the focus."""
+    asked(desktop, ui, server, QUESTIONS[0])
+    for expected in ("1/1", "2/2"):
+        started = time.monotonic()
+        desktop.press_chord(CHORDS["--trigger"])
+        check(wait_until(lambda: counter(ui) == expected, 10) is not None,
+              f"{compositor}: the trigger chord starts answer {expected}", lambda: counter(ui))
+        print("%s chord to the answer on screen: %.2f s" % (compositor, time.monotonic() - started))
+        # The second answer waits for the first to end.
+        wait_until(lambda: whole.shows_draft(ui), 10)
+        time.sleep(1)
+    desktop.press_chord(CHORDS["--previous-answer"])
+    check(wait_until(lambda: counter(ui) == "1/2", 10) is not None,
+          f"{compositor}: the previous-answer chord pages back", lambda: counter(ui))
+
+
 def run_sway(args, desktop):
     shots = args.screenshots
     desktop.start()
@@ -304,19 +322,7 @@ def run_sway(args, desktop):
             "the native Wayland window has the focus", desktop.focused)
     desktop.screenshot(os.path.join(shots, "sway-01-recording.png"))
 
-    asked(desktop, ui, server, QUESTIONS[0])
-    for expected in ("1/1", "2/2"):
-        started = time.monotonic()
-        desktop.press_chord(CHORDS["--trigger"])
-        check(wait_until(lambda: counter(ui) == expected, 10) is not None,
-              "the chord bound to --trigger starts answer " + expected, lambda: counter(ui))
-        print("sway chord to the answer on screen: %.2f s" % (time.monotonic() - started))
-        # The second answer waits for the first to end.
-        wait_until(lambda: whole.shows_draft(ui), 10)
-        time.sleep(1)
-    desktop.press_chord(CHORDS["--previous-answer"])
-    check(wait_until(lambda: counter(ui) == "1/2", 10) is not None, "the chord bound to --previous-answer pages back",
-          lambda: counter(ui))
+    answers_by_chord(desktop, ui, server, "sway")
     check(desktop.focused() == ("xdg_shell", "video-call"), "the native window kept the focus", desktop.focused)
     executable = os.path.realpath(program.executable)
     check(list(product.processes(executable)) == [program.process.pid], "no second process stays",
@@ -348,18 +354,7 @@ def run_kwin(args, desktop):
     check(above.get(OVERLAY) is True, "KWin keeps the overlay above", above)
     desktop.screenshot(os.path.join(shots, "kwin-01-recording.png"))
 
-    asked(desktop, ui, server, QUESTIONS[0])
-    for expected in ("1/1", "2/2"):
-        started = time.monotonic()
-        desktop.press_chord(CHORDS["--trigger"])
-        check(wait_until(lambda: counter(ui) == expected, 10) is not None,
-              "the portal's trigger chord starts answer " + expected, lambda: counter(ui))
-        print("KWin chord to the answer on screen: %.2f s" % (time.monotonic() - started))
-        wait_until(lambda: whole.shows_draft(ui), 10)
-        time.sleep(1)
-    desktop.press_chord(CHORDS["--previous-answer"])
-    check(wait_until(lambda: counter(ui) == "1/2", 10) is not None, "the portal's move chord pages back",
-          lambda: counter(ui))
+    answers_by_chord(desktop, ui, server, "KWin")
     # What a screen share shows: the whole screen holds the overlay; the call's window alone
     # (a share of one window) does not.
     desktop.screenshot(os.path.join(shots, "kwin-02-answers-whole-screen.png"))

@@ -29,8 +29,12 @@ def cases(desktop, program, server, stand_in):
         yield wait_until(lambda: desktop.is_viewable("Welcome to RavletAI"), 30), "the welcome panel opens"
         if beside == stand_in:
             yield not os.path.exists(folder + "/ravlet-server.started"), f"no server started for {origin}"
-        yield (app.run_again("--quit") == 0 and app.process.wait(timeout=15) == 0
-               and not processes(folder + "/ravlet-server")), "--quit ends the program and its server"
+        quit_ok = (app.run_again("--quit") == 0 and app.process.wait(timeout=15) == 0
+                   and not processes(folder + "/ravlet-server"))
+        if not quit_ok:
+            with open(os.path.join(desktop.scratch, "program.log"), errors="replace") as log:
+                print("".join(log.readlines()[-40:]))
+        yield quit_ok, "--quit ends the program and its server"
 
 
 def main(program, server, stand_in, work):

@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QSignalSpy>
 #include <QStandardPaths>
@@ -70,8 +71,8 @@ TEST(DesktopEntryTest, TheDesktopsOpenersHandTheAddressToTheProgram)
                        opener == u"gio"_s ? QStringList{u"open"_s, address} : QStringList{address});
             ASSERT_TRUE(open.waitForFinished(20000));
             EXPECT_EQ(open.exitCode(), 0) << open.readAllStandardError().toStdString();
-            // gio does not wait for the program it starts
-            for (int tries = 0; tries < 100 && !QFile::exists(received); ++tries)
+            // gio does not wait for the program it starts: the file may be there, still empty
+            for (int tries = 0; tries < 100 && QFileInfo(received).size() == 0; ++tries)
                 QThread::msleep(50);
             QFile got(received);
             ASSERT_TRUE(got.open(QIODevice::ReadOnly)) << "the program was never started";
