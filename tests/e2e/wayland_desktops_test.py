@@ -382,6 +382,8 @@ def run_as_unprivileged(args):
     os.makedirs(shots, exist_ok=True)
     for folder in (scratch, shots):
         os.chown(folder, UNPRIVILEGED, UNPRIVILEGED)
+    for name in os.listdir(shots):  # an earlier run's pictures are written over
+        os.chown(os.path.join(shots, name), UNPRIVILEGED, UNPRIVILEGED)
     try:
         command = ["setpriv", f"--reuid={UNPRIVILEGED}", f"--regid={UNPRIVILEGED}", "--clear-groups",
                    sys.executable, os.path.abspath(__file__), "--program", args.program, "--server", args.server,
