@@ -20,7 +20,9 @@ QThreadPool& hashingPool()
 {
     static QThreadPool* pool = [] {
         auto* created = new QThreadPool; // lives as long as the process; its threads idle out
-        created->setMaxThreadCount(std::max(1, QThread::idealThreadCount()));
+        // One core is left to the event loop, so that a crowd of sign-ins (or guesses) slows
+        // other sign-ins, never the transcript acks and answers of running interviews.
+        created->setMaxThreadCount(std::max(1, QThread::idealThreadCount() - 1));
         return created;
     }();
     return *pool;
