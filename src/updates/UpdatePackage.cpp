@@ -73,9 +73,10 @@ bool linkStaysInside(QStringView linkName, QStringView target)
     return true;
 }
 
-// One line of `tar -tv --full-time --numeric-owner`: type, and the rest after the time.
+// One line of `tar -tv --full-time --numeric-owner`: type, and the rest after the time (whose
+// seconds carry a fraction where the archive stored one).
 const QRegularExpression listedEntry(
-    u"^(.)\\S+\\s+\\d+/\\d+\\s+\\d+\\s+\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d (.*)$"_s);
+    u"^(.)\\S+\\s+\\d+/\\d+\\s+\\d+\\s+\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d(?:\\.\\d+)? (.*)$"_s);
 
 std::optional<QString> checkEntry(const QString& line)
 {
