@@ -121,7 +121,8 @@ def cases(desktop, old_package, new_package, server, shots):
     banner = f"RavletAI {hostile} is available"
     yield wait_until(lambda: ui.has_label(DASHBOARD, banner), 30), f'the banner says "{banner}"'
     ui.press(DASHBOARD, INSTALL)
-    left = os.path.join(home, "Downloads", os.path.basename(hostile_path))
+    # The fallback names its copy by the version alone, as it would the package it could not install.
+    left = os.path.join(home, "Downloads", f"RavletAI-{hostile}.tar.gz")
     yield wait_until(lambda: os.path.exists(left), 60), f"the refused package is left in {left}"
     escaped = [os.path.join(root, ESCAPE_NAME) for root, _, files in os.walk(scratch) if ESCAPE_NAME in files]
     yield not escaped and not os.path.exists(marker), f"nothing of it escaped or ran: {escaped}"
