@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# A private X display for the tests: Xvfb on a display number it picks itself, and a tray on
+# A private X display for the tests: Xvfb on the first free display number from 100, and a tray on
 # it (trayer) when that is installed, so that tests never touch the user's own session.
 #
 #   test-display.sh start [STATE_DIR]   start them and write STATE_DIR/state
@@ -48,21 +48,36 @@ start() {
     xvfb_pid=""
     tray_pid=""
     trap 'start_failed' ERR
-    # -displayfd: the server picks a free display number and writes it once it is ready.
-    Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp 3>"$scratch/display" \
-        </dev/null >"$scratch/xvfb.log" 2>&1 &
-    xvfb_pid=$!
-
-    local waited=0
-    until [ -s "$scratch/display" ]; do
-        if ! kill -0 "$xvfb_pid" 2>/dev/null || [ "$waited" -ge "$ready_timeout_tenths" ]; then
+    # Display numbers from 100 up: a compositor's Xwayland probes from 0, and one that probes
+    # while Xvfb has its sockets but not yet its lock file takes the number over and, leaving,
+    # deletes Xvfb's socket. Two of our own servers on one number are kept apart by Xvfb's
+    # lock: the second exits and the next number is tried. -displayfd says when it is ready.
+    local number waited
+    for number in $(seq 100 299); do
+        : >"$scratch/display"
+        Xvfb ":$number" -displayfd 3 -screen 0 1280x800x24 -nolisten tcp 3>"$scratch/display" \
+            </dev/null >"$scratch/xvfb.log" 2>&1 &
+        xvfb_pid=$!
+        waited=0
+        until [ -s "$scratch/display" ] || ! kill -0 "$xvfb_pid" 2>/dev/null \
+            || [ "$waited" -ge "$ready_timeout_tenths" ]; do
+            sleep 0.1
+            waited=$((waited + 1))
+        done
+        [ -s "$scratch/display" ] && break
+        if kill -0 "$xvfb_pid" 2>/dev/null; then
             echo "test-display: Xvfb did not come up" >&2
             cat "$scratch/xvfb.log" >&2 || true
             false
         fi
-        sleep 0.1
-        waited=$((waited + 1))
+        wait "$xvfb_pid" 2>/dev/null || true
+        xvfb_pid=""
     done
+    if [ -z "$xvfb_pid" ]; then
+        echo "test-display: no free display number from 100 to 299" >&2
+        cat "$scratch/xvfb.log" >&2 || true
+        false
+    fi
     local display=":$(head -n 1 "$scratch/display")"
     DISPLAY="$display" xdpyinfo >/dev/null
 
