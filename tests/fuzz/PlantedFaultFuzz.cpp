@@ -22,14 +22,12 @@ char lastCharacter(const QByteArray& chunk)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(input)
 {
-    Fuzz::ensureApplication();
-    const auto line = QByteArray(reinterpret_cast<const char*>(data), qsizetype(size));
+    const auto line = input.rest();
     if (!line.startsWith("data: "))
-        return 0;
+        return;
     const auto payload = line.sliced(6);
     if (!payload.isEmpty() && payload != "[DONE]")
         lastSeen = lastCharacter(payload);
-    return 0;
 }

@@ -3,21 +3,17 @@
 #include "FuzzSupport.h"
 #include "RequestHead.h"
 
-#include <cstddef>
-#include <cstdint>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+FUZZ_TARGET(bytes)
 {
-    if (size == 0)
-        return 0;
-    const int piece = 1 + data[0] % 16;
-    const QByteArray input(reinterpret_cast<const char*>(data + 1), static_cast<qsizetype>(size - 1));
+    const int piece = 1 + bytes.takeByte() % 16;
+    const auto input = bytes.rest();
 
     RequestHead::Scanner scanner;
     auto state = RequestHead::Scanner::State::incomplete;
     qsizetype fed = 0;
     while (fed < input.size() && state == RequestHead::Scanner::State::incomplete) {
-        state = scanner.feed(QByteArrayView(input).sliced(fed, std::min<qsizetype>(piece, input.size() - fed)));
+        state = scanner.feed(
+            QByteArrayView(input).sliced(fed, std::min<qsizetype>(piece, input.size() - fed)));
         fed += piece;
         const auto seen = input.left(fed);
         // Complete exactly when what was delivered holds the end of a head, however it was cut;
@@ -40,5 +36,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         Fuzz::check(!literal || allowed, "an address refused only when a name is allowed");
         RequestHead::asksForUpgrade(line, line);
     }
-    return 0;
 }

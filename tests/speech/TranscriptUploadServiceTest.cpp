@@ -2,7 +2,7 @@
 // lines go out and how, the acknowledgement rules, stop, reconnects and the handshake's time-out.
 #include "TranscriptUploadService.h"
 #include "AwaitTask.h"
-#include "Clock.h"
+#include "ClockWait.h"
 #include "FakeTranscriptChannel.h"
 #include "QtPrinters.h"
 
@@ -65,16 +65,6 @@ protected:
     {
         const auto next = clock.nextDeadlineMs();
         return next && *next - clock.nowMs() == delay.count();
-    }
-    // Whether `happened` comes true when `delay` has passed on the clock, and not a moment before.
-    bool exactlyAfter(std::chrono::milliseconds delay, const std::function<bool()>& happened)
-    {
-        clock.advance(delay - 1ms);
-        QTest::qWait(50);
-        if (happened())
-            return false;
-        clock.advance(1ms);
-        return waitFor(happened);
     }
     // Runs stop() to its end: its half-second wait is on the manual clock.
     QList<TranscriptEntry> stop()
@@ -171,8 +161,8 @@ TEST_F(TranscriptUploadServiceTest,
     server.sendAck({u"d"_s});
     ASSERT_TRUE(waitFor([&] { return !service->pendingIds().contains(u"c"_s); }));
     QTest::qWait(50);
-    ASSERT_TRUE(
-        exactlyAfter(TranscriptUploadService::stopAckWait, [&] { return stopping.isDone(); }));
+    ASSERT_TRUE(happensExactlyAfter(clock, TranscriptUploadService::stopAckWait,
+                                    [&] { return stopping.isDone(); }));
     EXPECT_EQ(ids(**stopping.result), QStringList{u"d"_s});
 }
 
@@ -193,8 +183,9 @@ TEST_F(TranscriptUploadServiceTest,
     server.setRefusing(true);
     for (int attempt = 2; attempt <= 4; ++attempt) {
         ASSERT_TRUE(hasTimerIn(1s)) << "before attempt " << attempt;
-        ASSERT_TRUE(exactlyAfter(
-            1s, [&] { return server.handshakeAttempts() == attempt && !service->isConnected(); }))
+        ASSERT_TRUE(happensExactlyAfter(
+            clock, 1s,
+            [&] { return server.handshakeAttempts() == attempt && !service->isConnected(); }))
             << "attempt " << attempt;
     }
     server.setRefusing(false);
@@ -218,8 +209,8 @@ TEST_F(TranscriptUploadServiceTest,
     const auto silentURL = u"http://127.0.0.1:"_s + QString::number(silent.serverPort());
     awaitTask(service->start(silentURL, u"t"_s, u"s"_s));
     service->send(line(u"a"_s));
-    ASSERT_TRUE(exactlyAfter(TranscriptUploadService::handshakeTimeout,
-                             [&] { return !service->isConnected(); }));
+    ASSERT_TRUE(happensExactlyAfter(clock, TranscriptUploadService::handshakeTimeout,
+                                    [&] { return !service->isConnected(); }));
     EXPECT_EQ(ids(service->bufferedEntries()), QStringList{u"a"_s});
     EXPECT_TRUE(hasTimerIn(1s));
     service->send(line(u"b"_s));

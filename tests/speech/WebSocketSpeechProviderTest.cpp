@@ -2,7 +2,7 @@
 // through WebSocketSpeechProvider runs once per vendor as a typed suite fed by each vendor's
 // formats; each vendor's own message rules are rows of a table that one case of the suite runs.
 #include "AwaitTask.h"
-#include "Clock.h"
+#include "ClockWait.h"
 #include "DeepgramProvider.h"
 #include "ElevenLabsProvider.h"
 #include "FakeVendorServer.h"
@@ -450,15 +450,9 @@ TEST_F(DeepgramTest, NoKeepAliveInEnglishAndTheHandshakeAndFarewellWaitsAreOnThe
     };
     const auto closedAfter = [&](const QPointer<QTcpSocket>& socket,
                                  std::chrono::milliseconds wait) {
-        const auto isOpen = [&] {
-            return socket && socket->state() == QAbstractSocket::ConnectedState;
-        };
-        clock.advance(wait - 1ms);
-        QTest::qWait(50);
-        if (!isOpen())
-            return false;
-        clock.advance(1ms);
-        return QTest::qWaitFor([&] { return !isOpen(); }, 1000);
+        return happensExactlyAfter(clock, wait, [&] {
+            return !socket || socket->state() != QAbstractSocket::ConnectedState;
+        });
     };
     EXPECT_TRUE(closedAfter(accept(), 60s));
     EXPECT_EQ(reasons(1), QStringList{u"Deepgram disconnected: The request timed out"_s});

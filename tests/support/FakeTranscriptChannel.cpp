@@ -85,9 +85,7 @@ void FakeTranscriptChannel::onNewConnection()
         auto* peer = m_peers.emplace_back(std::make_unique<Peer>()).get();
         peer->socket = socket;
         peer->index = int(m_records.size());
-        const auto url = socket->requestUrl();
-        m_records.append(
-            {url.path(QUrl::FullyEncoded), url.query(QUrl::FullyEncoded), true, std::nullopt});
+        m_records.append({socket->requestUrl().query(QUrl::FullyEncoded), true});
         connect(socket, &QWebSocket::textMessageReceived, this, [this, peer](const QString& text) {
             onFrame(peer, {false, text.toUtf8()});
         });
@@ -95,16 +93,11 @@ void FakeTranscriptChannel::onNewConnection()
                 [this, peer](const QByteArray& bytes) {
                     onFrame(peer, {true, bytes});
                 });
-        connect(socket, QOverload<QAbstractSocket::SocketError>::of(&QWebSocket::error), this,
-                [peer](QAbstractSocket::SocketError) { peer->wasCut = true; });
         connect(socket, &QWebSocket::disconnected, this, [this, peer] {
-            if (!peer->socket)
-                return;
-            auto& record = m_records[peer->index];
-            record.isOpen = false;
-            if (!peer->wasCut)
-                record.closeCode = int(peer->socket->closeCode());
-            std::exchange(peer->socket, nullptr)->deleteLater();
+            if (peer->socket) {
+                m_records[peer->index].isOpen = false;
+                std::exchange(peer->socket, nullptr)->deleteLater();
+            }
         });
         socket->sendTextMessage(uR"({"type":"connected"})"_s);
     }

@@ -46,11 +46,8 @@ public:
     };
 
     struct ConnectionRecord {
-        QString path;
         QString query; // as requested, percent-encoding included
         bool isOpen = true;
-        // From the client's close frame; nothing when the connection was cut without one.
-        std::optional<int> closeCode;
     };
 
     explicit FakeTranscriptChannel(QObject* parent = nullptr);
@@ -90,7 +87,6 @@ private:
     struct Peer {
         QWebSocket* socket = nullptr;
         int index = 0;
-        bool wasCut = false;
     };
     struct Line {
         int revision = -1;

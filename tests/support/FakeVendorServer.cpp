@@ -53,8 +53,6 @@ void FakeVendorServer::onNewConnection()
         Connection connection;
         const auto request = socket->request();
         connection.url = request.url();
-        for (const auto& [key, value] : QUrlQuery(connection.url).queryItems(QUrl::FullyDecoded))
-            connection.queryItems.append({key, value});
         for (const auto& name : request.rawHeaderList())
             connection.headers.append({name, request.rawHeader(name)});
         for (const auto& protocol : connection.header("Sec-WebSocket-Protocol").split(','))
@@ -82,10 +80,11 @@ void FakeVendorServer::onNewConnection()
             continue;
         const QStringList v2Keys{u"model"_s, u"encoding"_s, u"sample_rate"_s, u"eot_threshold"_s,
                                  u"eot_timeout_ms"_s};
-        const auto unsupported =
-            std::find_if(connection.queryItems.begin(), connection.queryItems.end(),
-                         [&](const auto& item) { return isV2 && !v2Keys.contains(item.first); });
-        if (unsupported != connection.queryItems.end())
+        const auto items = QUrlQuery(connection.url).queryItems();
+        const auto unsupported = std::find_if(items.begin(), items.end(), [&](const auto& item) {
+            return isV2 && !v2Keys.contains(item.first);
+        });
+        if (unsupported != items.end())
             socket->close(QWebSocketProtocol::CloseCodePolicyViolated,
                           u"Unsupported query parameter: "_s + unsupported->first);
         else

@@ -27,7 +27,6 @@ public:
 
     struct Connection {
         QUrl url;
-        QList<std::pair<QString, QString>> queryItems; // in the order sent
         QList<std::pair<QByteArray, QByteArray>> headers;
         QStringList requestedSubprotocols;
         QList<Frame> frames;
