@@ -105,9 +105,13 @@ TEST(AIAnswersTest, RequestFailuresAreRetriedOnlyWhenRetryable)
         {"ServerError503ThenSuccess", {serverError(503)}, {0, 700}, std::nullopt},
         {"TimeoutThenSuccess", {timeout}, {0, 700}, std::nullopt},
         {"BadRequest", {serverError(400)}, {0}, failed + u"Server error (400)"_s},
-        {"Unauthorized", {failureOf(APIError::unauthorized())}, {0},
+        {"Unauthorized",
+         {failureOf(APIError::unauthorized())},
+         {0},
          failed + u"Authentication required"_s},
-        {"RetryableTwice", {serverError(503), failureOf(APIError::networkError())}, {0, 700},
+        {"RetryableTwice",
+         {serverError(503), failureOf(APIError::networkError())},
+         {0, 700},
          failed + u"Network connection failed"_s},
     };
     for (const auto& c : cases) {

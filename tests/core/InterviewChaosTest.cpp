@@ -296,14 +296,15 @@ protected:
         backend.setHandler("PUT", path, [this](const FakeBackend::Request&) {
             return Response::json(spend(completeFailures) ? 503 : 200, "{}");
         });
-        backend.setHandler("POST", path + "/transcript", [this](const FakeBackend::Request& request) {
-            if (spend(postFailures))
-                return Response::json(502, "{}");
-            for (const auto& entry :
-                 QJsonDocument::fromJson(request.body).object().value(u"entries"_s).toArray())
-                delivered[entry[u"id"_s].toString()] = entry[u"content"_s].toString();
-            return Response::json(200, "{}");
-        });
+        backend.setHandler(
+            "POST", path + "/transcript", [this](const FakeBackend::Request& request) {
+                if (spend(postFailures))
+                    return Response::json(502, "{}");
+                for (const auto& entry :
+                     QJsonDocument::fromJson(request.body).object().value(u"entries"_s).toArray())
+                    delivered[entry[u"id"_s].toString()] = entry[u"content"_s].toString();
+                return Response::json(200, "{}");
+            });
     }
 
     InterviewViewModel::Services services()

@@ -53,11 +53,11 @@ TEST(SpeechRecoveryTest, FailingTokenFetchesFollowTheBackOffScheduleUpToTheLimit
                                       ? QStringList{u"stt_failed openai "_s + reason.left(64)}
                                       : QStringList());
         h.passTime(500ms);
-        EXPECT_EQ(h.shown(),
-                  isInterviewer ? u"recording | "_s + reconnectingInBackground
-                                      + u" | Reconnection failed. RavletAI will keep trying. | "
-                                        u"Speech channel reconnection failed: Server error (503)"_s
-                                : live);
+        EXPECT_EQ(h.shown(), isInterviewer
+                                 ? u"recording | "_s + reconnectingInBackground
+                                       + u" | Reconnection failed. RavletAI will keep trying. | "
+                                         u"Speech channel reconnection failed: Server error (503)"_s
+                                 : live);
         EXPECT_TRUE(!isInterviewer || h.vm.lastRecoverableErrorAtMs() == h.clock.nowMs());
 
         h.passTime(194'999ms);
@@ -140,8 +140,7 @@ TEST(SpeechRecoveryTest, UncountedEventRestartsAtOnceAndShowsNothing)
     QObject context;
     for (const auto signal :
          {&InterviewViewModel::pipelineStateChanged, &InterviewViewModel::statusMessageChanged,
-          &InterviewViewModel::lastNoticeChanged,
-          &InterviewViewModel::lastRecoverableErrorChanged})
+          &InterviewViewModel::lastNoticeChanged, &InterviewViewModel::lastRecoverableErrorChanged})
         QObject::connect(&h.vm, signal, &context, [&] { seen.append(h.shown()); });
     h.fail(Speaker::interviewer, u"token renewal"_s, false);
     ASSERT_EQ(interviewer->starts.size(), 2);
@@ -209,7 +208,9 @@ TEST(SpeechRecoveryTest, RecognizerStartRetryAndStopDuringARestart)
     } retries[] = {
         {"TimeoutThenSuccess", {timeout}, 3, {}},
         {"ServerErrorTwice", {badGateway, badGateway}, 3, failed + u"Server error (502)"_s},
-        {"Unauthorized", {failureOf(APIError::unauthorized())}, 2,
+        {"Unauthorized",
+         {failureOf(APIError::unauthorized())},
+         2,
          failed + u"Authentication required"_s},
         {"HandshakeRefused", {failureOf(DescribedError(u"refused"_s))}, 2, failed + u"refused"_s},
     };

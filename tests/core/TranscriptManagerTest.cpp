@@ -105,7 +105,8 @@ TEST_F(TranscriptManagerTest, ALineKeepsItsIdAndFirstTimeAndOnlyFinalPiecesAreSe
     EXPECT_EQ(merged->id, first->id);
     EXPECT_EQ(merged->timestampMs, 1'001) << "an entry keeps the time of its first piece";
     EXPECT_FALSE(merged->confidence) << "the latest piece's confidence, absent included";
-    EXPECT_FALSE(manager.currentPartialText(Speaker::user) || manager.partialUpdatedAtMs(Speaker::user))
+    EXPECT_FALSE(manager.currentPartialText(Speaker::user)
+                 || manager.partialUpdatedAtMs(Speaker::user))
         << "the final piece replaces the partial";
     EXPECT_EQ(manager.currentPartialText(Speaker::interviewer), u"So what"_s)
         << "the other speaker's final leaves it";
