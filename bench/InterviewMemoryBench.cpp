@@ -20,7 +20,7 @@
 #include "AuthTokenStore.h"
 #include "AwaitTask.h"
 #include "Clock.h"
-#include "core/InterviewFakes.h"
+#include "core/InterviewHarness.h"
 #include "FakeBackend.h"
 #include "FakeTranscriptChannel.h"
 #include "FakeVendorServer.h"

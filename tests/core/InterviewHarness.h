@@ -1,29 +1,164 @@
 #pragma once
 
 // Fakes of every collaborator of InterviewViewModel, on the manual clock, and a harness that
-// wires them. Each fake records what it was asked; any suspension point can be held shut
-// with Gates, so a test can act while the model waits there.
+// wires them. Each fake records what it was asked; any suspension point can be held shut with
+// Gates, so a test can act while the model waits there. The loopback chaos test and the memory
+// bench use the capture fake and ChannelAt from here with the real backend, vendor and channel.
 
 #include "QtPrinters.h"
 
+#include "APIClient.h"
+#include "APIError.h"
 #include "AppStrings.h"
+#include "AsyncQueue.h"
 #include "AudioSource.h"
 #include "AwaitTask.h"
 #include "Clock.h"
+#include "InterviewAdapters.h"
+#include "InterviewCollaborators.h"
 #include "InterviewViewModel.h"
-#include "InterviewFakes.h"
 #include "NotificationCenter.h"
 #include "PreferencesStore.h"
 #include "UserSettings.h"
 
+#include <QHash>
 #include <QMetaEnum>
 #include <QRegularExpression>
 #include <QSet>
 #include <QStringList>
 
+#include <deque>
+#include <exception>
 #include <memory>
+#include <vector>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+// Named suspension points. A held name makes the next caller of pass() wait for release().
+class Gates {
+public:
+    void hold(const QString& name) { m_held.insert(name, std::make_shared<AsyncQueue<bool>>()); }
+    void release(const QString& name)
+    {
+        if (const auto queue = m_held.take(name))
+            queue->push(true);
+    }
+    bool isWaiting(const QString& name) const { return m_waiting.contains(name); }
+
+    QCoro::Task<> pass(QString name)
+    {
+        const auto queue = m_held.value(name);
+        if (!queue)
+            co_return;
+        m_waiting.insert(name);
+        co_await queue->next();
+        m_waiting.remove(name);
+    }
+
+private:
+    QHash<QString, std::shared_ptr<AsyncQueue<bool>>> m_held;
+    QSet<QString> m_waiting;
+};
+
+// Failures to throw, one per call, in order; an empty slot lets the call succeed.
+class FailureScript {
+public:
+    void add(std::exception_ptr failure, int times = 1)
+    {
+        m_failures.insert(m_failures.end(), times, failure);
+    }
+    void failAlways(std::exception_ptr failure) { m_always = std::move(failure); }
+    void throwIfScripted()
+    {
+        std::exception_ptr failure = m_always;
+        if (!m_failures.empty()) {
+            failure = m_failures.front();
+            m_failures.pop_front();
+        }
+        if (failure)
+            std::rethrow_exception(failure);
+    }
+
+private:
+    std::deque<std::exception_ptr> m_failures;
+    std::exception_ptr m_always;
+};
+
+template<typename E>
+std::exception_ptr failureOf(E error)
+{
+    return std::make_exception_ptr(std::move(error));
+}
+
+// A capture channel fed by the test: each start makes a fresh stream, as the real ones do.
+// Given gates, its start and stop wait at "<name>.start" and "<name>.stop" while held.
+class FakeCapture final : public AudioCapture {
+public:
+    FakeCapture() = default;
+    FakeCapture(QString name, Gates& gates)
+        : m_name(std::move(name))
+        , m_gates(&gates)
+    {
+    }
+
+    std::shared_ptr<AudioStream> audioStream() override
+    {
+        if (!m_stream)
+            m_stream = std::make_shared<AudioStream>();
+        return m_stream;
+    }
+    QCoro::Task<> start() override
+    {
+        if (m_gates)
+            co_await m_gates->pass(m_name + u".start"_s);
+        ++startCount;
+        startFailures.throwIfScripted();
+        m_stream = std::make_shared<AudioStream>();
+        isRunning = true;
+    }
+    QCoro::Task<> stop() override
+    {
+        ++stopCount;
+        if (m_gates)
+            co_await m_gates->pass(m_name + u".stop"_s);
+        isRunning = false;
+        if (m_stream)
+            m_stream->finish();
+    }
+    void play(std::vector<float> samples) { audioStream()->push(PcmBuffer{std::move(samples)}); }
+
+    FailureScript startFailures;
+    bool isRunning = false;
+    int startCount = 0;
+    int stopCount = 0;
+
+private:
+    QString m_name;
+    Gates* m_gates = nullptr;
+    std::shared_ptr<AudioStream> m_stream;
+};
+
+// The real transcript channel, on a server of its own: the backend and the channel's fakes
+// cannot share a port, and the channel's address is otherwise made from the backend's.
+class ChannelAt final : public TranscriptChannel {
+public:
+    ChannelAt(Clock& clock, QString baseURL)
+        : m_channel(clock)
+        , m_baseURL(std::move(baseURL))
+    {
+    }
+    QCoro::Task<> start(QString, QString token, QString sessionId) override
+    {
+        return m_channel.start(m_baseURL, std::move(token), std::move(sessionId));
+    }
+    void send(TranscriptEntry entry) override { m_channel.send(std::move(entry)); }
+    QCoro::Task<QList<TranscriptEntry>> stop() override { return m_channel.stop(); }
+
+private:
+    TranscriptUploadChannel m_channel;
+    QString m_baseURL;
+};
 
 class FakeRecognizer final : public SpeechRecognitionProvider {
 public:
@@ -44,8 +179,7 @@ public:
     QCoro::Task<> start(QString token, QString language, std::shared_ptr<AudioStream> audio,
                         std::optional<QString> model) override
     {
-        co_await m_gates.pass(speaker() == Speaker::interviewer ? u"interviewerRecognizer.start"_s
-                                                                : u"userRecognizer.start"_s);
+        co_await m_gates.pass(toText(speaker()) + u"Recognizer.start"_s);
         starts.append({token, language, audio, model});
         startFailures.throwIfScripted();
         isRunning = true;
@@ -64,7 +198,7 @@ public:
     {
         m_segments->push({text, isFinal, speaker(), timestampMs, std::nullopt});
     }
-    void fail(const QString& reason, bool countsTowardLimit = true)
+    void fail(const QString& reason, bool countsTowardLimit)
     {
         m_recovery->push({reason, countsTowardLimit});
     }
@@ -135,6 +269,37 @@ public:
 
 private:
     Gates& m_gates;
+};
+
+// Each event as a line: its name and its values.
+class FakeTelemetry final : public InterviewTelemetry {
+public:
+    void firstInterviewStarted() override { add({u"first_interview_started"_s}); }
+    void sttProviderChanged(const QString& provider) override
+    {
+        add({u"stt_provider_changed"_s, provider});
+    }
+    void audioCaptureFailed(const QString& code, const QString& category) override
+    {
+        add({u"audio_capture_failed"_s, code, category});
+    }
+    void firstAnswerReceived(qint64 latencyMs) override
+    {
+        add({u"first_answer_received"_s, QString::number(latencyMs)});
+    }
+    void sttFailed(const QString& provider, const QString& code) override
+    {
+        add({u"stt_failed"_s, provider, code});
+    }
+    void sessionCompleted(qint64 seconds, qint64 answers) override
+    {
+        add({u"session_completed"_s, QString::number(seconds), QString::number(answers)});
+    }
+
+    QStringList events;
+
+private:
+    void add(const QStringList& event) { events.append(event.join(u' ')); }
 };
 
 // The backend's interview operations, scripted per operation. Every call is logged as
@@ -259,6 +424,9 @@ private:
     Gates& m_gates;
 };
 
+using Speaker = TranscriptEntry::Speaker;
+using State = InterviewViewModel::PipelineState;
+
 // Everything an InterviewViewModel needs, faked, on the manual clock; signed in by default.
 struct InterviewHarness {
     using Speaker = TranscriptEntry::Speaker;
@@ -312,6 +480,7 @@ struct InterviewHarness {
     {
         return channels.isEmpty() ? nullptr : channels.last();
     }
+    qsizetype callCount(const QString& prefix) const { return backend->callsOf(prefix).size(); }
 
     // Lets the model's tasks run what the fakes have queued.
     static void settle()
@@ -331,6 +500,17 @@ struct InterviewHarness {
     {
         recognizerOf(speaker)->fail(reason, countsTowardLimit);
         settle();
+    }
+
+    // An interview whose one line the server refused at the stop, so that it waits as the
+    // pending upload of the next start; the backend's log is cleared after it.
+    void leaveUndelivered(const QString& line)
+    {
+        start();
+        say(Speaker::interviewer, line);
+        backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
+        stop();
+        backend->calls.clear();
     }
 
     void passTime(std::chrono::milliseconds by)
@@ -368,3 +548,4 @@ struct InterviewHarness {
     std::shared_ptr<FakeTelemetry> telemetry = std::make_shared<FakeTelemetry>();
     InterviewViewModel vm{clock, settings, strings, services()};
 };
+using H = InterviewHarness;

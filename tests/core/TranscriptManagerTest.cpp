@@ -87,32 +87,43 @@ TEST_F(TranscriptManagerTest, FinalPiecesGroupIntoLinesByGapSpeakerAndClosing)
     }
 }
 
-TEST_F(TranscriptManagerTest, ALineKeepsItsIdAndFirstTimeAndTakesTheLatestConfidence)
+// A line keeps its id and the time of its first piece and takes the latest piece's confidence;
+// the newest interviewer text and the upload forms take only final pieces.
+TEST_F(TranscriptManagerTest, ALineKeepsItsIdAndFirstTimeAndOnlyFinalPiecesAreSent)
 {
-    const auto first = commit(Speaker::interviewer, u"Tell me"_s, 0.5);
+    EXPECT_FALSE(manager.latestInterviewerText());
+    const auto first = commit(Speaker::user, u"hello"_s, 0.5);
     ASSERT_TRUE(first);
     EXPECT_TRUE(QRegularExpression(u"^[0-9A-F-]{36}$"_s).match(first->id).hasMatch())
         << first->id.toStdString();
-    EXPECT_EQ(first->timestampMs, 1'001);
-    partial(Speaker::user, u"ans"_s);
-    partial(Speaker::interviewer, u"about"_s);
+    partial(Speaker::interviewer, u"So what"_s);
+    partial(Speaker::user, u"Bec"_s);
+    EXPECT_FALSE(manager.latestInterviewerText());
 
     clock.advance(5000ms);
-    const auto merged = commit(Speaker::interviewer, u"about yourself."_s);
+    const auto merged = commit(Speaker::user, u"Because"_s);
     EXPECT_EQ(merged->id, first->id);
     EXPECT_EQ(merged->timestampMs, 1'001) << "an entry keeps the time of its first piece";
     EXPECT_FALSE(merged->confidence) << "the latest piece's confidence, absent included";
-    EXPECT_FALSE(manager.currentPartialText(Speaker::interviewer))
+    EXPECT_FALSE(manager.currentPartialText(Speaker::user)
+                 || manager.partialUpdatedAtMs(Speaker::user))
         << "the final piece replaces the partial";
-    EXPECT_FALSE(manager.partialUpdatedAtMs(Speaker::interviewer));
-    EXPECT_EQ(manager.currentPartialText(Speaker::user), u"ans"_s)
+    EXPECT_EQ(manager.currentPartialText(Speaker::interviewer), u"So what"_s)
         << "the other speaker's final leaves it";
 
-    const auto answer = commit(Speaker::user, u"Me."_s, 0.9);
-    EXPECT_NE(answer->id, first->id);
-    EXPECT_EQ(manager.entries().at(0).speaker, Speaker::interviewer);
-    EXPECT_EQ(manager.entries().at(1).speaker, Speaker::user);
-    EXPECT_EQ(manager.entries().at(1).confidence, 0.9);
+    commit(Speaker::interviewer, u"Why us?"_s);
+    commit(Speaker::interviewer, u"Be brief."_s, 0.75);
+    partial(Speaker::user, u"not sent"_s);
+    EXPECT_EQ(manager.latestInterviewerText(), u"Why us? Be brief."_s)
+        << "the entry may still be growing";
+    const auto forms = manager.finalEntriesForUpload();
+    ASSERT_EQ(forms.size(), 2);
+    EXPECT_EQ((QStringList{forms.at(0).value(u"speaker"_s).toString(),
+                           forms.at(0).value(u"content"_s).toString(),
+                           forms.at(0).value(u"id"_s).toString()}),
+              (QStringList{u"user"_s, u"hello Because"_s, first->id}));
+    EXPECT_EQ(forms.at(0).value(u"confidence"_s).toDouble(), 0.0);
+    EXPECT_EQ(forms.at(1).value(u"confidence"_s).toDouble(), 0.75);
 }
 
 TEST_F(TranscriptManagerTest, DisplayedEntriesShowLastFiveThenNewestNonEmptyPartialFirst)
@@ -151,30 +162,4 @@ TEST_F(TranscriptManagerTest, DisplayedEntriesShowLastFiveThenNewestNonEmptyPart
     EXPECT_TRUE(manager.displayedEntries().isEmpty()) << "lines and partials alike";
     EXPECT_FALSE(manager.lastCommitTimestampMs(Speaker::user)
                  || manager.activeEntryId(Speaker::user));
-}
-
-TEST_F(TranscriptManagerTest, LatestInterviewerTextAndUploadFormsTakeOnlyFinalPieces)
-{
-    EXPECT_FALSE(manager.latestInterviewerText());
-    EXPECT_TRUE(manager.finalEntriesForUpload().isEmpty());
-    commit(Speaker::user, u"hello"_s);
-    partial(Speaker::interviewer, u"So what"_s);
-    EXPECT_FALSE(manager.latestInterviewerText());
-
-    commit(Speaker::interviewer, u"Why us?"_s);
-    commit(Speaker::user, u"Because"_s);
-    partial(Speaker::user, u"not sent"_s);
-    EXPECT_EQ(manager.latestInterviewerText(), u"Why us?"_s);
-    commit(Speaker::interviewer, u"Be brief."_s, 0.75);
-    EXPECT_EQ(manager.latestInterviewerText(), u"Why us? Be brief."_s)
-        << "the entry may still be growing";
-
-    const auto forms = manager.finalEntriesForUpload();
-    ASSERT_EQ(forms.size(), 2);
-    EXPECT_EQ((QStringList{forms.at(0).value(u"speaker"_s).toString(),
-                           forms.at(0).value(u"content"_s).toString(),
-                           forms.at(0).value(u"id"_s).toString()}),
-              (QStringList{u"user"_s, u"hello Because"_s, manager.entries().at(0).id}));
-    EXPECT_EQ(forms.at(0).value(u"confidence"_s).toDouble(), 0.0);
-    EXPECT_EQ(forms.at(1).value(u"confidence"_s).toDouble(), 0.75);
 }

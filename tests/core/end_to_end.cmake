@@ -9,6 +9,6 @@ add_library(transcript_channel_server STATIC
 target_link_libraries(transcript_channel_server PUBLIC test_support Qt6::WebSockets)
 
 ravlet_add_test(interview_chaos_tests
-    SOURCES InterviewChaosTest.cpp InterviewFakes.h
+    SOURCES InterviewChaosTest.cpp InterviewHarness.h
     LIBRARIES core speech_test_support transcript_channel_server Qt6::Test
     LABELS chaos)
