@@ -5,6 +5,7 @@
 #include "AwaitTask.h"
 #include "LoginPage.h"
 #include "SignInLimits.h"
+#include "SpeechSynthesizer.h"
 #include "Stores.h"
 
 #include <QCryptographicHash>
@@ -254,7 +255,8 @@ TEST_F(ServerTest, UsersNeverReachEachOthersData)
 
 TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
 {
-    const auto jobs = u"/api/v1/job-description"_s;
+    const auto jobs = u"/api/v1/job-description"_s, tts = u"/api/v1/mock-interview/tts"_s,
+               questions = u"/api/v1/mock-interview/questions"_s;
     expectRoutes(
         server, account,
         {
@@ -269,6 +271,15 @@ TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
             {"POST", u"/api/v1/interview/session/x/transcript"_s, R"({"entries":[{"id":1}]})", 400},
             {"GET", u"/api/v1/nothing-here"_s, {}, 404},
             {"DELETE", u"/api/v1/resume"_s, {}, 405},
+            {"POST", tts, compact({{u"text"_s, QString(SpeechSynthesizer::maxTextLength + 1, u'a')}}), 413},
+            {"POST", tts, R"({"text":42})", 400},
+            {"POST", tts, R"({"text":"   "})", 400},
+            {"POST", questions, R"({"count":0})", 400},
+            {"POST", questions, R"({"count":21})", 400},
+            {"POST", questions, R"({"count":2.5})", 400},
+            {"POST", questions, R"({"count":"8"})", 400},
+            {"POST", questions, R"({"count":8,"language":7})", 400},
+            {"POST", u"/api/v1/mock-interview/avatar/generate"_s, "nope", 400},
         });
 
     // A body announced at a gigabyte and sent without end: refused once past the limit, with
@@ -705,29 +716,26 @@ TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
     config.quotas.crashReportsKept = 1;
     ServerHarness server(config);
     const auto account = server.signUp();
-    const auto refusedWith = [](const CurlResult& result, const QString& words) {
-        return result.status == 429 && result.json()[u"error"_s].toString().contains(words);
-    };
 
     // Answers: two streaming at once, three started a minute.
+    const auto answer = u"/api/v1/chat/answer"_s;
+    const QByteArray third = R"({"question":"Three?"})";
     QProcess first, second;
     startAnswer(first, server, account, R"({"question":"One?"})");
     startAnswer(second, server, account, R"({"question":"Two?"})");
     ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 2; }));
-    const QByteArray third = R"({"question":"Three?"})";
-    EXPECT_PRED2(refusedWith, server.call(account, "POST", u"/api/v1/chat/answer"_s, third),
-                 u"at once"_s);
+    expectRoutes(server, account, {{"POST", answer, third, 429, R"({"error":"~at once"})"}});
     // Either curl may have reached the engine first.
     server.engine.answers[0]->onDone({});
     ASSERT_TRUE(waitUntil([&] {
         return first.state() == QProcess::NotRunning || second.state() == QProcess::NotRunning;
     }));
     server.engine.finishAtOnce = true;
-    EXPECT_EQ(server.call(account, "POST", u"/api/v1/chat/answer"_s, third).status, 200);
-    EXPECT_PRED2(refusedWith, server.call(account, "POST", u"/api/v1/chat/answer"_s, third),
-                 u"per minute"_s);
+    expectRoutes(server, account,
+                 {{"POST", answer, third, 200},
+                  {"POST", answer, third, 429, R"({"error":"~per minute"})"}});
     server.clock.advance(std::chrono::minutes(1));
-    EXPECT_EQ(server.call(account, "POST", u"/api/v1/chat/answer"_s, third).status, 200);
+    expectRoutes(server, account, {{"POST", answer, third, 200}});
     server.engine.answers[1]->onDone({});
     ASSERT_TRUE(waitUntil([&] {
         return first.state() == QProcess::NotRunning && second.state() == QProcess::NotRunning;
@@ -736,45 +744,39 @@ TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
     // Speech tokens: whatever the first two get, the third is refused.
     for (int i = 0; i < 2; ++i)
         EXPECT_NE(server.call(account, "GET", u"/api/v1/speech/token"_s).status, 429);
-    EXPECT_PRED2(refusedWith, server.call(account, "GET", u"/api/v1/speech/token"_s), u"speech"_s);
+    expectRoutes(server, account,
+                 {{"GET", u"/api/v1/speech/token"_s, {}, 429, R"({"error":"~speech"})"}});
 
-    // Documents: how many are kept and their total size.
+    // Documents: how many are kept and their total size; another user has quotas of their own.
     const auto jobs = u"/api/v1/job-description"_s;
-    const QByteArray fortyChars =
-        R"({"title":"T","content":"0123456789012345678901234567890123456789"})";
-    const auto kept = server.call(account, "POST", jobs, fortyChars);
-    ASSERT_EQ(kept.status, 200);
-    EXPECT_PRED2(refusedWith,
-                 server.call(account, "POST", jobs,
-                             R"({"title":"T","content":")" + QByteArray(70, 'x') + "\"}"),
-                 u"size"_s);
-    EXPECT_EQ(server.call(account, "POST", jobs, fortyChars).status, 200);
-    EXPECT_PRED2(refusedWith, server.call(account, "POST", jobs, R"({"title":"T","content":"x"})"),
-                 u"documents"_s);
-    EXPECT_EQ(server.call(account, "DELETE", jobs + u'/' + kept.json()[u"id"_s].toString()).status,
-              204);
-    EXPECT_EQ(server.call(account, "POST", jobs, R"({"title":"T","content":"x"})").status, 200);
-    // Another user has quotas of their own.
-    EXPECT_EQ(server.call(server.signUp(), "POST", jobs, fortyChars).status, 200);
+    const QByteArray forty = R"({"title":"T","content":"0123456789012345678901234567890123456789"})",
+                     small = R"({"title":"T","content":"x"})";
+    const auto kept = server.call(account, "POST", jobs, forty).json()[u"id"_s].toString();
+    expectRoutes(server, account,
+                 {{"POST", jobs, R"({"title":"T","content":")" + QByteArray(70, 'x') + "\"}", 429,
+                   R"({"error":"~size"})"},
+                  {"POST", jobs, forty, 200},
+                  {"POST", jobs, small, 429, R"({"error":"~documents"})"},
+                  {"DELETE", jobs + u'/' + kept, {}, 204},
+                  {"POST", jobs, small, 200}});
+    expectRoutes(server, server.signUp(), {{"POST", jobs, forty, 200}});
 
     // Telemetry: requests per address, and rows kept with the oldest dropped.
     TelemetryStore stored(*server.db);
-    const auto events = [](const char* name) {
+    const auto events = u"/api/v1/telemetry/events"_s, crash = u"/api/v1/telemetry/crash"_s;
+    const auto two = [](const char* name) {
         return QByteArray(R"({"deviceId":"d1","events":[{"name":")") + name
                + R"(","category":"c"},{"name":")" + name + R"(","category":"c"}]})";
     };
-    const auto post = [&](const QString& path, const QByteArray& body) {
-        return server.call({}, "POST", path, body);
-    };
-    EXPECT_EQ(post(u"/api/v1/telemetry/events"_s, R"({"deviceId":"d1","appVersion":"0.1.0","platform":"linux","events":[
-        {"name":"app_launched","category":"funnel","clientTs":"2026-01-01T00:00:00.000Z"},
-        {"name":"api_failed","category":"error","clientTs":"2026-01-01T00:00:01.000Z","props":{"status":500}}]})").status, 200);
-    EXPECT_EQ(post(u"/api/v1/telemetry/crash"_s, R"({"deviceId":"d1","n":1})").status, 200);
-    EXPECT_PRED2(refusedWith, post(u"/api/v1/telemetry/events"_s, events("refused")),
-                 u"Too many"_s);
+    expectRoutes(server, {},
+                 {{"POST", events, R"({"deviceId":"d1","appVersion":"0.1.0","platform":"linux","events":[
+                      {"name":"app_launched","category":"funnel","clientTs":"2026-01-01T00:00:00.000Z"},
+                      {"name":"api_failed","category":"error","props":{"status":500}}]})", 200},
+                  {"POST", crash, R"({"deviceId":"d1","n":1})", 200},
+                  {"POST", events, two("refused"), 429, R"({"error":"~Too many"})"}});
     server.clock.advance(std::chrono::minutes(1));
-    EXPECT_EQ(post(u"/api/v1/telemetry/events"_s, events("new")).status, 200);
-    EXPECT_EQ(post(u"/api/v1/telemetry/crash"_s, R"({"deviceId":"d1","n":2})").status, 200);
+    expectRoutes(server, {},
+                 {{"POST", events, two("new"), 200}, {"POST", crash, R"({"deviceId":"d1","n":2})", 200}});
     EXPECT_EQ(std::pair(stored.eventCount(), stored.crashCount()), std::pair(3, 1));
     // The two newest are kept whatever else is there (on PostgreSQL the run shares one database).
     auto names =
@@ -783,13 +785,13 @@ TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
     while (names.next())
         newest.append(names.value(0).toString());
     EXPECT_EQ(newest, (QStringList{u"new"_s, u"new"_s}));
-    auto crash = server.db->run(u"SELECT report FROM crash_reports"_s);
-    ASSERT_TRUE(crash.next());
-    EXPECT_TRUE(crash.value(0).toString().contains(u"\"n\":2"_s));
+    auto report = server.db->run(u"SELECT report FROM crash_reports"_s);
+    ASSERT_TRUE(report.next());
+    EXPECT_TRUE(report.value(0).toString().contains(u"\"n\":2"_s));
     server.clock.advance(std::chrono::minutes(1));
     expectRoutes(server, {},
                  {{"GET", u"/api/v1/telemetry/config"_s, {}, 200, R"({"enabled":true,"sampleRate":1.0})"},
-                  {"POST", u"/api/v1/telemetry/events"_s, R"({"deviceId":"d1","events":[{}]})", 400}});
+                  {"POST", events, R"({"deviceId":"d1","events":[{}]})", 400}});
 }
 
 // The newest package by version, not by name, for the kind of install asking (a .deb install is
