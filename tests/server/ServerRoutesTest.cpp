@@ -62,6 +62,14 @@ Account bearer(const QString& token)
     return {{}, {}, token, {}};
 }
 
+// The form's token against cross-site posts, from the sign-in page.
+QString csrfOf(const QByteArray& page)
+{
+    return QRegularExpression(u"name=\"csrf\" value=\"([^\"]+)\""_s)
+        .match(QString::fromUtf8(page))
+        .captured(1);
+}
+
 } // namespace
 
 class ServerTest : public ::testing::Test {
@@ -513,20 +521,16 @@ TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsThe
 TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
 {
     const auto jar = server.dir.filePath(u"cookies"_s);
-    const auto page =
-        curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S-1.x&mode=register"_s});
+    const auto page = curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S-1.x&mode=register"_s});
     EXPECT_TRUE(page.status == 200 && page.body.contains("Continue on this computer")
                 && page.headers.contains("SameSite=Strict"));
     // Keyboard only: the address field takes the focus, and Tab goes on to the two passwords.
-    EXPECT_TRUE(
-        QRegularExpression(
-            u"<input id=\"email\"[^>]* autofocus .*<input id=\"password\".*<input id=\"confirm\""_s,
-            QRegularExpression::DotMatchesEverythingOption)
-            .match(QString::fromUtf8(page.body))
-            .hasMatch());
-    const auto csrf = QRegularExpression(u"name=\"csrf\" value=\"([^\"]+)\""_s)
-                          .match(QString::fromUtf8(page.body))
-                          .captured(1);
+    EXPECT_TRUE(QRegularExpression(u"<input id=\"email\"[^>]* autofocus .*<input id=\"password\".*"
+                                   u"<input id=\"confirm\""_s,
+                                   QRegularExpression::DotMatchesEverythingOption)
+                    .match(QString::fromUtf8(page.body))
+                    .hasMatch());
+    const auto csrf = csrfOf(page.body);
     ASSERT_FALSE(csrf.isEmpty());
     const auto form =
         u"state=S-1.x&action=register&email=new%40example.org&password=pa55word!&confirm=pa55word!&csrf="_s;
@@ -581,11 +585,8 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
         request.peer = c.peer;
         request.headers =
             HttpHeaders{{"Cookie", "ravlet_csrf=T"}, {"Host", "server.example:8787"}} + c.extra;
-        EXPECT_EQ(
-            awaitTask(
-                LoginPage(*server.accounts, server.clock, {c.localSignIn, true}).submit(request))
-                .status,
-            403)
+        LoginPage page(*server.accounts, server.clock, {c.localSignIn, true});
+        EXPECT_EQ(awaitTask(page.submit(request)).status, 403)
             << c.peer.toString().toStdString() << ' ' << c.localSignIn << ' '
             << (c.extra.isEmpty() ? "" : c.extra.first().first.constData());
     }
@@ -639,10 +640,7 @@ TEST_F(ServerTest, PasswordGuessesAreLimitedPerEmailAndPerAddress)
 {
     server.accounts->createAccount(u"victim@example.org"_s, u"correct horse"_s);
     const auto jar = server.dir.filePath(u"guesser"_s);
-    const auto csrf = QRegularExpression(u"name=\"csrf\" value=\"([^\"]+)\""_s)
-                          .match(QString::fromUtf8(
-                              curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S"_s}).body))
-                          .captured(1);
+    const auto csrf = csrfOf(curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S"_s}).body);
     const auto attempt = [&](const QString& email, const QString& password,
                              const QStringList& extra = {}) {
         return curl(QStringList{u"-b"_s, jar, u"--data"_s,
