@@ -210,55 +210,46 @@ TEST_F(ServerTest, UsersNeverReachEachOthersData)
         R"({"entries":[{"id":"l1","speaker":"interviewer","content":"Secret","timestampMs":1}]})";
     ASSERT_EQ(server.call(owner, "POST", session + u"/transcript"_s, line).status, 200);
     const auto job = create(u"/api/v1/job-description"_s, R"({"title":"T","content":"C"})");
+    const auto cv = writeFile(server.dir.filePath(u"cv.txt"_s), "Led 40.");
     const auto resume = curl({u"-H"_s, u"Authorization: Bearer "_s + owner.accessToken, u"-F"_s,
-                              u"file=@"_s + writeFile(server.dir.filePath(u"cv.txt"_s), "Led 40.")
-                                  + u";type=text/plain"_s,
+                              u"file=@"_s + cv + u";type=text/plain"_s,
                               server.base() + u"/api/v1/resume/upload"_s})
-                            .json()[u"id"_s]
-                            .toString();
+                            .json()[u"id"_s].toString();
     ASSERT_FALSE(job.isEmpty() || resume.isEmpty());
     server.engine.finishAtOnce = true;
-    EXPECT_EQ(server.call(owner, "POST", u"/api/v1/chat/answer"_s, R"({"question":"q"})").status,
-              200);
+    expectRoutes(server, owner, {{"POST", u"/api/v1/chat/answer"_s, R"({"question":"q"})", 200}});
     auto logs = server.db->run(u"SELECT id FROM answer_logs WHERE user_id = ?"_s, {owner.id});
     ASSERT_TRUE(logs.next());
     const auto log = u"/api/v1/chat/log/"_s + logs.value(0).toString();
 
     // Each probe is the other user's token on the owner's id.
-    expectRoutes(
-        server, other,
-        {
-            {"GET", session, {}, 404},
-            {"PUT", session, R"({"status":"completed","sttAudioDurationMs":1})", 404},
-            {"POST", session + u"/transcript"_s,
-             R"({"entries":[{"id":"l1","speaker":"user","content":"overwritten","timestampMs":1,"revision":9}]})",
-             404},
-            {"DELETE", u"/api/v1/resume/"_s + resume, {}, 404},
-            {"DELETE", u"/api/v1/job-description/"_s + job, {}, 404},
-            {"GET", log, {}, 404},
-            {"PATCH", log, R"({"answer":"changed"})", 404},
-            {"GET", u"/api/v1/interview/session"_s, {}, 200, R"({"sessions":[]})"},
-            {"GET", u"/api/v1/resume"_s, {}, 200, R"({"resumes":[]})"},
-            {"GET", u"/api/v1/job-description"_s, {}, 200, R"({"jobDescriptions":[]})"},
-        });
+    // clang-format off
+    expectRoutes(server, other, {
+        {"GET", session, {}, 404},
+        {"PUT", session, R"({"status":"completed","sttAudioDurationMs":1})", 404},
+        {"POST", session + u"/transcript"_s, R"({"entries":[{"id":"l1","speaker":"user","content":"overwritten","timestampMs":1,"revision":9}]})", 404},
+        {"DELETE", u"/api/v1/resume/"_s + resume, {}, 404},
+        {"DELETE", u"/api/v1/job-description/"_s + job, {}, 404},
+        {"GET", log, {}, 404},
+        {"PATCH", log, R"({"answer":"changed"})", 404},
+        {"GET", u"/api/v1/interview/session"_s, {}, 200, R"({"sessions":[]})"},
+        {"GET", u"/api/v1/resume"_s, {}, 200, R"({"resumes":[]})"},
+        {"GET", u"/api/v1/job-description"_s, {}, 200, R"({"jobDescriptions":[]})"}});
+    // clang-format on
     // An answer for the other user never sees the owner's documents.
     server.engine.answers.clear();
-    server.call(
-        other, "POST", u"/api/v1/chat/answer"_s,
-        compact({{u"question"_s, u"q"_s}, {u"resumeId"_s, resume}, {u"jobDescriptionId"_s, job}}));
+    const QJsonObject withOwnersDocuments{
+        {u"question"_s, u"q"_s}, {u"resumeId"_s, resume}, {u"jobDescriptionId"_s, job}};
+    server.call(other, "POST", u"/api/v1/chat/answer"_s, compact(withOwnersDocuments));
     ASSERT_EQ(server.engine.answers.size(), 1u);
-    EXPECT_EQ(server.engine.answers[0]->request.resumeText
-                  + server.engine.answers[0]->request.jobDescriptionText,
-              QString());
-    expectRoutes(
-        server, owner,
-        {
-            {"GET", session, {}, 200, R"({"status":"active","transcript":[{"content":"Secret"}]})"},
-            {"GET", log, {}, 200, R"({"question":"q"})"},
-            {"GET", u"/api/v1/interview/session"_s, {}, 200, R"({"sessions":[{}]})"},
-            {"GET", u"/api/v1/resume"_s, {}, 200, R"({"resumes":[{}]})"},
-            {"GET", u"/api/v1/job-description"_s, {}, 200, R"({"jobDescriptions":[{}]})"},
-        });
+    const auto& asked = server.engine.answers[0]->request;
+    EXPECT_EQ(asked.resumeText + asked.jobDescriptionText, QString());
+    expectRoutes(server, owner,
+                 {{"GET", session, {}, 200, R"({"status":"active","transcript":[{"content":"Secret"}]})"},
+                  {"GET", log, {}, 200, R"({"question":"q"})"},
+                  {"GET", u"/api/v1/interview/session"_s, {}, 200, R"({"sessions":[{}]})"},
+                  {"GET", u"/api/v1/resume"_s, {}, 200, R"({"resumes":[{}]})"},
+                  {"GET", u"/api/v1/job-description"_s, {}, 200, R"({"jobDescriptions":[{}]})"}});
 }
 
 TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
@@ -462,16 +453,13 @@ TEST_F(ServerTest, NulTextAndACutDatabaseConnectionGiveNoErrors)
 
 TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEngine)
 {
-    const auto job = server
-                         .call(account, "POST", u"/api/v1/job-description"_s,
-                               R"({"title":"SRE","content":"Keep services up"})")
-                         .json()[u"id"_s];
+    const QByteArray job = R"({"title":"SRE","content":"Keep services up"})";
+    const auto jobId = server.call(account, "POST", u"/api/v1/job-description"_s, job).json()[u"id"_s];
     QProcess streaming;
-    startAnswer(
-        streaming, server, account,
-        R"({"question":"Why this role?","language":"German","jobDescriptionId":")"
-            + job.toString().toUtf8()
-            + R"(","context":[{"speaker":"interviewer","content":"Hello"},{"speaker":"user","content":"Hi"}]})");
+    startAnswer(streaming, server, account,
+                R"({"question":"Why this role?","language":"German","jobDescriptionId":")"
+                    + jobId.toString().toUtf8() + R"(","context":[{"speaker":"interviewer",)"
+                    + R"("content":"Hello"},{"speaker":"user","content":"Hi"}]})");
     ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 1; }));
     const auto pending = server.engine.answers[0];
     EXPECT_EQ(QStringList({pending->request.question, pending->request.jobDescriptionText,
@@ -505,8 +493,7 @@ TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsThe
     server.engine.answers[1]->onDone(u"The model server is unreachable"_s);
     ASSERT_TRUE(waitUntil([&] { return failing.state() == QProcess::NotRunning; }));
     const auto output = failing.readAllStandardOutput();
-    EXPECT_TRUE(output.startsWith("HTTP/1.1 502")
-                && output.contains("The model server is unreachable"))
+    EXPECT_TRUE(output.startsWith("HTTP/1.1 502") && output.contains("The model server is unreachable"))
         << output.constData();
     startAnswer(leaving, server, account, R"({"question":"q"})");
     ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 3; }));
