@@ -48,7 +48,8 @@ TEST_F(PracticeRoutesTest, QuestionsComeInTheCountAndLanguageAskedForWithoutRepe
     };
     QSet<QString> sessions;
     for (const auto& [language, count, served] :
-         {std::tuple{u"en"_s, 8, u"en"_s}, {u"de-AT"_s, 20, u"de"_s}, {u"ja"_s, 5, u"en"_s}, {u"auto"_s, 1, u"en"_s}}) {
+         {std::tuple{u"en"_s, 8, u"en"_s}, {u"de-AT"_s, 20, u"de"_s}, {u"ja"_s, 5, u"en"_s},
+          {u"auto"_s, 1, u"en"_s}}) {
         SCOPED_TRACE(language.toStdString());
         // The other user's job description shapes nothing for this user.
         const auto body = ask(other, language, count);
@@ -94,7 +95,8 @@ TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
     const QSet<QRgb> samples{picture.pixel(20, 20), picture.pixel(256, 230), picture.pixel(256, 500)};
     EXPECT_GT(samples.size(), 1) << "a picture, not a blank";
     // Another user gets another face; so does a regeneration.
-    expectRoutes(server, second, {{"GET", avatar + u"/image"_s, {}, 404}, {"POST", avatar + u"/generate"_s, "{}", 200}});
+    expectRoutes(server, second,
+                 {{"GET", avatar + u"/image"_s, {}, 404}, {"POST", avatar + u"/generate"_s, "{}", 200}});
     const auto secondImage = image(second).body;
     EXPECT_NE(QImage::fromData(secondImage, "PNG"), picture);
     ASSERT_EQ(server.call(first, "POST", avatar + u"/generate"_s, "").status, 200);
