@@ -45,9 +45,8 @@ TEST_F(ClientContractTest, RefreshPendingPostSocketAndSignOutThroughTheClient)
 
     // Lines as the pending upload sends them, out of the order they were spoken in.
     using Speaker = TranscriptEntry::Speaker;
-    const TranscriptEntry first{
-        u"e1"_s, Speaker::interviewer, u"Tell me about a time."_s, 2000, 0.9, true};
-    const TranscriptEntry second{u"e2"_s, Speaker::user, u"Sure."_s, 1000, std::nullopt, true};
+    const TranscriptEntry first{u"e1"_s, Speaker::interviewer, u"Tell me about a time."_s, 2000, 0.9, true},
+        second{u"e2"_s, Speaker::user, u"Sure."_s, 1000, std::nullopt, true};
     awaitTask(client.postTranscript(session.id, {first.uploadForm(), second.uploadForm()}));
 
     // The transcript socket's own client: a line that grows after the server stored it is
@@ -71,33 +70,23 @@ TEST_F(ClientContractTest, RefreshPendingPostSocketAndSignOutThroughTheClient)
     EXPECT_TRUE(awaitTask(upload.stop(), 10'000).isEmpty()) << "every line acknowledged";
     awaitTask(client.completeSession(session.id, 0));
     // The lines by time of speech, not by arrival.
-    expectRoutes(
-        server, {{}, {}, *client.accessToken(), {}},
-        {
-            {"GET",
-             u"/api/v1/interview/session/"_s + session.id,
-             {},
-             200,
-             R"({"status":"completed","transcript":[{"id":"e2","content":"Sure."},{"id":"e1","content":"Tell me about a time."},
-                                                {"id":"e3","content":"Sure, the billing rewrite."}]})"},
-        });
+    expectRoutes(server, {{}, {}, *client.accessToken(), {}},
+                 {{"GET", u"/api/v1/interview/session/"_s + session.id, {}, 200,
+                   R"({"status":"completed","transcript":[{"id":"e2","content":"Sure."},
+                       {"id":"e1","content":"Tell me about a time."},
+                       {"id":"e3","content":"Sure, the billing rewrite."}]})"}});
 
     // Sign-out ends the refresh family on the server as well; when the server cannot be
     // reached, the user is signed out all the same.
     const auto refreshToken = awaitTask(tokens.getRefreshToken());
     ASSERT_TRUE(refreshToken);
     const auto revoked = [&] {
-        return AuthStore(*server.db)
-            .refresh(tokenHash(*refreshToken))
-            .value_or(AuthStore::RefreshRecord{})
-            .revoked;
+        return AuthStore(*server.db).refresh(tokenHash(*refreshToken)).value_or(AuthStore::RefreshRecord{}).revoked;
     };
     LogCapture logs;
     // The sign-out's request ends before the test does, answered or refused.
     const auto loggedOut = [&](const char* outcome) {
-        return waitUntil([&] {
-            return !logs.lines().filter(QString::fromLatin1(outcome)).isEmpty();
-        });
+        return waitUntil([&] { return !logs.lines().filter(QString::fromLatin1(outcome)).isEmpty(); });
     };
     AuthViewModel signedIn(tokens);
     signedIn.setApiClient(&client);

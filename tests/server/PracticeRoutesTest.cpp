@@ -38,23 +38,18 @@ protected:
 TEST_F(PracticeRoutesTest, QuestionsComeInTheCountAndLanguageAskedForWithoutRepeats)
 {
     const auto other = server.signUp();
-    const auto job = server
-                         .call(account, "POST", u"/api/v1/job-description"_s,
-                               R"({"title":"Build Engineer","company":"Acme","content":"CI"})")
-                         .json()[u"id"_s];
+    const QByteArray jobBody = R"({"title":"Build Engineer","company":"Acme","content":"CI"})";
+    const auto job = server.call(account, "POST", u"/api/v1/job-description"_s, jobBody).json()[u"id"_s];
     const auto ask = [&](const ServerHarness::Account& who, const QString& language, int count) {
-        const auto result = server.call(
-            who, "POST", practice + u"questions"_s,
-            compact(
-                {{u"language"_s, language}, {u"count"_s, count}, {u"jobDescriptionId"_s, job}}));
+        const QJsonObject body{{u"language"_s, language}, {u"count"_s, count}, {u"jobDescriptionId"_s, job}};
+        const auto result = server.call(who, "POST", practice + u"questions"_s, compact(body));
         EXPECT_EQ(result.status, 200) << result.body.toStdString();
         return result.json();
     };
     QSet<QString> sessions;
-    for (const auto& [language, count, served] : {std::tuple{u"en"_s, 8, u"en"_s},
-                                                  {u"de-AT"_s, 20, u"de"_s},
-                                                  {u"ja"_s, 5, u"en"_s},
-                                                  {u"auto"_s, 1, u"en"_s}}) {
+    for (const auto& [language, count, served] :
+         {std::tuple{u"en"_s, 8, u"en"_s}, {u"de-AT"_s, 20, u"de"_s}, {u"ja"_s, 5, u"en"_s},
+          {u"auto"_s, 1, u"en"_s}}) {
         SCOPED_TRACE(language.toStdString());
         // The other user's job description shapes nothing for this user.
         const auto body = ask(other, language, count);
@@ -80,30 +75,6 @@ TEST_F(PracticeRoutesTest, QuestionsComeInTheCountAndLanguageAskedForWithoutRepe
               u"What interests you about the role of Build Engineer at Acme?"_s);
 }
 
-TEST_F(PracticeRoutesTest, HostileRequestsAreRefused)
-{
-    const auto huge = compact({{u"text"_s, QString(SpeechSynthesizer::maxTextLength + 1, u'a')}});
-    const auto tts = practice + u"tts"_s;
-    const auto questions = practice + u"questions"_s;
-    expectRoutes(server, account,
-                 {
-                     {"POST", tts, huge, 413},
-                     {"POST", tts, QByteArray(2 * 1024 * 1024, '{'), 413},
-                     {"POST", tts, "{\"text\":", 400},
-                     {"POST", tts, "[\"text\"]", 400},
-                     {"POST", tts, R"({"text":42})", 400},
-                     {"POST", tts, R"({"text":"   "})", 400},
-                     {"POST", questions, "{oops", 400},
-                     {"POST", questions, R"({"count":0})", 400},
-                     {"POST", questions, R"({"count":21})", 400},
-                     {"POST", questions, R"({"count":2.5})", 400},
-                     {"POST", questions, R"({"count":"8"})", 400},
-                     {"POST", questions, R"({"count":8,"language":7})", 400},
-                     {"POST", practice + u"avatar/generate"_s, "nope", 400},
-                     {"GET", practice + u"avatar"_s, {}, 404}, // still serving
-                 });
-}
-
 TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
 {
     const auto avatar = practice + u"avatar"_s;
@@ -115,22 +86,17 @@ TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
     expectRoutes(server, first, {{"GET", avatar, {}, 404}, {"GET", avatar + u"/image"_s, {}, 404}});
     const auto generated = server.call(first, "POST", avatar + u"/generate"_s, "{}").json();
     EXPECT_FALSE(generated[u"key"_s].toString().isEmpty());
-    EXPECT_TRUE(
-        QDateTime::fromString(generated[u"generatedAt"_s].toString(), Qt::ISODateWithMs).isValid());
+    EXPECT_TRUE(QDateTime::fromString(generated[u"generatedAt"_s].toString(), Qt::ISODateWithMs).isValid());
     EXPECT_EQ(server.call(first, "GET", avatar).json(), generated);
     const auto firstImage = image(first);
-    ASSERT_EQ(firstImage.status, 200);
-    EXPECT_TRUE(firstImage.headers.toLower().contains("content-type: image/png"));
+    ASSERT_TRUE(firstImage.status == 200 && firstImage.headers.toLower().contains("content-type: image/png"));
     const auto picture = QImage::fromData(firstImage.body, "PNG");
     EXPECT_EQ(picture.size(), QSize(512, 512));
-    EXPECT_GT(QSet<QRgb>({picture.pixel(20, 20), picture.pixel(256, 230), picture.pixel(256, 500)})
-                  .size(),
-              1)
-        << "a picture, not a blank";
+    const QSet<QRgb> samples{picture.pixel(20, 20), picture.pixel(256, 230), picture.pixel(256, 500)};
+    EXPECT_GT(samples.size(), 1) << "a picture, not a blank";
     // Another user gets another face; so does a regeneration.
-    expectRoutes(
-        server, second,
-        {{"GET", avatar + u"/image"_s, {}, 404}, {"POST", avatar + u"/generate"_s, "{}", 200}});
+    expectRoutes(server, second,
+                 {{"GET", avatar + u"/image"_s, {}, 404}, {"POST", avatar + u"/generate"_s, "{}", 200}});
     const auto secondImage = image(second).body;
     EXPECT_NE(QImage::fromData(secondImage, "PNG"), picture);
     ASSERT_EQ(server.call(first, "POST", avatar + u"/generate"_s, "").status, 200);
@@ -171,7 +137,8 @@ TEST(PracticeSpeechTest, AStuckChildIsKilledWhenItsTimeIsUp)
 }
 
 // A stand-in for espeak-ng that records its arguments and standard input, then answers as the
-// real one does on a pipe, or fails when told to.
+// real one does on a pipe (placeholder sizes, and here an odd byte, half a sample, at the end), or
+// fails when told to.
 TEST(PracticeSpeechTest, TheTextGoesOnStandardInputAndTheVoiceFollowsTheQuestionsLanguage)
 {
     QTemporaryDir dir;
@@ -187,7 +154,7 @@ if b'fail' in text:
     sys.exit(1)
 sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     + struct.pack('<IHHIIHH', 16, 1, 1, 22050, 44100, 2, 16)
-    + b'data' + struct.pack('<I', 0x7ffff000) + struct.pack('<4h', 0, 1000, -1000, 0))
+    + b'data' + struct.pack('<I', 0x7ffff000) + struct.pack('<4h', 0, 1000, -1000, 0) + b'\x05')
 )",
                                      true);
     // What the server was started with (a preloaded library, a PATH of the user's) stays with
@@ -201,7 +168,8 @@ sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     const auto spoken = speak({{u"text"_s, u"Why $(touch /tmp/x); rm -rf ~ `id` -v de"_s}});
     ASSERT_EQ(spoken.status, 200) << spoken.body.toStdString();
     EXPECT_TRUE(spoken.headers.toLower().contains("content-type: audio/wav")
-                && spoken.body.size() == 44 + 8 && le32(spoken.body, 40) == 8u);
+                && spoken.body.size() == 44 + 8 && le32(spoken.body, 4) == 36u + 8
+                && le32(spoken.body, 40) == 8u);
     ASSERT_EQ(speak({{u"text"_s, u"Warum interessieren Sie sich für diese Stelle?"_s}}).status,
               200);
     ASSERT_EQ(speak({{u"text"_s, u"Hello"_s}, {u"language"_s, u"es"_s}}).status, 200);
@@ -240,28 +208,12 @@ sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
             << lines[i].toStdString();
 }
 
-TEST(PracticeSpeechTest, StreamedHeadersAreCompletedAndOtherBytesRefused)
+// Completed headers are the stand-in's test above; here, bytes that are no plain PCM WAV.
+TEST(PracticeSpeechTest, BytesThatAreNoPcmWavAreRefused)
 {
-    // What espeak-ng writes to a pipe: placeholder sizes, then the samples.
-    QByteArray streamed("RIFF\x24\xf0\xff\x7f"
-                        "WAVEfmt "
-                        "\x10\0\0\0"
-                        "\x01\0\x01\0"
-                        "\x22\x56\0\0"
-                        "\x44\xac\0\0"
-                        "\x02\0\x10\0"
-                        "data"
-                        "\x00\xf0\xff\x7f",
-                        44);
-    const QByteArray samples("\x01\x02\x03\x04\x05", 5);
-    const auto completed = SpeechSynthesizer::completeWav(streamed + samples);
-    ASSERT_TRUE(completed);
-    // An odd byte is half a sample.
-    EXPECT_EQ(*completed, streamed.left(4) + QByteArray("\x28\0\0\0", 4) + streamed.mid(8, 32)
-                              + QByteArray("\x04\0\0\0", 4) + samples.left(4));
-    auto floatFormat = streamed;
-    floatFormat[20] = '\x03'; // not plain PCM
-    for (const auto& bad :
-         {QByteArray(), QByteArray("RIFF....WAVE"), streamed.left(20), floatFormat + samples})
+    QByteArray floatFormat("RIFF\x24\xf0\xff\x7fWAVEfmt \x10\0\0\0\x03\0\x01\0\x22\x56\0\0"
+                           "\x44\xac\0\0\x02\0\x10\0data\x00\xf0\xff\x7f\x01\x02",
+                           46);
+    for (const auto& bad : {QByteArray(), QByteArray("RIFF....WAVE"), floatFormat.left(20), floatFormat})
         EXPECT_FALSE(SpeechSynthesizer::completeWav(bad)) << bad.toHex().left(48).toStdString();
 }

@@ -127,6 +127,10 @@ bool containsJson(const QJsonValue& actual, const QJsonValue& expected)
         return actual.isArray() && array.size() == wantedArray.size()
                && std::equal(wantedArray.begin(), wantedArray.end(), array.begin(),
                              [](const auto& w, const auto& a) { return containsJson(a, w); });
+    // "~words": a text that contains them.
+    const auto wantedText = expected.toString();
+    if (wantedText.startsWith(u'~'))
+        return actual.toString().contains(wantedText.mid(1));
     return actual == expected;
 }
 

@@ -83,7 +83,8 @@ public:
 };
 
 // One request, the status it must get and, if given, JSON its answer must contain: every name
-// of an object with a matching value, arrays of the same length element by element.
+// of an object with a matching value ("~words": a text containing them), arrays of the same
+// length element by element.
 struct RouteCase {
     const char* method;
     QString path;

@@ -26,53 +26,20 @@ struct Case {
 const auto englishOnly =
     u"Offline speech recognition supports English only; configure a speech vendor for "_s;
 
+// clang-format off
 const Case cases[] = {
-    {"a configured endpoint takes every language",
-     u"ws://10.0.0.5:9100"_s,
-     true,
-     {},
-     u"de-DE"_s,
-     false,
-     200,
-     u"ws://10.0.0.5:9100"_s},
+    {"a configured endpoint takes every language", u"ws://10.0.0.5:9100"_s, true, {}, u"de-DE"_s, false, 200, u"ws://10.0.0.5:9100"_s},
     {"built in, no session yet", {}, true, {}, {}, true, 200, u"{self}"_s},
     {"built in, auto detect", {}, true, {}, u"auto"_s, true, 200, u"{self}"_s},
     {"built in, British English", {}, true, {}, u"en-GB"_s, true, 200, u"{self}"_s},
-    {"built in, behind a TLS proxy",
-     {},
-     true,
-     u"https://ravlet.example.org"_s,
-     u"en-US"_s,
-     true,
-     200,
-     u"wss://ravlet.example.org"_s},
+    {"built in, behind a TLS proxy", {}, true, u"https://ravlet.example.org"_s, u"en-US"_s, true, 200, u"wss://ravlet.example.org"_s},
     {"built in refuses German", {}, true, {}, u"de-DE"_s, true, 503, englishOnly + u"German."_s},
-    {"built in refuses Chinese",
-     {},
-     true,
-     {},
-     u"zh-CN"_s,
-     true,
-     503,
-     englishOnly + u"Chinese (Simplified)."_s},
-    {"built in names a language it does not know by its code",
-     {},
-     true,
-     {},
-     u"pt-BR"_s,
-     true,
-     503,
-     englishOnly + u"pt-BR."_s},
-    {"speech off",
-     {},
-     false,
-     {},
-     u"en-US"_s,
-     false,
-     503,
+    {"built in refuses Chinese", {}, true, {}, u"zh-CN"_s, true, 503, englishOnly + u"Chinese (Simplified)."_s},
+    {"built in names a language it does not know by its code", {}, true, {}, u"pt-BR"_s, true, 503, englishOnly + u"pt-BR."_s},
+    {"speech off", {}, false, {}, u"en-US"_s, false, 503,
      u"Speech recognition is not set up on this server: start ravlet-server with --speech-endpoint"_s},
 };
-
+// clang-format on
 } // namespace
 
 // GCC 12 with the sanitizers at -O1 takes the copy of a std::optional<QString> into the config

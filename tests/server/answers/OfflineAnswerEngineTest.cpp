@@ -9,8 +9,7 @@
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
-#include <QDeadlineTimer>
-#include <QThread>
+#include <QTest>
 #include <QThreadPool>
 
 using namespace ravlet::server;
@@ -119,43 +118,31 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
         const char* language = "";
         QStringList transcript = {};
     } cases[] = {
+        // clang-format off
         // The bullet wrapped over two lines is one passage, cut into what was done and what came of
         // it.
-        {"Tell me about a time you migrated a service to Kubernetes.",
-         true,
-         "a STAR answer",
+        {"Tell me about a time you migrated a service to Kubernetes.", true, "a STAR answer",
          {"Situation=Senior Backend Engineer, Acme Payments, London (2019–2024)", "Task=[]",
           "Action=Led the migration of the billing service from a monolith to Kubernetes",
-          "Result=cutting deploy time from 2 hours to 10 minutes.",
-          "Link to the role~move to Kubernetes"}},
+          "Result=cutting deploy time from 2 hours to 10 minutes.", "Link to the role~move to Kubernetes"}},
         // A weakness points at a requirement the resume does not cover.
-        {"What is your greatest weakness?",
-         true,
-         "strengths and weaknesses from your documents.",
-         {"Weakness=[]", "*~Familiarity with Rust and WebAssembly toolchains is a plus.",
-          "Strength="}},
+        {"What is your greatest weakness?", true, "strengths and weaknesses from your documents.",
+         {"Weakness=[]", "*~Familiarity with Rust and WebAssembly toolchains is a plus.", "Strength="}},
         // A short follow-up is read with the last lines of the conversation.
-        {"Can you say more?",
-         true,
-         "",
-         {"Evidence^Led the migration"},
-         "",
+        {"Can you say more?", true, "", {"Evidence^Led the migration"}, "",
          {u"Interviewer: How did the Kubernetes migration go?"_s, u"You: It went well overall."_s}},
         // The draft is in English, and says so when another language was asked for.
         {"Tell me about yourself.", true, "Offline draft in English", {"*~German"}, "de-DE"},
         {"Tell me about yourself.", true, "an introduction from your resume.", {}, "en-GB"},
-        {"Tell me about yourself.", true, "an introduction from your resume.", {}, "en-US"},
-        {"Tell me about yourself.", true, "an introduction from your resume.", {}, "English"},
         {"Tell me about yourself.", true, "an introduction from your resume.", {}, "auto"},
+        {"Tell me about yourself.", true, "an introduction from your resume.", {}, "English"},
         {"Walk me through your resume.", true, "an introduction from your resume."},
-        {"Tell me about a time you resolved a conflict between teams.", true, "a STAR answer"},
+        {"Tell me about a time you resolved a conflict between teams.", true, "a STAR answer", {"Action^Resolved a conflict"}},
         // Stories first, though one names a strength and the other starts like a technical one.
-        {"Tell me about a time you showed your biggest strength as a mentor.", true,
-         "a STAR answer"},
-        {"What's the hardest problem you've solved in PostgreSQL?", true, "a STAR answer"},
+        {"Tell me about a time you showed your biggest strength as a mentor.", true, "a STAR answer", {"Action^Mentored four junior"}},
+        {"What's the hardest problem you've solved in PostgreSQL?", true, "a STAR answer", {"Action^Optimized slow PostgreSQL"}},
         // Not a technical "what are".
-        {"What are your strengths and weaknesses?", true,
-         "strengths and weaknesses from your documents."},
+        {"What are your strengths and weaknesses?", true, "strengths and weaknesses from your documents."},
         {"Why do you want to join Initech?", true, "why this role, from your documents."},
         // As heard, with the question's first word lost.
         {"i do you want to work for our company", true, "why this role, from your documents."},
@@ -164,8 +151,8 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
         {"Tell me about a time you led a team.", false, noDocuments},
         {"What is your biggest weakness?", false, noDocuments},
         {"How would you design a cache?", false, noDocuments},
-        {"Tell me about a time you sailed across the Atlantic.", true,
-         "your documents have nothing on this, so fill in"},
+        {"Tell me about a time you sailed across the Atlantic.", true, "your documents have nothing on this, so fill in"},
+        // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.question + std::string(" ") + c.language);
@@ -218,91 +205,54 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
 // every further call.
 TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
 {
-    const auto waitFor = [](const std::function<bool()>& condition) {
-        QDeadlineTimer deadline(10'000);
-        while (!condition() && !deadline.hasExpired()) {
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-            QThread::msleep(1);
-        }
-        return condition();
-    };
     const auto request =
         withDocuments("Tell me about a time you migrated a service to Kubernetes.");
     OfflineAnswerEngine engine;
-    AnswerOutcome outcome;
-    const auto record = [&](const QString& chunk) { outcome.chunks << chunk; };
-    const auto done = [&](const QString& error) {
-        outcome.error = error;
-        ++outcome.doneCalls;
-    };
-    engine.answer(request, record, done);
-    EXPECT_TRUE(outcome.chunks.isEmpty()) << "a chunk before the caller has the handle";
-    ASSERT_TRUE(waitFor([&] { return outcome.doneCalls == 1; }));
-    EXPECT_EQ(outcome.error, QString());
+    AnswerOutcome whole;
+    engine.answer(
+        request, [&](const QString& chunk) { whole.chunks << chunk; },
+        [&](const QString& error) { whole.error = error, ++whole.doneCalls; });
+    EXPECT_TRUE(whole.chunks.isEmpty()) << "a chunk before the caller has the handle";
+    ASSERT_TRUE(QTest::qWaitFor([&] { return whole.doneCalls == 1; }, 10'000));
+    EXPECT_EQ(whole.error, QString());
     const auto lines = draftAnswer(request);
-    EXPECT_EQ(outcome.chunks.size(), lines.size());
-    EXPECT_EQ(outcome.chunks.join(QString()), lines.join(u'\n'));
+    EXPECT_EQ(whole.chunks.size(), lines.size()) << "one chunk a line";
+    EXPECT_EQ(whole.chunks.join(QString()), lines.join(u'\n'));
 
-    outcome = {};
+    // A cancel from inside a chunk, or before the draft was ready, stops every further call.
+    AnswerOutcome cancelled;
     AnswerEngine::Handle handle;
     handle = engine.answer(
         request,
         [&](const QString& chunk) {
-            record(chunk);
+            cancelled.chunks << chunk;
             handle.cancel();
         },
-        done);
-    auto early = engine.answer(request, record, done);
+        [&](const QString&) { ++cancelled.doneCalls; });
+    auto early = engine.answer(
+        request, [&](const QString& chunk) { cancelled.chunks << chunk; },
+        [&](const QString&) { ++cancelled.doneCalls; });
     early.cancel();
     early.cancel(); // harmless
-    ASSERT_TRUE(waitFor([&] { return !outcome.chunks.isEmpty(); }));
-    QThreadPool::globalInstance()->waitForDone(10'000); // the cancelled draft is ready too
+    QThreadPool::globalInstance()->waitForDone(10'000); // both drafts are ready
     drainEvents();
-    EXPECT_TRUE(outcome.chunks.size() == 1 && outcome.doneCalls == 0)
-        << outcome.chunks.size() << ' ' << outcome.doneCalls;
+    EXPECT_TRUE(cancelled.chunks.size() == 1 && cancelled.doneCalls == 0)
+        << cancelled.chunks.size() << ' ' << cancelled.doneCalls;
 }
 
+// Stems are what lets a question's "migrated" find the resume's "migration"; which line wins is
+// the draft test's.
 TEST(TextRankingTest, WordFormsShareAStemAndFunctionWordsAreNoTerms)
 {
-    for (const auto& [a, b] : {std::pair{"migrated", "migration"},
-                               {"mentoring", "mentored"},
-                               {"leadership", "leading"},
-                               {"optimized", "optimization"},
-                               {"queries", "query"},
-                               {"planned", "planning"},
-                               {"services", "service"},
-                               {"deployments", "deploy"},
-                               {"teams", "team"}})
+    for (const auto& [a, b] : {std::pair{"migrated", "migration"}, {"mentoring", "mentored"},
+                               {"leadership", "leading"}, {"optimized", "optimization"},
+                               {"queries", "query"}, {"planned", "planning"},
+                               {"deployments", "deploy"}, {"teams", "team"}})
         EXPECT_EQ(stemWord(QLatin1String(a)), stemWord(QLatin1String(b))) << a << " / " << b;
     EXPECT_NE(stemWord(u"process"_s), stemWord(u"product"_s));
     EXPECT_EQ(contentTerms(u"Tell me about a time you used C++ and C# at Acme's office"),
               (QStringList{u"used"_s, u"c++"_s, u"c#"_s, u"acm"_s, u"offic"_s}));
     EXPECT_TRUE(contentTerms(u"What would you do, and why?").isEmpty());
-}
-
-TEST(TextRankingTest, TheResumeLineTheQuestionIsAboutComesFirstAndNoSharedWordMeansNoHit)
-{
-    const Bm25Index index(splitPassages(sampleResume()));
-    const auto best = [&](const QString& question) {
-        RankingQuery query;
-        query.addText(question);
-        const auto hits = index.rank(query);
-        const auto hit = std::find_if(hits.begin(), hits.end(), [&](const auto& h) {
-            return !index.passage(h.index).isHeading;
-        });
-        return hit == hits.end() ? QString() : index.passage(hit->index).text;
-    };
-    for (const auto& [question, expected] :
-         {std::pair{"Tell me about a time you had a conflict with another team.",
-                    "Resolved a conflict"},
-          {"How would you speed up a slow PostgreSQL query?", "Optimized slow PostgreSQL"},
-          {"Have you ever migrated a service to Kubernetes?", "Led the migration"},
-          {"What is your experience mentoring junior developers?", "Mentored four junior"},
-          {"How do you detect fraud in payments?", "Built a fraud detection"},
-          {"Describe an API you designed for high throughput.", "Designed an idempotent"}})
-        EXPECT_TRUE(best(QString::fromUtf8(question)).startsWith(QLatin1String(expected)))
-            << question;
-    EXPECT_EQ(best(u"Have you ever sailed across the Atlantic?"_s), QString());
     RankingQuery query;
     query.addText(u"Kubernetes"_s);
     EXPECT_TRUE(Bm25Index({}).rank(query).isEmpty());
