@@ -13,7 +13,7 @@ while the trigger reaches the program the way that desktop allows, and an answer
 The program runs through XWayland as on a user's desktop, signed in to a real ravlet-server,
 with an interview heard through a private sound server. Screenshots of the whole output go to
 --screenshots. Exits 77 when the compositor or a tool is not installed."""
-import argparse, json, os, shutil, subprocess, sys, time
+import argparse, json, os, re, shutil, subprocess, sys, time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import product  # noqa: E402
@@ -264,16 +264,11 @@ class KWinDesktop(product.Desktop):
             return None, {}
         subprocess.run(["gdbus", "call", "--session", "--dest", "org.kde.KWin", "--object-path", "/Scripting",
                         "--method", "org.kde.kwin.Scripting.start"], env=self.env, capture_output=True)
-        lines = wait_until(lambda: [line for line in open(log, errors="replace").read()[seen:].splitlines()
-                                    if "RAVLET ACTIVE" in line], 5) or []
-        text = open(log, errors="replace").read()[seen:]
-        active = lines[0].split("RAVLET ACTIVE ", 1)[1].strip() if lines else None
-        above = {}
-        for line in text.splitlines():
-            if "RAVLET WINDOW " in line:
-                caption, _, flag = line.split("RAVLET WINDOW ", 1)[1].rpartition("|above=")
-                above[caption] = flag.strip() == "true"
-        return active, above
+        printed = lambda: open(log, errors="replace").read()[seen:]  # noqa: E731
+        text = wait_until(lambda: "RAVLET ACTIVE" in printed() and printed(), 5) or ""
+        active = re.search(r"RAVLET ACTIVE (.*)", text)
+        above = {caption: flag == "true" for caption, flag in re.findall(r"RAVLET WINDOW (.*)\|above=(\w+)", text)}
+        return (active.group(1).strip() if active else None), above
 
     def press_chord(self, chord):
         subprocess.run([self.fake_keys, *[str(KEY_CODES[k]) for k in chord]], env=self.env, check=True)
