@@ -7,15 +7,79 @@ own session; everything lives in one scratch folder and ends with it.
 The program is driven as a person would drive it: its buttons through their accessible names
 (AT-SPI, as a screen reader sees them), keys through XTEST, speech through the sound
 server (espeak-ng played into a sink)."""
-import http.cookiejar, json, os, re, shutil, socket, sqlite3, subprocess, tempfile, time
+import http.cookiejar, json, os, re, shutil, socket, sqlite3, subprocess, tempfile, time, traceback
 import urllib.error, urllib.parse, urllib.request
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 SCRIPTS = os.path.join(ROOT, "scripts")
+WELCOME, OVERLAY, DASHBOARD = "Welcome to RavletAI", "RavletAI Overlay", "RavletAI"
+# What every private session runs besides its display: the keyring, the accessibility bus and
+# the sound server, and what speaks into it.
+SESSION_TOOLS = ("espeak-ng", "paplay", "secret-tool", "/usr/libexec/at-spi-bus-launcher")
+X_TOOLS = ("openbox", "xdotool", "xprop", "scrot")
 
 
 class Missing(Exception):
     """A tool the run needs is not installed: the caller skips."""
+
+
+failures = []
+
+
+def check(condition, message, detail=None):
+    """`detail` is printed only on failure: what was seen instead."""
+    print(("ok: " if condition else "FAIL: ") + message, flush=True)
+    if not condition:
+        failures.append(message)
+        if detail is not None:
+            print(detail() if callable(detail) else detail, flush=True)
+    return condition
+
+
+class Stop(Exception):
+    """A step failed that every later step needs."""
+
+
+def require(condition, message, detail=None):
+    if not check(condition, message, detail):
+        raise Stop(message)
+    return condition
+
+
+def run_scene(scene, make_desktop=None, scratch=None, logs=("program.log", "server.log"), tail=60,
+              keep=False, before_stop=None):
+    """Runs scene(desktop) on a private desktop in `scratch` (a new folder by default), which
+    goes afterwards unless kept. The exit code: 0 when every check passed, 1 when one failed or
+    the set-up broke (the logs' last lines are printed then), 77 when a tool is missing."""
+    scratch = scratch or make_scratch()
+    desktop = None
+    try:
+        desktop = (make_desktop or (lambda folder: Desktop(folder, None)))(scratch)
+        scene(desktop)
+    except Missing as missing:
+        print(missing, ": skipped")
+        return 77
+    except Stop:
+        pass
+    except Exception as error:  # the set-up broke: report it with the logs below
+        traceback.print_exc()
+        failures.append(repr(error))
+    finally:
+        if desktop:
+            if before_stop:
+                before_stop(desktop)
+            desktop.stop()
+        for log in logs if failures else ():
+            path = os.path.join(scratch, log)
+            if os.path.exists(path):
+                print(f"--- {log} (last {tail} lines)")
+                print("".join(open(path, errors="replace").readlines()[-tail:]))
+        if keep:
+            print("kept", scratch)
+        else:
+            shutil.rmtree(scratch, ignore_errors=True)
+    print("failures:", len(failures))
+    return 1 if failures else 0
 
 
 def wait_until(condition, timeout, step=0.1):
@@ -74,13 +138,12 @@ def read_state(path):
 class Desktop:
     """The private session. `env` is what every process of the run gets."""
 
-    def __init__(self, scratch, xtest_press):
+    def __init__(self, scratch, xtest_press, tools=X_TOOLS):
         self.scratch = scratch
         self.xtest_press = xtest_press
         self.daemons = []  # (script, state folder), stopped in reverse order
         self.children = []
-        for tool in ("openbox", "xdotool", "xprop", "scrot", "espeak-ng", "paplay", "secret-tool",
-                     "/usr/libexec/at-spi-bus-launcher"):
+        for tool in tools + SESSION_TOOLS:
             if not shutil.which(tool):
                 raise Missing(tool + " is not installed (scripts/install-deps.sh installs it)")
         home = os.path.join(scratch, "home")
@@ -119,18 +182,25 @@ class Desktop:
         # Generous, as for Xvfb: a loaded machine under the sanitizers took more than 10 s.
         if not wait_until(lambda: self.xprop_root("_NET_SUPPORTING_WM_CHECK"), 30):
             raise RuntimeError("openbox did not start")
+        self.start_services()
+        self.share_session()
+
+    def start_services(self):
+        """The keyring's session bus with the accessibility bus on it, and the sound server."""
         keyring = self._daemon("test-keyring.sh", "keyring")
         self.env["DBUS_SESSION_BUS_ADDRESS"] = keyring["DBUS_SESSION_BUS_ADDRESS"]
         self.spawn(["/usr/libexec/at-spi-bus-launcher", "--launch-immediately"], log="at-spi.log")
         pulse = self._daemon("test-pulse.sh", "pulse")
         self.env["PULSE_SERVER"] = pulse["PULSE_SERVER"]
         self.system_sink, self.mic_sink = pulse["SYSTEM_SINK"], pulse["MIC_SINK"]
-        # The accessibility bus must answer before a client asks for it.
+
+    def share_session(self, *more):
+        """Once the accessibility bus answers (before a client asks for it), this process talks
+        to the session's display, buses and sound server too."""
         wait_until(lambda: subprocess.run(
             ["dbus-send", "--session", "--print-reply", "--dest=org.a11y.Bus", "/org/a11y/bus",
              "org.a11y.Bus.GetAddress"], env=self.env, capture_output=True).returncode == 0, 10)
-        # This process talks to the same buses and display from here on.
-        for key in ("DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "PULSE_SERVER"):
+        for key in ("DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "PULSE_SERVER", *more):
             os.environ[key] = self.env[key]
 
     def stop(self):
@@ -252,6 +322,19 @@ class Program:
         exit code."""
         return subprocess.run([self.executable, *arguments], env=self.env, capture_output=True,
                               timeout=30).returncode
+
+
+def sign_in(desktop, ui, program, email, password, hand_over=None):
+    """A new user signs in from the welcome panel through the login page, whose "ravlet" address
+    goes back to the program by `hand_over` (the desktop's xdg-open unless given)."""
+    require(wait_until(lambda: ui.find(WELCOME, "push button", "Sign In"), 40), "the welcome panel opens")
+    ui.press(WELCOME, "OK, got it")
+    ui.press(WELCOME, "Sign In")
+    login = program.login_address()
+    require(login, "Sign In opens the browser")
+    callback = sign_in_over_http(login, email, password)
+    require((hand_over or program.open_address)(callback) == 0, "the address reaches the running program")
+    require(wait_until(lambda: desktop.is_viewable(OVERLAY), 30), "signed in, the overlay shows")
 
 
 def sign_in_over_http(login_address, email, password):

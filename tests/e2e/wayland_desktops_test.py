@@ -13,13 +13,12 @@ while the trigger reaches the program the way that desktop allows, and an answer
 The program runs through XWayland as on a user's desktop, signed in to a real ravlet-server,
 with an interview heard through a private sound server. Screenshots of the whole output go to
 --screenshots. Exits 77 when the compositor or a tool is not installed."""
-import argparse, json, os, shutil, subprocess, sys, time, traceback
+import argparse, json, os, re, shutil, subprocess, sys, time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import product  # noqa: E402
-import whole_product_test as whole  # noqa: E402
-from product import wait_until  # noqa: E402
-from whole_product_test import OVERLAY, WELCOME, QUESTIONS, check, require, counter, transcript_rows  # noqa: E402
+from product import OVERLAY, check, require, wait_until  # noqa: E402
+from whole_product_test import QUESTIONS, counter, shows_draft, transcript_rows  # noqa: E402
 
 # sway will not run as root; the whole run then goes to this user (nobody).
 UNPRIVILEGED = 65534
@@ -30,22 +29,14 @@ class SwayDesktop(product.Desktop):
     """sway on its headless backend with XWayland, the test's keyring, accessibility bus and
     sound server, a keyboard seat fed by wtype, and foot as the focused native window."""
 
+    name, session = "sway", "sway"
+
     def __init__(self, scratch, program):
-        for tool in ("sway", "swaymsg", "wtype", "grim", "foot", "Xwayland", "xdotool", "espeak-ng", "paplay",
-                     "secret-tool", "/usr/libexec/at-spi-bus-launcher"):
-            if not shutil.which(tool):
-                raise product.Missing(tool + " is not installed")
-        super().__init__(scratch, None)
+        super().__init__(scratch, None, ("sway", "swaymsg", "wtype", "grim", "foot", "Xwayland", "xdotool"))
         self.program = program
 
     def start(self):
-        keyring = self._daemon("test-keyring.sh", "keyring")
-        self.env["DBUS_SESSION_BUS_ADDRESS"] = keyring["DBUS_SESSION_BUS_ADDRESS"]
-        self.spawn(["/usr/libexec/at-spi-bus-launcher", "--launch-immediately"], log="at-spi.log")
-        pulse = self._daemon("test-pulse.sh", "pulse")
-        self.env["PULSE_SERVER"] = pulse["PULSE_SERVER"]
-        self.system_sink, self.mic_sink = pulse["SYSTEM_SINK"], pulse["MIC_SINK"]
-
+        self.start_services()
         display_file = os.path.join(self.scratch, "xwayland-display")
         config = os.path.join(self.scratch, "sway.config")
         with open(config, "w") as f:
@@ -72,17 +63,26 @@ class SwayDesktop(product.Desktop):
         # The seat has a keyboard only once a virtual one exists; clients that open before it
         # never get key events.
         self.spawn(["wtype", "-s", "86400000"])
-        wait_until(lambda: subprocess.run(
-            ["dbus-send", "--session", "--print-reply", "--dest=org.a11y.Bus", "/org/a11y/bus",
-             "org.a11y.Bus.GetAddress"], env=self.env, capture_output=True).returncode == 0, 10)
-        for key in ("DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "PULSE_SERVER", "WAYLAND_DISPLAY"):
-            os.environ[key] = self.env[key]
+        self.share_session("WAYLAND_DISPLAY")
 
     def tree(self):
         result = subprocess.run(["swaymsg", "-t", "get_tree", "-r"], env=self.env, capture_output=True, text=True)
         return json.loads(result.stdout) if result.returncode == 0 else {}
 
-    def focused(self):
+    def signed_in(self, log):
+        pass
+
+    def open_call(self):
+        self.spawn(["foot", "--app-id", "video-call", "sleep", "3600"], log="foot.log")
+        require(wait_until(self.call_focused, 15), "the native Wayland window has the focus", self.focus)
+
+    def call_focused(self):
+        return self.focus() == ("xdg_shell", "video-call")
+
+    def answered(self, shots):
+        self.screenshot(os.path.join(shots, "sway-02-answers.png"))
+
+    def focus(self):
         """The focused window: (its shell, its app id or X11 class), or None."""
         stack = [self.tree()]
         while stack:
@@ -139,28 +139,20 @@ class KWinDesktop(product.Desktop):
     """KWin on its virtual backend with XWayland, on the keyring's session bus, where D-Bus
     starts xdg-desktop-portal and its KDE backend on demand."""
 
+    name, session = "KWin", "KDE"
+
     def __init__(self, scratch, fake_keys, screenshot):
-        for tool in ("kwin_wayland", "chromium", "xdotool", "gdbus", "espeak-ng", "paplay", "secret-tool",
-                     "dbus-update-activation-environment", "/usr/libexec/at-spi-bus-launcher",
-                     "/usr/libexec/xdg-desktop-portal"):
-            if not shutil.which(tool):
-                raise product.Missing(tool + " is not installed")
+        super().__init__(scratch, None, ("kwin_wayland", "chromium", "xdotool", "gdbus",
+                                         "dbus-update-activation-environment", "/usr/libexec/xdg-desktop-portal"))
         if not os.path.exists("/usr/share/xdg-desktop-portal/portals/kde.portal"):
             raise product.Missing("xdg-desktop-portal-kde is not installed")
         if not (fake_keys and screenshot):
             raise product.Missing("the KWin helpers were not built (libwayland-dev, plasma-wayland-protocols)")
-        super().__init__(scratch, None)
         self.fake_keys, self.kwin_screenshot = fake_keys, screenshot
         self.scripts = 0
 
     def start(self):
-        keyring = self._daemon("test-keyring.sh", "keyring")
-        self.env["DBUS_SESSION_BUS_ADDRESS"] = keyring["DBUS_SESSION_BUS_ADDRESS"]
-        self.spawn(["/usr/libexec/at-spi-bus-launcher", "--launch-immediately"], log="at-spi.log")
-        pulse = self._daemon("test-pulse.sh", "pulse")
-        self.env["PULSE_SERVER"] = pulse["PULSE_SERVER"]
-        self.system_sink, self.mic_sink = pulse["SYSTEM_SINK"], pulse["MIC_SINK"]
-
+        self.start_services()
         # On KDE xdg-open hands web addresses to kfmclient: the test's one records them where
         # the stand-in browser does. (KDE_SESSION_VERSION stays unset: with it the keyring
         # library would look for KWallet instead of the test's Secret Service.)
@@ -195,9 +187,6 @@ class KWinDesktop(product.Desktop):
                  "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME"]
         subprocess.run(["dbus-update-activation-environment", *[f"{n}={self.env[n]}" for n in names],
                         "QT_QPA_PLATFORM=wayland"], env=self.env, check=True)
-        wait_until(lambda: subprocess.run(
-            ["dbus-send", "--session", "--print-reply", "--dest=org.a11y.Bus", "/org/a11y/bus",
-             "org.a11y.Bus.GetAddress"], env=self.env, capture_output=True).returncode == 0, 10)
         # Started now, so that the program's own short question finds it up, as on a desktop
         # where the portal runs from login.
         version = wait_until(lambda: subprocess.run(
@@ -207,8 +196,7 @@ class KWinDesktop(product.Desktop):
             text=True).stdout.strip(), 40)
         if not version:
             raise RuntimeError("the desktop portal offers no global shortcuts")
-        for key in ("DISPLAY", "DBUS_SESSION_BUS_ADDRESS", "PULSE_SERVER", "WAYLAND_DISPLAY"):
-            os.environ[key] = self.env[key]
+        self.share_session("WAYLAND_DISPLAY")
 
     def stop(self):
         # The services the bus started for us (the portal and its backends) end by PID, before
@@ -223,6 +211,43 @@ class KWinDesktop(product.Desktop):
         if wait_until(lambda: f" {doc} " not in open("/proc/mounts").read(), 5) is None:
             subprocess.run(["fusermount3", "-u", "-z", doc], capture_output=True)
         super().stop()
+
+    def signed_in(self, log):
+        check(wait_until(lambda: "desktop shortcut trigger is" in log(), 20),
+              "the portal binds the trigger", lambda: log()[-1500:])
+        print([line for line in log().splitlines() if "shortcut" in line])
+
+    def open_call(self):
+        # The call in a browser, as a native Wayland window (foot, the terminal, dies on KWin's
+        # virtual output, which has no physical size).
+        # (--test-type drops the bar that warns of --no-sandbox, which running as root needs.)
+        self.spawn(["chromium", "--ozone-platform=wayland", "--no-sandbox", "--test-type", "--no-first-run",
+                    "--user-data-dir=" + os.path.join(self.scratch, "chromium"),
+                    "--app=data:text/html,<title>Video call</title><body style='background:%23246'><h1>Call</h1>"],
+                   log="chromium.log")
+        require(wait_until(self.call_focused, 30), "the native Wayland window has the focus", self.focus)
+        check(self.windows()[1].get(OVERLAY) is True, "KWin keeps the overlay above", self.windows)
+
+    def call_focused(self):
+        return (self.focus() or "").endswith("|Video call")
+
+    def focus(self):
+        return self.windows()[0]
+
+    def answered(self, shots):
+        # What a screen share shows: the whole screen holds the overlay; the call's window alone
+        # (a share of one window) does not.
+        self.screenshot(os.path.join(shots, "kwin-02-answers-whole-screen.png"))
+        self.screenshot(os.path.join(shots, "kwin-03-answers-call-window.png"), active_window=True)
+        # A click on the overlay reaches it, but the focus stays with the call.
+        geometry = subprocess.run(["xdotool", "search", "--name", "^" + OVERLAY + "$", "getwindowgeometry",
+                                   "--shell"], env=self.env, capture_output=True, text=True).stdout
+        values = dict(line.split("=", 1) for line in geometry.split() if "=" in line)
+        if check({"X", "Y", "WIDTH"} <= set(values), "the overlay's place is known", geometry):
+            self.click(int(values["X"]) + int(values["WIDTH"]) // 2, int(values["Y"]) + 12)
+            time.sleep(1)
+        check(self.windows()[1].get(OVERLAY) is True, "the overlay is still above, also after a click",
+              self.windows)
 
     def windows(self):
         """(the active window's "class|caption" or "none", {caption: kept above}) as KWin sees them."""
@@ -239,16 +264,11 @@ class KWinDesktop(product.Desktop):
             return None, {}
         subprocess.run(["gdbus", "call", "--session", "--dest", "org.kde.KWin", "--object-path", "/Scripting",
                         "--method", "org.kde.kwin.Scripting.start"], env=self.env, capture_output=True)
-        lines = wait_until(lambda: [line for line in open(log, errors="replace").read()[seen:].splitlines()
-                                    if "RAVLET ACTIVE" in line], 5) or []
-        text = open(log, errors="replace").read()[seen:]
-        active = lines[0].split("RAVLET ACTIVE ", 1)[1].strip() if lines else None
-        above = {}
-        for line in text.splitlines():
-            if "RAVLET WINDOW " in line:
-                caption, _, flag = line.split("RAVLET WINDOW ", 1)[1].rpartition("|above=")
-                above[caption] = flag.strip() == "true"
-        return active, above
+        printed = lambda: open(log, errors="replace").read()[seen:]  # noqa: E731
+        text = wait_until(lambda: "RAVLET ACTIVE" in printed() and printed(), 5) or ""
+        active = re.search(r"RAVLET ACTIVE (.*)", text)
+        above = {caption: flag == "true" for caption, flag in re.findall(r"RAVLET WINDOW (.*)\|above=(\w+)", text)}
+        return (active.group(1).strip() if active else None), above
 
     def press_chord(self, chord):
         subprocess.run([self.fake_keys, *[str(KEY_CODES[k]) for k in chord]], env=self.env, check=True)
@@ -262,24 +282,6 @@ class KWinDesktop(product.Desktop):
                        check=True)
 
 
-def sign_in_and_start(desktop, args, ui):
-    """The program, signed in to a fresh account, with an interview running; its Program."""
-    server = product.Server(desktop, args.server)
-    program = product.Program(desktop, args.program, server)
-    require(wait_until(lambda: ui.find(WELCOME, "push button", "Sign In"), 40), "the welcome panel opens")
-    ui.press(WELCOME, "OK, got it")
-    ui.press(WELCOME, "Sign In")
-    login = program.login_address()
-    require(login, "Sign In opens the browser")
-    callback = product.sign_in_over_http(login, "candidate@example.org", "a long enough password")
-    require(program.run_again(callback) == 0, "the address reaches the running program")
-    require(wait_until(lambda: desktop.is_viewable(OVERLAY), 20), "signed in, the overlay shows")
-    ui.press(OVERLAY, "Start")
-    require(wait_until(lambda: ui.has_label(OVERLAY, "Recording live"), 30), "the interview starts",
-            lambda: ui.labels(OVERLAY))
-    return program, server
-
-
 def asked(desktop, ui, server, question):
     """Plays the interviewer's question and waits until its words are in."""
     before = transcript_rows(ui)
@@ -291,88 +293,46 @@ def asked(desktop, ui, server, question):
     time.sleep(1.5)
 
 
-def answers_by_chord(desktop, ui, server, compositor):
-    """With a question asked, the trigger chord starts two answers and the move chord pages back
-    to the first, while another program holds the focus."""
+def run(args, desktop):
+    """Signed in to a fresh account with an interview running, while a native Wayland window
+    holds the focus: the trigger chord starts two answers and the move chord pages back to the
+    first, the focus never moves, and no second process stays."""
+    name, shots = desktop.name, args.screenshots
+    desktop.start()
+    ui = product.Accessible()
+    server = product.Server(desktop, args.server)
+    program = product.Program(desktop, args.program, server)
+    product.sign_in(desktop, ui, program, "candidate@example.org", "a long enough password", program.run_again)
+    ui.press(OVERLAY, "Start")
+    require(wait_until(lambda: ui.has_label(OVERLAY, "Recording live"), 30), "the interview starts",
+            lambda: ui.labels(OVERLAY))
+    log = lambda: open(os.path.join(desktop.scratch, "program.log")).read()  # noqa: E731
+    check(f"Wayland session ({desktop.session}); windows through XWayland" in log(),
+          "it logs the Wayland session it found")
+    desktop.signed_in(log)
+
+    desktop.open_call()
+    desktop.screenshot(os.path.join(shots, f"{name.lower()}-01-recording.png"))
+
     asked(desktop, ui, server, QUESTIONS[0])
     for expected in ("1/1", "2/2"):
         started = time.monotonic()
         desktop.press_chord(CHORDS["--trigger"])
         check(wait_until(lambda: counter(ui) == expected, 10) is not None,
-              f"{compositor}: the trigger chord starts answer {expected}", lambda: counter(ui))
-        print("%s chord to the answer on screen: %.2f s" % (compositor, time.monotonic() - started))
+              f"{name}: the trigger chord starts answer {expected}", lambda: counter(ui))
+        print("%s chord to the answer on screen: %.2f s" % (name, time.monotonic() - started))
         # The second answer waits for the first to end.
-        wait_until(lambda: whole.shows_draft(ui), 10)
+        wait_until(lambda: shows_draft(ui), 10)
         time.sleep(1)
     desktop.press_chord(CHORDS["--previous-answer"])
     check(wait_until(lambda: counter(ui) == "1/2", 10) is not None,
-          f"{compositor}: the previous-answer chord pages back", lambda: counter(ui))
+          f"{name}: the previous-answer chord pages back", lambda: counter(ui))
 
-
-def run_sway(args, desktop):
-    shots = args.screenshots
-    desktop.start()
-    ui = product.Accessible()
-    program, server = sign_in_and_start(desktop, args, ui)
-    log = open(os.path.join(desktop.scratch, "program.log")).read()
-    check("Wayland session (sway); windows through XWayland" in log, "it logs the Wayland session it found")
-
-    desktop.spawn(["foot", "--app-id", "video-call", "sleep", "3600"], log="foot.log")
-    require(wait_until(lambda: desktop.focused() == ("xdg_shell", "video-call"), 15),
-            "the native Wayland window has the focus", desktop.focused)
-    desktop.screenshot(os.path.join(shots, "sway-01-recording.png"))
-
-    answers_by_chord(desktop, ui, server, "sway")
-    check(desktop.focused() == ("xdg_shell", "video-call"), "the native window kept the focus", desktop.focused)
+    desktop.answered(shots)
+    check(desktop.call_focused(), "the native window kept the focus", desktop.focus)
     executable = os.path.realpath(program.executable)
     check(list(product.processes(executable)) == [program.process.pid], "no second process stays",
-          product.processes(executable))
-    desktop.screenshot(os.path.join(shots, "sway-02-answers.png"))
-
-
-def run_kwin(args, desktop):
-    shots = args.screenshots
-    desktop.start()
-    ui = product.Accessible()
-    program, server = sign_in_and_start(desktop, args, ui)
-    log = lambda: open(os.path.join(desktop.scratch, "program.log")).read()  # noqa: E731
-    check("Wayland session (KDE); windows through XWayland" in log(), "it logs the Wayland session it found")
-    check(wait_until(lambda: "desktop shortcut trigger is" in log(), 20),
-          "the portal binds the trigger", lambda: log()[-1500:])
-    print([line for line in log().splitlines() if "shortcut" in line])
-
-    # The call in a browser, as a native Wayland window (foot, the terminal, dies on KWin's
-    # virtual output, which has no physical size).
-    # (--test-type drops the bar that warns of --no-sandbox, which running as root needs.)
-    desktop.spawn(["chromium", "--ozone-platform=wayland", "--no-sandbox", "--test-type", "--no-first-run",
-                   "--user-data-dir=" + os.path.join(desktop.scratch, "chromium"),
-                   "--app=data:text/html,<title>Video call</title><body style='background:%23246'><h1>Call</h1>"],
-                  log="chromium.log")
-    require(wait_until(lambda: (desktop.windows()[0] or "").endswith("|Video call"), 30),
-            "the native Wayland window has the focus", desktop.windows)
-    active, above = desktop.windows()
-    check(above.get(OVERLAY) is True, "KWin keeps the overlay above", above)
-    desktop.screenshot(os.path.join(shots, "kwin-01-recording.png"))
-
-    answers_by_chord(desktop, ui, server, "KWin")
-    # What a screen share shows: the whole screen holds the overlay; the call's window alone
-    # (a share of one window) does not.
-    desktop.screenshot(os.path.join(shots, "kwin-02-answers-whole-screen.png"))
-    desktop.screenshot(os.path.join(shots, "kwin-03-answers-call-window.png"), active_window=True)
-
-    # A click on the overlay reaches it, but the focus stays with the call.
-    geometry = subprocess.run(["xdotool", "search", "--name", "^" + OVERLAY + "$", "getwindowgeometry", "--shell"],
-                              env=desktop.env, capture_output=True, text=True).stdout
-    values = dict(line.split("=", 1) for line in geometry.split() if "=" in line)
-    if check({"X", "Y", "WIDTH"} <= set(values), "the overlay's place is known", geometry):
-        desktop.click(int(values["X"]) + int(values["WIDTH"]) // 2, int(values["Y"]) + 12)
-        time.sleep(1)
-    active, above = desktop.windows()
-    check((active or "").endswith("|Video call"), "the native window kept the focus, also after the click", active)
-    check(above.get(OVERLAY) is True, "the overlay is still above", above)
-    executable = os.path.realpath(program.executable)
-    check(list(product.processes(executable)) == [program.process.pid], "no second process stays",
-          product.processes(executable))
+          lambda: product.processes(executable))
 
 
 def run_as_unprivileged(args):
@@ -415,39 +375,12 @@ def main():
     if os.getuid() == 0 and args.compositor == "sway":
         return run_as_unprivileged(args)
 
-    scratch = args.scratch or product.make_scratch()
-    desktop = None
-    try:
-        if args.compositor == "sway":
-            desktop = SwayDesktop(scratch, os.path.abspath(args.program))
-            run_sway(args, desktop)
-        else:
-            desktop = KWinDesktop(scratch, args.fake_keys, args.kwin_screenshot)
-            run_kwin(args, desktop)
-    except product.Missing as missing:
-        print(missing, ": skipped")
-        return 77
-    except whole.Stop:
-        pass
-    except Exception as error:
-        traceback.print_exc()
-        whole.failures.append(repr(error))
-    finally:
-        if desktop:
-            desktop.stop()
-        if whole.failures:
-            for log in ("program.log", "server.log", args.compositor + ".log"):
-                path = os.path.join(scratch, log)
-                if os.path.exists(path):
-                    print(f"--- {log} (last 40 lines)")
-                    print("".join(open(path, errors="replace").readlines()[-40:]))
-        if args.keep:
-            print("kept", scratch)
-        elif not args.scratch:
-            shutil.rmtree(scratch, ignore_errors=True)
-    print("failures:", len(whole.failures))
-    return 1 if whole.failures else 0
-
+    if args.compositor == "sway":
+        make = lambda scratch: SwayDesktop(scratch, os.path.abspath(args.program))  # noqa: E731
+    else:
+        make = lambda scratch: KWinDesktop(scratch, args.fake_keys, args.kwin_screenshot)  # noqa: E731
+    return product.run_scene(lambda desktop: run(args, desktop), make, args.scratch, tail=40, keep=args.keep,
+                             logs=("program.log", "server.log", args.compositor + ".log"))
 
 if __name__ == "__main__":
     sys.exit(main())

@@ -4,17 +4,14 @@ program and ravlet-server (offline speech and answers, SQLite), sign-in in headl
 an interview heard through a real sound server while another program holds the focus, answers
 by the automatic trigger and by the trigger key, the arrow keys, Stop, and what the server kept.
 Screenshots of each step go to --screenshots. Exits 77 when a tool is missing."""
-import argparse, asyncio, base64, os, re, shutil, subprocess, sys, threading, time, traceback
+import argparse, asyncio, base64, os, re, shutil, subprocess, sys, threading, time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "server"))
 import product  # noqa: E402
 from sign_in_browser_test import headless_page  # noqa: E402
-from product import wait_until  # noqa: E402
+from product import DASHBOARD, OVERLAY, WELCOME, check, require, wait_until  # noqa: E402
 
-OVERLAY = "RavletAI Overlay"
-WELCOME = "Welcome to RavletAI"
-DASHBOARD = "RavletAI"
 QUESTIONS = ["Tell me about a time when you solved a difficult problem at work.",
              "Why do you want to work for our company?"]
 INTRODUCTION = "Tell me about yourself."
@@ -22,29 +19,6 @@ USER_ANSWER = "I rebuilt the billing service and the number of failed payments w
 RESUME = ["Jordan Avery, Berlin", "Senior Backend Engineer, Northwind Payments, 2021 - 2026",
           "Moved card settlement onto an event queue, cutting failed payouts by 38%."]
 JOB = ("Payments Platform Engineer", "Lakeside Bank", "You will own card settlement and payouts on our event queue.")
-
-failures = []
-
-
-def check(condition, message, detail=None):
-    """`detail` is printed only on failure: what was seen instead."""
-    print(("ok: " if condition else "FAIL: ") + message, flush=True)
-    if not condition:
-        failures.append(message)
-        if detail is not None:
-            print(detail() if callable(detail) else detail, flush=True)
-    return condition
-
-
-class Stop(Exception):
-    """A step failed that every later step needs."""
-
-
-def require(condition, message, detail=None):
-    if not check(condition, message, detail):
-        raise Stop(message)
-    return condition
-
 
 class VideoCall:
     """The test's own X client holding the focus; it records every key that reaches it."""
@@ -508,34 +482,8 @@ def main():
     if not (shutil.which("chromium") or shutil.which("chromium-browser")):
         print("Chromium is not installed (scripts/install-deps.sh installs it): skipped")
         return 77
-    scratch = product.make_scratch()
-    desktop = None
-    try:
-        desktop = product.Desktop(scratch, args.press)
-        run(args, desktop)
-    except product.Missing as missing:
-        print(missing, ": skipped")
-        return 77
-    except Stop:
-        pass
-    except Exception as error:  # the set-up broke: report it with the logs below
-        traceback.print_exc()
-        failures.append(repr(error))
-    finally:
-        if desktop:
-            desktop.stop()
-        if failures:
-            for log in ("program.log", "server.log"):
-                path = os.path.join(scratch, log)
-                if os.path.exists(path):
-                    print(f"--- {log} (last 60 lines)")
-                    print("".join(open(path, errors="replace").readlines()[-60:]))
-        if args.keep:
-            print("kept", scratch)
-        else:
-            shutil.rmtree(scratch, ignore_errors=True)
-    print("failures:", len(failures))
-    return 1 if failures else 0
+    return product.run_scene(lambda desktop: run(args, desktop),
+                             lambda scratch: product.Desktop(scratch, args.press), keep=args.keep)
 
 
 if __name__ == "__main__":

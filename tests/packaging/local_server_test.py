@@ -7,12 +7,13 @@
 # Arguments: the program, the server, the stand-in, and a folder on the build's file system for
 # the run's scratch.
 # Exit code 77 means skipped.
-import os, shutil, sys, tempfile, types
+import os, sys, tempfile, types
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
-from product import Desktop, Missing, Program, Server, free_port, healthy, processes, wait_until  # noqa
+from product import Program, Server, check, free_port, healthy, processes, run_scene, wait_until  # noqa
 
 
-def cases(desktop, program, server, stand_in):
+def scene(desktop, program, server, stand_in):
+    desktop.start()
     answering = Server(desktop, server)
     for origin, beside in ((f"http://127.0.0.1:{free_port()}", server), (answering.base, stand_in),
                            (f"http://192.0.2.1:{free_port()}", stand_in)):
@@ -23,35 +24,19 @@ def cases(desktop, program, server, stand_in):
         (os.link if beside == server else os.symlink)(beside, folder + "/ravlet-server")
         app = Program(desktop, folder + "/ravletai", types.SimpleNamespace(base=origin))
         if beside == server:
-            yield wait_until(lambda: healthy(origin), 30), f"a server answers at {origin}"
-            yield list(processes(folder + "/ravlet-server").values()) == [app.process.pid], "the program's child"
-            yield os.path.exists(desktop.env["XDG_DATA_HOME"] + "/RavletAI/server.sqlite"), "data in XDG_DATA_HOME"
-        yield wait_until(lambda: desktop.is_viewable("Welcome to RavletAI"), 30), "the welcome panel opens"
+            check(wait_until(lambda: healthy(origin), 30), f"a server answers at {origin}")
+            check(list(processes(folder + "/ravlet-server").values()) == [app.process.pid], "the program's child")
+            check(os.path.exists(desktop.env["XDG_DATA_HOME"] + "/RavletAI/server.sqlite"), "data in XDG_DATA_HOME")
+        check(wait_until(lambda: desktop.is_viewable("Welcome to RavletAI"), 30), "the welcome panel opens")
         if beside == stand_in:
-            yield not os.path.exists(folder + "/ravlet-server.started"), f"no server started for {origin}"
-        quit_ok = (app.run_again("--quit") == 0 and app.process.wait(timeout=15) == 0
-                   and not processes(folder + "/ravlet-server"))
-        if not quit_ok:
-            with open(os.path.join(desktop.scratch, "program.log"), errors="replace") as log:
-                print("".join(log.readlines()[-40:]))
-        yield quit_ok, "--quit ends the program and its server"
+            check(not os.path.exists(folder + "/ravlet-server.started"), f"no server started for {origin}")
+        check(app.run_again("--quit") == 0 and app.process.wait(timeout=15) == 0
+              and not processes(folder + "/ravlet-server"), "--quit ends the program and its server")
 
 
 def main(program, server, stand_in, work):
-    desktop, results = None, []
-    try:
-        desktop = Desktop(tempfile.mkdtemp(prefix="layouts.", dir=work), None)
-        desktop.start()
-        for ok, message in cases(desktop, program, server, stand_in):
-            print(("ok: " if ok else "FAIL: ") + message, flush=True)
-            results.append(ok)
-    except Missing as missing:
-        return print(missing, ": skipped") or 77
-    finally:
-        if desktop:
-            desktop.stop()
-            shutil.rmtree(desktop.scratch, ignore_errors=True)
-    return 0 if all(results) else 1
+    return run_scene(lambda desktop: scene(desktop, program, server, stand_in),
+                     scratch=tempfile.mkdtemp(prefix="layouts.", dir=work), logs=("program.log",), tail=40)
 
 
 sys.exit(main(*sys.argv[1:]))

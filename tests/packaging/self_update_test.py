@@ -17,11 +17,10 @@ PACKAGES holds version A's RavletAI-A-linux-<arch>.tar.gz and one newer package,
 import glob, io, os, re, shutil, subprocess, sys, tarfile, tempfile, time, types
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
-from product import (Accessible, Desktop, Missing, Program, healthy, processes,  # noqa: E402
-                     sign_in_over_http, wait_until)
+from product import (DASHBOARD, OVERLAY, Accessible, Program, healthy, processes, require,  # noqa: E402
+                     run_scene, sign_in, wait_until)
 
 ORIGIN, PORT = "http://127.0.0.1:8787", 8787
-WELCOME, OVERLAY, DASHBOARD = "Welcome to RavletAI", "RavletAI Overlay", "RavletAI"
 INSTALL = "Download & Install"
 ESCAPE_NAME = "escaped-by-update"
 
@@ -54,24 +53,8 @@ def installed_version(program):
         return ""
 
 
-def press_row(ui, title, name, timeout=20):
-    """A control that is not a push button (a row of the sidebar), by its accessible name."""
-    def find():
-        frame = ui.frame(title)
-        for node in ui._walk(frame) if frame else []:
-            try:
-                if node.name == name and node.getRoleName() != "label" and node.queryAction().nActions:
-                    return node
-            except Exception:  # a node that went away, or one without actions
-                continue
-        return None
-    node = wait_until(find, timeout)
-    if node is None:
-        raise AssertionError(f'no row "{name}" in "{title}"')
-    node.queryAction().doAction(0)
-
-
-def cases(desktop, old_package, new_package, server, shots):
+def scene(desktop, old_package, new_package, server, shots):
+    desktop.start()
     old, new = version_of(old_package), version_of(new_package)
     hostile = "99.0.0"
     home = desktop.env["HOME"]
@@ -89,55 +72,49 @@ def cases(desktop, old_package, new_package, server, shots):
     result = subprocess.run([os.path.join(top, "install.sh")], env=desktop.env, capture_output=True, text=True)
     folder = os.path.join(home, ".local", "opt", "RavletAI")
     program = os.path.join(folder, "bin", "ravletai")
-    yield result.returncode == 0 and installed_version(program) == f"RavletAI {old}", \
-        f"version {old} installed in {folder} ({result.stderr.strip()[-300:]})"
+    require(result.returncode == 0 and installed_version(program) == f"RavletAI {old}",
+            f"version {old} installed in {folder} ({result.stderr.strip()[-300:]})")
 
     # The server offers the hostile package first.
     updates = os.path.join(scratch, "updates")
     os.makedirs(updates)
     marker = os.path.join(scratch, "hostile-ran")
     hostile_path = hostile_package(updates, hostile, marker)
-    yield not healthy(ORIGIN), f"nothing answers at {ORIGIN} before the server"
+    require(not healthy(ORIGIN), f"nothing answers at {ORIGIN} before the server")
     data = os.path.join(scratch, "server-data")
     os.makedirs(data)
     desktop.spawn([server, "--listen", f"127.0.0.1:{PORT}", "--updates-dir", updates], log="server.log",
                   env=dict(desktop.env, XDG_DATA_HOME=data))
-    yield wait_until(lambda: healthy(ORIGIN), 30), f"ravlet-server answers at {ORIGIN}"
+    require(wait_until(lambda: healthy(ORIGIN), 30), f"ravlet-server answers at {ORIGIN}")
 
     # A starts, and the user signs in.
     app = Program(desktop, program, types.SimpleNamespace(base=ORIGIN))
     ui = Accessible()
-    yield wait_until(lambda: desktop.is_viewable(WELCOME), 30), "A shows the welcome panel"
-    ui.press(WELCOME, "OK, got it")
-    ui.press(WELCOME, "Sign In")
-    login = app.login_address()
-    callback = sign_in_over_http(login, "updater@example.org", "correct horse battery") if login else ""
-    yield callback and app.open_address(callback) == 0, "the sign-in's address reaches A through xdg-open"
-    yield wait_until(lambda: desktop.is_viewable(OVERLAY), 30), "A is signed in"
+    sign_in(desktop, ui, app, "updater@example.org", "correct horse battery")
 
     # The hostile package: offered on the banner, refused when installed.
-    yield app.run_again("--settings") == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 20), \
-        "the dashboard opens"
+    require(app.run_again("--settings") == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 20),
+            "the dashboard opens")
     banner = f"RavletAI {hostile} is available"
-    yield wait_until(lambda: ui.has_label(DASHBOARD, banner), 30), f'the banner says "{banner}"'
+    require(wait_until(lambda: ui.has_label(DASHBOARD, banner), 30), f'the banner says "{banner}"')
     ui.press(DASHBOARD, INSTALL)
     # The fallback names its copy by the version alone, as it would the package it could not install.
     left = os.path.join(home, "Downloads", f"RavletAI-{hostile}.tar.gz")
-    yield wait_until(lambda: os.path.exists(left), 60), f"the refused package is left in {left}"
+    require(wait_until(lambda: os.path.exists(left), 60), f"the refused package is left in {left}")
     escaped = [os.path.join(root, ESCAPE_NAME) for root, _, files in os.walk(scratch) if ESCAPE_NAME in files]
-    yield not escaped and not os.path.exists(marker), f"nothing of it escaped or ran: {escaped}"
-    yield app.process.poll() is None and installed_version(program) == f"RavletAI {old}", \
-        f"A runs on, still version {old}"
+    require(not escaped and not os.path.exists(marker), f"nothing of it escaped or ran: {escaped}")
+    require(app.process.poll() is None and installed_version(program) == f"RavletAI {old}",
+            f"A runs on, still version {old}")
     log = open(os.path.join(scratch, "program.log"), errors="replace").read()
-    yield "entry outside the package folder" in log, "the program says why it refused the package"
+    require("entry outside the package folder" in log, "the program says why it refused the package")
 
     # B replaces it on the server; Check for Updates in Help Center finds it.
     os.remove(hostile_path)
     shutil.copy(new_package, updates)
-    press_row(ui, DASHBOARD, "Help Center")
+    ui.press(DASHBOARD, "Help Center", role="list item")
     ui.press(DASHBOARD, "Check for Updates")
     banner = f"RavletAI {new} is available"
-    yield wait_until(lambda: ui.has_label(DASHBOARD, banner), 30), f'the banner says "{banner}"'
+    require(wait_until(lambda: ui.has_label(DASHBOARD, banner), 30), f'the banner says "{banner}"')
     desktop.screenshot(os.path.join(shots, "update-banner-installed.png"))
 
     # Download & Install: A ends, its folder is replaced, B starts.
@@ -147,26 +124,26 @@ def cases(desktop, old_package, new_package, server, shots):
         ended = app.process.wait(timeout=90) == 0
     except subprocess.TimeoutExpired:
         ended = False
-    yield ended, "A ends by itself"
-    yield wait_until(lambda: installed_version(program) == f"RavletAI {new}", 60), \
-        f"{folder} now holds version {new}"
+    require(ended, "A ends by itself")
+    require(wait_until(lambda: installed_version(program) == f"RavletAI {new}", 60),
+            f"{folder} now holds version {new}")
     running = wait_until(lambda: [pid for pid in processes(program) if pid != old_pid], 60)
-    yield bool(running), "B starts by itself"
+    require(bool(running), "B starts by itself")
     leftovers = os.listdir(desktop.env["TMPDIR"])
-    yield wait_until(lambda: not os.listdir(desktop.env["TMPDIR"]), 20), \
-        f"the update's private folder is gone ({leftovers})"
+    require(wait_until(lambda: not os.listdir(desktop.env["TMPDIR"]), 20),
+            f"the update's private folder is gone ({leftovers})")
 
     # B, signed in again from the keyring, shows its version in Help Center.
-    yield wait_until(lambda: desktop.is_viewable(OVERLAY), 60), "B restores the session"
-    yield app.run_again("--settings") == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 20), \
-        "B opens the dashboard"
-    press_row(ui, DASHBOARD, "Help Center")
-    yield wait_until(lambda: ui.find(DASHBOARD, "label", f"Version {new}"), 30), f"Help Center says Version {new}"
-    yield wait_until(lambda: ui.has_label(DASHBOARD, "Software Update RavletAI is up to date."), 30), \
-        "and that nothing newer is offered"
+    require(wait_until(lambda: desktop.is_viewable(OVERLAY), 60), "B restores the session")
+    require(app.run_again("--settings") == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 20),
+            "B opens the dashboard")
+    ui.press(DASHBOARD, "Help Center", role="list item")
+    require(wait_until(lambda: ui.find(DASHBOARD, "label", f"Version {new}"), 30), f"Help Center says Version {new}")
+    require(wait_until(lambda: ui.has_label(DASHBOARD, "Software Update RavletAI is up to date."), 30),
+            "and that nothing newer is offered")
     time.sleep(0.5)
     desktop.screenshot(os.path.join(shots, "helpCenter-after-update-en.png"))
-    yield app.run_again("--quit") == 0 and wait_until(lambda: not processes(program), 20), "B quits"
+    require(app.run_again("--quit") == 0 and wait_until(lambda: not processes(program), 20), "B quits")
 
 
 def isolate():
@@ -191,32 +168,10 @@ def main(packages, old, server, shots):
     if healthy(ORIGIN):
         return print(f"something answers at {ORIGIN} already and no private network is possible: skipped") or 77
     os.makedirs(shots, exist_ok=True)
-    desktop, results = None, []
-    try:
-        desktop = Desktop(tempfile.mkdtemp(prefix="self-update."), None)
-        desktop.start()
-        for ok, message in cases(desktop, old_package, new_package, server, shots):
-            print(("ok: " if ok else "FAIL: ") + message, flush=True)
-            results.append(bool(ok))
-            if not ok:
-                break
-    except Missing as missing:
-        return print(missing, ": skipped") or 77
-    except Exception as error:  # a step that every later one needs broke
-        print("FAIL:", repr(error))
-        results.append(False)
-    finally:
-        if desktop:
-            if not all(results):
-                for log in ("program.log", "server.log"):
-                    path = os.path.join(desktop.scratch, log)
-                    if os.path.exists(path):
-                        print(f"--- {log}\n" + open(path, errors="replace").read()[-3000:])
-            for pid in processes(os.path.join(desktop.env["HOME"], ".local/opt/RavletAI/bin/ravletai")):
-                os.kill(pid, 9)
-            desktop.stop()
-            shutil.rmtree(desktop.scratch, ignore_errors=True)
-    return 0 if results and all(results) else 1
+    installed = lambda desktop: os.path.join(desktop.env["HOME"], ".local/opt/RavletAI/bin/ravletai")  # noqa: E731
+    return run_scene(lambda desktop: scene(desktop, old_package, new_package, server, shots),
+                     scratch=tempfile.mkdtemp(prefix="self-update."), tail=50,
+                     before_stop=lambda desktop: [os.kill(pid, 9) for pid in processes(installed(desktop))])
 
 
 if __name__ == "__main__":
