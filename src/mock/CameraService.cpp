@@ -2,7 +2,11 @@
 
 using namespace Qt::StringLiterals;
 
-CameraError::CameraError(Kind kind) : m_kind(kind), m_what(description().toStdString()) {}
+CameraError::CameraError(Kind kind)
+    : m_kind(kind)
+    , m_what(description().toStdString())
+{
+}
 
 QString CameraError::description() const
 {

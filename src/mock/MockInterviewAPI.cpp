@@ -65,8 +65,10 @@ AvatarResponse AvatarResponse::fromJson(const QJsonObject& object)
 }
 
 MockInterviewError::MockInterviewError(Kind kind, int status, QString description)
-    : m_kind(kind), m_status(status), m_description(std::move(description)),
-      m_what(m_description.toStdString())
+    : m_kind(kind)
+    , m_status(status)
+    , m_description(std::move(description))
+    , m_what(m_description.toStdString())
 {
 }
 
@@ -95,7 +97,10 @@ MockInterviewError MockInterviewError::unauthenticated()
 
 MockInterviewAPI::MockInterviewAPI(APIClient& apiClient, QNetworkAccessManager& urlSession,
                                    NotificationCenter& notifications, QObject* parent)
-    : QObject(parent), m_apiClient(&apiClient), m_urlSession(&urlSession), m_notifications(notifications)
+    : QObject(parent)
+    , m_apiClient(&apiClient)
+    , m_urlSession(&urlSession)
+    , m_notifications(notifications)
 {
 }
 
@@ -120,14 +125,15 @@ QNetworkRequest MockInterviewAPI::makeRequest(const QString& path) const
     if (!url.isValid() || url.host().isEmpty())
         throw MockInterviewError::transport(u"Invalid URL"_s);
     QNetworkRequest request(url);
-    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::PreferNetwork);
+    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
+                         QNetworkRequest::PreferNetwork);
     request.setTransferTimeout(timeoutMs);
     request.setRawHeader("Authorization", "Bearer " + token->toUtf8());
     return request;
 }
 
-QCoro::Task<MockInterviewAPI::Response> MockInterviewAPI::send(QNetworkRequest request, QByteArray method,
-                                                              QByteArray body)
+QCoro::Task<MockInterviewAPI::Response> MockInterviewAPI::send(QNetworkRequest request,
+                                                               QByteArray method, QByteArray body)
 {
     if (!m_urlSession)
         throw MockInterviewError::transport(u"No HTTP response"_s);
@@ -149,8 +155,8 @@ QCoro::Task<QByteArray> MockInterviewAPI::postJSON(QString path, QJsonObject bod
     auto request = makeRequest(path);
     request.setHeader(QNetworkRequest::ContentTypeHeader, u"application/json"_s);
     QPointer self(this);
-    const auto response =
-        co_await send(std::move(request), "POST", QJsonDocument(body).toJson(QJsonDocument::Compact));
+    const auto response = co_await send(std::move(request), "POST",
+                                        QJsonDocument(body).toJson(QJsonDocument::Compact));
     if (ReplySupport::isSuccess(response.status))
         co_return response.body;
     if (self) {
@@ -160,7 +166,8 @@ QCoro::Task<QByteArray> MockInterviewAPI::postJSON(QString path, QJsonObject bod
     throw MockInterviewError::http(response.status, utf8Text(response.body));
 }
 
-QCoro::Task<std::optional<QByteArray>> MockInterviewAPI::getOptional(QString path, QList<int> absent)
+QCoro::Task<std::optional<QByteArray>> MockInterviewAPI::getOptional(QString path,
+                                                                     QList<int> absent)
 {
     const auto response = co_await send(makeRequest(path), "GET", {});
     if (absent.contains(response.status))
@@ -170,9 +177,10 @@ QCoro::Task<std::optional<QByteArray>> MockInterviewAPI::getOptional(QString pat
     co_return response.body;
 }
 
-QCoro::Task<QuestionsResponse> MockInterviewAPI::fetchQuestions(std::optional<QString> resumeId,
-                                                               std::optional<QString> jobDescriptionId,
-                                                               QString language, int count)
+QCoro::Task<QuestionsResponse>
+MockInterviewAPI::fetchQuestions(std::optional<QString> resumeId,
+                                 std::optional<QString> jobDescriptionId, QString language,
+                                 int count)
 {
     auto request = questionsBody(resumeId, jobDescriptionId, language, count);
     const auto body = co_await postJSON(questionsPath, std::move(request));
@@ -208,8 +216,9 @@ QCoro::Task<QByteArray> MockInterviewAPI::synthesizeSpeech(QString text)
     co_return co_await postJSON(speechPath, std::move(body));
 }
 
-QCoro::Task<std::optional<QByteArray>> loadAvatarImage(QPointer<MockInterviewAPI> api, bool regenerate,
-                                                       std::function<void(bool firstTime)> generated)
+QCoro::Task<std::optional<QByteArray>>
+loadAvatarImage(QPointer<MockInterviewAPI> api, bool regenerate,
+                std::function<void(bool firstTime)> generated)
 {
     try {
         bool needsPortrait = regenerate;

@@ -105,5 +105,6 @@ private:
 // Runs the portrait sequence: fetch, generate when there is none (or when `regenerate`), then
 // the image's bytes. Any failure gives nothing: the portrait is decoration. `generated` is told
 // when a new portrait was made.
-QCoro::Task<std::optional<QByteArray>> loadAvatarImage(QPointer<MockInterviewAPI> api, bool regenerate,
-                                                       std::function<void(bool firstTime)> generated);
+QCoro::Task<std::optional<QByteArray>>
+loadAvatarImage(QPointer<MockInterviewAPI> api, bool regenerate,
+                std::function<void(bool firstTime)> generated);

@@ -2,8 +2,8 @@
 
 #include "Clock.h"
 #include "MockInterviewPipeline.h"
-#include "TTSPlayer.h"
 #include "TelemetryClient.h"
+#include "TTSPlayer.h"
 #include "WhenCancelled.h"
 
 using namespace Qt::StringLiterals;
@@ -13,8 +13,12 @@ MockInterviewCoordinator::MockInterviewCoordinator(MockInterviewAPI& api, TTSPla
                                                    std::shared_ptr<MockInterviewPipeline> pipeline,
                                                    Clock& clock, TelemetryClient* telemetry,
                                                    QObject* parent)
-    : QObject(parent), m_api(&api), m_player(&player), m_pipeline(std::move(pipeline)), m_clock(clock),
-      m_telemetry(telemetry)
+    : QObject(parent)
+    , m_api(&api)
+    , m_player(&player)
+    , m_pipeline(std::move(pipeline))
+    , m_clock(clock)
+    , m_telemetry(telemetry)
 {
 }
 
@@ -115,13 +119,15 @@ QCoro::Task<> MockInterviewCoordinator::runStart(std::optional<QString> resumeId
     setCurrentIndex(0);
     m_userTriggeredAIAnswersThisSession = 0;
     if (m_telemetry)
-        m_telemetry->mockInterviewStarted(m_questions.size(), resumeId.has_value(), jobDescriptionId.has_value());
+        m_telemetry->mockInterviewStarted(m_questions.size(), resumeId.has_value(),
+                                          jobDescriptionId.has_value());
 
     if (m_sessionId) {
         if (m_pipeline) {
-            m_pipelineStart = TaskHandle::run([pipeline = m_pipeline, id = *m_sessionId](const CancellationToken&) {
-                return startPipeline(pipeline, id);
-            });
+            m_pipelineStart = TaskHandle::run(
+                [pipeline = m_pipeline, id = *m_sessionId](const CancellationToken&) {
+                    return startPipeline(pipeline, id);
+                });
         }
         // Not recording in time is no error: the interview then starts without the pipeline.
         const qint64 deadline = m_clock.nowMs() + pipelineStartDeadline.count();
@@ -132,11 +138,13 @@ QCoro::Task<> MockInterviewCoordinator::runStart(std::optional<QString> resumeId
         }
     }
 
-    m_driverTask = TaskHandle::run([self](const CancellationToken& token) { return runLoop(self, token); });
+    m_driverTask =
+        TaskHandle::run([self](const CancellationToken& token) { return runLoop(self, token); });
 }
 
-QCoro::Task<> MockInterviewCoordinator::startPipeline(std::shared_ptr<MockInterviewPipeline> pipeline,
-                                                      QString sessionId)
+QCoro::Task<>
+MockInterviewCoordinator::startPipeline(std::shared_ptr<MockInterviewPipeline> pipeline,
+                                        QString sessionId)
 {
     try {
         co_await pipeline->startMockInterview(std::move(sessionId));
@@ -145,7 +153,8 @@ QCoro::Task<> MockInterviewCoordinator::startPipeline(std::shared_ptr<MockInterv
     }
 }
 
-QCoro::Task<> MockInterviewCoordinator::runLoop(QPointer<MockInterviewCoordinator> self, CancellationToken token)
+QCoro::Task<> MockInterviewCoordinator::runLoop(QPointer<MockInterviewCoordinator> self,
+                                                CancellationToken token)
 {
     while (self && !token.isCancelled() && self->m_currentIndex < self->m_questions.size()) {
         const int index = self->m_currentIndex;
@@ -201,7 +210,8 @@ void MockInterviewCoordinator::finish()
     const qint64 durationSeconds = m_startedAtMs ? (m_clock.nowMs() - *m_startedAtMs) / 1000 : 0;
     if (m_telemetry) {
         const qint64 count = m_questions.size();
-        m_telemetry->mockInterviewCompleted(count, count, m_userTriggeredAIAnswersThisSession, durationSeconds);
+        m_telemetry->mockInterviewCompleted(count, count, m_userTriggeredAIAnswersThisSession,
+                                            durationSeconds);
     }
 }
 

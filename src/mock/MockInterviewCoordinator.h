@@ -32,8 +32,16 @@ class MockInterviewCoordinator : public QObject {
 
 public:
     struct State {
-        enum class Kind { playingQuestion, waitingForAnswer, aborted, idle, fetchingAvatar,
-                          fetchingQuestions, advancing, finished };
+        enum class Kind {
+            playingQuestion,
+            waitingForAnswer,
+            aborted,
+            idle,
+            fetchingAvatar,
+            fetchingQuestions,
+            advancing,
+            finished
+        };
         Kind kind = Kind::idle;
         int index = 0;  // playingQuestion and waitingForAnswer
         QString reason; // aborted
@@ -52,8 +60,9 @@ public:
 
     // Ends once the question loop has been set going (or the fetch failed); a second call is
     // ignored.
-    QCoro::Task<> startSession(std::optional<QString> resumeId, std::optional<QString> jobDescriptionId,
-                               QString language, int count = questionCountPerSession);
+    QCoro::Task<> startSession(std::optional<QString> resumeId,
+                               std::optional<QString> jobDescriptionId, QString language,
+                               int count = questionCountPerSession);
     // Moves on from a question the user has answered; does nothing while one is being spoken.
     Q_INVOKABLE void skip();
     QCoro::Task<> abort(QString reason);
@@ -64,7 +73,10 @@ public:
     int questionCount() const { return int(m_questions.size()); }
     const QList<MockQuestion>& questions() const { return m_questions; }
     std::optional<QString> sessionId() const { return m_sessionId; }
-    QString abortReason() const { return m_state.kind == State::Kind::aborted ? m_state.reason : QString(); }
+    QString abortReason() const
+    {
+        return m_state.kind == State::Kind::aborted ? m_state.reason : QString();
+    }
     QImage avatarImage() const { return m_avatarImage; }
     void setAvatarImage(QImage image);
 
@@ -76,7 +88,8 @@ Q_SIGNALS:
 
 private:
     static QCoro::Task<> runLoop(QPointer<MockInterviewCoordinator> self, CancellationToken token);
-    static QCoro::Task<> startPipeline(std::shared_ptr<MockInterviewPipeline> pipeline, QString sessionId);
+    static QCoro::Task<> startPipeline(std::shared_ptr<MockInterviewPipeline> pipeline,
+                                       QString sessionId);
     QCoro::Task<> runStart(std::optional<QString> resumeId, std::optional<QString> jobDescriptionId,
                            QString language, int count);
     void finish();

@@ -2,7 +2,10 @@
 
 #include "InterviewViewModel.h"
 
-ViewModelPipeline::ViewModelPipeline(InterviewViewModel* viewModel) : m_viewModel(viewModel) {}
+ViewModelPipeline::ViewModelPipeline(InterviewViewModel* viewModel)
+    : m_viewModel(viewModel)
+{
+}
 
 bool ViewModelPipeline::isRecording() const
 {

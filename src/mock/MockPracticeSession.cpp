@@ -5,18 +5,22 @@
 #include "MockInterviewAPI.h"
 #include "MockInterviewCoordinator.h"
 #include "MockInterviewPipeline.h"
-#include "TTSPlayer.h"
 #include "TelemetryClient.h"
+#include "TTSPlayer.h"
 
 using namespace Qt::StringLiterals;
 
 MockPracticeSession::MockPracticeSession(Parts parts, QObject* parent)
-    : QObject(parent), m_player(std::move(parts.player)), m_camera(std::move(parts.camera)),
-      m_api(std::make_unique<MockInterviewAPI>(parts.apiClient, parts.urlSession, parts.notifications)),
-      m_pipeline(std::move(parts.pipeline)), m_telemetry(parts.telemetry)
+    : QObject(parent)
+    , m_player(std::move(parts.player))
+    , m_camera(std::move(parts.camera))
+    , m_api(std::make_unique<MockInterviewAPI>(parts.apiClient, parts.urlSession,
+                                               parts.notifications))
+    , m_pipeline(std::move(parts.pipeline))
+    , m_telemetry(parts.telemetry)
 {
-    m_coordinator = std::make_unique<MockInterviewCoordinator>(*m_api, *m_player, m_pipeline, parts.clock,
-                                                               parts.telemetry);
+    m_coordinator = std::make_unique<MockInterviewCoordinator>(*m_api, *m_player, m_pipeline,
+                                                               parts.clock, parts.telemetry);
 }
 
 MockPracticeSession::~MockPracticeSession()
@@ -29,8 +33,8 @@ MockPracticeSession::~MockPracticeSession()
         m_camera->stop();
 }
 
-void MockPracticeSession::begin(std::optional<QString> resumeId, std::optional<QString> jobDescriptionId,
-                                QString language)
+void MockPracticeSession::begin(std::optional<QString> resumeId,
+                                std::optional<QString> jobDescriptionId, QString language)
 {
     if (m_begin.isValid() || m_endRequested)
         return;
@@ -40,7 +44,8 @@ void MockPracticeSession::begin(std::optional<QString> resumeId, std::optional<Q
 }
 
 QCoro::Task<> MockPracticeSession::runBegin(std::optional<QString> resumeId,
-                                            std::optional<QString> jobDescriptionId, QString language)
+                                            std::optional<QString> jobDescriptionId,
+                                            QString language)
 {
     QPointer self(this);
     // Not declared in the condition: GCC 12 destroys such a variable twice when the body suspends.
@@ -60,7 +65,8 @@ QCoro::Task<> MockPracticeSession::runBegin(std::optional<QString> resumeId,
     co_await loadAvatar(false);
     if (!self || m_endRequested)
         co_return;
-    co_await m_coordinator->startSession(std::move(resumeId), std::move(jobDescriptionId), std::move(language));
+    co_await m_coordinator->startSession(std::move(resumeId), std::move(jobDescriptionId),
+                                         std::move(language));
 }
 
 void MockPracticeSession::regenerateAvatar()
@@ -73,7 +79,8 @@ void MockPracticeSession::regenerateAvatar()
 QCoro::Task<> MockPracticeSession::loadAvatar(bool regenerate)
 {
     QPointer self(this);
-    // A named callback, not a temporary in the awaited call: GCC 12 destroys such temporaries twice.
+    // A named callback, not a temporary in the awaited call: GCC 12 destroys such temporaries
+    // twice.
     std::function<void(bool)> generated = [telemetry = m_telemetry](bool firstTime) {
         if (telemetry)
             telemetry->mockAvatarGenerated(firstTime);

@@ -41,7 +41,8 @@ public:
     ~MockPracticeSession() override;
 
     // Starts the camera where it may, loads the interviewer's portrait, then the questions.
-    void begin(std::optional<QString> resumeId, std::optional<QString> jobDescriptionId, QString language);
+    void begin(std::optional<QString> resumeId, std::optional<QString> jobDescriptionId,
+               QString language);
     // A new portrait for the interviewer; the old one stays if that fails.
     void regenerateAvatar();
     // Stops the speech and the camera, ends the coordinator and the pipeline; runs once however

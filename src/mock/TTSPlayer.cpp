@@ -7,7 +7,11 @@
 
 #include <algorithm>
 
-TTSPlayer::TTSPlayer(Clock& clock, QObject* parent) : QObject(parent), m_clock(clock) {}
+TTSPlayer::TTSPlayer(Clock& clock, QObject* parent)
+    : QObject(parent)
+    , m_clock(clock)
+{
+}
 
 TTSPlayer::~TTSPlayer()
 {

@@ -1,11 +1,11 @@
 // The practice routes against a real loopback server: what each answer becomes, which failures
 // post "apiRequestFailed", and that nothing is sent without a signed-in user.
 
+#include "MockInterviewAPI.h"
 #include "APIClient.h"
 #include "AuthTokenStore.h"
 #include "AwaitTask.h"
 #include "FakeBackend.h"
-#include "MockInterviewAPI.h"
 #include "NotificationCenter.h"
 #include "QtPrinters.h"
 
@@ -21,21 +21,41 @@ namespace {
 using Call = QCoro::Task<QString> (*)(MockInterviewAPI*);
 
 // Each operation's result as one line of text.
-QString text(const std::optional<AvatarResponse>& a) { return a ? u"avatar "_s + a->key : u"nothing"_s; }
-QString text(const std::optional<QByteArray>& b) { return b ? u"bytes "_s + QString::fromLatin1(b->toHex()) : u"nothing"_s; }
+QString text(const std::optional<AvatarResponse>& a)
+{
+    return a ? u"avatar "_s + a->key : u"nothing"_s;
+}
+QString text(const std::optional<QByteArray>& b)
+{
+    return b ? u"bytes "_s + QString::fromLatin1(b->toHex()) : u"nothing"_s;
+}
 QCoro::Task<QString> questions(MockInterviewAPI* api)
 {
     const auto response = co_await api->fetchQuestions(u"r1"_s, u"j1"_s, u"en"_s, 8);
     co_return u"questions %1 %2"_s.arg(response.sessionId).arg(response.questions.size());
 }
-QCoro::Task<QString> avatar(MockInterviewAPI* api) { co_return text(co_await api->fetchAvatar()); }
-QCoro::Task<QString> generate(MockInterviewAPI* api) { co_return text(co_await api->generateAvatar()); }
-QCoro::Task<QString> image(MockInterviewAPI* api) { co_return text(co_await api->fetchAvatarImage()); }
-QCoro::Task<QString> speech(MockInterviewAPI* api) { co_return text(co_await api->synthesizeSpeech(u"Hi"_s)); }
+QCoro::Task<QString> avatar(MockInterviewAPI* api)
+{
+    co_return text(co_await api->fetchAvatar());
+}
+QCoro::Task<QString> generate(MockInterviewAPI* api)
+{
+    co_return text(co_await api->generateAvatar());
+}
+QCoro::Task<QString> image(MockInterviewAPI* api)
+{
+    co_return text(co_await api->fetchAvatarImage());
+}
+QCoro::Task<QString> speech(MockInterviewAPI* api)
+{
+    co_return text(co_await api->synthesizeSpeech(u"Hi"_s));
+}
 
-const QByteArray questionsPath = "/api/v1/mock-interview/questions", avatarPath = "/api/v1/mock-interview/avatar",
+const QByteArray questionsPath = "/api/v1/mock-interview/questions",
+                 avatarPath = "/api/v1/mock-interview/avatar",
                  generatePath = "/api/v1/mock-interview/avatar/generate",
-                 imagePath = "/api/v1/mock-interview/avatar/image", speechPath = "/api/v1/mock-interview/tts";
+                 imagePath = "/api/v1/mock-interview/avatar/image",
+                 speechPath = "/api/v1/mock-interview/tts";
 
 struct Row {
     const char* name;
@@ -47,7 +67,10 @@ struct Row {
     std::optional<int> notifiedStatus; // "apiRequestFailed" with this status, or none at all
 };
 
-FakeBackend::Response answer(int status, QByteArray body) { return FakeBackend::Response::json(status, std::move(body)); }
+FakeBackend::Response answer(int status, QByteArray body)
+{
+    return FakeBackend::Response::json(status, std::move(body));
+}
 FakeBackend::Response notHttp()
 {
     FakeBackend::Response response;
@@ -85,6 +108,8 @@ struct Harness {
 TEST(MockInterviewAPITest, AnswersFailuresAndNotifications)
 {
     const QByteArray question = R"({"id":"q1","text":"Why us?","category":"motivation"})";
+    // One row a line, as the table it is.
+    // clang-format off
     const Row rows[] = {
         {"questions", "POST", questionsPath, answer(200, R"({"sessionId":"s1","questions":[)" + question + "]}"),
          questions, u"questions s1 1"_s, {}},
@@ -106,6 +131,7 @@ TEST(MockInterviewAPITest, AnswersFailuresAndNotifications)
         {"body not UTF-8", "GET", imagePath, answer(503, "\xff\xfe"), image, u"HTTP 503"_s, {}},
         {"not HTTP", "GET", avatarPath, notHttp(), avatar, u"Network error: No HTTP response"_s, {}},
     };
+    // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         Harness harness;
@@ -122,7 +148,8 @@ TEST(MockInterviewAPITest, AnswersFailuresAndNotifications)
         if (row.notifiedStatus) {
             ASSERT_EQ(harness.failures.size(), 1);
             EXPECT_EQ(harness.failures.first().value(u"status"_s).toInt(), *row.notifiedStatus);
-            EXPECT_EQ(harness.failures.first().value(u"route"_s).toString(), QString::fromLatin1(row.path));
+            EXPECT_EQ(harness.failures.first().value(u"route"_s).toString(),
+                      QString::fromLatin1(row.path));
         } else {
             EXPECT_TRUE(harness.failures.isEmpty());
         }
@@ -132,7 +159,8 @@ TEST(MockInterviewAPITest, AnswersFailuresAndNotifications)
 TEST(MockInterviewAPITest, RequestBodies)
 {
     Harness harness;
-    harness.server.setRoute("POST", questionsPath, answer(200, R"({"sessionId":"s","questions":[]})"));
+    harness.server.setRoute("POST", questionsPath,
+                            answer(200, R"({"sessionId":"s","questions":[]})"));
     harness.server.setRoute("POST", generatePath, answer(200, R"({"key":"k","generatedAt":"t"})"));
     awaitTask(harness.api.fetchQuestions(std::nullopt, std::nullopt, u"de"_s, 8), 10'000);
     awaitTask(harness.api.fetchQuestions(u"r"_s, u"j"_s, u"en"_s, 3), 10'000);
@@ -144,7 +172,9 @@ TEST(MockInterviewAPITest, RequestBodies)
     EXPECT_EQ(QJsonDocument::fromJson(sent[0].body).object(),
               (QJsonObject{{u"language"_s, u"de"_s}, {u"count"_s, 8}}));
     EXPECT_EQ(QJsonDocument::fromJson(sent[1].body).object(),
-              (QJsonObject{{u"language"_s, u"en"_s}, {u"count"_s, 3}, {u"resumeId"_s, u"r"_s},
+              (QJsonObject{{u"language"_s, u"en"_s},
+                           {u"count"_s, 3},
+                           {u"resumeId"_s, u"r"_s},
                            {u"jobDescriptionId"_s, u"j"_s}}));
     EXPECT_EQ(harness.server.requests("POST", generatePath).first().body, "{}");
 }

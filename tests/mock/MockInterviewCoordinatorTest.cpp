@@ -1,6 +1,7 @@
 // The question loop on the manual clock, with a scripted player and pipeline and the practice
 // routes served by a real loopback server.
 
+#include "MockInterviewCoordinator.h"
 #include "APIClient.h"
 #include "AuthTokenStore.h"
 #include "AwaitTask.h"
@@ -8,14 +9,13 @@
 #include "Clock.h"
 #include "FakeBackend.h"
 #include "MockInterviewAPI.h"
-#include "MockInterviewCoordinator.h"
 #include "MockInterviewPipeline.h"
 #include "MockPracticeSession.h"
 #include "NotificationCenter.h"
 #include "PreferencesStore.h"
 #include "QtPrinters.h"
-#include "TTSPlayer.h"
 #include "TelemetryClient.h"
+#include "TTSPlayer.h"
 
 #include <QNetworkAccessManager>
 #include <QSignalSpy>
@@ -74,7 +74,9 @@ QByteArray questionsJson(int count)
 {
     QByteArray items;
     for (int i = 0; i < count; ++i)
-        items += (i ? "," : "") + u"{\"id\":\"q%1\",\"text\":\"Question %1?\",\"category\":\"c%1\"}"_s.arg(i).toUtf8();
+        items +=
+            (i ? "," : "")
+            + u"{\"id\":\"q%1\",\"text\":\"Question %1?\",\"category\":\"c%1\"}"_s.arg(i).toUtf8();
     return R"({"sessionId":"s1","questions":[)" + items + "]}";
 }
 
@@ -84,7 +86,9 @@ QString describe(const MockInterviewCoordinator& coordinator)
     const auto phase = coordinator.phase();
     if (!state.reason.isEmpty())
         return phase + u" "_s + state.reason;
-    return phase.endsWith(u"Question"_s) || phase.endsWith(u"Answer"_s) ? phase + u" %1"_s.arg(state.index) : phase;
+    return phase.endsWith(u"Question"_s) || phase.endsWith(u"Answer"_s)
+               ? phase + u" %1"_s.arg(state.index)
+               : phase;
 }
 
 } // namespace
@@ -94,10 +98,12 @@ protected:
     void SetUp() override
     {
         client.setAccessToken(u"tok"_s);
-        server.setRoute("POST", "/api/v1/mock-interview/questions", FakeBackend::Response::json(200, questionsJson(3)));
-        server.setHandler("POST", "/api/v1/mock-interview/tts", [](const FakeBackend::Request& request) {
-            return FakeBackend::Response::json(200, "audio of " + request.body);
-        });
+        server.setRoute("POST", "/api/v1/mock-interview/questions",
+                        FakeBackend::Response::json(200, questionsJson(3)));
+        server.setHandler("POST", "/api/v1/mock-interview/tts",
+                          [](const FakeBackend::Request& request) {
+                              return FakeBackend::Response::json(200, "audio of " + request.body);
+                          });
         QObject::connect(&coordinator, &MockInterviewCoordinator::stateChanged,
                          [this] { states.append(describe(coordinator)); });
     }
@@ -112,7 +118,8 @@ protected:
     void waitFor(const QString& state)
     {
         EXPECT_TRUE(QTest::qWaitFor([&] { return describe(coordinator) == state; }, networkMs))
-            << "still " << describe(coordinator).toStdString() << ", waited for " << state.toStdString();
+            << "still " << describe(coordinator).toStdString() << ", waited for "
+            << state.toStdString();
     }
     // The user's skip action: the speech is cut short first.
     void userSkips()
@@ -127,7 +134,8 @@ protected:
             QString line = event.name;
             for (const auto& [key, value] : event.props.value_or(TelemetryClient::Props{})) {
                 line += u" "_s + key + u"="_s;
-                std::visit([&line](const auto& v) { line += QVariant::fromValue(v).toString(); }, value);
+                std::visit([&line](const auto& v) { line += QVariant::fromValue(v).toString(); },
+                           value);
             }
             names.append(line);
         }
@@ -158,7 +166,8 @@ TEST_F(MockInterviewCoordinatorTest, WholeSession)
     awaitTask(coordinator.startSession(std::nullopt, std::nullopt, u"en"_s, 8));
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(QTest::qWaitFor([&] { return player.isPlaying(); }, networkMs));
-        EXPECT_EQ(player.started.last(), "audio of {\"text\":\"Question " + QByteArray::number(i) + "?\"}");
+        EXPECT_EQ(player.started.last(),
+                  "audio of {\"text\":\"Question " + QByteArray::number(i) + "?\"}");
         clock.advance(20s);
         player.endClip();
         waitFor(u"waitingForAnswer %1"_s.arg(i));
@@ -167,21 +176,23 @@ TEST_F(MockInterviewCoordinatorTest, WholeSession)
         EXPECT_EQ(describe(coordinator), u"waitingForAnswer %1"_s.arg(i));
         coordinator.skip();
     }
-    EXPECT_EQ(states, (QStringList{u"fetchingQuestions"_s, u"playingQuestion 0"_s, u"waitingForAnswer 0"_s,
-                                   u"advancing"_s, u"playingQuestion 1"_s, u"waitingForAnswer 1"_s,
-                                   u"advancing"_s, u"playingQuestion 2"_s, u"waitingForAnswer 2"_s,
-                                   u"advancing"_s, u"finished"_s}));
+    EXPECT_EQ(states, (QStringList{u"fetchingQuestions"_s, u"playingQuestion 0"_s,
+                                   u"waitingForAnswer 0"_s, u"advancing"_s, u"playingQuestion 1"_s,
+                                   u"waitingForAnswer 1"_s, u"advancing"_s, u"playingQuestion 2"_s,
+                                   u"waitingForAnswer 2"_s, u"advancing"_s, u"finished"_s}));
     EXPECT_EQ(pipeline->started, QStringList{u"s1"_s});
-    EXPECT_EQ(pipeline->injected, (QStringList{u"Question 0?"_s, u"Question 1?"_s, u"Question 2?"_s}));
+    EXPECT_EQ(pipeline->injected,
+              (QStringList{u"Question 0?"_s, u"Question 1?"_s, u"Question 2?"_s}));
     const auto sent = server.requests("POST", "/api/v1/mock-interview/questions");
     ASSERT_EQ(sent.size(), 1);
     EXPECT_EQ(sent.first().body, R"({"count":8,"language":"en","resumeId":"r"})");
     // 3 x 10 min 20 s: the duration bucket of half an hour and more.
-    EXPECT_EQ(events(), (QStringList{u"mock_interview_started question_count=3 has_resume=true has_jd=false"_s,
-                                     u"mock_question_played question_index=0 category=c0"_s,
-                                     u"mock_question_played question_index=1 category=c1"_s,
-                                     u"mock_question_played question_index=2 category=c2"_s,
-                                     events().value(4)}));
+    EXPECT_EQ(
+        events(),
+        (QStringList{u"mock_interview_started question_count=3 has_resume=true has_jd=false"_s,
+                     u"mock_question_played question_index=0 category=c0"_s,
+                     u"mock_question_played question_index=1 category=c1"_s,
+                     u"mock_question_played question_index=2 category=c2"_s, events().value(4)}));
     EXPECT_TRUE(events().value(4).startsWith(u"mock_interview_completed question_count=3"_s));
     EXPECT_EQ(coordinator.currentIndex(), 3);
 
@@ -218,7 +229,8 @@ TEST_F(MockInterviewCoordinatorTest, SkipWhilePlayingAndWhileWaiting)
 
 TEST_F(MockInterviewCoordinatorTest, FailedQuestionFetchAborts)
 {
-    server.setRoute("POST", "/api/v1/mock-interview/questions", FakeBackend::Response::json(500, ""));
+    server.setRoute("POST", "/api/v1/mock-interview/questions",
+                    FakeBackend::Response::json(500, ""));
     start();
     waitFor(u"aborted api_error"_s);
     EXPECT_EQ(states, (QStringList{u"fetchingQuestions"_s, u"aborted api_error"_s}));
@@ -231,8 +243,9 @@ TEST_F(MockInterviewCoordinatorTest, SpeechFailureAndSlowPipeline)
 {
     // The pipeline has not started recording: the first question waits 5 s, then goes ahead.
     pipeline->recording = false;
-    server.setHandler("POST", "/api/v1/mock-interview/tts",
-                      [](const FakeBackend::Request&) { return FakeBackend::Response::json(503, ""); });
+    server.setHandler("POST", "/api/v1/mock-interview/tts", [](const FakeBackend::Request&) {
+        return FakeBackend::Response::json(503, "");
+    });
     start();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !pipeline->started.isEmpty(); }, networkMs));
     clock.advance(4900ms);
@@ -248,13 +261,14 @@ TEST_F(MockInterviewCoordinatorTest, SpeechFailureAndSlowPipeline)
 TEST_F(MockInterviewCoordinatorTest, SessionCleanUpRunsOnce)
 {
     server.setRoute("GET", "/api/v1/mock-interview/avatar", FakeBackend::Response::json(204, ""));
-    server.setRoute("POST", "/api/v1/mock-interview/avatar/generate", FakeBackend::Response::json(500, ""));
+    server.setRoute("POST", "/api/v1/mock-interview/avatar/generate",
+                    FakeBackend::Response::json(500, ""));
     auto sessionPlayer = std::make_unique<ScriptedPlayer>(clock);
     auto* playerView = sessionPlayer.get();
     auto camera = std::make_unique<ScriptedCamera>();
     auto* cameraView = camera.get();
-    MockPracticeSession session({client, network, notifications, clock, std::move(sessionPlayer), std::move(camera),
-                                 pipeline, &telemetry});
+    MockPracticeSession session({client, network, notifications, clock, std::move(sessionPlayer),
+                                 std::move(camera), pipeline, &telemetry});
     QSignalSpy ended(&session, &MockPracticeSession::ended);
     session.begin(u"r"_s, u"j"_s, u"en"_s);
     // The portrait could not be made; the session starts without it.

@@ -2,15 +2,15 @@
 // "Pulse" (scripts/test-pulse.sh), from speech the test makes with espeak-ng and GStreamer's MP3
 // encoder; and the camera service on a machine without a camera.
 
+#include "QtTTSPlayer.h"
 #include "AwaitTask.h"
 #include "Clock.h"
 #include "QtCameraService.h"
-#include "QtTTSPlayer.h"
 #include "TaskHandle.h"
 
+#include <QCameraDevice>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QCameraDevice>
 #include <QMediaDevices>
 #include <QProcess>
 #include <QSignalSpy>
@@ -26,14 +26,16 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int playDeadlineMs = 30'000;
-const QString sentence = u"Tell me about a project you are proud of, and what you would do differently."_s;
+const QString sentence =
+    u"Tell me about a project you are proud of, and what you would do differently."_s;
 
 QString stateValue(const QString& path, const char* key)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
-        throw std::runtime_error("no sound server state at '" + path.toStdString()
-                                 + "': run these tests through ctest, whose Pulse fixture starts one");
+        throw std::runtime_error(
+            "no sound server state at '" + path.toStdString()
+            + "': run these tests through ctest, whose Pulse fixture starts one");
     for (const auto& line : file.readAll().split('\n')) {
         if (line.startsWith(QByteArray(key) + '='))
             return QString::fromUtf8(line.mid(qstrlen(key) + 1));
@@ -46,7 +48,8 @@ QString run(const QString& program, const QStringList& arguments)
     QProcess process;
     process.start(program, arguments);
     process.waitForFinished(30'000);
-    EXPECT_EQ(process.exitCode(), 0) << program.toStdString() << ": " << process.readAllStandardError().toStdString();
+    EXPECT_EQ(process.exitCode(), 0)
+        << program.toStdString() << ": " << process.readAllStandardError().toStdString();
     return QString::fromUtf8(process.readAllStandardOutput());
 }
 
@@ -61,14 +64,17 @@ protected:
             GTEST_SKIP() << "the private sound server needs " << missing.toStdString();
         for (const auto& tool : {u"espeak-ng"_s, u"gst-launch-1.0"_s, u"pactl"_s}) {
             if (QStandardPaths::findExecutable(tool).isEmpty())
-                GTEST_SKIP() << tool.toStdString() << " is not installed (scripts/install-deps.sh installs it)";
+                GTEST_SKIP() << tool.toStdString()
+                             << " is not installed (scripts/install-deps.sh installs it)";
         }
         // This process, GStreamer's plugin cache and the tools use the server's scratch folder,
         // never the real home, and play to no other server.
         qputenv("PULSE_SERVER", stateValue(state, "PULSE_SERVER").toUtf8());
-        const std::pair<const char*, const char*> folders[] = {
-            {"HOME", "/home"}, {"XDG_CONFIG_HOME", "/config"}, {"XDG_CACHE_HOME", "/cache"},
-            {"XDG_RUNTIME_DIR", "/runtime"}, {"PULSE_RUNTIME_PATH", "/runtime"}};
+        const std::pair<const char*, const char*> folders[] = {{"HOME", "/home"},
+                                                               {"XDG_CONFIG_HOME", "/config"},
+                                                               {"XDG_CACHE_HOME", "/cache"},
+                                                               {"XDG_RUNTIME_DIR", "/runtime"},
+                                                               {"PULSE_RUNTIME_PATH", "/runtime"}};
         for (const auto& [name, folder] : folders)
             qputenv(name, QFile::encodeName(stateValue(state, "SCRATCH") + QLatin1String(folder)));
 
@@ -76,9 +82,9 @@ protected:
         wav = dir.filePath(u"question.wav"_s);
         mp3 = dir.filePath(u"question.mp3"_s);
         run(u"espeak-ng"_s, {u"-w"_s, wav, sentence});
-        run(u"gst-launch-1.0"_s, {u"-q"_s, u"filesrc"_s, u"location="_s + wav, u"!"_s, u"wavparse"_s, u"!"_s,
-                                  u"audioconvert"_s, u"!"_s, u"lamemp3enc"_s, u"!"_s, u"filesink"_s,
-                                  u"location="_s + mp3});
+        run(u"gst-launch-1.0"_s, {u"-q"_s, u"filesrc"_s, u"location="_s + wav, u"!"_s,
+                                  u"wavparse"_s, u"!"_s, u"audioconvert"_s, u"!"_s, u"lamemp3enc"_s,
+                                  u"!"_s, u"filesink"_s, u"location="_s + mp3});
     }
 
     static QByteArray read(const QString& path)
@@ -104,10 +110,13 @@ TEST_F(QtTTSPlayerTest, PlaysWavAndMp3ToTheEnd)
         SCOPED_TRACE(path.toStdString());
         QtTTSPlayer player(clock);
         double peak = 0;
-        QObject::connect(&player, &TTSPlayer::levelChanged, [&] { peak = std::max(peak, player.level()); });
+        QObject::connect(&player, &TTSPlayer::levelChanged,
+                         [&] { peak = std::max(peak, player.level()); });
         // Half a second in, the sound server has our stream.
         QString streams;
-        QTimer::singleShot(500, [&] { streams = run(u"pactl"_s, {u"list"_s, u"short"_s, u"sink-inputs"_s}); });
+        QTimer::singleShot(500, [&] {
+            streams = run(u"pactl"_s, {u"list"_s, u"short"_s, u"sink-inputs"_s});
+        });
 
         QElapsedTimer elapsed;
         elapsed.start();

@@ -4,7 +4,10 @@
 #include <QCameraDevice>
 #include <QMediaDevices>
 
-QtCameraService::QtCameraService(QObject* parent) : CameraService(parent) {}
+QtCameraService::QtCameraService(QObject* parent)
+    : CameraService(parent)
+{
+}
 
 QtCameraService::~QtCameraService()
 {

@@ -16,7 +16,11 @@ namespace {
 constexpr double silenceDb = -160.0;
 } // namespace
 
-QtTTSPlayer::QtTTSPlayer(Clock& clock, QObject* parent) : TTSPlayer(clock, parent), m_clock(clock) {}
+QtTTSPlayer::QtTTSPlayer(Clock& clock, QObject* parent)
+    : TTSPlayer(clock, parent)
+    , m_clock(clock)
+{
+}
 
 QtTTSPlayer::~QtTTSPlayer()
 {
@@ -89,7 +93,8 @@ void QtTTSPlayer::appendDecoded()
         m_pcm.resize(start + samples * qsizetype(sizeof(qint16)));
         auto* out = reinterpret_cast<qint16*>(m_pcm.data() + start);
         for (qsizetype i = 0; i < samples; ++i) {
-            const float value = std::clamp(format.normalizedSampleValue(data + i * bytesPerSample), -1.0f, 1.0f);
+            const float value =
+                std::clamp(format.normalizedSampleValue(data + i * bytesPerSample), -1.0f, 1.0f);
             out[i] = qint16(std::lround(value * 32767.0f));
         }
     }
@@ -123,7 +128,8 @@ void QtTTSPlayer::startOutput()
     m_sink.reset(new QAudioSink(device, m_format));
     connect(m_sink.get(), &QAudioSink::stateChanged, this, [this](QAudio::State state) {
         // Idle: the whole clip has been handed over. Stopped with an error: the server went.
-        if (state == QAudio::IdleState || (state == QAudio::StoppedState && m_sink && m_sink->error() != QAudio::NoError))
+        if (state == QAudio::IdleState
+            || (state == QAudio::StoppedState && m_sink && m_sink->error() != QAudio::NoError))
             outputEnded();
     });
     m_sink->start(m_output.get());
