@@ -17,8 +17,10 @@ packages=(
     # the server's built-in recogniser and speech
     libpocketsphinx-dev libsphinxbase-dev pocketsphinx-en-us libespeak-ng-dev
     # practice interviews: the server speaks questions through the espeak-ng program; Qt
-    # Multimedia's GStreamer backend needs the "good" plugins (wavparse) to decode that speech
-    espeak-ng gstreamer1.0-plugins-good
+    # Multimedia's GStreamer backend decodes that speech (WAV) and a vendor's (MP3) with the
+    # "good" plugins (wavparse, mpg123); the meeting window's camera tile needs the QML module;
+    # the player's test makes its MP3 with gst-launch-1.0 and lamemp3enc
+    espeak-ng gstreamer1.0-plugins-good qml6-module-qtmultimedia gstreamer1.0-tools
     # QML modules for the windows (they do not pull each other in)
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-templates
     qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml

@@ -1,0 +1,209 @@
+// The practice routes against a real loopback server: what each answer becomes, which failures
+// post "apiRequestFailed", and that nothing is sent without a signed-in user.
+
+#include "MockInterviewAPI.h"
+#include "APIClient.h"
+#include "AuthTokenStore.h"
+#include "AwaitTask.h"
+#include "FakeBackend.h"
+#include "NotificationCenter.h"
+#include "QtPrinters.h"
+
+#include <QJsonDocument>
+#include <QNetworkAccessManager>
+
+#include <gtest/gtest.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+using Call = QCoro::Task<QString> (*)(MockInterviewAPI*);
+
+// Each operation's result as one line of text.
+QString text(const std::optional<AvatarResponse>& a)
+{
+    return a ? u"avatar "_s + a->key : u"nothing"_s;
+}
+QString text(const std::optional<QByteArray>& b)
+{
+    return b ? u"bytes "_s + QString::fromLatin1(b->toHex()) : u"nothing"_s;
+}
+QCoro::Task<QString> questions(MockInterviewAPI* api)
+{
+    const auto response = co_await api->fetchQuestions(u"r1"_s, u"j1"_s, u"en"_s, 8);
+    co_return u"questions %1 %2"_s.arg(response.sessionId).arg(response.questions.size());
+}
+QCoro::Task<QString> avatar(MockInterviewAPI* api)
+{
+    co_return text(co_await api->fetchAvatar());
+}
+QCoro::Task<QString> generate(MockInterviewAPI* api)
+{
+    co_return text(co_await api->generateAvatar());
+}
+QCoro::Task<QString> image(MockInterviewAPI* api)
+{
+    co_return text(co_await api->fetchAvatarImage());
+}
+QCoro::Task<QString> speech(MockInterviewAPI* api)
+{
+    co_return text(co_await api->synthesizeSpeech(u"Hi"_s));
+}
+
+const QByteArray questionsPath = "/api/v1/mock-interview/questions",
+                 avatarPath = "/api/v1/mock-interview/avatar",
+                 generatePath = "/api/v1/mock-interview/avatar/generate",
+                 imagePath = "/api/v1/mock-interview/avatar/image",
+                 speechPath = "/api/v1/mock-interview/tts";
+
+struct Row {
+    const char* name;
+    QByteArray method;
+    QByteArray path;
+    FakeBackend::Response response;
+    Call call;
+    QString expected;
+    std::optional<int> notifiedStatus; // "apiRequestFailed" with this status, or none at all
+};
+
+FakeBackend::Response answer(int status, QByteArray body)
+{
+    return FakeBackend::Response::json(status, std::move(body));
+}
+FakeBackend::Response notHttp()
+{
+    FakeBackend::Response response;
+    response.raw = "garbage\r\n\r\n";
+    return response;
+}
+
+struct Harness {
+    FakeBackend server;
+    InMemoryTokenStore tokens;
+    NotificationCenter notifications;
+    QNetworkAccessManager network;
+    APIClient client{server.origin(), tokens, notifications, &network};
+    MockInterviewAPI api{client, network, notifications};
+    QList<QVariantMap> failures;
+
+    Harness()
+    {
+        client.setAccessToken(u"tok"_s);
+        notifications.addObserver(Notifications::apiRequestFailed, nullptr,
+                                  [this](const Notification& n) { failures.append(n.userInfo); });
+    }
+    QString run(Call call)
+    {
+        try {
+            return awaitTask(call(&api), 10'000);
+        } catch (const MockInterviewError& error) {
+            return error.description();
+        }
+    }
+};
+
+} // namespace
+
+TEST(MockInterviewAPITest, AnswersFailuresAndNotifications)
+{
+    const QByteArray question = R"({"id":"q1","text":"Why us?","category":"motivation"})";
+    // One row a line, as the table it is.
+    // clang-format off
+    const Row rows[] = {
+        {"questions", "POST", questionsPath, answer(200, R"({"sessionId":"s1","questions":[)" + question + "]}"),
+         questions, u"questions s1 1"_s, {}},
+        {"questions undecodable", "POST", questionsPath, answer(200, R"({"sessionId":"s1"})"), questions,
+         u"Decoding error: Missing key: questions"_s, {}},
+        {"avatar 204: nothing, no error", "GET", avatarPath, answer(204, ""), avatar, u"nothing"_s, {}},
+        {"avatar 404: nothing", "GET", avatarPath, answer(404, "missing"), avatar, u"nothing"_s, {}},
+        {"avatar", "GET", avatarPath, answer(200, R"({"key":"k1","generatedAt":"2026-01-01T00:00:00Z"})"),
+         avatar, u"avatar k1"_s, {}},
+        {"generate sends {}", "POST", generatePath, answer(200, R"({"key":"k2","generatedAt":"x"})"), generate,
+         u"avatar k2"_s, {}},
+        {"image 204 is empty bytes", "GET", imagePath, answer(204, ""), image, u"bytes "_s, {}},
+        {"image 404: nothing", "GET", imagePath, answer(404, ""), image, u"nothing"_s, {}},
+        {"speech bytes unchanged", "POST", speechPath, answer(200, QByteArray("RIFF\x00\x01", 6)), speech,
+         u"bytes 524946460001"_s, {}},
+        {"500 with an empty body", "POST", speechPath, answer(500, ""), speech, u"HTTP 500: "_s, 500},
+        {"401 on POST posts", "POST", questionsPath, answer(401, "expired"), questions, u"HTTP 401: expired"_s, 401},
+        {"401 on GET does not", "GET", avatarPath, answer(401, "expired"), avatar, u"HTTP 401: expired"_s, {}},
+        {"body not UTF-8", "GET", imagePath, answer(503, "\xff\xfe"), image, u"HTTP 503"_s, {}},
+        {"not HTTP", "GET", avatarPath, notHttp(), avatar, u"Network error: No HTTP response"_s, {}},
+    };
+    // clang-format on
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Harness harness;
+        harness.server.setRoute(row.method, row.path, row.response);
+        const auto outcome = harness.run(row.call);
+        EXPECT_EQ(outcome, row.expected);
+        // Qt itself sends a GET again on a connection closed without an answer; we never do.
+        ASSERT_GE(harness.server.requestCount(row.method, row.path), 1);
+        const auto request = harness.server.requests(row.method, row.path).first();
+        EXPECT_EQ(request.header("authorization"), "Bearer tok");
+        if (row.method == "POST") {
+            EXPECT_EQ(request.header("content-type"), "application/json");
+        }
+        if (row.notifiedStatus) {
+            ASSERT_EQ(harness.failures.size(), 1);
+            EXPECT_EQ(harness.failures.first().value(u"status"_s).toInt(), *row.notifiedStatus);
+            EXPECT_EQ(harness.failures.first().value(u"route"_s).toString(),
+                      QString::fromLatin1(row.path));
+        } else {
+            EXPECT_TRUE(harness.failures.isEmpty());
+        }
+    }
+}
+
+TEST(MockInterviewAPITest, RequestBodies)
+{
+    Harness harness;
+    harness.server.setRoute("POST", questionsPath,
+                            answer(200, R"({"sessionId":"s","questions":[]})"));
+    harness.server.setRoute("POST", generatePath, answer(200, R"({"key":"k","generatedAt":"t"})"));
+    awaitTask(harness.api.fetchQuestions(std::nullopt, std::nullopt, u"de"_s, 8), 10'000);
+    awaitTask(harness.api.fetchQuestions(u"r"_s, u"j"_s, u"en"_s, 3), 10'000);
+    awaitTask(harness.api.generateAvatar(), 10'000);
+
+    const auto sent = harness.server.requests("POST", questionsPath);
+    ASSERT_EQ(sent.size(), 2);
+    // Without ids the keys are left out, never sent as null.
+    EXPECT_EQ(QJsonDocument::fromJson(sent[0].body).object(),
+              (QJsonObject{{u"language"_s, u"de"_s}, {u"count"_s, 8}}));
+    EXPECT_EQ(QJsonDocument::fromJson(sent[1].body).object(),
+              (QJsonObject{{u"language"_s, u"en"_s},
+                           {u"count"_s, 3},
+                           {u"resumeId"_s, u"r"_s},
+                           {u"jobDescriptionId"_s, u"j"_s}}));
+    EXPECT_EQ(harness.server.requests("POST", generatePath).first().body, "{}");
+}
+
+TEST(MockInterviewAPITest, NoTokenSendsNothing)
+{
+    Harness harness;
+    harness.client.setAccessToken(std::nullopt);
+    for (const Call call : {questions, avatar, generate, image, speech})
+        EXPECT_EQ(harness.run(call), u"Not signed in"_s);
+    EXPECT_EQ(harness.server.totalRequests(), 0);
+    EXPECT_TRUE(harness.failures.isEmpty());
+}
+
+TEST(MockInterviewAPITest, AvatarSequence)
+{
+    // No portrait yet: one is generated (and reported as the first), then its image fetched.
+    // Any failure leaves the portrait empty without an error.
+    Harness harness;
+    harness.server.setRoute("GET", avatarPath, answer(404, ""));
+    harness.server.setRoute("POST", generatePath, answer(200, R"({"key":"k","generatedAt":"t"})"));
+    harness.server.setRoute("GET", imagePath, answer(200, "PNG"));
+    QList<bool> generated;
+    const auto note = [&generated](bool first) { generated.append(first); };
+    EXPECT_EQ(awaitTask(loadAvatarImage(&harness.api, false, note), 10'000), QByteArray("PNG"));
+    EXPECT_EQ(generated, QList<bool>{true});
+
+    harness.server.setRoute("POST", generatePath, answer(500, ""));
+    EXPECT_EQ(awaitTask(loadAvatarImage(&harness.api, true, note), 10'000), std::nullopt);
+    EXPECT_EQ(generated, QList<bool>{true});
+    EXPECT_EQ(harness.server.requestCount("GET", imagePath), 1);
+}

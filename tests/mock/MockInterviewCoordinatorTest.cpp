@@ -1,0 +1,318 @@
+// The question loop on the manual clock, with a scripted player and pipeline and the practice
+// routes served by a real loopback server.
+
+#include "MockInterviewCoordinator.h"
+#include "APIClient.h"
+#include "AuthTokenStore.h"
+#include "AwaitTask.h"
+#include "CameraService.h"
+#include "Clock.h"
+#include "FakeBackend.h"
+#include "MockInterviewAPI.h"
+#include "MockInterviewPipeline.h"
+#include "MockPracticeSession.h"
+#include "NotificationCenter.h"
+#include "PreferencesStore.h"
+#include "QtPrinters.h"
+#include "TelemetryClient.h"
+#include "TTSPlayer.h"
+
+#include <QNetworkAccessManager>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int networkMs = 10'000;
+
+// Plays until the test says the clip has ended; "bad" is not audio.
+class ScriptedPlayer final : public TTSPlayer {
+public:
+    using TTSPlayer::TTSPlayer;
+    ~ScriptedPlayer() override { stop(); }
+    void endClip() { outputEnded(); }
+    double power = -25;
+    QList<QByteArray> started;
+
+protected:
+    QCoro::Task<bool> prepare(QByteArray bytes) override
+    {
+        m_pending = bytes;
+        co_return bytes != "bad";
+    }
+    void startOutput() override { started.append(m_pending); }
+    void haltOutput() override {}
+    std::optional<double> currentPower() override { return power; }
+
+private:
+    QByteArray m_pending;
+};
+
+struct ScriptedPipeline final : MockInterviewPipeline {
+    bool recording = true;
+    QStringList injected, started;
+    int stops = 0;
+    bool isRecording() const override { return recording; }
+    QCoro::Task<> startMockInterview(QString id) override { co_return started.append(id); }
+    void injectMockQuestion(const QString& text) override { injected.append(text); }
+    QCoro::Task<> stopInterview() override { co_return void(++stops); }
+};
+
+struct ScriptedCamera final : CameraService {
+    int starts = 0, stops = 0;
+    QCoro::Task<bool> requestAccess() override { co_return true; }
+    void start() override { ++starts, setRunning(true); }
+    void stop() override { stops += isRunning(), setRunning(false); }
+};
+
+QByteArray questionsJson(int count)
+{
+    QByteArray items;
+    for (int i = 0; i < count; ++i)
+        items +=
+            (i ? "," : "")
+            + u"{\"id\":\"q%1\",\"text\":\"Question %1?\",\"category\":\"c%1\"}"_s.arg(i).toUtf8();
+    return R"({"sessionId":"s1","questions":[)" + items + "]}";
+}
+
+QString describe(const MockInterviewCoordinator& coordinator)
+{
+    const auto state = coordinator.state();
+    const auto phase = coordinator.phase();
+    if (!state.reason.isEmpty())
+        return phase + u" "_s + state.reason;
+    return phase.endsWith(u"Question"_s) || phase.endsWith(u"Answer"_s)
+               ? phase + u" %1"_s.arg(state.index)
+               : phase;
+}
+
+} // namespace
+
+class MockInterviewCoordinatorTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        client.setAccessToken(u"tok"_s);
+        server.setRoute("POST", "/api/v1/mock-interview/questions",
+                        FakeBackend::Response::json(200, questionsJson(3)));
+        server.setHandler("POST", "/api/v1/mock-interview/tts",
+                          [](const FakeBackend::Request& request) {
+                              return FakeBackend::Response::json(200, "audio of " + request.body);
+                          });
+        QObject::connect(&coordinator, &MockInterviewCoordinator::stateChanged,
+                         [this] { states.append(describe(coordinator)); });
+    }
+
+    void start(int count = 8)
+    {
+        starting = TaskHandle::run([this, count](const CancellationToken&) {
+            return coordinator.startSession(u"r"_s, std::nullopt, u"en"_s, count);
+        });
+    }
+    // Waits for what the loopback server's answer leads to.
+    void waitFor(const QString& state)
+    {
+        EXPECT_TRUE(QTest::qWaitFor([&] { return describe(coordinator) == state; }, networkMs))
+            << "still " << describe(coordinator).toStdString() << ", waited for "
+            << state.toStdString();
+    }
+    // The user's skip action: the speech is cut short first.
+    void userSkips()
+    {
+        player.stop();
+        coordinator.skip();
+    }
+    QStringList events() const
+    {
+        QStringList names;
+        for (const auto& event : telemetry.buffer()) {
+            QString line = event.name;
+            for (const auto& [key, value] : event.props.value_or(TelemetryClient::Props{})) {
+                line += u" "_s + key + u"="_s;
+                std::visit([&line](const auto& v) { line += QVariant::fromValue(v).toString(); },
+                           value);
+            }
+            names.append(line);
+        }
+        return names;
+    }
+
+    FakeBackend server;
+    ManualClock clock;
+    InMemoryTokenStore tokens;
+    NotificationCenter notifications;
+    QNetworkAccessManager network;
+    PreferencesStore preferences;
+    TelemetryClient telemetry{server.origin(), preferences, clock};
+    APIClient client{server.origin(), tokens, notifications, &network};
+    MockInterviewAPI api{client, network, notifications};
+    ScriptedPlayer player{clock};
+    std::shared_ptr<ScriptedPipeline> pipeline = std::make_shared<ScriptedPipeline>();
+    MockInterviewCoordinator coordinator{api, player, pipeline, clock, &telemetry};
+    TaskHandle starting;
+    QStringList states;
+};
+
+TEST_F(MockInterviewCoordinatorTest, WholeSession)
+{
+    start();
+    waitFor(u"playingQuestion 0"_s);
+    // A second start while one runs changes nothing.
+    awaitTask(coordinator.startSession(std::nullopt, std::nullopt, u"en"_s, 8));
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(QTest::qWaitFor([&] { return player.isPlaying(); }, networkMs));
+        EXPECT_EQ(player.started.last(),
+                  "audio of {\"text\":\"Question " + QByteArray::number(i) + "?\"}");
+        clock.advance(20s);
+        player.endClip();
+        waitFor(u"waitingForAnswer %1"_s.arg(i));
+        // Silence, speech or time do not move the loop: only the user does.
+        clock.advance(10min);
+        EXPECT_EQ(describe(coordinator), u"waitingForAnswer %1"_s.arg(i));
+        coordinator.skip();
+    }
+    EXPECT_EQ(states, (QStringList{u"fetchingQuestions"_s, u"playingQuestion 0"_s,
+                                   u"waitingForAnswer 0"_s, u"advancing"_s, u"playingQuestion 1"_s,
+                                   u"waitingForAnswer 1"_s, u"advancing"_s, u"playingQuestion 2"_s,
+                                   u"waitingForAnswer 2"_s, u"advancing"_s, u"finished"_s}));
+    EXPECT_EQ(pipeline->started, QStringList{u"s1"_s});
+    EXPECT_EQ(pipeline->injected,
+              (QStringList{u"Question 0?"_s, u"Question 1?"_s, u"Question 2?"_s}));
+    const auto sent = server.requests("POST", "/api/v1/mock-interview/questions");
+    ASSERT_EQ(sent.size(), 1);
+    EXPECT_EQ(sent.first().body, R"({"count":8,"language":"en","resumeId":"r"})");
+    // 3 x 10 min 20 s: the duration bucket of half an hour and more.
+    EXPECT_EQ(
+        events(),
+        (QStringList{u"mock_interview_started question_count=3 has_resume=true has_jd=false"_s,
+                     u"mock_question_played question_index=0 category=c0"_s,
+                     u"mock_question_played question_index=1 category=c1"_s,
+                     u"mock_question_played question_index=2 category=c2"_s, events().value(4)}));
+    EXPECT_TRUE(events().value(4).startsWith(u"mock_interview_completed question_count=3"_s));
+    EXPECT_EQ(coordinator.currentIndex(), 3);
+
+    // Closing the window after the end still reports the close.
+    awaitTask(coordinator.abort(u"user_cancel"_s));
+    EXPECT_EQ(describe(coordinator), u"aborted user_cancel"_s);
+    EXPECT_EQ(events().last(), u"mock_interview_aborted reason=user_cancel question_index=3"_s);
+}
+
+TEST_F(MockInterviewCoordinatorTest, SkipWhilePlayingAndWhileWaiting)
+{
+    coordinator.skip(); // idle: nothing to skip
+    EXPECT_EQ(describe(coordinator), u"idle"_s);
+    start();
+    waitFor(u"playingQuestion 0"_s);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return player.isPlaying(); }, networkMs));
+    // The first press cuts the speech short and stays on the question...
+    userSkips();
+    waitFor(u"waitingForAnswer 0"_s);
+    EXPECT_EQ(coordinator.currentIndex(), 0);
+    // ...the second moves on.
+    userSkips();
+    waitFor(u"playingQuestion 1"_s);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return player.isPlaying(); }, networkMs));
+    player.endClip();
+    waitFor(u"waitingForAnswer 1"_s);
+    // An abort while waiting ends the loop where it is.
+    awaitTask(coordinator.abort(u"user_cancel"_s));
+    EXPECT_EQ(describe(coordinator), u"aborted user_cancel"_s);
+    EXPECT_EQ(coordinator.currentIndex(), 1);
+    EXPECT_FALSE(states.contains(u"finished"_s));
+    EXPECT_EQ(states.count(u"advancing"_s), 1);
+}
+
+TEST_F(MockInterviewCoordinatorTest, FailedQuestionFetchAborts)
+{
+    server.setRoute("POST", "/api/v1/mock-interview/questions",
+                    FakeBackend::Response::json(500, ""));
+    start();
+    waitFor(u"aborted api_error"_s);
+    EXPECT_EQ(states, (QStringList{u"fetchingQuestions"_s, u"aborted api_error"_s}));
+    EXPECT_EQ(events(), QStringList{u"mock_interview_aborted reason=api_error question_index=0"_s});
+    EXPECT_TRUE(pipeline->started.isEmpty());
+    EXPECT_TRUE(player.started.isEmpty());
+}
+
+TEST_F(MockInterviewCoordinatorTest, SpeechFailureAndSlowPipeline)
+{
+    // The pipeline has not started recording: the first question waits 5 s, then goes ahead.
+    pipeline->recording = false;
+    server.setHandler("POST", "/api/v1/mock-interview/tts", [](const FakeBackend::Request&) {
+        return FakeBackend::Response::json(503, "");
+    });
+    start();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !pipeline->started.isEmpty(); }, networkMs));
+    clock.advance(4900ms);
+    EXPECT_EQ(describe(coordinator), u"fetchingQuestions"_s);
+    clock.advance(100ms);
+    // A speech failure costs the spoken question only.
+    waitFor(u"waitingForAnswer 0"_s);
+    EXPECT_TRUE(player.started.isEmpty());
+    EXPECT_EQ(pipeline->injected, QStringList{u"Question 0?"_s});
+    EXPECT_TRUE(events().contains(u"mock_interview_aborted reason=tts_error question_index=0"_s));
+}
+
+TEST_F(MockInterviewCoordinatorTest, SessionCleanUpRunsOnce)
+{
+    server.setRoute("GET", "/api/v1/mock-interview/avatar", FakeBackend::Response::json(204, ""));
+    server.setRoute("POST", "/api/v1/mock-interview/avatar/generate",
+                    FakeBackend::Response::json(500, ""));
+    auto sessionPlayer = std::make_unique<ScriptedPlayer>(clock);
+    auto* playerView = sessionPlayer.get();
+    auto camera = std::make_unique<ScriptedCamera>();
+    auto* cameraView = camera.get();
+    MockPracticeSession session({client, network, notifications, clock, std::move(sessionPlayer),
+                                 std::move(camera), pipeline, &telemetry});
+    QSignalSpy ended(&session, &MockPracticeSession::ended);
+    session.begin(u"r"_s, u"j"_s, u"en"_s);
+    // The portrait could not be made; the session starts without it.
+    ASSERT_TRUE(QTest::qWaitFor([&] { return playerView->isPlaying(); }, networkMs));
+    EXPECT_TRUE(session.coordinator()->avatarImage().isNull());
+    EXPECT_EQ(cameraView->starts, 1);
+
+    // The window's close and "End Interview" both arrive.
+    session.end();
+    session.end();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return ended.count() > 0; }, networkMs));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(ended.count(), 1);
+    EXPECT_EQ(pipeline->stops, 1);
+    EXPECT_EQ(cameraView->stops, 1);
+    EXPECT_FALSE(playerView->isPlaying());
+    EXPECT_EQ(events().filter(u"mock_interview_aborted reason=user_cancel"_s).size(), 1);
+    EXPECT_EQ(describe(*session.coordinator()), u"aborted user_cancel"_s);
+}
+
+TEST(TTSPlayerTest, LevelAndCompletion)
+{
+    ManualClock clock;
+    ScriptedPlayer player(clock);
+    QSignalSpy levels(&player, &TTSPlayer::levelChanged);
+    auto first = TaskHandle::run([&](const CancellationToken&) { return player.play("one"); });
+    EXPECT_TRUE(player.isPlaying());
+
+    // The tile's level, about 30 times a second, from the power of what plays.
+    const std::pair<double, double> mapping[] = {{-25, 0.5}, {-60, 0}, {3, 1}, {0, 1}, {-50, 0}};
+    for (const auto& [power, level] : mapping) {
+        player.power = power;
+        clock.advance(TTSPlayer::meteringInterval);
+        EXPECT_DOUBLE_EQ(player.level(), level) << power << " dB";
+    }
+    // An unchanged level notifies nobody.
+    const auto notified = levels.count();
+    clock.advance(TTSPlayer::meteringInterval);
+    EXPECT_EQ(levels.count(), notified);
+
+    // Stopping twice ends the wait once and leaves no meter running.
+    player.stop();
+    player.stop();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return first.isFinished(); }, 1000));
+    EXPECT_EQ(player.level(), 0);
+    EXPECT_EQ(clock.pendingTimerCount(), 0u);
+}

@@ -1,0 +1,174 @@
+// Spoken questions played by Qt Multimedia into the private sound server of the CTest fixture
+// "Pulse" (scripts/test-pulse.sh), from speech the test makes with espeak-ng and GStreamer's MP3
+// encoder; and the camera service on a machine without a camera.
+
+#include "QtTTSPlayer.h"
+#include "AwaitTask.h"
+#include "Clock.h"
+#include "QtCameraService.h"
+#include "TaskHandle.h"
+
+#include <QCameraDevice>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QMediaDevices>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int playDeadlineMs = 30'000;
+const QString sentence =
+    u"Tell me about a project you are proud of, and what you would do differently."_s;
+
+QString stateValue(const QString& path, const char* key)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw std::runtime_error(
+            "no sound server state at '" + path.toStdString()
+            + "': run these tests through ctest, whose Pulse fixture starts one");
+    for (const auto& line : file.readAll().split('\n')) {
+        if (line.startsWith(QByteArray(key) + '='))
+            return QString::fromUtf8(line.mid(qstrlen(key) + 1));
+    }
+    return {};
+}
+
+QString run(const QString& program, const QStringList& arguments)
+{
+    QProcess process;
+    process.start(program, arguments);
+    process.waitForFinished(30'000);
+    EXPECT_EQ(process.exitCode(), 0)
+        << program.toStdString() << ": " << process.readAllStandardError().toStdString();
+    return QString::fromUtf8(process.readAllStandardOutput());
+}
+
+} // namespace
+
+class QtTTSPlayerTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        const auto state = qEnvironmentVariable("RAVLET_PULSE_STATE");
+        if (const auto missing = stateValue(state, "MISSING"); !missing.isEmpty())
+            GTEST_SKIP() << "the private sound server needs " << missing.toStdString();
+        for (const auto& tool : {u"espeak-ng"_s, u"gst-launch-1.0"_s, u"pactl"_s}) {
+            if (QStandardPaths::findExecutable(tool).isEmpty())
+                GTEST_SKIP() << tool.toStdString()
+                             << " is not installed (scripts/install-deps.sh installs it)";
+        }
+        // This process, GStreamer's plugin cache and the tools use the server's scratch folder,
+        // never the real home, and play to no other server.
+        qputenv("PULSE_SERVER", stateValue(state, "PULSE_SERVER").toUtf8());
+        const std::pair<const char*, const char*> folders[] = {{"HOME", "/home"},
+                                                               {"XDG_CONFIG_HOME", "/config"},
+                                                               {"XDG_CACHE_HOME", "/cache"},
+                                                               {"XDG_RUNTIME_DIR", "/runtime"},
+                                                               {"PULSE_RUNTIME_PATH", "/runtime"}};
+        for (const auto& [name, folder] : folders)
+            qputenv(name, QFile::encodeName(stateValue(state, "SCRATCH") + QLatin1String(folder)));
+
+        ASSERT_TRUE(dir.isValid());
+        wav = dir.filePath(u"question.wav"_s);
+        mp3 = dir.filePath(u"question.mp3"_s);
+        run(u"espeak-ng"_s, {u"-w"_s, wav, sentence});
+        run(u"gst-launch-1.0"_s, {u"-q"_s, u"filesrc"_s, u"location="_s + wav, u"!"_s,
+                                  u"wavparse"_s, u"!"_s, u"audioconvert"_s, u"!"_s, u"lamemp3enc"_s,
+                                  u"!"_s, u"filesink"_s, u"location="_s + mp3});
+    }
+
+    static QByteArray read(const QString& path)
+    {
+        QFile file(path);
+        EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << path.toStdString();
+        return file.readAll();
+    }
+    // espeak-ng writes 22,050 Hz 16-bit mono after a 44-byte header.
+    double speechSeconds() const { return double(read(wav).size() - 44) / (22'050 * 2); }
+
+    QTemporaryDir dir;
+    QString wav;
+    QString mp3;
+    SystemClock clock;
+};
+
+TEST_F(QtTTSPlayerTest, PlaysWavAndMp3ToTheEnd)
+{
+    const double seconds = speechSeconds();
+    ASSERT_GT(seconds, 2.0);
+    for (const auto& path : {wav, mp3}) {
+        SCOPED_TRACE(path.toStdString());
+        QtTTSPlayer player(clock);
+        double peak = 0;
+        QObject::connect(&player, &TTSPlayer::levelChanged,
+                         [&] { peak = std::max(peak, player.level()); });
+        // Half a second in, the sound server has our stream.
+        QString streams;
+        QTimer::singleShot(500, [&] {
+            streams = run(u"pactl"_s, {u"list"_s, u"short"_s, u"sink-inputs"_s});
+        });
+
+        QElapsedTimer elapsed;
+        elapsed.start();
+        awaitTask(player.play(read(path)), playDeadlineMs);
+        // Played in real time to the end, not cut short (the server's buffer makes the last
+        // part end early by its latency).
+        EXPECT_GE(elapsed.elapsed(), qint64(seconds * 1000 * 0.8));
+        EXPECT_FALSE(streams.trimmed().isEmpty());
+        EXPECT_GT(peak, 0.3);
+        EXPECT_EQ(player.level(), 0.0);
+        EXPECT_FALSE(player.isPlaying());
+    }
+}
+
+TEST_F(QtTTSPlayerTest, NotAudioEndsAtOnce)
+{
+    QtTTSPlayer player(clock);
+    QSignalSpy playing(&player, &TTSPlayer::isPlayingChanged);
+    for (const QByteArray& bytes : {QByteArray("this is no audio at all, only text"), QByteArray()})
+        awaitTask(player.play(bytes), 5'000);
+    EXPECT_EQ(playing.count(), 0);
+    EXPECT_FALSE(player.isPlaying());
+}
+
+TEST_F(QtTTSPlayerTest, PlayWhilePlayingEndsTheFirst)
+{
+    QtTTSPlayer player(clock);
+    auto first = TaskHandle::run([&](const CancellationToken&) { return player.play(read(wav)); });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return player.isPlaying(); }, playDeadlineMs));
+    auto second = TaskHandle::run([&](const CancellationToken&) { return player.play(read(mp3)); });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return first.isFinished(); }, playDeadlineMs));
+    EXPECT_FALSE(second.isFinished());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return player.isPlaying(); }, playDeadlineMs));
+    player.stop();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return second.isFinished(); }, 1'000));
+    EXPECT_FALSE(player.isPlaying());
+}
+
+TEST(QtCameraServiceTest, NoCameraIsReportedAndStopsNothing)
+{
+    if (!QMediaDevices::videoInputs().isEmpty())
+        GTEST_SKIP() << "this machine has a camera";
+    QtCameraService camera;
+    EXPECT_TRUE(awaitTask(camera.requestAccess()));
+    try {
+        camera.start();
+        ADD_FAILURE() << "a start without a camera succeeded";
+    } catch (const CameraError& error) {
+        EXPECT_EQ(error.kind(), CameraError::Kind::noDevice);
+        EXPECT_EQ(error.description(), u"No camera device available"_s);
+    }
+    EXPECT_TRUE(camera.hasFailed());
+    EXPECT_FALSE(camera.isRunning());
+    camera.stop();
+}
