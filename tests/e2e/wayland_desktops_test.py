@@ -316,6 +316,7 @@ def run_sway(args, desktop):
     program, server = sign_in_and_start(desktop, args, ui)
     log = open(os.path.join(desktop.scratch, "program.log")).read()
     check("Wayland session (sway); windows through XWayland" in log, "it logs the Wayland session it found")
+    hint_names(ui, "sway", command_trigger(program))
 
     desktop.spawn(["foot", "--app-id", "video-call", "sleep", "3600"], log="foot.log")
     require(wait_until(lambda: desktop.focused() == ("xdg_shell", "video-call"), 15),
@@ -323,6 +324,7 @@ def run_sway(args, desktop):
     desktop.screenshot(os.path.join(shots, "sway-01-recording.png"))
 
     answers_by_chord(desktop, ui, server, "sway")
+    button_names(ui, "sway", command_trigger(program))
     check(desktop.focused() == ("xdg_shell", "video-call"), "the native window kept the focus", desktop.focused)
     executable = os.path.realpath(program.executable)
     check(list(product.processes(executable)) == [program.process.pid], "no second process stays",
@@ -340,6 +342,8 @@ def run_kwin(args, desktop):
     check(wait_until(lambda: "desktop shortcut trigger is" in log(), 20),
           "the portal binds the trigger", lambda: log()[-1500:])
     print([line for line in log().splitlines() if "shortcut" in line])
+    chord = bound_trigger(log())
+    hint_names(ui, "KWin", chord)
 
     # The call in a browser, as a native Wayland window (foot, the terminal, dies on KWin's
     # virtual output, which has no physical size).
@@ -355,6 +359,7 @@ def run_kwin(args, desktop):
     desktop.screenshot(os.path.join(shots, "kwin-01-recording.png"))
 
     answers_by_chord(desktop, ui, server, "KWin")
+    button_names(ui, "KWin", chord)
     # What a screen share shows: the whole screen holds the overlay; the call's window alone
     # (a share of one window) does not.
     desktop.screenshot(os.path.join(shots, "kwin-02-answers-whole-screen.png"))
@@ -373,6 +378,49 @@ def run_kwin(args, desktop):
     executable = os.path.realpath(program.executable)
     check(list(product.processes(executable)) == [program.process.pid], "no second process stays",
           product.processes(executable))
+    keybinds_page_names(desktop, ui, program, chord, os.path.join(shots, "kwin-04-keybinds.png"))
+
+
+# What the overlay and the Keybinds page call the trigger in a session whose keys other programs
+# keep: the chord the desktop bound, or the user's key for our command; never the key of the
+# settings, which works only in our own windows there.
+
+def bound_trigger(log):
+    """The chord the desktop's portal reports for the trigger, from the program's log."""
+    marker = "desktop shortcut trigger is "
+    lines = [line.split(marker, 1)[1].strip() for line in log.splitlines() if marker in line]
+    return lines[-1] if lines else None
+
+
+def command_trigger(program):
+    return "your key for \u201c%s --trigger\u201d" % os.path.basename(os.path.realpath(program.executable))
+
+
+def hint_names(ui, compositor, name):
+    """Before the first line, the overlay's hint names `name`."""
+    hint = f"Press {name} to trigger AI after interviewer speaks"
+    check(wait_until(lambda: ui.has_label(OVERLAY, hint), 10) is not None,
+          f"{compositor}: the overlay's hint names {name}", lambda: ui.labels(OVERLAY))
+    check(not any("Right Shift" in label for label in ui.labels(OVERLAY)),
+          f"{compositor}: the overlay does not name Right Shift", lambda: ui.labels(OVERLAY))
+
+
+def button_names(ui, compositor, name):
+    """With a question in, the label beside the AI button names `name` too."""
+    check(wait_until(lambda: ui.has_label(OVERLAY, name), 15) is not None,
+          f"{compositor}: the AI button's key label names {name}", lambda: ui.labels(OVERLAY))
+
+
+def keybinds_page_names(desktop, ui, program, chord, shot):
+    """The dashboard's Keybinds page, opened by accessible names, names the bound chord."""
+    check(program.run_again() == 0 and wait_until(lambda: desktop.is_viewable(whole.DASHBOARD), 15),
+          "KWin: a start with no address brings the dashboard")
+    ui.press(whole.DASHBOARD, "Keybinds", role="list item")
+    bound = f"Bound by your desktop: {chord}"
+    check(wait_until(lambda: ui.find(whole.DASHBOARD, "label", bound), 10) is not None,
+          f"KWin: the Keybinds page says {bound!r}", lambda: ui.dump(whole.DASHBOARD))
+    time.sleep(0.5)  # the page's entrance, for the picture
+    desktop.screenshot(shot)
 
 
 def run_as_unprivileged(args):
