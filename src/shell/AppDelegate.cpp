@@ -12,6 +12,7 @@
 #include "OverlayViewModel.h"
 #include "ResumeCount.h"
 #include "TelemetryClient.h"
+#include "TriggerName.h"
 #include "UpdateService.h"
 #include "UserSettings.h"
 #include "WelcomeViewModel.h"
@@ -37,6 +38,8 @@ AppDelegate::AppDelegate(Environment environment, QObject* parent)
     m_updateService = std::make_unique<UpdateService>(m_env.backendOrigin, m_env.version, m_env.clock,
         m_env.installation, m_env.packageOpener, UpdateService::Paths::standard(), m_env.network);
     connect(m_updateService.get(), &UpdateService::terminationRequested, this, &AppDelegate::quit);
+    m_triggerName = std::make_unique<TriggerName>(TriggerName::Services{*m_userSettings, m_env.strings,
+        &m_env.keysRight, m_env.shortcutPortal, QCoreApplication::applicationFilePath()});
 }
 
 AppDelegate::~AppDelegate()
@@ -83,10 +86,10 @@ QCoro::Task<> AppDelegate::applicationDidFinishLaunching()
         {*m_interviewViewModel, *m_userSettings, m_env.strings, m_env.audioRights, m_env.keysRight,
          m_env.openSoundSettings}, m_env.version, m_env.build, m_telemetry.get(),
         {*m_userSettings, m_env.strings, m_env.clock, m_env.keySource, QCoreApplication::applicationFilePath(), m_env.shortcutPortal,
-          m_env.gnomeShortcuts}});
+          m_env.gnomeShortcuts, m_triggerName.get()}});
     m_overlay = std::make_unique<OverlayViewModel>(
         OverlayViewModel::Services{*m_interviewViewModel, *m_userSettings, m_env.strings, m_env.notifications,
-                                   m_env.clock, ResumeCount::through(m_apiClient.get())});
+                                   m_env.clock, ResumeCount::through(m_apiClient.get()), m_triggerName.get()});
 
     // Every window is made now, so that a first "showDashboard" finds its page.
     m_env.windows.createMenuBarItem(*m_menuBar);
@@ -123,15 +126,12 @@ void AppDelegate::addObservers()
 {
     auto& center = m_env.notifications;
     center.addObserver(Notifications::userDidLogout, this, [this](const Notification&) { handleLogout(); });
-    center.addObserver(Notifications::showDashboard, this,
-                       [this](const Notification& n) { handleShowDashboard(n); });
+    center.addObserver(Notifications::showDashboard, this, [this](const Notification& n) { handleShowDashboard(n); });
     center.addObserver(Notifications::toggleOverlay, this, [this](const Notification&) { handleToggleOverlay(); });
     center.addObserver(Notifications::triggerAI, this, [this](const Notification&) { handleTriggerAI(); });
     center.addObserver(Notifications::startOAuthLogin, this, [this](const Notification&) { handleStartOAuthLogin(); });
-    center.addObserver(Notifications::apiRequestFailed, this,
-                       [this](const Notification& n) { handleApiRequestFailed(n); });
-    center.addObserver(Notifications::startMockInterview, this,
-                       [this](const Notification& n) { handleStartMockInterview(n); });
+    center.addObserver(Notifications::apiRequestFailed, this, [this](const Notification& n) { handleApiRequestFailed(n); });
+    center.addObserver(Notifications::startMockInterview, this, [this](const Notification& n) { handleStartMockInterview(n); });
     center.addObserver(Notifications::aiTriggerKeyChanged, this,
                        [this](const Notification&) { m_env.keyMonitors.installKeyMonitors(); });
 }

@@ -29,6 +29,7 @@ class OverlayViewModel;
 class PreferencesStore;
 class QNetworkAccessManager;
 class TelemetryClient;
+class TriggerName;
 class PackageOpener;
 class UpdateService;
 class UserSettings;
@@ -133,6 +134,8 @@ private:
     std::unique_ptr<InterviewViewModel> m_interviewViewModel;
     std::unique_ptr<AuthViewModel> m_authViewModel;
     std::unique_ptr<UpdateService> m_updateService;
+    // Named by the overlay and the Keybinds page alike, so it outlives both.
+    std::unique_ptr<TriggerName> m_triggerName;
     // Made at launch.
     std::unique_ptr<APIClient> m_apiClient;
     std::unique_ptr<WelcomeViewModel> m_welcome;

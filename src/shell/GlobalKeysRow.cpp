@@ -15,3 +15,17 @@ GlobalKeysRow GlobalKeysRow::forRoute(GlobalKeysRoute route)
     }
     return {};
 }
+
+void GlobalKeysRow::openSettings(GlobalKeysRoute route, GlobalKeysRight& right, const std::function<void()>& showCommands)
+{
+    switch (route) {
+    case GlobalKeysRoute::seen:
+        return;
+    case GlobalKeysRoute::desktopShortcuts:
+        right.openDesktopShortcuts();
+        return;
+    case GlobalKeysRoute::keyboardSettings:
+        showCommands();
+        return;
+    }
+}

@@ -17,7 +17,7 @@ import argparse, json, os, re, shutil, subprocess, sys, time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import product  # noqa: E402
-from product import OVERLAY, check, require, wait_until  # noqa: E402
+from product import DASHBOARD, OVERLAY, check, require, wait_until  # noqa: E402
 from whole_product_test import QUESTIONS, counter, shows_draft, transcript_rows  # noqa: E402
 
 # sway will not run as root; the whole run then goes to this user (nobody).
@@ -70,6 +70,12 @@ class SwayDesktop(product.Desktop):
         return json.loads(result.stdout) if result.returncode == 0 else {}
 
     def signed_in(self, log):
+        pass
+
+    def trigger_name(self, log, program):
+        return command_trigger(program)
+
+    def keybinds_page(self, ui, program, chord, shots):
         pass
 
     def open_call(self):
@@ -217,6 +223,12 @@ class KWinDesktop(product.Desktop):
               "the portal binds the trigger", lambda: log()[-1500:])
         print([line for line in log().splitlines() if "shortcut" in line])
 
+    def trigger_name(self, log, program):
+        return bound_trigger(log())
+
+    def keybinds_page(self, ui, program, chord, shots):
+        keybinds_page_names(self, ui, program, chord, os.path.join(shots, "kwin-04-keybinds.png"))
+
     def open_call(self):
         # The call in a browser, as a native Wayland window (foot, the terminal, dies on KWin's
         # virtual output, which has no physical size).
@@ -310,6 +322,8 @@ def run(args, desktop):
     check(f"Wayland session ({desktop.session}); windows through XWayland" in log(),
           "it logs the Wayland session it found")
     desktop.signed_in(log)
+    chord = desktop.trigger_name(log, program)
+    hint_names(ui, name, chord)
 
     desktop.open_call()
     desktop.screenshot(os.path.join(shots, f"{name.lower()}-01-recording.png"))
@@ -328,11 +342,55 @@ def run(args, desktop):
     check(wait_until(lambda: counter(ui) == "1/2", 10) is not None,
           f"{name}: the previous-answer chord pages back", lambda: counter(ui))
 
+    button_names(ui, name, chord)
     desktop.answered(shots)
     check(desktop.call_focused(), "the native window kept the focus", desktop.focus)
     executable = os.path.realpath(program.executable)
     check(list(product.processes(executable)) == [program.process.pid], "no second process stays",
           lambda: product.processes(executable))
+    desktop.keybinds_page(ui, program, chord, shots)
+
+
+# What the overlay and the Keybinds page call the trigger in a session whose keys other programs
+# keep: the chord the desktop bound, or the user's key for our command; never the key of the
+# settings, which works only in our own windows there.
+
+def bound_trigger(log):
+    """The chord the desktop's portal reports for the trigger, from the program's log."""
+    marker = "desktop shortcut trigger is "
+    lines = [line.split(marker, 1)[1].strip() for line in log.splitlines() if marker in line]
+    return lines[-1] if lines else None
+
+
+def command_trigger(program):
+    return "your key for \u201c%s --trigger\u201d" % os.path.basename(os.path.realpath(program.executable))
+
+
+def hint_names(ui, compositor, name):
+    """Before the first line, the overlay's hint names `name`."""
+    hint = f"Press {name} to trigger AI after interviewer speaks"
+    check(wait_until(lambda: ui.has_label(OVERLAY, hint), 10) is not None,
+          f"{compositor}: the overlay's hint names {name}", lambda: ui.labels(OVERLAY))
+    check(not any("Right Shift" in label for label in ui.labels(OVERLAY)),
+          f"{compositor}: the overlay does not name Right Shift", lambda: ui.labels(OVERLAY))
+
+
+def button_names(ui, compositor, name):
+    """With a question in, the label beside the AI button names `name` too."""
+    check(wait_until(lambda: ui.has_label(OVERLAY, name), 15) is not None,
+          f"{compositor}: the AI button's key label names {name}", lambda: ui.labels(OVERLAY))
+
+
+def keybinds_page_names(desktop, ui, program, chord, shot):
+    """The dashboard's Keybinds page, opened by accessible names, names the bound chord."""
+    check(program.run_again() == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 15),
+          "KWin: a start with no address brings the dashboard")
+    ui.press(DASHBOARD, "Keybinds", role="list item")
+    bound = f"Bound by your desktop: {chord}"
+    check(wait_until(lambda: ui.find(DASHBOARD, "label", bound), 10) is not None,
+          f"KWin: the Keybinds page says {bound!r}", lambda: ui.dump(DASHBOARD))
+    time.sleep(0.5)  # the page's entrance, for the picture
+    desktop.screenshot(shot)
 
 
 def run_as_unprivileged(args):

@@ -173,4 +173,68 @@ TEST(KeybindsPageSettleTest, TheTestShowsItsSuccessForTwoSecondsFromTheFirstPres
     EXPECT_EQ(p.page.statusKey(), QString());
 }
 
+// The desktop's shortcut portal as the page reads it: a map of bound chords and its change.
+class BoundChords : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(QVariantMap boundTriggers MEMBER m_bound NOTIFY stateChanged)
+
+public:
+    void bind(const QString& chord)
+    {
+        m_bound = chord.isEmpty() ? QVariantMap{} : QVariantMap{{u"trigger"_s, chord}};
+        Q_EMIT stateChanged();
+    }
+
+Q_SIGNALS:
+    void stateChanged();
+
+private:
+    QVariantMap m_bound;
+};
+
+class Route final : public GlobalKeysRight {
+public:
+    explicit Route(GlobalKeysRoute route) : m_route(route) {}
+    bool granted() override { return m_route == GlobalKeysRoute::seen; }
+    GlobalKeysRoute route() override { return m_route; }
+
+private:
+    GlobalKeysRoute m_route;
+};
+
+// Where the desktop binds shortcuts for us, the trigger is named by the chord it bound, anew on
+// each binding, and the page's bound-chord line follows; the Wayland runs see the rest.
+TEST(TriggerNameTest, NamesTheChordTheDesktopBoundOrElseTheCommand)
+{
+    PreferencesStore store;
+    NotificationCenter notifications;
+    UserSettings settings{store, notifications};
+    AppStrings strings{QStringList{u"en"_s}};
+    ManualClock clock;
+    const auto program = u"/opt/Ravlet AI/bin/ravletai"_s;
+
+    // The key of the settings works only in our own windows there: before a binding, the
+    // command is named.
+    Route portalRoute(GlobalKeysRoute::desktopShortcuts);
+    BoundChords portal;
+    TriggerName onPortal({settings, strings, &portalRoute, &portal, program});
+    KeybindsPageViewModel page{{settings, strings, clock, nullptr, program, &portal, nullptr, &onPortal}};
+    int named = 0, pageNamed = 0;
+    QObject::connect(&onPortal, &TriggerName::changed, [&] { ++named; });
+    QObject::connect(&page, &KeybindsPageViewModel::boundChordsChanged, [&] { ++pageNamed; });
+    EXPECT_EQ(onPortal.text(), u"your key for “ravletai --trigger”"_s);
+    EXPECT_EQ(page.boundTriggerText(), QString());
+    portal.bind(u"Ctrl+Alt+\\"_s);
+    EXPECT_EQ(onPortal.text(), u"Ctrl+Alt+\\"_s);
+    EXPECT_EQ(page.boundTriggerText(), u"Bound by your desktop: Ctrl+Alt+\\"_s);
+    portal.bind(u"Meta+F8"_s);
+    EXPECT_EQ(onPortal.text(), u"Meta+F8"_s);
+    EXPECT_EQ(named, 2) << "each new binding is told";
+    EXPECT_GE(pageNamed, 2);
+    portal.bind({}); // refused
+    EXPECT_EQ(onPortal.text(), u"your key for “ravletai --trigger”"_s);
+}
+
 } // namespace
+
+#include "KeybindsPageTest.moc"

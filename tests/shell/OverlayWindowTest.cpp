@@ -272,6 +272,48 @@ TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTa
     }
 }
 
+// The transcript follows the newest line even while an earlier question is selected: moving
+// the selection brings that question into view, and the next line brings the view back down.
+TEST_F(OverlayWindowTest, NewLinesScrollTheTranscriptToTheEndWhileAQuestionIsSelected)
+{
+    ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
+    h.start();
+    // The overlay keeps the newest five lines; these wrap, so they overflow the upper area by far.
+    const QString longer = u" Walk me through how you would design it, what you would measure and what"
+                           u" you would change first if the numbers disappointed you."_s;
+    for (int i = 1; i <= 7; ++i)
+        line(Speaker::interviewer, u"Question number %1?"_s.arg(i) + longer + longer);
+    QQuickItem* list = nullptr; // shown once it has lines
+    const QString name = h.strings.text(u"overlay.transcript"_s);
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return (list = DisplayFixture::findByAccessibleName(window, name)) != nullptr; }, 5000));
+    const auto at = [&](const char* property) { return list->property(property).toReal(); };
+    // The newest row in full view (the list's bottom padding may stay below it).
+    const auto atEnd = [&] {
+        return at("contentY") + list->height() + 0.5 >= at("originY") + at("contentHeight");
+    };
+    const auto where = [&] {
+        return "count " + std::to_string(list->property("count").toInt()) + ", contentY "
+               + std::to_string(at("contentY")) + " of " + std::to_string(at("contentHeight"))
+               + " from " + std::to_string(at("originY")) + ", height " + std::to_string(list->height());
+    };
+    ASSERT_TRUE(QTest::qWaitFor([&] { return list->property("count").toInt() == 5 && atEnd(); }, 5000))
+        << where();
+    ASSERT_GT(at("contentHeight"), 2 * list->height()) << "the list must overflow";
+
+    for (int i = 0; i < 4; ++i)
+        h.vm.selectPreviousTranscript();
+    ASSERT_EQ(h.vm.selectedTranscriptIndex(), std::optional(1));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !list->property("moving").toBool() && !atEnd(); }, 5000))
+        << "the selected question is brought into view";
+    const qreal selectedAt = at("contentY");
+
+    line(Speaker::interviewer, u"A question after the selection?"_s);
+    EXPECT_TRUE(QTest::qWaitFor(atEnd, 5000)) << where() << "; at the selection " << selectedAt;
+    EXPECT_GT(at("contentY"), selectedAt);
+    EXPECT_TRUE(h.vm.selectedTranscriptIndex()) << "a question is still selected";
+}
+
 struct Sample {
     const char* language;
     const char16_t* question;

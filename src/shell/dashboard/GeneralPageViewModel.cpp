@@ -95,14 +95,5 @@ void GeneralPageViewModel::openSystemAudioSettings()
 
 void GeneralPageViewModel::openKeysSettings()
 {
-    switch (m_keysRoute) {
-    case GlobalKeysRoute::seen:
-        return;
-    case GlobalKeysRoute::desktopShortcuts:
-        m_services.keysRight.openDesktopShortcuts();
-        return;
-    case GlobalKeysRoute::keyboardSettings:
-        Q_EMIT keybindsRequested();
-        return;
-    }
+    GlobalKeysRow::openSettings(m_keysRoute, m_services.keysRight, [this] { Q_EMIT keybindsRequested(); });
 }

@@ -54,6 +54,8 @@ KeybindsPageViewModel::KeybindsPageViewModel(Services services, QObject* parent)
         connect(m_portal, SIGNAL(stateChanged()), this, SIGNAL(boundChordsChanged()));
         connect(m_portal, SIGNAL(activated(QString)), this, SLOT(portalActivated(QString)));
     }
+    if (m_services.triggerName)
+        connect(m_services.triggerName, &TriggerName::changed, this, &KeybindsPageViewModel::boundChordsChanged);
 }
 
 KeybindsPageViewModel::~KeybindsPageViewModel()
@@ -95,7 +97,7 @@ QVariantMap KeybindsPageViewModel::boundChords() const
 
 QString KeybindsPageViewModel::boundTriggerText() const
 {
-    const auto chord = boundChords().value(u"trigger"_s).toString();
+    const auto chord = m_services.triggerName ? m_services.triggerName->boundChord() : QString();
     return chord.isEmpty() ? QString() : m_services.strings.format(u"keybinds.bound_chord"_s, {chord});
 }
 

@@ -4,6 +4,7 @@
 #include "Clock.h"
 #include "KeySource.h"
 #include "OverlayKeys.h"
+#include "TriggerName.h"
 #include "UserSettings.h"
 
 #include <QObject>
@@ -52,6 +53,8 @@ public:
         QObject* shortcutPortal = nullptr;
         // Adds the commands to GNOME's own shortcuts ("available", "added", add()).
         QObject* gnomeShortcuts = nullptr;
+        // Names the trigger as it works in other programs; none: the page names no chord.
+        TriggerName* triggerName = nullptr;
     };
 
     static constexpr qint64 testSuccessShownMs = 2000;

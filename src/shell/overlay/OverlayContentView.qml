@@ -272,13 +272,24 @@ Item {
             }
 
             // A new or changed line brings the newest into view, even while a question is
-            // selected; moving the selection brings the selected question into view.
-            function showNewest() { positionViewAtEnd(); }
+            // selected; moving the selection brings the selected question into view. Rows
+            // settle their height only after they are laid out (their text wraps), so the list
+            // keeps to its end while it follows the newest, until the user or the selection
+            // moves it.
+            property bool followsNewest: true
+            function showNewest() {
+                followsNewest = true
+                positionViewAtEnd()
+            }
             function showSelected() {
+                followsNewest = false
                 if (view.overlay.transcriptRows.selectedRow >= 0)
                     positionViewAtIndex(view.overlay.transcriptRows.selectedRow, ListView.Contain);
             }
             onCountChanged: Qt.callLater(showNewest)
+            onContentHeightChanged: if (followsNewest) Qt.callLater(showNewest)
+            onOriginYChanged: if (followsNewest) Qt.callLater(showNewest)
+            onMovementStarted: followsNewest = false
             Connections {
                 target: view.overlay.transcriptRows
                 function onDataChanged() { Qt.callLater(transcript.showNewest) }

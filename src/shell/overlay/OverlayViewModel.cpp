@@ -6,6 +6,7 @@
 #include "NotificationCenter.h"
 #include "StatusStyle.h"
 #include "TranscriptRowsModel.h"
+#include "TriggerName.h"
 #include "UserSettings.h"
 
 #include <QQmlEngine>
@@ -45,6 +46,10 @@ OverlayViewModel::OverlayViewModel(Services services, QObject* parent)
     connect(&settings, &UserSettings::autoTriggerAIAnswersChanged, this, &OverlayViewModel::hintChanged);
     connect(&settings, &UserSettings::aiTriggerKeyChanged, this, &OverlayViewModel::hintChanged);
     connect(&settings, &UserSettings::aiTriggerKeyChanged, this, &OverlayViewModel::triggerKeyChanged);
+    if (auto* name = m_services.triggerName) {
+        connect(name, &TriggerName::changed, this, &OverlayViewModel::hintChanged);
+        connect(name, &TriggerName::changed, this, &OverlayViewModel::triggerKeyChanged);
+    }
     connect(m_rows.get(), &QAbstractItemModel::rowsInserted, this, &OverlayViewModel::hintChanged);
     connect(m_rows.get(), &QAbstractItemModel::rowsRemoved, this, &OverlayViewModel::hintChanged);
     connect(m_rows.get(), &QAbstractItemModel::modelReset, this, &OverlayViewModel::hintChanged);
@@ -199,6 +204,8 @@ double OverlayViewModel::panelOpacity() const
 
 QString OverlayViewModel::triggerKeyName() const
 {
+    if (m_services.triggerName)
+        return m_services.triggerName->text();
     return m_services.settings.aiTriggerKey().displayName;
 }
 

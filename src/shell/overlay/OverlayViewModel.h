@@ -20,6 +20,7 @@
 
 class Clock;
 class NotificationCenter;
+class TriggerName;
 
 // What the overlay shows, worked out from the interview, the settings and the strings; the
 // overlay's QML draws it and hands clicks and drags back here. Its only state of its own is the
@@ -82,6 +83,8 @@ public:
         Clock& clock;
         // Empty while there is no client for the backend.
         ResumeCounter countResumes;
+        // None: the trigger is named by the key of the settings.
+        TriggerName* triggerName = nullptr;
     };
 
     explicit OverlayViewModel(Services services, QObject* parent = nullptr);
@@ -113,6 +116,8 @@ public:
     bool hasNextAnswer() const;
     // Whether an answer can be asked for now, which the AI button shows.
     bool canTrigger() const;
+    // What the user presses in other programs for an answer: the key, the chord the desktop
+    // bound, or the key bound to our command.
     QString triggerKeyName() const;
     double dividerRatio() const { return m_dividerRatio; }
     double areasHeight() const { return m_areasHeight; }

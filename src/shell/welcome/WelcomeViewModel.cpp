@@ -127,15 +127,8 @@ void WelcomeViewModel::allowMicrophone()
 
 void WelcomeViewModel::openKeysSettings()
 {
-    switch (m_keysRoute) {
-    case GlobalKeysRoute::seen:
-        return;
-    case GlobalKeysRoute::desktopShortcuts:
-        m_services.keysRight.openDesktopShortcuts();
-        return;
-    case GlobalKeysRoute::keyboardSettings:
-        // The Keybinds page lists the commands to bind.
+    // The Keybinds page lists the commands to bind.
+    GlobalKeysRow::openSettings(m_keysRoute, m_services.keysRight, [this] {
         m_services.notifications.post(Notifications::showDashboard, {}, {{u"page"_s, u"keybinds"_s}});
-        return;
-    }
+    });
 }
