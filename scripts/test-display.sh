@@ -48,15 +48,21 @@ start() {
     xvfb_pid=""
     tray_pid=""
     trap 'start_failed' ERR
-    # Display numbers from 100 up: a compositor's Xwayland probes from 0, and one that probes
-    # while Xvfb has its sockets but not yet its lock file takes the number over and, leaving,
-    # deletes Xvfb's socket. Two of our own servers on one number are kept apart by Xvfb's
-    # lock: the second exits and the next number is tried. -displayfd says when it is ready.
+    # Display numbers from 100 up: a compositor's Xwayland probes from 0. An X server binds its
+    # socket (removing the file of one already there) before it checks the number's lock, so
+    # two starting on one number leave the first without its socket: every checkout on this
+    # machine picks its number under one lock, and only a number with neither lock nor socket.
+    # -displayfd says when the server is ready.
+    exec 9>>"${TMPDIR:-/tmp}/ravlet-test-display.lock"
+    flock 9
     local number waited
     for number in $(seq 100 299); do
+        if [ -e "/tmp/.X$number-lock" ] || [ -e "/tmp/.X11-unix/X$number" ]; then
+            continue
+        fi
         : >"$scratch/display"
         Xvfb ":$number" -displayfd 3 -screen 0 1280x800x24 -nolisten tcp 3>"$scratch/display" \
-            </dev/null >"$scratch/xvfb.log" 2>&1 &
+            9>&- </dev/null >"$scratch/xvfb.log" 2>&1 &
         xvfb_pid=$!
         waited=0
         until [ -s "$scratch/display" ] || ! kill -0 "$xvfb_pid" 2>/dev/null \
@@ -73,6 +79,7 @@ start() {
         wait "$xvfb_pid" 2>/dev/null || true
         xvfb_pid=""
     done
+    exec 9>&-
     if [ -z "$xvfb_pid" ]; then
         echo "test-display: no free display number from 100 to 299" >&2
         cat "$scratch/xvfb.log" >&2 || true

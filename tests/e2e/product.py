@@ -181,7 +181,9 @@ class Desktop:
         self.spawn(["openbox", "--sm-disable"], log="openbox.log")
         # Generous, as for Xvfb: a loaded machine under the sanitizers took more than 10 s.
         if not wait_until(lambda: self.xprop_root("_NET_SUPPORTING_WM_CHECK"), 30):
-            raise RuntimeError("openbox did not start")
+            logs = [os.path.join(self.scratch, "openbox.log"), os.path.join(display["SCRATCH"], "xvfb.log")]
+            raise RuntimeError("openbox did not start on %s: %s" % (display["DISPLAY"], " | ".join(
+                open(path, errors="replace").read().strip() for path in logs if os.path.exists(path))))
         self.start_services()
         self.share_session()
 
@@ -446,6 +448,11 @@ class Accessible:
 
     def selected(self, node):
         return node.getState().contains(self.pyatspi.STATE_SELECTED)
+
+    def shows_label(self, title, name):
+        """A label of that name that is on screen: hidden items stay in the tree."""
+        node = self.find(title, "label", name)
+        return node is not None and node.getState().contains(self.pyatspi.STATE_SHOWING)
 
     def has_label(self, title, name):
         return name in self.labels(title)

@@ -15,6 +15,7 @@ from product import DASHBOARD, OVERLAY, WELCOME, check, require, wait_until  # n
 QUESTIONS = ["Tell me about a time when you solved a difficult problem at work.",
              "Why do you want to work for our company?"]
 INTRODUCTION = "Tell me about yourself."
+RESUME_TIP = "Upload your resume for more accurate AI answers"
 USER_ANSWER = "I rebuilt the billing service and the number of failed payments went down."
 RESUME = ["Jordan Avery, Berlin", "Senior Backend Engineer, Northwind Payments, 2021 - 2026",
           "Moved card settlement onto an event queue, cutting failed payouts by 38%."]
@@ -136,6 +137,7 @@ def documents_scene(desktop, program, server, ui, call, shot):
     resume_pdf(pdf, RESUME)
     require(program.run_again() == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 10),
             "a start from the application menu shows the dashboard")
+    check(ui.shows_label(OVERLAY, RESUME_TIP), "the overlay asks for a resume")
     ui.press(DASHBOARD, "Resume", role="list item")
     ui.press(DASHBOARD, "Upload Resume")
     choose_file(desktop, ui, pdf)
@@ -150,6 +152,7 @@ def documents_scene(desktop, program, server, ui, call, shot):
     stored = server.query("SELECT filename, extracted_text FROM resumes")
     check(len(stored) == 1 and RESUME[2] in stored[0][1], "the server holds it with its text", stored)
     shot("resume-active")
+    check(wait_until(lambda: not ui.shows_label(OVERLAY, RESUME_TIP), 5), "the overlay's tip to upload a resume goes")
 
     ui.press(DASHBOARD, "Job Description", role="list item")
     ui.press(DASHBOARD, "Add JD")

@@ -46,6 +46,13 @@ OverlayViewModel::OverlayViewModel(Services services, QObject* parent)
     connect(&settings, &UserSettings::autoTriggerAIAnswersChanged, this, &OverlayViewModel::hintChanged);
     connect(&settings, &UserSettings::aiTriggerKeyChanged, this, &OverlayViewModel::hintChanged);
     connect(&settings, &UserSettings::aiTriggerKeyChanged, this, &OverlayViewModel::triggerKeyChanged);
+    // A resume made active answers the tip, which would otherwise stay until it is dismissed.
+    connect(&settings, &UserSettings::activeResumeIdChanged, this, [this] {
+        if (m_services.settings.activeResumeId()) {
+            m_resumeCheck.cancel();
+            dismissResumeTip();
+        }
+    });
     if (auto* name = m_services.triggerName) {
         connect(name, &TriggerName::changed, this, &OverlayViewModel::hintChanged);
         connect(name, &TriggerName::changed, this, &OverlayViewModel::triggerKeyChanged);
