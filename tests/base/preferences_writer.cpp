@@ -12,8 +12,9 @@ int main(int argc, char* argv[])
         return 2;
     JsonPreferencesStore store(QString::fromLocal8Bit(argv[1]));
     const QString filler(20'000, QLatin1Char('x'));
+    // The payload first: a file that has a counter has had a payload saved whole before it.
     for (qint64 i = 0;; ++i) {
-        store.setInteger(QStringLiteral("counter"), i);
         store.setString(QStringLiteral("payload"), filler + QString::number(i));
+        store.setInteger(QStringLiteral("counter"), i);
     }
 }
