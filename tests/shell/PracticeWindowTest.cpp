@@ -220,7 +220,10 @@ TEST_F(PracticeWindowTest, MeetingWindowFollowsTheSessionAndEndsOnce)
     ASSERT_TRUE(QTest::qWaitFor([&] { return ended.size() == 1; }, 5000));
     EXPECT_EQ(practice->session(), nullptr);
 
-    // A new session after the last; its window's close button ends it the same way, once.
+    // A new session after the last, whose portrait cannot be made: the tile says it is being
+    // made and the questions go on. Its window's close button ends it the same way, once.
+    backend.setRoute("GET", "/api/v1/mock-interview/avatar", FakeBackend::Response::json(204, ""));
+    backend.setRoute("POST", "/api/v1/mock-interview/avatar/generate", FakeBackend::Response::json(500, ""));
     QMetaObject::invokeMethod(startButton(), "clicked");
     ASSERT_EQ(windowsOpened, 2);
     QQuickWindow* second = nullptr;
@@ -231,6 +234,8 @@ TEST_F(PracticeWindowTest, MeetingWindowFollowsTheSessionAndEndsOnce)
         return second != nullptr;
     }, 3000));
     ASSERT_TRUE(waitOnClock([&] { return player && player->isPlaying(); }));
+    EXPECT_TRUE(shows(second, text("mock.avatar.generating")));
+    shoot(second, u"meeting-generating"_s);
     second->close();
     EXPECT_FALSE(practice->session());
     ASSERT_TRUE(QTest::qWaitFor([&] { return ended.size() == 2; }, 5000));
