@@ -23,6 +23,8 @@
 #include "NotificationCenter.h"
 #include "PopplerPdfTextExtractor.h"
 #include "PreferencesStore.h"
+#include "QtCameraService.h"
+#include "QtTTSPlayer.h"
 #include "PulseAudioRights.h"
 #include "PulseMicrophoneSource.h"
 #include "PulseSystemAudioSource.h"
@@ -185,6 +187,12 @@ int runRavletApplication(int argc, char* argv[], RavletApplicationOptions option
         &keySource,
         portal.get(),
         &gnomeShortcuts,
+        PracticeDevices{
+            [](Clock& clock) { return std::make_unique<QtTTSPlayer>(clock); },
+            [] { return std::make_unique<QtCameraService>(); },
+            [](CameraService& camera) -> QObject* { return static_cast<QtCameraService&>(camera).session(); },
+            [&windows](MockMeetingViewModel& meeting) { return windows.openPracticeWindow(meeting); },
+        },
     });
     QObject::connect(&instance, &SingleInstance::argumentsReceived, &delegate, &AppDelegate::handleLaunchArguments);
 

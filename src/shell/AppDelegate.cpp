@@ -6,7 +6,6 @@
 #include "DashboardViewModel.h"
 #include "InterviewAdapters.h"
 #include "LaunchArguments.h"
-#include "Log.h"
 #include "MenuBarViewModel.h"
 #include "NotificationCenter.h"
 #include "OverlayViewModel.h"
@@ -277,11 +276,12 @@ void AppDelegate::handleLaunchArguments(const QStringList& arguments)
 
 void AppDelegate::handleStartMockInterview(const Notification& notification)
 {
-    const auto resumeId = notification.userInfo.value(u"resumeId"_s);
-    const auto jobDescriptionId = notification.userInfo.value(u"jobDescriptionId"_s);
-    if (resumeId.typeId() != QMetaType::QString || jobDescriptionId.typeId() != QMetaType::QString || !m_apiClient)
+    if (!m_apiClient)
         return;
-    logLine(u"Mock", u"practice interviews are not available in this build");
+    if (!m_practice)
+        m_practice = std::make_unique<PracticeSessions>(m_env.practice, PracticeSessions::Services{*m_apiClient,
+            m_env.network, m_env.notifications, m_env.clock, m_interviewViewModel.get(), m_env.strings, m_telemetry.get()});
+    m_practice->start(notification.userInfo, m_userSettings->inputLanguage());
 }
 
 void AppDelegate::quit()

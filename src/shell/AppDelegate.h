@@ -2,6 +2,7 @@
 
 #include "InterviewViewModel.h"
 #include "OAuthService.h"
+#include "PracticeSessions.h"
 #include "ShellInterfaces.h"
 #include "TaskHandle.h"
 #include "UpdatePackage.h"
@@ -71,6 +72,7 @@ public:
         KeySource* keySource = nullptr;
         QObject* shortcutPortal = nullptr; // where the desktop binds our shortcuts
         QObject* gnomeShortcuts = nullptr; // adds our commands to GNOME's own shortcuts
+        PracticeDevices practice = {};     // none: practice sessions cannot start
     };
 
     explicit AppDelegate(Environment environment, QObject* parent = nullptr);
@@ -101,6 +103,8 @@ public:
     WelcomeViewModel* welcome() const { return m_welcome.get(); }
     MenuBarViewModel* menuBar() const { return m_menuBar.get(); }
     DashboardViewModel* dashboard() const { return m_dashboard.get(); }
+    // Made by the first practice start.
+    PracticeSessions* practice() const { return m_practice.get(); }
     // The last task this delegate started (tests wait for it).
     const TaskHandle& lastTask() const { return m_lastTask; }
 
@@ -142,5 +146,6 @@ private:
     std::unique_ptr<MenuBarViewModel> m_menuBar;
     std::unique_ptr<DashboardViewModel> m_dashboard;
     std::unique_ptr<OverlayViewModel> m_overlay;
+    std::unique_ptr<PracticeSessions> m_practice;
     TaskHandle m_lastTask;
 };

@@ -58,6 +58,10 @@ const QHash<QString, char32_t>& nameMap()
         {u"arrow.up.circle"_s, 0xF060},            // arrow-up-bold-circle-outline
         {u"arrow.down.circle"_s, 0xF048},          // arrow-down-bold-circle-outline
         {u"doc.on.doc"_s, 0xF18F},                 // content-copy
+        {u"play.fill"_s, 0xF40A},                  // play
+        {u"forward.fill"_s, 0xF211},               // fast-forward
+        {u"phone.down.fill"_s, 0xF3F5},            // phone-hangup
+        {u"arrow.triangle.2.circlepath"_s, 0xF450}, // refresh
     };
     return map;
 }

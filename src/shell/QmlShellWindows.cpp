@@ -1,5 +1,6 @@
 #include "QmlShellWindows.h"
 
+#include "MockMeetingViewModel.h"
 #include "TrayIcon.h"
 
 #include <QGuiApplication>
@@ -124,4 +125,36 @@ bool QmlShellWindows::isVisible(Panel panel) const
 QObject* QmlShellWindows::window(Panel panel) const
 {
     return quickWindow(panel);
+}
+
+namespace {
+
+class QmlPracticeWindow final : public PracticeWindow {
+public:
+    explicit QmlPracticeWindow(QQuickWindow* window) : m_window(window) {}
+    ~QmlPracticeWindow() override { delete m_window.data(); }
+
+    void raise() override
+    {
+        if (!m_window)
+            return;
+        m_window->show();
+        m_window->raise();
+        m_window->requestActivate();
+    }
+
+private:
+    QPointer<QQuickWindow> m_window;
+};
+
+} // namespace
+
+std::unique_ptr<PracticeWindow> QmlShellWindows::openPracticeWindow(MockMeetingViewModel& meeting)
+{
+    auto* window = m_factory.createWindow(u"MockMeetingWindow.qml"_s, u"meeting"_s, &meeting);
+    if (!window)
+        return nullptr;
+    auto practice = std::make_unique<QmlPracticeWindow>(window);
+    practice->raise();
+    return practice;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PracticeSessions.h"
 #include "QmlWindowFactory.h"
 #include "ShellInterfaces.h"
 
@@ -10,6 +11,7 @@
 #include <functional>
 #include <memory>
 
+class MockMeetingViewModel;
 class TrayIcon;
 
 // The windows as Qt Quick windows from the shell's QML module, and the tray item.
@@ -33,6 +35,8 @@ public:
     void destroyWindows() override;
 
     QQuickWindow* quickWindow(Panel panel) const;
+    // The meeting window of a practice session, shown and focused; null when it cannot be made.
+    std::unique_ptr<PracticeWindow> openPracticeWindow(MockMeetingViewModel& meeting);
     // What puts the panels on every workspace; the desktop's own code, handed over by the
     // entry point before the panels are made.
     void setAllWorkspaces(std::function<void(QWindow&)> pin) { m_pinToAllWorkspaces = std::move(pin); }

@@ -131,7 +131,8 @@ struct DelegateRig {
                 opened.append(url);
                 return true;
             },
-            [] { return false; }, [this] { shell.log.append(u"terminate"_s); }, nullptr, {}, nullptr, keySource});
+            [] { return false; }, [this] { shell.log.append(u"terminate"_s); }, nullptr, {}, nullptr, keySource,
+            nullptr, nullptr, practice});
         QObject::connect(&delegate->updateService(), &UpdateService::isCheckingChanged, [this] {
             if (delegate->updateService().isChecking())
                 shell.log.append(u"start update check"_s);
@@ -146,5 +147,6 @@ struct DelegateRig {
     std::function<QString()> crashLastState;
     QList<QUrl> opened;
     KeySource* keySource = nullptr; // what the keybinds page reads; none by default
+    PracticeDevices practice;       // none by default: practice sessions cannot start
     std::unique_ptr<AppDelegate> delegate;
 };

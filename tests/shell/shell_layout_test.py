@@ -5,7 +5,7 @@ import pathlib
 import re
 import sys
 
-SCREENS = {"overlay", "dashboard", "welcome", "tray", "models"}
+SCREENS = {"overlay", "dashboard", "welcome", "tray", "models", "practice"}
 DELEGATE_LIMIT = 300
 
 

@@ -22,11 +22,14 @@ DashboardViewModel::DashboardViewModel(Services services, QObject* parent)
                                                    m_services.telemetry))
     , m_jobDescriptions(std::make_unique<JobDescriptionsViewModel>(
           m_services.auth, m_services.general.settings, m_services.strings, m_services.telemetry))
+    , m_mockInterview(std::make_unique<MockInterviewPageViewModel>(*m_resumes, *m_jobDescriptions,
+                                                                   m_services.notifications))
 {
     // Read by the window, owned here.
     for (QObject* owned : std::initializer_list<QObject*>{m_sidebar.get(), m_general.get(), m_keybinds.get(),
                                                           m_languages.get(), m_profile.get(), m_helpCenter.get(),
-                                                          m_resumes.get(), m_jobDescriptions.get()})
+                                                          m_resumes.get(), m_jobDescriptions.get(),
+                                                          m_mockInterview.get()})
         QQmlEngine::setObjectOwnership(owned, QQmlEngine::CppOwnership);
     auto& auth = m_services.auth;
     connect(&auth, &AuthViewModel::isLoggedInChanged, this, &DashboardViewModel::accountChanged);

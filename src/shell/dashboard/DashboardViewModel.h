@@ -6,6 +6,7 @@
 #include "JobDescriptionsViewModel.h"
 #include "KeybindsPageViewModel.h"
 #include "LanguagesPageViewModel.h"
+#include "MockInterviewPageViewModel.h"
 #include "ProfilePageViewModel.h"
 #include "ResumesViewModel.h"
 #include "SidebarModel.h"
@@ -40,6 +41,7 @@ class DashboardViewModel : public QObject {
     Q_PROPERTY(HelpCenterPageViewModel* helpCenter READ helpCenter CONSTANT)
     Q_PROPERTY(ResumesViewModel* resumes READ resumes CONSTANT)
     Q_PROPERTY(JobDescriptionsViewModel* jobDescriptions READ jobDescriptions CONSTANT)
+    Q_PROPERTY(MockInterviewPageViewModel* mockInterview READ mockInterview CONSTANT)
     // The banner above the pages while an update is offered, forced or not.
     Q_PROPERTY(bool hasUpdateBanner READ hasUpdateBanner NOTIFY updateChanged)
     Q_PROPERTY(bool isUpdateForced READ isUpdateForced NOTIFY updateChanged)
@@ -81,6 +83,7 @@ public:
     HelpCenterPageViewModel* helpCenter() const { return m_helpCenter.get(); }
     ResumesViewModel* resumes() const { return m_resumes.get(); }
     JobDescriptionsViewModel* jobDescriptions() const { return m_jobDescriptions.get(); }
+    MockInterviewPageViewModel* mockInterview() const { return m_mockInterview.get(); }
 
     // The "page" value of a "showDashboard": a raw value of the sidebar selects its page;
     // anything else, or nothing, leaves the page as it is.
@@ -115,4 +118,5 @@ private:
     std::unique_ptr<HelpCenterPageViewModel> m_helpCenter;
     std::unique_ptr<ResumesViewModel> m_resumes;
     std::unique_ptr<JobDescriptionsViewModel> m_jobDescriptions;
+    std::unique_ptr<MockInterviewPageViewModel> m_mockInterview;
 };

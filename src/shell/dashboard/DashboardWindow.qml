@@ -148,10 +148,7 @@ Window {
                 jobs: window.dashboard.jobDescriptions
                 strings: window.strings
             }
-            NotBuiltPage {
-                strings: window.strings
-                title: window.strings.text("sidebar.mockInterview")
-            }
+            MockInterviewPage { page: window.dashboard.mockInterview; strings: window.strings }
             ProfilePage { page: window.dashboard.profile; strings: window.strings }
             LanguagesPage { page: window.dashboard.languages; strings: window.strings }
             HelpCenterPage { page: window.dashboard.helpCenter; strings: window.strings }
