@@ -53,7 +53,7 @@ start() {
     # two starting on one number leave the first without its socket: every checkout on this
     # machine picks its number under one lock, and only a number with neither lock nor socket.
     # -displayfd says when the server is ready.
-    exec 9>>"${TMPDIR:-/tmp}/ravlet-test-display.lock"
+    exec 9>>/tmp/ravlet-test-display.lock
     flock 9
     local number waited
     for number in $(seq 100 299); do
