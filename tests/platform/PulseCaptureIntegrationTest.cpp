@@ -8,6 +8,7 @@
 #include "AwaitTask.h"
 #include "Clock.h"
 #include "MicrophoneService.h"
+#include "PrivateSoundServer.h"
 #include "PulseAudioRights.h"
 #include "PulseMicrophoneSource.h"
 #include "PulseSystemAudioSource.h"
@@ -34,22 +35,6 @@ namespace {
 
 // Generous for a loaded CI machine.
 constexpr int firstBufferMs = 5'000;
-
-// A value of the state file scripts/test-pulse.sh writes for a server it started: PULSE_SERVER,
-// PULSE_PID, SCRATCH, SYSTEM_SINK, MIC_SINK, MIC_SOURCE; or MISSING, the tool it lacked.
-QString stateValue(const QString& path, const char* key)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        throw std::runtime_error("no sound server state at '" + path.toStdString()
-                                 + "': run these tests through ctest, whose Pulse fixture starts a "
-                                   "private sound server");
-    for (const auto& line : file.readAll().split('\n')) {
-        if (line.startsWith(QByteArray(key) + '='))
-            return QString::fromUtf8(line.mid(qstrlen(key) + 1));
-    }
-    return {};
-}
 
 // Runs a tool to its end; a failed test if it fails.
 void run(const QString& program, const QStringList& arguments)
@@ -90,23 +75,10 @@ protected:
     void SetUp() override
     {
         state = qEnvironmentVariable("RAVLET_PULSE_STATE");
-        if (const auto missing = stateValue(state, "MISSING"); !missing.isEmpty())
-            GTEST_SKIP() << "the private sound server needs " << missing.toStdString()
-                         << ", which is not installed (scripts/install-deps.sh installs it)";
-        for (const auto& tool : {u"paplay"_s, u"pactl"_s, u"espeak-ng"_s, u"sox"_s}) {
-            if (QStandardPaths::findExecutable(tool).isEmpty())
-                GTEST_SKIP() << tool.toStdString()
-                             << " is not installed (scripts/install-deps.sh installs it)";
-        }
-        // libpulse keeps a cookie under the home: this process and its tools use the server's
-        // scratch folder, never the real home, and talk to no other server.
-        qputenv("PULSE_SERVER", stateValue(state, "PULSE_SERVER").toUtf8());
-        const std::pair<const char*, const char*> folders[] = {{"HOME", "/home"},
-                                                               {"XDG_CONFIG_HOME", "/config"},
-                                                               {"XDG_RUNTIME_DIR", "/runtime"},
-                                                               {"PULSE_RUNTIME_PATH", "/runtime"}};
-        for (const auto& [name, folder] : folders)
-            qputenv(name, QFile::encodeName(stateValue(state, "SCRATCH") + QLatin1String(folder)));
+        if (const auto missing =
+                usePrivateSoundServer(state, {u"paplay"_s, u"pactl"_s, u"espeak-ng"_s, u"sox"_s});
+            !missing.isEmpty())
+            GTEST_SKIP() << missing.toStdString();
     }
 
     // Starts both services; their streams, system audio then microphone, each delivering audio.

@@ -5,6 +5,7 @@
 #include "QtTTSPlayer.h"
 #include "AwaitTask.h"
 #include "Clock.h"
+#include "PrivateSoundServer.h"
 #include "QtCameraService.h"
 #include "TaskHandle.h"
 
@@ -29,20 +30,6 @@ constexpr int playDeadlineMs = 30'000;
 const QString sentence =
     u"Tell me about a project you are proud of, and what you would do differently."_s;
 
-QString stateValue(const QString& path, const char* key)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        throw std::runtime_error(
-            "no sound server state at '" + path.toStdString()
-            + "': run these tests through ctest, whose Pulse fixture starts one");
-    for (const auto& line : file.readAll().split('\n')) {
-        if (line.startsWith(QByteArray(key) + '='))
-            return QString::fromUtf8(line.mid(qstrlen(key) + 1));
-    }
-    return {};
-}
-
 QString run(const QString& program, const QStringList& arguments)
 {
     QProcess process;
@@ -59,24 +46,11 @@ class QtTTSPlayerTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        const auto state = qEnvironmentVariable("RAVLET_PULSE_STATE");
-        if (const auto missing = stateValue(state, "MISSING"); !missing.isEmpty())
-            GTEST_SKIP() << "the private sound server needs " << missing.toStdString();
-        for (const auto& tool : {u"espeak-ng"_s, u"gst-launch-1.0"_s, u"pactl"_s}) {
-            if (QStandardPaths::findExecutable(tool).isEmpty())
-                GTEST_SKIP() << tool.toStdString()
-                             << " is not installed (scripts/install-deps.sh installs it)";
-        }
-        // This process, GStreamer's plugin cache and the tools use the server's scratch folder,
-        // never the real home, and play to no other server.
-        qputenv("PULSE_SERVER", stateValue(state, "PULSE_SERVER").toUtf8());
-        const std::pair<const char*, const char*> folders[] = {{"HOME", "/home"},
-                                                               {"XDG_CONFIG_HOME", "/config"},
-                                                               {"XDG_CACHE_HOME", "/cache"},
-                                                               {"XDG_RUNTIME_DIR", "/runtime"},
-                                                               {"PULSE_RUNTIME_PATH", "/runtime"}};
-        for (const auto& [name, folder] : folders)
-            qputenv(name, QFile::encodeName(stateValue(state, "SCRATCH") + QLatin1String(folder)));
+        if (const auto missing =
+                usePrivateSoundServer(qEnvironmentVariable("RAVLET_PULSE_STATE"),
+                                      {u"espeak-ng"_s, u"gst-launch-1.0"_s, u"pactl"_s});
+            !missing.isEmpty())
+            GTEST_SKIP() << missing.toStdString();
 
         ASSERT_TRUE(dir.isValid());
         wav = dir.filePath(u"question.wav"_s);
