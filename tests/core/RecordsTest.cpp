@@ -28,27 +28,25 @@ QJsonObject with(QJsonObject object, const QString& key,
 }
 } // namespace
 
-TEST(InterviewSessionTest, DecodesEveryFieldAndLeavesOptionalOnesAbsent)
+// Every field is read under its own name (the fuzz target's round trip cannot see a name both
+// directions get wrong); optional ones absent or null stay absent, also when written again.
+TEST(RecordsTest, SessionReadsEveryFieldAndLeavesOptionalOnesAbsent)
 {
     const auto session = InterviewSession::fromJson(fullSession);
-    EXPECT_EQ(session.id, u"s-1"_s);
-    EXPECT_EQ((QStringList{*session.title, *session.company, *session.role, session.languageInput,
-                           session.languageOutput}),
-              (QStringList{u"Onsite"_s, u"Acme"_s, u"SRE"_s, u"en-US"_s, u"de-DE"_s}));
-    EXPECT_EQ(session.startedAt.toMSecsSinceEpoch(), 1714566600250);
-    EXPECT_EQ(session.endedAt->toMSecsSinceEpoch(), 1714568400000);
-    EXPECT_EQ(session.durationSeconds, 1800);
+    EXPECT_EQ((QStringList{session.id, *session.title, *session.company, *session.role,
+                           session.languageInput, session.languageOutput}),
+              (QStringList{u"s-1"_s, u"Onsite"_s, u"Acme"_s, u"SRE"_s, u"en-US"_s, u"de-DE"_s}));
+    EXPECT_EQ((QList<qint64>{session.startedAt.toMSecsSinceEpoch(),
+                             session.endedAt->toMSecsSinceEpoch(), *session.durationSeconds}),
+              (QList<qint64>{1714566600250, 1714568400000, 1800}));
     EXPECT_EQ(session.status, InterviewSession::SessionStatus::completed);
 
-    auto object = fullSession;
-    for (const auto& key :
-         {u"title"_s, u"company"_s, u"role"_s, u"endedAt"_s, u"durationSeconds"_s})
+    auto object = with(fullSession, u"endedAt"_s, QJsonValue::Null);
+    for (const auto& key : {u"title"_s, u"company"_s, u"role"_s, u"durationSeconds"_s})
         object.remove(key);
     const auto bare = InterviewSession::fromJson(object);
     EXPECT_FALSE(bare.title || bare.company || bare.role || bare.endedAt || bare.durationSeconds);
-    EXPECT_FALSE(bare.toJson().contains(u"endedAt"_s)) << "absent fields stay absent when encoded";
-    EXPECT_FALSE(
-        InterviewSession::fromJson(with(fullSession, u"endedAt"_s, QJsonValue::Null)).endedAt);
+    EXPECT_FALSE(bare.toJson().contains(u"endedAt"_s));
 }
 
 // A field missing, of the wrong type or with an unknown value refuses the whole record.
@@ -85,26 +83,20 @@ TEST(RecordsTest, RefuseMissingFieldsWrongTypesAndUnknownValues)
                 TranscriptEntry::fromJson(with(entry, QString::fromLatin1(c.key), c.value));
             ADD_FAILURE() << "decoded";
         } catch (const DecodingError& e) {
-            if (!c.message.isEmpty()) {
-                EXPECT_EQ(e.message(), c.message);
-            }
+            EXPECT_TRUE(c.message.isEmpty() || e.message() == c.message) << e.message().toStdString();
         }
     }
 }
 
-TEST(TranscriptEntryTest, ConfidenceAbsentDecodesAbsentButUploadsAsZero)
+// The server wants a number: an absent confidence goes up as 0.0, and only an upload carries it.
+TEST(RecordsTest, AbsentConfidenceUploadsAsZero)
 {
-    const auto decoded = TranscriptEntry::fromJson(entry);
-    EXPECT_FALSE(decoded.confidence);
-    EXPECT_EQ(decoded.speaker, TranscriptEntry::Speaker::user);
-    EXPECT_EQ(decoded.timestampMs, 1714566600250);
-    EXPECT_FALSE(decoded.toJson().contains(u"confidence"_s));
+    auto decoded = TranscriptEntry::fromJson(entry);
+    EXPECT_FALSE(decoded.confidence || decoded.toJson().contains(u"confidence"_s));
     EXPECT_EQ(decoded.uploadForm(), with(with(entry, u"isFinal"_s), u"confidence"_s, 0.0));
     EXPECT_TRUE(decoded.uploadForm().value(u"confidence"_s).isDouble());
     EXPECT_EQ(decoded.contextForm(),
               (QJsonObject{{u"speaker"_s, u"user"_s}, {u"content"_s, u"hi"_s}}));
-
-    auto withConfidence = decoded;
-    withConfidence.confidence = 0.92;
-    EXPECT_EQ(withConfidence.uploadForm().value(u"confidence"_s).toDouble(), 0.92);
+    decoded.confidence = 0.92;
+    EXPECT_EQ(decoded.uploadForm().value(u"confidence"_s).toDouble(), 0.92);
 }
