@@ -24,14 +24,6 @@ TEST(SessionFinalisationTest, ClosesThenPostsRetryingOnceWhenRetryableElseKeeps)
     } cases[] = {
         {"RetryableOnce", {serverError(503)}, 2, std::nullopt},
         {"Refused", {serverError(413)}, 1, APIError::serverError(413).description()},
-        {"Unauthorized",
-         {failureOf(APIError::unauthorized())},
-         1,
-         APIError::unauthorized().description()},
-        {"ServerErrorTwice",
-         {serverError(502), serverError(504)},
-         2,
-         APIError::serverError(504).description()},
         {"LostConnectionTwice", {failureOf(APIError::networkError()), hostNotFound}, 2, u"Host"_s},
     };
     for (const auto& c : cases) {

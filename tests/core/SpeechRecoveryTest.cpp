@@ -192,7 +192,8 @@ TEST(SpeechRecoveryTest, EventDuringARestartAddsNothing)
     EXPECT_EQ(sttFailures(h).size(), 2);
 }
 
-// A failed recogniser start is tried once more after 350 ms when the failure is retryable.
+// A failed recogniser start is tried once more after 350 ms when the failure is retryable
+// (which failures are is RetryableNetworkErrorTest's).
 // A stop wins over a restart wherever it stands: in its back-off, fetching its token, waiting
 // to retry the start, or scheduled after a failure; events after the stop change nothing.
 TEST(SpeechRecoveryTest, RecognizerStartRetryAndStopDuringARestart)
@@ -208,10 +209,6 @@ TEST(SpeechRecoveryTest, RecognizerStartRetryAndStopDuringARestart)
     } retries[] = {
         {"TimeoutThenSuccess", {timeout}, 3, {}},
         {"ServerErrorTwice", {badGateway, badGateway}, 3, failed + u"Server error (502)"_s},
-        {"Unauthorized",
-         {failureOf(APIError::unauthorized())},
-         2,
-         failed + u"Authentication required"_s},
         {"HandshakeRefused", {failureOf(DescribedError(u"refused"_s))}, 2, failed + u"refused"_s},
     };
     for (const auto& c : retries) {
