@@ -267,8 +267,9 @@ TEST(AIAnswersTest, RequestCarriesTheLastTenEntriesTheSessionAndTheSettings)
 }
 
 // A finished answer is logged only with a log id and some text (that it is logged whole is the
-// whole-product test's); the latency reported is to the first chunk with text. An open stream ends when it breaks (kept as it stands, reported, not
-// asked again), after 90 s of reading, or with the stop; what comes after is dropped.
+// whole-product test's); the latency reported is to the first chunk with text. An open stream ends
+// when it breaks (kept as it stands, reported, not asked again), after 90 s of reading, or with the
+// stop; what comes after is dropped.
 TEST(AIAnswersTest, StreamFillsTheEntryAndEndsKeepingWhatItHad)
 {
     const struct {

@@ -83,7 +83,8 @@ TEST(RecordsTest, RefuseMissingFieldsWrongTypesAndUnknownValues)
                 TranscriptEntry::fromJson(with(entry, QString::fromLatin1(c.key), c.value));
             ADD_FAILURE() << "decoded";
         } catch (const DecodingError& e) {
-            EXPECT_TRUE(c.message.isEmpty() || e.message() == c.message) << e.message().toStdString();
+            EXPECT_TRUE(c.message.isEmpty() || e.message() == c.message)
+                << e.message().toStdString();
         }
     }
 }
