@@ -76,32 +76,18 @@ TEST_F(ClientContractTest, RefreshPendingPostSocketAndSignOutThroughTheClient)
                        {"id":"e1","content":"Tell me about a time."},
                        {"id":"e3","content":"Sure, the billing rewrite."}]})"}});
 
-    // Sign-out ends the refresh family on the server as well; when the server cannot be
-    // reached, the user is signed out all the same.
+    // Sign-out ends the refresh family on the server as well. (That a failed call signs the user
+    // out all the same is the delegate's test of a returning user the server refuses.)
     const auto refreshToken = awaitTask(tokens.getRefreshToken());
     ASSERT_TRUE(refreshToken);
-    const auto revoked = [&] {
-        return AuthStore(*server.db).refresh(tokenHash(*refreshToken)).value_or(AuthStore::RefreshRecord{}).revoked;
-    };
     LogCapture logs;
-    // The sign-out's request ends before the test does, answered or refused.
-    const auto loggedOut = [&](const char* outcome) {
-        return waitUntil([&] { return !logs.lines().filter(QString::fromLatin1(outcome)).isEmpty(); });
-    };
     AuthViewModel signedIn(tokens);
     signedIn.setApiClient(&client);
     signedIn.logout();
-    EXPECT_TRUE(waitUntil(revoked));
-    EXPECT_TRUE(loggedOut("[Auth] logout: the server ended the session"));
+    EXPECT_TRUE(waitUntil([&] {
+        return AuthStore(*server.db).refresh(tokenHash(*refreshToken)).value_or(AuthStore::RefreshRecord{}).revoked;
+    }));
+    // The sign-out's request ends before the test does.
+    EXPECT_TRUE(waitUntil([&] { return !logs.lines().filter(u"[Auth] logout: the server ended"_s).isEmpty(); }));
     EXPECT_FALSE(awaitTask(tokens.getRefreshToken()));
-
-    InMemoryTokenStore unreachableTokens;
-    awaitTask(unreachableTokens.saveTokens(u"a"_s, u"r"_s));
-    APIClient unreachable{u"http://127.0.0.1:1"_s, unreachableTokens, notifications};
-    AuthViewModel offline(unreachableTokens);
-    offline.setApiClient(&unreachable);
-    offline.logout();
-    EXPECT_FALSE(offline.isLoggedIn());
-    EXPECT_TRUE(waitUntil([&] { return !awaitTask(unreachableTokens.getRefreshToken()); }));
-    EXPECT_TRUE(loggedOut("[Auth] logout error: "));
 }

@@ -3,6 +3,7 @@
 // (The whole-product test speaks to it through the program on version 2 of the protocol.)
 #include "ServerHarness.h"
 
+#include "ClockWait.h"
 #include "ListenChannel.h"
 #include "SpeechTokens.h"
 #include "SpokenAudio.h"
@@ -95,27 +96,19 @@ protected:
 TEST_F(ListenChannelTest, LetsInOnlySpeechTokensAndClosesASocketLeftQuiet)
 {
     // No token, an access token, the vendor's scheme (a speech token's own lifetime and signature
-    // are the token route's suite); then requests it cannot serve.
-    const std::pair<QString, QByteArray> refusals[] = {
-        {autoDetectPath, {}},
-        {autoDetectPath, "Bearer " + account.accessToken.toLatin1()},
-        {autoDetectPath, "Token " + bearer.mid(7)},
-        {u"/v1/listen?encoding=linear16&sample_rate=16000&language=de"_s, bearer},
-        {u"/v1/listen?encoding=mulaw&sample_rate=8000"_s, bearer},
-        {u"/v3/listen"_s, bearer},
-    };
-    for (const auto& [path, authorization] : refusals) {
-        SCOPED_TRACE(path.toStdString() + ' ' + authorization.toStdString());
-        EXPECT_FALSE(open(path, authorization)->waitConnected());
+    // are the token route's suite; addresses it cannot serve, the listen frames fuzz target's).
+    for (const QByteArray& authorization :
+         {QByteArray(), "Bearer " + account.accessToken.toLatin1(), "Token " + bearer.mid(7)}) {
+        EXPECT_FALSE(open(autoDetectPath, authorization)->waitConnected()) << authorization.constData();
         EXPECT_EQ(ListenChannel::openCount(), 0);
     }
     auto quiet = open(englishPath, bearer);
     ASSERT_TRUE(quiet->waitConnected());
     ASSERT_TRUE(waitUntil([] { return ListenChannel::openCount() == 1; }));
-    server.clock.advance(std::chrono::milliseconds(ListenChannel::idleLimitMs - 1000));
-    EXPECT_FALSE(waitUntil([&] { return quiet->isClosed; }, 200));
-    server.clock.advance(std::chrono::seconds(1));
-    EXPECT_TRUE(waitUntil([&] { return quiet->isClosed && ListenChannel::openCount() == 0; }));
+    const std::chrono::milliseconds idleLimit(ListenChannel::idleLimitMs);
+    EXPECT_TRUE(happensExactlyAfter(server.clock, idleLimit, [&] {
+        return quiet->isClosed && ListenChannel::openCount() == 0;
+    }));
 
     // Audio sent ahead of real time is not queued without end: a head start, then at most
     // twenty times real time; past that the socket is closed.

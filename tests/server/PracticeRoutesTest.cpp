@@ -3,7 +3,7 @@
 // real one does on a pipe.
 #include "ServerHarness.h"
 
-#include "AvatarPainter.h"
+#include "ClockWait.h"
 #include "PracticeStore.h"
 #include "QuestionBank.h"
 #include "SpeechSynthesizer.h"
@@ -91,7 +91,6 @@ TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
     const auto firstImage = image(first);
     ASSERT_TRUE(firstImage.status == 200 && firstImage.headers.toLower().contains("content-type: image/png"));
     const auto picture = QImage::fromData(firstImage.body, "PNG");
-    EXPECT_EQ(picture.size(), QSize(512, 512));
     const QSet<QRgb> samples{picture.pixel(20, 20), picture.pixel(256, 230), picture.pixel(256, 500)};
     EXPECT_GT(samples.size(), 1) << "a picture, not a blank";
     // Another user gets another face; so does a regeneration.
@@ -102,7 +101,6 @@ TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
     ASSERT_EQ(server.call(first, "POST", avatar + u"/generate"_s, "").status, 200);
     const auto regenerated = image(first).body;
     EXPECT_NE(regenerated, firstImage.body);
-    EXPECT_EQ(AvatarPainter::paintPng(u"same seed"_s), AvatarPainter::paintPng(u"same seed"_s));
     // A restart: a new connection to the same database serves the same bytes.
     const auto reopened = server.reopen();
     EXPECT_EQ(PracticeStore(*reopened).avatarImage(first.id), regenerated);
@@ -127,10 +125,9 @@ TEST(PracticeSpeechTest, AStuckChildIsKilledWhenItsTimeIsUp)
     ASSERT_TRUE(waitUntil([&] { return pidFile.size() > 0; }) && pidFile.open(QIODevice::ReadOnly));
     const auto pid = pidFile.readAll().trimmed();
 
-    server.clock.advance(std::chrono::milliseconds(SpeechSynthesizer::processLimitMs - 1));
-    EXPECT_FALSE(waitUntil([&] { return request.state() == QProcess::NotRunning; }, 300));
-    server.clock.advance(std::chrono::milliseconds(1));
-    ASSERT_TRUE(waitUntil([&] { return request.state() == QProcess::NotRunning; }));
+    const std::chrono::milliseconds limit(SpeechSynthesizer::processLimitMs);
+    ASSERT_TRUE(happensExactlyAfter(server.clock, limit,
+                                    [&] { return request.state() == QProcess::NotRunning; }));
     EXPECT_EQ(request.readAllStandardOutput(), "500");
     EXPECT_TRUE(waitUntil([&] { return !QFile::exists(u"/proc/"_s + QString::fromLatin1(pid)); }))
         << "the child " << pid.constData() << " still runs";

@@ -3,12 +3,12 @@
 #include "ServerHarness.h"
 
 #include "AwaitTask.h"
+#include "ClockWait.h"
 #include "LoginPage.h"
 #include "SignInLimits.h"
 #include "SpeechSynthesizer.h"
 #include "Stores.h"
 
-#include <QCryptographicHash>
 #include <QFile>
 #include <QJsonArray>
 #include <QProcess>
@@ -78,7 +78,7 @@ protected:
     const Account account = server.signUp();
 };
 
-TEST_F(ServerTest, EveryApiRouteRefusesMissingExpiredAndForgedTokens)
+TEST_F(ServerTest, EveryApiRouteRefusesMissingAndForgedTokens)
 {
     // clang-format off
     const auto routes = u"POST interview/session|GET interview/session|GET interview/session/x|PUT interview/session/x|"
@@ -87,19 +87,13 @@ TEST_F(ServerTest, EveryApiRouteRefusesMissingExpiredAndForgedTokens)
         u"POST job-description|DELETE job-description/x|POST mock-interview/questions|GET mock-interview/avatar|"
         u"POST mock-interview/avatar/generate|GET mock-interview/avatar/image|POST mock-interview/tts"_s.split(u'|');
     // clang-format on
-    // Same claims signed with another key; one issued a lifetime ago; the real one with its
-    // signature cut.
-    const auto issued = [&](const Clock& clock, const QByteArray& key) {
-        return AccountService(*server.db, clock, key)
-            .exchange(server.accounts->issueCode(account.id))
-            ->accessToken;
-    };
-    const auto forged = issued(server.clock, QByteArray(32, 'x'));
-    const auto expired =
-        issued(ManualClock(server.clock.nowMs() - AccountService::accessLifetimeMs),
-               ServerHarness::signingKey);
+    // The same claims signed with another key; the real token with its signature cut. (An
+    // expired token is the lifetime test's, to the millisecond.)
+    const auto forged = AccountService(*server.db, server.clock, QByteArray(32, 'x'))
+                            .exchange(server.accounts->issueCode(account.id))
+                            ->accessToken;
     for (const auto& route : routes) {
-        for (const auto& token : {QString(), forged, expired, account.accessToken.chopped(2)}) {
+        for (const auto& token : {QString(), forged, account.accessToken.chopped(2)}) {
             const auto method = route.section(u' ', 0, 0).toLatin1();
             EXPECT_EQ(server.call(bearer(token), method, u"/api/v1/"_s + route.section(u' ', 1), "{}").status, 401)
                 << route.toStdString() << ' ' << token.toStdString();
@@ -107,14 +101,18 @@ TEST_F(ServerTest, EveryApiRouteRefusesMissingExpiredAndForgedTokens)
     }
 }
 
-TEST_F(ServerTest, AccessTokensAndSignInCodesLastTheirTimeToTheMillisecond)
+TEST_F(ServerTest, TokensAndSignInCodesLastTheirTimeAndRefreshTokensRotateInFamilies)
 {
-    const auto exchange = [&](const QString& code) {
-        return server.call({}, "POST", u"/api/v1/auth/exchange"_s, compact({{u"code"_s, code}}))
-            .status;
+    const auto post = [&](const QString& route, const QString& field, const QString& value) {
+        return server.call({}, "POST", u"/api/v1/auth/"_s + route, compact({{field, value}}));
     };
+    const auto exchange = [&](const QString& code) { return post(u"exchange"_s, u"code"_s, code); };
+    const auto refresh = [&](const QString& token) {
+        return post(u"refresh"_s, u"refreshToken"_s, token);
+    };
+    // To the millisecond: an access token on a route, and a sign-in code.
     const struct {
-        bool code; // else an access token on a route
+        bool code;
         qint64 afterMs;
         int status;
     } rows[] = {{false, AccountService::accessLifetimeMs - 1000, 200},
@@ -124,27 +122,16 @@ TEST_F(ServerTest, AccessTokensAndSignInCodesLastTheirTimeToTheMillisecond)
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << row.code << ' ' << row.afterMs);
         const auto code = server.accounts->issueCode(account.id);
-        const auto access =
-            server.accounts->exchange(server.accounts->issueCode(account.id))->accessToken;
+        const auto access = bearer(exchange(server.accounts->issueCode(account.id))
+                                       .json()[u"accessToken"_s].toString());
         server.clock.advance(milliseconds(row.afterMs));
-        EXPECT_EQ(row.code ? exchange(code)
-                           : server.call(bearer(access), "GET", u"/api/v1/resume"_s).status,
+        EXPECT_EQ(row.code ? exchange(code).status
+                           : server.call(access, "GET", u"/api/v1/resume"_s).status,
                   row.status);
     }
-}
 
-TEST_F(ServerTest, CodesAreOneTimeAndRefreshTokensRotateInFamilies)
-{
     const auto user = std::get<UserRecord>(
         server.accounts->createAccount(u"Ann@Example.org"_s, u"long enough"_s));
-    const auto post = [&](const QString& route, const QString& field, const QString& value) {
-        return server.call({}, "POST", u"/api/v1/auth/"_s + route, compact({{field, value}}));
-    };
-    const auto exchange = [&](const QString& code) { return post(u"exchange"_s, u"code"_s, code); };
-    const auto refresh = [&](const QString& token) {
-        return post(u"refresh"_s, u"refreshToken"_s, token);
-    };
-
     const auto code = server.accounts->issueCode(user.id);
     const auto first = exchange(code);
     ASSERT_EQ(first.json()[u"user"_s][u"email"_s].toString(), u"ann@example.org"_s);
@@ -155,10 +142,8 @@ TEST_F(ServerTest, CodesAreOneTimeAndRefreshTokensRotateInFamilies)
     // r1 again at once: the answer to the first use was lost on its way. The same answer, and
     // the family lives on.
     server.clock.advance(milliseconds(1'999));
-    const auto replay = refresh(r1);
-    EXPECT_EQ(replay.status, 200);
-    EXPECT_EQ(replay.json()[u"refreshToken"_s].toString(), r2);
-    EXPECT_FALSE(replay.json()[u"accessToken"_s].toString().isEmpty());
+    const auto replay = refresh(r1).json();
+    EXPECT_TRUE(replay[u"refreshToken"_s] == r2 && !replay[u"accessToken"_s].toString().isEmpty());
     // r1 later: someone replays a spent token. The whole family ends, r2 included; another
     // sign-in is its own family.
     server.clock.advance(milliseconds(2));
@@ -166,15 +151,9 @@ TEST_F(ServerTest, CodesAreOneTimeAndRefreshTokensRotateInFamilies)
     EXPECT_EQ(refresh(r2).status, 401);
     const auto newFamily = exchange(server.accounts->issueCode(user.id)).json()[u"refreshToken"_s];
     EXPECT_EQ(refresh(newFamily.toString()).status, 200);
-
-    // Sign-out ends the family on the server: a copy of the refresh token dies with it.
-    const auto signedIn = exchange(server.accounts->issueCode(user.id)).json();
-    const auto kept = refresh(signedIn[u"refreshToken"_s].toString()).json();
-    EXPECT_EQ(post(u"logout"_s, u"refreshToken"_s, signedIn[u"refreshToken"_s].toString()).status,
-              204);
-    EXPECT_EQ(refresh(kept[u"refreshToken"_s].toString()).status, 401);
+    // Sign-out ends the family (the client contract test, through the program's own client);
+    // an unknown token tells a caller nothing.
     EXPECT_EQ(post(u"logout"_s, u"refreshToken"_s, u"unknown"_s).status, 204);
-    EXPECT_EQ(server.call({}, "POST", u"/api/v1/auth/logout"_s, "[").status, 400);
 
     // However often it rotates, a family ends 90 days after its sign-in.
     auto token = exchange(server.accounts->issueCode(user.id)).json()[u"refreshToken"_s].toString();
@@ -259,15 +238,10 @@ TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
     expectRoutes(
         server, account,
         {
-            {"POST", jobs, "{\"title\": ", 400},
-            {"POST", jobs, "[1,2]", 400},
-            {"POST", jobs, "{\"title\":\"\xff\xfe\",\"content\":\"x\"}", 400}, // not UTF-8
-            {"POST", jobs, R"({"title":5,"content":"x"})", 400},
-            // Valid JSON, but half a character that would be stored as something else.
-            {"POST", jobs, R"({"title":"Eng\udfff","content":"x"})", 400},
-            {"POST", jobs, R"({"title":"E","content":"x","\ud800":1})", 400},
+            // Malformed JSON is the JSON routes fuzz target's, which cannot tell bytes that are
+            // not UTF-8 from the replacement characters both sides would read them as.
+            {"POST", jobs, "{\"title\":\"\xff\xfe\",\"content\":\"x\"}", 400},
             {"POST", jobs, QByteArray(10 * 1024 * 1024, ' ') + "{}", 413},
-            {"POST", u"/api/v1/interview/session/x/transcript"_s, R"({"entries":[{"id":1}]})", 400},
             {"GET", u"/api/v1/nothing-here"_s, {}, 404},
             {"DELETE", u"/api/v1/resume"_s, {}, 405},
             {"POST", tts, compact({{u"text"_s, QString(SpeechSynthesizer::maxTextLength + 1, u'a')}}), 413},
@@ -363,47 +337,36 @@ TEST_F(ServerTest, ConnectionsThatHoldTheServerAreClosedOnTimeAndCapped)
     };
     for (const auto& c : slow) {
         auto raw = open(c.sent);
-        server.clock.advance(c.allowed - 1ms);
-        EXPECT_FALSE(waitUntil([&] { return raw.closed(); }, 200)) << c.what;
-        server.clock.advance(1ms);
-        EXPECT_TRUE(waitUntil([&] { return raw.closed(); }, 3'000)) << c.what;
+        EXPECT_TRUE(happensExactlyAfter(server.clock, c.allowed, [&] { return raw.closed(); }))
+            << c.what;
         EXPECT_TRUE(raw.received.startsWith(c.answer)) << c.what << ": " << raw.received.constData();
     }
 
-    // Caps: the fourth connection of one address is refused, and a closed one frees its place.
-    auto limits = server.http->limits();
-    limits.maxConnectionsPerAddress = 3;
-    server.http->setLimits(limits);
-    std::vector<Raw> held;
-    for (int i = 0; i < 3; ++i)
-        held.push_back(open({}));
-    auto refused = open(health);
-    EXPECT_TRUE(waitUntil([&] { return refused.closed(); }, 3'000));
-    EXPECT_TRUE(refused.received.startsWith("HTTP/1.1 503 ")) << refused.received.constData();
-    held.front().socket->abort();
-    held.erase(held.begin());
-    waitUntil([] { return false; }, 200); // the server notices the close
-    auto admitted = open(health);
-    EXPECT_TRUE(waitUntil([&] { return admitted.received.contains("\"ok\""); }, 3'000));
-    // A client that reads its answer and closes frees its place as well: behind a proxy every
-    // request comes from one address, and a place kept would lock everyone out.
-    admitted.socket->disconnectFromHost();
-    held.clear();
-    for (int i = 0; i < 5; ++i) {
-        waitUntil([] { return false; }, 100); // the server notices the close
-        auto answered = open(health);
-        EXPECT_TRUE(waitUntil([&] { return answered.received.contains("\"ok\""); }, 3'000))
-            << "request " << i << ": " << answered.received.constData();
-        answered.socket->disconnectFromHost();
+    // Caps per address and in all: the fourth connection gets 503, and a closed one frees its
+    // place, cut or answered and closed (behind a proxy every request comes from one address,
+    // and a place kept would lock everyone out).
+    for (const auto& [perAddress, total] : {std::pair{3, 1024}, {1024, 3}}) {
+        auto limits = server.http->limits();
+        limits.maxConnectionsPerAddress = perAddress;
+        limits.maxConnections = total;
+        server.http->setLimits(limits);
+        std::vector<Raw> held;
+        for (int i = 0; i < 3; ++i)
+            held.push_back(open({}));
+        auto refused = open(health);
+        EXPECT_TRUE(waitUntil([&] { return refused.closed(); }, 3'000));
+        EXPECT_TRUE(refused.received.startsWith("HTTP/1.1 503 ")) << refused.received.constData();
+        held.front().socket->abort();
+        for (int i = 0; i < 4; ++i) {
+            waitUntil([] { return false; }, 100); // the server notices the close
+            auto answered = open(health);
+            EXPECT_TRUE(waitUntil([&] { return answered.received.contains("\"ok\""); }, 3'000))
+                << perAddress << " request " << i << ": " << answered.received.constData();
+            answered.socket->disconnectFromHost();
+        }
+        held.clear();
+        waitUntil([] { return false; }, 200);
     }
-    limits.maxConnectionsPerAddress = 1024;
-    limits.maxConnections = 3;
-    server.http->setLimits(limits);
-    for (int i = 0; i < 3; ++i)
-        held.push_back(open({}));
-    auto overTotal = open(health);
-    EXPECT_TRUE(waitUntil([&] { return overTotal.closed(); }, 3'000));
-    EXPECT_TRUE(overTotal.received.startsWith("HTTP/1.1 503 ")) << overTotal.received.constData();
 }
 
 // A page whose DNS name was rebound to this server may not read it; addresses always work.
@@ -432,18 +395,12 @@ TEST_F(ServerTest, NulTextAndACutDatabaseConnectionGiveNoErrors)
 
     if (server.db->driver() != Database::Driver::postgresql)
         return;
-    // The server's connection is cut from outside, as by a restart or a fail-over: the next
-    // requests are served on a new one, not refused from then on.
-    const auto admin = server.reopen();
-    admin->run(u"SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
-               u"WHERE datname = current_database() AND pid <> pg_backend_pid()"_s);
-    expectRoutes(server, account,
-                 {{"GET", u"/health"_s, {}, 200, R"({"status":"ok","database":"ok"})"},
-                  {"GET", jobs, {}, 200, R"({"jobDescriptions":[{}]})"}});
-    admin->run(u"SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
-               u"WHERE datname = current_database() AND pid <> pg_backend_pid()"_s);
-    // A write that is not safe to repeat may fail once (when it is the first statement on the
-    // cut connection), never twice, and is never stored twice.
+    // The server's connection is cut from outside, as by a fail-over. (That reads and the
+    // transcript go on is the socket test's, which restarts the cluster.) A write that is not safe
+    // to repeat may fail once, when it is the first statement on the cut connection, never twice,
+    // and is never stored twice.
+    server.reopen()->run(u"SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
+                         u"WHERE datname = current_database() AND pid <> pg_backend_pid()"_s);
     const auto first = server.call(account, "POST", jobs, R"({"title":"U","content":"x"})");
     ASSERT_TRUE(first.status == 200 || first.status == 500) << first.status;
     EXPECT_EQ(server.call(account, "POST", jobs, R"({"title":"V","content":"x"})").status, 200);
@@ -521,7 +478,6 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
     ASSERT_FALSE(csrf.isEmpty());
     const auto form =
         u"state=S-1.x&action=register&email=new%40example.org&password=pa55word!&confirm=pa55word!&csrf="_s;
-    const auto signIn = u"state=S&action=signin&email=NEW%40example.org&csrf="_s + csrf;
     const QStringList cookie{u"-b"_s, jar};
     // A form posted from another site carries no cookie of ours, or a token it could not read.
     const std::pair<QStringList, int> posts[] = {
@@ -531,8 +487,6 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
         {cookie + QStringList{u"-H"_s, u"Origin: null"_s, form + csrf}, 403}, // a sandboxed frame
         {cookie + QStringList{form + csrf}, 303},
         {cookie + QStringList{form + csrf}, 400}, // the same address again
-        {cookie + QStringList{signIn + u"&password=pa55word!"_s}, 303},
-        {cookie + QStringList{signIn + u"&password=nope"_s}, 401},
     };
     for (const auto& [arguments, status] : posts) {
         auto options = arguments;
@@ -542,12 +496,9 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
     }
     EXPECT_EQ(curl({server.base() + u"/auth/login?state=%3Cscript%3E"_s}).status, 400);
 
-    // "Continue on this computer": through curl, a connection of this process's own user.
-    const auto local = u"state=S&action=local&csrf="_s + csrf;
-    EXPECT_EQ(curl({u"-b"_s, jar, u"--data"_s, local, server.base() + u"/auth/login"_s}).status,
-              303);
-    // Remote peers, anything a proxy or forwarder adds, a request whose connection cannot be
-    // found, and the switch.
+    // "Continue on this computer" from this process's own user is how the socket test signs in.
+    // Refused: remote peers, anything a proxy or forwarder adds, a request whose connection
+    // cannot be found, and the switch.
     HttpRequest request;
     request.method = "POST";
     request.path = u"/auth/login"_s;
@@ -614,7 +565,7 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
         other.start(u"/usr/bin/setpriv"_s,
                     {u"--reuid=65534"_s, u"--regid=65534"_s, u"--clear-groups"_s, u"curl"_s,
                      u"-s"_s, u"-o"_s, u"/dev/null"_s, u"-w"_s, u"%{http_code}"_s, u"-b"_s,
-                     u"ravlet_csrf="_s + csrf, u"--data"_s, local,
+                     u"ravlet_csrf="_s + csrf, u"--data"_s, u"state=S&action=local&csrf="_s + csrf,
                      server.base() + u"/auth/login"_s});
         ASSERT_TRUE(waitUntil([&] { return other.state() == QProcess::NotRunning; }, 30'000));
         EXPECT_EQ(other.readAllStandardOutput(), "403");
@@ -654,10 +605,9 @@ TEST_F(ServerTest, PasswordGuessesAreLimitedPerEmailAndPerAddress)
                   401);
     EXPECT_EQ(attempt(u"someone-else%40example.org"_s, u"x"_s).status, 429);
 
-    server.clock.advance(std::chrono::minutes(15) - milliseconds(1));
-    EXPECT_EQ(attempt(u"victim%40example.org"_s, u"correct+horse"_s).status, 429);
-    server.clock.advance(milliseconds(1));
-    EXPECT_EQ(attempt(u"victim%40example.org"_s, u"correct+horse"_s).status, 303);
+    EXPECT_TRUE(happensExactlyAfter(server.clock, std::chrono::minutes(15), [&] {
+        return attempt(u"victim%40example.org"_s, u"correct+horse"_s).status == 303;
+    }));
 
     // One IPv6 holder has a whole /64 to rotate through: it counts as one address.
     SignInLimits limits(server.clock);
@@ -774,16 +724,12 @@ TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
     auto report = server.db->run(u"SELECT report FROM crash_reports"_s);
     ASSERT_TRUE(report.next());
     EXPECT_TRUE(report.value(0).toString().contains(u"\"n\":2"_s));
-    server.clock.advance(std::chrono::minutes(1));
-    expectRoutes(server, {},
-                 {{"GET", u"/api/v1/telemetry/config"_s, {}, 200, R"({"enabled":true,"sampleRate":1.0})"},
-                  {"POST", events, R"({"deviceId":"d1","events":[{}]})", 400}});
 }
 
 // The newest package by version, not by name, for the kind of install asking (a .deb install is
-// offered the .deb), with the SHA-256 the program checks before it unpacks anything. Only the
-// newest can be downloaded, nothing outside the folder ever, and the link's origin is
-// --public-url when given, whatever the Host header says.
+// offered the .deb). Only the newest can be downloaded, nothing outside the folder ever, and the
+// link's origin is --public-url when given, whatever the Host header says. (The SHA-256, the size
+// and the download the program checks before it unpacks are the self-update test's.)
 TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfItsKindAndNothingElse)
 {
     QTemporaryDir updates, elsewhere;
@@ -802,31 +748,21 @@ TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfItsKindAndNothingElse)
         return u"/download/check-update?v="_s + QLatin1String(version) + u"&platform="_s
                + QLatin1String(platform);
     };
-    const auto sha256 = [](const QByteArray& bytes) {
-        return QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex();
-    };
-    const auto files = server.base() + u"/download/files/"_s;
+    const auto files = server.base().toUtf8() + "/download/files/";
     expectRoutes(
         server, {},
         {
             {"GET", check("0.9.5"), {}, 200,
              R"({"hasUpdate":true,"forceUpdate":false,"latest":{"version":"0.10.0",)"
-             R"("changelog":"Faster.","size":"14","sha256":")"
-                 + sha256("newest package") + R"(","downloadURL":")" + files.toUtf8()
-                 + R"(RavletAI-0.10.0-linux-x86_64.tar.gz"}})"},
+             R"("changelog":"Faster.","downloadURL":")" + files + R"(RavletAI-0.10.0-linux-x86_64.tar.gz"}})"},
             {"GET", check("0.9.5", "linux-deb"), {}, 200,
-             R"({"latest":{"sha256":")" + sha256("system package") + R"(","downloadURL":")"
-                 + files.toUtf8() + R"(ravletai_0.10.0_amd64.deb"}})"},
+             R"({"latest":{"downloadURL":")" + files + R"(ravletai_0.10.0_amd64.deb"}})"},
             {"GET", check("0.10.0"), {}, 200, R"({"hasUpdate":false})"},
             {"GET", u"/download/files/RavletAI-0.9.0-linux-x86_64.tar.gz"_s, {}, 404},
             {"GET", u"/download/files/..%2Fserver.sqlite"_s, {}, 404},
         });
-    for (const auto& [file, bytes] : {std::pair{"RavletAI-0.10.0-linux-x86_64.tar.gz", "newest package"},
-                                      {"ravletai_0.10.0_amd64.deb", "system package"}}) {
-        const auto download = curl({files + QLatin1String(file)});
-        EXPECT_EQ(QByteArray::number(download.status) + ' ' + download.body,
-                  QByteArray("200 ") + bytes);
-    }
+    const auto deb = curl({QString::fromUtf8(files) + u"ravletai_0.10.0_amd64.deb"_s});
+    EXPECT_EQ(QByteArray::number(deb.status) + ' ' + deb.body, "200 system package");
     writeFile(updates.filePath(u"minimum-version"_s), "0.9.9\n");
     // A package that is a link out of the folder is not served.
     ASSERT_TRUE(QFile::link(writeFile(elsewhere.filePath(u"secret"_s), "not for download"),

@@ -140,7 +140,6 @@ TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysH
     EXPECT_EQ(request.header(vendor.keyHeader), vendor.keyScheme + key);
     EXPECT_TRUE(vendor.keyHeader == "authorization" || request.header("authorization").isEmpty());
     EXPECT_FALSE(request.body.contains(key)) << "the key travels in a header only";
-    EXPECT_TRUE(request.header("content-type").startsWith("application/json"));
     const auto sent = QJsonDocument::fromJson(request.body).object();
     const int seconds =
         vendor.lifetimeField ? at(sent, QString::fromLatin1(vendor.lifetimeField)).toInt() : 1;

@@ -2,11 +2,14 @@
 # The transcript socket of a real ravlet-server, driven by Python's websockets: acknowledgements
 # with revisions, order by time of speech, duplicates, garbage and a flood of frames, refused
 # handshakes, and a server killed with SIGKILL that keeps every acknowledged line.
-import asyncio, functools, http.client, http.cookiejar, json, os, re, signal, socket, stat, subprocess, sys, tempfile, time
+import asyncio, http.cookiejar, json, os, re, signal, stat, subprocess, sys, tempfile
 import urllib.error, urllib.parse, urllib.request
 
 import websockets
 import websockets.exceptions
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
+from product import check, failures, free_port, healthy, wait_until  # noqa: E402
 
 # A refused handshake: websockets 14 and later (Debian 13) raise InvalidStatus, the client of
 # older ones (Debian 12) InvalidStatusCode.
@@ -21,33 +24,20 @@ def refused_status(error):
 SERVER = sys.argv[1] if len(sys.argv) > 1 else None
 # Set by with-postgres.sh: the server runs on that database, and the cluster can be restarted.
 DATABASE = os.environ.get("RAVLET_TEST_DATABASE")
+ON_DATABASE = ["--database", DATABASE] if DATABASE else []
 RESTART_DATABASE = os.environ.get("RAVLET_TEST_RESTART_DATABASE")
-failures = []
-
-
-def check(condition, message):
-    if not condition:
-        failures.append(message)
-        print("FAIL:", message, flush=True)
 
 
 class Server:
     def __init__(self, data_dir):
-        with socket.socket() as s:
-            s.bind(("127.0.0.1", 0))
-            self.port = s.getsockname()[1]
-        self.data_dir, self.base = data_dir, f"http://127.0.0.1:{self.port}"
+        self.port, self.data_dir = free_port(), data_dir
+        self.base = f"http://127.0.0.1:{self.port}"
 
     def start(self, *options):
-        database = ["--database", DATABASE] if DATABASE else []
-        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}", *database, *options],
+        self.process = subprocess.Popen([SERVER, "--listen", f"127.0.0.1:{self.port}", *ON_DATABASE, *options],
                                         env=dict(os.environ, XDG_DATA_HOME=self.data_dir))
-        for _ in range(200):
-            try:
-                return urllib.request.urlopen(self.base + "/health", timeout=1).close()
-            except OSError:
-                time.sleep(0.05)
-        raise RuntimeError("ravlet-server did not start")
+        if not wait_until(lambda: healthy(self.base), 10, 0.05):
+            raise RuntimeError("ravlet-server did not start")
 
 
 class NoRedirect(urllib.request.HTTPRedirectHandler):
@@ -55,43 +45,28 @@ class NoRedirect(urllib.request.HTTPRedirectHandler):
         return None
 
 
-class FromAddress(urllib.request.HTTPHandler):
-    """Connections from a loopback address of the caller's choice (limits count per address)."""
-
-    def __init__(self, source):
-        super().__init__()
-        self.source = source
-
-    def http_open(self, request):
-        return self.do_open(functools.partial(http.client.HTTPConnection, source_address=(self.source, 0)), request)
-
-
-# Through the sign-in page, as a browser would: page, cookie, form, redirect, exchange.
 def sign_in(base, form):
-    return sign_in_tokens(base, form)["accessToken"]
-
-
-# The same, giving both tokens; `source` is the browser's own loopback address.
-def sign_in_tokens(base, form, source=None):
-    handlers = [urllib.request.HTTPCookieProcessor(http.cookiejar.CookieJar()), NoRedirect]
-    opener = urllib.request.build_opener(*handlers, *([FromAddress(source)] if source else []))
+    """Through the sign-in page, as a browser would: page, cookie, form, redirect, exchange. Both
+    tokens, or the status of a form the page refused."""
+    opener = urllib.request.build_opener(urllib.request.HTTPCookieProcessor(http.cookiejar.CookieJar()), NoRedirect)
     page = opener.open(base + "/auth/login?state=T1&mode=register").read().decode()
     csrf = re.search(r'name="csrf" value="([^"]+)"', page).group(1)
     try:
         opener.open(base + "/auth/login", urllib.parse.urlencode(dict(form, state="T1", csrf=csrf)).encode())
         raise RuntimeError("no redirect")
-    except urllib.error.HTTPError as redirect:
-        location = redirect.headers["Location"]
+    except urllib.error.HTTPError as answer:
+        if answer.code != 303:
+            return answer.code
+        location = answer.headers["Location"]
     query = urllib.parse.parse_qs(urllib.parse.urlparse(location).query)
     check(location.startswith("ravlet://auth-callback?") and query["state"] == ["T1"], "callback " + location)
-    return api(base, None, "POST", "/api/v1/auth/exchange", {"code": query["code"][0]}, source=source)
+    return api(base, None, "POST", "/api/v1/auth/exchange", {"code": query["code"][0]})
 
 
-def api(base, token, method, path, body=None, source=None):
+def api(base, token, method, path, body=None):
     request = urllib.request.Request(base + path, method=method, data=None if body is None else json.dumps(body).encode(),
                                      headers=dict({"Content-Type": "application/json"}, **({"Authorization": "Bearer " + token} if token else {})))
-    opener = urllib.request.build_opener(FromAddress(source)) if source else urllib.request.build_opener()
-    return json.loads(opener.open(request, timeout=10).read() or b"{}")
+    return json.loads(urllib.request.urlopen(request, timeout=10).read() or b"{}")
 
 
 def entry(id, content, ts, revision=None, speaker="interviewer"):
@@ -182,7 +157,7 @@ async def socket_behaviour(server, token, other_token):
 
 
 # Sends `frames` and collects acknowledged ids until `wanted` came, the socket closed or acks
-# stopped; `midway(acked)` runs once `midway_at` ids are in.
+# stopped; `midway()` runs once `midway_at` ids are in.
 async def send_and_collect(url, frames, wanted, midway=None, midway_at=0):
     acked = set()
     async with websockets.connect(url, max_queue=None) as ws:
@@ -193,49 +168,37 @@ async def send_and_collect(url, frames, wanted, midway=None, midway_at=0):
             while len(acked) < wanted:
                 acked.update((await next_ack(ws))["ids"])
                 if midway and len(acked) >= midway_at:
-                    midway, wanted = midway(), len(frames)
+                    midway()
+                    midway, wanted = None, len(frames)
         except (websockets.exceptions.ConnectionClosed, asyncio.TimeoutError, ConnectionError):
             pass
     return acked
 
 
-async def killed_mid_stream(server, token):
+async def interrupted_mid_stream(server, token, what, interrupt):
+    """`interrupt` runs while lines are still on their way; then, as the program does, the client
+    reconnects and resends what is still unacknowledged until every line is. Nothing
+    acknowledged may be lost on the way."""
     session, url = new_session(server, token)
-
-    def kill():  # mid-stream: lines are still on their way
-        server.process.send_signal(signal.SIGKILL)
-        server.process.wait()
-    acked = await send_and_collect(url, [entry(f"k{i}", f"line {i}", i) for i in range(400)], 400, kill, 150)
-    server.start()
-    stored = {line["id"] for line in stored_lines(server, token, session)}
-    print(f"sigkill: {len(acked)} acknowledged, {len(stored)} stored after restart", flush=True)
-    check(acked <= stored, f"acknowledged lines lost: {sorted(acked - stored)[:5]}")
-
-
-async def database_restarted_mid_stream(server, token):
-    """The database restarts under a running interview: the server reconnects by itself, the
-    client resends what was not acknowledged, and nothing acknowledged is lost."""
-    session, url = new_session(server, token)
-    frames = [entry(f"r{i}", f"line {i}", i) for i in range(400)]
-
-    def restart():
-        subprocess.run(RESTART_DATABASE, shell=True, check=True, timeout=60)
-    acked = await send_and_collect(url, frames, 400, restart, 100)
-    for _ in range(20):  # as the program does: reconnect and resend what is still unacknowledged
+    frames = {f"{what}{i}": entry(f"{what}{i}", f"line {i}", i) for i in range(400)}
+    acked = await send_and_collect(url, list(frames.values()), 400, interrupt, 120)
+    for _ in range(20):
         if len(acked) == len(frames):
             break
         try:
-            acked |= await send_and_collect(url, [f for i, f in enumerate(frames) if f"r{i}" not in acked],
-                                            400 - len(acked))
-        except REFUSED:  # refused while the server reconnects
+            acked |= await send_and_collect(url, [f for i, f in frames.items() if i not in acked], 400 - len(acked))
+        except REFUSED:  # refused while the server reconnects to its database
             await asyncio.sleep(0.5)
     stored = {line["id"] for line in stored_lines(server, token, session)}
-    print(f"database restart: {len(acked)} acknowledged, {len(stored)} stored", flush=True)
-    check(len(acked) == len(frames), f"unacknowledged after the restart: {len(frames) - len(acked)}")
-    check(acked <= stored, f"acknowledged lines lost: {sorted(acked - stored)[:5]}")
-    health = json.loads(urllib.request.urlopen(server.base + "/health", timeout=10).read())
-    check(health.get("status") == "ok" and health.get("database") == "ok", f"health after the restart: {health}")
-    check(bool(new_session(server, token)[0]), "a new interview after the restart")
+    print(f"{what}: {len(acked)} acknowledged, {len(stored)} stored", flush=True)
+    check(len(acked) == len(frames), f"{what}: unacknowledged at the end: {len(frames) - len(acked)}")
+    check(acked <= stored, f"{what}: acknowledged lines lost: {sorted(acked - stored)[:5]}")
+
+
+def kill_and_restart(server):
+    server.process.send_signal(signal.SIGKILL)
+    server.process.wait()
+    server.start()
 
 
 def private_files(data):
@@ -253,8 +216,8 @@ async def two_servers(server, data):
     second = Server(data)
     second.start()
     try:
-        tokens = sign_in_tokens(server.base, {"action": "register", "email": "fourth@example.org",
-                                              "password": "pa55word!", "confirm": "pa55word!"})
+        tokens = sign_in(server.base, {"action": "register", "email": "fourth@example.org",
+                                       "password": "pa55word!", "confirm": "pa55word!"})
         refresh = {"refreshToken": tokens["refreshToken"]}
         rotated = api(second.base, None, "POST", "/api/v1/auth/refresh", refresh)
         # A retry of the same refresh on the other server within the grace gets the same new
@@ -278,31 +241,23 @@ async def two_servers(server, data):
 
 def operator_accounts(server, data):
     """With sign-up off, the operator creates accounts; the password comes from standard input."""
-    env = dict(os.environ, XDG_DATA_HOME=data)
-    database = ["--database", DATABASE] if DATABASE else []
-    created = subprocess.run([SERVER, *database, "--create-user", "ops@example.org"], input=b"pa55word!\n", env=env,
-                             capture_output=True, timeout=30)
+    def create():
+        return subprocess.run([SERVER, *ON_DATABASE, "--create-user", "ops@example.org"], input=b"pa55word!\n",
+                              env=dict(os.environ, XDG_DATA_HOME=data), capture_output=True, timeout=30)
+    created, again = create(), create()
     check(created.returncode == 0, f"--create-user: {created.returncode} {created.stderr!r}")
-    again = subprocess.run([SERVER, *database, "--create-user", "ops@example.org"], input=b"pa55word!\n", env=env,
-                           capture_output=True, timeout=30)
     check(again.returncode == 1 and b"already exists" in again.stderr, f"--create-user twice: {again.stderr!r}")
     check(b"pa55word" not in created.stderr + again.stderr, "the password is never printed")
     server.process.terminate()
     server.process.wait(timeout=10)
     server.start("--no-sign-up")
-    token = sign_in(server.base, {"action": "signin", "email": "ops@example.org", "password": "pa55word!"})
-    check(bool(token), "the operator's account signs in")
+    signed_in = sign_in(server.base, {"action": "signin", "email": "ops@example.org", "password": "pa55word!"})
+    check(isinstance(signed_in, dict) and signed_in["accessToken"], "the operator's account signs in")
     page = urllib.request.urlopen(server.base + "/auth/login?state=T1&mode=register").read().decode()
     check("Create an account" not in page and 'name="confirm"' not in page, "no sign-up form")
-    opener = urllib.request.build_opener(urllib.request.HTTPCookieProcessor(http.cookiejar.CookieJar()), NoRedirect)
-    csrf = re.search(r'name="csrf" value="([^"]+)"', opener.open(server.base + "/auth/login?state=T1").read().decode())
-    form = dict(action="register", email="third@example.org", password="pa55word!", confirm="pa55word!", state="T1",
-                csrf=csrf.group(1))
-    try:
-        opener.open(server.base + "/auth/login", urllib.parse.urlencode(form).encode())
-        check(False, "an account was created with sign-up off")
-    except urllib.error.HTTPError as refused:
-        check(refused.code == 403, f"sign-up refused with {refused.code}")
+    refused = sign_in(server.base, {"action": "register", "email": "third@example.org", "password": "pa55word!",
+                                    "confirm": "pa55word!"})
+    check(refused == 403, f"sign-up refused with {refused}")
 
 
 def main():
@@ -310,13 +265,17 @@ def main():
         server = Server(data)
         server.start()
         try:
-            token = sign_in(server.base, {"action": "local"})
+            token = sign_in(server.base, {"action": "local"})["accessToken"]
             other = sign_in(server.base, {"action": "register", "email": "second@example.org", "password": "pa55word!",
-                                          "confirm": "pa55word!"})
+                                          "confirm": "pa55word!"})["accessToken"]
             asyncio.run(socket_behaviour(server, token, other))
-            asyncio.run(killed_mid_stream(server, token))
+            asyncio.run(interrupted_mid_stream(server, token, "sigkill", lambda: kill_and_restart(server)))
             if RESTART_DATABASE:
-                asyncio.run(database_restarted_mid_stream(server, token))
+                # The database restarts under a running interview: the server reconnects by itself.
+                asyncio.run(interrupted_mid_stream(server, token, "database-restart", lambda: subprocess.run(
+                    RESTART_DATABASE, shell=True, check=True, timeout=60)))
+                health = api(server.base, None, "GET", "/health")
+                check(health.get("status") == "ok" and health.get("database") == "ok", f"health after the restart: {health}")
             private_files(data)
             if DATABASE:
                 asyncio.run(two_servers(server, data))

@@ -134,10 +134,6 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
         // The draft is in English, and says so when another language was asked for.
         {"Tell me about yourself.", true, "Offline draft in English", {"*~German"}, "de-DE"},
         {"Tell me about yourself.", true, "an introduction from your resume.", {}, "en-GB"},
-        {"Tell me about yourself.", true, "an introduction from your resume.", {}, "auto"},
-        {"Tell me about yourself.", true, "an introduction from your resume.", {}, "English"},
-        {"Walk me through your resume.", true, "an introduction from your resume."},
-        {"Tell me about a time you resolved a conflict between teams.", true, "a STAR answer", {"Action^Resolved a conflict"}},
         // Stories first, though one names a strength and the other starts like a technical one.
         {"Tell me about a time you showed your biggest strength as a mentor.", true, "a STAR answer", {"Action^Mentored four junior"}},
         {"What's the hardest problem you've solved in PostgreSQL?", true, "a STAR answer", {"Action^Optimized slow PostgreSQL"}},
@@ -149,8 +145,6 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
         {"How would you tune PostgreSQL performance?", true, "an outline for a technical answer."},
         {"Do you have experience with payments?", true, "an outline from your documents."},
         {"Tell me about a time you led a team.", false, noDocuments},
-        {"What is your biggest weakness?", false, noDocuments},
-        {"How would you design a cache?", false, noDocuments},
         {"Tell me about a time you sailed across the Atlantic.", true, "your documents have nothing on this, so fill in"},
         // clang-format on
     };
@@ -242,7 +236,7 @@ TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
 
 // Stems are what lets a question's "migrated" find the resume's "migration"; which line wins is
 // the draft test's.
-TEST(TextRankingTest, WordFormsShareAStemAndFunctionWordsAreNoTerms)
+TEST(TextRankingTest, WordFormsShareAStem)
 {
     for (const auto& [a, b] : {std::pair{"migrated", "migration"}, {"mentoring", "mentored"},
                                {"leadership", "leading"}, {"optimized", "optimization"},
@@ -250,10 +244,4 @@ TEST(TextRankingTest, WordFormsShareAStemAndFunctionWordsAreNoTerms)
                                {"deployments", "deploy"}, {"teams", "team"}})
         EXPECT_EQ(stemWord(QLatin1String(a)), stemWord(QLatin1String(b))) << a << " / " << b;
     EXPECT_NE(stemWord(u"process"_s), stemWord(u"product"_s));
-    EXPECT_EQ(contentTerms(u"Tell me about a time you used C++ and C# at Acme's office"),
-              (QStringList{u"used"_s, u"c++"_s, u"c#"_s, u"acm"_s, u"offic"_s}));
-    EXPECT_TRUE(contentTerms(u"What would you do, and why?").isEmpty());
-    RankingQuery query;
-    query.addText(u"Kubernetes"_s);
-    EXPECT_TRUE(Bm25Index({}).rank(query).isEmpty());
 }

@@ -1,6 +1,6 @@
-// The listen socket's wire without the recogniser. Message shapes in general, the versions and
-// turn order are the listen frames fuzz target's; here, the exact types the program reads and
-// the gap rule in audio time.
+// The listen socket's wire without the recogniser. Message shapes in general, the versions, turn
+// order, unasked-for partials and unknown control frames are the listen frames fuzz target's;
+// here, the exact types the program reads and the gap rule in audio time.
 #include "ListenSession.h"
 
 #include <QJsonArray>
@@ -62,12 +62,9 @@ TEST(DeepgramWireTest, ResultsCarryTheFieldsTheProgramReadsWithTheirTypesAndCont
                            DeepgramWire::parseControl(u"{\"type\": \"CloseStream\"}"_s),
                            DeepgramWire::parseControl(u"{\"type\":\"Finalize\"}"_s)}),
               (std::vector{Control::keepAlive, Control::closeStream, Control::finalize}));
-    for (const auto& garbage : {u""_s, u"KeepAlive"_s, u"[\"KeepAlive\"]"_s, u"{\"type\":7}"_s,
-                                u"{\"type\":\"keepalive\"}"_s, u"{\"type\":\"CloseStream\""_s})
-        EXPECT_EQ(DeepgramWire::parseControl(garbage), Control::unknown) << garbage.toStdString();
 }
 
-TEST(ListenSessionTest, VersionOneSendsAnUtteranceEndAfterTheGapInAudioTimeAndOnlyWhatWasAskedFor)
+TEST(ListenSessionTest, VersionOneSendsAnUtteranceEndAfterTheGapInAudioTime)
 {
     DeepgramWire::ListenRequest request;
     request.interimResults = true;
@@ -88,9 +85,4 @@ TEST(ListenSessionTest, VersionOneSendsAnUtteranceEndAfterTheGapInAudioTimeAndOn
               QStringList{u"Results F:long"_s});
     EXPECT_EQ(summary(session.closing({}, 20)), QStringList{u"Metadata"_s});
 
-    ListenSession plain(DeepgramWire::ListenRequest{}, u"r"_s);
-    EXPECT_EQ(summary(plain.heard(
-                  {heard(Kind::partial, u"a"_s, 0, 1), heard(Kind::final, u"a b"_s, 0, 1)}, 60)),
-              QStringList{u"Results FS:a b"_s})
-        << "no partials and no gap unless asked for";
 }

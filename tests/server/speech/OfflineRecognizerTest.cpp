@@ -1,5 +1,5 @@
-// The decoder alone. Garbage, odd frames and many decoders on their own threads at once are the
-// listen socket's suite, which drives the same decoders through the socket.
+// The decoder alone. Garbage, odd frames, the words heard and many decoders on their own threads
+// at once are the listen socket's suite, which drives the same decoders through the socket.
 #include "OfflineRecognizer.h"
 #include "SpokenAudio.h"
 
@@ -31,13 +31,7 @@ TEST(OfflineRecognizerTest, PartialsThenOneFinalAtThePauseInAudioTimeAndFinishEn
     EXPECT_EQ(events.front().kind, Kind::partial) << "a guess comes while the phrase is under way";
     const auto last = events.back();
     ASSERT_EQ(last.kind, Kind::final) << "the trailing second of silence ends the phrase";
-    QStringList finals;
-    for (const auto& event : events) {
-        if (event.kind == Kind::final)
-            finals << event.text;
-    }
-    EXPECT_GE(SpokenAudio::wordsHeard(question, finals.join(u' ')), 4)
-        << finals.join(u' ').toStdString();
+    // (What is heard is the listen socket's suite, through the same decoders.)
     const double total = recognizer.processedSeconds();
     EXPECT_NEAR(total, double(speech->size()) / 32000.0, 0.01);
     // Speech begins after half a second of silence.
