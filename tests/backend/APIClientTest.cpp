@@ -8,9 +8,6 @@
 #include "PdfTextExtractor.h"
 #include "QtPrinters.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -85,7 +82,7 @@ struct ScriptedPdfText final : PdfTextExtractor {
     }
 };
 
-enum class Call { status, exchange, speechToken, upload, answer, deleteJob };
+enum class Call { status, exchange, speechToken, upload, answer };
 } // namespace
 
 class APIClientTest : public ::testing::Test {
@@ -183,7 +180,6 @@ TEST_F(APIClientTest, FailuresOfTheCallTheRefreshAndTheRetry)
         {"AnswerNotHttp", answer, {garbage}, none, http(500), false, 0, false},
         // Cut off while the first chunks are held back for the log id.
         {"AnswerCutShort", answer, {cutAnswer}, none, "transport", false, 0, false},
-        {"Delete404", deleteJob, {reply(404)}, none, http(404), false, 0, true},
     };
     const auto resume = file(u"cv.md"_s, "# me");
     const std::map<Call, std::tuple<QByteArray, QByteArray, std::function<std::string()>>> calls{
@@ -193,10 +189,7 @@ TEST_F(APIClientTest, FailuresOfTheCallTheRefreshAndTheRetry)
         {speechToken,
          {"GET", "/api/v1/speech/token", [&] { return outcome(client.fetchSpeechToken()); }}},
         {upload, {"POST", uploadPath, [&] { return outcome(client.uploadResume(resume)); }}},
-        {answer, {"POST", answerPath, [&] { return outcome(client.streamAnswer(question)); }}},
-        {deleteJob, {"DELETE", "/api/v1/job-description/j1", [&] {
-                         return outcome(client.deleteJobDescription(u"j1"_s));
-                     }}}};
+        {answer, {"POST", answerPath, [&] { return outcome(client.streamAnswer(question)); }}}};
     for (const auto& row : cases) {
         SCOPED_TRACE(row.name);
         const auto& [method, path, call] = calls.at(row.call);
@@ -261,57 +254,29 @@ TEST_F(APIClientTest, ConcurrentCallsShareOneRefreshAndRetryWithTheNewToken)
     EXPECT_TRUE(failures.isEmpty());
 }
 
-// What calls send: JSON with absent values left out, never null, and an id kept in one path
-// segment, so "/" and "?" lead to no other route or query.
-TEST_F(APIClientTest, CallsSendTheirBodiesAndKeepAnIdInOnePathSegment)
+// An id stays in one path segment, so "/" and "?" lead to no other route or query. (What these
+// calls send is read by the real server in the whole-product and client contract tests.)
+TEST_F(APIClientTest, AnIdStaysInOnePathSegment)
 {
     signIn(u"A1"_s);
     const QString id = u"a/b?c d"_s;
     const QByteArray encoded = "a%2Fb%3Fc%20d";
-    const TranscriptEntry entry{u"E1"_s, TranscriptEntry::Speaker::interviewer, u"Hi"_s, 5, 0.5,
-                                true};
-    const std::tuple<QByteArray, QByteArray, std::function<std::string()>, QJsonObject> rows[] = {
-        {"PATCH",
-         "/api/v1/chat/log/" + encoded,
-         [&] { return outcome(client.saveAnswerLog(id, u"A"_s)); },
-         {{u"answer"_s, u"A"_s}}},
-        {"PUT",
-         "/api/v1/interview/session/" + encoded,
-         [&] { return outcome(client.completeSession(id, 0)); },
-         {{u"status"_s, u"completed"_s}, {u"sttAudioDurationMs"_s, 0}}},
-        {"POST",
-         "/api/v1/interview/session/" + encoded + "/transcript",
-         [&] { return outcome(client.postTranscript(id, {entry.uploadForm()})); },
-         {{u"entries"_s, QJsonArray{entry.uploadForm()}}}},
-        {"DELETE",
-         "/api/v1/resume/" + encoded,
-         [&] { return outcome(client.deleteResume(id)); },
-         {}},
-        {"DELETE",
-         "/api/v1/job-description/" + encoded,
-         [&] { return outcome(client.deleteJobDescription(id)); },
-         {}},
-        {"POST",
-         answerPath,
-         [&] {
-             return outcome(
-                 client.streamAnswer({u"Q?"_s, {entry.contextForm()}, u"S1"_s, {}, u"R9"_s, {}}));
-         },
-         {{u"question"_s, u"Q?"_s},
-          {u"sessionId"_s, u"S1"_s},
-          {u"resumeId"_s, u"R9"_s},
-          {u"context"_s,
-           QJsonArray{QJsonObject{{u"speaker"_s, u"interviewer"_s}, {u"content"_s, u"Hi"_s}}}}}},
+    const std::tuple<QByteArray, QByteArray, std::function<std::string()>> rows[] = {
+        {"PATCH", "/api/v1/chat/log/" + encoded,
+         [&] { return outcome(client.saveAnswerLog(id, u"A"_s)); }},
+        {"PUT", "/api/v1/interview/session/" + encoded,
+         [&] { return outcome(client.completeSession(id, 0)); }},
+        {"POST", "/api/v1/interview/session/" + encoded + "/transcript",
+         [&] { return outcome(client.postTranscript(id, {})); }},
+        {"DELETE", "/api/v1/resume/" + encoded, [&] { return outcome(client.deleteResume(id)); }},
+        {"DELETE", "/api/v1/job-description/" + encoded,
+         [&] { return outcome(client.deleteJobDescription(id)); }},
     };
-    for (const auto& [method, path, call, body] : rows) {
+    for (const auto& [method, path, call] : rows) {
         SCOPED_TRACE(path.toStdString());
         server.setRoute(method, path, reply(200, ""));
         EXPECT_EQ(call(), "ok");
-        ASSERT_EQ(server.requestCount(method, path), 1);
-        const auto request = server.requests(method, path).first();
-        EXPECT_EQ(QJsonDocument::fromJson(request.body).object(), body);
-        EXPECT_EQ(request.header("Content-Type"), body.isEmpty() ? "" : "application/json");
-        EXPECT_EQ(request.header("Authorization"), "Bearer A1");
+        EXPECT_EQ(server.requestCount(method, path), 1);
     }
 }
 
@@ -327,8 +292,6 @@ TEST_F(APIClientTest, ResumeUploadIsMultipartWithAPdfsTextByteForByte)
         {u"scan.pdf"_s, "%PDF", std::nullopt, "application/pdf", {}}, // images only
         {u"README"_s, "x", std::nullopt, "application/octet-stream", {}},
     };
-    static const QRegularExpression uuid(
-        u"^[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}$"_s);
     for (const auto& [name, content, text, type, textPart] : rows) {
         SCOPED_TRACE(name.toStdString());
         pdfText.text = text;
@@ -337,7 +300,6 @@ TEST_F(APIClientTest, ResumeUploadIsMultipartWithAPdfsTextByteForByte)
         const auto contentType = request.header("Content-Type");
         const auto boundary = contentType.mid(contentType.indexOf("boundary=") + 9);
         EXPECT_EQ(contentType, "multipart/form-data; boundary=" + boundary);
-        EXPECT_TRUE(uuid.match(QString::fromLatin1(boundary)).hasMatch()) << boundary.toStdString();
         QByteArray expected =
             "--" + boundary + "\r\nContent-Disposition: form-data; name=\"file\"; filename=\""
             + name.toUtf8() + "\"\r\nContent-Type: " + type + "\r\n\r\n" + content + "\r\n";
