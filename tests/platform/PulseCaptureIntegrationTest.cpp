@@ -1,6 +1,6 @@
 // Both capture services against a real sound server that the test starts for itself, to change
-// it and kill it. (Speech into each channel's sink, heard on that channel only, is the
-// whole-product test's.)
+// it and kill it; the CTest fixture "Pulse" lends it a private home and scratch folders. (Speech
+// into each channel's sink, heard on that channel only, is the whole-product test's.)
 
 #include "QtPrinters.h"
 
