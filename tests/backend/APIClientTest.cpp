@@ -8,6 +8,8 @@
 #include "PdfTextExtractor.h"
 #include "QtPrinters.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -252,29 +254,49 @@ TEST_F(APIClientTest, ConcurrentCallsShareOneRefreshAndRetryWithTheNewToken)
     EXPECT_TRUE(failures.isEmpty());
 }
 
-// An id stays in one path segment, so "/" and "?" lead to no other route or query. (What these
-// calls send is read by the real server in the whole-product and client contract tests.)
-TEST_F(APIClientTest, AnIdStaysInOnePathSegment)
+// What calls send: JSON with absent values left out, never null, and an id kept in one path
+// segment, so "/" and "?" lead to no other route or query. (A transcript post's body is read by
+// the real server in the client contract test.)
+TEST_F(APIClientTest, CallsSendTheirBodiesAndKeepAnIdInOnePathSegment)
 {
     signIn(u"A1"_s);
     const QString id = u"a/b?c d"_s;
     const QByteArray encoded = "a%2Fb%3Fc%20d";
-    const std::tuple<QByteArray, QByteArray, std::function<std::string()>> rows[] = {
+    const TranscriptEntry entry{u"E1"_s, TranscriptEntry::Speaker::interviewer, u"Hi"_s, 5, 0.5,
+                                true};
+    const std::tuple<QByteArray, QByteArray, std::function<std::string()>, QJsonObject> rows[] = {
         {"PATCH", "/api/v1/chat/log/" + encoded,
-         [&] { return outcome(client.saveAnswerLog(id, u"A"_s)); }},
+         [&] { return outcome(client.saveAnswerLog(id, u"A"_s)); }, {{u"answer"_s, u"A"_s}}},
         {"PUT", "/api/v1/interview/session/" + encoded,
-         [&] { return outcome(client.completeSession(id, 0)); }},
+         [&] { return outcome(client.completeSession(id, 0)); },
+         {{u"status"_s, u"completed"_s}, {u"sttAudioDurationMs"_s, 0}}},
         {"POST", "/api/v1/interview/session/" + encoded + "/transcript",
-         [&] { return outcome(client.postTranscript(id, {})); }},
-        {"DELETE", "/api/v1/resume/" + encoded, [&] { return outcome(client.deleteResume(id)); }},
+         [&] { return outcome(client.postTranscript(id, {})); }, {}},
+        {"DELETE", "/api/v1/resume/" + encoded, [&] { return outcome(client.deleteResume(id)); },
+         {}},
         {"DELETE", "/api/v1/job-description/" + encoded,
-         [&] { return outcome(client.deleteJobDescription(id)); }},
+         [&] { return outcome(client.deleteJobDescription(id)); }, {}},
+        {"POST", answerPath,
+         [&] {
+             return outcome(
+                 client.streamAnswer({u"Q?"_s, {entry.contextForm()}, u"S1"_s, {}, u"R9"_s, {}}));
+         },
+         {{u"question"_s, u"Q?"_s},
+          {u"sessionId"_s, u"S1"_s},
+          {u"resumeId"_s, u"R9"_s},
+          {u"context"_s,
+           QJsonArray{QJsonObject{{u"speaker"_s, u"interviewer"_s}, {u"content"_s, u"Hi"_s}}}}}},
     };
-    for (const auto& [method, path, call] : rows) {
+    for (const auto& [method, path, call, body] : rows) {
         SCOPED_TRACE(path.toStdString());
         server.setRoute(method, path, reply(200, ""));
         EXPECT_EQ(call(), "ok");
-        EXPECT_EQ(server.requestCount(method, path), 1);
+        ASSERT_EQ(server.requestCount(method, path), 1);
+        const auto request = server.requests(method, path).first();
+        if (!body.isEmpty()) {
+            EXPECT_EQ(QJsonDocument::fromJson(request.body).object(), body);
+            EXPECT_EQ(request.header("Content-Type"), "application/json");
+        }
     }
 }
 
