@@ -41,29 +41,16 @@ TEST(Iso8601Test, ParsesEachFormAndFormatsInUtc)
               u"2024-05-01T12:30:00Z"_s);
 }
 
-TEST(JsonTest, StrictTypesAndAbsentVersusNull)
+// (A wrong type, a missing key and a bad date in a record, with their messages, are the records
+// test's.)
+TEST(JsonTest, AbsentVersusNullAndWholeIntegers)
 {
-    const auto object = Json::parseObject(
-        R"({"n": 5, "f": 5.5, "big": 9007199254740993, "s": "5", "z": null, "b": true})");
-    EXPECT_EQ(Json::requireInt64(object, u"n"_s), 5);
+    const auto object = Json::parseObject(R"({"n": 5, "big": 9007199254740993, "z": null})");
     EXPECT_EQ(Json::requireInt64(object, u"big"_s), 9007199254740993LL)
         << "integers keep all 64 bits";
-    EXPECT_THROW(Json::requireInt64(object, u"f"_s), DecodingError);
-    EXPECT_THROW(Json::requireInt64(object, u"s"_s), DecodingError);
-    EXPECT_THROW(Json::requireString(object, u"n"_s), DecodingError);
-    EXPECT_THROW(Json::requireBool(object, u"n"_s), DecodingError);
     EXPECT_THROW(Json::requireString(object, u"z"_s), DecodingError);
     EXPECT_FALSE(Json::optionalString(object, u"z"_s));
     EXPECT_FALSE(Json::optionalString(object, u"missing"_s));
     EXPECT_THROW(Json::optionalString(object, u"n"_s), DecodingError) << "present but wrong type";
-    EXPECT_EQ(Json::requireDouble(object, u"n"_s), 5.0);
-
     EXPECT_THROW(Json::parseObject("[1]"), DecodingError);
-
-    try {
-        Json::requireDate(Json::parseObject(R"({"d": "soon"})"), u"d"_s);
-        FAIL() << "no error";
-    } catch (const DecodingError& e) {
-        EXPECT_EQ(e.message(), u"Invalid date: soon"_s);
-    }
 }

@@ -1,11 +1,10 @@
 // Global shortcuts through the desktop portal, against a stand-in portal on a private bus (a
 // small Python service implementing the documented interface): the session and the chords asked
-// for, a new registration when the trigger key changes, a refused shortcut, and the presses
-// coming back as key actions.
+// for, a new registration when the trigger key changes, a refused shortcut, and whose presses
+// count. (The real portal under KWin, and its presses as key actions, are the Wayland runs'.)
 
 #include "DesktopShortcuts.h"
 #include "GlobalShortcutsPortal.h"
-#include "LaunchArguments.h"
 #include "UserSettings.h"
 
 #include <QDBusConnectionInterface>
@@ -113,19 +112,19 @@ protected:
 };
 
 const AITriggerKey f5{96, false, std::nullopt, u"F5"_s};
-const AITriggerKey rightShift{60, true, 131072, u"Right Shift"_s};
 const AITriggerKey letterA{0, false, std::nullopt, u"A"_s};
 
-TEST_F(GlobalShortcutsPortalTest, SessionAndChordsAndANewRegistrationForEachTriggerKey)
+// A key that types nothing is asked for as it is; a letter (or a modifier, which the Wayland
+// runs show with the real portal) gets our chord, in a new session that replaces the old one.
+// A refused shortcut is reported and left out; a press for another program's session is not ours.
+TEST_F(GlobalShortcutsPortalTest, ANewSessionForEachTriggerKeyRefusalsAndOnlyOurPresses)
 {
     EXPECT_FALSE(GlobalShortcutsPortal::isAvailable(*m_bus)) << "a portal where none runs";
-    ASSERT_NO_FATAL_FAILURE(startFake());
+    ASSERT_NO_FATAL_FAILURE(startFake({u"--refuse"_s, u"select-down"_s}));
     EXPECT_TRUE(GlobalShortcutsPortal::isAvailable(*m_bus));
     GlobalShortcutsPortal portal(*m_bus);
 
-    // A key that types nothing is asked for as it is; a modifier or a letter gets our chord.
-    for (const auto& [key, trigger] : {std::pair(f5, u"F5"_s), {rightShift, u"CTRL+ALT+backslash"_s},
-                                       {letterA, u"CTRL+ALT+backslash"_s}}) {
+    for (const auto& [key, trigger] : {std::pair(f5, u"F5"_s), {letterA, u"CTRL+ALT+backslash"_s}}) {
         const qsizetype before = calls().size();
         ASSERT_TRUE(bindAndWait(portal, key)) << key.displayName.toStdString();
         const QJsonArray made = calls();
@@ -145,37 +144,19 @@ TEST_F(GlobalShortcutsPortalTest, SessionAndChordsAndANewRegistrationForEachTrig
         EXPECT_TRUE(steps[create + 1][1].toString().endsWith(u"/ravletai"_s));
         EXPECT_EQ(chords(steps[create + 1][2]), expected);
         EXPECT_EQ(portal.boundTriggers().value(u"trigger"_s), trigger);
-        EXPECT_EQ(portal.boundTriggers().size(), 5);
-        EXPECT_TRUE(portal.refused().isEmpty());
+        EXPECT_EQ(portal.boundTriggers().value(u"next-answer"_s), u"CTRL+ALT+bracketright"_s);
+        EXPECT_FALSE(portal.boundTriggers().contains(u"select-down"_s));
+        EXPECT_EQ(portal.refused(), QStringList{u"select-down"_s});
     }
-}
 
-TEST_F(GlobalShortcutsPortalTest, RefusedShortcutIsReportedAndPressesComeBackAsKeyActions)
-{
-    ASSERT_NO_FATAL_FAILURE(startFake({u"--refuse"_s, u"select-down"_s}));
-    GlobalShortcutsPortal portal(*m_bus);
-    ASSERT_TRUE(bindAndWait(portal, f5));
-    EXPECT_EQ(portal.refused(), QStringList{u"select-down"_s});
-    EXPECT_FALSE(portal.boundTriggers().contains(u"select-down"_s));
-    EXPECT_EQ(portal.boundTriggers().value(u"next-answer"_s), u"CTRL+ALT+bracketright"_s);
-
-    const QString session = calls()[1][1].toString();
+    const QString session = calls().last()[1].toString();
     QSignalSpy activated(&portal, &GlobalShortcutsPortal::activated);
-    // A press for another program's session is not ours; signals arrive in order, so the
-    // second press shows the first one was dropped.
+    // Signals arrive in order, so the second press shows the first one was dropped.
     fire(u"/org/freedesktop/portal/desktop/session/other/ravletai"_s, u"trigger"_s);
     fire(session, u"next-answer"_s);
     ASSERT_TRUE(activated.wait(5000));
     ASSERT_EQ(activated.size(), 1);
     EXPECT_EQ(activated[0][0].toString(), u"next-answer"_s);
-
-    const std::pair<const char16_t*, KeyAction> actions[] = {
-        {u"trigger", KeyAction::trigger},       {u"previous-answer", KeyAction::previousAnswer},
-        {u"next-answer", KeyAction::nextAnswer}, {u"select-up", KeyAction::selectUp},
-        {u"select-down", KeyAction::selectDown}};
-    for (const auto& [id, action] : actions)
-        EXPECT_EQ(DesktopShortcuts::actionOf(QString::fromUtf16(id)), action);
-    EXPECT_FALSE(DesktopShortcuts::actionOf(u"toggle-overlay"_s)) << "not a shortcut we register";
 }
 
 } // namespace

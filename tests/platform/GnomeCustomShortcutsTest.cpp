@@ -44,7 +44,8 @@ QString customKey(const QString& path, const QString& key)
 
 // On a private settings store (each test runs in its own process, and GIO reads the store's
 // place once): the user's own custom shortcut and a desktop binding the user changed are kept
-// and avoided, the six commands are added once, and only on GNOME.
+// and avoided, the six commands are added once, and only on GNOME. The changed binding is
+// written as "<Primary>", ours as "<Control>": the two are compared as the desktop reads them.
 TEST(GnomeCustomShortcuts, AddsTheCommandsBesideTheUsersOwnWithFreeChords)
 {
     QTemporaryDir home;
@@ -90,14 +91,4 @@ TEST(GnomeCustomShortcuts, AddsTheCommandsBesideTheUsersOwnWithFreeChords)
 
     shortcuts.add();
     EXPECT_EQ(quoted(gsettings({u"get"_s, mediaKeys, u"custom-keybindings"_s})), paths) << "added twice";
-}
-
-TEST(GnomeCustomShortcuts, ComparesAcceleratorsAsTheDesktopReadsThem)
-{
-    EXPECT_EQ(GnomeCustomShortcuts::normalised(u"<Primary><Alt>Page_Up"_s),
-              GnomeCustomShortcuts::normalised(u"<Alt><Control>page_up"_s));
-    EXPECT_EQ(GnomeCustomShortcuts::normalised(u"<Ctrl><Mod1>x"_s), GnomeCustomShortcuts::normalised(u"<Control><Alt>x"_s));
-    EXPECT_NE(GnomeCustomShortcuts::normalised(u"<Control><Alt>x"_s),
-              GnomeCustomShortcuts::normalised(u"<Control><Alt><Shift>x"_s));
-    EXPECT_NE(GnomeCustomShortcuts::normalised(u"<Super>Page_Up"_s), GnomeCustomShortcuts::normalised(u"Page_Up"_s));
 }

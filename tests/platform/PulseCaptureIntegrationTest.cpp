@@ -1,6 +1,6 @@
-// Both capture services against a real sound server: the private PulseAudio of the CTest
-// fixture "Pulse" (scripts/test-pulse.sh), or one a test starts for itself when it means to
-// change or kill it.
+// Both capture services against a real sound server that the test starts for itself, to change
+// it and kill it; the CTest fixture "Pulse" lends it a private home and scratch folders. (Speech
+// into each channel's sink, heard on that channel only, is the whole-product test's.)
 
 #include "QtPrinters.h"
 
@@ -15,17 +15,14 @@
 
 #include <QElapsedTimer>
 #include <QFile>
-#include <QFileInfo>
 #include <QLocalServer>
 #include <QProcess>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cmath>
 #include <csignal>
 
 using namespace Qt::StringLiterals;
@@ -43,26 +40,6 @@ void run(const QString& program, const QStringList& arguments)
         << program.toStdString() << " " << arguments.join(u' ').toStdString();
 }
 
-// Everything a stream delivered, each buffer checked to be what the recognisers take.
-struct Captured {
-    double seconds = 0;
-    std::size_t largestBuffer = 0;
-    float peak = 0;
-};
-Captured drain(const std::shared_ptr<AudioStream>& stream)
-{
-    Captured captured;
-    while (auto buffer = stream->tryNext()) {
-        EXPECT_EQ(buffer->sampleRate, 16000);
-        captured.seconds += double(buffer->frameLength()) / 16000;
-        captured.largestBuffer =
-            std::max(captured.largestBuffer, std::size_t(buffer->frameLength()));
-        for (const float sample : buffer->samples)
-            captured.peak = std::max(captured.peak, std::fabs(sample));
-    }
-    return captured;
-}
-
 QCoro::Task<bool> receivesAudio(std::shared_ptr<AudioStream> stream)
 {
     co_return (co_await stream->next()).has_value();
@@ -70,14 +47,12 @@ QCoro::Task<bool> receivesAudio(std::shared_ptr<AudioStream> stream)
 
 } // namespace
 
-class PulseCaptureIntegrationTest : public ::testing::TestWithParam<bool> {
+class PulseCaptureIntegrationTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
         state = qEnvironmentVariable("RAVLET_PULSE_STATE");
-        if (const auto missing =
-                usePrivateSoundServer(state, {u"paplay"_s, u"pactl"_s, u"espeak-ng"_s, u"sox"_s});
-            !missing.isEmpty())
+        if (const auto missing = usePrivateSoundServer(state, {u"pactl"_s}); !missing.isEmpty())
             GTEST_SKIP() << missing.toStdString();
     }
 
@@ -108,51 +83,6 @@ protected:
     QString state;
     QTemporaryDir scratch;
 };
-
-// Speech played into one channel's sink (the microphone's when the parameter says so) reaches
-// that channel's stream at 16 kHz, whole and in blocks of the designed size, and the other
-// channel, capturing meanwhile, hears none of it.
-TEST_P(PulseCaptureIntegrationTest, SpeechReachesItsChannelOnly)
-{
-    const bool intoMicrophone = GetParam();
-    const auto raw = scratch.filePath(u"raw.wav"_s), speech = scratch.filePath(u"speech.wav"_s);
-    run(u"espeak-ng"_s, {u"-w"_s, raw, u"Tell me about a time you solved a difficult problem."_s});
-    // At 48 kHz, with the 0.5 s of leading silence speech wants; -D: no dither, so that the
-    // silence stays silent.
-    run(u"sox"_s, {u"-D"_s, raw, u"-r"_s, u"48000"_s, speech, u"pad"_s, u"0.5"_s, u"0"_s});
-    const double fileSeconds =
-        double(QFileInfo(speech).size() - 44) / (48000 * 2); // 16-bit mono after its header
-
-    // No address: the session's server, the fixture's, through PULSE_SERVER.
-    AudioCaptureService capture([this] { return std::make_unique<PulseSystemAudioSource>(clock); });
-    MicrophoneService mic([this] { return std::make_unique<PulseMicrophoneSource>(clock); });
-    awaitTask(capture.start());
-    awaitTask(mic.start());
-    const Streams streams{capture.audioStream(), mic.audioStream()};
-    QProcess player; // with a short latency, so that it ends when its last sample has been played
-    player.start(u"paplay"_s,
-                 {u"--latency-msec=50"_s,
-                  u"--device="_s + stateValue(state, intoMicrophone ? "MIC_SINK" : "SYSTEM_SINK"),
-                  speech});
-    ASSERT_TRUE(QTest::qWaitFor([&] { return player.state() == QProcess::NotRunning; }, 30'000));
-    ASSERT_EQ(player.exitCode(), 0) << player.readAllStandardError().toStdString();
-    awaitTask(capture.stop());
-    awaitTask(mic.stop());
-
-    const auto heard = drain(streams[intoMicrophone ? 1 : 0]);
-    const auto other = drain(streams[intoMicrophone ? 0 : 1]);
-    EXPECT_GT(heard.peak, 0.1f) << "no speech in " << heard.seconds << " s";
-    EXPECT_NEAR(heard.seconds, fileSeconds, 0.1 * fileSeconds) << "samples lost or added";
-    // 100 ms blocks, or 4096 frames at 48 kHz through the capacity rule.
-    EXPECT_EQ(heard.largestBuffer, intoMicrophone ? 1365u : 1600u);
-    EXPECT_GT(other.seconds, 1.0) << "the other channel was capturing meanwhile";
-    EXPECT_LT(other.peak, 1e-3f) << "the channels are not isolated";
-}
-
-INSTANTIATE_TEST_SUITE_P(Channels, PulseCaptureIntegrationTest, ::testing::Bool(),
-                         [](const auto& info) {
-                             return std::string(info.param ? "Microphone" : "SystemAudio");
-                         });
 
 // On a server of the test's own: both rights come at once; a monitor as the default source is no
 // microphone; stopping is prompt and repeatable and a stopped capture starts again; the server
@@ -207,7 +137,8 @@ TEST_F(PulseCaptureIntegrationTest, OnItsOwnServerCaptureStopsRestartsAndOutlive
     ASSERT_EQ(::kill(own("PULSE_PID").toInt(), SIGKILL), 0);
     QTest::qWait(500); // what was already on its way may still arrive
     for (const auto& stream : streams)
-        drain(stream);
+        while (stream->tryNext()) {
+        }
     QTest::qWait(500);
     for (const auto& stream : streams)
         EXPECT_EQ(stream->bufferedCount(), 0u);

@@ -1,5 +1,6 @@
 // The microphone on a fake platform: the converter's output room at each input rate, the order
-// of the start and its failures, lost conversions, and stop, also while the platform answers.
+// of the start, lost conversions, and stop, also while the platform answers. (A refused start
+// and the stop after it run against a real sound server in the platform tests.)
 #include "MicrophoneService.h"
 #include "AwaitTask.h"
 #include "QtPrinters.h"
@@ -16,8 +17,6 @@ namespace {
 // What the fake platform saw; it outlives each engine, as a platform thread may.
 struct FakePlatform {
     double inputRate = 48000;
-    bool canConvert = true;
-    bool voiceProcessingFails = false;
     std::optional<std::optional<std::size_t>>
         conversionResult; // replaces every conversion's when set
     std::vector<std::size_t> capacities;
@@ -57,12 +56,7 @@ struct FakeMicrophoneSource final : MicrophoneSource {
     {
     }
     bool isVoiceProcessingEnabled() const override { return false; }
-    void setVoiceProcessingEnabled(bool) override
-    {
-        platform->calls.append(u"voiceProcessing"_s);
-        if (platform->voiceProcessingFails)
-            throw AudioSourceError(u"echo cancellation unavailable"_s);
-    }
+    void setVoiceProcessingEnabled(bool) override { platform->calls.append(u"voiceProcessing"_s); }
     QCoro::Task<double> inputSampleRate() override
     {
         auto platform = this->platform;
@@ -76,7 +70,7 @@ struct FakeMicrophoneSource final : MicrophoneSource {
     std::unique_ptr<SampleRateConverter> makeConverter(double inputRate, double outputRate) override
     {
         platform->calls.append(u"converter %1>%2"_s.arg(inputRate).arg(outputRate));
-        return platform->canConvert ? std::make_unique<FakeConverter>(platform.get()) : nullptr;
+        return std::make_unique<FakeConverter>(platform.get());
     }
     void installTap(std::size_t frames, TapBlock block) override
     {
@@ -148,36 +142,6 @@ TEST(MicrophoneConversionTest, OutputRoomFollowsTheRateRatioTruncated)
                 << "what the converter wrote";
             EXPECT_EQ(buffer->sampleRate, 16000);
         }
-    }
-}
-
-// A failed start leaves the platform unstarted and the engine for the caller's stop.
-TEST_F(MicrophoneServiceTest, EachFailureOfTheStartIsReported)
-{
-    const struct {
-        void (*arrange)(FakePlatform&);
-        QString text;
-    } failures[] = {
-        {[](FakePlatform& p) { p.inputRate = 0; }, u"No microphone input device found"_s},
-        {[](FakePlatform& p) { p.canConvert = false; },
-         u"Failed to create audio format converter"_s},
-        {[](FakePlatform& p) { p.voiceProcessingFails = true; },
-         u"echo cancellation unavailable"_s},
-    };
-    for (const auto& failure : failures) {
-        SCOPED_TRACE(failure.text.toStdString());
-        *platform = FakePlatform{};
-        failure.arrange(*platform);
-        try {
-            awaitTask(service.start());
-            ADD_FAILURE() << "start should have failed";
-        } catch (const AudioSourceError& error) {
-            EXPECT_EQ(error.description(), failure.text);
-        }
-        EXPECT_FALSE(platform->calls.contains(u"start"_s));
-        EXPECT_TRUE(service.isCapturing());
-        awaitTask(service.stop());
-        EXPECT_FALSE(service.isCapturing());
     }
 }
 

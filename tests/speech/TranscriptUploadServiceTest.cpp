@@ -91,10 +91,9 @@ TEST(TranscriptUploadURLTest, BuiltFromBaseTokenAndSession)
         const auto built = TranscriptUploadService::uploadURL(base, token, session);
         return built ? built->toString(QUrl::FullyEncoded) : u"none"_s;
     };
+    // (http to ws on the local server is the whole-product test's.)
     const auto path = u"/api/v1/interview/ws?token=t&sessionId=s"_s;
-    EXPECT_EQ(url(u"https://api.ravlet.ai"_s), u"wss://api.ravlet.ai"_s + path);
     EXPECT_EQ(url(u"https://host/base"_s), u"wss://host/base"_s + path);
-    EXPECT_EQ(url(u"host:9000"_s), u"ws://host:9000"_s + path);
     EXPECT_EQ(url(u"https://http://host"_s), u"wss://host"_s + path) << "every scheme prefix goes";
     // The query keeps "+", "/", "=", "&" and "?" and escapes a blank, "%" and UTF-8.
     EXPECT_EQ(url(u"http://h"_s, u"a b+c/d=e&f%g?\u00e9"_s, u"s 1"_s),
@@ -104,6 +103,7 @@ TEST(TranscriptUploadURLTest, BuiltFromBaseTokenAndSession)
 
 // Only final lines with text go out, in order, one text frame each; a line handed over before
 // the start goes first. JSON cannot hold NaN: that frame says nothing, so no ack can name it.
+// (The frame's fields are read by the real server in the client contract test.)
 TEST_F(TranscriptUploadServiceTest, FinalLinesWithTextGoOutAsFrames)
 {
     service->send(line(u"before-start"_s));
@@ -118,15 +118,8 @@ TEST_F(TranscriptUploadServiceTest, FinalLinesWithTextGoOutAsFrames)
     ASSERT_TRUE(
         waitFor([&] { return server.frames().size() == 4 && service->pendingIds().size() == 1; }));
     EXPECT_EQ(server.receivedIds(), (QStringList{u"before-start"_s, u"u1"_s, u"i1"_s, QString()}));
-    const auto& frames = server.frames();
-    EXPECT_FALSE(frames[1].isBinary);
-    EXPECT_EQ(frames[1].data,
-              R"({"confidence":0.93,"content":"I led the team","id":"u1","revision":1,)"
-              R"("speaker":"user","timestampMs":1700000000123,"type":"transcript_entry"})");
-    EXPECT_EQ(frames[2].data,
-              R"({"content":"a line","id":"i1","revision":1,"speaker":"interviewer",)"
-              R"("timestampMs":1700000000000,"type":"transcript_entry"})");
-    EXPECT_EQ(frames[3].data, "{}");
+    EXPECT_FALSE(server.frames()[1].isBinary);
+    EXPECT_EQ(server.frames()[3].data, "{}");
     EXPECT_EQ(ids(stop()), QStringList{u"nan"_s});
 }
 

@@ -178,20 +178,16 @@ struct OpenAI : PlainSocket {
              {},
              {u"[OpenAISTT] Transcription failed: audio unreadable"_s,
               u"[OpenAISTT] Transcription failed: Transcription failed"_s}},
-            {u"pt-BR"_s,
-             {},
+            {u"PT-br"_s,
+             u"gpt-4o-x"_s,
              path,
-             {sessionUpdate(mini + u",\"language\":\"pt\""_s)},
+             {sessionUpdate(u"\"model\":\"gpt-4o-x\",\"language\":\"pt\""_s)},
              {event(u"error"_s,
                     u"\"error\":{\"type\":\"invalid_request_error\",\"message\":\"Bad model\"}"_s),
               event(u"error"_s, u"\"error\":\"flat text\""_s)},
              {},
              {u"OpenAI disconnected: OpenAI error: Bad model"_s,
-              u"OpenAI disconnected: OpenAI error: Unknown error"_s}},
-            {u"ZH"_s,
-             u"gpt-4o-x"_s,
-             path,
-             {sessionUpdate(u"\"model\":\"gpt-4o-x\",\"language\":\"zh\""_s)}}};
+              u"OpenAI disconnected: OpenAI error: Unknown error"_s}}};
     }
 };
 
@@ -248,8 +244,7 @@ struct ElevenLabs : PlainSocket {
                   message(u"committed_transcript_with_timestamps"_s,
                           field(u"text"_s, u"Hello there."_s))},
                  {u"P:Hel"_s, u"P:Hello th"_s, u"F:Hello there."_s}},
-                {u"pt-BR"_s, {}, base + u"&language_code=pt"_s, {}, errors, {}, reasons},
-                {u"EN-us"_s, {}, base + u"&language_code=en"_s}};
+                {u"PT-br"_s, {}, base + u"&language_code=pt"_s, {}, errors, {}, reasons}};
     }
 };
 

@@ -163,26 +163,19 @@ void FakeBackend::send(QTcpSocket* socket, const Response& response)
 
 void FakeBackend::writePieces(QTcpSocket* socket, QList<QByteArray> pieces, int delayMs)
 {
+    // Without a delay every piece goes at once; with one, a piece at a time.
     QPointer<QTcpSocket> guarded(socket);
-    if (!guarded)
-        return;
-    if (pieces.isEmpty()) {
-        guarded->disconnectFromHost();
-        return;
+    while (!pieces.isEmpty()) {
+        guarded->write(pieces.takeFirst());
+        ++m_piecesSent;
+        if (delayMs > 0 && !pieces.isEmpty()) {
+            guarded->flush();
+            QTimer::singleShot(delayMs, this, [this, guarded, pieces, delayMs] {
+                if (guarded)
+                    writePieces(guarded, pieces, delayMs);
+            });
+            return;
+        }
     }
-    if (delayMs <= 0) {
-        for (const auto& piece : pieces)
-            guarded->write(piece);
-        m_piecesSent += int(pieces.size());
-        guarded->disconnectFromHost();
-        return;
-    }
-    guarded->write(pieces.takeFirst());
-    guarded->flush();
-    ++m_piecesSent;
-    QTimer::singleShot(delayMs, this,
-                       [this, guarded, pieces = std::move(pieces), delayMs]() mutable {
-                           if (guarded)
-                               writePieces(guarded, std::move(pieces), delayMs);
-                       });
+    guarded->disconnectFromHost();
 }

@@ -28,11 +28,10 @@ FakeTranscriptChannel::FakeTranscriptChannel(QObject* parent)
         qFatal("FakeTranscriptChannel cannot listen: %s", qPrintable(m_server->errorString()));
 }
 
+// Cut, so that a client still running sees the server vanish rather than say goodbye.
 FakeTranscriptChannel::~FakeTranscriptChannel()
 {
-    // Cut, so that a client still running sees the server vanish rather than say goodbye.
-    for (const auto& peer : m_peers)
-        cut(peer.get());
+    closeAbruptly();
 }
 
 int FakeTranscriptChannel::openConnectionCount() const

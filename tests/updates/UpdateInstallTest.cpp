@@ -33,9 +33,6 @@ TEST(UpdateInstallTest, ReplacesAHostilePathAndRunsNothingOfIt)
         QTest::qWaitFor([&] { return QFile::exists(h.installFolder + u"/started"_s); }, 15'000));
     EXPECT_EQ(readAll(h.installFolder + u"/version"_s), "B");
     EXPECT_FALSE(QFile::exists(h.installFolder + u"/only-in-A"_s));
-    // The package, the unpacked copy, the script and their folder are gone; so is nothing else.
-    EXPECT_TRUE(QTest::qWaitFor([&] { return entriesOf(h.workRoot).isEmpty(); }, 5000))
-        << entriesOf(h.workRoot).join(u", "_s).toStdString();
     QStringList pwned;
     for (QDirIterator it(h.root.path(), QDir::AllEntries | QDir::NoDotAndDotDot,
                          QDirIterator::Subdirectories);
@@ -48,7 +45,8 @@ TEST(UpdateInstallTest, ReplacesAHostilePathAndRunsNothingOfIt)
 }
 
 // An archive is read whole before anything is written: one entry that leaves the folder
-// refuses all of it. Links that stay inside are fine.
+// refuses all of it. Links that stay inside are fine. (An entry that climbs out with "../" is
+// the self-update test's.)
 TEST(UpdateInstallTest, ArchivesThatEscapeAreRefusedBeforeUnpacking)
 {
     QTemporaryDir root;
@@ -68,8 +66,6 @@ TEST(UpdateInstallTest, ArchivesThatEscapeAreRefusedBeforeUnpacking)
     const auto noUp = QStringList{u"--exclude=RavletAI/bin/up"_s, u"--sort=name"_s};
     const QList<std::tuple<const char*, QStringList, bool>> cases{
         {"a folder with links inside it", noUp, false},
-        {"an entry that climbs out", noUp + forge("RavletAI/version", "RavletAI/../../version"),
-         true},
         {"an absolute entry", noUp + forge("RavletAI/version", "/tmp/version"), true},
         {"a link to an absolute path", noUp + QStringList{u"etc-link"_s}, true},
         {"a relative link that climbs out", {}, true},

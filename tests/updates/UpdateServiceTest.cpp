@@ -1,3 +1,4 @@
+#include "ClockWait.h"
 #include "UpdateHarness.h"
 
 #include <QSignalSpy>
@@ -29,12 +30,11 @@ void packageB(UpdateHarness& h)
 }
 } // namespace
 
-// Each case checks once against the fake on the manual clock, then takes its step.
+// Each case checks once against the fake on the manual clock, then takes its step. (A package
+// that escapes its folder, refused and left for the user, is the self-update test's.)
 TEST(UpdateServiceTest, EdgeCases)
 {
     using enum Installation::Kind;
-    const auto escaping =
-        QStringList{u"-P"_s, u"--transform=s,^RavletAI-2.0.0/version$,../../version,"_s};
     // clang-format off
     const QList<EdgeCase> cases{
         {"an update without latest offers nothing, and the check succeeded", perUser,
@@ -43,9 +43,6 @@ TEST(UpdateServiceTest, EdgeCases)
          [](auto& h) { h.offer("x"); },
          [](auto& h) { EXPECT_FALSE(h.service->isForceUpdate()); h.service->dismiss(); },
          " | check:ok |  | "},
-        {"a forced update cannot be dismissed", perUser,
-         [](auto& h) { h.offer("x", {}, R"(,"forceUpdate":true)"); },
-         [](auto& h) { h.service->dismiss(); }, "2.0.0! | check:ok |  | "},
         {"a 500 that is not JSON fails the check, dates it and keeps the offer", perUser,
          [](auto& h) { h.offer("x"); },
          [](auto& h) {
@@ -84,10 +81,6 @@ TEST(UpdateServiceTest, EdgeCases)
              h.offer(h.package({u"RavletAI-2.0.0"_s}), QString(64, u'0'));
          },
          install, "2.0.0 | check:ok download:ok install:fail | /files/pkg?source=app&uid=u-7 | "},
-        {"a package that escapes its folder is refused and left for the user", perUser,
-         [&](auto& h) { packageB(h); h.offer(h.package({u"RavletAI-2.0.0"_s}, escaping)); },
-         install, "2.0.0 | check:ok download:ok install:fail | /files/pkg?source=app /files/pkg?source=app"
-                  " | RavletAI-2.0.0.tar.gz"},
     };
     // clang-format on
     for (const auto& c : cases) {
@@ -122,7 +115,8 @@ TEST(UpdateServiceTest, EdgeCases)
     }
 }
 
-// The address names the platform of the install; checks repeat every four hours of the clock.
+// Checks repeat every four hours of the clock. (The address is the launch test's, and a forced
+// update that stays through a dismissal the dashboard test's.)
 TEST(UpdateServiceTest, ChecksAtStartAndEveryFourHours)
 {
     UpdateHarness h(Installation::Kind::perUser);
@@ -130,13 +124,10 @@ TEST(UpdateServiceTest, ChecksAtStartAndEveryFourHours)
     const auto checks = [&] { return h.server.requests("GET", "/download/check-update"); };
     h.service->startPeriodicCheck();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !h.service->isChecking(); }, 5000));
-    EXPECT_EQ(checks().value(0).target, "/download/check-update?v=1.0.0&platform=linux");
-    h.clock.advance(UpdateService::checkInterval - 1ms);
-    QTest::qWait(50);
     EXPECT_EQ(checks().size(), 1);
-    h.clock.advance(1ms);
-    ASSERT_TRUE(
-        QTest::qWaitFor([&] { return checks().size() == 2 && !h.service->isChecking(); }, 5000));
+    ASSERT_TRUE(happensExactlyAfter(h.clock, UpdateService::checkInterval, [&] {
+        return checks().size() == 2 && !h.service->isChecking();
+    }));
     h.clock.advance(UpdateService::checkInterval);
     EXPECT_TRUE(
         QTest::qWaitFor([&] { return checks().size() == 3 && !h.service->isChecking(); }, 5000));
