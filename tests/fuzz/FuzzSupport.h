@@ -11,74 +11,32 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 namespace Fuzz {
 
-inline void ensureApplication()
-{
-    if (QCoreApplication::instance())
-        return;
-    static int argc = 1;
-    static char name[] = "fuzz";
-    static char* argv[] = {name, nullptr};
-    new QCoreApplication(argc, argv); // lives for the whole run
-}
-
 // An invariant of the product that does not hold: a finding, reported as a crash.
-[[noreturn]] inline void fail(const char* what, const QString& detail = {})
+inline void check(bool holds, const char* what, const QString& detail = {})
 {
+    if (holds)
+        return;
     std::fprintf(stderr, "invariant broken: %s %s\n", what, qPrintable(detail));
     std::abort();
 }
 
-inline void check(bool holds, const char* what, const QString& detail = {})
+// Text that survives a trip through UTF-8 unchanged: every surrogate in its pair, or a JSON body
+// or a database column would turn it into something else.
+inline void checkText(const QString& text, const char* what)
 {
-    if (!holds)
-        fail(what, detail);
+    check(text.isValidUtf16(), what, text);
 }
 
-// Text that survives a trip through UTF-8 unchanged: no lone surrogates, which a JSON body
-// or a database column would turn into something else.
-inline bool isValidUnicode(const QString& text)
+// Takes a byte of choices from the front of the input; the rest is data.
+inline uint8_t takeByte(QByteArray& input)
 {
-    // Every surrogate in its pair. (A round trip through UTF-8 cannot judge: QString::fromUtf8
-    // drops a leading U+FEFF.)
-    for (qsizetype i = 0; i < text.size(); ++i) {
-        if (text[i].isHighSurrogate() && i + 1 < text.size() && text[i + 1].isLowSurrogate())
-            ++i;
-        else if (text[i].isSurrogate())
-            return false;
-    }
-    return true;
+    const uint8_t byte = input.isEmpty() ? 0 : uint8_t(input.front());
+    input.remove(0, 1);
+    return byte;
 }
-
-// Consumes the input from the front: a byte of choices, then the rest as data.
-class Input {
-public:
-    Input(const uint8_t* data, size_t size)
-        : m_data(data)
-        , m_size(size)
-    {
-    }
-
-    uint8_t takeByte()
-    {
-        if (m_size == 0)
-            return 0;
-        --m_size;
-        return *m_data++;
-    }
-    QByteArray rest() const
-    {
-        return QByteArray(reinterpret_cast<const char*>(m_data), qsizetype(m_size));
-    }
-    QList<QByteArray> restLines() const { return rest().split('\n'); }
-
-private:
-    const uint8_t* m_data;
-    size_t m_size;
-};
 
 // The object a JSON text holds; empty for anything else.
 inline QJsonObject object(const QByteArray& json)
@@ -88,15 +46,18 @@ inline QJsonObject object(const QByteArray& json)
 
 } // namespace Fuzz
 
-// Defines libFuzzer's entry point around a body that reads the input from `input`, once the
-// application exists.
+// Defines libFuzzer's entry point around a body that reads the input's bytes from `input`, once the
+// one application of the run exists (never destroyed: the targets' own statics outlive it).
 #define FUZZ_TARGET(input)                                                                         \
-    static void fuzzOne(Fuzz::Input& input);                                                       \
+    static void fuzzOne(QByteArray& input);                                                        \
     extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)                        \
     {                                                                                              \
-        Fuzz::ensureApplication();                                                                 \
-        Fuzz::Input whole(data, size);                                                             \
+        static int argc = 1;                                                                       \
+        static char name[] = "fuzz";                                                               \
+        static char* argv[] = {name, nullptr};                                                     \
+        [[maybe_unused]] static auto* application = new QCoreApplication(argc, argv);              \
+        QByteArray whole(reinterpret_cast<const char*>(data), qsizetype(size));                    \
         fuzzOne(whole);                                                                            \
         return 0;                                                                                  \
     }                                                                                              \
-    static void fuzzOne(Fuzz::Input& input)
+    static void fuzzOne(QByteArray& input)

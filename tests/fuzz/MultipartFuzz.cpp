@@ -2,9 +2,8 @@
 #include "FuzzSupport.h"
 #include "Multipart.h"
 
-FUZZ_TARGET(input)
+FUZZ_TARGET(bytes)
 {
-    const auto bytes = input.rest();
     const auto newline = bytes.indexOf('\n');
     const auto contentType =
         "multipart/form-data; boundary=" + (newline < 0 ? bytes : bytes.left(newline));

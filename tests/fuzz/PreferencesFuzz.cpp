@@ -5,93 +5,67 @@
 #include "PreferencesStore.h"
 #include "UserSettings.h"
 
+#include <QMetaProperty>
+
 #include <cmath>
 
 namespace {
 
-struct Snapshot {
-    QString inputLanguage;
-    QString outputLanguage;
-    double overlayOpacity;
-    double overlayFontSize;
-    bool autoTrigger;
-    bool telemetry;
-    std::optional<QString> resumeId;
-    std::optional<QString> jobDescriptionId;
-    AITriggerKey triggerKey;
-    friend bool operator==(const Snapshot&, const Snapshot&) = default;
+// A store in memory holding what a file gave.
+struct Store : PreferencesStore {
+    explicit Store(std::map<QString, PreferenceValue> values = {}) { m_values = std::move(values); }
+    QByteArray file() const { return JsonPreferencesStore::serialize(m_values); }
 };
 
-Snapshot read(const UserSettings& settings)
+// Every setting: the properties the pages bind to, and the two active document ids.
+void copy(const UserSettings& from, UserSettings& to)
 {
-    return {settings.inputLanguage(),        settings.outputLanguage(),
-            settings.overlayOpacity(),       settings.overlayFontSize(),
-            settings.autoTriggerAIAnswers(), settings.sendAnonymousTelemetry(),
-            settings.activeResumeId(),       settings.activeJobDescriptionId(),
-            settings.aiTriggerKey()};
+    const auto* meta = from.metaObject();
+    for (int i = meta->propertyOffset(); i < meta->propertyCount(); ++i)
+        meta->property(i).write(&to, meta->property(i).read(&from));
+    to.setActiveResumeId(from.activeResumeId());
+    to.setActiveJobDescriptionId(from.activeJobDescriptionId());
 }
 
-void write(UserSettings& settings, const Snapshot& values)
+bool same(const UserSettings& a, const UserSettings& b)
 {
-    settings.setInputLanguage(values.inputLanguage);
-    settings.setOutputLanguage(values.outputLanguage);
-    settings.setOverlayOpacity(values.overlayOpacity);
-    settings.setOverlayFontSize(values.overlayFontSize);
-    settings.setAutoTriggerAIAnswers(values.autoTrigger);
-    settings.setSendAnonymousTelemetry(values.telemetry);
-    settings.setActiveResumeId(values.resumeId);
-    settings.setActiveJobDescriptionId(values.jobDescriptionId);
-    settings.setAITriggerKey(values.triggerKey);
-}
-
-std::map<QString, PreferenceValue> contents(const PreferencesStore& store)
-{
-    std::map<QString, PreferenceValue> values;
-    for (const auto& key : store.keys())
-        values.emplace(key, *store.value(key));
-    return values;
-}
-
-void fill(PreferencesStore& store, const std::map<QString, PreferenceValue>& values)
-{
-    for (const auto& [key, value] : values)
-        store.setValue(key, value);
+    const auto* meta = a.metaObject();
+    for (int i = meta->propertyOffset(); i < meta->propertyCount(); ++i)
+        if (meta->property(i).read(&a) != meta->property(i).read(&b))
+            return false;
+    return a.activeResumeId() == b.activeResumeId()
+           && a.activeJobDescriptionId() == b.activeJobDescriptionId();
 }
 
 } // namespace
 
 FUZZ_TARGET(input)
 {
-    const auto file = input.rest();
-    const auto values = JsonPreferencesStore::deserialize(file);
+    const auto values = JsonPreferencesStore::deserialize(input);
     if (!values)
         return; // the program keeps such a file aside and starts from defaults
 
     // The file as read must be written back as the same values.
-    const auto reread = JsonPreferencesStore::deserialize(JsonPreferencesStore::serialize(*values));
-    Fuzz::check(reread && *reread == *values,
+    Fuzz::check(JsonPreferencesStore::deserialize(Store(*values).file()) == values,
                 "stored values that do not survive a save and a load");
 
     NotificationCenter notifications;
-    PreferencesStore loaded;
-    fill(loaded, *values);
+    Store loaded(*values);
     const UserSettings fromFile(loaded, notifications);
-    const auto seen = read(fromFile);
-    Fuzz::check(std::isfinite(seen.overlayOpacity) && std::isfinite(seen.overlayFontSize),
+    Fuzz::check(std::isfinite(fromFile.overlayOpacity())
+                    && std::isfinite(fromFile.overlayFontSize()),
                 "a size or opacity that is not a finite number");
-    const auto key = AITriggerKey::fromJson(seen.triggerKey.toJson());
-    Fuzz::check(key && *key == seen.triggerKey,
+    const auto key = AITriggerKey::fromJson(fromFile.aiTriggerKey().toJson());
+    Fuzz::check(key == fromFile.aiTriggerKey(),
                 "a trigger key that does not survive its own coding");
 
     // What the settings read, assigned to fresh settings, saved to a file and read again.
-    PreferencesStore written;
+    Store written;
     UserSettings writer(written, notifications);
-    write(writer, seen);
-    const auto saved =
-        JsonPreferencesStore::deserialize(JsonPreferencesStore::serialize(contents(written)));
+    copy(fromFile, writer);
+    const auto saved = JsonPreferencesStore::deserialize(written.file());
     Fuzz::check(saved.has_value(), "a file the program writes and cannot read");
-    PreferencesStore reloaded;
-    fill(reloaded, *saved);
-    const UserSettings again(reloaded, notifications);
-    Fuzz::check(read(again) == seen, "a setting that reads back differently after it is saved");
+    Store reloaded(*saved);
+    Fuzz::check(same(UserSettings(reloaded, notifications), fromFile),
+                "a setting that reads back differently after it is saved");
 }

@@ -8,9 +8,7 @@
 #include "WebSocketSpeechProvider.h"
 #include FUZZ_PROVIDER_HEADER
 
-#include <QList>
-
-namespace Fuzz {
+#include <cmath>
 
 // Reaches the protected hooks the socket's receive loop calls, on the real vendor classes.
 struct ProviderAccess : WebSocketSpeechProvider {
@@ -18,40 +16,30 @@ struct ProviderAccess : WebSocketSpeechProvider {
     using WebSocketSpeechProvider::handleMessage;
 };
 
-inline void checkProviderOutput(WebSocketSpeechProvider& provider, const QString& vendorPrefix)
-{
-    while (auto segment = provider.transcriptSegments()->tryNext()) {
-        check(!segment->text.isEmpty(), "a segment with no text");
-        check(isValidUnicode(segment->text), "a segment whose text is not valid Unicode",
-              segment->text);
-        check(segment->speaker == provider.speaker(), "a segment of the other speaker");
-        if (segment->confidence)
-            check(std::isfinite(*segment->confidence), "a confidence that is not a finite number");
-    }
-    while (auto event = provider.recoveryEvents()->tryNext()) {
-        check(event->reason.startsWith(vendorPrefix), "a recovery reason without the vendor's name",
-              event->reason);
-        check(isValidUnicode(event->reason), "a recovery reason that is not valid Unicode",
-              event->reason);
-    }
-}
-
-} // namespace Fuzz
-
 // The first byte picks the speaker and the language (which for Deepgram picks the protocol);
 // the rest is frames, one per line.
 FUZZ_TARGET(input)
 {
-    using namespace Fuzz;
-    const auto choice = input.takeByte();
+    const auto choice = Fuzz::takeByte(input);
     static ManualClock clock;
     const auto speaker =
         (choice & 1) ? TranscriptEntry::Speaker::user : TranscriptEntry::Speaker::interviewer;
     FUZZ_PROVIDER provider(speaker, clock, QStringLiteral("wss://127.0.0.1:9"));
     const QString language = (choice & 2) ? QStringLiteral("en-US") : QStringLiteral("de-DE");
     (provider.*(&ProviderAccess::connection))(QStringLiteral("token"), language, std::nullopt);
-    for (const auto& frame : input.restLines()) {
+    for (const auto& frame : input.split('\n')) {
         (provider.*(&ProviderAccess::handleMessage))(QString::fromUtf8(frame));
-        checkProviderOutput(provider, QStringLiteral(FUZZ_VENDOR));
+        while (auto segment = provider.transcriptSegments()->tryNext()) {
+            Fuzz::check(!segment->text.isEmpty(), "a segment with no text");
+            Fuzz::checkText(segment->text, "a segment whose text is not valid Unicode");
+            Fuzz::check(segment->speaker == speaker, "a segment of the other speaker");
+            Fuzz::check(!segment->confidence || std::isfinite(*segment->confidence),
+                        "a confidence that is not a finite number");
+        }
+        while (auto event = provider.recoveryEvents()->tryNext()) {
+            Fuzz::check(event->reason.startsWith(QStringLiteral(FUZZ_VENDOR)),
+                        "a recovery reason without the vendor's name", event->reason);
+            Fuzz::checkText(event->reason, "a recovery reason that is not valid Unicode");
+        }
     }
 }

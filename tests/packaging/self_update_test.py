@@ -1,19 +1,18 @@
 #!/usr/bin/python3
-"""The program updates itself, as a user sees it: version A, installed for one user from its
-.tar.gz in a private home, finds version B offered by the real ravlet-server (--updates-dir) on
-its built-in origin; the user signs in, opens the dashboard, and presses Download & Install on
-the banner (by its accessible name, as a screen reader would). A ends, its folder is replaced,
-B starts by itself and shows its version in Help Center. Before that, a package with an entry
-that climbs out of the folder is offered and refused: nothing lands outside, A stays as it was,
-and the package is left in the user's downloads folder, as for any failed install.
-
-The built-in origin is http://127.0.0.1:8787, so the run takes a network namespace of its own
-(as root, with unshare) where nothing else listens there; elsewhere it runs only when that port
-is free. Exit code 77 means skipped.
-
-    self_update_test.py PACKAGES A ravlet-server screenshot-folder
-PACKAGES holds version A's RavletAI-A-linux-<arch>.tar.gz and one newer package, B's.
-"""
+# The program updates itself, as a user sees it: version A, installed for one user from its
+# .tar.gz in a private home, finds version B offered by the real ravlet-server (--updates-dir) on
+# its built-in origin; the user signs in, opens the dashboard, and presses Download & Install on
+# the banner (by its accessible name, as a screen reader would). A ends, its folder is replaced,
+# B starts by itself and shows its version in Help Center. Before that, a package with an entry
+# that climbs out of the folder is offered and refused: nothing lands outside, A stays as it was,
+# and the package is left in the user's downloads folder, as for any failed install.
+#
+# The built-in origin is http://127.0.0.1:8787, so the run takes a network namespace of its own
+# (as root, with unshare) where nothing else listens there; elsewhere it runs only when that port
+# is free. Exit code 77 means skipped.
+#
+#     self_update_test.py PACKAGES A ravlet-server screenshot-folder
+# PACKAGES holds version A's RavletAI-A-linux-<arch>.tar.gz and one newer package, B's.
 import glob, io, os, re, shutil, subprocess, sys, tarfile, tempfile, time, types
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
@@ -27,14 +26,12 @@ ESCAPE_NAME = "escaped-by-update"
 
 def version_of(package):
     match = re.match(r"RavletAI-(.+)-linux-[^-]+\.tar\.gz$", os.path.basename(package))
-    if not match:
-        raise SystemExit(f"{package} is not named RavletAI-<version>-linux-<arch>.tar.gz")
-    return match.group(1)
+    return match.group(1) if match else sys.exit(f"{package} is not named RavletAI-<version>-linux-<arch>.tar.gz")
 
 
 def hostile_package(folder, version, marker):
-    """A package shaped like ours whose one extra entry climbs three folders up: out of the
-    unpacked folder, out of the update's private folder, out of the temporary folder."""
+    # A package shaped like ours whose one extra entry climbs three folders up: out of the
+    # unpacked folder, out of the update's private folder, out of the temporary folder.
     path = os.path.join(folder, f"RavletAI-{version}-linux-x86_64.tar.gz")
     top = f"RavletAI-{version}-linux-x86_64"
     with tarfile.open(path, "w:gz") as archive:
@@ -80,7 +77,6 @@ def scene(desktop, old_package, new_package, server, shots):
     os.makedirs(updates)
     marker = os.path.join(scratch, "hostile-ran")
     hostile_path = hostile_package(updates, hostile, marker)
-    require(not healthy(ORIGIN), f"nothing answers at {ORIGIN} before the server")
     data = os.path.join(scratch, "server-data")
     os.makedirs(data)
     desktop.spawn([server, "--listen", f"127.0.0.1:{PORT}", "--updates-dir", updates], log="server.log",
@@ -120,11 +116,7 @@ def scene(desktop, old_package, new_package, server, shots):
     # Download & Install: A ends, its folder is replaced, B starts.
     old_pid = app.process.pid
     ui.press(DASHBOARD, INSTALL)
-    try:
-        ended = app.process.wait(timeout=90) == 0
-    except subprocess.TimeoutExpired:
-        ended = False
-    require(ended, "A ends by itself")
+    require(wait_until(lambda: app.process.poll() is not None, 90) and app.process.returncode == 0, "A ends by itself")
     require(wait_until(lambda: installed_version(program) == f"RavletAI {new}", 60),
             f"{folder} now holds version {new}")
     running = wait_until(lambda: [pid for pid in processes(program) if pid != old_pid], 60)
@@ -147,7 +139,7 @@ def scene(desktop, old_package, new_package, server, shots):
 
 
 def isolate():
-    """Re-runs this script in a network namespace of its own, where 127.0.0.1:8787 is free."""
+    # Re-runs this script in a network namespace of its own, where 127.0.0.1:8787 is free.
     if os.environ.get("RAVLET_PRIVATE_NETWORK") or os.geteuid() != 0 or not shutil.which("unshare"):
         return None
     command = ["unshare", "--net", "sh", "-c", 'ip link set lo up && exec "$0" "$@"', sys.executable, *sys.argv]
@@ -156,15 +148,14 @@ def isolate():
 
 def main(packages, old, server, shots):
     found = glob.glob(os.path.join(packages, "RavletAI-*-linux-*.tar.gz"))
-    old_package = [p for p in found if version_of(p) == old]
-    if len(found) != 2 or len(old_package) != 1:
+    olds = [p for p in found if version_of(p) == old]
+    if len(found) != 2 or len(olds) != 1:
         return print(f"{packages} does not hold version {old}'s package and one newer "
                      "(tests/packaging/build-update-packages.sh makes them): skipped") or 77
-    old_package = old_package[0]
-    new_package = next(p for p in found if p != old_package)
-    code = isolate()
-    if code is not None:
+    (old_package,), (new_package,) = olds, set(found) - set(olds)
+    if (code := isolate()) is not None:
         return code
+    # Checked here, in the private network too: nothing but the test's server may answer there.
     if healthy(ORIGIN):
         return print(f"something answers at {ORIGIN} already and no private network is possible: skipped") or 77
     os.makedirs(shots, exist_ok=True)
@@ -176,5 +167,5 @@ def main(packages, old, server, shots):
 
 if __name__ == "__main__":
     if len(sys.argv) != 5:
-        sys.exit(__doc__)
+        sys.exit("usage: self_update_test.py PACKAGES A ravlet-server screenshot-folder")
     sys.exit(main(*sys.argv[1:]))
