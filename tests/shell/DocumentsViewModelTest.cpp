@@ -29,8 +29,7 @@ protected:
     // Signed in with a real sign-in code.
     void SetUp() override
     {
-        const auto user = std::get<UserRecord>(
-            server.accounts->createAccount(u"docs@example.org"_s, u"long enough"_s));
+        const auto user = std::get<UserRecord>(server.accounts->createAccount(u"docs@example.org"_s, u"long enough"_s));
         auth.setApiClient(&client);
         awaitTask(auth.exchangeCode(server.accounts->issueCode(user.id)));
         ASSERT_TRUE(auth.isLoggedIn());

@@ -3,7 +3,7 @@
 // OverlayWindowTest.)
 
 #include "OverlayKeys.h"
-#include "KeySource.h"
+#include "TypedKeySource.h"
 #include "UserSettings.h"
 #include "X11KeyTable.h"
 
@@ -107,20 +107,6 @@ TEST(OverlayKeysTest, EveryKeyOfTheSettingsTablesHasItsKeysymAndBack)
 }
 
 } // namespace
-
-// A source whose keys the test types; it records when the desktop would be asked to report.
-class TypedKeySource final : public KeySource {
-public:
-    bool seesOtherPrograms() const override { return true; }
-    std::optional<quint16> localKeyCode(quint32) const override { return std::nullopt; }
-    void grabArrows(ArrowHandler) override {}
-    void releaseArrows() override {}
-    void type(quint16 code) { deliverKey(code, true); }
-    QList<bool> observing;
-
-protected:
-    void setObserving(bool on) override { observing.append(on); }
-};
 
 // Readers come and go in any order, one may drop another while a key is on its way, and a
 // subscription may outlive its source; the desktop reports keys exactly while anyone listens.

@@ -34,27 +34,17 @@ protected:
     OverlayModelTest() { h.settings.setAutoTriggerAIAnswers(false); }
 
     // A final line of its own: more than the utterance gap after the speaker's last one.
-    void line(Speaker speaker, const QString& text)
-    {
-        h.passTime(6s);
-        h.say(speaker, text);
-    }
-    QVariant rowValue(int row, int role) const
-    {
-        return overlay.transcriptRows()->index(row).data(role);
-    }
+    void line(Speaker speaker, const QString& text) { h.passTime(6s); h.say(speaker, text); }
+    QVariant rowValue(int row, int role) const { return overlay.transcriptRows()->index(row).data(role); }
 
     InterviewHarness h;
     qsizetype resumes = 0;
     bool resumeRequestFails = false;
-    OverlayViewModel overlay{
-        OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock,
-                                   [this] { return resumeCount(resumes, resumeRequestFails); }}};
+    OverlayViewModel overlay{OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock,
+                                                        [this] { return resumeCount(resumes, resumeRequestFails); }}};
     // Attached while both lists are still empty, so every change they make is checked.
-    QAbstractItemModelTester rowsTester{overlay.transcriptRows(),
-                                        QAbstractItemModelTester::FailureReportingMode::Fatal};
-    QAbstractItemModelTester answersTester{overlay.answers(),
-                                           QAbstractItemModelTester::FailureReportingMode::Fatal};
+    QAbstractItemModelTester rowsTester{overlay.transcriptRows(), QAbstractItemModelTester::FailureReportingMode::Fatal};
+    QAbstractItemModelTester answersTester{overlay.answers(), QAbstractItemModelTester::FailureReportingMode::Fatal};
 };
 
 // What the panel draws from plain values: the rows' shading, the divider's limits and the
@@ -63,19 +53,15 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
 {
     // Row, rows, opacity. Of six, the second would reach zero by the formula and stays at the
     // floor.
-    const std::array<double, 3> rows[] = {{0, 1, 1},    {0, 0, 1},    {0, 2, 0.75},
-                                          {0, 6, 0.25}, {1, 6, 0.25}, {2, 6, 0.25},
-                                          {3, 6, 0.5},  {4, 6, 0.75}, {5, 6, 1}};
+    const std::array<double, 3> rows[] = {{0, 1, 1},    {0, 0, 1},    {0, 2, 0.75}, {0, 6, 0.25}, {1, 6, 0.25},
+                                          {2, 6, 0.25}, {3, 6, 0.5},  {4, 6, 0.75}, {5, 6, 1}};
     for (const auto& [row, count, opacity] : rows)
-        EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(int(row), int(count)), opacity)
-            << row << " of " << count;
+        EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(int(row), int(count)), opacity) << row << " of " << count;
     // Upper height, drag, total, new upper height. Of 600 the upper area can be 40 to 560 high;
     // too small for both, it keeps its minimum.
-    const std::array<double, 4> drags[] = {
-        {120, 50, 600, 170}, {120, -500, 600, 40}, {120, 900, 600, 560}, {30, 10, 60, 40}};
+    const std::array<double, 4> drags[] = {{120, 50, 600, 170}, {120, -500, 600, 40}, {120, 900, 600, 560}, {30, 10, 60, 40}};
     for (const auto& [upper, by, total, expected] : drags)
-        EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected)
-            << upper << " " << by;
+        EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected) << upper << " " << by;
 
     // Of 600 the answer keeps 120 however far down the divider stands; a panel with less than
     // that for both areas has no upper area.
@@ -96,8 +82,7 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
         {-1, {}, false, {{}, false, placeholder, u"–/3"_s, false, false}},
     };
     const auto fields = [](const OverlayViewModel::AnswerView& v) {
-        return std::tuple(v.text, v.isStreaming, int(v.state), v.position, v.hasPrevious,
-                          v.hasNext);
+        return std::tuple(v.text, v.isStreaming, int(v.state), v.position, v.hasPrevious, v.hasNext);
     };
     for (const auto& [selected, text, streaming, view] : cases)
         EXPECT_EQ(fields(OverlayViewModel::answerViewOf(selected, 3, text, streaming)), fields(view))

@@ -32,14 +32,8 @@ namespace {
 using DisplayFixture::tool;
 using Speaker = TranscriptEntry::Speaker;
 
-QString xprop(const QStringList& arguments)
-{
-    return tool(u"xprop"_s, arguments).value_or(QString());
-}
-QString activeWindow()
-{
-    return tool(u"xdotool"_s, {u"getactivewindow"_s}).value_or(QString());
-}
+QString xprop(const QStringList& arguments) { return tool(u"xprop"_s, arguments).value_or(QString()); }
+QString activeWindow() { return tool(u"xdotool"_s, {u"getactivewindow"_s}).value_or(QString()); }
 
 // The real pointer of the display, so the window manager sees it too: a press at the item's
 // centre (or `fromX` along it), a move by `by` in two steps (past the drag threshold, then on)
@@ -48,14 +42,12 @@ bool pointer(QQuickItem* item, QPoint by = {}, std::optional<qreal> fromX = {})
 {
     if (!item)
         return false;
-    const QPoint from =
-        item->mapToGlobal({fromX.value_or(item->width() / 2), item->height() / 2}).toPoint();
+    const QPoint from = item->mapToGlobal({fromX.value_or(item->width() / 2), item->height() / 2}).toPoint();
     QStringList steps;
     for (const int step : {0, -1, 1, 10}) {
-        steps += step < 0
-                     ? QStringList{u"mousedown"_s, u"1"_s}
-                     : QStringList{u"mousemove"_s, QString::number(from.x() + by.x() * step / 10),
-                                   QString::number(from.y() + by.y() * step / 10)};
+        steps += step < 0 ? QStringList{u"mousedown"_s, u"1"_s}
+                          : QStringList{u"mousemove"_s, QString::number(from.x() + by.x() * step / 10),
+                                        QString::number(from.y() + by.y() * step / 10)};
         steps += {u"sleep"_s, u"0.2"_s};
     }
     return tool(u"xdotool"_s, steps + QStringList{u"mouseup"_s, u"1"_s}).has_value();
@@ -66,16 +58,9 @@ bool pointer(QQuickItem* item, QPoint by = {}, std::optional<qreal> fromX = {})
 class VideoCall : public QProcess {
 public:
     VideoCall() { start(QStringLiteral(RAVLET_VIDEO_CALL)); }
-    ~VideoCall() override
-    {
-        kill();
-        waitForFinished();
-    }
+    ~VideoCall() override { kill(); waitForFinished(); }
     QString window() { return output().section(u"window "_s, 1, 1).section(u'\n', 0, 0); }
-    int presses(const char* keysym)
-    {
-        return int(output().count(u"\npress "_s + QLatin1String(keysym) + u'\n'));
-    }
+    int presses(const char* keysym) { return int(output().count(u"\npress "_s + QLatin1String(keysym) + u'\n')); }
     bool lostFocus() { return output().contains(u"\nfocus out\n"_s); }
 
 private:
@@ -99,13 +84,9 @@ protected:
         environment.remove(u"DBUS_SESSION_BUS_ADDRESS"_s);
         s_windowManager->setProcessEnvironment(environment);
         s_windowManager->start(u"openbox"_s, {u"--sm-disable"_s});
-        s_hasWindowManager = s_windowManager->waitForStarted(5000)
-                             && QTest::qWaitFor(
-                                 [] {
-                                     return xprop({u"-root"_s, u"_NET_SUPPORTING_WM_CHECK"_s})
-                                         .contains(u"window id"_s);
-                                 },
-                                 10000);
+        s_hasWindowManager = s_windowManager->waitForStarted(5000) && QTest::qWaitFor([] {
+            return xprop({u"-root"_s, u"_NET_SUPPORTING_WM_CHECK"_s}).contains(u"window id"_s);
+        }, 10000);
     }
     static void TearDownTestSuite()
     {
@@ -117,15 +98,13 @@ protected:
     {
         if (const auto reason = DisplayFixture::skipReason())
             GTEST_SKIP() << *reason;
-        ASSERT_TRUE(s_hasWindowManager)
-            << "openbox did not start (scripts/install-deps.sh installs it)";
+        ASSERT_TRUE(s_hasWindowManager) << "openbox did not start (scripts/install-deps.sh installs it)";
     }
 
     void open(const QString& language)
     {
         h.strings.setLanguageCode(language);
-        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft
-                                                                      : Qt::LeftToRight);
+        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft : Qt::LeftToRight);
         h.settings.setAutoTriggerAIAnswers(false);
         overlay = std::make_unique<OverlayViewModel>(OverlayViewModel::Services{
             h.vm, h.settings, h.strings, h.notifications, h.clock, []() -> QCoro::Task<qsizetype> {
@@ -139,16 +118,11 @@ protected:
         windows.show(ShellWindows::Panel::overlay);
         h.notifications.post(Notifications::overlayVisibilityChanged, true);
         ASSERT_TRUE(QTest::qWaitForWindowExposed(window));
-        tool(u"xdotool"_s,
-             {u"mousemove"_s, u"5"_s, u"5"_s}); // no tool tip from where a test left the pointer
+        tool(u"xdotool"_s, {u"mousemove"_s, u"5"_s, u"5"_s}); // no tool tip from where a test left the pointer
     }
 
     // A final line of its own: more than the utterance gap after the speaker's last one.
-    void line(Speaker speaker, const QString& text)
-    {
-        h.passTime(6s);
-        h.say(speaker, text);
-    }
+    void line(Speaker speaker, const QString& text) { h.passTime(6s); h.say(speaker, text); }
 
     void answer(const QString& text)
     {

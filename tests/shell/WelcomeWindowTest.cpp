@@ -31,8 +31,7 @@ protected:
     void launch(const QString& language, bool noticeSeen = true)
     {
         h.strings.setLanguageCode(language);
-        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft
-                                                                      : Qt::LeftToRight);
+        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft : Qt::LeftToRight);
         h.preferences.setBool(UserSettings::Keys::telemetryNoticeShown, noticeSeen);
         windows.setAllWorkspaces(showOnAllWorkspaces);
         DelegateRig::launch(windows);
@@ -43,8 +42,7 @@ protected:
     // A right's row, as a screen reader names it: its label, then its state or its button.
     QQuickItem* row(const char* label, const char* state) const
     {
-        return findByAccessibleName(welcome, h.strings.text(QString::fromLatin1(label)) + u": "_s
-                                                 + h.strings.text(QString::fromLatin1(state)));
+        return findByAccessibleName(welcome, h.strings.text(QString::fromLatin1(label)) + u": "_s + h.strings.text(QString::fromLatin1(state)));
     }
 
     // The hints that keep a window on every workspace, as the overlay has them.
@@ -60,8 +58,7 @@ protected:
     QQuickWindow* welcome = nullptr;
 };
 
-class WelcomeLanguageTest : public WindowsTest,
-                            public ::testing::WithParamInterface<const char*> {};
+class WelcomeLanguageTest : public WindowsTest, public ::testing::WithParamInterface<const char*> {};
 
 // Right to left in Arabic: a row's trailing control sits on the left.
 TEST_P(WelcomeLanguageTest, ShowsEachRightsStateInTheLanguageAndItsDirection)
