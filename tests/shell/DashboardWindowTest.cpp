@@ -149,8 +149,7 @@ TEST_P(DashboardPagesTest, GeneralShowsTheLastRecoverableError)
     awaitTask(interview.startInterview());
     ASSERT_TRUE(interview.isRecording()) << interview.statusMessage().toStdString();
     // The speech channel drops and cannot get a new token: a recoverable error, kept.
-    h.backend->speechTokenFailures.failAlways(
-        std::make_exception_ptr(APIError::serverError(503)));
+    h.backend->speechTokenFailures.failAlways(std::make_exception_ptr(APIError::serverError(503)));
     h.fail(InterviewHarness::Speaker::interviewer, u"WebSocket closed with code 1006"_s);
     h.passTime(std::chrono::milliseconds(500));
     ASSERT_TRUE(interview.lastRecoverableError().has_value());

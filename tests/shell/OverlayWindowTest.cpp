@@ -246,9 +246,7 @@ TEST_F(OverlayWindowTest, NewLinesScrollTheTranscriptToTheEndWhileAQuestionIsSel
         [&] { return (list = DisplayFixture::findByAccessibleName(window, name)) != nullptr; }, 5000));
     const auto at = [&](const char* property) { return list->property(property).toReal(); };
     // The newest row in full view (the list's bottom padding may stay below it).
-    const auto atEnd = [&] {
-        return at("contentY") + list->height() + 0.5 >= at("originY") + at("contentHeight");
-    };
+    const auto atEnd = [&] { return at("contentY") + list->height() + 0.5 >= at("originY") + at("contentHeight"); };
     const auto where = [&] { return std::to_string(at("contentY")) + " of " + std::to_string(at("contentHeight")); };
     ASSERT_TRUE(QTest::qWaitFor([&] { return list->property("count").toInt() == 5 && atEnd(); }, 5000)) << where();
     ASSERT_GT(at("contentHeight"), 2 * list->height()) << "the list must overflow";
@@ -273,8 +271,7 @@ struct Sample {
     friend void PrintTo(const Sample& sample, std::ostream* out) { *out << sample.language; }
 };
 
-class OverlayLanguageTest : public OverlayWindowTest,
-                            public ::testing::WithParamInterface<Sample> {};
+class OverlayLanguageTest : public OverlayWindowTest, public ::testing::WithParamInterface<Sample> {};
 
 // Mirrored in Arabic: the controls of the top bar sit on the left.
 TEST_P(OverlayLanguageTest, DrawsTranscriptAnswerAndTipInTheLanguageAndItsDirection)
@@ -299,12 +296,9 @@ TEST_P(OverlayLanguageTest, DrawsTranscriptAnswerAndTipInTheLanguageAndItsDirect
 INSTANTIATE_TEST_SUITE_P(
     Languages, OverlayLanguageTest,
     ::testing::Values(
-        Sample{"en", u"Tell me about a project you are proud of.",
-               u"I rebuilt our audio pipeline and kept latency under 200 ms."},
-        Sample{"zh", u"请介绍一个你引以为豪的项目。",
-               u"我重建了音频处理流程，并把延迟保持在 200 毫秒以内。"},
-        Sample{"ar", u"حدثني عن مشروع تفخر به.",
-               u"أعدت بناء مسار معالجة الصوت وأبقيت زمن الاستجابة أقل من 200 ملي ثانية."}),
+        Sample{"en", u"Tell me about a project you are proud of.", u"I rebuilt our audio pipeline and kept latency under 200 ms."},
+        Sample{"zh", u"请介绍一个你引以为豪的项目。", u"我重建了音频处理流程，并把延迟保持在 200 毫秒以内。"},
+        Sample{"ar", u"حدثني عن مشروع تفخر به.", u"أعدت بناء مسار معالجة الصوت وأبقيت زمن الاستجابة أقل من 200 ملي ثانية."}),
     [](const auto& info) { return std::string(info.param.language); });
 
 } // namespace

@@ -102,8 +102,7 @@ struct DelegateRig {
                 shell.log.append(u"make token store"_s);
                 auto store = std::make_unique<InMemoryTokenStore>();
                 if (returning)
-                    awaitTask(store->saveTokens(accessTokenFor(u"u-9"_s, u"back@example.com"_s),
-                                                u"refresh-1"_s));
+                    awaitTask(store->saveTokens(accessTokenFor(u"u-9"_s, u"back@example.com"_s), u"refresh-1"_s));
                 tokens = store.get();
                 return store;
             },

@@ -108,8 +108,7 @@ TEST_F(WindowsTest, RightThatAppearsTurnsItsRowToGrantedAtTheNextPoll)
     InterviewHarness::settle();
     EXPECT_FALSE(row("label.screen_recording", "label.granted")) << "changed before the next poll";
     h.clock.advance(WelcomeViewModel::pollInterval);
-    EXPECT_TRUE(QTest::qWaitFor(
-        [&] { return row("label.screen_recording", "label.granted") != nullptr; }, 5000));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return row("label.screen_recording", "label.granted") != nullptr; }, 5000));
     windows.hide(ShellWindows::Panel::welcome);
     EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->welcome()->isPolling(); }, 2000))
         << "the timer outlived the panel";
