@@ -8,7 +8,6 @@
 #include "TranscriptRowsModel.h"
 
 #include <QAbstractItemModelTester>
-#include <QSignalSpy>
 
 #include <gtest/gtest.h>
 
@@ -97,7 +96,6 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
 // answer grows in place and the trigger waits for it.
 TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
 {
-    QSignalSpy hint(&overlay, &OverlayViewModel::hintChanged);
     EXPECT_EQ(overlay.hintText(), u"Press Right Shift to trigger AI after interviewer speaks"_s);
     h.settings.setAITriggerKey(AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
     EXPECT_EQ(overlay.hintText(), u"Press F5 to trigger AI after interviewer speaks"_s);
@@ -109,7 +107,6 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
     EXPECT_TRUE(overlay.showsHint());
     h.say(Speaker::interviewer, u"So"_s, false);
     EXPECT_FALSE(overlay.showsHint());
-    EXPECT_EQ(hint.count(), 2);
 
     for (int k = 0; k < 5; ++k)
         line(k % 2 ? Speaker::user : Speaker::interviewer, u"Line "_s + QString::number(k));
@@ -125,11 +122,9 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
     overlay.dragDivider(0, 10, 0);
     EXPECT_DOUBLE_EQ(overlay.dividerRatio(), ratio);
 
-    QSignalSpy trigger(&overlay, &OverlayViewModel::canTriggerChanged);
     h.vm.triggerAIAnswer();
     InterviewHarness::settle();
     EXPECT_FALSE(overlay.canTrigger());
-    EXPECT_GE(trigger.count(), 1);
     EXPECT_EQ(overlay.answerState(), AnswerState::generating);
 
     // Each chunk reaches the list's one row, in place, and the answer area.
