@@ -15,9 +15,6 @@ namespace PrivateKeyring {
 // it throws: running against the session's keyring is never an option.
 std::optional<std::string> attach();
 
-// Whether secret-tool (libsecret-tools), which looks at the keyring past our code, is installed.
-bool hasSecretTool();
-
 // How QtKeychain keeps an item's bytes: binary data base64-encoded (what we write), text as is.
 enum class Form { Base64, PlainText };
 

@@ -20,8 +20,7 @@ std::optional<std::string> g_skipReason;
 QByteArray stateValue(const QString& stateFile, const QByteArray& key)
 {
     QFile file(stateFile);
-    for (const auto& line :
-         file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QByteArrayList()) {
+    for (const auto& line : file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QByteArrayList()) {
         if (line.startsWith(key + '='))
             return line.mid(key.size() + 1);
     }
@@ -38,11 +37,9 @@ void DisplayFixture::attach()
     const auto missing = stateValue(state, "MISSING");
     const auto display = stateValue(state, "DISPLAY");
     if (!missing.isEmpty() || display.isEmpty()) {
-        g_skipReason =
-            state.isEmpty() ? "RAVLET_DISPLAY_STATE is not set: run through CTest"
-            : !missing.isEmpty()
-                ? missing.toStdString() + " is not installed (scripts/install-deps.sh installs it)"
-                : "the display fixture did not start";
+        g_skipReason = state.isEmpty()     ? "RAVLET_DISPLAY_STATE is not set: run through CTest"
+                       : !missing.isEmpty() ? missing.toStdString() + " is not installed (scripts/install-deps.sh installs it)"
+                                            : "the display fixture did not start";
         return;
     }
     qputenv("DISPLAY", display);
@@ -50,10 +47,7 @@ void DisplayFixture::attach()
     qputenv("QT_QUICK_BACKEND", "software");
 }
 
-std::optional<std::string> DisplayFixture::skipReason()
-{
-    return g_skipReason;
-}
+std::optional<std::string> DisplayFixture::skipReason() { return g_skipReason; }
 
 std::optional<QString> DisplayFixture::tool(const QString& program, const QStringList& arguments)
 {

@@ -8,7 +8,6 @@
 #include "TranscriptRowsModel.h"
 
 #include <QAbstractItemModelTester>
-#include <QSignalSpy>
 
 #include <gtest/gtest.h>
 
@@ -34,27 +33,17 @@ protected:
     OverlayModelTest() { h.settings.setAutoTriggerAIAnswers(false); }
 
     // A final line of its own: more than the utterance gap after the speaker's last one.
-    void line(Speaker speaker, const QString& text)
-    {
-        h.passTime(6s);
-        h.say(speaker, text);
-    }
-    QVariant rowValue(int row, int role) const
-    {
-        return overlay.transcriptRows()->index(row).data(role);
-    }
+    void line(Speaker speaker, const QString& text) { h.passTime(6s); h.say(speaker, text); }
+    QVariant rowValue(int row, int role) const { return overlay.transcriptRows()->index(row).data(role); }
 
     InterviewHarness h;
     qsizetype resumes = 0;
     bool resumeRequestFails = false;
-    OverlayViewModel overlay{
-        OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock,
-                                   [this] { return resumeCount(resumes, resumeRequestFails); }}};
+    OverlayViewModel overlay{OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock,
+                                                        [this] { return resumeCount(resumes, resumeRequestFails); }}};
     // Attached while both lists are still empty, so every change they make is checked.
-    QAbstractItemModelTester rowsTester{overlay.transcriptRows(),
-                                        QAbstractItemModelTester::FailureReportingMode::Fatal};
-    QAbstractItemModelTester answersTester{overlay.answers(),
-                                           QAbstractItemModelTester::FailureReportingMode::Fatal};
+    QAbstractItemModelTester rowsTester{overlay.transcriptRows(), QAbstractItemModelTester::FailureReportingMode::Fatal};
+    QAbstractItemModelTester answersTester{overlay.answers(), QAbstractItemModelTester::FailureReportingMode::Fatal};
 };
 
 // What the panel draws from plain values: the rows' shading, the divider's limits and the
@@ -63,19 +52,15 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
 {
     // Row, rows, opacity. Of six, the second would reach zero by the formula and stays at the
     // floor.
-    const std::array<double, 3> rows[] = {{0, 1, 1},    {0, 0, 1},    {0, 2, 0.75},
-                                          {0, 6, 0.25}, {1, 6, 0.25}, {2, 6, 0.25},
-                                          {3, 6, 0.5},  {4, 6, 0.75}, {5, 6, 1}};
+    const std::array<double, 3> rows[] = {{0, 1, 1},    {0, 0, 1},    {0, 2, 0.75}, {0, 6, 0.25}, {1, 6, 0.25},
+                                          {2, 6, 0.25}, {3, 6, 0.5},  {4, 6, 0.75}, {5, 6, 1}};
     for (const auto& [row, count, opacity] : rows)
-        EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(int(row), int(count)), opacity)
-            << row << " of " << count;
+        EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(int(row), int(count)), opacity) << row << " of " << count;
     // Upper height, drag, total, new upper height. Of 600 the upper area can be 40 to 560 high;
     // too small for both, it keeps its minimum.
-    const std::array<double, 4> drags[] = {
-        {120, 50, 600, 170}, {120, -500, 600, 40}, {120, 900, 600, 560}, {30, 10, 60, 40}};
+    const std::array<double, 4> drags[] = {{120, 50, 600, 170}, {120, -500, 600, 40}, {120, 900, 600, 560}, {30, 10, 60, 40}};
     for (const auto& [upper, by, total, expected] : drags)
-        EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected)
-            << upper << " " << by;
+        EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected) << upper << " " << by;
 
     // Of 600 the answer keeps 120 however far down the divider stands; a panel with less than
     // that for both areas has no upper area.
@@ -96,8 +81,7 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
         {-1, {}, false, {{}, false, placeholder, u"–/3"_s, false, false}},
     };
     const auto fields = [](const OverlayViewModel::AnswerView& v) {
-        return std::tuple(v.text, v.isStreaming, int(v.state), v.position, v.hasPrevious,
-                          v.hasNext);
+        return std::tuple(v.text, v.isStreaming, int(v.state), v.position, v.hasPrevious, v.hasNext);
     };
     for (const auto& [selected, text, streaming, view] : cases)
         EXPECT_EQ(fields(OverlayViewModel::answerViewOf(selected, 3, text, streaming)), fields(view))
@@ -105,29 +89,24 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
     EXPECT_EQ(OverlayViewModel::answerViewOf(std::nullopt, 0, {}, false).position, u"–/0"_s);
 }
 
-// Through one interview: the hint follows the settings at once and goes with the first row, a
-// partial one; the rows carry their speaker and shading, which counts the partial as the newest
-// row; a drag of the divider in a panel with no room for the areas leaves the ratio alone (real
-// drags run in OverlayWindowTest); a streamed answer grows in place and the trigger waits for it.
+// Through one interview: the hint follows the key and goes with the first row, a partial one
+// (the automatic trigger's hint runs in the whole-product test); the rows carry their speaker and
+// shading, which counts the partial as the newest row; a drag of the divider in a panel with no
+// room for the areas leaves the ratio alone (real drags run in OverlayWindowTest); a streamed
+// answer grows in place and the trigger waits for it.
 TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
 {
-    QSignalSpy hint(&overlay, &OverlayViewModel::hintChanged);
     EXPECT_EQ(overlay.hintText(), u"Press Right Shift to trigger AI after interviewer speaks"_s);
-    h.settings.setAutoTriggerAIAnswers(true);
-    EXPECT_EQ(overlay.hintText(), u"AI will trigger automatically after interviewer speaks"_s);
-    h.settings.setAutoTriggerAIAnswers(false);
-    h.settings.setAITriggerKey(
-        AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
+    h.settings.setAITriggerKey(AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
     EXPECT_EQ(overlay.hintText(), u"Press F5 to trigger AI after interviewer speaks"_s);
-    EXPECT_TRUE(overlay.showsHint());
     EXPECT_FALSE(overlay.canTrigger()); // not recording
     h.backend->finishAnswers = false;
     h.backend->answerChunks = {};
     h.start();
     EXPECT_TRUE(overlay.canTrigger());
+    EXPECT_TRUE(overlay.showsHint());
     h.say(Speaker::interviewer, u"So"_s, false);
     EXPECT_FALSE(overlay.showsHint());
-    EXPECT_EQ(hint.count(), 4);
 
     for (int k = 0; k < 5; ++k)
         line(k % 2 ? Speaker::user : Speaker::interviewer, u"Line "_s + QString::number(k));
@@ -143,23 +122,17 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
     overlay.dragDivider(0, 10, 0);
     EXPECT_DOUBLE_EQ(overlay.dividerRatio(), ratio);
 
-    QSignalSpy trigger(&overlay, &OverlayViewModel::canTriggerChanged);
     h.vm.triggerAIAnswer();
     InterviewHarness::settle();
     EXPECT_FALSE(overlay.canTrigger());
-    EXPECT_GE(trigger.count(), 1);
     EXPECT_EQ(overlay.answerState(), AnswerState::generating);
 
-    // Each chunk reaches both the list, in place, and the answer area.
-    QSignalSpy changed(overlay.answers(), &QAbstractItemModel::dataChanged);
-    QSignalSpy answerChanged(&overlay, &OverlayViewModel::answerChanged);
+    // Each chunk reaches the list's one row, in place, and the answer area.
     const auto stream = h.backend->answerStreams.last();
     stream->push(u"Calmly, "_s);
     stream->push(u"and early."_s);
     InterviewHarness::settle();
     EXPECT_EQ(overlay.answers()->rowCount(), 1);
-    EXPECT_GE(changed.count(), 2);
-    EXPECT_GE(answerChanged.count(), 2);
     EXPECT_EQ(overlay.selectedAnswerText(), u"Calmly, and early."_s);
     EXPECT_TRUE(overlay.answers()->index(0).data(AnswersModel::IsStreamingRole).toBool());
     stream->finish();
@@ -178,21 +151,16 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
 
 // The tip comes a delay after the overlay shows when no resume is on file or the list could not
 // be had; the resume button takes it away. An overlay without a backend client never shows it.
+// (That it shows, and goes once a resume is uploaded, the whole-product test sees.)
 TEST_F(OverlayModelTest, ResumeTipComesAfterTheDelayWhenNoResumeIsOnFile)
 {
-    OverlayViewModel noClient{
-        OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock, {}}};
+    OverlayViewModel noClient{OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock, {}}};
     resumeRequestFails = true;
     h.notifications.post(Notifications::overlayVisibilityChanged, false);
     h.passTime(1s);
     EXPECT_FALSE(overlay.showResumeTip()) << "hiding checks nothing";
-
-    const std::tuple<const char*, bool, qsizetype, bool> cases[] = {
-        {"request fails", true, 0, true},
-        {"one on file", false, 1, false},
-        {"none on file", false, 0, true}};
-    for (const auto& [name, fails, onFile, tip] : cases) {
-        SCOPED_TRACE(name);
+    for (const auto& [fails, onFile, tip] : {std::tuple(true, 0, true), {false, 1, false}, {false, 0, true}}) {
+        SCOPED_TRACE(fails ? "request fails" : onFile ? "one on file" : "none on file");
         resumeRequestFails = fails;
         resumes = onFile;
         h.notifications.post(Notifications::overlayVisibilityChanged, true);

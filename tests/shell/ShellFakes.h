@@ -23,14 +23,9 @@
 
 #include <array>
 
-class RecordingShell final : public ShellWindows,
-                             public KeyMonitors,
-                             public GlobalKeysRight {
+class RecordingShell final : public ShellWindows, public KeyMonitors, public GlobalKeysRight {
 public:
-    static QString name(Panel panel)
-    {
-        return QStringList{u"overlay"_s, u"dashboard"_s, u"welcome"_s}.at(int(panel));
-    }
+    static QString name(Panel panel) { return QStringList{u"overlay"_s, u"dashboard"_s, u"welcome"_s}.at(int(panel)); }
 
     void createMenuBarItem(MenuBarViewModel&) override { log.append(u"create menu bar item"_s); }
     void createPanel(Panel panel, QObject&) override
@@ -88,8 +83,7 @@ struct DelegateRig {
             EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->updateService().isChecking(); }, 5000));
         }
         if (delegate && delegate->overlay() && delegate->overlay()->isCheckingResumes()) {
-            EXPECT_TRUE(QTest::qWaitFor(
-                [&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
+            EXPECT_TRUE(QTest::qWaitFor([&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
             QTest::qWait(100); // the answer is on its way back
         }
         delegate.reset();
@@ -108,29 +102,18 @@ struct DelegateRig {
                 shell.log.append(u"make token store"_s);
                 auto store = std::make_unique<InMemoryTokenStore>();
                 if (returning)
-                    awaitTask(store->saveTokens(accessTokenFor(u"u-9"_s, u"back@example.com"_s),
-                                                u"refresh-1"_s));
+                    awaitTask(store->saveTokens(accessTokenFor(u"u-9"_s, u"back@example.com"_s), u"refresh-1"_s));
                 tokens = store.get();
                 return store;
             },
-            [this] {
-                shell.log.append(u"make interview services"_s);
-                return h.services();
-            },
-            [this](APIClient&) {
-                shell.log.append(u"give client to interview"_s);
-                return h.backend;
-            },
+            [this] { shell.log.append(u"make interview services"_s); return h.services(); },
+            [this](APIClient&) { shell.log.append(u"give client to interview"_s); return h.backend; },
             [this](TelemetryClient* telemetry, std::function<QString()> lastState) {
                 const bool wired = delegate->authViewModel().apiClient() && telemetry == &delegate->telemetry();
-                shell.log.append(u"install crash reporter"_s
-                                 + (wired ? u" after wiring"_s : u""_s));
+                shell.log.append(u"install crash reporter"_s + (wired ? u" after wiring"_s : u""_s));
                 crashLastState = std::move(lastState);
             },
-            [this](const QUrl& url) {
-                opened.append(url);
-                return true;
-            },
+            [this](const QUrl& url) { opened.append(url); return true; },
             [] { return false; }, [this] { shell.log.append(u"terminate"_s); }, nullptr, {}, nullptr, keySource,
             nullptr, nullptr, practice});
         QObject::connect(&delegate->updateService(), &UpdateService::isCheckingChanged, [this] {
