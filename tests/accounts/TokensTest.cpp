@@ -1,9 +1,9 @@
 #include "AuthService.h"
+#include "AwaitTask.h"
 #include "LogCapture.h"
 #include "QtPrinters.h"
 
 #include <QCoroTask>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -26,14 +26,11 @@ TEST(AuthServiceTest, WithoutSecretServiceSavesAreLoggedAndReadsGiveNothing)
 
     AuthService store(std::make_shared<const KeychainHelper>());
     LogCapture logs;
-    QElapsedTimer elapsed;
-    elapsed.start();
+    // D-Bus gives up on a call after 25 s: a wait that reached it would miss these deadlines.
+    awaitTask(store.saveTokens(u"access-Tk9"_s, u"refresh-Tk9"_s), 10'000);
+    EXPECT_FALSE(awaitTask(store.getAccessToken(), 10'000));
+    awaitTask(store.clearTokens(), 10'000);
 
-    QCoro::waitFor(store.saveTokens(u"access-Tk9"_s, u"refresh-Tk9"_s));
-    EXPECT_FALSE(QCoro::waitFor(store.getAccessToken()));
-    QCoro::waitFor(store.clearTokens());
-
-    EXPECT_LT(elapsed.elapsed(), 5000) << "a missing bus must fail at once";
     // The error code, and never the token.
     EXPECT_EQ(logs.lines().join(u'\n').remove(
                   QRegularExpression(u": [1-9][0-9]*$"_s, QRegularExpression::MultilineOption)),
