@@ -184,6 +184,13 @@ def type_into(desktop, ui, name, text):
                     "type", "--delay", "10", text], env=desktop.env, check=True)
 
 
+def close_dashboard(desktop, ui):
+    """Clicks the close button of the dashboard's title bar."""
+    frame = ui.frame(DASHBOARD).queryComponent().getExtents(ui.pyatspi.DESKTOP_COORDS)
+    subprocess.run(["xdotool", "mousemove", "--sync", str(frame.x + frame.width - 11), str(frame.y - 11), "click",
+                    "1"], env=desktop.env, stderr=subprocess.DEVNULL)
+
+
 def documents_scene(desktop, program, server, ui, call, shot):
     """From the application menu to the dashboard: a resume uploaded through the file dialog and
     a job description written on its page both become active with no further step, and the next
@@ -222,10 +229,8 @@ def documents_scene(desktop, program, server, ui, call, shot):
 
     # Back to the call: the dashboard closed by its title bar's close button, the call in front;
     # the next answer is drawn from the documents.
-    frame = ui.frame(DASHBOARD).queryComponent().getExtents(ui.pyatspi.DESKTOP_COORDS)
-    for command in (["mousemove", "--sync", str(frame.x + frame.width - 11), str(frame.y - 11), "click", "1"],
-                    ["windowactivate", "--sync", call.window]):
-        subprocess.run(["xdotool", *command], env=desktop.env, stderr=subprocess.DEVNULL)
+    close_dashboard(desktop, ui)
+    subprocess.run(["xdotool", "windowactivate", "--sync", call.window], env=desktop.env, stderr=subprocess.DEVNULL)
     check(wait_until(lambda: not desktop.is_viewable(DASHBOARD), 5), "the dashboard closes")
     # The offline recogniser gets about one word in two wrong on a synthetic voice, and the
     # draft needs the question's words to pick its lines. When the last question was heard too
@@ -324,8 +329,11 @@ def practice_scene(desktop, program, server, front, ui, shot):
     require(wait_until(lambda: desktop.is_viewable(MEETING), 10), "the meeting window opens")
     meeting = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^" + MEETING + "$"],
                              env=desktop.env, capture_output=True, text=True).stdout.split()
-    check(wait_until(lambda: desktop.active_window() in meeting, 5), "it comes forward with the focus",
+    check(wait_until(lambda: desktop.active_window() in meeting, 5), "it takes the focus",
           lambda: (desktop.active_window(), meeting))
+    # The dashboard floats above ordinary windows, the call among them: the user closes it.
+    close_dashboard(desktop, ui)
+    check(wait_until(lambda: not desktop.is_viewable(DASHBOARD), 5), "the dashboard closes")
     check(wait_until(lambda: ui.shows_label(MEETING, "Question 1 of 8"), 20), "it shows the first of 8 questions",
           lambda: ui.labels(MEETING))
     asked = [json.loads(body) for body in front.asked("POST", "/api/v1/mock-interview/questions")]
