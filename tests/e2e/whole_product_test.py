@@ -360,7 +360,7 @@ def practice_scene(desktop, program, server, front, ui, shot):
         text = wait_until(lambda: spoken()[number - 1:number], 10)
         require(text, f"the program asks the server to speak question {number}", spoken)
         text = text[0]
-        check(wait_until(lambda: text in transcript_rows(ui), 10), f"question {number} is the overlay's newest line",
+        check(wait_until(lambda: text in transcript_rows(ui), 10), f"question {number} is a line of the overlay",
               lambda: transcript_rows(ui))
         check(wait_until(lambda: stored("interviewer")[number - 1:] == [text], 10),
               "the server stores it as the interviewer's line", lambda: stored("interviewer"))
