@@ -100,8 +100,12 @@ void Api::registerPracticeRoutes()
             for (const auto& question : std::as_const(questions))
                 list.append(questionJson(question));
             m_practiceLanguage.insert(user.id, language);
+            // The practice is an interview of its own: the client sends its transcript to this
+            // session and completes it, as it does for a real one.
+            const auto session =
+                m_interviews.createSession(user.id, language, language, m_clock.nowMs());
             // `language` tells a client asking for a language the bank lacks what it got.
-            return jsonResponse(200, {{u"sessionId"_s, uuidLower()},
+            return jsonResponse(200, {{u"sessionId"_s, session.value(u"id"_s)},
                                       {u"language"_s, language},
                                       {u"questions"_s, list}});
         }));

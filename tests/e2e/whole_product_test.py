@@ -4,7 +4,8 @@ program and ravlet-server (offline speech and answers, SQLite), sign-in in headl
 an interview heard through a real sound server while another program holds the focus, answers
 by the automatic trigger and by the trigger key, the arrow keys, Stop, and what the server kept.
 Screenshots of each step go to --screenshots. Exits 77 when a tool is missing."""
-import argparse, asyncio, base64, os, re, shutil, subprocess, sys, threading, time
+import argparse, array, asyncio, base64, io, json, math, os, re, shutil, socket, subprocess, sys, threading, time
+import urllib.request, wave
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "server"))
@@ -40,6 +41,61 @@ class VideoCall:
 
     def presses(self):
         return [line.split()[1] for line in list(self.lines) if line.startswith("press ")]
+
+
+class RecordingFront:
+    """A byte-for-byte relay in front of the server that notes each request it passes on
+    (method, path, body), so the scene can count what the program asked of the server. A
+    WebSocket, once upgraded, is relayed unread."""
+
+    def __init__(self, server):
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.base = "http://127.0.0.1:%d" % self.listener.getsockname()[1]
+        self.upstream = ("127.0.0.1", server.port)
+        self.requests = []
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        while True:
+            client, _ = self.listener.accept()
+            upstream = socket.create_connection(self.upstream)
+            threading.Thread(target=self._pump, args=(upstream, client, None), daemon=True).start()
+            threading.Thread(target=self._pump, args=(client, upstream, bytearray()), daemon=True).start()
+
+    def _pump(self, source, target, pending):
+        try:
+            while data := source.recv(65536):
+                target.sendall(data)
+                if pending is not None:
+                    pending += data
+                    pending = self._note(pending)
+        except OSError:
+            pass
+        for end in (source, target):
+            try:
+                end.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+
+    def _note(self, pending):
+        """Notes the complete requests at the start of `pending`; None once the connection is a
+        WebSocket."""
+        while (end := pending.find(b"\r\n\r\n")) >= 0:
+            head = pending[:end].decode("latin-1").split("\r\n")
+            fields = {k.strip().lower(): v.strip() for k, _, v in (line.partition(":") for line in head[1:])}
+            length = int(fields.get("content-length", "0"))
+            if len(pending) < end + 4 + length:
+                break
+            method, path = head[0].split()[:2]
+            self.requests.append((method, path, bytes(pending[end + 4:end + 4 + length])))
+            del pending[:end + 4 + length]
+            if fields.get("upgrade", "").lower() == "websocket":
+                return None
+        return pending
+
+    def asked(self, method, path):
+        """The bodies of the requests of that method whose path starts with `path`."""
+        return [body for m, p, body in list(self.requests) if m == method and p.startswith(path)]
 
 
 def counter(ui):
@@ -128,6 +184,13 @@ def type_into(desktop, ui, name, text):
                     "type", "--delay", "10", text], env=desktop.env, check=True)
 
 
+def close_dashboard(desktop, ui):
+    """Clicks the close button of the dashboard's title bar."""
+    frame = ui.frame(DASHBOARD).queryComponent().getExtents(ui.pyatspi.DESKTOP_COORDS)
+    subprocess.run(["xdotool", "mousemove", "--sync", str(frame.x + frame.width - 11), str(frame.y - 11), "click",
+                    "1"], env=desktop.env, stderr=subprocess.DEVNULL)
+
+
 def documents_scene(desktop, program, server, ui, call, shot):
     """From the application menu to the dashboard: a resume uploaded through the file dialog and
     a job description written on its page both become active with no further step, and the next
@@ -166,10 +229,8 @@ def documents_scene(desktop, program, server, ui, call, shot):
 
     # Back to the call: the dashboard closed by its title bar's close button, the call in front;
     # the next answer is drawn from the documents.
-    frame = ui.frame(DASHBOARD).queryComponent().getExtents(ui.pyatspi.DESKTOP_COORDS)
-    for command in (["mousemove", "--sync", str(frame.x + frame.width - 11), str(frame.y - 11), "click", "1"],
-                    ["windowactivate", "--sync", call.window]):
-        subprocess.run(["xdotool", *command], env=desktop.env, stderr=subprocess.DEVNULL)
+    close_dashboard(desktop, ui)
+    subprocess.run(["xdotool", "windowactivate", "--sync", call.window], env=desktop.env, stderr=subprocess.DEVNULL)
     check(wait_until(lambda: not desktop.is_viewable(DASHBOARD), 5), "the dashboard closes")
     # The offline recogniser gets about one word in two wrong on a synthetic voice, and the
     # draft needs the question's words to pick its lines. When the last question was heard too
@@ -191,6 +252,180 @@ def documents_scene(desktop, program, server, ui, call, shot):
     shot("answer-from-resume")
     return added
 
+
+MEETING = "Mock Interview"
+PRACTICE_ANSWER = "I would start with the payments queue and measure the failed payouts."
+
+
+class SinkRecording:
+    """What the machine plays, recorded from the default sink's monitor: 16 kHz mono samples
+    in a file that grows 32000 bytes a second."""
+    SILENT_DB = -50.0
+
+    def __init__(self, desktop, sink):
+        self.path = os.path.join(desktop.scratch, "speakers.raw")
+        with open(self.path, "wb") as out:
+            desktop.spawn(["parec", "--device=" + sink + ".monitor", "--format=s16le", "--rate=16000",
+                           "--channels=1", "--latency-msec=50"], stdout=out)
+
+    def offset(self):
+        return os.path.getsize(self.path)
+
+    def levels(self, start, end=None):
+        """The level in dBFS of each 100 ms from `start` (a byte offset) on."""
+        with open(self.path, "rb") as f:
+            f.seek(start)
+            data = f.read((end - start) if end else -1)
+        samples = array.array("h", data[:len(data) // 2 * 2])
+        return [20 * math.log10(max(1e-9, math.sqrt(sum(x * x for x in samples[i:i + 1600]) / 1600) / 32768))
+                for i in range(0, len(samples) - 1599, 1600)]
+
+    def speech_from(self, start, timeout):
+        """The offset where sound begins after `start`, or None."""
+        def begun():
+            loud = [i for i, db in enumerate(self.levels(start)) if db > self.SILENT_DB]
+            return (start + loud[0] * 3200,) if loud else None
+        found = wait_until(begun, timeout, step=0.1)
+        return found[0] if found else None
+
+    def ended(self, start, timeout, quiet=8):
+        """Waits until the sound that began at `start` has been followed by `quiet` tenths of a
+        second of silence; the loudest level heard, or None."""
+        def done():
+            levels = self.levels(start)
+            return len(levels) > quiet and all(db <= self.SILENT_DB for db in levels[-quiet:]) and max(levels)
+        return wait_until(done, timeout, step=0.2)
+
+    def silence_after(self, start, timeout, quiet=3):
+        """The offset where the sound that began at `start` is first followed by `quiet` tenths of
+        a second of silence, or None."""
+        def quiet_at():
+            silent = [db <= self.SILENT_DB for db in self.levels(start)]
+            return next(((start + i * 3200,) for i in range(len(silent) - quiet + 1) if all(silent[i:i + quiet])),
+                        None)
+        offset = wait_until(quiet_at, timeout, step=0.1)
+        return offset[0] if offset else None
+
+
+def practice_scene(desktop, program, server, front, ui, shot):
+    """A practice session from the dashboard with the resume and the job description of the
+    documents scene: the first three questions are spoken to the machine's speakers and written
+    as the interviewer's lines, an answer into the microphone becomes the user's line, Next cuts
+    the third short, and End Interview closes the window and completes the session once."""
+    before = {row[0] for row in server.query("SELECT id FROM interview_sessions")}
+    speakers = SinkRecording(desktop, desktop.system_sink)
+    require(program.run_again() == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 10),
+            "a start with no address shows the dashboard")
+    ui.press(DASHBOARD, "Mock Interview", role="list item")
+    ready = wait_until(lambda: (b := ui.find(DASHBOARD, "push button", "Start Mock Interview")) is not None
+                       and b.getState().contains(ui.pyatspi.STATE_ENABLED) and b, 10)
+    require(ready, "with a resume and a job description the practice can start", lambda: ui.dump(DASHBOARD))
+    shot("practice-setup")
+    # Clicked, as a person would: the window manager then lets the new window take the focus
+    # from the dashboard, which it refuses to a window opened with no input behind it.
+    x, y, width, height = ready.queryComponent().getExtents(ui.pyatspi.DESKTOP_COORDS)
+    subprocess.run(["xdotool", "mousemove", "--sync", str(x + width // 2), str(y + height // 2), "click", "1"],
+                   env=desktop.env, check=True)
+    require(wait_until(lambda: desktop.is_viewable(MEETING), 10), "the meeting window opens")
+    meeting = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^" + MEETING + "$"],
+                             env=desktop.env, capture_output=True, text=True).stdout.split()
+    check(wait_until(lambda: desktop.active_window() in meeting, 5), "it takes the focus",
+          lambda: (desktop.active_window(), meeting))
+    # The dashboard floats above ordinary windows, the call among them: the user closes it.
+    close_dashboard(desktop, ui)
+    check(wait_until(lambda: not desktop.is_viewable(DASHBOARD), 5), "the dashboard closes")
+    check(wait_until(lambda: ui.shows_label(MEETING, "Question 1 of 8"), 20), "it shows the first of 8 questions",
+          lambda: ui.labels(MEETING))
+    asked = [json.loads(body) for body in front.asked("POST", "/api/v1/mock-interview/questions")]
+    check(len(asked) == 1 and asked[0].get("count") == 8 and asked[0].get("jobDescriptionId")
+          and asked[0].get("resumeId"), "the program asked the server once for 8 questions on both documents", asked)
+    sessions = wait_until(lambda: [row for row in server.query("SELECT id, status FROM interview_sessions")
+                                   if row[0] not in before], 10)
+    require(sessions and len(sessions) == 1 and sessions[0][1] == "active", "the server opened one practice session",
+            sessions)
+    session = sessions[0][0]
+
+    def stored(speaker):
+        return [row[0] for row in server.query("SELECT content FROM transcript_lines WHERE session_id = ? AND "
+                                               "speaker = ? ORDER BY timestamp_ms, arrival", session, speaker)]
+
+    def spoken():
+        return [json.loads(body)["text"] for body in front.asked("POST", "/api/v1/mock-interview/tts")]
+
+    def ask(number, start=None):
+        """Question `number` (from 1) is written down, and heard once it sounds after `start` (a
+        recording offset); its text and the offset where its sound begins."""
+        check(wait_until(lambda: ui.shows_label(MEETING, f"Question {number} of 8"), 10),
+              f"the window shows question {number}", lambda: ui.labels(MEETING))
+        text = wait_until(lambda: spoken()[number - 1:number], 10)
+        require(text, f"the program asks the server to speak question {number}", spoken)
+        text = text[0]
+        check(wait_until(lambda: text in transcript_rows(ui), 10), f"question {number} is a line of the overlay",
+              lambda: transcript_rows(ui))
+        check(wait_until(lambda: stored("interviewer")[number - 1:] == [text], 10),
+              "the server stores it as the interviewer's line", lambda: stored("interviewer"))
+        if start is None:
+            return text, None
+        begun = speakers.speech_from(start, 15)
+        require(begun is not None, f"question {number} is heard on the speakers", lambda: speakers.levels(start))
+        return text, begun
+
+    def seconds_of(text):
+        """How long the server's speech of `text` lasts, asked as the program asks it."""
+        token = stored_tokens(desktop)["ravlet.accessToken"]
+        request = urllib.request.Request(server.base + "/api/v1/mock-interview/tts", json.dumps({"text": text}).encode(),
+                                         {"Authorization": "Bearer " + token, "Content-Type": "application/json"})
+        with wave.open(io.BytesIO(urllib.request.urlopen(request, timeout=10).read())) as clip:
+            return clip.getnframes() / clip.getframerate()
+
+    first, begun = ask(1, speakers.offset())
+    job_led = "What interests you about the role of %s at %s?" % JOB[:2]
+    check(first == job_led, "the first question is about the chosen job description: " + first)
+    loudest = speakers.ended(begun, 20)
+    check(loudest and loudest > -30, "its speech plays to the end, clearly (%s dBFS at its loudest)" % loudest)
+    desktop.speak(PRACTICE_ANSWER, desktop.mic_sink)
+    check(wait_until(lambda: stored("user"), 15), "the spoken answer is stored as the user's line",
+          lambda: server.query("SELECT speaker, content FROM transcript_lines WHERE session_id = ?", session))
+    check(wait_until(lambda: transcript_rows(ui)[-2:] == [first] + stored("user")[-1:], 5),
+          "the overlay shows it under the question", lambda: (stored("user"), transcript_rows(ui)))
+
+    start = speakers.offset()
+    ui.press(MEETING, "Next")
+    second, begun = ask(2, start)
+    check(second != first, "the second question is another one")
+    shot("practice-question-2")
+    check(speakers.ended(begun, 20), "its speech plays to the end")
+
+    start = speakers.offset()
+    ui.press(MEETING, "Next")
+    third, begun = ask(3, start)
+    # Next while it is spoken: the speech stops at once, and the fourth question follows with
+    # hardly a pause, so the sound from the third's start on is a moment of it and all of the
+    # fourth.
+    ui.press(MEETING, "Next")
+    fourth, _ = ask(4)
+    end = speakers.silence_after(begun, 20, quiet=8)
+    require(end is not None, "the speech ends")
+    heard, third_seconds, fourth_seconds = (end - begun) / 32000, seconds_of(third), seconds_of(fourth)
+    print("heard %.1f s of sound; the third lasts %.1f s, the fourth %.1f s" % (heard, third_seconds, fourth_seconds))
+    check(fourth_seconds - 0.5 < heard < fourth_seconds + 1.2 < third_seconds + fourth_seconds,
+          "Next cut the third question short, and the fourth was heard")
+    lines = server.query("SELECT speaker, content FROM transcript_lines WHERE session_id = ? "
+                         "ORDER BY timestamp_ms, arrival", session)
+    check([line for line in lines if line[0] == "interviewer"] == [("interviewer", q) for q in
+                                                                   (first, second, third, fourth)]
+          and lines[-2:] == [("interviewer", third), ("interviewer", fourth)],
+          "the server holds the four questions in order, the third with no answer", lines)
+
+    ui.press(MEETING, "End Interview")
+    check(wait_until(lambda: not desktop.is_viewable(MEETING), 10), "End Interview closes the window")
+    check(wait_until(lambda: server.query("SELECT status FROM interview_sessions WHERE id = ?", session)
+                     == [("completed",)], 10), "the server holds the practice session as completed")
+    time.sleep(1)
+    ends = front.asked("PUT", "/api/v1/interview/session/" + session)
+    check(len(ends) == 1, "the session was ended once (%d end requests)" % len(ends))
+    check(all(db <= SinkRecording.SILENT_DB for db in speakers.levels(speakers.offset() - 3200 * 5)),
+          "nothing plays after the end")
 
 async def create_account(chromium, login_url, shots):
     """Opens the login address in headless Chromium, creates an account on the page and returns
@@ -277,10 +512,11 @@ def run(args, desktop):
 
     desktop.start()
     server = product.Server(desktop, args.server)
+    front = RecordingFront(server)
     ui = product.Accessible()
 
     # A user who turned the automatic trigger on.
-    program = product.Program(desktop, args.program, server, {"autoTriggerAIAnswers": True})
+    program = product.Program(desktop, args.program, front, {"autoTriggerAIAnswers": True})
     require(wait_until(lambda: desktop.is_viewable(WELCOME), 30), "the welcome panel opens")
     require(wait_until(lambda: ui.find(WELCOME, "push button", "Sign In"), 20), "its buttons are accessible")
     shot("welcome")
@@ -295,7 +531,7 @@ def run(args, desktop):
     ui.press(WELCOME, "Sign In")
     login_url = program.login_address()
     require(login_url, "Sign In opens the browser")
-    check(login_url.startswith(server.base + "/auth/login?"), "the browser gets the login page: " + login_url)
+    check(login_url.startswith(front.base + "/auth/login?"), "the browser gets the login page: " + login_url)
     chromium = shutil.which("chromium") or shutil.which("chromium-browser")
     callback = asyncio.run(create_account(chromium, login_url, shots))
     next(step)
@@ -460,10 +696,7 @@ def run(args, desktop):
     check(all(question and any(line.startswith(question) for line in asked_lines) for question, _ in logs)
           and rows[-1].startswith(logs[-1][0]), "each answer answers the interviewer's line", logs)
 
-    # A start with no address, as from the application menu, brings the dashboard forward.
-    check(program.run_again() == 0 and wait_until(lambda: desktop.is_viewable(DASHBOARD), 10),
-          "a third start shows the dashboard")
-    shot("dashboard")
+    practice_scene(desktop, program, server, front, ui, shot)
 
     # Quit, as the desktop entry's action does.
     check(program.run_again("--quit") == 0 and program.process.wait(timeout=20) == 0, "Quit ends the program")

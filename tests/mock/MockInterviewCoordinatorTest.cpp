@@ -1,16 +1,16 @@
 // The question loop on the manual clock, with a scripted player and pipeline and the practice
-// routes served by a real loopback server.
+// routes served by a real loopback server: what a whole session against the real server cannot
+// show (skips at each point, the time rules, failures). The whole session is the whole-product
+// test's practice scene.
 
 #include "MockInterviewCoordinator.h"
 #include "APIClient.h"
 #include "AuthTokenStore.h"
 #include "AwaitTask.h"
-#include "CameraService.h"
 #include "Clock.h"
 #include "FakeBackend.h"
 #include "MockInterviewAPI.h"
 #include "MockInterviewPipeline.h"
-#include "MockPracticeSession.h"
 #include "NotificationCenter.h"
 #include "PreferencesStore.h"
 #include "QtPrinters.h"
@@ -56,18 +56,10 @@ private:
 struct ScriptedPipeline final : MockInterviewPipeline {
     bool recording = true;
     QStringList injected, started;
-    int stops = 0;
     bool isRecording() const override { return recording; }
     QCoro::Task<> startMockInterview(QString id) override { co_return started.append(id); }
     void injectMockQuestion(const QString& text) override { injected.append(text); }
-    QCoro::Task<> stopInterview() override { co_return void(++stops); }
-};
-
-struct ScriptedCamera final : CameraService {
-    int starts = 0, stops = 0;
-    QCoro::Task<bool> requestAccess() override { co_return true; }
-    void start() override { ++starts, setRunning(true); }
-    void stop() override { stops += isRunning(), setRunning(false); }
+    QCoro::Task<> stopInterview() override { co_return; }
 };
 
 QByteArray questionsJson(int count)
@@ -158,62 +150,23 @@ protected:
     QStringList states;
 };
 
-TEST_F(MockInterviewCoordinatorTest, WholeSession)
-{
-    start();
-    waitFor(u"playingQuestion 0"_s);
-    // A second start while one runs changes nothing.
-    awaitTask(coordinator.startSession(std::nullopt, std::nullopt, u"en"_s, 8));
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(QTest::qWaitFor([&] { return player.isPlaying(); }, networkMs));
-        EXPECT_EQ(player.started.last(),
-                  "audio of {\"text\":\"Question " + QByteArray::number(i) + "?\"}");
-        clock.advance(20s);
-        player.endClip();
-        waitFor(u"waitingForAnswer %1"_s.arg(i));
-        // Silence, speech or time do not move the loop: only the user does.
-        clock.advance(10min);
-        EXPECT_EQ(describe(coordinator), u"waitingForAnswer %1"_s.arg(i));
-        coordinator.skip();
-    }
-    EXPECT_EQ(states, (QStringList{u"fetchingQuestions"_s, u"playingQuestion 0"_s,
-                                   u"waitingForAnswer 0"_s, u"advancing"_s, u"playingQuestion 1"_s,
-                                   u"waitingForAnswer 1"_s, u"advancing"_s, u"playingQuestion 2"_s,
-                                   u"waitingForAnswer 2"_s, u"advancing"_s, u"finished"_s}));
-    EXPECT_EQ(pipeline->started, QStringList{u"s1"_s});
-    EXPECT_EQ(pipeline->injected,
-              (QStringList{u"Question 0?"_s, u"Question 1?"_s, u"Question 2?"_s}));
-    const auto sent = server.requests("POST", "/api/v1/mock-interview/questions");
-    ASSERT_EQ(sent.size(), 1);
-    EXPECT_EQ(sent.first().body, R"({"count":8,"language":"en","resumeId":"r"})");
-    // 3 x 10 min 20 s: the duration bucket of half an hour and more.
-    EXPECT_EQ(
-        events(),
-        (QStringList{u"mock_interview_started question_count=3 has_resume=true has_jd=false"_s,
-                     u"mock_question_played question_index=0 category=c0"_s,
-                     u"mock_question_played question_index=1 category=c1"_s,
-                     u"mock_question_played question_index=2 category=c2"_s, events().value(4)}));
-    EXPECT_TRUE(events().value(4).startsWith(u"mock_interview_completed question_count=3"_s));
-    EXPECT_EQ(coordinator.currentIndex(), 3);
-
-    // Closing the window after the end still reports the close.
-    awaitTask(coordinator.abort(u"user_cancel"_s));
-    EXPECT_EQ(describe(coordinator), u"aborted user_cancel"_s);
-    EXPECT_EQ(events().last(), u"mock_interview_aborted reason=user_cancel question_index=3"_s);
-}
-
 TEST_F(MockInterviewCoordinatorTest, SkipWhilePlayingAndWhileWaiting)
 {
     coordinator.skip(); // idle: nothing to skip
     EXPECT_EQ(describe(coordinator), u"idle"_s);
     start();
     waitFor(u"playingQuestion 0"_s);
+    // A second start while one runs changes nothing.
+    awaitTask(coordinator.startSession(std::nullopt, std::nullopt, u"en"_s, 8));
     ASSERT_TRUE(QTest::qWaitFor([&] { return player.isPlaying(); }, networkMs));
     // The first press cuts the speech short and stays on the question...
     userSkips();
     waitFor(u"waitingForAnswer 0"_s);
     EXPECT_EQ(coordinator.currentIndex(), 0);
-    // ...the second moves on.
+    // Silence, speech or time do not move the loop: only the user does, and the second press
+    // moves on.
+    clock.advance(10min);
+    EXPECT_EQ(describe(coordinator), u"waitingForAnswer 0"_s);
     userSkips();
     waitFor(u"playingQuestion 1"_s);
     ASSERT_TRUE(QTest::qWaitFor([&] { return player.isPlaying(); }, networkMs));
@@ -223,8 +176,10 @@ TEST_F(MockInterviewCoordinatorTest, SkipWhilePlayingAndWhileWaiting)
     awaitTask(coordinator.abort(u"user_cancel"_s));
     EXPECT_EQ(describe(coordinator), u"aborted user_cancel"_s);
     EXPECT_EQ(coordinator.currentIndex(), 1);
-    EXPECT_FALSE(states.contains(u"finished"_s));
-    EXPECT_EQ(states.count(u"advancing"_s), 1);
+    EXPECT_EQ(states, (QStringList{u"fetchingQuestions"_s, u"playingQuestion 0"_s,
+                                   u"waitingForAnswer 0"_s, u"advancing"_s, u"playingQuestion 1"_s,
+                                   u"waitingForAnswer 1"_s, u"aborted user_cancel"_s}));
+    EXPECT_EQ(events().last(), u"mock_interview_aborted reason=user_cancel question_index=1"_s);
 }
 
 TEST_F(MockInterviewCoordinatorTest, FailedQuestionFetchAborts)
@@ -236,6 +191,17 @@ TEST_F(MockInterviewCoordinatorTest, FailedQuestionFetchAborts)
     EXPECT_EQ(states, (QStringList{u"fetchingQuestions"_s, u"aborted api_error"_s}));
     EXPECT_EQ(events(), QStringList{u"mock_interview_aborted reason=api_error question_index=0"_s});
     EXPECT_TRUE(pipeline->started.isEmpty());
+    EXPECT_TRUE(player.started.isEmpty());
+}
+
+TEST_F(MockInterviewCoordinatorTest, NoQuestionsFinishesAtOnce)
+{
+    server.setRoute("POST", "/api/v1/mock-interview/questions",
+                    FakeBackend::Response::json(200, questionsJson(0)));
+    start();
+    waitFor(u"finished"_s);
+    ASSERT_EQ(events().size(), 2);
+    EXPECT_TRUE(events().last().startsWith(u"mock_interview_completed question_count=0"_s));
     EXPECT_TRUE(player.started.isEmpty());
 }
 
@@ -256,37 +222,6 @@ TEST_F(MockInterviewCoordinatorTest, SpeechFailureAndSlowPipeline)
     EXPECT_TRUE(player.started.isEmpty());
     EXPECT_EQ(pipeline->injected, QStringList{u"Question 0?"_s});
     EXPECT_TRUE(events().contains(u"mock_interview_aborted reason=tts_error question_index=0"_s));
-}
-
-TEST_F(MockInterviewCoordinatorTest, SessionCleanUpRunsOnce)
-{
-    server.setRoute("GET", "/api/v1/mock-interview/avatar", FakeBackend::Response::json(204, ""));
-    server.setRoute("POST", "/api/v1/mock-interview/avatar/generate",
-                    FakeBackend::Response::json(500, ""));
-    auto sessionPlayer = std::make_unique<ScriptedPlayer>(clock);
-    auto* playerView = sessionPlayer.get();
-    auto camera = std::make_unique<ScriptedCamera>();
-    auto* cameraView = camera.get();
-    MockPracticeSession session({client, network, notifications, clock, std::move(sessionPlayer),
-                                 std::move(camera), pipeline, &telemetry});
-    QSignalSpy ended(&session, &MockPracticeSession::ended);
-    session.begin(u"r"_s, u"j"_s, u"en"_s);
-    // The portrait could not be made; the session starts without it.
-    ASSERT_TRUE(QTest::qWaitFor([&] { return playerView->isPlaying(); }, networkMs));
-    EXPECT_TRUE(session.coordinator()->avatarImage().isNull());
-    EXPECT_EQ(cameraView->starts, 1);
-
-    // The window's close and "End Interview" both arrive.
-    session.end();
-    session.end();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return ended.count() > 0; }, networkMs));
-    QCoreApplication::processEvents();
-    EXPECT_EQ(ended.count(), 1);
-    EXPECT_EQ(pipeline->stops, 1);
-    EXPECT_EQ(cameraView->stops, 1);
-    EXPECT_FALSE(playerView->isPlaying());
-    EXPECT_EQ(events().filter(u"mock_interview_aborted reason=user_cancel"_s).size(), 1);
-    EXPECT_EQ(describe(*session.coordinator()), u"aborted user_cancel"_s);
 }
 
 TEST(TTSPlayerTest, LevelAndCompletion)

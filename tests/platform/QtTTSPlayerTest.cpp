@@ -15,10 +15,8 @@
 #include <QMediaDevices>
 #include <QProcess>
 #include <QSignalSpy>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QTimer>
 
 #include <gtest/gtest.h>
 
@@ -76,33 +74,24 @@ protected:
     SystemClock clock;
 };
 
-TEST_F(QtTTSPlayerTest, PlaysWavAndMp3ToTheEnd)
+// The server's WAV is heard through the whole-product test; here the MP3 a vendor's speech
+// would be, and the level the portrait moves with, which only the program sees.
+TEST_F(QtTTSPlayerTest, PlaysMp3ToTheEndWithItsLevel)
 {
     const double seconds = speechSeconds();
     ASSERT_GT(seconds, 2.0);
-    for (const auto& path : {wav, mp3}) {
-        SCOPED_TRACE(path.toStdString());
-        QtTTSPlayer player(clock);
-        double peak = 0;
-        QObject::connect(&player, &TTSPlayer::levelChanged,
-                         [&] { peak = std::max(peak, player.level()); });
-        // Half a second in, the sound server has our stream.
-        QString streams;
-        QTimer::singleShot(500, [&] {
-            streams = run(u"pactl"_s, {u"list"_s, u"short"_s, u"sink-inputs"_s});
-        });
-
-        QElapsedTimer elapsed;
-        elapsed.start();
-        awaitTask(player.play(read(path)), playDeadlineMs);
-        // Played in real time to the end, not cut short (the server's buffer makes the last
-        // part end early by its latency).
-        EXPECT_GE(elapsed.elapsed(), qint64(seconds * 1000 * 0.8));
-        EXPECT_FALSE(streams.trimmed().isEmpty());
-        EXPECT_GT(peak, 0.3);
-        EXPECT_EQ(player.level(), 0.0);
-        EXPECT_FALSE(player.isPlaying());
-    }
+    QtTTSPlayer player(clock);
+    double peak = 0;
+    QObject::connect(&player, &TTSPlayer::levelChanged, [&] { peak = std::max(peak, player.level()); });
+    QElapsedTimer elapsed;
+    elapsed.start();
+    awaitTask(player.play(read(mp3)), playDeadlineMs);
+    // Played in real time to the end, not cut short (the server's buffer makes the last part
+    // end early by its latency).
+    EXPECT_GE(elapsed.elapsed(), qint64(seconds * 1000 * 0.8));
+    EXPECT_GT(peak, 0.3);
+    EXPECT_EQ(player.level(), 0.0);
+    EXPECT_FALSE(player.isPlaying());
 }
 
 TEST_F(QtTTSPlayerTest, NotAudioEndsAtOnce)

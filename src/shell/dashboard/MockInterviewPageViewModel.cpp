@@ -40,6 +40,7 @@ MockInterviewPageViewModel::MockInterviewPageViewModel(DocumentListViewModel& re
         connect(list, &QAbstractItemModel::rowsRemoved, this, &MockInterviewPageViewModel::listChanged);
         connect(list, &QAbstractItemModel::dataChanged, this, &MockInterviewPageViewModel::listChanged);
         connect(list, &DocumentListViewModel::pageStateChanged, this, &MockInterviewPageViewModel::listChanged);
+        connect(list, &DocumentListViewModel::errorMessageChanged, this, &MockInterviewPageViewModel::changed);
     }
     listChanged();
 }
@@ -57,12 +58,13 @@ MockInterviewPageViewModel::Blocker MockInterviewPageViewModel::blocker() const
         return Blocker::signedOut;
     if (m_resumes->rowCount() == 0 && m_resumes->isLoading())
         return Blocker::loading;
+    // An empty list whose load failed says nothing of whether the user has documents.
     if (m_resumes->rowCount() == 0)
-        return Blocker::noResume;
+        return !m_resumes->errorMessage() ? Blocker::noResume : Blocker::loadFailed;
     if (m_jobs->rowCount() == 0 && m_jobs->isLoading())
         return Blocker::loading;
     if (m_jobs->rowCount() == 0)
-        return Blocker::noJobDescription;
+        return !m_jobs->errorMessage() ? Blocker::noJobDescription : Blocker::loadFailed;
     return Blocker::none;
 }
 
@@ -76,10 +78,19 @@ QString MockInterviewPageViewModel::blockerKey() const
     case Blocker::noJobDescription:
         return u"mock.error.no_jd"_s;
     case Blocker::loading:
+    case Blocker::loadFailed:
     case Blocker::none:
         break;
     }
     return {};
+}
+
+QString MockInterviewPageViewModel::loadError() const
+{
+    if (blocker() != Blocker::loadFailed)
+        return {};
+    const auto& failed = m_resumes->rowCount() == 0 ? m_resumes : m_jobs;
+    return failed->errorMessage().value_or(QString());
 }
 
 void MockInterviewPageViewModel::setResumeIndex(int index)

@@ -17,6 +17,8 @@ class MockInterviewPageViewModel : public QObject {
     Q_PROPERTY(Blocker blocker READ blocker NOTIFY changed)
     // The string key of the message that names the blocker; empty when there is none to name.
     Q_PROPERTY(QString blockerKey READ blockerKey NOTIFY changed)
+    // Why a list could not be loaded, shown in place of the blocker's message.
+    Q_PROPERTY(QString loadError READ loadError NOTIFY changed)
     Q_PROPERTY(bool isLoading READ isLoading NOTIFY changed)
     Q_PROPERTY(QStringList resumeNames READ resumeNames NOTIFY changed)
     Q_PROPERTY(QStringList jobDescriptionNames READ jobDescriptionNames NOTIFY changed)
@@ -26,7 +28,7 @@ class MockInterviewPageViewModel : public QObject {
 
 public:
     // What keeps the user from starting, the first that holds in this order.
-    enum class Blocker { none, signedOut, loading, noResume, noJobDescription };
+    enum class Blocker { none, signedOut, loading, loadFailed, noResume, noJobDescription };
     Q_ENUM(Blocker)
 
     MockInterviewPageViewModel(DocumentListViewModel& resumes, DocumentListViewModel& jobs,
@@ -39,6 +41,7 @@ public:
 
     Blocker blocker() const;
     QString blockerKey() const;
+    QString loadError() const;
     bool isLoading() const { return blocker() == Blocker::loading; }
     QStringList resumeNames() const { return names(*m_resumes); }
     QStringList jobDescriptionNames() const { return names(*m_jobs); }

@@ -6,6 +6,8 @@ Button {
     id: button
 
     property bool accent: false
+    // A symbol of the icon set before the text; none when empty.
+    property string symbol
 
     leftPadding: 14
     rightPadding: 14
@@ -16,13 +18,31 @@ Button {
     // A screen reader's press clicks (Qt Quick Controls 6.4 reports it done without one).
     Accessible.onPressAction: clicked()
 
-    contentItem: Text {
-        text: button.text
-        font: button.font
-        color: button.enabled ? "white" : Qt.rgba(1, 1, 1, 0.4)
-        horizontalAlignment: Text.AlignHCenter
-        verticalAlignment: Text.AlignVCenter
-        elide: Text.ElideRight
+    contentItem: Item {
+        readonly property real iconSpace: icon.visible ? icon.implicitWidth + 6 : 0
+        implicitWidth: iconSpace + label.implicitWidth
+        implicitHeight: label.implicitHeight
+        Row {
+            anchors.centerIn: parent
+            spacing: 6
+            Icon {
+                id: icon
+                visible: button.symbol.length > 0
+                name: button.symbol
+                size: button.font.pixelSize + 1
+                color: label.color
+                height: label.height
+            }
+            Text {
+                id: label
+                width: Math.min(implicitWidth, parent.parent.width - parent.parent.iconSpace)
+                text: button.text
+                font: button.font
+                color: button.enabled ? "white" : Qt.rgba(1, 1, 1, 0.4)
+                verticalAlignment: Text.AlignVCenter
+                elide: Text.ElideRight
+            }
+        }
     }
     background: Rectangle {
         implicitWidth: 80

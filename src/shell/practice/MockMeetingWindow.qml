@@ -145,11 +145,13 @@ ApplicationWindow {
                 Layout.fillWidth: true
             }
             PageButton {
+                symbol: "forward.fill"
                 text: window.strings.text("mock.meeting.skip")
                 enabled: window.meeting.canSkip
                 onClicked: window.meeting.skip()
             }
             PageButton {
+                symbol: "phone.down.fill"
                 text: window.strings.text("mock.meeting.end")
                 onClicked: window.meeting.end()
                 background: Rectangle {
