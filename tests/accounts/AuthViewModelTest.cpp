@@ -53,7 +53,8 @@ TEST(AuthViewModelTest, StartUpRestoreAndRefusedExchange)
     // The access and refresh tokens in the keyring.
     const auto stored = [&] { // braced: the access token is read first
         return std::pair<std::optional<QString>, std::optional<QString>>{
-            awaitTask(keychain.read(AuthTokenStore::accessTokenKey)), awaitTask(keychain.read(AuthTokenStore::refreshTokenKey))};
+            awaitTask(keychain.read(AuthTokenStore::accessTokenKey)),
+            awaitTask(keychain.read(AuthTokenStore::refreshTokenKey))};
     };
 
     using Profile = AuthViewModel::UserProfile;
@@ -71,17 +72,22 @@ TEST(AuthViewModelTest, StartUpRestoreAndRefusedExchange)
         std::optional<Profile> user;
         QString log;
     } rows[] = {
-        {alice, none, reply(200), false, alice, none, none, u"[Auth] init: hasStoredTokens=false, refreshToken=false"_s},
-        {u"old-access"_s, u"old-refresh"_s, reply(200, {{u"accessToken"_s, bob}, {u"refreshToken"_s, u"new-refresh"_s}}),
-         true, bob, u"new-refresh"_s, Profile{u"u-7"_s, u"bob@example.com"_s, none},
+        {alice, none, reply(200), false, alice, none, none,
+         u"[Auth] init: hasStoredTokens=false, refreshToken=false"_s},
+        {u"old-access"_s, u"old-refresh"_s,
+         reply(200, {{u"accessToken"_s, bob}, {u"refreshToken"_s, u"new-refresh"_s}}), true, bob,
+         u"new-refresh"_s, Profile{u"u-7"_s, u"bob@example.com"_s, none},
          u"[Auth] init: hasStoredTokens=true, refreshToken=true"_s},
-        {alice, u"refresh"_s, reply(500), true, alice, u"refresh"_s, Profile{u"u-1"_s, u"alice@example.com"_s, none}, keeping},
+        {alice, u"refresh"_s, reply(500), true, alice, u"refresh"_s,
+         Profile{u"u-1"_s, u"alice@example.com"_s, none}, keeping},
         {none, u"refresh"_s, reply(500), true, none, u"refresh"_s, none, keeping},
-        {alice, u"refresh"_s, reply(401), false, none, none, none, u"[Auth] restoreSession auth rejected, logging out"_s},
+        {alice, u"refresh"_s, reply(401), false, none, none, none,
+         u"[Auth] restoreSession auth rejected, logging out"_s},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE("row " + std::to_string(&row - rows));
-        awaitTask(store.saveTokens(row.access.value_or(QString()), row.refresh.value_or(QString())));
+        awaitTask(
+            store.saveTokens(row.access.value_or(QString()), row.refresh.value_or(QString())));
         for (const auto& [key, value] : {std::pair(AuthTokenStore::accessTokenKey, row.access),
                                          std::pair(AuthTokenStore::refreshTokenKey, row.refresh)})
             if (!value)
@@ -101,13 +107,16 @@ TEST(AuthViewModelTest, StartUpRestoreAndRefusedExchange)
             QCoreApplication::processEvents();
         const auto sent = backend.requests("POST", "/api/v1/auth/refresh").mid(refreshes);
         ASSERT_EQ(sent.size(), row.refresh ? 1 : 0);
-        EXPECT_EQ(sent.isEmpty() ? QString() : QJsonDocument::fromJson(sent.first().body)[u"refreshToken"_s].toString(),
+        EXPECT_EQ(sent.isEmpty()
+                      ? QString()
+                      : QJsonDocument::fromJson(sent.first().body)[u"refreshToken"_s].toString(),
                   row.refresh.value_or(QString()));
         EXPECT_EQ(fresh.isLoggedIn(), row.signedIn);
         EXPECT_EQ(stored(), std::pair(row.access2, row.refresh2));
         EXPECT_EQ(client.accessToken(), row.signedIn ? row.access2 : std::nullopt);
         EXPECT_EQ(fresh.currentUser(), row.user);
-        EXPECT_TRUE(logs.lines().mid(logsBefore).contains(row.log)) << logs.lines().join(u'\n').toStdString();
+        EXPECT_TRUE(logs.lines().mid(logsBefore).contains(row.log))
+            << logs.lines().join(u'\n').toStdString();
     }
 
     awaitTask(store.saveTokens(u"a-0"_s, u"r-0"_s));
@@ -128,14 +137,18 @@ TEST(BrowserSignInTest, StateReplacementCallbackAndExpiry)
     ManualClock clock;
     QList<QUrl> opened;
     QList<std::optional<QString>> results;
-    OAuthService oauth{u"http://accounts.example"_s, clock, [&](const QUrl& url) { opened.append(url); return true; }};
+    OAuthService oauth{u"http://accounts.example"_s, clock, [&](const QUrl& url) {
+                           opened.append(url);
+                           return true;
+                       }};
     // Starts a sign-in and returns the state of the page it opened.
     const auto start = [&] {
         oauth.startLogin([&](std::optional<QString> code) { results.append(code); });
         return opened.isEmpty() ? QString() : QUrlQuery(opened.last()).queryItemValue(u"state"_s);
     };
     const QString first = start();
-    EXPECT_EQ(opened.last().toString(QUrl::FullyEncoded), u"http://accounts.example/auth/login?state="_s + first);
+    EXPECT_EQ(opened.last().toString(QUrl::FullyEncoded),
+              u"http://accounts.example/auth/login?state="_s + first);
     EXPECT_TRUE(first == first.toUpper() && first.size() == 36) << first.toStdString();
     const QString second = start();
     EXPECT_NE(first, second);
@@ -160,12 +173,15 @@ TEST(DeepLinkTest, TakesTheFirstAddressWithTheCallbackSchemeHostAndCode)
         {{u"ravlet://auth-callback?code=x"_s}, u"x"_s},
         // A deep link is taken whatever its state: it may finish a sign-in of an earlier start.
         {{u"ravlet://auth-callback?code=c-1&state=NOT-THE-STATE"_s}, u"c-1"_s},
-        {{u"ravlet://other?code=x"_s}, std::nullopt}, {{u"https://auth-callback?code=x"_s}, std::nullopt},
-        {{u"ravlet://auth-callback?code="_s}, std::nullopt}, {{}, std::nullopt},
+        {{u"ravlet://other?code=x"_s}, std::nullopt},
+        {{u"https://auth-callback?code=x"_s}, std::nullopt},
+        {{u"ravlet://auth-callback?code="_s}, std::nullopt},
+        {{}, std::nullopt},
         {{u"ravlet://other?code=x"_s, u"ravlet://auth-callback?code=y"_s}, std::nullopt},
     };
     for (const auto& [addresses, code] : cases)
-        EXPECT_EQ(OAuthService::deepLinkCode(QUrl::fromStringList(addresses)), code) << addresses.join(u' ').toStdString();
+        EXPECT_EQ(OAuthService::deepLinkCode(QUrl::fromStringList(addresses)), code)
+            << addresses.join(u' ').toStdString();
 }
 
 } // namespace

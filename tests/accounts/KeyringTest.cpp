@@ -25,7 +25,8 @@ TEST(KeyringTest, TokensComeBackExactlyReplaceEarlierItemsAndOnlyUtf8ReadsAsText
     AuthService store(std::make_shared<const KeychainHelper>());
     using Tokens = std::pair<std::optional<QString>, std::optional<QString>>;
     const auto tokens = [&] {
-        return Tokens(QCoro::waitFor(store.getAccessToken()), QCoro::waitFor(store.getRefreshToken()));
+        return Tokens(QCoro::waitFor(store.getAccessToken()),
+                      QCoro::waitFor(store.getRefreshToken()));
     };
     // The store updates an item with the same attributes by itself; an item in the other form
     // (text, as an older writer may have left it) would survive that and win on read.
@@ -45,7 +46,11 @@ TEST(KeyringTest, TokensComeBackExactlyReplaceEarlierItemsAndOnlyUtf8ReadsAsText
     const KeychainHelper keychain;
     const QString key = u"ravlet.keyringTest"_s;
     const std::pair<QByteArray, std::optional<QString>> items[] = {
-        {"t\xc3\xb8ken", u"t\u00f8ken"_s}, {"tok\xff" "en", std::nullopt}, {"token\xe2\x82", std::nullopt}};
+        {"t\xc3\xb8ken", u"t\u00f8ken"_s},
+        {"tok\xff"
+         "en",
+         std::nullopt},
+        {"token\xe2\x82", std::nullopt}};
     for (const auto& [bytes, text] : items) {
         QCoro::waitFor(keychain.remove(key));
         ASSERT_TRUE(PrivateKeyring::storeRawItem(key, bytes));

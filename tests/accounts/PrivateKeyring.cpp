@@ -14,13 +14,15 @@ std::optional<std::string> PrivateKeyring::attach()
     // Without the fixture's state the tests would reach the session's keyring: never an option.
     QFile state(qEnvironmentVariable("RAVLET_KEYRING_STATE"));
     if (state.fileName().isEmpty() || !state.open(QIODevice::ReadOnly))
-        throw std::runtime_error("no keyring state file (RAVLET_KEYRING_STATE): run these tests through "
-                                 "ctest, whose Keyring fixture starts a private Secret Service");
+        throw std::runtime_error(
+            "no keyring state file (RAVLET_KEYRING_STATE): run these tests through "
+            "ctest, whose Keyring fixture starts a private Secret Service");
     QByteArray address;
     for (const auto& line : state.readAll().split('\n')) {
         const auto equals = line.indexOf('=');
         if (line.left(equals) == "MISSING")
-            return "the private Secret Service needs " + line.mid(equals + 1).trimmed().toStdString()
+            return "the private Secret Service needs "
+                   + line.mid(equals + 1).trimmed().toStdString()
                    + ", which is not installed (scripts/install-deps.sh installs it)";
         if (line.left(equals) == "DBUS_SESSION_BUS_ADDRESS")
             address = line.mid(equals + 1).trimmed();

@@ -152,9 +152,11 @@ TEST(MockInterviewAPITest, AnswersFailuresAndNotifications)
 TEST(MockInterviewAPITest, QuestionsWithoutDocumentsLeaveTheirKeysOut)
 {
     Harness harness;
-    harness.server.setRoute("POST", questionsPath, answer(200, R"({"sessionId":"s","questions":[]})"));
+    harness.server.setRoute("POST", questionsPath,
+                            answer(200, R"({"sessionId":"s","questions":[]})"));
     awaitTask(harness.api.fetchQuestions(std::nullopt, std::nullopt, u"de"_s, 8), 10'000);
-    EXPECT_EQ(QJsonDocument::fromJson(harness.server.requests("POST", questionsPath).first().body).object(),
+    EXPECT_EQ(QJsonDocument::fromJson(harness.server.requests("POST", questionsPath).first().body)
+                  .object(),
               (QJsonObject{{u"language"_s, u"de"_s}, {u"count"_s, 8}}));
 }
 

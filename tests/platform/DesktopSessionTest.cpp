@@ -20,16 +20,42 @@ TEST(DesktopSession, DetectedFromTheEnvironment)
     };
     const auto s = [](const char* text) { return QString::fromUtf8(text); };
     const Row rows[] = {
-        {"KDE on X11", {s("x11"), {}, s(":0"), s("KDE"), {}}, Kind::x11, false, "xcb", "X11 session (KDE)"},
-        {"X11 with a stale WAYLAND_DISPLAY", {s("x11"), s("wayland-0"), s(":0"), s("XFCE"), {}}, Kind::x11, false,
-         "xcb", "X11 session (XFCE)"},
-        {"sway without XWayland", {s("wayland"), s("wayland-1"), {}, s("sway"), {}}, Kind::wayland, false, "",
+        {"KDE on X11",
+         {s("x11"), {}, s(":0"), s("KDE"), {}},
+         Kind::x11,
+         false,
+         "xcb",
+         "X11 session (KDE)"},
+        {"X11 with a stale WAYLAND_DISPLAY",
+         {s("x11"), s("wayland-0"), s(":0"), s("XFCE"), {}},
+         Kind::x11,
+         false,
+         "xcb",
+         "X11 session (XFCE)"},
+        {"sway without XWayland",
+         {s("wayland"), s("wayland-1"), {}, s("sway"), {}},
+         Kind::wayland,
+         false,
+         "",
          "without XWayland: the overlay cannot be kept above"},
-        {"no session type, both sockets", {{}, s("wayland-0"), s(":0"), s("Hyprland"), {}}, Kind::wayland, true,
-         "xcb", "Wayland session (Hyprland)"},
-        {"the user's own platform", {s("wayland"), s("wayland-0"), s(":0"), s("KDE"), s("wayland")}, Kind::wayland,
-         true, "", "QT_QPA_PLATFORM=wayland as set"},
-        {"no display at all", {s("tty"), {}, {}, {}, {}}, Kind::none, false, "", "no graphical session"},
+        {"no session type, both sockets",
+         {{}, s("wayland-0"), s(":0"), s("Hyprland"), {}},
+         Kind::wayland,
+         true,
+         "xcb",
+         "Wayland session (Hyprland)"},
+        {"the user's own platform",
+         {s("wayland"), s("wayland-0"), s(":0"), s("KDE"), s("wayland")},
+         Kind::wayland,
+         true,
+         "",
+         "QT_QPA_PLATFORM=wayland as set"},
+        {"no display at all",
+         {s("tty"), {}, {}, {}, {}},
+         Kind::none,
+         false,
+         "",
+         "no graphical session"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.session);
@@ -37,7 +63,8 @@ TEST(DesktopSession, DetectedFromTheEnvironment)
         EXPECT_EQ(session.kind, row.kind);
         EXPECT_EQ(session.xwayland, row.xwayland);
         EXPECT_EQ(session.windowPlatform, row.platform);
-        EXPECT_TRUE(session.logLine.contains(QString::fromUtf8(row.logged))) << qPrintable(session.logLine);
+        EXPECT_TRUE(session.logLine.contains(QString::fromUtf8(row.logged)))
+            << qPrintable(session.logLine);
     }
 }
 
@@ -60,14 +87,18 @@ TEST(DesktopSession, KeysRouteFollowsTheSessionAndThePortal)
     const Row rows[] = {
         {"X11 with a portal too", xfce, true, true, Route::seen},
         {"X11 without XInput2", xfce, false, false, Route::keyboardSettings},
-        {"GNOME 43 on Wayland: XWayland sees keys, but only in our windows", gnomeWayland, false, true,
-         Route::keyboardSettings},
-        {"sway without XWayland", {s("wayland"), s("wayland-1"), {}, s("sway"), {}}, false, false,
+        {"GNOME 43 on Wayland: XWayland sees keys, but only in our windows", gnomeWayland, false,
+         true, Route::keyboardSettings},
+        {"sway without XWayland",
+         {s("wayland"), s("wayland-1"), {}, s("sway"), {}},
+         false,
+         false,
          Route::keyboardSettings},
         {"no display", {s("tty"), {}, {}, {}, {}}, false, false, Route::keyboardSettings},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.session);
-        EXPECT_EQ(globalKeysRoute(detectDesktopSession(row.facts), row.portal, row.x11Seen), row.route);
+        EXPECT_EQ(globalKeysRoute(detectDesktopSession(row.facts), row.portal, row.x11Seen),
+                  row.route);
     }
 }

@@ -31,17 +31,19 @@ protected:
         // A bus of our own that activates nothing: with the session defaults, an installed
         // desktop portal would be started on it and answer in the fake's place.
         ASSERT_TRUE(m_config.open());
-        m_config.write("<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen>"
-                       "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                       "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>");
+        m_config.write(
+            "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen>"
+            "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+            "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>");
         m_config.close();
-        m_daemon.start(u"dbus-daemon"_s,
-                       {u"--config-file="_s + m_config.fileName(), u"--nofork"_s, u"--print-address"_s});
+        m_daemon.start(u"dbus-daemon"_s, {u"--config-file="_s + m_config.fileName(), u"--nofork"_s,
+                                          u"--print-address"_s});
         ASSERT_TRUE(m_daemon.waitForStarted(5000)) << "no dbus-daemon";
         ASSERT_TRUE(QTest::qWaitFor([&] { return m_daemon.canReadLine(); }, 5000));
         m_address = QString::fromUtf8(m_daemon.readLine()).trimmed();
         m_busName = u"private-%1"_s.arg(++s_buses);
-        m_bus = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(m_address, m_busName));
+        m_bus =
+            std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(m_address, m_busName));
         ASSERT_TRUE(m_bus->isConnected());
     }
 
@@ -61,16 +63,18 @@ protected:
         environment.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, m_address);
         m_fake.setProcessEnvironment(environment);
         m_fake.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_fake.start(u"/usr/bin/python3"_s, QStringList{QStringLiteral(RAVLET_FAKE_PORTAL)} + arguments);
-        ASSERT_TRUE(QTest::qWaitFor([&] { return m_bus->interface()->isServiceRegistered(portalName).value(); },
-                                    10000))
+        m_fake.start(u"/usr/bin/python3"_s,
+                     QStringList{QStringLiteral(RAVLET_FAKE_PORTAL)} + arguments);
+        ASSERT_TRUE(QTest::qWaitFor(
+            [&] { return m_bus->interface()->isServiceRegistered(portalName).value(); }, 10000))
             << "the stand-in portal did not come up";
     }
 
     QJsonArray calls() const
     {
-        const auto reply = m_bus->call(QDBusMessage::createMethodCall(
-            portalName, u"/org/freedesktop/portal/desktop"_s, u"org.ravlet.test.FakePortal"_s, u"Calls"_s));
+        const auto reply = m_bus->call(
+            QDBusMessage::createMethodCall(portalName, u"/org/freedesktop/portal/desktop"_s,
+                                           u"org.ravlet.test.FakePortal"_s, u"Calls"_s));
         return QJsonDocument::fromJson(reply.arguments().value(0).toString().toUtf8()).array();
     }
 
@@ -94,7 +98,8 @@ protected:
     {
         QStringList pairs;
         for (const auto& shortcut : shortcuts.toArray())
-            pairs.append(shortcut[0].toString() + u'=' + shortcut[1][u"preferred_trigger"_s].toString());
+            pairs.append(shortcut[0].toString() + u'='
+                         + shortcut[1][u"preferred_trigger"_s].toString());
         return pairs;
     }
 
@@ -124,7 +129,8 @@ TEST_F(GlobalShortcutsPortalTest, ANewSessionForEachTriggerKeyRefusalsAndOnlyOur
     EXPECT_TRUE(GlobalShortcutsPortal::isAvailable(*m_bus));
     GlobalShortcutsPortal portal(*m_bus);
 
-    for (const auto& [key, trigger] : {std::pair(f5, u"F5"_s), {letterA, u"CTRL+ALT+backslash"_s}}) {
+    for (const auto& [key, trigger] :
+         {std::pair(f5, u"F5"_s), {letterA, u"CTRL+ALT+backslash"_s}}) {
         const qsizetype before = calls().size();
         ASSERT_TRUE(bindAndWait(portal, key)) << key.displayName.toStdString();
         const QJsonArray made = calls();

@@ -36,7 +36,8 @@ QStringList quoted(const QString& text)
 
 QString customKey(const QString& path, const QString& key)
 {
-    const auto values = quoted(gsettings({u"get"_s, mediaKeys + u".custom-keybinding:"_s + path, key}));
+    const auto values =
+        quoted(gsettings({u"get"_s, mediaKeys + u".custom-keybinding:"_s + path, key}));
     return values.value(0);
 }
 
@@ -53,12 +54,14 @@ TEST(GnomeCustomShortcuts, AddsTheCommandsBesideTheUsersOwnWithFreeChords)
     qputenv("XDG_CONFIG_HOME", home.path().toUtf8());
     qputenv("GSETTINGS_BACKEND", "keyfile");
     if (!gsettings({u"list-schemas"_s}).split(u'\n').contains(mediaKeys))
-        GTEST_SKIP() << "GNOME's keyboard-shortcut schema is not installed (gnome-settings-daemon-common)";
+        GTEST_SKIP()
+            << "GNOME's keyboard-shortcut schema is not installed (gnome-settings-daemon-common)";
 
     const QString own = customPrefix + u"custom0/"_s;
     gsettings({u"set"_s, mediaKeys, u"custom-keybindings"_s, u"['"_s + own + u"']"_s});
     gsettings({u"set"_s, mediaKeys + u".custom-keybinding:"_s + own, u"command"_s, u"foot"_s});
-    gsettings({u"set"_s, mediaKeys + u".custom-keybinding:"_s + own, u"binding"_s, u"<Control><Alt>backslash"_s});
+    gsettings({u"set"_s, mediaKeys + u".custom-keybinding:"_s + own, u"binding"_s,
+               u"<Control><Alt>backslash"_s});
     gsettings({u"set"_s, u"org.gnome.desktop.wm.keybindings"_s, u"switch-to-workspace-1"_s,
                u"['<Primary><Alt>bracketleft']"_s});
 
@@ -90,5 +93,6 @@ TEST(GnomeCustomShortcuts, AddsTheCommandsBesideTheUsersOwnWithFreeChords)
     EXPECT_EQ(bindingOf, expected);
 
     shortcuts.add();
-    EXPECT_EQ(quoted(gsettings({u"get"_s, mediaKeys, u"custom-keybindings"_s})), paths) << "added twice";
+    EXPECT_EQ(quoted(gsettings({u"get"_s, mediaKeys, u"custom-keybindings"_s})), paths)
+        << "added twice";
 }

@@ -82,7 +82,8 @@ TEST_F(QtTTSPlayerTest, PlaysMp3ToTheEndWithItsLevel)
     ASSERT_GT(seconds, 2.0);
     QtTTSPlayer player(clock);
     double peak = 0;
-    QObject::connect(&player, &TTSPlayer::levelChanged, [&] { peak = std::max(peak, player.level()); });
+    QObject::connect(&player, &TTSPlayer::levelChanged,
+                     [&] { peak = std::max(peak, player.level()); });
     QElapsedTimer elapsed;
     elapsed.start();
     awaitTask(player.play(read(mp3)), playDeadlineMs);

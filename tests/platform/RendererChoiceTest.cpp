@@ -14,11 +14,19 @@ TEST(RendererChoice, SoftwareWhereOpenGlWouldBeARasterizer)
     };
     const Row rows[] = {
         {"a desktop with a GPU", {{}, false, true, false, true}, false},
-        {"a device, but an X server without DRI3 (Xvnc, ssh -X)", {{}, false, true, false, false}, true},
-        {"NVIDIA's driver, which has no render node of Mesa's", {{}, false, false, true, false}, false},
+        {"a device, but an X server without DRI3 (Xvnc, ssh -X)",
+         {{}, false, true, false, false},
+         true},
+        {"NVIDIA's driver, which has no render node of Mesa's",
+         {{}, false, false, true, false},
+         false},
         {"LIBGL_ALWAYS_SOFTWARE on a desktop with a GPU", {{}, true, true, false, true}, true},
-        {"the user's QT_QUICK_BACKEND wins", {QStringLiteral("opengl"), true, false, false, false}, false},
-        {"the user's software backend", {QStringLiteral("software"), false, true, false, true}, true},
+        {"the user's QT_QUICK_BACKEND wins",
+         {QStringLiteral("opengl"), true, false, false, false},
+         false},
+        {"the user's software backend",
+         {QStringLiteral("software"), false, true, false, true},
+         true},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.machine);

@@ -45,7 +45,8 @@ TEST_F(ClientContractTest, RefreshPendingPostSocketAndSignOutThroughTheClient)
 
     // Lines as the pending upload sends them, out of the order they were spoken in.
     using Speaker = TranscriptEntry::Speaker;
-    const TranscriptEntry first{u"e1"_s, Speaker::interviewer, u"Tell me about a time."_s, 2000, 0.9, true},
+    const TranscriptEntry first{
+        u"e1"_s, Speaker::interviewer, u"Tell me about a time."_s, 2000, 0.9, true},
         second{u"e2"_s, Speaker::user, u"Sure."_s, 1000, std::nullopt, true};
     awaitTask(client.postTranscript(session.id, {first.uploadForm(), second.uploadForm()}));
 
@@ -85,9 +86,13 @@ TEST_F(ClientContractTest, RefreshPendingPostSocketAndSignOutThroughTheClient)
     signedIn.setApiClient(&client);
     signedIn.logout();
     EXPECT_TRUE(waitUntil([&] {
-        return AuthStore(*server.db).refresh(tokenHash(*refreshToken)).value_or(AuthStore::RefreshRecord{}).revoked;
+        return AuthStore(*server.db)
+            .refresh(tokenHash(*refreshToken))
+            .value_or(AuthStore::RefreshRecord{})
+            .revoked;
     }));
     // The sign-out's request ends before the test does.
-    EXPECT_TRUE(waitUntil([&] { return !logs.lines().filter(u"[Auth] logout: the server ended"_s).isEmpty(); }));
+    EXPECT_TRUE(waitUntil(
+        [&] { return !logs.lines().filter(u"[Auth] logout: the server ended"_s).isEmpty(); }));
     EXPECT_FALSE(awaitTask(tokens.getRefreshToken()));
 }

@@ -37,7 +37,8 @@ struct ListenClient {
                          [this] { isClosed = true; });
         QObject::connect(&socket, &QWebSocket::textMessageReceived, [this](const QString& text) {
             const auto message = QJsonDocument::fromJson(text.toUtf8()).object();
-            types << message[u"type"_s].toString() + (message[u"is_final"_s].toBool() ? u"!"_s : u""_s);
+            types << message[u"type"_s].toString()
+                         + (message[u"is_final"_s].toBool() ? u"!"_s : u""_s);
             if (types.last() == u"Results!"_s)
                 finals << message[u"channel"_s][u"alternatives"_s][0][u"transcript"_s].toString();
         });
@@ -99,7 +100,8 @@ TEST_F(ListenChannelTest, LetsInOnlySpeechTokensAndClosesASocketLeftQuiet)
     // are the token route's suite; addresses it cannot serve, the listen frames fuzz target's).
     for (const QByteArray& authorization :
          {QByteArray(), "Bearer " + account.accessToken.toLatin1(), "Token " + bearer.mid(7)}) {
-        EXPECT_FALSE(open(autoDetectPath, authorization)->waitConnected()) << authorization.constData();
+        EXPECT_FALSE(open(autoDetectPath, authorization)->waitConnected())
+            << authorization.constData();
         EXPECT_EQ(ListenChannel::openCount(), 0);
     }
     auto quiet = open(englishPath, bearer);
@@ -131,7 +133,8 @@ TEST_F(ListenChannelTest, AClientThatVanishesMidPhraseEndsItsDecoder)
     auto vanishing = open(autoDetectPath, bearer);
     ASSERT_TRUE(vanishing->waitConnected());
     vanishing->sendAudio(*speech + *speech + *speech, 3'200);
-    ASSERT_TRUE(waitUntil([&] { return !vanishing->types.filter(u"Results"_s).isEmpty(); }, decodeTimeoutMs));
+    ASSERT_TRUE(waitUntil([&] { return !vanishing->types.filter(u"Results"_s).isEmpty(); },
+                          decodeTimeoutMs));
     vanishing->socket.abort();
     EXPECT_TRUE(waitUntil([] { return ListenChannel::openCount() == 0; }))
         << "the decoder's thread ends with its socket";
@@ -145,7 +148,8 @@ TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeechThroughGarbageA
 {
     // Questions that the recogniser hears well enough for each text to be told from the others
     // (the general English model is weak on open speech).
-    const QStringList questions{u"why do you want this job"_s, u"what was your biggest achievement"_s,
+    const QStringList questions{u"why do you want this job"_s,
+                                u"what was your biggest achievement"_s,
                                 u"how would you test this feature"_s, proudQuestion.toLower()};
     ASSERT_EQ(questions.size(), ServerConfig{}.quotas.listenSockets);
     // All the speech is made first, so that the sockets decode at the same time.
@@ -179,8 +183,10 @@ TEST_F(ListenChannelTest, ConcurrentSocketsEachHearTheirOwnSpeechThroughGarbageA
         const auto& client = clients[std::size_t(i)];
         ASSERT_TRUE(waitUntil([&] { return client->isClosed; }, decodeTimeoutMs))
             << "the server closes the socket after its last message";
-        EXPECT_TRUE(client->types.contains(u"Results"_s)) << "partials while the phrase is under way";
-        EXPECT_TRUE(client->types.count(u"Metadata"_s) == 1 && client->types.last() == u"Metadata"_s);
+        EXPECT_TRUE(client->types.contains(u"Results"_s))
+            << "partials while the phrase is under way";
+        EXPECT_TRUE(client->types.count(u"Metadata"_s) == 1
+                    && client->types.last() == u"Metadata"_s);
         const auto heard = client->finals.join(u' ');
         const int own = SpokenAudio::wordsHeard(questions[i], heard);
         SCOPED_TRACE(heard.toStdString());

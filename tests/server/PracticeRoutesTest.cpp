@@ -39,9 +39,11 @@ TEST_F(PracticeRoutesTest, QuestionsComeInTheCountAndLanguageAskedForWithoutRepe
 {
     const auto other = server.signUp();
     const QByteArray jobBody = R"({"title":"Build Engineer","company":"Acme","content":"CI"})";
-    const auto job = server.call(account, "POST", u"/api/v1/job-description"_s, jobBody).json()[u"id"_s];
+    const auto job =
+        server.call(account, "POST", u"/api/v1/job-description"_s, jobBody).json()[u"id"_s];
     const auto ask = [&](const ServerHarness::Account& who, const QString& language, int count) {
-        const QJsonObject body{{u"language"_s, language}, {u"count"_s, count}, {u"jobDescriptionId"_s, job}};
+        const QJsonObject body{
+            {u"language"_s, language}, {u"count"_s, count}, {u"jobDescriptionId"_s, job}};
         const auto result = server.call(who, "POST", practice + u"questions"_s, compact(body));
         EXPECT_EQ(result.status, 200) << result.body.toStdString();
         return result.json();
@@ -86,16 +88,20 @@ TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
     expectRoutes(server, first, {{"GET", avatar, {}, 404}, {"GET", avatar + u"/image"_s, {}, 404}});
     const auto generated = server.call(first, "POST", avatar + u"/generate"_s, "{}").json();
     EXPECT_FALSE(generated[u"key"_s].toString().isEmpty());
-    EXPECT_TRUE(QDateTime::fromString(generated[u"generatedAt"_s].toString(), Qt::ISODateWithMs).isValid());
+    EXPECT_TRUE(
+        QDateTime::fromString(generated[u"generatedAt"_s].toString(), Qt::ISODateWithMs).isValid());
     EXPECT_EQ(server.call(first, "GET", avatar).json(), generated);
     const auto firstImage = image(first);
-    ASSERT_TRUE(firstImage.status == 200 && firstImage.headers.toLower().contains("content-type: image/png"));
+    ASSERT_TRUE(firstImage.status == 200
+                && firstImage.headers.toLower().contains("content-type: image/png"));
     const auto picture = QImage::fromData(firstImage.body, "PNG");
-    const QSet<QRgb> samples{picture.pixel(20, 20), picture.pixel(256, 230), picture.pixel(256, 500)};
+    const QSet<QRgb> samples{picture.pixel(20, 20), picture.pixel(256, 230),
+                             picture.pixel(256, 500)};
     EXPECT_GT(samples.size(), 1) << "a picture, not a blank";
     // Another user gets another face; so does a regeneration.
-    expectRoutes(server, second,
-                 {{"GET", avatar + u"/image"_s, {}, 404}, {"POST", avatar + u"/generate"_s, "{}", 200}});
+    expectRoutes(
+        server, second,
+        {{"GET", avatar + u"/image"_s, {}, 404}, {"POST", avatar + u"/generate"_s, "{}", 200}});
     const auto secondImage = image(second).body;
     EXPECT_NE(QImage::fromData(secondImage, "PNG"), picture);
     ASSERT_EQ(server.call(first, "POST", avatar + u"/generate"_s, "").status, 200);
@@ -211,6 +217,7 @@ TEST(PracticeSpeechTest, BytesThatAreNoPcmWavAreRefused)
     QByteArray floatFormat("RIFF\x24\xf0\xff\x7fWAVEfmt \x10\0\0\0\x03\0\x01\0\x22\x56\0\0"
                            "\x44\xac\0\0\x02\0\x10\0data\x00\xf0\xff\x7f\x01\x02",
                            46);
-    for (const auto& bad : {QByteArray(), QByteArray("RIFF....WAVE"), floatFormat.left(20), floatFormat})
+    for (const auto& bad :
+         {QByteArray(), QByteArray("RIFF....WAVE"), floatFormat.left(20), floatFormat})
         EXPECT_FALSE(SpeechSynthesizer::completeWav(bad)) << bad.toHex().left(48).toStdString();
 }

@@ -152,7 +152,8 @@ TEST(ServerOptionsTest, SigningKeyIsKeptAndRefusedWhenShortOrExposedAndCommitsRe
 
     // An acknowledged transcript line must survive a power cut, not only a crash: every commit
     // reaches the disk (FULL is 2).
-    auto synchronous = Database::open(dir.filePath(u"server.sqlite"_s))->run(u"PRAGMA synchronous"_s);
+    auto synchronous =
+        Database::open(dir.filePath(u"server.sqlite"_s))->run(u"PRAGMA synchronous"_s);
     ASSERT_TRUE(synchronous.next());
     EXPECT_EQ(synchronous.value(0).toInt(), 2);
 }

@@ -95,7 +95,10 @@ TEST_F(ServerTest, EveryApiRouteRefusesMissingAndForgedTokens)
     for (const auto& route : routes) {
         for (const auto& token : {QString(), forged, account.accessToken.chopped(2)}) {
             const auto method = route.section(u' ', 0, 0).toLatin1();
-            EXPECT_EQ(server.call(bearer(token), method, u"/api/v1/"_s + route.section(u' ', 1), "{}").status, 401)
+            EXPECT_EQ(
+                server.call(bearer(token), method, u"/api/v1/"_s + route.section(u' ', 1), "{}")
+                    .status,
+                401)
                 << route.toStdString() << ' ' << token.toStdString();
         }
     }
@@ -169,8 +172,11 @@ TEST_F(ServerTest, TokensAndSignInCodesLastTheirTimeAndRefreshTokensRotateInFami
     // Speech tokens are checked by recognisers outside this server: one signed with the key of
     // access tokens is no speech token, and a speech token opens no API route. (The token route's
     // own rules are its suite's.)
-    EXPECT_FALSE(server.accounts->verifySpeechToken(TokenSigner(ServerHarness::signingKey).sign(
-        {{u"sub"_s, user.id}, {u"typ"_s, u"speech"_s}, {u"exp"_s, server.clock.nowMs() / 1000 + 600}})));
+    EXPECT_FALSE(server.accounts->verifySpeechToken(
+        TokenSigner(ServerHarness::signingKey)
+            .sign({{u"sub"_s, user.id},
+                   {u"typ"_s, u"speech"_s},
+                   {u"exp"_s, server.clock.nowMs() / 1000 + 600}})));
     const auto speech = bearer(server.accounts->issueSpeechToken(user.id));
     EXPECT_EQ(server.call(speech, "GET", u"/api/v1/subscription/status"_s).status, 401);
 }
@@ -223,12 +229,13 @@ TEST_F(ServerTest, UsersNeverReachEachOthersData)
     ASSERT_EQ(server.engine.answers.size(), 1u);
     const auto& asked = server.engine.answers[0]->request;
     EXPECT_EQ(asked.resumeText + asked.jobDescriptionText, QString());
-    expectRoutes(server, owner,
-                 {{"GET", session, {}, 200, R"({"status":"active","transcript":[{"content":"Secret"}]})"},
-                  {"GET", log, {}, 200, R"({"question":"q"})"},
-                  {"GET", u"/api/v1/interview/session"_s, {}, 200, R"({"sessions":[{}]})"},
-                  {"GET", u"/api/v1/resume"_s, {}, 200, R"({"resumes":[{}]})"},
-                  {"GET", u"/api/v1/job-description"_s, {}, 200, R"({"jobDescriptions":[{}]})"}});
+    expectRoutes(
+        server, owner,
+        {{"GET", session, {}, 200, R"({"status":"active","transcript":[{"content":"Secret"}]})"},
+         {"GET", log, {}, 200, R"({"question":"q"})"},
+         {"GET", u"/api/v1/interview/session"_s, {}, 200, R"({"sessions":[{}]})"},
+         {"GET", u"/api/v1/resume"_s, {}, 200, R"({"resumes":[{}]})"},
+         {"GET", u"/api/v1/job-description"_s, {}, 200, R"({"jobDescriptions":[{}]})"}});
 }
 
 TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
@@ -244,7 +251,8 @@ TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
             {"POST", jobs, QByteArray(10 * 1024 * 1024, ' ') + "{}", 413},
             {"GET", u"/api/v1/nothing-here"_s, {}, 404},
             {"DELETE", u"/api/v1/resume"_s, {}, 405},
-            {"POST", tts, compact({{u"text"_s, QString(SpeechSynthesizer::maxTextLength + 1, u'a')}}), 413},
+            {"POST", tts,
+             compact({{u"text"_s, QString(SpeechSynthesizer::maxTextLength + 1, u'a')}}), 413},
             {"POST", tts, R"({"text":42})", 400},
             {"POST", tts, R"({"text":"   "})", 400},
             {"POST", questions, R"({"count":0})", 400},
@@ -339,7 +347,8 @@ TEST_F(ServerTest, ConnectionsThatHoldTheServerAreClosedOnTimeAndCapped)
         auto raw = open(c.sent);
         EXPECT_TRUE(happensExactlyAfter(server.clock, c.allowed, [&] { return raw.closed(); }))
             << c.what;
-        EXPECT_TRUE(raw.received.startsWith(c.answer)) << c.what << ": " << raw.received.constData();
+        EXPECT_TRUE(raw.received.startsWith(c.answer))
+            << c.what << ": " << raw.received.constData();
     }
 
     // Caps per address and in all: the fourth connection gets 503, and a closed one frees its
@@ -411,7 +420,8 @@ TEST_F(ServerTest, NulTextAndACutDatabaseConnectionGiveNoErrors)
 TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEngine)
 {
     const QByteArray job = R"({"title":"SRE","content":"Keep services up"})";
-    const auto jobId = server.call(account, "POST", u"/api/v1/job-description"_s, job).json()[u"id"_s];
+    const auto jobId =
+        server.call(account, "POST", u"/api/v1/job-description"_s, job).json()[u"id"_s];
     QProcess streaming;
     startAnswer(streaming, server, account,
                 R"({"question":"Why this role?","language":"German","jobDescriptionId":")"
@@ -450,7 +460,8 @@ TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsThe
     server.engine.answers[1]->onDone(u"The model server is unreachable"_s);
     ASSERT_TRUE(waitUntil([&] { return failing.state() == QProcess::NotRunning; }));
     const auto output = failing.readAllStandardOutput();
-    EXPECT_TRUE(output.startsWith("HTTP/1.1 502") && output.contains("The model server is unreachable"))
+    EXPECT_TRUE(output.startsWith("HTTP/1.1 502")
+                && output.contains("The model server is unreachable"))
         << output.constData();
     startAnswer(leaving, server, account, R"({"question":"q"})");
     ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 3; }));
@@ -465,7 +476,8 @@ TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsThe
 TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
 {
     const auto jar = server.dir.filePath(u"cookies"_s);
-    const auto page = curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S-1.x&mode=register"_s});
+    const auto page =
+        curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S-1.x&mode=register"_s});
     EXPECT_TRUE(page.status == 200 && page.body.contains("Continue on this computer")
                 && page.headers.contains("SameSite=Strict"));
     // Keyboard only: the address field takes the focus, and Tab goes on to the two passwords.
@@ -630,11 +642,12 @@ TEST(ServerConfigTest, TelemetryTurnedOffStoresNothingAndTellsClientsToDrop)
     // Counted as differences: on PostgreSQL every harness of the run shares one database.
     const auto before = std::pair{stored.eventCount(), stored.crashCount()};
     const auto events = u"/api/v1/telemetry/events"_s;
-    expectRoutes(server, {},
-                 {{"GET", u"/api/v1/telemetry/config"_s, {}, 200, R"({"enabled":false})"},
-                  {"POST", events, R"({"deviceId":"d1","events":[{"name":"a","category":"c"}]})", 204},
-                  {"POST", u"/api/v1/telemetry/crash"_s, R"({"deviceId":"d1","n":1})", 204},
-                  {"POST", events, R"({"deviceId":"d1","events":[{}]})", 204}});
+    expectRoutes(
+        server, {},
+        {{"GET", u"/api/v1/telemetry/config"_s, {}, 200, R"({"enabled":false})"},
+         {"POST", events, R"({"deviceId":"d1","events":[{"name":"a","category":"c"}]})", 204},
+         {"POST", u"/api/v1/telemetry/crash"_s, R"({"deviceId":"d1","n":1})", 204},
+         {"POST", events, R"({"deviceId":"d1","events":[{}]})", 204}});
     EXPECT_EQ(std::pair(stored.eventCount(), stored.crashCount()), before);
 }
 
@@ -685,7 +698,8 @@ TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
 
     // Documents: how many are kept and their total size; another user has quotas of their own.
     const auto jobs = u"/api/v1/job-description"_s;
-    const QByteArray forty = R"({"title":"T","content":"0123456789012345678901234567890123456789"})",
+    const QByteArray forty =
+                         R"({"title":"T","content":"0123456789012345678901234567890123456789"})",
                      small = R"({"title":"T","content":"x"})";
     const auto kept = server.call(account, "POST", jobs, forty).json()[u"id"_s].toString();
     expectRoutes(server, account,
@@ -704,15 +718,18 @@ TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
         return QByteArray(R"({"deviceId":"d1","events":[{"name":")") + name
                + R"(","category":"c"},{"name":")" + name + R"(","category":"c"}]})";
     };
-    expectRoutes(server, {},
-                 {{"POST", events, R"({"deviceId":"d1","appVersion":"0.1.0","platform":"linux","events":[
+    expectRoutes(
+        server, {},
+        {{"POST", events, R"({"deviceId":"d1","appVersion":"0.1.0","platform":"linux","events":[
                       {"name":"app_launched","category":"funnel","clientTs":"2026-01-01T00:00:00.000Z"},
-                      {"name":"api_failed","category":"error","props":{"status":500}}]})", 200},
-                  {"POST", crash, R"({"deviceId":"d1","n":1})", 200},
-                  {"POST", events, two("refused"), 429, R"({"error":"~Too many"})"}});
+                      {"name":"api_failed","category":"error","props":{"status":500}}]})",
+          200},
+         {"POST", crash, R"({"deviceId":"d1","n":1})", 200},
+         {"POST", events, two("refused"), 429, R"({"error":"~Too many"})"}});
     server.clock.advance(std::chrono::minutes(1));
-    expectRoutes(server, {},
-                 {{"POST", events, two("new"), 200}, {"POST", crash, R"({"deviceId":"d1","n":2})", 200}});
+    expectRoutes(
+        server, {},
+        {{"POST", events, two("new"), 200}, {"POST", crash, R"({"deviceId":"d1","n":2})", 200}});
     EXPECT_EQ(std::pair(stored.eventCount(), stored.crashCount()), std::pair(3, 1));
     // The two newest are kept whatever else is there (on PostgreSQL the run shares one database).
     auto names =
@@ -749,18 +766,24 @@ TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfItsKindAndNothingElse)
                + QLatin1String(platform);
     };
     const auto files = server.base().toUtf8() + "/download/files/";
-    expectRoutes(
-        server, {},
-        {
-            {"GET", check("0.9.5"), {}, 200,
-             R"({"hasUpdate":true,"forceUpdate":false,"latest":{"version":"0.10.0",)"
-             R"("changelog":"Faster.","downloadURL":")" + files + R"(RavletAI-0.10.0-linux-x86_64.tar.gz"}})"},
-            {"GET", check("0.9.5", "linux-deb"), {}, 200,
-             R"({"latest":{"downloadURL":")" + files + R"(ravletai_0.10.0_amd64.deb"}})"},
-            {"GET", check("0.10.0"), {}, 200, R"({"hasUpdate":false})"},
-            {"GET", u"/download/files/RavletAI-0.9.0-linux-x86_64.tar.gz"_s, {}, 404},
-            {"GET", u"/download/files/..%2Fserver.sqlite"_s, {}, 404},
-        });
+    expectRoutes(server, {},
+                 {
+                     {"GET",
+                      check("0.9.5"),
+                      {},
+                      200,
+                      R"({"hasUpdate":true,"forceUpdate":false,"latest":{"version":"0.10.0",)"
+                      R"("changelog":"Faster.","downloadURL":")"
+                          + files + R"(RavletAI-0.10.0-linux-x86_64.tar.gz"}})"},
+                     {"GET",
+                      check("0.9.5", "linux-deb"),
+                      {},
+                      200,
+                      R"({"latest":{"downloadURL":")" + files + R"(ravletai_0.10.0_amd64.deb"}})"},
+                     {"GET", check("0.10.0"), {}, 200, R"({"hasUpdate":false})"},
+                     {"GET", u"/download/files/RavletAI-0.9.0-linux-x86_64.tar.gz"_s, {}, 404},
+                     {"GET", u"/download/files/..%2Fserver.sqlite"_s, {}, 404},
+                 });
     const auto deb = curl({QString::fromUtf8(files) + u"ravletai_0.10.0_amd64.deb"_s});
     EXPECT_EQ(QByteArray::number(deb.status) + ' ' + deb.body, "200 system package");
     writeFile(updates.filePath(u"minimum-version"_s), "0.9.9\n");

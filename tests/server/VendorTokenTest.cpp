@@ -209,9 +209,13 @@ TEST(VendorTokensTest, AVendorThatNeverAnswersIsUnreachableAfterItsTime)
     QObject::connect(&silent, &QTcpServer::newConnection, &silent, [&] {
         server.clock.advance(std::chrono::milliseconds(VendorTokens::vendorTimeoutMs));
     });
-    expectRoutes(server, account,
-                 {{"GET", u"/api/v1/speech/token"_s, {}, 503,
-                   R"({"error":"Deepgram could not be reached from this server: no answer within 15 s"})"}});
+    expectRoutes(
+        server, account,
+        {{"GET",
+          u"/api/v1/speech/token"_s,
+          {},
+          503,
+          R"({"error":"Deepgram could not be reached from this server: no answer within 15 s"})"}});
 }
 
 TEST(VendorTokensTest, AnAnswerThatHandsBackTheKeyItselfIsNoToken)

@@ -15,9 +15,15 @@ TEST(AppStringsTest, LanguageFollowsThePreferredLanguagesAndLookupFallsBack)
         QStringList preferred;
         QString expected;
     } cases[] = {
-        {{u"de-AT"_s, u"en"_s}, u"de"_s}, {{u"xx"_s, u"fr-CA"_s}, u"fr"_s}, {{}, u"en"_s},
-        {{u"ZH-TW"_s}, u"zh-tw"_s},       {{u"zh-Hant-HK"_s}, u"zh-tw"_s},   {{u"zh_TW"_s}, u"zh-tw"_s},
-        {{u"zh-Hans-CN"_s}, u"zh"_s},     {{u"fil-PH"_s}, u"fil"_s},         {{u"fi-FI"_s}, u"en"_s},
+        {{u"de-AT"_s, u"en"_s}, u"de"_s},
+        {{u"xx"_s, u"fr-CA"_s}, u"fr"_s},
+        {{}, u"en"_s},
+        {{u"ZH-TW"_s}, u"zh-tw"_s},
+        {{u"zh-Hant-HK"_s}, u"zh-tw"_s},
+        {{u"zh_TW"_s}, u"zh-tw"_s},
+        {{u"zh-Hans-CN"_s}, u"zh"_s},
+        {{u"fil-PH"_s}, u"fil"_s},
+        {{u"fi-FI"_s}, u"en"_s},
     };
     for (const auto& [preferred, expected] : cases)
         EXPECT_EQ(AppStrings::chooseLanguage(preferred), expected)

@@ -18,14 +18,18 @@ TEST(UserSettingsTest, DefaultsForWhatIsMissingOrOfAnotherKind)
     PreferencesStore store;
     NotificationCenter notifications;
     for (const auto& [key, value] : std::initializer_list<std::pair<QString, PreferenceValue>>{
-             {Keys::overlayOpacity, u"0.5"_s}, {Keys::autoTriggerAIAnswers, u"true"_s},
-             {Keys::inputLanguage, 1.0}, {Keys::activeResumeId, true}, {Keys::overlayFontSize, 30.0},
+             {Keys::overlayOpacity, u"0.5"_s},
+             {Keys::autoTriggerAIAnswers, u"true"_s},
+             {Keys::inputLanguage, 1.0},
+             {Keys::activeResumeId, true},
+             {Keys::overlayFontSize, 30.0},
              {Keys::sendAnonymousTelemetry, qint64(0)}})
         store.setValue(key, value);
     UserSettings settings(store, notifications);
     EXPECT_EQ((QStringList{settings.inputLanguage(), settings.outputLanguage()}),
               (QStringList{u"en-US"_s, u"en-US"_s}));
-    EXPECT_EQ(std::pair(settings.overlayOpacity(), settings.overlayFontSize()), std::pair(0.85, 30.0));
+    EXPECT_EQ(std::pair(settings.overlayOpacity(), settings.overlayFontSize()),
+              std::pair(0.85, 30.0));
     EXPECT_FALSE(settings.autoTriggerAIAnswers() || settings.activeResumeId());
     EXPECT_FALSE(settings.sendAnonymousTelemetry()) << "a stored 0 casts to false";
 
@@ -55,7 +59,8 @@ TEST(UserSettingsTest, TriggerKeyFallsBackFromV2ToLegacyToDefaultAndIsStoredAsV2
     } cases[] = {
         {{}, {}, rightShift},
         {R"({"keyCode":122,"isModifier":false,"displayName":"F1"})", u"rightOption"_s, f1},
-        {R"({"keyCode":62,"isModifier":true,"modifierFlag":262144,"displayName":"Right Control"})", {},
+        {R"({"keyCode":62,"isModifier":true,"modifierFlag":262144,"displayName":"Right Control"})",
+         {},
          rightControl},
         {"{not json", u"rightOption"_s, rightOption},
         {R"({"keyCode":122,"isModifier":false})", u"rightOption"_s, rightOption}, // no name
@@ -82,13 +87,15 @@ TEST(UserSettingsTest, TriggerKeyFallsBackFromV2ToLegacyToDefaultAndIsStoredAsV2
     store.setString(Keys::legacyAITriggerKey, u"rightOption"_s);
     UserSettings settings(store, notifications);
     int posts = 0;
-    notifications.addObserver(Notifications::aiTriggerKeyChanged, nullptr, [&](const Notification&) { ++posts; });
+    notifications.addObserver(Notifications::aiTriggerKeyChanged, nullptr,
+                              [&](const Notification&) { ++posts; });
     settings.setAITriggerKey(f1);
     settings.setAITriggerKey(f1);
     EXPECT_EQ(posts, 2);
     EXPECT_FALSE(store.bytes(Keys::aiTriggerKey)->contains("modifierFlag"));
     EXPECT_EQ(store.string(Keys::legacyAITriggerKey), u"rightOption"_s);
     // A table name wins over the characters; a key with neither is named by its code.
-    EXPECT_EQ((QStringList{UserSettings::keyDisplayName(60, u"x"_s), UserSettings::keyDisplayName(10, {})}),
+    EXPECT_EQ((QStringList{UserSettings::keyDisplayName(60, u"x"_s),
+                           UserSettings::keyDisplayName(10, {})}),
               (QStringList{u"Right Shift"_s, u"Key 10"_s}));
 }

@@ -30,9 +30,10 @@ class AppDelegateTest : public ::testing::Test, protected DelegateRig {
 protected:
     AppDelegateTest()
     {
-        h.notifications.addObserver(Notifications::overlayVisibilityChanged, nullptr, [this](const Notification& n) {
-            shell.log.append(u"overlay visible "_s + n.object.toString());
-        });
+        h.notifications.addObserver(
+            Notifications::overlayVisibilityChanged, nullptr, [this](const Notification& n) {
+                shell.log.append(u"overlay visible "_s + n.object.toString());
+            });
     }
 
     void launch(std::optional<FakeBackend::Response> refreshedBy = {})
@@ -45,7 +46,9 @@ protected:
     {
         for (int k = 0; k < 5; ++k) {
             if (!delegate->lastTask().isFinished())
-                awaitTask([](TaskHandle task) -> QCoro::Task<> { co_await task.finished(); }(delegate->lastTask()));
+                awaitTask([](TaskHandle task) -> QCoro::Task<> {
+                    co_await task.finished();
+                }(delegate->lastTask()));
             QCoreApplication::processEvents();
         }
     }
@@ -66,14 +69,17 @@ protected:
 TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndHandlesTheOverlayFailuresAndForeignCallbacks)
 {
     launch();
-    EXPECT_EQ(shell.log, (QStringList{u"make token store"_s, u"make interview services"_s, u"give client to interview"_s,
-                                      u"install crash reporter after wiring"_s, u"create menu bar item"_s,
-                                      u"create overlay"_s, u"install tap"_s, u"create dashboard"_s, u"create welcome"_s,
-                                      u"install key monitors"_s, u"start update check"_s, u"show welcome"_s}));
+    EXPECT_EQ(shell.log,
+              (QStringList{u"make token store"_s, u"make interview services"_s,
+                           u"give client to interview"_s, u"install crash reporter after wiring"_s,
+                           u"create menu bar item"_s, u"create overlay"_s, u"install tap"_s,
+                           u"create dashboard"_s, u"create welcome"_s, u"install key monitors"_s,
+                           u"start update check"_s, u"show welcome"_s}));
     EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->updateService().isChecking(); }, 5000));
     // No stored token: the update check alone, for this kind of install (not a per-user folder).
     ASSERT_EQ(backend.totalRequests(), 1);
-    EXPECT_EQ(backend.requests("GET", "/download/check-update").value(0).target, "/download/check-update?v=1.2.3&platform=linux");
+    EXPECT_EQ(backend.requests("GET", "/download/check-update").value(0).target,
+              "/download/check-update?v=1.2.3&platform=linux");
 
     // A start that asks for the overlay leaves it showing.
     shell.log.clear();
@@ -83,10 +89,12 @@ TEST_F(AppDelegateTest, SignedOutLaunchRunsInOrderAndHandlesTheOverlayFailuresAn
     delegate->handleLaunchArguments({u"--show-overlay"_s});
     h.notifications.post(Notifications::toggleOverlay);
     EXPECT_FALSE(menu->isOverlayVisible());
-    EXPECT_EQ(shell.log, (QStringList{u"show overlay"_s, u"overlay visible true"_s, u"hide overlay"_s, u"overlay visible false"_s}));
+    EXPECT_EQ(shell.log, (QStringList{u"show overlay"_s, u"overlay visible true"_s,
+                                      u"hide overlay"_s, u"overlay visible false"_s}));
 
     for (const auto& props : {QVariantMap{{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, u"500"_s}},
-                              QVariantMap{{u"status"_s, 500}}, QVariantMap{{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, 503}}})
+                              QVariantMap{{u"status"_s, 500}},
+                              QVariantMap{{u"route"_s, u"/api/v1/x"_s}, {u"status"_s, 503}}})
         h.notifications.post(Notifications::apiRequestFailed, {}, props);
     settle();
     ASSERT_EQ(telemetryEvents().count(u"api_failed"_s), 1);
@@ -109,12 +117,14 @@ TEST_F(AppDelegateTest, ReturningUserIsRestoredSignsOutComesBackByADeepLinkAndQu
 {
     launch(tokenPair(u"u-9"_s, u"back@example.com"_s));
     EXPECT_EQ(shell.log.mid(shell.log.indexOf(u"start update check"_s) + 1),
-              (QStringList{u"remove tap"_s, u"install tap"_s, u"show overlay"_s, u"overlay visible true"_s}));
+              (QStringList{u"remove tap"_s, u"install tap"_s, u"show overlay"_s,
+                           u"overlay visible true"_s}));
     EXPECT_EQ(delegate->interviewViewModel().userEmail(), u"back@example.com"_s);
     // The signed-in user's id goes with the package's download.
     AppUpdate update;
     update.downloadURL = u"http://h/p"_s;
-    EXPECT_EQ(QUrlQuery(delegate->updateService().downloadAddress(update)).queryItemValue(u"uid"_s), u"u-9"_s);
+    EXPECT_EQ(QUrlQuery(delegate->updateService().downloadAddress(update)).queryItemValue(u"uid"_s),
+              u"u-9"_s);
 
     h.notifications.post(Notifications::showDashboard);
     shell.log.clear();
@@ -157,7 +167,8 @@ TEST_F(AppDelegateTest, ReturningUserRefusedByTheBackendIsSignedOutEverywhere)
     settle();
     EXPECT_FALSE(telemetryEvents().contains(u"settings_opened"_s));
     // The sign-out's request to the server ends before the test does.
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !logs.lines().filter(u"[Auth] logout"_s).isEmpty(); }, 5000));
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return !logs.lines().filter(u"[Auth] logout"_s).isEmpty(); }, 5000));
 }
 
 } // namespace
@@ -180,7 +191,8 @@ TEST_F(AppDelegateTest, ShowDashboardSelectsAPageOnlyByItsRawValue)
         {QByteArray("general"), helpCenter}, {u"general"_s, general},
     };
     for (const auto& [page, shown] : cases) {
-        h.notifications.post(Notifications::showDashboard, {}, page.isValid() ? QVariantMap{{u"page"_s, page}} : QVariantMap{});
+        h.notifications.post(Notifications::showDashboard, {},
+                             page.isValid() ? QVariantMap{{u"page"_s, page}} : QVariantMap{});
         EXPECT_EQ(dashboard->currentPage(), shown) << page.toString().toStdString();
     }
 

@@ -27,7 +27,9 @@ QByteArray forcedOffer()
     const QJsonObject latest{{u"version"_s, u"2.0.0"_s}, {u"changelog"_s, u"Faster answers"_s},
                              {u"downloadURL"_s, u"http://127.0.0.1:1/RavletAI-2.0.0.tar.gz"_s},
                              {u"size"_s, u"1000"_s}, {u"date"_s, u"2026-11-26T06:00:00Z"_s}};
-    return QJsonDocument(QJsonObject{{u"hasUpdate"_s, true}, {u"forceUpdate"_s, true}, {u"latest"_s, latest}}).toJson();
+    return QJsonDocument(
+               QJsonObject{{u"hasUpdate"_s, true}, {u"forceUpdate"_s, true}, {u"latest"_s, latest}})
+        .toJson();
 }
 
 class DashboardWindowTest : public ::testing::Test, protected DelegateRig {
@@ -43,11 +45,14 @@ protected:
     void open(const QString& language)
     {
         h.strings.setLanguageCode(language);
-        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft : Qt::LeftToRight);
-        const auto pair = QJsonObject{{u"accessToken"_s, accessTokenFor(u"u-9"_s, u"back@example.com"_s)},
-                                      {u"refreshToken"_s, u"refresh-2"_s},
-                                      {u"user"_s, QJsonObject{{u"id"_s, u"u-9"_s}, {u"email"_s, u"back@example.com"_s}}}};
-        DelegateRig::launch(windows, FakeBackend::Response::json(200, QJsonDocument(pair).toJson()));
+        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft
+                                                                      : Qt::LeftToRight);
+        const auto pair = QJsonObject{
+            {u"accessToken"_s, accessTokenFor(u"u-9"_s, u"back@example.com"_s)},
+            {u"refreshToken"_s, u"refresh-2"_s},
+            {u"user"_s, QJsonObject{{u"id"_s, u"u-9"_s}, {u"email"_s, u"back@example.com"_s}}}};
+        DelegateRig::launch(windows,
+                            FakeBackend::Response::json(200, QJsonDocument(pair).toJson()));
         ASSERT_TRUE(QTest::qWaitFor([&] { return delegate->authViewModel().isLoggedIn(); }, 5000));
         windows.show(ShellWindows::Panel::dashboard);
         window = windows.quickWindow(ShellWindows::Panel::dashboard);
@@ -64,7 +69,10 @@ protected:
         QMetaObject::invokeMethod(row, "clicked");
     }
 
-    void shoot(const QString& name) { DisplayFixture::saveScreenshot(window, u"dashboard/"_s + name); }
+    void shoot(const QString& name)
+    {
+        DisplayFixture::saveScreenshot(window, u"dashboard/"_s + name);
+    }
 
     QmlShellWindows windows;
     QQuickWindow* window = nullptr;
@@ -78,11 +86,13 @@ TEST_F(DashboardWindowTest, EachPageComesFromItsSidebarRowWithItsControls)
     h.rights.systemAudio = true;
     ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
     auto* dashboard = delegate->dashboard();
-    EXPECT_TRUE(QTest::qWaitFor([&] { return findByAccessibleName(window, u"back@example.com"_s); }, 3000))
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return findByAccessibleName(window, u"back@example.com"_s); }, 3000))
         << "the account row";
     delegate->userSettings().setOverlayOpacity(0.85);
     delegate->userSettings().setOverlayFontSize(16);
-    EXPECT_TRUE(QTest::qWaitFor([&] { return findByAccessibleName(window, text("label.opacity") + u" 0.85"_s); }, 3000));
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return findByAccessibleName(window, text("label.opacity") + u" 0.85"_s); }, 3000));
     EXPECT_TRUE(findByAccessibleName(window, text("label.font") + u" 16"_s));
     EXPECT_TRUE(QTest::qWaitFor([&] { return dashboard->general()->screenPermission(); }, 3000));
     shoot(u"general-en"_s);
@@ -97,10 +107,12 @@ TEST_F(DashboardWindowTest, EachPageComesFromItsSidebarRowWithItsControls)
     }
     // The Keybinds page's copy buttons put the exact command on the clipboard.
     ASSERT_NO_FATAL_FAILURE(pick("sidebar.keybinds"));
-    auto* copy = findByAccessibleName(window, text("keybinds.copy") + u" "_s + text("keybinds.next_answer"));
+    auto* copy =
+        findByAccessibleName(window, text("keybinds.copy") + u" "_s + text("keybinds.next_answer"));
     ASSERT_TRUE(copy);
     QMetaObject::invokeMethod(copy, "clicked");
-    EXPECT_TRUE(QGuiApplication::clipboard()->text().endsWith(u" --next-answer"_s)) << QGuiApplication::clipboard()->text().toStdString();
+    EXPECT_TRUE(QGuiApplication::clipboard()->text().endsWith(u" --next-answer"_s))
+        << QGuiApplication::clipboard()->text().toStdString();
 }
 
 // A forced update: the warning banner and the alert over every page, which neither Escape nor
@@ -108,11 +120,15 @@ TEST_F(DashboardWindowTest, EachPageComesFromItsSidebarRowWithItsControls)
 // check and its install run in the update test.)
 TEST_F(DashboardWindowTest, ForcedUpdateShowsItsBannerAndAnAlertThatCannotBeDismissed)
 {
-    backend.setRoute("GET", "/download/check-update", FakeBackend::Response::json(200, forcedOffer()));
+    backend.setRoute("GET", "/download/check-update",
+                     FakeBackend::Response::json(200, forcedOffer()));
     ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return findByAccessibleName(window, text("update.force_title_alert")); }, 5000));
-    EXPECT_TRUE(findByAccessibleName(window, h.strings.format(u"update.force_message"_s, {u"2.0.0"_s})));
-    EXPECT_TRUE(findByAccessibleName(window, h.strings.format(u"update.force_title"_s, {u"2.0.0"_s})));
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return findByAccessibleName(window, text("update.force_title_alert")); }, 5000));
+    EXPECT_TRUE(
+        findByAccessibleName(window, h.strings.format(u"update.force_message"_s, {u"2.0.0"_s})));
+    EXPECT_TRUE(
+        findByAccessibleName(window, h.strings.format(u"update.force_title"_s, {u"2.0.0"_s})));
     QTest::keyClick(window, Qt::Key_Escape);
     delegate->updateService().dismiss();
     QTest::qWait(200);
@@ -124,7 +140,8 @@ TEST_F(DashboardWindowTest, ForcedUpdateShowsItsBannerAndAnAlertThatCannotBeDism
 // the reading side's start and a recoverable error in its status row, Resume with three rows of
 // which the middle one is active. In Arabic the row's delete button stands at the right-to-left
 // reading side. (The job description form, typed into, runs in the whole-product test.)
-class DashboardPagesTest : public DashboardWindowTest, public ::testing::WithParamInterface<const char*> {
+class DashboardPagesTest : public DashboardWindowTest,
+                           public ::testing::WithParamInterface<const char*> {
 protected:
     bool rightToLeft() const { return h.strings.isRightToLeft(); }
     QString language() const { return QString::fromLatin1(GetParam()); }
@@ -156,17 +173,22 @@ TEST_P(DashboardPagesTest, GeneralShowsTheLastRecoverableError)
     const QString issue = delegate->dashboard()->general()->lastIssueText();
     ASSERT_FALSE(issue.isEmpty());
     QQuickItem* shown = nullptr;
-    ASSERT_TRUE(QTest::qWaitFor([&] { return (shown = findByAccessibleName(window, issue)); }, 3000));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return (shown = findByAccessibleName(window, issue)); }, 3000));
     // The status row ends the page: scrolled to, as a user would, it is in the page's view.
     QQuickItem* view = shown->parentItem();
     while (view && !view->inherits("QQuickFlickable"))
         view = view->parentItem();
     ASSERT_TRUE(view);
-    EXPECT_TRUE(QTest::qWaitFor([&] {
-        view->setProperty("contentY", std::max(0.0, view->property("contentHeight").toDouble() - view->height()));
-        return view->mapRectToScene({0, 0, view->width(), view->height()})
-            .contains(shown->mapRectToScene({0, 0, shown->width(), shown->height()}));
-    }, 3000)) << issue.toStdString();
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] {
+            view->setProperty("contentY", std::max(0.0, view->property("contentHeight").toDouble()
+                                                            - view->height()));
+            return view->mapRectToScene({0, 0, view->width(), view->height()})
+                .contains(shown->mapRectToScene({0, 0, shown->width(), shown->height()}));
+        },
+        3000))
+        << issue.toStdString();
     shoot(u"general-error-"_s + language());
     awaitTask(interview.stopInterview());
 }
@@ -174,16 +196,19 @@ TEST_P(DashboardPagesTest, GeneralShowsTheLastRecoverableError)
 TEST_P(DashboardPagesTest, ResumeListsThreeWithOneActive)
 {
     QJsonArray list;
-    for (const auto& [id, name] : {std::pair(u"r-3"_s, u"Resume-2026.pdf"_s), {u"r-2"_s, u"Staff engineer CV.pdf"_s},
+    for (const auto& [id, name] : {std::pair(u"r-3"_s, u"Resume-2026.pdf"_s),
+                                   {u"r-2"_s, u"Staff engineer CV.pdf"_s},
                                    {u"r-1"_s, u"Old resume.txt"_s}})
         list.append(QJsonObject{{u"id"_s, id}, {u"filename"_s, name}, {u"extractedText"_s, name},
                                 {u"createdAt"_s, u"2026-11-20T09:30:00.000Z"_s}});
     backend.setRoute("GET", "/api/v1/resume",
-                     FakeBackend::Response::json(200, QJsonDocument(QJsonObject{{u"resumes"_s, list}}).toJson()));
+                     FakeBackend::Response::json(
+                         200, QJsonDocument(QJsonObject{{u"resumes"_s, list}}).toJson()));
     ASSERT_NO_FATAL_FAILURE(open(language()));
     delegate->userSettings().setActiveResumeId(u"r-2"_s);
     ASSERT_NO_FATAL_FAILURE(pick("sidebar.resume"));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return findByAccessibleName(window, u"Old resume.txt"_s) != nullptr; }, 5000));
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return findByAccessibleName(window, u"Old resume.txt"_s) != nullptr; }, 5000));
     auto* active = findByAccessibleName(window, text("resume.active"));
     auto* activeRow = findByAccessibleName(window, u"Staff engineer CV.pdf"_s);
     ASSERT_TRUE(active && activeRow);
@@ -191,11 +216,13 @@ TEST_P(DashboardPagesTest, ResumeListsThreeWithOneActive)
     const auto rowTop = activeRow->mapToScene({0, 0}).y();
     const auto labelY = active->mapToScene({0, active->height() / 2}).y();
     EXPECT_TRUE(labelY > rowTop && labelY < rowTop + activeRow->height());
-    auto* remove = findByAccessibleName(window, h.strings.format(u"documents.delete"_s, {u"Staff engineer CV.pdf"_s}));
+    auto* remove = findByAccessibleName(
+        window, h.strings.format(u"documents.delete"_s, {u"Staff engineer CV.pdf"_s}));
     ASSERT_TRUE(remove);
     EXPECT_TRUE(atTheEnd(remove));
     // Drawn by the dashboard's own button, not the style's grey one.
-    EXPECT_TRUE(QString::fromLatin1(remove->metaObject()->className()).startsWith(u"PageIconButton"_s))
+    EXPECT_TRUE(
+        QString::fromLatin1(remove->metaObject()->className()).startsWith(u"PageIconButton"_s))
         << remove->metaObject()->className();
     shoot(u"resume-three-"_s + language());
 
@@ -204,13 +231,15 @@ TEST_P(DashboardPagesTest, ResumeListsThreeWithOneActive)
     const auto click = [&](const QString& name) {
         auto* item = findByAccessibleName(window, name);
         ASSERT_TRUE(item) << name.toStdString();
-        QTest::mouseClick(window, Qt::LeftButton, {}, item->mapToScene({item->width() / 2, item->height() / 2}).toPoint());
+        QTest::mouseClick(window, Qt::LeftButton, {},
+                          item->mapToScene({item->width() / 2, item->height() / 2}).toPoint());
     };
     backend.setRoute("DELETE", "/api/v1/resume/r-1", FakeBackend::Response::json(200, "{}"));
     click(u"Old resume.txt"_s);
     EXPECT_EQ(delegate->userSettings().activeResumeId(), u"r-1"_s);
     click(h.strings.format(u"documents.delete"_s, {u"Old resume.txt"_s}));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !findByAccessibleName(window, u"Old resume.txt"_s); }, 5000));
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return !findByAccessibleName(window, u"Old resume.txt"_s); }, 5000));
     EXPECT_EQ(backend.requestCount("DELETE", "/api/v1/resume/r-1"), 1);
 }
 

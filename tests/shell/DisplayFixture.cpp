@@ -20,7 +20,8 @@ std::optional<std::string> g_skipReason;
 QByteArray stateValue(const QString& stateFile, const QByteArray& key)
 {
     QFile file(stateFile);
-    for (const auto& line : file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QByteArrayList()) {
+    for (const auto& line :
+         file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QByteArrayList()) {
         if (line.startsWith(key + '='))
             return line.mid(key.size() + 1);
     }
@@ -37,9 +38,11 @@ void DisplayFixture::attach()
     const auto missing = stateValue(state, "MISSING");
     const auto display = stateValue(state, "DISPLAY");
     if (!missing.isEmpty() || display.isEmpty()) {
-        g_skipReason = state.isEmpty()     ? "RAVLET_DISPLAY_STATE is not set: run through CTest"
-                       : !missing.isEmpty() ? missing.toStdString() + " is not installed (scripts/install-deps.sh installs it)"
-                                            : "the display fixture did not start";
+        g_skipReason =
+            state.isEmpty() ? "RAVLET_DISPLAY_STATE is not set: run through CTest"
+            : !missing.isEmpty()
+                ? missing.toStdString() + " is not installed (scripts/install-deps.sh installs it)"
+                : "the display fixture did not start";
         return;
     }
     qputenv("DISPLAY", display);

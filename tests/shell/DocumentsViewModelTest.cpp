@@ -29,7 +29,8 @@ protected:
     // Signed in with a real sign-in code.
     void SetUp() override
     {
-        const auto user = std::get<UserRecord>(server.accounts->createAccount(u"docs@example.org"_s, u"long enough"_s));
+        const auto user = std::get<UserRecord>(
+            server.accounts->createAccount(u"docs@example.org"_s, u"long enough"_s));
         auth.setApiClient(&client);
         awaitTask(auth.exchangeCode(server.accounts->issueCode(user.id)));
         ASSERT_TRUE(auth.isLoggedIn());
@@ -72,7 +73,8 @@ TEST_F(DocumentsViewModelTest, UploadsBecomeActiveAndDeletesRepairTheActiveResum
     }
     ASSERT_EQ(resumes.rowCount(), 3);
     EXPECT_EQ(telemetryEvents(), QStringList(3, u"resume_upload"_s));
-    const auto c = resumes.resumes()[0].id, b = resumes.resumes()[1].id, a = resumes.resumes()[2].id;
+    const auto c = resumes.resumes()[0].id, b = resumes.resumes()[1].id,
+               a = resumes.resumes()[2].id;
 
     // The active one in the middle goes: the first remaining row takes over.
     resumes.select(1);
@@ -117,7 +119,8 @@ TEST_F(DocumentsViewModelTest, LoadingRepairsAnActiveIdTheListNoLongerHolds)
     LogCapture log;
     awaitTask(resumes.loadResumes());
     EXPECT_EQ(settings.activeResumeId(), older.id);
-    EXPECT_TRUE(log.lines().contains(u"[ResumeView] loaded 1 resumes"_s)) << log.lines().join(u'\n').toStdString();
+    EXPECT_TRUE(log.lines().contains(u"[ResumeView] loaded 1 resumes"_s))
+        << log.lines().join(u'\n').toStdString();
     EXPECT_EQ(resumes.pageState(), ResumesViewModel::PageState::list);
 
     // A held id survives a reload; a server that is gone keeps the list and says why.
@@ -140,7 +143,8 @@ TEST_F(DocumentsViewModelTest, LoadingRepairsAnActiveIdTheListNoLongerHolds)
     AuthViewModel noClient{tokens};
     ResumesViewModel orphan{noClient, settings, strings, nullptr};
     awaitTask(orphan.loadResumes());
-    EXPECT_EQ(log.lines().last(), u"[ResumeView] loadResumes: apiClient is nil, isLoggedIn=false"_s);
+    EXPECT_EQ(log.lines().last(),
+              u"[ResumeView] loadResumes: apiClient is nil, isLoggedIn=false"_s);
 }
 
 TEST_F(DocumentsViewModelTest, TheFormSavesAValidJobDescriptionWhichBecomesActive)

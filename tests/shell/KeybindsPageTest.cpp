@@ -55,18 +55,21 @@ TEST_P(KeybindsPageTest, KeysDoWhatThePageSays)
     Page p;
     row.testing ? p.page.startTest() : p.page.startKeyRecording();
     for (const auto& key : row.keys) {
-        EXPECT_TRUE(p.settings.isTriggerSuppressed()) << "the old key stays silent while the page listens";
+        EXPECT_TRUE(p.settings.isTriggerSuppressed())
+            << "the old key stays silent while the page listens";
         if (key.from == From::otherProgram) {
             p.keys.typeKeysym(key.keysym, key.pressed);
             continue;
         }
         const QString text = key.keysym < 0x100 ? QString(QChar(char16_t(key.keysym))) : QString();
-        EXPECT_EQ(p.page.handleLocalKey(key.keysym, key.pressed, text), key.swallowed) << key.keysym;
+        EXPECT_EQ(p.page.handleLocalKey(key.keysym, key.pressed, text), key.swallowed)
+            << key.keysym;
     }
     EXPECT_EQ(row.testing ? p.page.isTesting() : p.page.isRecording(), row.stillListening);
     EXPECT_EQ(p.page.isBlocked(), row.blocked);
     if (row.stillListening && !row.testing) {
-        EXPECT_EQ(p.page.statusKey(), row.blocked ? u"keybinds.blocked_key"_s : u"keybinds.press_any_key"_s);
+        EXPECT_EQ(p.page.statusKey(),
+                  row.blocked ? u"keybinds.blocked_key"_s : u"keybinds.press_any_key"_s);
     }
     EXPECT_EQ(p.page.triggerKeyName(), QString::fromLatin1(row.triggerAfter));
     EXPECT_EQ(p.page.testSucceeded(), row.detected);
@@ -83,19 +86,53 @@ using enum From;
 INSTANTIATE_TEST_SUITE_P(
     Recording, KeybindsPageTest,
     ::testing::Values(
-        Row{"EscapeIsBlockedAndDoesNotCancel", false, {{window, XK_Escape, true, true}, {window, XK_Escape, false}}, true,
-            true, "Right Shift"},
-        Row{"LeftSuperIsBlocked", false, {{window, XK_Super_L, true, true}}, true, true, "Right Shift"},
-        Row{"RightSuperIsTaken", false, {{window, XK_Super_R, true, true}}, false, false, "Right Command"},
-        Row{"CapsLockPassesSilently", false, {{window, XK_Caps_Lock}, {window, XK_Caps_Lock, false}}, true, false, "Right Shift"},
+        Row{"EscapeIsBlockedAndDoesNotCancel",
+            false,
+            {{window, XK_Escape, true, true}, {window, XK_Escape, false}},
+            true,
+            true,
+            "Right Shift"},
+        Row{"LeftSuperIsBlocked",
+            false,
+            {{window, XK_Super_L, true, true}},
+            true,
+            true,
+            "Right Shift"},
+        Row{"RightSuperIsTaken",
+            false,
+            {{window, XK_Super_R, true, true}},
+            false,
+            false,
+            "Right Command"},
+        Row{"CapsLockPassesSilently",
+            false,
+            {{window, XK_Caps_Lock}, {window, XK_Caps_Lock, false}},
+            true,
+            false,
+            "Right Shift"},
         // Shift held as Record was clicked, let go afterwards: a release is no key.
-        Row{"AReleasedModifierRecordsNothing", false, {{window, XK_Shift_L, false}, {window, XK_Control_R, false}}, true,
-            false, "Right Shift"},
+        Row{"AReleasedModifierRecordsNothing",
+            false,
+            {{window, XK_Shift_L, false}, {window, XK_Control_R, false}},
+            true,
+            false,
+            "Right Shift"},
         Row{"ALetterByItsCharacter", false, {{window, XK_k, true, true}}, false, false, "K"},
-        Row{"OtherProgramsAreNotRecorded", false, {{otherProgram, XK_F8}}, true, false, "Right Shift"},
-        Row{"TheTestIgnoresOtherKeysAndTheRelease", true,
-            {{otherProgram, XK_Shift_L}, {otherProgram, XK_Shift_L, false}, {window, XK_F8}, {otherProgram, XK_Shift_R, false}},
-            true, false, "Right Shift"}),
+        Row{"OtherProgramsAreNotRecorded",
+            false,
+            {{otherProgram, XK_F8}},
+            true,
+            false,
+            "Right Shift"},
+        Row{"TheTestIgnoresOtherKeysAndTheRelease",
+            true,
+            {{otherProgram, XK_Shift_L},
+             {otherProgram, XK_Shift_L, false},
+             {window, XK_F8},
+             {otherProgram, XK_Shift_R, false}},
+            true,
+            false,
+            "Right Shift"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // The key just recorded is still on its way from the global source: its own press must not
@@ -183,13 +220,15 @@ TEST(TriggerNameTest, NamesTheChordTheDesktopBoundOrElseTheCommand)
     PortalRoute portalRoute;
     BoundChords portal;
     TriggerName onPortal({p.settings, p.strings, &portalRoute, &portal, program});
-    KeybindsPageViewModel page{{p.settings, p.strings, p.clock, nullptr, program, &portal, nullptr, &onPortal}};
+    KeybindsPageViewModel page{
+        {p.settings, p.strings, p.clock, nullptr, program, &portal, nullptr, &onPortal}};
     int named = 0;
     QObject::connect(&onPortal, &TriggerName::changed, [&] { ++named; });
     const auto command = u"your key for “ravletai --trigger”"_s;
     EXPECT_EQ(onPortal.text(), command);
     for (const auto& chord : {u"Ctrl+Alt+\\"_s, u"Meta+F8"_s, QString()}) {
-        EXPECT_EQ(page.boundTriggerText(), named ? u"Bound by your desktop: "_s + onPortal.text() : QString());
+        EXPECT_EQ(page.boundTriggerText(),
+                  named ? u"Bound by your desktop: "_s + onPortal.text() : QString());
         portal.bind(chord);
         EXPECT_EQ(onPortal.text(), chord.isEmpty() ? command : chord);
     }

@@ -35,7 +35,8 @@ TEST(OverlayKeysTest, TheTapTakesOnlyTheArrowsOfAVisibleOverlay)
         {f5, true, true, passOn},
         {0, true, true, passOn}};
     for (const auto& [code, visible, hasModel, action] : cases)
-        EXPECT_EQ(tapAction(code, visible, hasModel), action) << code << " " << visible << " " << hasModel;
+        EXPECT_EQ(tapAction(code, visible, hasModel), action)
+            << code << " " << visible << " " << hasModel;
 }
 
 TEST(OverlayKeysTest, TheTriggerFiresOnItsOwnKeyAndAModifierOnlyOnPress)

@@ -34,16 +34,22 @@ protected:
 
     // A final line of its own: more than the utterance gap after the speaker's last one.
     void line(Speaker speaker, const QString& text) { h.passTime(6s); h.say(speaker, text); }
-    QVariant rowValue(int row, int role) const { return overlay.transcriptRows()->index(row).data(role); }
+    QVariant rowValue(int row, int role) const
+    {
+        return overlay.transcriptRows()->index(row).data(role);
+    }
 
     InterviewHarness h;
     qsizetype resumes = 0;
     bool resumeRequestFails = false;
-    OverlayViewModel overlay{OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock,
-                                                        [this] { return resumeCount(resumes, resumeRequestFails); }}};
+    OverlayViewModel overlay{
+        OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock,
+                                   [this] { return resumeCount(resumes, resumeRequestFails); }}};
     // Attached while both lists are still empty, so every change they make is checked.
-    QAbstractItemModelTester rowsTester{overlay.transcriptRows(), QAbstractItemModelTester::FailureReportingMode::Fatal};
-    QAbstractItemModelTester answersTester{overlay.answers(), QAbstractItemModelTester::FailureReportingMode::Fatal};
+    QAbstractItemModelTester rowsTester{overlay.transcriptRows(),
+                                        QAbstractItemModelTester::FailureReportingMode::Fatal};
+    QAbstractItemModelTester answersTester{overlay.answers(),
+                                           QAbstractItemModelTester::FailureReportingMode::Fatal};
 };
 
 // What the panel draws from plain values: the rows' shading, the divider's limits and the
@@ -52,21 +58,26 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
 {
     // Row, rows, opacity. Of six, the second would reach zero by the formula and stays at the
     // floor.
-    const std::array<double, 3> rows[] = {{0, 1, 1},    {0, 0, 1},    {0, 2, 0.75}, {0, 6, 0.25}, {1, 6, 0.25},
-                                          {2, 6, 0.25}, {3, 6, 0.5},  {4, 6, 0.75}, {5, 6, 1}};
+    const std::array<double, 3> rows[] = {{0, 1, 1},    {0, 0, 1},    {0, 2, 0.75},
+                                          {0, 6, 0.25}, {1, 6, 0.25}, {2, 6, 0.25},
+                                          {3, 6, 0.5},  {4, 6, 0.75}, {5, 6, 1}};
     for (const auto& [row, count, opacity] : rows)
-        EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(int(row), int(count)), opacity) << row << " of " << count;
+        EXPECT_DOUBLE_EQ(TranscriptRowsModel::rowOpacity(int(row), int(count)), opacity)
+            << row << " of " << count;
     // Upper height, drag, total, new upper height. Of 600 the upper area can be 40 to 560 high;
     // too small for both, it keeps its minimum.
-    const std::array<double, 4> drags[] = {{120, 50, 600, 170}, {120, -500, 600, 40}, {120, 900, 600, 560}, {30, 10, 60, 40}};
+    const std::array<double, 4> drags[] = {
+        {120, 50, 600, 170}, {120, -500, 600, 40}, {120, 900, 600, 560}, {30, 10, 60, 40}};
     for (const auto& [upper, by, total, expected] : drags)
-        EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected) << upper << " " << by;
+        EXPECT_DOUBLE_EQ(OverlayViewModel::draggedUpperHeight(upper, by, total), expected)
+            << upper << " " << by;
 
     // Of 600 the answer keeps 120 however far down the divider stands; a panel with less than
     // that for both areas has no upper area.
     const std::array<double, 3> shares[] = {{0.2, 600, 120}, {0.9, 600, 480}, {0.5, 100, 0}};
     for (const auto& [ratio, total, upper] : shares)
-        EXPECT_DOUBLE_EQ(OverlayViewModel::upperHeightOf(ratio, total), upper) << ratio << " " << total;
+        EXPECT_DOUBLE_EQ(OverlayViewModel::upperHeightOf(ratio, total), upper)
+            << ratio << " " << total;
 
     using enum AnswerState;
     // Selected of three, its text, whether it streams, then what shows: only a streaming answer
@@ -81,10 +92,12 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
         {-1, {}, false, {{}, false, placeholder, u"–/3"_s, false, false}},
     };
     const auto fields = [](const OverlayViewModel::AnswerView& v) {
-        return std::tuple(v.text, v.isStreaming, int(v.state), v.position, v.hasPrevious, v.hasNext);
+        return std::tuple(v.text, v.isStreaming, int(v.state), v.position, v.hasPrevious,
+                          v.hasNext);
     };
     for (const auto& [selected, text, streaming, view] : cases)
-        EXPECT_EQ(fields(OverlayViewModel::answerViewOf(selected, 3, text, streaming)), fields(view))
+        EXPECT_EQ(fields(OverlayViewModel::answerViewOf(selected, 3, text, streaming)),
+                  fields(view))
             << selected.value_or(-9) << " " << streaming;
     EXPECT_EQ(OverlayViewModel::answerViewOf(std::nullopt, 0, {}, false).position, u"–/0"_s);
 }
@@ -97,7 +110,8 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
 TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
 {
     EXPECT_EQ(overlay.hintText(), u"Press Right Shift to trigger AI after interviewer speaks"_s);
-    h.settings.setAITriggerKey(AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
+    h.settings.setAITriggerKey(
+        AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
     EXPECT_EQ(overlay.hintText(), u"Press F5 to trigger AI after interviewer speaks"_s);
     EXPECT_FALSE(overlay.canTrigger()); // not recording
     h.backend->finishAnswers = false;
@@ -154,12 +168,14 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
 // (That it shows, and goes once a resume is uploaded, the whole-product test sees.)
 TEST_F(OverlayModelTest, ResumeTipComesAfterTheDelayWhenNoResumeIsOnFile)
 {
-    OverlayViewModel noClient{OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock, {}}};
+    OverlayViewModel noClient{
+        OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock, {}}};
     resumeRequestFails = true;
     h.notifications.post(Notifications::overlayVisibilityChanged, false);
     h.passTime(1s);
     EXPECT_FALSE(overlay.showResumeTip()) << "hiding checks nothing";
-    for (const auto& [fails, onFile, tip] : {std::tuple(true, 0, true), {false, 1, false}, {false, 0, true}}) {
+    for (const auto& [fails, onFile, tip] :
+         {std::tuple(true, 0, true), {false, 1, false}, {false, 0, true}}) {
         SCOPED_TRACE(fails ? "request fails" : onFile ? "one on file" : "none on file");
         resumeRequestFails = fails;
         resumes = onFile;

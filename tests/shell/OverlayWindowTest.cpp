@@ -32,7 +32,10 @@ namespace {
 using DisplayFixture::tool;
 using Speaker = TranscriptEntry::Speaker;
 
-QString xprop(const QStringList& arguments) { return tool(u"xprop"_s, arguments).value_or(QString()); }
+QString xprop(const QStringList& arguments)
+{
+    return tool(u"xprop"_s, arguments).value_or(QString());
+}
 QString activeWindow() { return tool(u"xdotool"_s, {u"getactivewindow"_s}).value_or(QString()); }
 
 // The real pointer of the display, so the window manager sees it too: a press at the item's
@@ -42,12 +45,14 @@ bool pointer(QQuickItem* item, QPoint by = {}, std::optional<qreal> fromX = {})
 {
     if (!item)
         return false;
-    const QPoint from = item->mapToGlobal({fromX.value_or(item->width() / 2), item->height() / 2}).toPoint();
+    const QPoint from =
+        item->mapToGlobal({fromX.value_or(item->width() / 2), item->height() / 2}).toPoint();
     QStringList steps;
     for (const int step : {0, -1, 1, 10}) {
-        steps += step < 0 ? QStringList{u"mousedown"_s, u"1"_s}
-                          : QStringList{u"mousemove"_s, QString::number(from.x() + by.x() * step / 10),
-                                        QString::number(from.y() + by.y() * step / 10)};
+        steps += step < 0
+                     ? QStringList{u"mousedown"_s, u"1"_s}
+                     : QStringList{u"mousemove"_s, QString::number(from.x() + by.x() * step / 10),
+                                   QString::number(from.y() + by.y() * step / 10)};
         steps += {u"sleep"_s, u"0.2"_s};
     }
     return tool(u"xdotool"_s, steps + QStringList{u"mouseup"_s, u"1"_s}).has_value();
@@ -60,7 +65,10 @@ public:
     VideoCall() { start(QStringLiteral(RAVLET_VIDEO_CALL)); }
     ~VideoCall() override { kill(); waitForFinished(); }
     QString window() { return output().section(u"window "_s, 1, 1).section(u'\n', 0, 0); }
-    int presses(const char* keysym) { return int(output().count(u"\npress "_s + QLatin1String(keysym) + u'\n')); }
+    int presses(const char* keysym)
+    {
+        return int(output().count(u"\npress "_s + QLatin1String(keysym) + u'\n'));
+    }
     bool lostFocus() { return output().contains(u"\nfocus out\n"_s); }
 
 private:
@@ -98,13 +106,15 @@ protected:
     {
         if (const auto reason = DisplayFixture::skipReason())
             GTEST_SKIP() << *reason;
-        ASSERT_TRUE(s_hasWindowManager) << "openbox did not start (scripts/install-deps.sh installs it)";
+        ASSERT_TRUE(s_hasWindowManager)
+            << "openbox did not start (scripts/install-deps.sh installs it)";
     }
 
     void open(const QString& language)
     {
         h.strings.setLanguageCode(language);
-        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft : Qt::LeftToRight);
+        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft
+                                                                      : Qt::LeftToRight);
         h.settings.setAutoTriggerAIAnswers(false);
         overlay = std::make_unique<OverlayViewModel>(OverlayViewModel::Services{
             h.vm, h.settings, h.strings, h.notifications, h.clock, []() -> QCoro::Task<qsizetype> {
@@ -118,7 +128,8 @@ protected:
         windows.show(ShellWindows::Panel::overlay);
         h.notifications.post(Notifications::overlayVisibilityChanged, true);
         ASSERT_TRUE(QTest::qWaitForWindowExposed(window));
-        tool(u"xdotool"_s, {u"mousemove"_s, u"5"_s, u"5"_s}); // no tool tip from where a test left the pointer
+        tool(u"xdotool"_s,
+             {u"mousemove"_s, u"5"_s, u"5"_s}); // no tool tip from where a test left the pointer
     }
 
     // A final line of its own: more than the utterance gap after the speaker's last one.
@@ -163,11 +174,15 @@ TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTa
     // Kept on every workspace by the window manager, and Qt's own state for a window on top
     // survives next to ours.
     EXPECT_TRUE(QTest::qWaitFor(
-        [&] { return xprop({u"-id"_s, id, u"_NET_WM_DESKTOP"_s}).endsWith(u"= 4294967295"_s); }, 3000));
+        [&] {
+            return xprop({u"-id"_s, id, u"_NET_WM_DESKTOP"_s}).endsWith(u"= 4294967295"_s);
+        },
+        3000));
     EXPECT_TRUE(xprop({u"-id"_s, id, u"_NET_WM_STATE"_s}).contains(u"_NET_WM_STATE_ABOVE"_s));
 
     VideoCall call;
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !call.window().isEmpty() && activeWindow() == call.window(); }, 10000))
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return !call.window().isEmpty() && activeWindow() == call.window(); }, 10000))
         << "the window manager never focused the video call";
     const auto click = [&](const QString& name, const std::function<bool()>& done, QPoint by = {},
                            std::optional<qreal> fromX = {}) {
@@ -187,10 +202,13 @@ TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTa
     click(u"Third question?"_s, [] { return true; }); // selectable text
     // The divider, dragged down by 200 from its place at a fifth of the height; the top bar
     // moves the panel.
-    click(u"Resize areas"_s, [&] { return !overlay->isDragging() && qAbs(overlay->dividerRatio() - 0.5) < 0.1; },
+    click(u"Resize areas"_s,
+          [&] { return !overlay->isDragging() && qAbs(overlay->dividerRatio() - 0.5) < 0.1; },
           {0, 200});
     const QPoint before = window->position();
-    click(u"Move overlay"_s, [&] { return window->position() == before + QPoint(-100, 40); }, {-100, 40}, 60);
+    click(
+        u"Move overlay"_s, [&] { return window->position() == before + QPoint(-100, 40); },
+        {-100, 40}, 60);
 
     X11KeySource source;
     ASSERT_TRUE(source.seesOtherPrograms());
@@ -203,7 +221,8 @@ TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTa
     // its count of presses. A grabbed key reaches no other program.
     const auto tap = [&](const char* name) {
         const int given = call.presses(name), a = call.presses("a");
-        EXPECT_TRUE(tool(QStringLiteral(RAVLET_XTEST_PRESS), {QString::fromLatin1(name), u"a"_s}).has_value());
+        EXPECT_TRUE(tool(QStringLiteral(RAVLET_XTEST_PRESS), {QString::fromLatin1(name), u"a"_s})
+                        .has_value());
         EXPECT_TRUE(QTest::qWaitFor([&] { return call.presses("a") > a; }, 5000));
         InterviewHarness::settle();
         return call.presses(name) - given;
@@ -236,25 +255,34 @@ TEST_F(OverlayWindowTest, NewLinesScrollTheTranscriptToTheEndWhileAQuestionIsSel
     ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
     h.start();
     // The overlay keeps the newest five lines; these wrap, so they overflow the upper area by far.
-    const QString longer = u" Walk me through how you would design it, what you would measure and what"
-                           u" you would change first if the numbers disappointed you."_s;
+    const QString longer =
+        u" Walk me through how you would design it, what you would measure and what"
+        u" you would change first if the numbers disappointed you."_s;
     for (int i = 1; i <= 7; ++i)
         line(Speaker::interviewer, u"Question number %1?"_s.arg(i) + longer + longer);
     QQuickItem* list = nullptr; // shown once it has lines
     const QString name = h.strings.text(u"overlay.transcript"_s);
     ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return (list = DisplayFixture::findByAccessibleName(window, name)) != nullptr; }, 5000));
+        [&] { return (list = DisplayFixture::findByAccessibleName(window, name)) != nullptr; },
+        5000));
     const auto at = [&](const char* property) { return list->property(property).toReal(); };
     // The newest row in full view (the list's bottom padding may stay below it).
-    const auto atEnd = [&] { return at("contentY") + list->height() + 0.5 >= at("originY") + at("contentHeight"); };
-    const auto where = [&] { return std::to_string(at("contentY")) + " of " + std::to_string(at("contentHeight")); };
-    ASSERT_TRUE(QTest::qWaitFor([&] { return list->property("count").toInt() == 5 && atEnd(); }, 5000)) << where();
+    const auto atEnd = [&] {
+        return at("contentY") + list->height() + 0.5 >= at("originY") + at("contentHeight");
+    };
+    const auto where = [&] {
+        return std::to_string(at("contentY")) + " of " + std::to_string(at("contentHeight"));
+    };
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return list->property("count").toInt() == 5 && atEnd(); }, 5000))
+        << where();
     ASSERT_GT(at("contentHeight"), 2 * list->height()) << "the list must overflow";
 
     for (int i = 0; i < 4; ++i)
         h.vm.selectPreviousTranscript();
     ASSERT_EQ(h.vm.selectedTranscriptIndex(), std::optional(1));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !list->property("moving").toBool() && !atEnd(); }, 5000))
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return !list->property("moving").toBool() && !atEnd(); }, 5000))
         << "the selected question is brought into view";
     const qreal selectedAt = at("contentY");
 
@@ -271,7 +299,8 @@ struct Sample {
     friend void PrintTo(const Sample& sample, std::ostream* out) { *out << sample.language; }
 };
 
-class OverlayLanguageTest : public OverlayWindowTest, public ::testing::WithParamInterface<Sample> {};
+class OverlayLanguageTest : public OverlayWindowTest,
+                            public ::testing::WithParamInterface<Sample> {};
 
 // Mirrored in Arabic: the controls of the top bar sit on the left.
 TEST_P(OverlayLanguageTest, DrawsTranscriptAnswerAndTipInTheLanguageAndItsDirection)
@@ -296,9 +325,12 @@ TEST_P(OverlayLanguageTest, DrawsTranscriptAnswerAndTipInTheLanguageAndItsDirect
 INSTANTIATE_TEST_SUITE_P(
     Languages, OverlayLanguageTest,
     ::testing::Values(
-        Sample{"en", u"Tell me about a project you are proud of.", u"I rebuilt our audio pipeline and kept latency under 200 ms."},
-        Sample{"zh", u"请介绍一个你引以为豪的项目。", u"我重建了音频处理流程，并把延迟保持在 200 毫秒以内。"},
-        Sample{"ar", u"حدثني عن مشروع تفخر به.", u"أعدت بناء مسار معالجة الصوت وأبقيت زمن الاستجابة أقل من 200 ملي ثانية."}),
+        Sample{"en", u"Tell me about a project you are proud of.",
+               u"I rebuilt our audio pipeline and kept latency under 200 ms."},
+        Sample{"zh", u"请介绍一个你引以为豪的项目。",
+               u"我重建了音频处理流程，并把延迟保持在 200 毫秒以内。"},
+        Sample{"ar", u"حدثني عن مشروع تفخر به.",
+               u"أعدت بناء مسار معالجة الصوت وأبقيت زمن الاستجابة أقل من 200 ملي ثانية."}),
     [](const auto& info) { return std::string(info.param.language); });
 
 } // namespace

@@ -82,14 +82,17 @@ protected:
 
     void open(bool signedIn)
     {
-        const auto pair = QJsonObject{{u"accessToken"_s, accessTokenFor(u"u-9"_s, u"back@example.com"_s)},
-                                      {u"refreshToken"_s, u"refresh-2"_s},
-                                      {u"user"_s, QJsonObject{{u"id"_s, u"u-9"_s}, {u"email"_s, u"back@example.com"_s}}}};
+        const auto pair = QJsonObject{
+            {u"accessToken"_s, accessTokenFor(u"u-9"_s, u"back@example.com"_s)},
+            {u"refreshToken"_s, u"refresh-2"_s},
+            {u"user"_s, QJsonObject{{u"id"_s, u"u-9"_s}, {u"email"_s, u"back@example.com"_s}}}};
         if (signedIn)
-            DelegateRig::launch(windows, FakeBackend::Response::json(200, QJsonDocument(pair).toJson()));
+            DelegateRig::launch(windows,
+                                FakeBackend::Response::json(200, QJsonDocument(pair).toJson()));
         else
             DelegateRig::launch(windows);
-        ASSERT_TRUE(QTest::qWaitFor([&] { return delegate->authViewModel().isLoggedIn() == signedIn; }, 5000));
+        ASSERT_TRUE(QTest::qWaitFor(
+            [&] { return delegate->authViewModel().isLoggedIn() == signedIn; }, 5000));
         windows.show(ShellWindows::Panel::dashboard);
         window = windows.quickWindow(ShellWindows::Panel::dashboard);
         ASSERT_TRUE(window && QTest::qWaitForWindowExposed(window));
@@ -109,19 +112,32 @@ protected:
     }
 
     QString text(const char* key) const { return h.strings.text(QString::fromLatin1(key)); }
-    bool shows(QQuickWindow* in, const QString& name) { return findByAccessibleName(in, name) != nullptr; }
-    QQuickItem* startButton() { return findByAccessibleName(window, text("mock.setup.start_button")); }
-    void shoot(QQuickWindow* in, const QString& name) { DisplayFixture::saveScreenshot(in, u"practice/"_s + name); }
+    bool shows(QQuickWindow* in, const QString& name)
+    {
+        return findByAccessibleName(in, name) != nullptr;
+    }
+    QQuickItem* startButton()
+    {
+        return findByAccessibleName(window, text("mock.setup.start_button"));
+    }
+    void shoot(QQuickWindow* in, const QString& name)
+    {
+        DisplayFixture::saveScreenshot(in, u"practice/"_s + name);
+    }
 
     void serveDocuments(int resumes, int jobs)
     {
         QJsonArray resumeList, jobList;
         for (int i = 0; i < resumes; ++i)
-            resumeList.append(QJsonObject{{u"id"_s, u"r-%1"_s.arg(i)}, {u"filename"_s, u"Resume %1.pdf"_s.arg(i)},
-                                          {u"extractedText"_s, u"x"_s}, {u"createdAt"_s, u"2026-11-20T09:30:00.000Z"_s}});
+            resumeList.append(QJsonObject{{u"id"_s, u"r-%1"_s.arg(i)},
+                                          {u"filename"_s, u"Resume %1.pdf"_s.arg(i)},
+                                          {u"extractedText"_s, u"x"_s},
+                                          {u"createdAt"_s, u"2026-11-20T09:30:00.000Z"_s}});
         for (int i = 0; i < jobs; ++i)
-            jobList.append(QJsonObject{{u"id"_s, u"j-%1"_s.arg(i)}, {u"title"_s, u"Staff engineer %1"_s.arg(i)},
-                                       {u"company"_s, u"Acme"_s}, {u"content"_s, u"Build things"_s},
+            jobList.append(QJsonObject{{u"id"_s, u"j-%1"_s.arg(i)},
+                                       {u"title"_s, u"Staff engineer %1"_s.arg(i)},
+                                       {u"company"_s, u"Acme"_s},
+                                       {u"content"_s, u"Build things"_s},
                                        {u"createdAt"_s, u"2026-11-20T09:30:00.000Z"_s}});
         backend.setRoute("GET", "/api/v1/resume", FakeBackend::Response::json(
             200, QJsonDocument(QJsonObject{{u"resumes"_s, resumeList}}).toJson()));
@@ -140,7 +156,8 @@ protected:
 TEST_F(PracticeWindowTest, SetupPageNamesWhatIsMissingInOrder)
 {
     ASSERT_NO_FATAL_FAILURE(open(false));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return shows(window, text("resume.sign_in_required")); }, 3000));
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return shows(window, text("resume.sign_in_required")); }, 3000));
     ASSERT_TRUE(startButton());
     EXPECT_FALSE(startButton()->isEnabled());
     shoot(window, u"setup-signed-out"_s);
@@ -153,7 +170,8 @@ TEST_F(PracticeWindowTest, SetupPageStartsOnlyWithBothDocuments)
     backend.setRoute("GET", "/api/v1/resume", FakeBackend::Response::json(500, "database is down"));
     ASSERT_NO_FATAL_FAILURE(open(true));
     auto* page = delegate->dashboard()->mockInterview();
-    EXPECT_TRUE(QTest::qWaitFor([&] { return page->loadError().startsWith(u"Load failed: "_s); }, 5000))
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return page->loadError().startsWith(u"Load failed: "_s); }, 5000))
         << page->loadError().toStdString();
     EXPECT_TRUE(shows(window, page->loadError()));
     EXPECT_FALSE(shows(window, text("mock.error.no_resume")));
@@ -189,9 +207,12 @@ TEST_F(PracticeWindowTest, MeetingWindowFollowsTheSessionAndClosesOnce)
 {
     serveDocuments(1, 1);
     backend.setRoute("GET", "/api/v1/mock-interview/avatar", FakeBackend::Response::json(204, ""));
-    backend.setRoute("POST", "/api/v1/mock-interview/avatar/generate", FakeBackend::Response::json(500, ""));
-    backend.setRoute("POST", "/api/v1/mock-interview/questions", FakeBackend::Response::json(200, questions(8)));
-    backend.setRoute("POST", "/api/v1/mock-interview/tts", FakeBackend::Response::json(200, "audio"));
+    backend.setRoute("POST", "/api/v1/mock-interview/avatar/generate",
+                     FakeBackend::Response::json(500, ""));
+    backend.setRoute("POST", "/api/v1/mock-interview/questions",
+                     FakeBackend::Response::json(200, questions(8)));
+    backend.setRoute("POST", "/api/v1/mock-interview/tts",
+                     FakeBackend::Response::json(200, "audio"));
     ASSERT_NO_FATAL_FAILURE(open(true));
     ASSERT_TRUE(QTest::qWaitFor([&] { return startButton() && startButton()->isEnabled(); }, 5000));
     QMetaObject::invokeMethod(startButton(), "clicked");
@@ -202,7 +223,8 @@ TEST_F(PracticeWindowTest, MeetingWindowFollowsTheSessionAndClosesOnce)
     auto* meeting = practice->meeting();
     QQuickWindow* call = nullptr;
     for (auto* candidate : QGuiApplication::topLevelWindows())
-        if (candidate->isVisible() && candidate != window && candidate->title() == text("mock.title"))
+        if (candidate->isVisible() && candidate != window
+            && candidate->title() == text("mock.title"))
             call = qobject_cast<QQuickWindow*>(candidate);
     ASSERT_TRUE(call && QTest::qWaitForWindowExposed(call));
     EXPECT_EQ(call->width(), 1000);
@@ -210,17 +232,23 @@ TEST_F(PracticeWindowTest, MeetingWindowFollowsTheSessionAndClosesOnce)
     EXPECT_TRUE(shows(call, text("mock.error.camera_denied"))) << "no camera: the tile says so";
 
     // The portrait could not be made: the tile says it is being made, and the questions go on.
-    const auto progress = [&](int n) { return h.strings.format(u"mock.meeting.progress"_s, {n, 8}); };
+    const auto progress = [&](int n) {
+        return h.strings.format(u"mock.meeting.progress"_s, {n, 8});
+    };
     ASSERT_TRUE(waitOnClock([&] { return player && player->isPlaying(); }));
     EXPECT_TRUE(shows(call, progress(1)));
     EXPECT_TRUE(shows(call, text("mock.avatar.generating")));
     shoot(call, u"meeting-generating"_s);
-    backend.setRoute("POST", "/api/v1/mock-interview/avatar/generate",
-                     FakeBackend::Response::json(200, R"({"key":"k","generatedAt":"2026-11-26T06:00:00Z"})"));
-    backend.setRoute("GET", "/api/v1/mock-interview/avatar/image", FakeBackend::Response::json(200, portraitPng()));
-    QMetaObject::invokeMethod(findByAccessibleName(call, text("mock.avatar.regenerate")), "clicked");
+    backend.setRoute(
+        "POST", "/api/v1/mock-interview/avatar/generate",
+        FakeBackend::Response::json(200, R"({"key":"k","generatedAt":"2026-11-26T06:00:00Z"})"));
+    backend.setRoute("GET", "/api/v1/mock-interview/avatar/image",
+                     FakeBackend::Response::json(200, portraitPng()));
+    QMetaObject::invokeMethod(findByAccessibleName(call, text("mock.avatar.regenerate")),
+                              "clicked");
     ASSERT_TRUE(QTest::qWaitFor([&] { return !meeting->avatarSource().isEmpty(); }, 5000));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !shows(call, text("mock.avatar.generating")); }, 2000));
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return !shows(call, text("mock.avatar.generating")); }, 2000));
     h.clock.advance(TTSPlayer::meteringInterval);
     EXPECT_GT(meeting->level(), 0.5) << "the portrait moves with this";
     QMetaObject::invokeMethod(findByAccessibleName(call, text("mock.meeting.skip")), "clicked");

@@ -25,7 +25,10 @@
 
 class RecordingShell final : public ShellWindows, public KeyMonitors, public GlobalKeysRight {
 public:
-    static QString name(Panel panel) { return QStringList{u"overlay"_s, u"dashboard"_s, u"welcome"_s}.at(int(panel)); }
+    static QString name(Panel panel)
+    {
+        return QStringList{u"overlay"_s, u"dashboard"_s, u"welcome"_s}.at(int(panel));
+    }
 
     void createMenuBarItem(MenuBarViewModel&) override { log.append(u"create menu bar item"_s); }
     void createPanel(Panel panel, QObject&) override
@@ -44,7 +47,10 @@ public:
     void installKeyMonitors() override { log.append(u"install key monitors"_s); }
     void removeEventTap() override { log.append(u"remove tap"_s); }
     void installEventTap() override { log.append(u"install tap"_s); }
-    void performKeyAction(KeyAction action) override { log.append(u"key action "_s + QString::number(int(action))); }
+    void performKeyAction(KeyAction action) override
+    {
+        log.append(u"key action "_s + QString::number(int(action)));
+    }
 
     bool granted() override { return keysGranted; }
     GlobalKeysRoute route() override { return keysRoute.value_or(GlobalKeysRight::route()); }
@@ -80,10 +86,12 @@ struct DelegateRig {
     void finish()
     {
         if (delegate) {
-            EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->updateService().isChecking(); }, 5000));
+            EXPECT_TRUE(
+                QTest::qWaitFor([&] { return !delegate->updateService().isChecking(); }, 5000));
         }
         if (delegate && delegate->overlay() && delegate->overlay()->isCheckingResumes()) {
-            EXPECT_TRUE(QTest::qWaitFor([&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
+            EXPECT_TRUE(QTest::qWaitFor(
+                [&] { return backend.requestCount("GET", "/api/v1/resume") > 0; }, 5000));
             QTest::qWait(100); // the answer is on its way back
         }
         delegate.reset();
@@ -96,26 +104,54 @@ struct DelegateRig {
         if (refreshedBy)
             backend.setRoute("POST", "/api/v1/auth/refresh", *refreshedBy);
         delegate = std::make_unique<AppDelegate>(AppDelegate::Environment{
-            backend.origin(), h.clock, h.preferences, h.notifications, h.strings, windows, shell,
-            u"1.2.3"_s, u"45"_s, h.rights, shell,
+            backend.origin(),
+            h.clock,
+            h.preferences,
+            h.notifications,
+            h.strings,
+            windows,
+            shell,
+            u"1.2.3"_s,
+            u"45"_s,
+            h.rights,
+            shell,
             [this, returning = refreshedBy.has_value()] {
                 shell.log.append(u"make token store"_s);
                 auto store = std::make_unique<InMemoryTokenStore>();
                 if (returning)
-                    awaitTask(store->saveTokens(accessTokenFor(u"u-9"_s, u"back@example.com"_s), u"refresh-1"_s));
+                    awaitTask(store->saveTokens(accessTokenFor(u"u-9"_s, u"back@example.com"_s),
+                                                u"refresh-1"_s));
                 tokens = store.get();
                 return store;
             },
-            [this] { shell.log.append(u"make interview services"_s); return h.services(); },
-            [this](APIClient&) { shell.log.append(u"give client to interview"_s); return h.backend; },
+            [this] {
+                shell.log.append(u"make interview services"_s);
+                return h.services();
+            },
+            [this](APIClient&) {
+                shell.log.append(u"give client to interview"_s);
+                return h.backend;
+            },
             [this](TelemetryClient* telemetry, std::function<QString()> lastState) {
-                const bool wired = delegate->authViewModel().apiClient() && telemetry == &delegate->telemetry();
-                shell.log.append(u"install crash reporter"_s + (wired ? u" after wiring"_s : u""_s));
+                const bool wired =
+                    delegate->authViewModel().apiClient() && telemetry == &delegate->telemetry();
+                shell.log.append(u"install crash reporter"_s
+                                 + (wired ? u" after wiring"_s : u""_s));
                 crashLastState = std::move(lastState);
             },
-            [this](const QUrl& url) { opened.append(url); return true; },
-            [] { return false; }, [this] { shell.log.append(u"terminate"_s); }, nullptr, {}, nullptr, keySource,
-            nullptr, nullptr, practice});
+            [this](const QUrl& url) {
+                opened.append(url);
+                return true;
+            },
+            [] { return false; },
+            [this] { shell.log.append(u"terminate"_s); },
+            nullptr,
+            {},
+            nullptr,
+            keySource,
+            nullptr,
+            nullptr,
+            practice});
         QObject::connect(&delegate->updateService(), &UpdateService::isCheckingChanged, [this] {
             if (delegate->updateService().isChecking())
                 shell.log.append(u"start update check"_s);

@@ -10,11 +10,17 @@
 class TypedKeySource final : public KeySource {
 public:
     bool seesOtherPrograms() const override { return true; }
-    std::optional<quint16> localKeyCode(quint32 keysym) const override { return canonicalKeyCode(keysym); }
+    std::optional<quint16> localKeyCode(quint32 keysym) const override
+    {
+        return canonicalKeyCode(keysym);
+    }
     void grabArrows(ArrowHandler) override {}
     void releaseArrows() override {}
     void type(quint16 code, bool pressed = true) { deliverKey(code, pressed); }
-    void typeKeysym(quint32 keysym, bool pressed) { deliverKey(*canonicalKeyCode(keysym), pressed); }
+    void typeKeysym(quint32 keysym, bool pressed)
+    {
+        deliverKey(*canonicalKeyCode(keysym), pressed);
+    }
     QList<bool> observing;
 
 protected:

@@ -31,7 +31,8 @@ protected:
     void launch(const QString& language, bool noticeSeen = true)
     {
         h.strings.setLanguageCode(language);
-        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft : Qt::LeftToRight);
+        QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft
+                                                                      : Qt::LeftToRight);
         h.preferences.setBool(UserSettings::Keys::telemetryNoticeShown, noticeSeen);
         windows.setAllWorkspaces(showOnAllWorkspaces);
         DelegateRig::launch(windows);
@@ -42,23 +43,29 @@ protected:
     // A right's row, as a screen reader names it: its label, then its state or its button.
     QQuickItem* row(const char* label, const char* state) const
     {
-        return findByAccessibleName(welcome, h.strings.text(QString::fromLatin1(label)) + u": "_s + h.strings.text(QString::fromLatin1(state)));
+        return findByAccessibleName(welcome, h.strings.text(QString::fromLatin1(label)) + u": "_s
+                                                 + h.strings.text(QString::fromLatin1(state)));
     }
 
     // The hints that keep a window on every workspace, as the overlay has them.
     static bool onEveryWorkspace(QQuickWindow* window)
     {
         const QStringList id{u"-id"_s, QString::number(window->winId())};
-        const auto property = [&](const QString& name) { return DisplayFixture::tool(u"xprop"_s, id + QStringList{name}); };
+        const auto property = [&](const QString& name) {
+            return DisplayFixture::tool(u"xprop"_s, id + QStringList{name});
+        };
         return property(u"_NET_WM_DESKTOP"_s).value_or(QString()).endsWith(u"= 4294967295"_s)
-               && property(u"_NET_WM_STATE"_s).value_or(QString()).contains(u"_NET_WM_STATE_STICKY"_s);
+               && property(u"_NET_WM_STATE"_s)
+                      .value_or(QString())
+                      .contains(u"_NET_WM_STATE_STICKY"_s);
     }
 
     QmlShellWindows windows;
     QQuickWindow* welcome = nullptr;
 };
 
-class WelcomeLanguageTest : public WindowsTest, public ::testing::WithParamInterface<const char*> {};
+class WelcomeLanguageTest : public WindowsTest,
+                            public ::testing::WithParamInterface<const char*> {};
 
 // Right to left in Arabic: a row's trailing control sits on the left.
 TEST_P(WelcomeLanguageTest, ShowsEachRightsStateInTheLanguageAndItsDirection)
@@ -108,7 +115,8 @@ TEST_F(WindowsTest, RightThatAppearsTurnsItsRowToGrantedAtTheNextPoll)
     InterviewHarness::settle();
     EXPECT_FALSE(row("label.screen_recording", "label.granted")) << "changed before the next poll";
     h.clock.advance(WelcomeViewModel::pollInterval);
-    EXPECT_TRUE(QTest::qWaitFor([&] { return row("label.screen_recording", "label.granted") != nullptr; }, 5000));
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return row("label.screen_recording", "label.granted") != nullptr; }, 5000));
     windows.hide(ShellWindows::Panel::welcome);
     EXPECT_TRUE(QTest::qWaitFor([&] { return !delegate->welcome()->isPolling(); }, 2000))
         << "the timer outlived the panel";
@@ -126,10 +134,13 @@ TEST_P(KeysRowTest, SaysWhatWorksAndItsButtonLeadsThere)
     shell.keysRoute = GetParam();
     launch(u"en"_s);
     const char* button = portal ? "btn.choose_shortcuts" : "btn.show_commands";
-    ASSERT_TRUE(QTest::qWaitFor([&] { return row("label.accessibility", button) != nullptr; }, 5000));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return row("label.accessibility", button) != nullptr; }, 5000));
     EXPECT_FALSE(row("label.accessibility", "label.granted"));
-    EXPECT_EQ(findByAccessibleName(welcome, h.strings.text(u"keys.without_binding"_s)) != nullptr, !portal);
-    DisplayFixture::saveScreenshot(welcome, u"welcome-keys-"_s + (portal ? u"portal"_s : u"commands"_s));
+    EXPECT_EQ(findByAccessibleName(welcome, h.strings.text(u"keys.without_binding"_s)) != nullptr,
+              !portal);
+    DisplayFixture::saveScreenshot(welcome,
+                                   u"welcome-keys-"_s + (portal ? u"portal"_s : u"commands"_s));
 
     auto* dashboard = delegate->dashboard();
     dashboard->general()->refreshRights();
@@ -137,8 +148,10 @@ TEST_P(KeysRowTest, SaysWhatWorksAndItsButtonLeadsThere)
     auto* dashboardWindow = windows.quickWindow(ShellWindows::Panel::dashboard);
     ASSERT_TRUE(dashboardWindow && QTest::qWaitForWindowExposed(dashboardWindow));
     EXPECT_TRUE(onEveryWorkspace(dashboardWindow)) << "shown for the first time";
-    const QString onGeneral = h.strings.text(u"label.accessibility"_s) + u": "_s + h.strings.text(QString::fromLatin1(button));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return findByAccessibleName(dashboardWindow, onGeneral) != nullptr; }, 5000));
+    const QString onGeneral = h.strings.text(u"label.accessibility"_s) + u": "_s
+                              + h.strings.text(QString::fromLatin1(button));
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return findByAccessibleName(dashboardWindow, onGeneral) != nullptr; }, 5000));
     // The General page's button, then the welcome panel's with the dashboard closed.
     for (int clicks = 1; clicks <= 2; ++clicks) {
         QMetaObject::invokeMethod(clicks == 1 ? findByAccessibleName(dashboardWindow, onGeneral)
@@ -154,9 +167,12 @@ TEST_P(KeysRowTest, SaysWhatWorksAndItsButtonLeadsThere)
 }
 
 INSTANTIATE_TEST_SUITE_P(Routes, KeysRowTest,
-                         ::testing::Values(GlobalKeysRoute::desktopShortcuts, GlobalKeysRoute::keyboardSettings),
+                         ::testing::Values(GlobalKeysRoute::desktopShortcuts,
+                                           GlobalKeysRoute::keyboardSettings),
                          [](const auto& info) {
-                             return info.param == GlobalKeysRoute::desktopShortcuts ? "Portal" : "BoundCommands";
+                             return info.param == GlobalKeysRoute::desktopShortcuts
+                                        ? "Portal"
+                                        : "BoundCommands";
                          });
 
 } // namespace
