@@ -39,7 +39,10 @@ QuestionKind classifyQuestion(const QString& question)
             {QuestionKind::introduction,
              re(R"(\b(tell|talk) (me|us) (a (little|bit) )?(more )?about (yourself|you)\b|\bintroduce yourself\b)"
                 R"(|\bdescribe yourself\b|\bwalk (me|us) through your (resume|cv|background|career|experience)\b)"
-                R"(|\b(about|over) your background\b|\bwho are you\b|\byour (career|professional) (story|journey|background)\b)")},
+                R"(|\b(about|over) your background\b|\bwho are you\b|\byour (career|professional) (story|journey|background)\b)"
+                // Without its "tell me", as the recogniser often hears a question's first words;
+                // "improve about yourself" is a weakness and matched before this.
+                R"(|\babout yourself\b)")},
             {QuestionKind::technical,
              re(R"(\bhow (would|do|does|did|can|could|should|is|are) (you |we |it |one |a |an |the )?\w+)"
                 R"(|\bwhat('s| is| are| does| happens)\b|\bexplain\b|\bdifference between\b|\bdesign (a|an|the)\b)"

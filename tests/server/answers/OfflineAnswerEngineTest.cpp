@@ -142,6 +142,7 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
         {"Why do you want to join Initech?", true, "why this role, from your documents."},
         // As heard, with the question's first word lost.
         {"i do you want to work for our company", true, "why this role, from your documents."},
+        {"you about yourself", true, "an introduction from your resume."},
         {"How would you tune PostgreSQL performance?", true, "an outline for a technical answer."},
         {"Do you have experience with payments?", true, "an outline from your documents."},
         {"Tell me about a time you led a team.", false, noDocuments},
