@@ -20,18 +20,8 @@ ColumnLayout {
         signal picked(int index)
         spacing: 12
         Label { text: picker.label; color: "white"; font.pixelSize: 13; Layout.preferredWidth: 200 }
-        ComboBox {
-            id: box
+        PageComboBox {
             objectName: picker.pickerName
-            // An arrow of our own: Qt 6.4's Basic combo box never frees the arrow image it
-            // would make by default.
-            indicator: Icon {
-                name: "chevron.down"
-                size: 18
-                color: "#353637"
-                x: box.mirrored ? box.padding : box.width - width - box.padding
-                y: box.topPadding + (box.availableHeight - height) / 2
-            }
             model: root.page.languageNames
             currentIndex: picker.selected
             Layout.preferredWidth: 220
