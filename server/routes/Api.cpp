@@ -26,8 +26,8 @@ bool isUnicode(const QString& text)
     return withValidUnicode(text) == text;
 }
 
-// A "\ud800" escape is valid JSON but half a character: stored, it would read back as other
-// text. Keys count too, as some objects are stored whole.
+// A "\ud800" escape is valid JSON but half a character, and "\uffff" is no character at all:
+// stored, either would read back as other text. Keys count too, as some objects are stored whole.
 bool holdsOnlyUnicode(const QJsonValue& value)
 {
     if (value.isString())

@@ -77,6 +77,11 @@ QString withValidUnicode(QString text)
     const auto size = text.size();
     for (qsizetype i = 0; i < size; ++i) {
         const QChar c = text.at(i);
+        // U+FFFE and U+FFFF are no characters; SQLite reads them back as U+FFFD.
+        if (c.unicode() >= 0xfffe) {
+            text[i] = QChar::ReplacementCharacter;
+            continue;
+        }
         if (!c.isSurrogate())
             continue;
         if (c.isHighSurrogate() && i + 1 < size && text.at(i + 1).isLowSurrogate()) {

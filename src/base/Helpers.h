@@ -40,7 +40,8 @@ std::optional<QDateTime> parseIso8601(const QString& text, Iso8601 form);
 // The backend's date rule: with fractional seconds first, then without.
 std::optional<QDateTime> parseBackendDate(const QString& text);
 
-// The text with every unpaired surrogate replaced by U+FFFD. A "\ud800" escape in a vendor's
-// JSON gives such a half character, which has no UTF-8 form: a line holding one would not
-// reach the server as it stands on screen.
+// The text with every unpaired surrogate, and U+FFFE and U+FFFF, replaced by U+FFFD. A "\ud800"
+// escape in a vendor's JSON gives such a half character, which has no UTF-8 form, and the
+// database keeps neither of the two noncharacters: a line holding one would not be stored as
+// it stands on screen.
 QString withValidUnicode(QString text);
