@@ -1,10 +1,10 @@
 // Global shortcuts through the desktop portal, against a stand-in portal on a private bus (a
-// small Python service implementing the documented interface): the session and the chords asked
-// for, a new registration when the trigger key changes, a refused shortcut, and whose presses
-// count. (The real portal under KWin, and its presses as key actions, are the Wayland runs'.)
+// small Python service implementing the documented interface): what the real portal under KWin
+// never does in the Wayland runs, which bind the chords and press them: a trigger key that
+// changes, a refused shortcut, and a press meant for another program's session.
 
-#include "DesktopShortcuts.h"
 #include "GlobalShortcutsPortal.h"
+#include "DesktopShortcuts.h"
 #include "UserSettings.h"
 
 #include <QDBusConnectionInterface>
@@ -93,22 +93,6 @@ protected:
         return changed.wait(10000);
     }
 
-    // The (id, preferred trigger) pairs of a recorded shortcut list.
-    static QStringList chords(const QJsonValue& shortcuts)
-    {
-        QStringList pairs;
-        for (const auto& shortcut : shortcuts.toArray())
-            pairs.append(shortcut[0].toString() + u'='
-                         + shortcut[1][u"preferred_trigger"_s].toString());
-        return pairs;
-    }
-
-    static QStringList moves()
-    {
-        return {u"previous-answer=CTRL+ALT+bracketleft"_s, u"next-answer=CTRL+ALT+bracketright"_s,
-                u"select-up=CTRL+ALT+Page_Up"_s, u"select-down=CTRL+ALT+Page_Down"_s};
-    }
-
     QTemporaryFile m_config;
     QProcess m_daemon, m_fake;
     QString m_address, m_busName;
@@ -119,9 +103,9 @@ protected:
 const AITriggerKey f5{96, false, std::nullopt, u"F5"_s};
 const AITriggerKey letterA{0, false, std::nullopt, u"A"_s};
 
-// A key that types nothing is asked for as it is; a letter (or a modifier, which the Wayland
-// runs show with the real portal) gets our chord, in a new session that replaces the old one.
-// A refused shortcut is reported and left out; a press for another program's session is not ours.
+// A key that types nothing is asked for as it is; a letter gets our chord, in a new session
+// after the old one is closed. A refused shortcut is reported and left out; a press for another
+// program's session is not ours.
 TEST_F(GlobalShortcutsPortalTest, ANewSessionForEachTriggerKeyRefusalsAndOnlyOurPresses)
 {
     EXPECT_FALSE(GlobalShortcutsPortal::isAvailable(*m_bus)) << "a portal where none runs";
@@ -129,28 +113,12 @@ TEST_F(GlobalShortcutsPortalTest, ANewSessionForEachTriggerKeyRefusalsAndOnlyOur
     EXPECT_TRUE(GlobalShortcutsPortal::isAvailable(*m_bus));
     GlobalShortcutsPortal portal(*m_bus);
 
-    for (const auto& [key, trigger] :
-         {std::pair(f5, u"F5"_s), {letterA, u"CTRL+ALT+backslash"_s}}) {
+    for (const auto& [key, trigger, firstCall] : {std::tuple(f5, u"F5"_s, u"CreateSession"_s),
+                                                  {letterA, u"CTRL+ALT+backslash"_s, u"Close"_s}}) {
         const qsizetype before = calls().size();
         ASSERT_TRUE(bindAndWait(portal, key)) << key.displayName.toStdString();
-        const QJsonArray made = calls();
-        // After the first, the old session is closed before the new one is made.
-        const QJsonArray steps = QJsonArray::fromVariantList(made.toVariantList().mid(before));
-        ASSERT_EQ(steps.size(), before == 0 ? 2 : 3) << QJsonDocument(steps).toJson().toStdString();
-        const int create = before == 0 ? 0 : 1;
-        if (before != 0) {
-            EXPECT_EQ(steps[0][0].toString(), u"Close"_s);
-        }
-        const QStringList expected = QStringList{u"trigger="_s + trigger} + moves();
-        // The shortcuts go into CreateSession's options too, where Plasma 5.27 takes them from.
-        EXPECT_EQ(steps[create][0].toString(), u"CreateSession"_s);
-        EXPECT_EQ(steps[create][1][u"session_handle_token"_s].toString(), u"ravletai"_s);
-        EXPECT_EQ(chords(steps[create][1][u"shortcuts"_s]), expected);
-        EXPECT_EQ(steps[create + 1][0].toString(), u"BindShortcuts"_s);
-        EXPECT_TRUE(steps[create + 1][1].toString().endsWith(u"/ravletai"_s));
-        EXPECT_EQ(chords(steps[create + 1][2]), expected);
+        EXPECT_EQ(calls()[before][0].toString(), firstCall);
         EXPECT_EQ(portal.boundTriggers().value(u"trigger"_s), trigger);
-        EXPECT_EQ(portal.boundTriggers().value(u"next-answer"_s), u"CTRL+ALT+bracketright"_s);
         EXPECT_FALSE(portal.boundTriggers().contains(u"select-down"_s));
         EXPECT_EQ(portal.refused(), QStringList{u"select-down"_s});
     }

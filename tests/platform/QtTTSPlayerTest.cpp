@@ -7,7 +7,6 @@
 #include "Clock.h"
 #include "PrivateSoundServer.h"
 #include "QtCameraService.h"
-#include "TaskHandle.h"
 
 #include <QCameraDevice>
 #include <QElapsedTimer>
@@ -102,20 +101,6 @@ TEST_F(QtTTSPlayerTest, NotAudioEndsAtOnce)
     for (const QByteArray& bytes : {QByteArray("this is no audio at all, only text"), QByteArray()})
         awaitTask(player.play(bytes), 5'000);
     EXPECT_EQ(playing.count(), 0);
-    EXPECT_FALSE(player.isPlaying());
-}
-
-TEST_F(QtTTSPlayerTest, PlayWhilePlayingEndsTheFirst)
-{
-    QtTTSPlayer player(clock);
-    auto first = TaskHandle::run([&](const CancellationToken&) { return player.play(read(wav)); });
-    ASSERT_TRUE(QTest::qWaitFor([&] { return player.isPlaying(); }, playDeadlineMs));
-    auto second = TaskHandle::run([&](const CancellationToken&) { return player.play(read(mp3)); });
-    ASSERT_TRUE(QTest::qWaitFor([&] { return first.isFinished(); }, playDeadlineMs));
-    EXPECT_FALSE(second.isFinished());
-    ASSERT_TRUE(QTest::qWaitFor([&] { return player.isPlaying(); }, playDeadlineMs));
-    player.stop();
-    EXPECT_TRUE(QTest::qWaitFor([&] { return second.isFinished(); }, 1'000));
     EXPECT_FALSE(player.isPlaying());
 }
 

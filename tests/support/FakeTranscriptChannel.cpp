@@ -140,8 +140,6 @@ void FakeTranscriptChannel::sendAckFrame(Peer* peer, const QStringList& ids)
     }
     peer->socket->sendTextMessage(
         QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
-    for (const auto& id : ids)
-        m_acknowledged.insert(id);
 }
 
 void FakeTranscriptChannel::cut(Peer* peer)

@@ -6,7 +6,6 @@
 #include <QJsonObject>
 #include <QList>
 #include <QObject>
-#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QWebSocketServer>
@@ -71,8 +70,6 @@ public:
     const QList<Frame>& frames() const { return m_frames; }
     // The ids of the received frames, in order, repeats included.
     QStringList receivedIds() const;
-    // Every id the server has put into an ack frame.
-    const QSet<QString>& acknowledgedIds() const { return m_acknowledged; }
     // The text of a line that an ack of the server confirmed to the client.
     std::optional<QString> acknowledgedText(const QString& id) const;
 
@@ -105,7 +102,6 @@ private:
     std::vector<std::unique_ptr<Peer>> m_peers;
     QList<ConnectionRecord> m_records;
     QList<Frame> m_frames;
-    QSet<QString> m_acknowledged;
     QHash<QString, Line> m_latest; // the highest revision received, a later frame winning a tie
     QHash<QString, Line> m_acknowledgedLines; // what an ack confirmed
     bool m_withRevisions = false;

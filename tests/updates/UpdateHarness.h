@@ -84,15 +84,14 @@ struct UpdateHarness {
     }
 
     // Serves `bytes` as the package and answers the check with it, announced with `sha256`.
-    QByteArray offer(const QByteArray& bytes, QString sha256 = {}, const char* extra = "")
+    QByteArray offer(const QByteArray& bytes, QString sha256 = {})
     {
         if (sha256.isEmpty())
             sha256 = QString::fromLatin1(
                 QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex());
         server.setRoute("GET", "/files/pkg", FakeBackend::Response::json(200, bytes));
-        const auto body = R"({"hasUpdate":true)" + QByteArray(extra)
-                          + R"(,"latest":{"version":"2.0.0","changelog":"c",)"
-                          + R"("downloadURL":")" + server.origin().toUtf8()
+        const auto body = QByteArray(R"({"hasUpdate":true,"latest":{"version":"2.0.0",)")
+                          + R"("changelog":"c","downloadURL":")" + server.origin().toUtf8()
                           + R"(/files/pkg","size":")" + QByteArray::number(bytes.size())
                           + R"(","date":"d","sha256":")" + sha256.toLatin1() + "\"}}";
         answerCheck(body);
@@ -103,9 +102,9 @@ struct UpdateHarness {
         server.setRoute("GET", "/download/check-update", FakeBackend::Response::json(status, body));
     }
     // A package of the folder "B" with `members`.
-    QByteArray package(const QStringList& members, const QStringList& extra = {})
+    QByteArray package(const QStringList& members)
     {
-        makeArchive(root.filePath(u"made.tar.gz"_s), root.filePath(u"B"_s), members, extra);
+        makeArchive(root.filePath(u"made.tar.gz"_s), root.filePath(u"B"_s), members);
         return readAll(root.filePath(u"made.tar.gz"_s));
     }
 
