@@ -29,7 +29,6 @@ TEST(SessionFinalisationTest, ClosesThenPostsRetryingOnceWhenRetryableElseKeeps)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         H h;
-        h.failNextChannel = true;
         h.start();
         h.clock.advance(6s);
         h.say(Speaker::interviewer, u"Question"_s);
@@ -85,7 +84,6 @@ TEST(SessionFinalisationTest, PendingUploadIsRetriedAtTheNextSignedInStartBefore
     QObject::connect(&h.vm, &InterviewViewModel::lastNoticeChanged, &context,
                      [&] { notices.append(h.vm.lastNotice().value_or(u"-"_s)); });
     h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
-    h.failNextChannel = true;
     h.start();
     h.say(Speaker::interviewer, u"Second lost"_s);
     h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
