@@ -464,10 +464,6 @@ struct InterviewHarness {
         }
         return nullptr;
     }
-    std::shared_ptr<ScriptedChannel> channel() const
-    {
-        return channels.isEmpty() ? nullptr : channels.last();
-    }
     qsizetype callCount(const QString& prefix) const { return backend->callsOf(prefix).size(); }
 
     // Lets the model's tasks run what the fakes have queued.
