@@ -47,6 +47,7 @@ TEST(StartFailureTest, EndsInErrorAndLeavesNothingRunning)
         int recognizersMade = 0;
     } cases[] = {
         {"signedOut", [](H& h) { h.vm.setLoggedIn(false); }, u"Sign in required"_s, signIn, {}},
+        {"noBackend", [](H& h) { h.vm.setBackend(nullptr); }, u"Sign in required"_s, signIn, {}},
         {"noToken",
          [](H& h) { h.backend->token.reset(); },
          u"Auth error"_s,
