@@ -222,11 +222,9 @@ public:
     {
     }
 
-    QCoro::Task<> start(QString baseURL, QString token, QString sessionId) override
+    QCoro::Task<> start(QString, QString, QString) override
     {
         co_await m_gates.pass(u"channel.start"_s);
-        startedWith = QStringList{baseURL, token, sessionId};
-        startFailures.throwIfScripted();
         isOpen = true;
     }
     void send(TranscriptEntry entry) override { sent.append(entry); }
@@ -236,8 +234,6 @@ public:
         co_return sent;
     }
 
-    FailureScript startFailures;
-    QStringList startedWith;
     QList<TranscriptEntry> sent;
     bool isOpen = false;
 
@@ -450,8 +446,6 @@ struct InterviewHarness {
         };
         s.makeTranscriptChannel = [this]() -> std::shared_ptr<TranscriptChannel> {
             auto channel = std::make_shared<ScriptedChannel>(gates);
-            if (std::exchange(failNextChannel, false))
-                channel->startFailures.add(failureOf(std::runtime_error("channel refused")));
             channels.append(channel);
             return channel;
         };
@@ -469,10 +463,6 @@ struct InterviewHarness {
                 return recognizers.at(k);
         }
         return nullptr;
-    }
-    std::shared_ptr<ScriptedChannel> channel() const
-    {
-        return channels.isEmpty() ? nullptr : channels.last();
     }
     qsizetype callCount(const QString& prefix) const { return backend->callsOf(prefix).size(); }
 
@@ -535,7 +525,6 @@ struct InterviewHarness {
     FakeRights rights{gates};
     QList<std::shared_ptr<FakeRecognizer>> recognizers;
     QList<std::shared_ptr<ScriptedChannel>> channels;
-    bool failNextChannel = false;
     // Called with each recogniser as it is made, to script it.
     std::function<void(FakeRecognizer&)> prepareRecognizer;
     std::shared_ptr<ScriptedBackend> backend = std::make_shared<ScriptedBackend>(clock, gates);

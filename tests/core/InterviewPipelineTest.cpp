@@ -115,24 +115,6 @@ TEST(StartFailureTest, EndsInErrorAndLeavesNothingRunning)
     EXPECT_TRUE(h.vm.pipelineState() == State::recording && !h.vm.error());
 }
 
-TEST(InterviewPipelineTest, AStartWhileOneRunsOrRecordsChangesNothing)
-{
-    H h;
-    h.gates.hold(u"createSession"_s);
-    auto first = h.vm.startInterview();
-    QSignalSpy anyStatus(&h.vm, &InterviewViewModel::statusMessageChanged);
-    QSignalSpy anyError(&h.vm, &InterviewViewModel::errorChanged);
-    h.start();
-    EXPECT_EQ(std::tuple(anyStatus.count(), anyError.count(), h.callCount(u"fetchAccountStatus"_s)),
-              std::tuple(0, 0, 1));
-    h.gates.release(u"createSession"_s);
-    awaitTask(std::move(first));
-    const auto calls = h.backend->calls;
-    h.start();
-    EXPECT_EQ(h.backend->calls, calls);
-    EXPECT_EQ(h.vm.pipelineState(), State::recording);
-}
-
 // The user's channel is optional: when it fails, the interview records on and the failure is
 // logged. A refused upload channel is the chaos test's.
 TEST(OptionalPartsTest, AFailingOptionalPartLeavesTheInterviewRecording)
@@ -141,28 +123,22 @@ TEST(OptionalPartsTest, AFailingOptionalPartLeavesTheInterviewRecording)
         const char* name;
         std::function<void(H&)> arrange;
         QString logLine;
-        bool userRecognizer;
         std::function<void(H&)> check;
     } cases[] = {
         {"microphoneDenied", [](H& h) { h.rights.microphone = false; },
-         u"[Mic] Permission denied, skipping user pipeline"_s, false,
-         [](H& h) {
-             EXPECT_EQ(h.microphone.startCount + h.callCount(u"fetchSpeechToken"_s), 1);
-         }},
+         u"[Mic] Permission denied, skipping user pipeline"_s,
+         [](H& h) { EXPECT_EQ(h.microphone.startCount + h.callCount(u"fetchSpeechToken"_s), 1); }},
         // The microphone runs on, unread, until the stop.
         {"secondTokenRefused",
          [](H& h) {
              h.backend->speechTokenFailures.add(nullptr);
              h.backend->speechTokenFailures.add(failureOf(APIError::serverError(500)));
          },
-         u"[Mic] Pipeline FAILED: "_s + APIError::serverError(500).description(), false,
+         u"[Mic] Pipeline FAILED: "_s + APIError::serverError(500).description(),
          [](H& h) {
              EXPECT_TRUE(h.microphone.isRunning);
              EXPECT_EQ(h.vm.runningTaskCount(), 2);
          }},
-        {"microphoneFails",
-         [](H& h) { h.microphone.startFailures.add(failureOf(AudioSourceError(u"no input"_s))); },
-         u"[Mic] Pipeline FAILED: no input"_s, false, [](H&) {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -171,7 +147,7 @@ TEST(OptionalPartsTest, AFailingOptionalPartLeavesTheInterviewRecording)
         c.arrange(h);
         h.start();
         EXPECT_TRUE(h.shown().startsWith(u"recording | Recording live | "_s));
-        EXPECT_EQ(h.vm.recognizer(Speaker::user) != nullptr, c.userRecognizer);
+        EXPECT_FALSE(h.vm.recognizer(Speaker::user));
         EXPECT_TRUE(log.lines().contains(c.logLine)) << log.lines().join(u'\n').toStdString();
         c.check(h);
         h.stop();
@@ -249,41 +225,6 @@ TEST(InterviewPipelineTest, AHangingCaptureHoldsTheStopForTwoSecondsAtMost)
     EXPECT_EQ(h.callCount(u"completeSession"_s), 1);
     h.gates.release(u"systemAudio.stop"_s);
     h.gates.release(u"microphone.stop"_s);
-}
-
-TEST(InterviewPipelineTest, AMockInterviewRecordsOnlyTheUserAndTakesInjectedQuestions)
-{
-    H h;
-    LogCapture log;
-    h.gates.hold(u"microphone.start"_s);
-    auto start = h.vm.startMockInterview(u"mock-7"_s);
-    // Recording before the microphone opens.
-    EXPECT_TRUE(h.vm.isRecording() && h.vm.isMockMode());
-    h.gates.release(u"microphone.start"_s);
-    awaitTask(std::move(start));
-    EXPECT_EQ(h.systemAudio.startCount, 0);
-    EXPECT_TRUE(!h.vm.recognizer(Speaker::interviewer) && h.vm.recognizer(Speaker::user));
-    EXPECT_TRUE(h.vm.currentSessionUsesBackend() && h.callCount(u"createSession"_s) == 0);
-    EXPECT_EQ(h.channel()->startedWith.last(), u"mock-7"_s);
-
-    // Each injected question is a final entry of its own.
-    h.vm.injectMockQuestion(u"Why this company?"_s);
-    h.vm.injectMockQuestion(u"Where do you see yourself?"_s);
-    H::settle();
-    const auto& sent = h.channel()->sent;
-    ASSERT_EQ(sent.size(), 2);
-    EXPECT_TRUE(sent[0].content == u"Why this company?"_s && sent[0].confidence == 1.0);
-    EXPECT_EQ(h.vm.transcriptManager().entries(), sent);
-
-    h.stop();
-    EXPECT_FALSE(h.vm.isMockMode());
-    EXPECT_EQ(h.backend->callsOf(u"completeSession"_s), QStringList{u"completeSession mock-7 0"_s});
-
-    // The microphone side may fail; the session stays up.
-    h.microphone.startFailures.add(failureOf(AudioSourceError(u"busy"_s)));
-    awaitTask(h.vm.startMockInterview(u"mock-8"_s));
-    EXPECT_EQ(h.vm.pipelineState(), State::recording);
-    EXPECT_TRUE(log.lines().contains(u"[Mock] Microphone pipeline FAILED: busy"_s));
 }
 
 TEST(InterviewPipelineTest, AModelDestroyedMidInterviewLeavesNothingBehind)
@@ -374,19 +315,25 @@ TEST(InterviewPipelineTest, AChannelWithoutARecognizerKeepsOnlyTheNewestTenSecon
         << dropped.first().toStdString();
 }
 
+// A start while another runs, stops or records is refused and changes nothing; once the stop
+// has ended, a start goes ahead.
 TEST(InterviewPipelineTest, AStartWaitsUntilAStopThatInterruptedAStartHasEnded)
 {
     H h;
     h.gates.hold(u"fetchSpeechToken"_s);
     auto first = h.vm.startInterview();
     ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s));
+    QSignalSpy anyStatus(&h.vm, &InterviewViewModel::statusMessageChanged);
+    QSignalSpy anyError(&h.vm, &InterviewViewModel::errorChanged);
+    h.start();
+    EXPECT_EQ(std::tuple(anyStatus.count(), anyError.count(), h.callCount(u"fetchAccountStatus"_s)),
+              std::tuple(0, 0, 1));
     h.gates.hold(u"completeSession"_s);
     auto stop = h.vm.stopInterview();
     ASSERT_TRUE(h.gates.isWaiting(u"completeSession"_s));
     h.gates.release(u"fetchSpeechToken"_s);
     awaitTask(std::move(first));
 
-    // The stop still runs: a start now is refused and changes nothing.
     awaitTask(h.vm.startInterview());
     EXPECT_TRUE(h.vm.pipelineState() == State::stopping && h.backend->sessionsCreated == 1);
 
@@ -396,28 +343,9 @@ TEST(InterviewPipelineTest, AStartWaitsUntilAStopThatInterruptedAStartHasEnded)
     EXPECT_EQ(h.vm.statusMessage(), u"Recording live"_s);
     ASSERT_TRUE(h.vm.currentSession() && h.vm.pastSessions().size() == 1);
     EXPECT_EQ(h.vm.currentSession()->id + h.vm.pastSessions().first().id, u"session-2session-1"_s);
-}
-
-TEST(InterviewPipelineTest, AStopWaitsOnlyUntilTheFirstCancelledTaskHasEnded)
-{
-    // The interviewer's reader is caught in a token fetch that ignores cancellation.
-    H h;
+    const auto calls = h.backend->calls;
     h.start();
-    h.gates.hold(u"fetchSpeechToken"_s);
-    h.fail(Speaker::interviewer, u"socket lost"_s);
-    h.passTime(500ms);
-    ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s));
-
-    const qint64 before = h.clock.nowMs();
-    auto stop = h.vm.stopInterview();
-    H::settle();
-    EXPECT_TRUE(h.vm.pipelineState() == State::idle && h.clock.nowMs() == before);
-
-    h.clock.advance(5s);
-    h.gates.release(u"fetchSpeechToken"_s);
-    awaitTask(std::move(stop));
-    H::settle();
-    EXPECT_EQ(h.vm.runningTaskCount(), 0);
+    EXPECT_EQ(h.backend->calls, calls);
 }
 
 // A stop that arrives while the start waits at one of its suspension points ends idle, with
