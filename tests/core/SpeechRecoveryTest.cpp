@@ -250,6 +250,9 @@ TEST(SpeechRecoveryTest, RecognizerStartRetryAndStopDuringARestart)
         const int restartCount = h.vm.restartCount(Speaker::interviewer);
         const auto telemetry = sttFailures(h);
         const auto notice = h.vm.lastNotice();
+        // No speech token is fetched once the stop has begun, not even by a wait it cut short; a
+        // held fetch is counted when it is let go.
+        const auto fetches = h.callCount(u"fetchSpeechToken"_s) + (c.gate.isEmpty() ? 0 : 1);
 
         // A task caught in a fetch that ignores cancellation does not hold the stop up.
         auto stopping = h.vm.stopInterview();
@@ -261,7 +264,6 @@ TEST(SpeechRecoveryTest, RecognizerStartRetryAndStopDuringARestart)
         EXPECT_FALSE(h.vm.isRestarting(Speaker::interviewer)
                      || h.vm.hasScheduledReconnect(Speaker::interviewer)
                      || h.vm.hasScheduledReconnect(Speaker::user) || !recognizer->isStopped);
-        const auto fetches = h.callCount(u"fetchSpeechToken"_s);
         awaitTask(h.vm.handleInterviewerRecovery(u"late"_s, true), 1000);
         awaitTask(h.vm.handleUserRecovery(u"late"_s, true), 1000);
         h.passTime(60s);
