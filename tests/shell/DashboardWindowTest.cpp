@@ -24,9 +24,11 @@ using DisplayFixture::findByAccessibleName;
 // The backend's check answer forcing 2.0.0.
 QByteArray forcedOffer()
 {
-    const QJsonObject latest{{u"version"_s, u"2.0.0"_s}, {u"changelog"_s, u"Faster answers"_s},
+    const QJsonObject latest{{u"version"_s, u"2.0.0"_s},
+                             {u"changelog"_s, u"Faster answers"_s},
                              {u"downloadURL"_s, u"http://127.0.0.1:1/RavletAI-2.0.0.tar.gz"_s},
-                             {u"size"_s, u"1000"_s}, {u"date"_s, u"2026-11-26T06:00:00Z"_s}};
+                             {u"size"_s, u"1000"_s},
+                             {u"date"_s, u"2026-11-26T06:00:00Z"_s}};
     return QJsonDocument(
                QJsonObject{{u"hasUpdate"_s, true}, {u"forceUpdate"_s, true}, {u"latest"_s, latest}})
         .toJson();
@@ -47,12 +49,7 @@ protected:
         h.strings.setLanguageCode(language);
         QGuiApplication::setLayoutDirection(h.strings.isRightToLeft() ? Qt::RightToLeft
                                                                       : Qt::LeftToRight);
-        const auto pair = QJsonObject{
-            {u"accessToken"_s, accessTokenFor(u"u-9"_s, u"back@example.com"_s)},
-            {u"refreshToken"_s, u"refresh-2"_s},
-            {u"user"_s, QJsonObject{{u"id"_s, u"u-9"_s}, {u"email"_s, u"back@example.com"_s}}}};
-        DelegateRig::launch(windows,
-                            FakeBackend::Response::json(200, QJsonDocument(pair).toJson()));
+        DelegateRig::launch(windows, tokenPair(u"u-9"_s, u"back@example.com"_s));
         ASSERT_TRUE(QTest::qWaitFor([&] { return delegate->authViewModel().isLoggedIn(); }, 5000));
         windows.show(ShellWindows::Panel::dashboard);
         window = windows.quickWindow(ShellWindows::Panel::dashboard);
@@ -199,7 +196,9 @@ TEST_P(DashboardPagesTest, ResumeListsThreeWithOneActive)
     for (const auto& [id, name] : {std::pair(u"r-3"_s, u"Resume-2026.pdf"_s),
                                    {u"r-2"_s, u"Staff engineer CV.pdf"_s},
                                    {u"r-1"_s, u"Old resume.txt"_s}})
-        list.append(QJsonObject{{u"id"_s, id}, {u"filename"_s, name}, {u"extractedText"_s, name},
+        list.append(QJsonObject{{u"id"_s, id},
+                                {u"filename"_s, name},
+                                {u"extractedText"_s, name},
                                 {u"createdAt"_s, u"2026-11-20T09:30:00.000Z"_s}});
     backend.setRoute("GET", "/api/v1/resume",
                      FakeBackend::Response::json(

@@ -77,6 +77,15 @@ inline QString accessTokenFor(const QString& id, const QString& email)
     return u"h."_s + QString::fromLatin1(payload.toBase64()) + u".s"_s;
 }
 
+// The backend's answer to a refresh or an exchange: a new pair for this user.
+inline FakeBackend::Response tokenPair(const QString& id, const QString& email)
+{
+    const QJsonObject pair{{u"accessToken"_s, accessTokenFor(id, email)},
+                           {u"refreshToken"_s, u"refresh-2"_s},
+                           {u"user"_s, QJsonObject{{u"id"_s, id}, {u"email"_s, email}}}};
+    return FakeBackend::Response::json(200, QJsonDocument(pair).toJson());
+}
+
 struct DelegateRig {
     ~DelegateRig() { finish(); }
 
