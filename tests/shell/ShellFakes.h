@@ -47,10 +47,7 @@ public:
     void installKeyMonitors() override { log.append(u"install key monitors"_s); }
     void removeEventTap() override { log.append(u"remove tap"_s); }
     void installEventTap() override { log.append(u"install tap"_s); }
-    void performKeyAction(KeyAction action) override
-    {
-        log.append(u"key action "_s + QString::number(int(action)));
-    }
+    void performKeyAction(KeyAction) override {}
 
     bool granted() override { return keysGranted; }
     GlobalKeysRoute route() override { return keysRoute.value_or(GlobalKeysRight::route()); }
@@ -157,7 +154,7 @@ struct DelegateRig {
             nullptr,
             {},
             nullptr,
-            keySource,
+            nullptr, // no keys of other programs for the keybinds page
             nullptr,
             nullptr,
             practice});
@@ -174,7 +171,6 @@ struct DelegateRig {
     InMemoryTokenStore* tokens = nullptr;
     std::function<QString()> crashLastState;
     QList<QUrl> opened;
-    KeySource* keySource = nullptr; // what the keybinds page reads; none by default
-    PracticeDevices practice;       // none by default: practice sessions cannot start
+    PracticeDevices practice; // none by default: practice sessions cannot start
     std::unique_ptr<AppDelegate> delegate;
 };
