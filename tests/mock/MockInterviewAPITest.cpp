@@ -169,23 +169,3 @@ TEST(MockInterviewAPITest, NoTokenSendsNothing)
     EXPECT_EQ(harness.server.totalRequests(), 0);
     EXPECT_TRUE(harness.failures.isEmpty());
 }
-
-TEST(MockInterviewAPITest, AvatarSequence)
-{
-    // No portrait yet: one is generated (and reported as the first), then its image fetched.
-    // Any failure leaves the portrait empty without an error.
-    Harness harness;
-    harness.server.setRoute("GET", avatarPath, answer(404, ""));
-    harness.server.setRoute("POST", generatePath, answer(200, R"({"key":"k","generatedAt":"t"})"));
-    harness.server.setRoute("GET", imagePath, answer(200, "PNG"));
-    QList<bool> generated;
-    const auto note = [&generated](bool first) { generated.append(first); };
-    EXPECT_EQ(awaitTask(loadAvatarImage(&harness.api, false, note), 10'000), QByteArray("PNG"));
-    EXPECT_EQ(generated, QList<bool>{true});
-    EXPECT_EQ(harness.server.requests("POST", generatePath).first().body, "{}");
-
-    harness.server.setRoute("POST", generatePath, answer(500, ""));
-    EXPECT_EQ(awaitTask(loadAvatarImage(&harness.api, true, note), 10'000), std::nullopt);
-    EXPECT_EQ(generated, QList<bool>{true});
-    EXPECT_EQ(harness.server.requestCount("GET", imagePath), 1);
-}

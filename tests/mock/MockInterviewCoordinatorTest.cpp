@@ -14,8 +14,8 @@
 #include "NotificationCenter.h"
 #include "PreferencesStore.h"
 #include "QtPrinters.h"
+#include "ScriptedPlayer.h"
 #include "TelemetryClient.h"
-#include "TTSPlayer.h"
 
 #include <QNetworkAccessManager>
 #include <QSignalSpy>
@@ -30,29 +30,6 @@ namespace {
 
 constexpr int networkMs = 10'000;
 
-// Plays until the test says the clip has ended; "bad" is not audio.
-class ScriptedPlayer final : public TTSPlayer {
-public:
-    using TTSPlayer::TTSPlayer;
-    ~ScriptedPlayer() override { stop(); }
-    void endClip() { outputEnded(); }
-    double power = -25;
-    QList<QByteArray> started;
-
-protected:
-    QCoro::Task<bool> prepare(QByteArray bytes) override
-    {
-        m_pending = bytes;
-        co_return bytes != "bad";
-    }
-    void startOutput() override { started.append(m_pending); }
-    void haltOutput() override {}
-    std::optional<double> currentPower() override { return power; }
-
-private:
-    QByteArray m_pending;
-};
-
 struct ScriptedPipeline final : MockInterviewPipeline {
     bool recording = true;
     QStringList injected, started;
@@ -61,16 +38,6 @@ struct ScriptedPipeline final : MockInterviewPipeline {
     void injectMockQuestion(const QString& text) override { injected.append(text); }
     QCoro::Task<> stopInterview() override { co_return; }
 };
-
-QByteArray questionsJson(int count)
-{
-    QByteArray items;
-    for (int i = 0; i < count; ++i)
-        items +=
-            (i ? "," : "")
-            + u"{\"id\":\"q%1\",\"text\":\"Question %1?\",\"category\":\"c%1\"}"_s.arg(i).toUtf8();
-    return R"({"sessionId":"s1","questions":[)" + items + "]}";
-}
 
 QString describe(const MockInterviewCoordinator& coordinator)
 {
@@ -182,27 +149,27 @@ TEST_F(MockInterviewCoordinatorTest, SkipWhilePlayingAndWhileWaiting)
     EXPECT_EQ(events().last(), u"mock_interview_aborted reason=user_cancel question_index=1"_s);
 }
 
-TEST_F(MockInterviewCoordinatorTest, FailedQuestionFetchAborts)
+// A question list that cannot start a session ends it before anything is spoken; only a failed
+// fetch leaves the recording unstarted.
+TEST_F(MockInterviewCoordinatorTest, NoQuestionsEndTheSessionAtOnce)
 {
-    server.setRoute("POST", "/api/v1/mock-interview/questions",
-                    FakeBackend::Response::json(500, ""));
-    start();
-    waitFor(u"aborted api_error"_s);
-    EXPECT_EQ(states, (QStringList{u"fetchingQuestions"_s, u"aborted api_error"_s}));
-    EXPECT_EQ(events(), QStringList{u"mock_interview_aborted reason=api_error question_index=0"_s});
-    EXPECT_TRUE(pipeline->started.isEmpty());
-    EXPECT_TRUE(player.started.isEmpty());
-}
-
-TEST_F(MockInterviewCoordinatorTest, NoQuestionsFinishesAtOnce)
-{
-    server.setRoute("POST", "/api/v1/mock-interview/questions",
-                    FakeBackend::Response::json(200, questionsJson(0)));
-    start();
-    waitFor(u"finished"_s);
-    ASSERT_EQ(events().size(), 2);
-    EXPECT_TRUE(events().last().startsWith(u"mock_interview_completed question_count=0"_s));
-    EXPECT_TRUE(player.started.isEmpty());
+    const std::tuple<FakeBackend::Response, QString, QString, qsizetype> rows[] = {
+        {FakeBackend::Response::json(500, ""), u"aborted api_error"_s,
+         u"mock_interview_aborted reason=api_error question_index=0"_s, 0},
+        {FakeBackend::Response::json(200, questionsJson(0)), u"finished"_s,
+         u"mock_interview_completed question_count=0"_s, 1},
+    };
+    for (const auto& [answer, state, event, recordingsStarted] : rows) {
+        SCOPED_TRACE(state.toStdString());
+        server.setRoute("POST", "/api/v1/mock-interview/questions", answer);
+        MockInterviewCoordinator fresh{api, player, pipeline, clock, &telemetry};
+        awaitTask(fresh.startSession(u"r"_s, std::nullopt, u"en"_s, 8), networkMs);
+        EXPECT_TRUE(QTest::qWaitFor([&] { return describe(fresh) == state; }, networkMs))
+            << describe(fresh).toStdString();
+        EXPECT_TRUE(events().last().startsWith(event)) << events().join(u'\n').toStdString();
+        EXPECT_EQ(pipeline->started.size(), recordingsStarted);
+        EXPECT_TRUE(player.started.isEmpty());
+    }
 }
 
 TEST_F(MockInterviewCoordinatorTest, SpeechFailureAndSlowPipeline)
@@ -228,7 +195,6 @@ TEST(TTSPlayerTest, LevelAndCompletion)
 {
     ManualClock clock;
     ScriptedPlayer player(clock);
-    QSignalSpy levels(&player, &TTSPlayer::levelChanged);
     auto first = TaskHandle::run([&](const CancellationToken&) { return player.play("one"); });
     EXPECT_TRUE(player.isPlaying());
 
@@ -239,11 +205,6 @@ TEST(TTSPlayerTest, LevelAndCompletion)
         clock.advance(TTSPlayer::meteringInterval);
         EXPECT_DOUBLE_EQ(player.level(), level) << power << " dB";
     }
-    // An unchanged level notifies nobody.
-    const auto notified = levels.count();
-    clock.advance(TTSPlayer::meteringInterval);
-    EXPECT_EQ(levels.count(), notified);
-
     // Stopping twice ends the wait once and leaves no meter running.
     player.stop();
     player.stop();

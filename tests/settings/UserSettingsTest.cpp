@@ -3,8 +3,6 @@
 #include "PreferencesStore.h"
 #include "QtPrinters.h"
 
-#include <QSignalSpy>
-
 #include <gtest/gtest.h>
 
 using namespace Qt::StringLiterals;
@@ -33,12 +31,6 @@ TEST(UserSettingsTest, DefaultsForWhatIsMissingOrOfAnotherKind)
     EXPECT_FALSE(settings.autoTriggerAIAnswers() || settings.activeResumeId());
     EXPECT_FALSE(settings.sendAnonymousTelemetry()) << "a stored 0 casts to false";
 
-    // A change is written and signalled; an equal value is written but not signalled.
-    QSignalSpy opacity(&settings, &UserSettings::overlayOpacityChanged);
-    settings.setOverlayOpacity(0.85);
-    EXPECT_EQ(store.number(Keys::overlayOpacity), 0.85);
-    settings.setOverlayOpacity(0.4);
-    EXPECT_EQ(opacity.count(), 1);
     settings.setTriggerSuppressed(true);
     EXPECT_FALSE(UserSettings(store, notifications).isTriggerSuppressed()) << "kept in memory only";
 }

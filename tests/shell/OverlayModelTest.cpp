@@ -33,7 +33,11 @@ protected:
     OverlayModelTest() { h.settings.setAutoTriggerAIAnswers(false); }
 
     // A final line of its own: more than the utterance gap after the speaker's last one.
-    void line(Speaker speaker, const QString& text) { h.passTime(6s); h.say(speaker, text); }
+    void line(Speaker speaker, const QString& text)
+    {
+        h.passTime(6s);
+        h.say(speaker, text);
+    }
     QVariant rowValue(int row, int role) const
     {
         return overlay.transcriptRows()->index(row).data(role);
@@ -102,14 +106,13 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
     EXPECT_EQ(OverlayViewModel::answerViewOf(std::nullopt, 0, {}, false).position, u"–/0"_s);
 }
 
-// Through one interview: the hint follows the key and goes with the first row, a partial one
-// (the automatic trigger's hint runs in the whole-product test); the rows carry their speaker and
-// shading, which counts the partial as the newest row; a drag of the divider in a panel with no
-// room for the areas leaves the ratio alone (real drags run in OverlayWindowTest); a streamed
-// answer grows in place and the trigger waits for it.
+// Through one interview: the hint names the key and goes with the first row, a partial one
+// (the automatic trigger's hint runs in the whole-product test); the rows' shading counts the
+// partial as the newest row; a drag of the divider in a panel with no room for the areas leaves
+// the ratio alone (real drags run in OverlayWindowTest); a streamed answer grows in place and the
+// trigger waits for it. (An answer that ends without a word is OverlayViews' last rows.)
 TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
 {
-    EXPECT_EQ(overlay.hintText(), u"Press Right Shift to trigger AI after interviewer speaks"_s);
     h.settings.setAITriggerKey(
         AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
     EXPECT_EQ(overlay.hintText(), u"Press F5 to trigger AI after interviewer speaks"_s);
@@ -127,7 +130,6 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
     h.say(Speaker::user, u"Probably"_s, false);
     ASSERT_EQ(overlay.transcriptRows()->rowCount(), 6);
     EXPECT_FALSE(rowValue(5, TranscriptRowsModel::IsFinalRole).toBool());
-    EXPECT_FALSE(rowValue(1, TranscriptRowsModel::IsInterviewerRole).toBool());
     EXPECT_TRUE(rowValue(4, TranscriptRowsModel::IsInterviewerRole).toBool());
     EXPECT_DOUBLE_EQ(rowValue(1, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.25);
     EXPECT_DOUBLE_EQ(rowValue(4, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.75);
@@ -140,27 +142,16 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
     InterviewHarness::settle();
     EXPECT_FALSE(overlay.canTrigger());
     EXPECT_EQ(overlay.answerState(), AnswerState::generating);
-
-    // Each chunk reaches the list's one row, in place, and the answer area.
     const auto stream = h.backend->answerStreams.last();
     stream->push(u"Calmly, "_s);
     stream->push(u"and early."_s);
     InterviewHarness::settle();
     EXPECT_EQ(overlay.answers()->rowCount(), 1);
     EXPECT_EQ(overlay.selectedAnswerText(), u"Calmly, and early."_s);
-    EXPECT_TRUE(overlay.answers()->index(0).data(AnswersModel::IsStreamingRole).toBool());
     stream->finish();
     InterviewHarness::settle();
     EXPECT_FALSE(overlay.answers()->index(0).data(AnswersModel::IsStreamingRole).toBool());
     EXPECT_TRUE(overlay.canTrigger());
-
-    // An answer that ends without a word is selected and shown as it is, not as no answer.
-    h.vm.triggerAIAnswer();
-    InterviewHarness::settle();
-    h.backend->answerStreams.last()->finish();
-    InterviewHarness::settle();
-    EXPECT_EQ(overlay.positionText(), u"2/2"_s);
-    EXPECT_EQ(overlay.answerState(), AnswerState::answer);
 }
 
 // The tip comes a delay after the overlay shows when no resume is on file or the list could not

@@ -36,7 +36,10 @@ QString xprop(const QStringList& arguments)
 {
     return tool(u"xprop"_s, arguments).value_or(QString());
 }
-QString activeWindow() { return tool(u"xdotool"_s, {u"getactivewindow"_s}).value_or(QString()); }
+QString activeWindow()
+{
+    return tool(u"xdotool"_s, {u"getactivewindow"_s}).value_or(QString());
+}
 
 // The real pointer of the display, so the window manager sees it too: a press at the item's
 // centre (or `fromX` along it), a move by `by` in two steps (past the drag threshold, then on)
@@ -63,7 +66,11 @@ bool pointer(QQuickItem* item, QPoint by = {}, std::optional<qreal> fromX = {})
 class VideoCall : public QProcess {
 public:
     VideoCall() { start(QStringLiteral(RAVLET_VIDEO_CALL)); }
-    ~VideoCall() override { kill(); waitForFinished(); }
+    ~VideoCall() override
+    {
+        kill();
+        waitForFinished();
+    }
     QString window() { return output().section(u"window "_s, 1, 1).section(u'\n', 0, 0); }
     int presses(const char* keysym)
     {
@@ -92,9 +99,13 @@ protected:
         environment.remove(u"DBUS_SESSION_BUS_ADDRESS"_s);
         s_windowManager->setProcessEnvironment(environment);
         s_windowManager->start(u"openbox"_s, {u"--sm-disable"_s});
-        s_hasWindowManager = s_windowManager->waitForStarted(5000) && QTest::qWaitFor([] {
-            return xprop({u"-root"_s, u"_NET_SUPPORTING_WM_CHECK"_s}).contains(u"window id"_s);
-        }, 10000);
+        s_hasWindowManager = s_windowManager->waitForStarted(5000)
+                             && QTest::qWaitFor(
+                                 [] {
+                                     return xprop({u"-root"_s, u"_NET_SUPPORTING_WM_CHECK"_s})
+                                         .contains(u"window id"_s);
+                                 },
+                                 10000);
     }
     static void TearDownTestSuite()
     {
@@ -133,7 +144,11 @@ protected:
     }
 
     // A final line of its own: more than the utterance gap after the speaker's last one.
-    void line(Speaker speaker, const QString& text) { h.passTime(6s); h.say(speaker, text); }
+    void line(Speaker speaker, const QString& text)
+    {
+        h.passTime(6s);
+        h.say(speaker, text);
+    }
 
     void answer(const QString& text)
     {
@@ -246,50 +261,6 @@ TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTa
         EXPECT_EQ(tap("Shift_R"), 1) << suppressed;
         EXPECT_EQ(h.backend->answerRequests.size() - asked, suppressed ? 0 : 1) << suppressed;
     }
-}
-
-// The transcript follows the newest line even while an earlier question is selected: moving
-// the selection brings that question into view, and the next line brings the view back down.
-TEST_F(OverlayWindowTest, NewLinesScrollTheTranscriptToTheEndWhileAQuestionIsSelected)
-{
-    ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
-    h.start();
-    // The overlay keeps the newest five lines; these wrap, so they overflow the upper area by far.
-    const QString longer =
-        u" Walk me through how you would design it, what you would measure and what"
-        u" you would change first if the numbers disappointed you."_s;
-    for (int i = 1; i <= 7; ++i)
-        line(Speaker::interviewer, u"Question number %1?"_s.arg(i) + longer + longer);
-    QQuickItem* list = nullptr; // shown once it has lines
-    const QString name = h.strings.text(u"overlay.transcript"_s);
-    ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return (list = DisplayFixture::findByAccessibleName(window, name)) != nullptr; },
-        5000));
-    const auto at = [&](const char* property) { return list->property(property).toReal(); };
-    // The newest row in full view (the list's bottom padding may stay below it).
-    const auto atEnd = [&] {
-        return at("contentY") + list->height() + 0.5 >= at("originY") + at("contentHeight");
-    };
-    const auto where = [&] {
-        return std::to_string(at("contentY")) + " of " + std::to_string(at("contentHeight"));
-    };
-    ASSERT_TRUE(
-        QTest::qWaitFor([&] { return list->property("count").toInt() == 5 && atEnd(); }, 5000))
-        << where();
-    ASSERT_GT(at("contentHeight"), 2 * list->height()) << "the list must overflow";
-
-    for (int i = 0; i < 4; ++i)
-        h.vm.selectPreviousTranscript();
-    ASSERT_EQ(h.vm.selectedTranscriptIndex(), std::optional(1));
-    ASSERT_TRUE(
-        QTest::qWaitFor([&] { return !list->property("moving").toBool() && !atEnd(); }, 5000))
-        << "the selected question is brought into view";
-    const qreal selectedAt = at("contentY");
-
-    line(Speaker::interviewer, u"A question after the selection?"_s);
-    EXPECT_TRUE(QTest::qWaitFor(atEnd, 5000)) << where() << "; at the selection " << selectedAt;
-    EXPECT_GT(at("contentY"), selectedAt);
-    EXPECT_TRUE(h.vm.selectedTranscriptIndex()) << "a question is still selected";
 }
 
 struct Sample {

@@ -47,10 +47,7 @@ public:
     void installKeyMonitors() override { log.append(u"install key monitors"_s); }
     void removeEventTap() override { log.append(u"remove tap"_s); }
     void installEventTap() override { log.append(u"install tap"_s); }
-    void performKeyAction(KeyAction action) override
-    {
-        log.append(u"key action "_s + QString::number(int(action)));
-    }
+    void performKeyAction(KeyAction) override {}
 
     bool granted() override { return keysGranted; }
     GlobalKeysRoute route() override { return keysRoute.value_or(GlobalKeysRight::route()); }
@@ -75,6 +72,15 @@ inline QString accessTokenFor(const QString& id, const QString& email)
     const auto payload = QJsonDocument(QJsonObject{{u"sub"_s, id}, {u"email"_s, email}})
                              .toJson(QJsonDocument::Compact);
     return u"h."_s + QString::fromLatin1(payload.toBase64()) + u".s"_s;
+}
+
+// The backend's answer to a refresh or an exchange: a new pair for this user.
+inline FakeBackend::Response tokenPair(const QString& id, const QString& email)
+{
+    const QJsonObject pair{{u"accessToken"_s, accessTokenFor(id, email)},
+                           {u"refreshToken"_s, u"refresh-2"_s},
+                           {u"user"_s, QJsonObject{{u"id"_s, id}, {u"email"_s, email}}}};
+    return FakeBackend::Response::json(200, QJsonDocument(pair).toJson());
 }
 
 struct DelegateRig {
@@ -148,7 +154,7 @@ struct DelegateRig {
             nullptr,
             {},
             nullptr,
-            keySource,
+            nullptr, // no keys of other programs for the keybinds page
             nullptr,
             nullptr,
             practice});
@@ -165,7 +171,6 @@ struct DelegateRig {
     InMemoryTokenStore* tokens = nullptr;
     std::function<QString()> crashLastState;
     QList<QUrl> opened;
-    KeySource* keySource = nullptr; // what the keybinds page reads; none by default
-    PracticeDevices practice;       // none by default: practice sessions cannot start
+    PracticeDevices practice; // none by default: practice sessions cannot start
     std::unique_ptr<AppDelegate> delegate;
 };
