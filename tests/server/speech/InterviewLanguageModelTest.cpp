@@ -67,10 +67,3 @@ TEST(InterviewLanguageModelTest, EveryHistoryIsADistributionAndTheHeaderCountsMa
         EXPECT_NEAR(sum, 1.0, 1e-2) << history.toStdString();
     }
 }
-
-TEST(InterviewLanguageModelTest, PunctuationAndCaseDoNotMakeNewWords)
-{
-    const auto arpa = parse(InterviewLanguageModel::arpa({u"Why, you?"_s, u"why you"_s, u"  "_s}));
-    EXPECT_EQ(arpa.grams[1].keys(), (QStringList{u"</s>"_s, u"<s>"_s, u"why"_s, u"you"_s}));
-    EXPECT_TRUE(arpa.grams[3].contains(u"<s> why you"_s));
-}
