@@ -752,23 +752,16 @@ TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfItsKindAndNothingElse)
                + QLatin1String(platform);
     };
     const auto files = server.base().toUtf8() + "/download/files/";
+    const QByteArray newest = R"({"hasUpdate":true,"forceUpdate":false,"latest":{"version":)"
+                              R"("0.10.0","changelog":"Faster.","downloadURL":")"
+                              + files + R"(RavletAI-0.10.0-linux-x86_64.tar.gz"}})",
+                     newestDeb = R"({"latest":{"downloadURL":")" + files
+                                 + R"(ravletai_0.10.0_amd64.deb"}})";
     expectRoutes(server, {},
-                 {
-                     {"GET",
-                      check("0.9.5"),
-                      {},
-                      200,
-                      R"({"hasUpdate":true,"forceUpdate":false,"latest":{"version":"0.10.0",)"
-                      R"("changelog":"Faster.","downloadURL":")"
-                          + files + R"(RavletAI-0.10.0-linux-x86_64.tar.gz"}})"},
-                     {"GET",
-                      check("0.9.5", "linux-deb"),
-                      {},
-                      200,
-                      R"({"latest":{"downloadURL":")" + files + R"(ravletai_0.10.0_amd64.deb"}})"},
-                     {"GET", u"/download/files/RavletAI-0.9.0-linux-x86_64.tar.gz"_s, {}, 404},
-                     {"GET", u"/download/files/..%2Fserver.sqlite"_s, {}, 404},
-                 });
+                 {{"GET", check("0.9.5"), {}, 200, newest},
+                  {"GET", check("0.9.5", "linux-deb"), {}, 200, newestDeb},
+                  {"GET", u"/download/files/RavletAI-0.9.0-linux-x86_64.tar.gz"_s, {}, 404},
+                  {"GET", u"/download/files/..%2Fserver.sqlite"_s, {}, 404}});
     const auto deb = curl({QString::fromUtf8(files) + u"ravletai_0.10.0_amd64.deb"_s});
     EXPECT_EQ(QByteArray::number(deb.status) + ' ' + deb.body, "200 system package");
     writeFile(updates.filePath(u"minimum-version"_s), "0.9.9\n");
