@@ -90,6 +90,7 @@ def stored_lines(server, token, session):
     return api(server.base, token, "GET", f"/api/v1/interview/session/{session}")["transcript"]
 
 
+NUL_TEXT = "a\x00b\ue0000c\ue000Fd\ue000"
 # Frames sent, then the acknowledgement expected for the last of them (None: none checked).
 CONVERSATION = [
     ([entry("b", "second said", 2000, 1)], {"type": "ack", "ids": ["b"], "revisions": {"b": 1}}),
@@ -101,14 +102,14 @@ CONVERSATION = [
     # Garbage is skipped and the socket stays.
     (["not json", "{}", json.dumps({"type": "transcript_entry", "id": 5}), b"\xff\xfe\x00", entry("c", "still listening", 3000)],
      {"type": "ack", "ids": ["c"], "revisions": {"c": 0}}),
-    # A NUL inside the text is the speaker's text like any other: kept and given back as sent.
-    ([entry("n", "nul\x00inside", 3500)], {"type": "ack", "ids": ["n"], "revisions": {"n": 0}}),
+    # A NUL, and the character the store writes in its place, are the speaker's text like any other.
+    ([entry("n", NUL_TEXT, 3500)], {"type": "ack", "ids": ["n"], "revisions": {"n": 0}}),
     # Both speakers in the same millisecond: the order they arrived in, not that of their ids.
     ([entry("y", "same moment, first", 4000, 0, "user")], None), ([entry("x", "same moment, second", 4000)], None),
     ([entry("y", "same moment, first, grown", 4000, 1, "user")], None),
 ]
-STORED = [("a", "first said"), ("b", "second said, grown"), ("c", "still listening"), ("n", "nul\x00inside"), ("y", "same moment, first, grown"),
-          ("x", "same moment, second")]
+STORED = [("a", "first said"), ("b", "second said, grown"), ("c", "still listening"),
+          ("n", NUL_TEXT), ("y", "same moment, first, grown"), ("x", "same moment, second")]
 
 
 async def socket_behaviour(server, token, other_token):

@@ -4,12 +4,10 @@
 #include "AnswerRun.h"
 #include "OfflineDraft.h"
 #include "QtPrinters.h"
-#include "TextRanking.h"
 
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
-#include <QTest>
 #include <QThreadPool>
 
 using namespace ravlet::server;
@@ -133,16 +131,11 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
          {u"Interviewer: How did the Kubernetes migration go?"_s, u"You: It went well overall."_s}},
         // The draft is in English, and says so when another language was asked for.
         {"Tell me about yourself.", true, "Offline draft in English", {"*~German"}, "de-DE"},
-        {"Tell me about yourself.", true, "an introduction from your resume.", {}, "en-GB"},
-        // Stories first, though one names a strength and the other starts like a technical one.
+        // A story first, though it names a strength; "mentor" finds "Mentored".
         {"Tell me about a time you showed your biggest strength as a mentor.", true, "a STAR answer", {"Action^Mentored four junior"}},
-        {"What's the hardest problem you've solved in PostgreSQL?", true, "a STAR answer", {"Action^Optimized slow PostgreSQL"}},
-        // Not a technical "what are".
-        {"What are your strengths and weaknesses?", true, "strengths and weaknesses from your documents."},
-        {"Why do you want to join Initech?", true, "why this role, from your documents."},
-        // As heard, with the question's first word lost.
-        {"i do you want to work for our company", true, "why this role, from your documents."},
+        // As heard, with the question's first words lost.
         {"you about yourself", true, "an introduction from your resume."},
+        {"i do you want to work for our company", true, "why this role, from your documents."},
         {"How would you tune PostgreSQL performance?", true, "an outline for a technical answer."},
         {"Do you have experience with payments?", true, "an outline from your documents."},
         {"Tell me about a time you led a team.", false, noDocuments},
@@ -195,26 +188,14 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
     }
 }
 
-// Drafted on a worker and delivered line by line through the event loop, so the caller holds
-// the handle before any chunk; a cancel, from inside a chunk or before the draft was ready, stops
-// every further call.
-TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
+// Drafted on a worker and delivered through the event loop, so the caller holds the handle
+// before any chunk; a cancel, from inside a chunk or before the draft was ready, stops every
+// further call. (The whole draft streamed to the end is the whole-product test's.)
+TEST(OfflineAnswerEngineTest, ACancelFromInsideAChunkOrBeforeTheDraftStopsEveryCall)
 {
     const auto request =
         withDocuments("Tell me about a time you migrated a service to Kubernetes.");
     OfflineAnswerEngine engine;
-    AnswerOutcome whole;
-    engine.answer(
-        request, [&](const QString& chunk) { whole.chunks << chunk; },
-        [&](const QString& error) { whole.error = error, ++whole.doneCalls; });
-    EXPECT_TRUE(whole.chunks.isEmpty()) << "a chunk before the caller has the handle";
-    ASSERT_TRUE(QTest::qWaitFor([&] { return whole.doneCalls == 1; }, 10'000));
-    EXPECT_EQ(whole.error, QString());
-    const auto lines = draftAnswer(request);
-    EXPECT_EQ(whole.chunks.size(), lines.size()) << "one chunk a line";
-    EXPECT_EQ(whole.chunks.join(QString()), lines.join(u'\n'));
-
-    // A cancel from inside a chunk, or before the draft was ready, stops every further call.
     AnswerOutcome cancelled;
     AnswerEngine::Handle handle;
     handle = engine.answer(
@@ -224,25 +205,14 @@ TEST(OfflineAnswerEngineTest, StreamsTheDraftThroughTheEventLoopUntilCancelled)
             handle.cancel();
         },
         [&](const QString&) { ++cancelled.doneCalls; });
+    EXPECT_TRUE(cancelled.chunks.isEmpty()) << "a chunk before the caller has the handle";
     auto early = engine.answer(
         request, [&](const QString& chunk) { cancelled.chunks << chunk; },
         [&](const QString&) { ++cancelled.doneCalls; });
     early.cancel();
-    early.cancel(); // harmless
+    early.cancel();                                     // harmless
     QThreadPool::globalInstance()->waitForDone(10'000); // both drafts are ready
     drainEvents();
     EXPECT_TRUE(cancelled.chunks.size() == 1 && cancelled.doneCalls == 0)
         << cancelled.chunks.size() << ' ' << cancelled.doneCalls;
-}
-
-// Stems are what lets a question's "migrated" find the resume's "migration"; which line wins is
-// the draft test's.
-TEST(TextRankingTest, WordFormsShareAStem)
-{
-    for (const auto& [a, b] : {std::pair{"migrated", "migration"}, {"mentoring", "mentored"},
-                               {"leadership", "leading"}, {"optimized", "optimization"},
-                               {"queries", "query"}, {"planned", "planning"},
-                               {"deployments", "deploy"}, {"teams", "team"}})
-        EXPECT_EQ(stemWord(QLatin1String(a)), stemWord(QLatin1String(b))) << a << " / " << b;
-    EXPECT_NE(stemWord(u"process"_s), stemWord(u"product"_s));
 }
