@@ -64,41 +64,4 @@ TEST(SessionFinalisationTest, ClosesThenPostsRetryingOnceWhenRetryableElseKeeps)
     }
 }
 
-// An undelivered transcript waits for the next signed-in start. Failing again there, it is kept
-// and named with its age, and a newer undelivered transcript replaces it. Its notice shows only
-// while the start runs. (That it goes up first and its session is not completed again is
-// StopDuringStartTest's; that no line is lost on the way, the chaos test's.)
-TEST(SessionFinalisationTest, PendingUploadIsRetriedAtTheNextSignedInStartBeforeTheNewSession)
-{
-    H h;
-    h.leaveUndelivered(u"Lost line"_s);
-    ASSERT_TRUE(h.vm.pendingTranscriptUpload());
-    h.clock.advance(42s);
-    h.vm.setLoggedIn(false);
-    h.start();
-    EXPECT_TRUE(h.backend->calls.isEmpty());
-    h.vm.setLoggedIn(true);
-
-    QStringList notices;
-    QObject context;
-    QObject::connect(&h.vm, &InterviewViewModel::lastNoticeChanged, &context,
-                     [&] { notices.append(h.vm.lastNotice().value_or(u"-"_s)); });
-    h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
-    h.start();
-    h.say(Speaker::interviewer, u"Second lost"_s);
-    h.backend->postTranscriptFailures.add(failureOf(APIError::serverError(400)));
-    h.stop();
-    const auto pending = h.vm.pendingTranscriptUpload().value_or(PendingTranscriptUpload{});
-    EXPECT_EQ(pending.sessionId + pending.entries.value(0).value(u"content"_s).toString(),
-              u"session-2Second lost"_s);
-
-    h.start();
-    EXPECT_EQ(notices.mid(0, 2),
-              (QStringList{u"Previous transcript still pending upload (42s ago)."_s, u"-"_s}));
-    EXPECT_EQ(notices.mid(notices.size() - 2),
-              (QStringList{u"Recovered previous transcript upload."_s, u"-"_s}));
-    EXPECT_FALSE(h.vm.pendingTranscriptUpload());
-    EXPECT_EQ(h.backend->delivered, pending.entries);
-}
-
 } // namespace
