@@ -309,12 +309,12 @@ public:
     {
         co_await enter(u"fetchSpeechToken"_s, speechTokenFailures);
         co_return {speechProvider, u"speech-token-"_s + QString::number(++speechTokensIssued),
-                   sttModel, endpoint};
+                   u"nova-3"_s, endpoint};
     }
     QCoro::Task<APIClient::AccountStatus> fetchAccountStatus() override
     {
         co_await enter(u"fetchAccountStatus"_s, accountStatusFailures);
-        co_return {accountSpeechProvider};
+        co_return {};
     }
     QCoro::Task<InterviewSession> createSession(QString languageInput,
                                                 QString languageOutput) override
@@ -351,7 +351,7 @@ public:
         if (finishAnswers)
             stream->finish();
         answerStreams.append(stream);
-        co_return {answerLogId, stream};
+        co_return {u"log-1"_s, stream};
     }
     QCoro::Task<> saveAnswerLog(QString logId, QString answer) override
     {
@@ -379,10 +379,7 @@ public:
     QString base = u"http://backend.test"_s;
     std::optional<QString> token = u"access-token"_s;
     QString speechProvider = u"deepgram"_s;
-    std::optional<QString> accountSpeechProvider;
-    std::optional<QString> sttModel = u"nova-3"_s;
     std::optional<QString> endpoint;
-    std::optional<QString> answerLogId = u"log-1"_s;
     QStringList answerChunks{u"An "_s, u"answer."_s};
     bool finishAnswers = true;
 
@@ -419,9 +416,6 @@ using State = InterviewViewModel::PipelineState;
 
 // Everything an InterviewViewModel needs, faked, on the manual clock; signed in by default.
 struct InterviewHarness {
-    using Speaker = TranscriptEntry::Speaker;
-    using State = InterviewViewModel::PipelineState;
-
     InterviewHarness()
     {
         settings.setInputLanguage(u"en-US"_s);

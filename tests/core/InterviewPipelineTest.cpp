@@ -4,8 +4,6 @@
 #include "AudioCaptureService.h"
 #include "LogCapture.h"
 
-#include <QSignalSpy>
-
 #include <gtest/gtest.h>
 
 namespace {
@@ -234,11 +232,8 @@ TEST(InterviewPipelineTest, AStartWaitsUntilAStopThatInterruptedAStartHasEnded)
     h.gates.hold(u"fetchSpeechToken"_s);
     auto first = h.vm.startInterview();
     ASSERT_TRUE(h.gates.isWaiting(u"fetchSpeechToken"_s));
-    QSignalSpy anyStatus(&h.vm, &InterviewViewModel::statusMessageChanged);
-    QSignalSpy anyError(&h.vm, &InterviewViewModel::errorChanged);
     h.start();
-    EXPECT_EQ(std::tuple(anyStatus.count(), anyError.count(), h.callCount(u"fetchAccountStatus"_s)),
-              std::tuple(0, 0, 1));
+    EXPECT_EQ(h.callCount(u"fetchAccountStatus"_s), 1);
     h.gates.hold(u"completeSession"_s);
     auto stop = h.vm.stopInterview();
     ASSERT_TRUE(h.gates.isWaiting(u"completeSession"_s));

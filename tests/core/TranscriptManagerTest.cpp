@@ -37,7 +37,7 @@ TEST_F(TranscriptManagerTest, FinalPiecesGroupIntoLinesByGapSpeakerAndClosing)
 {
     // Steps are separated by "; ". A step may move the clock on first ("+5000 "), then: I and
     // U are final pieces of the interviewer and the user, i and u partials, each followed by its
-    // text; C closes every active line, c the user's, R resets.
+    // text; C closes every active line.
     const struct {
         const char* name;
         QString steps;
@@ -54,11 +54,8 @@ TEST_F(TranscriptManagerTest, FinalPiecesGroupIntoLinesByGapSpeakerAndClosing)
          u"I Q1; u ans; U A1; u more; I continued"_s,
          {u"Q1 continued"_s, u"A1"_s}},
         {"ClosingStartsNewLinesWithinTheGap",
-         u"I a; U b; C; I c; U d; c; I e; U f"_s,
-         {u"a"_s, u"b"_s, u"c e"_s, u"d"_s, u"f"_s}},
-        // A reset forgets the active lines and the last final time: the next piece is the very
-        // first.
-        {"ResetStartsAfresh", u"U g; R; +60000 U h; +5000 U i"_s, {u"h i"_s}},
+         u"I a; U b; C; I c; U d"_s,
+         {u"a"_s, u"b"_s, u"c"_s, u"d"_s}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -71,11 +68,8 @@ TEST_F(TranscriptManagerTest, FinalPiecesGroupIntoLinesByGapSpeakerAndClosing)
             const QChar op = step.front();
             const QString text = step.mid(2);
             const auto speaker = op.toUpper() == u'I' ? Speaker::interviewer : Speaker::user;
-            if (op == u'C' || op == u'c')
-                op == u'C' ? manager.closeAllActiveEntries()
-                           : manager.closeActiveEntry(Speaker::user);
-            else if (op == u'R')
-                manager.reset();
+            if (op == u'C')
+                manager.closeAllActiveEntries();
             else if (op == u'I' || op == u'U')
                 commit(speaker, text);
             else
@@ -103,18 +97,12 @@ TEST_F(TranscriptManagerTest, AGrownLineKeepsItsIdAndFirstTime)
     EXPECT_FALSE(manager.latestInterviewerText()) << "a partial is never asked";
 }
 
-TEST_F(TranscriptManagerTest, DisplayedEntriesShowLastFiveThenNewestNonEmptyPartialFirst)
+TEST_F(TranscriptManagerTest, DisplayedEntriesShowLastFiveThenNewestPartialFirst)
 {
     for (int i = 1; i <= 6; ++i) {
         commit(i % 2 ? Speaker::interviewer : Speaker::user, u"e%1"_s.arg(i));
         manager.closeAllActiveEntries();
     }
-    partial(Speaker::interviewer, QString()); // kept, but never shown
-    EXPECT_EQ(manager.currentPartialText(Speaker::interviewer), QString());
-    EXPECT_TRUE(manager.partialUpdatedAtMs(Speaker::interviewer));
-    EXPECT_EQ(manager.displayedEntries().size(), 5);
-    EXPECT_EQ(manager.partialSummary(), QString());
-
     partial(Speaker::user, u"older"_s);
     clock.advance(10ms);
     partial(Speaker::interviewer, u"newer"_s);
@@ -128,9 +116,6 @@ TEST_F(TranscriptManagerTest, DisplayedEntriesShowLastFiveThenNewestNonEmptyPart
     clock.advance(10ms);
     partial(Speaker::user, u"newest"_s);
     EXPECT_EQ(manager.partialSummary(), u"[You] newest\n[Interviewer] newer"_s);
-    partial(Speaker::interviewer, u"tie"_s);
-    EXPECT_EQ(manager.partialSummary(), u"[Interviewer] tie\n[You] newest"_s)
-        << "a tie puts the interviewer first";
 
     manager.reset();
     EXPECT_TRUE(manager.displayedEntries().isEmpty()) << "lines and partials alike";
