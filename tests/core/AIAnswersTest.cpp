@@ -195,31 +195,6 @@ TEST(RetryableNetworkErrorTest, RetryableErrorsAreLostConnectionsAndServerFaults
             << name << ": " << errorCode(failure).toStdString();
 }
 
-// The request carries the last ten final entries as context, no partials. (Its session and
-// language are checked on every request of the chaos test, the active resume by the
-// whole-product test's answer that quotes it.)
-TEST(AIAnswersTest, RequestCarriesTheLastTenFinalEntries)
-{
-    H h;
-    goLive(h, false);
-    QList<QJsonObject> expectedContext;
-    for (int k = 1; k <= 12; ++k) {
-        const auto speaker = k % 2 ? Speaker::interviewer : Speaker::user;
-        h.say(speaker, u"line "_s + QString::number(k));
-        h.passTime(5001ms);
-        if (k >= 3)
-            expectedContext.append(
-                {{u"speaker"_s, toText(speaker)}, {u"content"_s, u"line "_s + QString::number(k)}});
-    }
-    h.say(Speaker::user, u"unfinished"_s, false);
-    h.say(Speaker::interviewer, u"also unfinished"_s, false);
-    h.vm.triggerAIAnswer();
-
-    ASSERT_EQ(h.backend->answerRequests.size(), 1);
-    EXPECT_EQ(h.backend->answerRequests[0].context, expectedContext);
-    EXPECT_EQ(h.backend->answerRequests[0].question, u"line 11"_s);
-}
-
 // An answer is logged whole by the whole-product test. An open stream ends when it breaks (kept as
 // it stands, reported, not asked again), after 90 s of reading, or with the stop; what comes after
 // is dropped.
@@ -277,19 +252,28 @@ TEST(AIAnswersTest, StreamFillsTheEntryAndEndsKeepingWhatItHad)
     }
 }
 
-// The arrows walk the last five final rows; a selected line is asked and the selection goes.
-TEST(AIAnswersTest, TheArrowsWalkTheShownLinesAndTheSelectedOneIsAsked)
+// The arrows walk the last five final rows; the selected line is asked and the selection goes.
+// The request carries the last ten final entries as context, no partials. (Its session and
+// language are checked on every request of the chaos test.)
+TEST(AIAnswersTest, TheSelectedLineIsAskedWithTheLastTenFinalEntries)
 {
     H h;
     goLive(h, false);
     h.vm.selectPreviousTranscript();
     EXPECT_FALSE(h.vm.selectedTranscriptIndex());
-    for (int k = 1; k <= 7; ++k) {
+    QList<QJsonObject> expectedContext;
+    for (int k = 1; k <= 12; ++k) {
+        const auto speaker = k % 2 ? Speaker::interviewer : Speaker::user;
+        h.say(speaker, u"line "_s + QString::number(k));
         h.passTime(5001ms);
-        h.say(Speaker::interviewer, u"line "_s + QString::number(k));
+        if (k >= 3)
+            expectedContext.append(
+                {{u"speaker"_s, toText(speaker)}, {u"content"_s, u"line "_s + QString::number(k)}});
     }
-    h.say(Speaker::interviewer, u"um"_s, false); // on screen, but cannot be chosen
-    ASSERT_EQ(h.vm.transcriptManager().displayedEntries().size(), 6);
+    // On screen, but neither chosen nor sent.
+    h.say(Speaker::user, u"unfinished"_s, false);
+    h.say(Speaker::interviewer, u"also unfinished"_s, false);
+    ASSERT_EQ(h.vm.transcriptManager().displayedEntries().size(), 7);
 
     // Positive steps go back, negative ones forward.
     const auto walk = [&](int steps) {
@@ -308,7 +292,9 @@ TEST(AIAnswersTest, TheArrowsWalkTheShownLinesAndTheSelectedOneIsAsked)
     // Position 0 is the oldest of the five rows shown, not of the whole transcript.
     walk(5);
     h.vm.triggerAIAnswer();
-    EXPECT_EQ(h.backend->answerRequests.value(0).question, u"line 3"_s);
+    ASSERT_EQ(h.backend->answerRequests.size(), 1);
+    EXPECT_EQ(h.backend->answerRequests[0].question, u"line 8"_s);
+    EXPECT_EQ(h.backend->answerRequests[0].context, expectedContext);
     EXPECT_FALSE(h.vm.selectedTranscriptIndex());
 }
 

@@ -47,9 +47,8 @@ TEST(SpeechRecoveryTest, FailingTokenFetchesFollowTheBackOffScheduleUpToTheLimit
     h.fail(Speaker::interviewer, reason);
     EXPECT_EQ(sttFailures(h), QStringList{u"stt_failed openai "_s + reason.left(64)});
     h.passTime(500ms);
-    EXPECT_EQ(h.shown(), u"recording | "_s + reconnectingInBackground
-                             + u" | Reconnection failed. RavletAI will keep trying. | "
-                               u"Speech channel reconnection failed: Server error (503)"_s);
+    EXPECT_EQ(h.vm.lastRecoverableError(),
+              u"Speech channel reconnection failed: Server error (503)"_s);
 
     h.passTime(194'999ms);
     EXPECT_EQ(tokenFetches(h, from, t0), backOffSchedule);
@@ -179,7 +178,6 @@ TEST(SpeechRecoveryTest, RecognizerStartRetryAndStopDuringARestart)
         h.passTime(1ms);
         ASSERT_EQ(recognizer->starts.size(), c.starts);
         EXPECT_EQ(recognizer->starts.last().token, u"speech-token-3"_s);
-        EXPECT_FALSE(h.vm.isRestarting(Speaker::interviewer));
         EXPECT_EQ(h.vm.lastRecoverableError(), c.failure);
         EXPECT_EQ(backOff(h), c.failure ? std::pair(1, 1.0) : std::pair(0, 0.5));
         EXPECT_EQ(h.vm.statusMessage(), c.failure ? reconnectingInBackground : u"Recording live"_s);
