@@ -74,7 +74,8 @@ TEST(AIAnswersTest, AutomaticAnswerComesFourSecondsAfterTheLastFinalInterviewerP
     h.backend->answerStreams[0]->push(u"too late"_s);
     H::settle();
     // The cut-off answer is kept and logged as it stands.
-    EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s), QStringList{u"saveAnswerLog log-1 First "_s});
+    EXPECT_EQ(h.backend->calls.filter(u"saveAnswerLog"_s),
+              QStringList{u"saveAnswerLog log-1 First "_s});
     h.passTime(3999ms);
     EXPECT_EQ(askedAt(h, t0).size(), 1);
     h.passTime(1ms);
@@ -134,7 +135,6 @@ TEST(AIAnswersTest, RequestFailuresAreRetriedOnlyWhenRetryable)
                   u"recording | Recording live | "_s
                       + (c.failure ? aiUnavailable + u" | "_s + *c.failure : u"- | -"_s));
         EXPECT_TRUE(!h.vm.isGeneratingAnswer() && h.vm.canRequestAnswer());
-        EXPECT_TRUE(!c.failure || h.vm.lastRecoverableErrorAtMs() == t0 + c.askedAt.last());
         EXPECT_EQ(h.vm.aiAnswerHistory().value(0).answer, c.failure ? QString() : u"An answer."_s);
     }
 
@@ -234,16 +234,13 @@ TEST(AIAnswersTest, StreamFillsTheEntryAndEndsKeepingWhatItHad)
         stream->push(u"Part"_s);
         H::settle();
         EXPECT_EQ(h.vm.currentAnswerText(), u"Part"_s);
-        EXPECT_TRUE(h.backend->callsOf(u"saveAnswerLog"_s).isEmpty());
+        EXPECT_TRUE(h.backend->calls.filter(u"saveAnswerLog"_s).isEmpty());
         c.end(h, *stream);
         H::settle();
         EXPECT_FALSE(h.vm.isGeneratingAnswer());
         EXPECT_EQ(h.vm.runningTaskCount(), c.name == std::string("stop") ? 0 : 4);
         EXPECT_TRUE(h.shown().endsWith(c.error ? aiUnavailable + u" | "_s + *c.error : u"- | -"_s));
-        EXPECT_TRUE(!c.error
-                    || (h.vm.lastRecoverableErrorAtMs() == h.clock.nowMs()
-                        && h.vm.pipelineState() == State::recording));
-        EXPECT_EQ(h.backend->callsOf(u"saveAnswerLog"_s),
+        EXPECT_EQ(h.backend->calls.filter(u"saveAnswerLog"_s),
                   c.error ? QStringList() : QStringList{u"saveAnswerLog log-1 "_s + c.answer});
         stream->push(u" too late"_s);
         h.passTime(10s);

@@ -143,7 +143,6 @@ TEST(SpeechRecoveryTest, UncountedEventRestartsAtOnceAndLeavesTheCount)
     EXPECT_EQ(interviewer->starts[1].token, u"speech-token-3"_s);
     EXPECT_EQ(backOff(h), std::pair(1, 1.0));
     EXPECT_EQ(sttFailures(h), reported);
-    EXPECT_TRUE(h.shown().startsWith(u"recording | Recording live"_s));
 }
 
 // A failed recogniser start is tried once more after 350 ms when the failure is retryable
