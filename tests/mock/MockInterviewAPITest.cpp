@@ -19,13 +19,11 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-enum Op { questions, avatar, generate, image, speech };
-const std::pair<QByteArray, QByteArray> routes[] = {
-    {"POST", "/api/v1/mock-interview/questions"},
-    {"GET", "/api/v1/mock-interview/avatar"},
-    {"POST", "/api/v1/mock-interview/avatar/generate"},
-    {"GET", "/api/v1/mock-interview/avatar/image"},
-    {"POST", "/api/v1/mock-interview/tts"}};
+enum Op { questions, avatar, image, speech };
+const std::pair<QByteArray, QByteArray> routes[] = {{"POST", "/api/v1/mock-interview/questions"},
+                                                    {"GET", "/api/v1/mock-interview/avatar"},
+                                                    {"GET", "/api/v1/mock-interview/avatar/image"},
+                                                    {"POST", "/api/v1/mock-interview/tts"}};
 
 // The operation's result as one line of text.
 QCoro::Task<QString> call(MockInterviewAPI* api, Op op)
@@ -39,9 +37,6 @@ QCoro::Task<QString> call(MockInterviewAPI* api, Op op)
     }
     case avatar:
         portrait = co_await api->fetchAvatar();
-        break;
-    case generate:
-        portrait = co_await api->generateAvatar();
         break;
     case image:
         bytes = co_await api->fetchAvatarImage();
@@ -139,7 +134,7 @@ TEST(MockInterviewAPITest, QuestionsWithoutDocumentsLeaveTheirKeysOutAndNoTokenS
               (QJsonObject{{u"language"_s, u"de"_s}, {u"count"_s, 8}}));
 
     harness.client.setAccessToken(std::nullopt);
-    for (const Op op : {questions, avatar, generate, image, speech})
+    for (const Op op : {questions, avatar, image, speech})
         EXPECT_EQ(harness.run(op), u"Not signed in"_s);
     EXPECT_EQ(harness.server.totalRequests(), 1);
     EXPECT_TRUE(harness.failures.isEmpty());

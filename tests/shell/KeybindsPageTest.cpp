@@ -73,10 +73,6 @@ TEST_P(KeybindsPageTest, KeysDoWhatThePageSays)
     if (p.page.testSucceeded())
         outcome.append(u"detected"_s);
     EXPECT_EQ(outcome.join(u", "_s), QString::fromLatin1(row.outcome));
-    if (listening && !row.testing) {
-        EXPECT_EQ(p.page.statusKey(),
-                  p.page.isBlocked() ? u"keybinds.blocked_key"_s : u"keybinds.press_any_key"_s);
-    }
     if (listening) {
         EXPECT_TRUE(p.settings.isTriggerSuppressed());
     }
