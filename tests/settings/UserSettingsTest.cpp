@@ -86,8 +86,4 @@ TEST(UserSettingsTest, TriggerKeyFallsBackFromV2ToLegacyToDefaultAndIsStoredAsV2
     EXPECT_EQ(posts, 2);
     EXPECT_FALSE(store.bytes(Keys::aiTriggerKey)->contains("modifierFlag"));
     EXPECT_EQ(store.string(Keys::legacyAITriggerKey), u"rightOption"_s);
-    // A table name wins over the characters; a key with neither is named by its code.
-    EXPECT_EQ((QStringList{UserSettings::keyDisplayName(60, u"x"_s),
-                           UserSettings::keyDisplayName(10, {})}),
-              (QStringList{u"Right Shift"_s, u"Key 10"_s}));
 }

@@ -67,24 +67,6 @@ TEST(OverlayKeysTest, TheTriggerFiresOnItsOwnKeyAndAModifierOnlyOnPress)
             << code << ": " << event.keyCode << " " << event.modifierFlags << " " << suppressed;
 }
 
-// (A release of an ordinary key, or of a modifier, read as a press would fire the trigger twice
-// in OverlayWindowTest.)
-TEST(OverlayKeysTest, TheReaderTurnsPressesIntoEventsWithTheHeldModifiers)
-{
-    KeyEventReader reader;
-    using enum EventKind;
-    // Key, pressed, the event; both commands (54, 55) share a flag, so letting go of one keeps it.
-    const std::tuple<quint16, bool, std::optional<KeyEvent>> steps[] = {
-        {59, true, KeyEvent{59, flagsChanged, 0x40000}},
-        {f5, true, KeyEvent{f5, keyDown, 0x40000}},
-        {54, true, KeyEvent{54, flagsChanged, 0x140000}},
-        {55, true, KeyEvent{55, flagsChanged, 0x140000}},
-        {54, false, KeyEvent{54, flagsChanged, 0x140000}},
-        {59, false, KeyEvent{59, flagsChanged, 0x100000}}};
-    for (const auto& [code, pressed, event] : steps)
-        EXPECT_EQ(reader.read(code, pressed), event) << code << " " << pressed;
-}
-
 TEST(OverlayKeysTest, EveryKeyOfTheSettingsTablesHasItsKeysymAndBack)
 {
     for (const auto* table : {&UserSettings::modifierKeyNames(), &UserSettings::functionKeyNames(),

@@ -106,16 +106,11 @@ TEST(OverlayViews, RowsFadeToAFloorTheDividerStopsShortOfTheEndsAndTheAnswerArea
     EXPECT_EQ(OverlayViewModel::answerViewOf(std::nullopt, 0, {}, false).position, u"–/0"_s);
 }
 
-// Through one interview: the hint names the key and goes with the first row, a partial one
-// (the automatic trigger's hint runs in the whole-product test); the rows' shading counts the
-// partial as the newest row; a drag of the divider in a panel with no room for the areas leaves
-// the ratio alone (real drags run in OverlayWindowTest); a streamed answer grows in place and the
-// trigger waits for it. (An answer that ends without a word is OverlayViews' last rows.)
-TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
+// Through one interview: the hint goes with the first row, a partial one (the hint's text runs in
+// the Wayland desktops test); a partial row is no final one; a streamed answer grows in place and
+// the trigger waits for it. (An answer that ends without a word is OverlayViews' last rows.)
+TEST_F(OverlayModelTest, FollowsTheTranscriptAndAStreamedAnswer)
 {
-    h.settings.setAITriggerKey(
-        AITriggerKey{.keyCode = 96, .modifierFlag = {}, .displayName = u"F5"_s});
-    EXPECT_EQ(overlay.hintText(), u"Press F5 to trigger AI after interviewer speaks"_s);
     EXPECT_FALSE(overlay.canTrigger()); // not recording
     h.backend->finishAnswers = false;
     h.backend->answerChunks = {};
@@ -131,12 +126,6 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
     ASSERT_EQ(overlay.transcriptRows()->rowCount(), 6);
     EXPECT_FALSE(rowValue(5, TranscriptRowsModel::IsFinalRole).toBool());
     EXPECT_TRUE(rowValue(4, TranscriptRowsModel::IsInterviewerRole).toBool());
-    EXPECT_DOUBLE_EQ(rowValue(1, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.25);
-    EXPECT_DOUBLE_EQ(rowValue(4, TranscriptRowsModel::RowOpacityRole).toDouble(), 0.75);
-
-    const double ratio = overlay.dividerRatio();
-    overlay.dragDivider(0, 10, 0);
-    EXPECT_DOUBLE_EQ(overlay.dividerRatio(), ratio);
 
     h.vm.triggerAIAnswer();
     InterviewHarness::settle();
@@ -155,12 +144,10 @@ TEST_F(OverlayModelTest, FollowsTheSettingsTheTranscriptAndAStreamedAnswer)
 }
 
 // The tip comes a delay after the overlay shows when no resume is on file or the list could not
-// be had; the resume button takes it away. An overlay without a backend client never shows it.
+// be had; the resume button takes it away.
 // (That it shows, and goes once a resume is uploaded, the whole-product test sees.)
 TEST_F(OverlayModelTest, ResumeTipComesAfterTheDelayWhenNoResumeIsOnFile)
 {
-    OverlayViewModel noClient{
-        OverlayViewModel::Services{h.vm, h.settings, h.strings, h.notifications, h.clock, {}}};
     resumeRequestFails = true;
     h.notifications.post(Notifications::overlayVisibilityChanged, false);
     h.passTime(1s);
@@ -176,7 +163,6 @@ TEST_F(OverlayModelTest, ResumeTipComesAfterTheDelayWhenNoResumeIsOnFile)
         EXPECT_FALSE(overlay.showResumeTip()) << "before the delay";
         h.passTime(1ms);
         EXPECT_EQ(overlay.showResumeTip(), tip);
-        EXPECT_FALSE(noClient.showResumeTip()) << "without a client";
         overlay.openResume();
         EXPECT_FALSE(overlay.showResumeTip()) << "the resume button leaves it";
     }

@@ -13,11 +13,9 @@
 #include "X11Workspaces.h"
 
 #include <QGuiApplication>
-#include <QHash>
 #include <QProcess>
 #include <QQuickItem>
 #include <QQuickWindow>
-#include <QScreen>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -41,24 +39,15 @@ QString activeWindow()
     return tool(u"xdotool"_s, {u"getactivewindow"_s}).value_or(QString());
 }
 
-// The real pointer of the display, so the window manager sees it too: a press at the item's
-// centre (or `fromX` along it), a move by `by` in two steps (past the drag threshold, then on)
-// and a release; a click when `by` is nothing.
-bool pointer(QQuickItem* item, QPoint by = {}, std::optional<qreal> fromX = {})
+// A click of the display's real pointer at the item's centre, so the window manager sees it too.
+bool click(QQuickItem* item)
 {
     if (!item)
         return false;
-    const QPoint from =
-        item->mapToGlobal({fromX.value_or(item->width() / 2), item->height() / 2}).toPoint();
-    QStringList steps;
-    for (const int step : {0, -1, 1, 10}) {
-        steps += step < 0
-                     ? QStringList{u"mousedown"_s, u"1"_s}
-                     : QStringList{u"mousemove"_s, QString::number(from.x() + by.x() * step / 10),
-                                   QString::number(from.y() + by.y() * step / 10)};
-        steps += {u"sleep"_s, u"0.2"_s};
-    }
-    return tool(u"xdotool"_s, steps + QStringList{u"mouseup"_s, u"1"_s}).has_value();
+    const QPoint at = item->mapToGlobal({item->width() / 2, item->height() / 2}).toPoint();
+    return tool(u"xdotool"_s, {u"mousemove"_s, u"--sync"_s, QString::number(at.x()),
+                               QString::number(at.y()), u"click"_s, u"1"_s})
+        .has_value();
 }
 
 // The focused program: the whole-product test's video call, which asks for the focus and
@@ -174,17 +163,13 @@ protected:
     QQuickWindow* window = nullptr;
 };
 
-// Placed on every workspace above the others; with the video call in front, clicks and drags
-// on the overlay do their work and leave the focus where it was; a hidden overlay takes no key,
-// a shown one the arrows until its tap is removed; the trigger key is silent while suppressed.
-// (That arrows and the trigger key work, and the focus stays, through a whole interview, the
-// whole-product test sees.)
+// Placed on every workspace above the others; with the video call in front, a click on the
+// overlay does its work and leaves the focus where it was; a hidden overlay takes no key, a shown
+// one the arrows; the trigger key is silent while suppressed. (That arrows and the trigger key
+// work, and the focus stays, through a whole interview, the whole-product test sees.)
 TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTakeToTheVideoCall)
 {
     ASSERT_NO_FATAL_FAILURE(open(u"en"_s));
-    // Xvfb's screen is 1280 by 800 with nothing reserved.
-    ASSERT_EQ(QGuiApplication::primaryScreen()->availableGeometry(), QRect(0, 0, 1280, 800));
-    EXPECT_EQ(window->position(), QPoint(400, 52));
     const QString id = QString::number(window->winId());
     // Kept on every workspace by the window manager, and Qt's own state for a window on top
     // survives next to ours.
@@ -199,31 +184,15 @@ TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTa
     ASSERT_TRUE(QTest::qWaitFor(
         [&] { return !call.window().isEmpty() && activeWindow() == call.window(); }, 10000))
         << "the window manager never focused the video call";
-    const auto click = [&](const QString& name, const std::function<bool()>& done, QPoint by = {},
-                           std::optional<qreal> fromX = {}) {
-        SCOPED_TRACE(name.toStdString());
-        ASSERT_TRUE(pointer(control(name), by, fromX));
-        EXPECT_TRUE(QTest::qWaitFor(done, 5000));
-        QTest::qWait(200);
-        EXPECT_EQ(activeWindow(), call.window());
-        EXPECT_FALSE(window->isActive());
-        EXPECT_FALSE(call.lostFocus());
-    };
-    click(h.strings.text(u"overlay.btn_start"_s), [&] { return h.vm.isRecording(); });
-    for (const auto& question : {u"First question?"_s, u"Second question?"_s, u"Third question?"_s})
-        line(Speaker::interviewer, question);
+    ASSERT_TRUE(click(control(h.strings.text(u"overlay.btn_start"_s))));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return h.vm.isRecording(); }, 5000));
+    QTest::qWait(200);
+    EXPECT_EQ(activeWindow(), call.window());
+    EXPECT_FALSE(window->isActive());
+    EXPECT_FALSE(call.lostFocus());
+    line(Speaker::interviewer, u"First question?"_s);
     answer(u"First answer."_s);
     answer(u"Second answer."_s);
-    click(u"Third question?"_s, [] { return true; }); // selectable text
-    // The divider, dragged down by 200 from its place at a fifth of the height; the top bar
-    // moves the panel.
-    click(u"Resize areas"_s,
-          [&] { return !overlay->isDragging() && qAbs(overlay->dividerRatio() - 0.5) < 0.1; },
-          {0, 200});
-    const QPoint before = window->position();
-    click(
-        u"Move overlay"_s, [&] { return window->position() == before + QPoint(-100, 40); },
-        {-100, 40}, 60);
 
     X11KeySource source;
     ASSERT_TRUE(source.seesOtherPrograms());
@@ -249,8 +218,6 @@ TEST_F(OverlayWindowTest, OnEveryWorkspaceItLeavesTheFocusAndEveryKeyItDoesNotTa
     ASSERT_TRUE(QTest::qWaitForWindowExposed(window));
     EXPECT_EQ(tap("Left"), 0);
     EXPECT_EQ(h.vm.selectedAnswerIndex(), 0);
-    keys.removeEventTap();
-    EXPECT_EQ(tap("Up"), 1);
 
     // The trigger key, observed and never swallowed, always reaches the call; it starts nothing
     // while the settings are recording a key.
