@@ -51,15 +51,19 @@ def installed_version(program):
 
 
 def scene(desktop, old_package, new_package, server, shots):
-    desktop.start()
     old, new = version_of(old_package), version_of(new_package)
     hostile = "99.0.0"
-    home = desktop.env["HOME"]
     scratch = desktop.scratch
-    # The update's private folder goes under here, so that the hostile entry would land in the
-    # scratch folder, where the test looks for it.
-    desktop.env["TMPDIR"] = os.path.join(scratch, "tmp", "inner")
-    os.makedirs(desktop.env["TMPDIR"])
+    # Home and temporary folders that a shell would misread in every way: the install script,
+    # the desktop entry that xdg-open reads at sign-in, and the replacement script all get these
+    # paths, and nothing of them may run. The update's private folder goes under TMPDIR, so that
+    # the hostile entry would land in the scratch folder, where the test looks for it.
+    shell_syntax = " it's \"q\" $(touch pwned) `touch pwned` ;touch pwned"
+    home = desktop.env["HOME"] = os.path.join(scratch, "home" + shell_syntax)
+    desktop.env["TMPDIR"] = os.path.join(scratch, "tmp" + shell_syntax, "inner")
+    for folder in (home, desktop.env["TMPDIR"]):
+        os.makedirs(folder)
+    desktop.start()
 
     # A, installed as a user installs it.
     unpacked = os.path.join(scratch, "unpacked")
@@ -124,6 +128,9 @@ def scene(desktop, old_package, new_package, server, shots):
     leftovers = os.listdir(desktop.env["TMPDIR"])
     require(wait_until(lambda: not os.listdir(desktop.env["TMPDIR"]), 20),
             f"the update's private folder is gone ({leftovers})")
+    pwned = [root for root, _, files in os.walk(scratch) if "pwned" in files]
+    require(not pwned and not os.path.exists("pwned"),
+            f"nothing of the paths ran as a command: {pwned}")
 
     # B, signed in again from the keyring, shows its version in Help Center.
     require(wait_until(lambda: desktop.is_viewable(OVERLAY), 60), "B restores the session")

@@ -1,5 +1,4 @@
 #include "DesktopSession.h"
-#include "DesktopKeysRight.h"
 
 #include <gtest/gtest.h>
 
@@ -59,40 +58,5 @@ TEST(DesktopSession, DetectedFromTheEnvironment)
         EXPECT_EQ(session.windowPlatform, row.platform);
         EXPECT_TRUE(session.logLine.contains(QString::fromUtf8(row.logged)))
             << qPrintable(session.logLine);
-    }
-}
-
-// What the permissions row says in each session: only an X11 session shows us the keys typed
-// into other programs; XWayland does not, so Wayland takes the portal or bound commands. (Plain
-// X11 and Plasma's portal are the whole-product and Wayland runs'.)
-TEST(DesktopSession, KeysRouteFollowsTheSessionAndThePortal)
-{
-    using Route = GlobalKeysRoute;
-    struct Row {
-        const char* session;
-        DesktopSessionFacts facts;
-        bool portal;
-        bool x11Seen;
-        Route route;
-    };
-    const auto s = [](const char* text) { return QString::fromUtf8(text); };
-    const DesktopSessionFacts gnomeWayland{s("wayland"), s("wayland-0"), s(":0"), s("GNOME"), {}};
-    const DesktopSessionFacts xfce{s("x11"), {}, s(":0"), s("XFCE"), {}};
-    const Row rows[] = {
-        {"X11 with a portal too", xfce, true, true, Route::seen},
-        {"X11 without XInput2", xfce, false, false, Route::keyboardSettings},
-        {"GNOME 43 on Wayland: XWayland sees keys, but only in our windows", gnomeWayland, false,
-         true, Route::keyboardSettings},
-        {"sway without XWayland",
-         {s("wayland"), s("wayland-1"), {}, s("sway"), {}},
-         false,
-         false,
-         Route::keyboardSettings},
-        {"no display", {s("tty"), {}, {}, {}, {}}, false, false, Route::keyboardSettings},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.session);
-        EXPECT_EQ(globalKeysRoute(detectDesktopSession(row.facts), row.portal, row.x11Seen),
-                  row.route);
     }
 }

@@ -67,18 +67,17 @@ struct RecordingOpener final : PackageOpener {
 };
 
 // One service against a fake backend on the manual clock. Its install folder (holding version
-// A), work root and downloads folder are in a private temporary folder; `suffix` goes into the
-// names of the first two.
+// A), work root and downloads folder are in a private temporary folder.
 struct UpdateHarness {
-    explicit UpdateHarness(Installation::Kind kind, const QString& suffix = {}, qint64 pid = 1)
-        : installFolder(root.filePath(u"opt"_s + suffix + u"/RavletAI"_s))
-        , workRoot(root.filePath(u"tmp"_s + suffix))
+    explicit UpdateHarness(Installation::Kind kind)
+        : installFolder(root.filePath(u"opt/RavletAI"_s))
+        , workRoot(root.filePath(u"tmp"_s))
         , downloads(root.filePath(u"Downloads"_s))
     {
         writeProgram(installFolder, "A");
         QDir().mkpath(workRoot);
         service = std::make_unique<UpdateService>(server.origin(), u"1.0.0"_s, clock,
-                                                  Installation{kind, installFolder, pid}, &opener,
+                                                  Installation{kind, installFolder, 1}, &opener,
                                                   UpdateService::Paths{workRoot, downloads});
         service->setTelemetry(&telemetry);
     }
