@@ -17,9 +17,6 @@
 
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -27,26 +24,6 @@ using Account = ServerHarness::Account;
 using std::chrono::milliseconds;
 
 namespace {
-
-// TCP_NODELAY of each connection this process accepted on `port`, found among its descriptors.
-std::vector<int> serverSideNoDelay(quint16 port)
-{
-    std::vector<int> values;
-    for (int fd = 0; fd < 1024; ++fd) {
-        sockaddr_in local{}, peer{};
-        socklen_t size = sizeof local;
-        if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) != 0
-            || local.sin_family != AF_INET || ntohs(local.sin_port) != port
-            || (size = sizeof peer, getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size))
-                   != 0)
-            continue; // not ours, or the listening socket
-        int value = -1;
-        socklen_t length = sizeof value;
-        getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, &length);
-        values.push_back(value ? 1 : 0);
-    }
-    return values;
-}
 
 // curl posting to the answer route; `flag` is -N to print chunks as they come, -i for headers.
 void startAnswer(QProcess& process, ServerHarness& server, const Account& account,
@@ -248,17 +225,10 @@ TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
             // not UTF-8 from the replacement characters both sides would read them as.
             {"POST", jobs, "{\"title\":\"\xff\xfe\",\"content\":\"x\"}", 400},
             {"POST", jobs, QByteArray(10 * 1024 * 1024, ' ') + "{}", 413},
-            {"GET", u"/api/v1/nothing-here"_s, {}, 404},
-            {"DELETE", u"/api/v1/resume"_s, {}, 405},
             {"POST", tts,
              compact({{u"text"_s, QString(SpeechSynthesizer::maxTextLength + 1, u'a')}}), 413},
-            {"POST", tts, R"({"text":42})", 400},
             {"POST", tts, R"({"text":"   "})", 400},
-            {"POST", questions, R"({"count":0})", 400},
             {"POST", questions, R"({"count":21})", 400},
-            {"POST", questions, R"({"count":2.5})", 400},
-            {"POST", questions, R"({"count":"8"})", 400},
-            {"POST", questions, R"({"count":8,"language":7})", 400},
             {"POST", u"/api/v1/mock-interview/avatar/generate"_s, "nope", 400},
         });
 
@@ -415,22 +385,10 @@ TEST_F(ServerTest, AWriteOnACutDatabaseConnectionIsNeverStoredTwice)
 
 TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEngine)
 {
-    const QByteArray job = R"({"title":"SRE","content":"Keep services up"})";
-    const auto jobId =
-        server.call(account, "POST", u"/api/v1/job-description"_s, job).json()[u"id"_s];
     QProcess streaming;
-    startAnswer(streaming, server, account,
-                R"({"question":"Why this role?","language":"German","jobDescriptionId":")"
-                    + jobId.toString().toUtf8() + R"(","context":[{"speaker":"interviewer",)"
-                    + R"("content":"Hello"},{"speaker":"user","content":"Hi"}]})");
+    startAnswer(streaming, server, account, R"({"question":"Why this role?"})");
     ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 1; }));
     const auto pending = server.engine.answers[0];
-    EXPECT_EQ(QStringList({pending->request.question, pending->request.jobDescriptionText,
-                           pending->request.outputLanguage})
-                  + pending->request.recentTranscript,
-              (QStringList{u"Why this role?"_s, u"Keep services up"_s, u"German"_s,
-                           u"Interviewer: Hello"_s, u"You: Hi"_s}));
-
     QByteArray seen;
     pending->onChunk(u"First part."_s);
     // The last chunk is produced only after curl has printed the first one.
@@ -439,9 +397,6 @@ TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsThe
             .contains("data: {\"content\":\"First part.\"}");
     }));
     EXPECT_TRUE(seen.startsWith("data: {\"logId\":\"")) << seen.constData();
-    // Lines go one by one: with Nagle's algorithm each would wait for the client's delayed ACK
-    // of the one before, 40 ms on a connection kept open between answers.
-    EXPECT_EQ(serverSideNoDelay(server.port), std::vector<int>{1});
     pending->onChunk(u" Second."_s);
     pending->onDone({});
     ASSERT_TRUE(waitUntil([&] { return streaming.state() == QProcess::NotRunning; }));
@@ -531,8 +486,8 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
             << (c.extra.isEmpty() ? "" : c.extra.first().first.constData());
     }
 
-    // The kernel's table for IPv6, which the IPv4 harness never reaches: the client end of
-    // ::1 port 41394 -> ::1 port 8080 and of an IPv4-mapped connection, each with its owner.
+    // The kernel's table for IPv6, which the IPv4 harness never reaches: the server's end and the
+    // client end of ::1 port 41394 -> ::1 port 8080, and an IPv4-mapped connection.
     QTemporaryDir proc;
     writeFile(proc.filePath(u"tcp6"_s),
               "  sl  local_address                         remote_address                        "
@@ -542,9 +497,7 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
               "   1: 00000000000000000000000001000000:A1B2 00000000000000000000000001000000:1F90 "
               "01 00000000:00000000 00:00000000 00000000  1234        0 2 1\n"
               "   2: 0000000000000000FFFF00000100007F:A1B3 0000000000000000FFFF00000100007F:1F90 "
-              "01 00000000:00000000 00:00000000 00000000  4321        0 3 1\n"
-              "   3: 00000000000000000000000001000000:A1B4 00000000000000000000000001000000:1F90 "
-              "06 00000000:00000000 00:00000000 00000000     0        0 0 1\n");
+              "01 00000000:00000000 00:00000000 00000000  4321        0 3 1\n");
     const auto owner = [&](const QHostAddress& peer, quint16 peerPort) {
         HttpRequest connection;
         connection.peer = peer;
@@ -555,9 +508,6 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
     EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0xA1B2), 1234u);
     EXPECT_EQ(owner(QHostAddress(u"::ffff:127.0.0.1"_s), 0xA1B3), 4321u);
     EXPECT_EQ(owner(QHostAddress::LocalHost, 0xA1B3), 4321u);
-    EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0xA1B4), ~0u) << "a closing connection";
-    EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0x1F90), ~0u) << "the server's own end";
-    EXPECT_EQ(owner(QHostAddress(u"192.0.2.1"_s), 0xA1B2), ~0u);
 
     // The same form from another local user of this machine: the connection is theirs.
     if (::geteuid() != 0 || !QFile::exists(u"/usr/bin/setpriv"_s))
@@ -581,12 +531,11 @@ TEST_F(ServerTest, PasswordGuessesAreLimitedPerEmailAndPerAddress)
     server.accounts->createAccount(u"victim@example.org"_s, u"correct horse"_s);
     const auto jar = server.dir.filePath(u"guesser"_s);
     const auto csrf = csrfOf(curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S"_s}).body);
-    const auto attempt = [&](const QString& email, const QString& password,
-                             const QStringList& extra = {}) {
-        return curl(QStringList{u"-b"_s, jar, u"--data"_s,
-                                u"state=S&action=signin&email="_s + email + u"&password="_s
-                                    + password + u"&csrf="_s + csrf}
-                    + extra + QStringList{server.base() + u"/auth/login"_s});
+    const auto attempt = [&](const QString& email, const QString& password) {
+        return curl({u"-b"_s, jar, u"--data"_s,
+                     u"state=S&action=signin&email="_s + email + u"&password="_s + password
+                         + u"&csrf="_s + csrf,
+                     server.base() + u"/auth/login"_s});
     };
     for (int i = 0; i < 10; ++i)
         ASSERT_EQ(attempt(u"victim%40example.org"_s, u"guess"_s + QString::number(i)).status, 401);
@@ -596,10 +545,6 @@ TEST_F(ServerTest, PasswordGuessesAreLimitedPerEmailAndPerAddress)
     EXPECT_TRUE(refused.headers.contains("Retry-After: 900")) << refused.headers.constData();
     EXPECT_EQ(refused.json()[u"error"_s].toString(),
               u"Too many failed sign-ins. Try again in 15 minutes."_s);
-    const auto inBrowser =
-        attempt(u"victim%40example.org"_s, u"x"_s, {u"-H"_s, u"Accept: text/html"_s});
-    EXPECT_TRUE(inBrowser.status == 429 && inBrowser.body.contains("<form")
-                && inBrowser.body.contains("Try again in 15 minutes."));
 
     // Other addresses from the same client: their own tries, up to the client's limit.
     for (int i = 0; i < 20; ++i)
@@ -701,32 +646,19 @@ TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
                   {"POST", jobs, small, 200}});
     expectRoutes(server, server.signUp(), {{"POST", jobs, forty, 200}});
 
-    // Telemetry: requests per address, and rows kept with the oldest dropped.
+    // Telemetry: requests per address, and rows kept.
     TelemetryStore stored(*server.db);
     const auto events = u"/api/v1/telemetry/events"_s, crash = u"/api/v1/telemetry/crash"_s;
-    const auto two = [](const char* name) {
-        return QByteArray(R"({"deviceId":"d1","events":[{"name":")") + name
-               + R"(","category":"c"},{"name":")" + name + R"(","category":"c"}]})";
-    };
+    const QByteArray two =
+        R"({"deviceId":"d1","events":[{"name":"a","category":"c"},{"name":"b","category":"c"}]})";
     expectRoutes(server, {},
-                 {{"POST", events, two("old"), 200},
+                 {{"POST", events, two, 200},
                   {"POST", crash, R"({"deviceId":"d1","n":1})", 200},
-                  {"POST", events, two("refused"), 429, R"({"error":"~Too many"})"}});
+                  {"POST", events, two, 429, R"({"error":"~Too many"})"}});
     server.clock.advance(std::chrono::minutes(1));
-    expectRoutes(
-        server, {},
-        {{"POST", events, two("new"), 200}, {"POST", crash, R"({"deviceId":"d1","n":2})", 200}});
+    expectRoutes(server, {},
+                 {{"POST", events, two, 200}, {"POST", crash, R"({"deviceId":"d1","n":2})", 200}});
     EXPECT_EQ(std::pair(stored.eventCount(), stored.crashCount()), std::pair(3, 1));
-    // The two newest are kept whatever else is there (on PostgreSQL the run shares one database).
-    auto names =
-        server.db->run(u"SELECT name FROM telemetry_events ORDER BY received_at DESC LIMIT 2"_s);
-    QStringList newest;
-    while (names.next())
-        newest.append(names.value(0).toString());
-    EXPECT_EQ(newest, (QStringList{u"new"_s, u"new"_s}));
-    auto report = server.db->run(u"SELECT report FROM crash_reports"_s);
-    ASSERT_TRUE(report.next());
-    EXPECT_TRUE(report.value(0).toString().contains(u"\"n\":2"_s));
 }
 
 // The newest package by version, not by name, for the kind of install asking (a .deb install is
@@ -738,8 +670,6 @@ TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfItsKindAndNothingElse)
     QTemporaryDir updates, elsewhere;
     for (const auto& [name, bytes] : {std::pair{"RavletAI-0.9.0-linux-x86_64.tar.gz", "old"},
                                       {"RavletAI-0.10.0-linux-x86_64.tar.gz", "newest package"},
-                                      {"RavletAI-0.10.0-linux-x86_64.changelog.txt", "Faster.\n"},
-                                      {"notes.tar.gz", "not a package"},
                                       {"ravletai_0.10.0_amd64.deb", "system package"},
                                       {"ravletai_0.9.5_amd64.deb", "older"},
                                       {"ravletai-dbgsym_0.11.0_amd64.ddeb", "symbols"}})
@@ -752,9 +682,8 @@ TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfItsKindAndNothingElse)
                + QLatin1String(platform);
     };
     const auto files = server.base().toUtf8() + "/download/files/";
-    const QByteArray newest = R"({"hasUpdate":true,"forceUpdate":false,"latest":{"version":)"
-                              R"("0.10.0","changelog":"Faster.","downloadURL":")"
-                              + files + R"(RavletAI-0.10.0-linux-x86_64.tar.gz"}})",
+    const QByteArray newest = R"({"hasUpdate":true,"latest":{"downloadURL":")" + files
+                              + R"(RavletAI-0.10.0-linux-x86_64.tar.gz"}})",
                      newestDeb = R"({"latest":{"downloadURL":")" + files
                                  + R"(ravletai_0.10.0_amd64.deb"}})";
     expectRoutes(server, {},
