@@ -443,7 +443,6 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
         {cookie + QStringList{u"-H"_s, u"Origin: https://evil.example"_s, form + csrf}, 403},
         {cookie + QStringList{u"-H"_s, u"Origin: null"_s, form + csrf}, 403}, // a sandboxed frame
         {cookie + QStringList{form + csrf}, 303},
-        {cookie + QStringList{form + csrf}, 400}, // the same address again
     };
     for (const auto& [arguments, status] : posts) {
         auto options = arguments;
@@ -576,13 +575,11 @@ TEST(ServerConfigTest, TelemetryTurnedOffStoresNothingAndTellsClientsToDrop)
     TelemetryStore stored(*server.db);
     // Counted as differences: on PostgreSQL every harness of the run shares one database.
     const auto before = std::pair{stored.eventCount(), stored.crashCount()};
-    const auto events = u"/api/v1/telemetry/events"_s;
-    expectRoutes(
-        server, {},
-        {{"GET", u"/api/v1/telemetry/config"_s, {}, 200, R"({"enabled":false})"},
-         {"POST", events, R"({"deviceId":"d1","events":[{"name":"a","category":"c"}]})", 204},
-         {"POST", u"/api/v1/telemetry/crash"_s, R"({"deviceId":"d1","n":1})", 204},
-         {"POST", events, R"({"deviceId":"d1","events":[{}]})", 204}});
+    expectRoutes(server, {},
+                 {{"GET", u"/api/v1/telemetry/config"_s, {}, 200, R"({"enabled":false})"},
+                  {"POST", u"/api/v1/telemetry/events"_s,
+                   R"({"deviceId":"d1","events":[{"name":"a","category":"c"}]})", 204},
+                  {"POST", u"/api/v1/telemetry/crash"_s, R"({"deviceId":"d1","n":1})", 204}});
     EXPECT_EQ(std::pair(stored.eventCount(), stored.crashCount()), before);
 }
 
@@ -590,8 +587,8 @@ TEST(ServerConfigTest, TelemetryTurnedOffStoresNothingAndTellsClientsToDrop)
 TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
 {
     ServerConfig config;
-    config.quotas.answerStreamsAtOnce = 2;
-    config.quotas.answersPerMinute = 3;
+    config.quotas.answerStreamsAtOnce = 1;
+    config.quotas.answersPerMinute = 2;
     config.quotas.speechTokensPerMinute = 2;
     config.quotas.documentsKept = 2;
     config.quotas.documentBytes = 100;
@@ -601,29 +598,21 @@ TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
     ServerHarness server(config);
     const auto account = server.signUp();
 
-    // Answers: two streaming at once, three started a minute.
+    // Answers: one streaming at once, two started a minute.
     const auto answer = u"/api/v1/chat/answer"_s;
-    const QByteArray third = R"({"question":"Three?"})";
-    QProcess first, second;
+    const QByteArray question = R"({"question":"Two?"})";
+    QProcess first;
     startAnswer(first, server, account, R"({"question":"One?"})");
-    startAnswer(second, server, account, R"({"question":"Two?"})");
-    ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 2; }));
-    expectRoutes(server, account, {{"POST", answer, third, 429, R"({"error":"~at once"})"}});
-    // Either curl may have reached the engine first.
+    ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 1; }));
+    expectRoutes(server, account, {{"POST", answer, question, 429, R"({"error":"~at once"})"}});
     server.engine.answers[0]->onDone({});
-    ASSERT_TRUE(waitUntil([&] {
-        return first.state() == QProcess::NotRunning || second.state() == QProcess::NotRunning;
-    }));
+    ASSERT_TRUE(waitUntil([&] { return first.state() == QProcess::NotRunning; }));
     server.engine.finishAtOnce = true;
-    expectRoutes(
-        server, account,
-        {{"POST", answer, third, 200}, {"POST", answer, third, 429, R"({"error":"~per minute"})"}});
+    expectRoutes(server, account,
+                 {{"POST", answer, question, 200},
+                  {"POST", answer, question, 429, R"({"error":"~per minute"})"}});
     server.clock.advance(std::chrono::minutes(1));
-    expectRoutes(server, account, {{"POST", answer, third, 200}});
-    server.engine.answers[1]->onDone({});
-    ASSERT_TRUE(waitUntil([&] {
-        return first.state() == QProcess::NotRunning && second.state() == QProcess::NotRunning;
-    }));
+    expectRoutes(server, account, {{"POST", answer, question, 200}});
 
     // Speech tokens: whatever the first two get, the third is refused.
     for (int i = 0; i < 2; ++i)

@@ -27,16 +27,10 @@ EXPERIENCE
 Senior Backend Engineer, Acme Payments, London (2019–2024)
 • Led the migration of the billing service from a monolith to
 Kubernetes, cutting deploy time from 2 hours to 10 minutes.
-• Resolved a conflict between the product and platform teams over release dates by introducing a shared roadmap review.
 • Mentored four junior engineers; two were promoted within a year.
-• Designed an idempotent payment API handling 3,000 requests per second.
 
 Software Engineer, Globex Retail, Manchester (2015–2019)
 • Optimized slow PostgreSQL queries in the order pipeline, reducing p95 latency by 70%.
-• Built a fraud detection rule engine in Go used by 12 merchant teams.
-
-EDUCATION
-BSc Computer Science, University of Leeds (2011–2015)
 
 SKILLS
 Go, C++, PostgreSQL, Kafka, Kubernetes, Terraform, AWS

@@ -58,5 +58,4 @@ TEST(ListenSessionTest, VersionOneSendsAnUtteranceEndAfterTheGapInAudioTime)
     EXPECT_EQ(summary(session.heard({heard(Kind::final, u"long"_s, 4, 15, false)}, 19)),
               QStringList{u"Results F:long"_s});
     EXPECT_EQ(summary(session.closing({}, 20)), QStringList{u"Metadata"_s});
-
 }
