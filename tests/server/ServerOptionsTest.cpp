@@ -76,7 +76,6 @@ TEST(ServerOptionsTest, CommandLineOverEnvironmentOverDefaultsAndSecretsFromFile
         {{u"--listen"_s, u"[::]:8787"_s}, {}, u"~||0 1|-|-"_s},
         {{u"--public-url"_s, u"https://ravlet.example.org"_s}, {}, u"~||0 1|-|-"_s},
         {{u"--llm-api-key"_s, u"sk-123"_s}, {}, secret},
-        {{u"--llm-api-key=sk-123"_s}, {}, secret},
         {{u"--openai-api-key=sk"_s, u"sk"_s}, {}, secret},
         {{u"--listen"_s, u"8787"_s}, {}, error},
         {{u"--llm-api-key-file"_s, u"/nonexistent/key"_s}, {}, error},

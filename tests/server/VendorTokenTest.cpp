@@ -43,12 +43,6 @@ const VendorCase vendorCases[] = {
 };
 // clang-format on
 
-// The vendor's name in test output, where the bytes of the case would say nothing.
-void PrintTo(const VendorCase& vendorCase, std::ostream* out)
-{
-    *out << vendorName(vendorCase.vendor).toStdString();
-}
-
 // Every warning the server prints, next to its own log lines.
 QStringList* capturedMessages = nullptr;
 void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message)

@@ -109,9 +109,6 @@ TEST(OfflineDraftTest, NothingIsInventedAndTheHeaderNamesTheKindOfQuestion)
         // The bullet wrapped over two lines is one passage.
         {"Tell me about a time you migrated a service to Kubernetes.", true, "a STAR answer",
          "Action: Led the migration of the billing service from a monolith to Kubernetes"},
-        // A weakness points at a requirement the resume does not cover.
-        {"What is your greatest weakness?", true, "strengths and weaknesses from your documents.",
-         "Familiarity with Rust and WebAssembly toolchains is a plus."},
         // A short follow-up is read with the last lines of the conversation.
         {"Can you say more?", true, "", "Evidence: Led the migration", "",
          {u"Interviewer: How did the Kubernetes migration go?"_s, u"You: It went well overall."_s}},
