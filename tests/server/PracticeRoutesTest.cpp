@@ -17,11 +17,7 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
 const auto practice = u"/api/v1/mock-interview/"_s;
-
-} // namespace
 
 class PracticeRoutesTest : public ::testing::Test {
 protected:

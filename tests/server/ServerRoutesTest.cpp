@@ -216,8 +216,7 @@ TEST_F(ServerTest, UsersNeverReachEachOthersData)
 
 TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
 {
-    const auto jobs = u"/api/v1/job-description"_s, tts = u"/api/v1/mock-interview/tts"_s,
-               questions = u"/api/v1/mock-interview/questions"_s;
+    const auto jobs = u"/api/v1/job-description"_s;
     expectRoutes(
         server, account,
         {
@@ -225,9 +224,9 @@ TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
             // not UTF-8 from the replacement characters both sides would read them as.
             {"POST", jobs, "{\"title\":\"\xff\xfe\",\"content\":\"x\"}", 400},
             {"POST", jobs, QByteArray(10 * 1024 * 1024, ' ') + "{}", 413},
-            {"POST", tts,
+            {"POST", u"/api/v1/mock-interview/tts"_s,
              compact({{u"text"_s, QString(SpeechSynthesizer::maxTextLength + 1, u'a')}}), 413},
-            {"POST", questions, R"({"count":21})", 400},
+            {"POST", u"/api/v1/mock-interview/questions"_s, R"({"count":21})", 400},
             {"POST", u"/api/v1/mock-interview/avatar/generate"_s, "nope", 400},
         });
 

@@ -17,10 +17,6 @@ REFUSED = tuple(getattr(websockets.exceptions, name)
                 for name in ("InvalidStatus", "InvalidStatusCode") if hasattr(websockets.exceptions, name))
 
 
-def refused_status(error):
-    return error.response.status_code if hasattr(error, "response") else error.status_code
-
-
 SERVER = sys.argv[1] if len(sys.argv) > 1 else None
 # Set by with-postgres.sh: the server runs on that database, and the cluster can be restarted.
 DATABASE = os.environ.get("RAVLET_TEST_DATABASE")
@@ -130,7 +126,8 @@ async def socket_behaviour(server, token, other_token):
             async with websockets.connect(f"ws://127.0.0.1:{server.port}/api/v1/interview/ws?{bad}"):
                 check(False, "handshake accepted: " + bad)
         except REFUSED as refused:
-            check(refused_status(refused) in (401, 404), f"refusal {refused_status(refused)}")
+            status = getattr(getattr(refused, "response", refused), "status_code", None)
+            check(status in (401, 404), f"refusal {status}")
 
     # A flood of 10,000 frames: every one is acknowledged or the socket is closed; the server stays.
     acked = await send_and_collect(url, [entry(f"f{i}", "flood", 10000 + i) for i in range(10000)], 10000)
