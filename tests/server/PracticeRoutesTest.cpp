@@ -17,11 +17,7 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
 const auto practice = u"/api/v1/mock-interview/"_s;
-
-} // namespace
 
 class PracticeRoutesTest : public ::testing::Test {
 protected:
@@ -29,44 +25,33 @@ protected:
     const ServerHarness::Account account = server.signUp();
 };
 
+// The happy path (eight English questions, the first about the chosen job) is the whole-product
+// test's; here, the most a session holds, a language the bank lacks, and another user's job.
 TEST_F(PracticeRoutesTest, QuestionsComeInTheCountAndLanguageAskedForWithoutRepeats)
 {
-    const auto other = server.signUp();
     const QByteArray jobBody = R"({"title":"Build Engineer","company":"Acme","content":"CI"})";
     const auto job =
         server.call(account, "POST", u"/api/v1/job-description"_s, jobBody).json()[u"id"_s];
-    const auto ask = [&](const ServerHarness::Account& who, const QString& language, int count) {
-        const QJsonObject body{
-            {u"language"_s, language}, {u"count"_s, count}, {u"jobDescriptionId"_s, job}};
-        const auto result = server.call(who, "POST", practice + u"questions"_s, compact(body));
-        EXPECT_EQ(result.status, 200) << result.body.toStdString();
-        return result.json();
-    };
-    QSet<QString> sessions;
-    for (const auto& [language, count, served] : {std::tuple{u"en"_s, 8, u"en"_s},
-                                                  {u"de-AT"_s, 20, u"de"_s},
-                                                  {u"ja"_s, 5, u"en"_s},
-                                                  {u"auto"_s, 1, u"en"_s}}) {
+    const auto other = server.signUp();
+    for (const auto& [language, count, served] :
+         {std::tuple{u"de-AT"_s, 20, u"de"_s}, {u"ja"_s, 5, u"en"_s}}) {
         SCOPED_TRACE(language.toStdString());
-        // The other user's job description shapes nothing for this user.
-        const auto body = ask(other, language, count);
+        const QJsonObject asked{
+            {u"language"_s, language}, {u"count"_s, count}, {u"jobDescriptionId"_s, job}};
+        const auto body =
+            server.call(other, "POST", practice + u"questions"_s, compact(asked)).json();
         EXPECT_EQ(body[u"language"_s].toString(), served);
-        sessions.insert(body[u"sessionId"_s].toString());
         const auto list = body[u"questions"_s].toArray();
         ASSERT_EQ(list.size(), count);
-        QSet<QString> ids, texts, categories;
+        QSet<QString> texts;
         for (const auto& question : list) {
-            ids.insert(question[u"id"_s].toString());
-            texts.insert(question[u"text"_s].toString());
-            categories.insert(question[u"category"_s].toString());
-            EXPECT_EQ(QuestionBank::builtIn().languageOf(question[u"text"_s].toString()), served);
-            EXPECT_FALSE(question[u"text"_s].toString().contains(u"Acme"_s));
+            const auto text = question[u"text"_s].toString();
+            texts.insert(text);
+            EXPECT_EQ(QuestionBank::builtIn().languageOf(text), served);
+            EXPECT_FALSE(text.contains(u"Acme"_s)) << "the other user's job shapes nothing";
         }
-        EXPECT_EQ(ids.size() + texts.size(), 2 * count) << "no question twice in one session";
-        EXPECT_EQ(categories.size(), std::min(count, 5)) << "categories take turns";
-        EXPECT_FALSE(categories.contains(QString()));
+        EXPECT_EQ(texts.size(), count) << "no question twice in one session";
     }
-    EXPECT_TRUE(sessions.size() == 4 && !sessions.contains(QString())) << sessions.size();
 }
 
 TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
@@ -78,9 +63,7 @@ TEST_F(PracticeRoutesTest, AvatarsArePngsOfTheirOwnUserAndSurviveARestart)
         return server.call(account, "GET", avatar + u"/image"_s);
     };
     expectRoutes(server, first, {{"GET", avatar, {}, 404}, {"GET", avatar + u"/image"_s, {}, 404}});
-    const auto generated = server.call(first, "POST", avatar + u"/generate"_s, "{}").json();
-    EXPECT_FALSE(generated[u"key"_s].toString().isEmpty());
-    EXPECT_EQ(server.call(first, "GET", avatar).json(), generated);
+    EXPECT_EQ(server.call(first, "POST", avatar + u"/generate"_s, "{}").status, 200);
     const auto firstImage = image(first);
     EXPECT_TRUE(firstImage.status == 200
                 && firstImage.headers.toLower().contains("content-type: image/png")
@@ -153,14 +136,6 @@ sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     };
     EXPECT_EQ(speak({{u"text"_s, u"Why $(touch /tmp/x); rm -rf ~ `id` -v de"_s}}), 200);
     EXPECT_EQ(speak({{u"text"_s, u"Warum interessieren Sie sich für diese Stelle?"_s}}), 200);
-    EXPECT_EQ(speak({{u"text"_s, u"Hello"_s}, {u"language"_s, u"es"_s}}), 200);
-    // After German questions, a text the bank does not hold (the question about the user's own
-    // role) is spoken in German too.
-    ASSERT_EQ(
-        server.call(account, "POST", practice + u"questions"_s, R"({"language":"de","count":1})")
-            .status,
-        200);
-    EXPECT_EQ(speak({{u"text"_s, u"Was reizt Sie an der Stelle als Koch?"_s}}), 200);
     EXPECT_EQ(speak({{u"text"_s, u"please fail"_s}}), 500);
     EXPECT_EQ(speak({{u"text"_s, u"float samples"_s}}), 500) << "only plain PCM is served";
     // Without espeak-ng the route says what is missing.
@@ -181,10 +156,10 @@ sys.stdout.buffer.write(b'RIFF' + struct.pack('<I', 0x7ffff024) + b'WAVEfmt '
     QFile calls(dir.filePath(u"calls"_s));
     ASSERT_TRUE(calls.open(QIODevice::ReadOnly));
     const auto lines = QString::fromUtf8(calls.readAll()).split(u'\n', Qt::SkipEmptyParts);
-    ASSERT_EQ(lines.size(), 6);
+    ASSERT_EQ(lines.size(), 4);
     EXPECT_TRUE(lines[0].contains(u"$(touch /tmp/x); rm -rf ~ `id` -v de"_s))
         << "on stdin, untouched";
-    const QStringList voices{u"en-us"_s, u"de"_s, u"es"_s, u"de"_s};
+    const QStringList voices{u"en-us"_s, u"de"_s};
     for (qsizetype i = 0; i < voices.size(); ++i)
         EXPECT_TRUE(lines[i].startsWith(u"(['-v', '"_s + voices[i] + u"', '--stdout'], b"_s))
             << lines[i].toStdString();

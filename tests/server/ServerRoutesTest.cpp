@@ -17,9 +17,6 @@
 
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -27,26 +24,6 @@ using Account = ServerHarness::Account;
 using std::chrono::milliseconds;
 
 namespace {
-
-// TCP_NODELAY of each connection this process accepted on `port`, found among its descriptors.
-std::vector<int> serverSideNoDelay(quint16 port)
-{
-    std::vector<int> values;
-    for (int fd = 0; fd < 1024; ++fd) {
-        sockaddr_in local{}, peer{};
-        socklen_t size = sizeof local;
-        if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) != 0
-            || local.sin_family != AF_INET || ntohs(local.sin_port) != port
-            || (size = sizeof peer, getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size))
-                   != 0)
-            continue; // not ours, or the listening socket
-        int value = -1;
-        socklen_t length = sizeof value;
-        getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, &length);
-        values.push_back(value ? 1 : 0);
-    }
-    return values;
-}
 
 // curl posting to the answer route; `flag` is -N to print chunks as they come, -i for headers.
 void startAnswer(QProcess& process, ServerHarness& server, const Account& account,
@@ -239,8 +216,7 @@ TEST_F(ServerTest, UsersNeverReachEachOthersData)
 
 TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
 {
-    const auto jobs = u"/api/v1/job-description"_s, tts = u"/api/v1/mock-interview/tts"_s,
-               questions = u"/api/v1/mock-interview/questions"_s;
+    const auto jobs = u"/api/v1/job-description"_s;
     expectRoutes(
         server, account,
         {
@@ -248,17 +224,9 @@ TEST_F(ServerTest, HostileBodiesGetClearRefusalsAndTheServerKeepsServing)
             // not UTF-8 from the replacement characters both sides would read them as.
             {"POST", jobs, "{\"title\":\"\xff\xfe\",\"content\":\"x\"}", 400},
             {"POST", jobs, QByteArray(10 * 1024 * 1024, ' ') + "{}", 413},
-            {"GET", u"/api/v1/nothing-here"_s, {}, 404},
-            {"DELETE", u"/api/v1/resume"_s, {}, 405},
-            {"POST", tts,
+            {"POST", u"/api/v1/mock-interview/tts"_s,
              compact({{u"text"_s, QString(SpeechSynthesizer::maxTextLength + 1, u'a')}}), 413},
-            {"POST", tts, R"({"text":42})", 400},
-            {"POST", tts, R"({"text":"   "})", 400},
-            {"POST", questions, R"({"count":0})", 400},
-            {"POST", questions, R"({"count":21})", 400},
-            {"POST", questions, R"({"count":2.5})", 400},
-            {"POST", questions, R"({"count":"8"})", 400},
-            {"POST", questions, R"({"count":8,"language":7})", 400},
+            {"POST", u"/api/v1/mock-interview/questions"_s, R"({"count":21})", 400},
             {"POST", u"/api/v1/mock-interview/avatar/generate"_s, "nope", 400},
         });
 
@@ -415,22 +383,10 @@ TEST_F(ServerTest, AWriteOnACutDatabaseConnectionIsNeverStoredTwice)
 
 TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsTheEngine)
 {
-    const QByteArray job = R"({"title":"SRE","content":"Keep services up"})";
-    const auto jobId =
-        server.call(account, "POST", u"/api/v1/job-description"_s, job).json()[u"id"_s];
     QProcess streaming;
-    startAnswer(streaming, server, account,
-                R"({"question":"Why this role?","language":"German","jobDescriptionId":")"
-                    + jobId.toString().toUtf8() + R"(","context":[{"speaker":"interviewer",)"
-                    + R"("content":"Hello"},{"speaker":"user","content":"Hi"}]})");
+    startAnswer(streaming, server, account, R"({"question":"Why this role?"})");
     ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 1; }));
     const auto pending = server.engine.answers[0];
-    EXPECT_EQ(QStringList({pending->request.question, pending->request.jobDescriptionText,
-                           pending->request.outputLanguage})
-                  + pending->request.recentTranscript,
-              (QStringList{u"Why this role?"_s, u"Keep services up"_s, u"German"_s,
-                           u"Interviewer: Hello"_s, u"You: Hi"_s}));
-
     QByteArray seen;
     pending->onChunk(u"First part."_s);
     // The last chunk is produced only after curl has printed the first one.
@@ -439,9 +395,6 @@ TEST_F(ServerTest, AnswerLinesReachCurlAsTheyAreProducedAndAGoneClientCancelsThe
             .contains("data: {\"content\":\"First part.\"}");
     }));
     EXPECT_TRUE(seen.startsWith("data: {\"logId\":\"")) << seen.constData();
-    // Lines go one by one: with Nagle's algorithm each would wait for the client's delayed ACK
-    // of the one before, 40 ms on a connection kept open between answers.
-    EXPECT_EQ(serverSideNoDelay(server.port), std::vector<int>{1});
     pending->onChunk(u" Second."_s);
     pending->onDone({});
     ASSERT_TRUE(waitUntil([&] { return streaming.state() == QProcess::NotRunning; }));
@@ -488,7 +441,6 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
         {cookie + QStringList{u"-H"_s, u"Origin: https://evil.example"_s, form + csrf}, 403},
         {cookie + QStringList{u"-H"_s, u"Origin: null"_s, form + csrf}, 403}, // a sandboxed frame
         {cookie + QStringList{form + csrf}, 303},
-        {cookie + QStringList{form + csrf}, 400}, // the same address again
     };
     for (const auto& [arguments, status] : posts) {
         auto options = arguments;
@@ -505,22 +457,18 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
     request.method = "POST";
     request.path = u"/auth/login"_s;
     request.body = "state=S&action=local&csrf=T";
-    const struct {
+    struct Case {
         QHostAddress peer;
         HttpHeaders extra;
-        bool localSignIn;
-    } refused[] = {
-        {QHostAddress(u"192.0.2.10"_s), {}, true},
-        {QHostAddress(u"::ffff:192.0.2.10"_s), {}, true},
-        {QHostAddress::LocalHost, {{"X-Forwarded-For", "192.0.2.10"}}, true},
-        {QHostAddress::LocalHost, {{"x-real-ip", "192.0.2.10"}}, true},
-        {QHostAddress::LocalHost, {{"Via", "1.1 proxy"}}, true},
-        {QHostAddress::LocalHost, {{"Forwarded", "for=192.0.2.10"}}, true},
-        {QHostAddress::LocalHost, {{"X-Forwarded-Host", "ravlet.example.org"}}, true},
-        {QHostAddress::LocalHost, {{"True-Client-IP", "192.0.2.10"}}, true},
-        {QHostAddress::LocalHost, {}, true}, // no connection of this process has these ports
-        {QHostAddress::LocalHostIPv6, {}, false},
+        bool localSignIn = true;
     };
+    std::vector<Case> refused{{QHostAddress(u"192.0.2.10"_s), {}},
+                              {QHostAddress(u"::ffff:192.0.2.10"_s), {}},
+                              {QHostAddress::LocalHost, {}}, // no connection of ours has its ports
+                              {QHostAddress::LocalHostIPv6, {}, false}};
+    for (const char* header :
+         {"X-Forwarded-For", "x-real-ip", "Via", "Forwarded", "X-Forwarded-Host", "True-Client-IP"})
+        refused.push_back({QHostAddress::LocalHost, {{header, "192.0.2.10"}}});
     for (const auto& c : refused) {
         request.peer = c.peer;
         request.headers =
@@ -531,8 +479,8 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
             << (c.extra.isEmpty() ? "" : c.extra.first().first.constData());
     }
 
-    // The kernel's table for IPv6, which the IPv4 harness never reaches: the client end of
-    // ::1 port 41394 -> ::1 port 8080 and of an IPv4-mapped connection, each with its owner.
+    // The kernel's table for IPv6, which the IPv4 harness never reaches: the server's end and the
+    // client end of ::1 port 41394 -> ::1 port 8080, and an IPv4-mapped connection.
     QTemporaryDir proc;
     writeFile(proc.filePath(u"tcp6"_s),
               "  sl  local_address                         remote_address                        "
@@ -542,9 +490,7 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
               "   1: 00000000000000000000000001000000:A1B2 00000000000000000000000001000000:1F90 "
               "01 00000000:00000000 00:00000000 00000000  1234        0 2 1\n"
               "   2: 0000000000000000FFFF00000100007F:A1B3 0000000000000000FFFF00000100007F:1F90 "
-              "01 00000000:00000000 00:00000000 00000000  4321        0 3 1\n"
-              "   3: 00000000000000000000000001000000:A1B4 00000000000000000000000001000000:1F90 "
-              "06 00000000:00000000 00:00000000 00000000     0        0 0 1\n");
+              "01 00000000:00000000 00:00000000 00000000  4321        0 3 1\n");
     const auto owner = [&](const QHostAddress& peer, quint16 peerPort) {
         HttpRequest connection;
         connection.peer = peer;
@@ -555,9 +501,6 @@ TEST_F(ServerTest, SignInPageRefusesForgedFormsWrongPasswordsAndRemotePeers)
     EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0xA1B2), 1234u);
     EXPECT_EQ(owner(QHostAddress(u"::ffff:127.0.0.1"_s), 0xA1B3), 4321u);
     EXPECT_EQ(owner(QHostAddress::LocalHost, 0xA1B3), 4321u);
-    EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0xA1B4), ~0u) << "a closing connection";
-    EXPECT_EQ(owner(QHostAddress::LocalHostIPv6, 0x1F90), ~0u) << "the server's own end";
-    EXPECT_EQ(owner(QHostAddress(u"192.0.2.1"_s), 0xA1B2), ~0u);
 
     // The same form from another local user of this machine: the connection is theirs.
     if (::geteuid() != 0 || !QFile::exists(u"/usr/bin/setpriv"_s))
@@ -581,12 +524,11 @@ TEST_F(ServerTest, PasswordGuessesAreLimitedPerEmailAndPerAddress)
     server.accounts->createAccount(u"victim@example.org"_s, u"correct horse"_s);
     const auto jar = server.dir.filePath(u"guesser"_s);
     const auto csrf = csrfOf(curl({u"-c"_s, jar, server.base() + u"/auth/login?state=S"_s}).body);
-    const auto attempt = [&](const QString& email, const QString& password,
-                             const QStringList& extra = {}) {
-        return curl(QStringList{u"-b"_s, jar, u"--data"_s,
-                                u"state=S&action=signin&email="_s + email + u"&password="_s
-                                    + password + u"&csrf="_s + csrf}
-                    + extra + QStringList{server.base() + u"/auth/login"_s});
+    const auto attempt = [&](const QString& email, const QString& password) {
+        return curl({u"-b"_s, jar, u"--data"_s,
+                     u"state=S&action=signin&email="_s + email + u"&password="_s + password
+                         + u"&csrf="_s + csrf,
+                     server.base() + u"/auth/login"_s});
     };
     for (int i = 0; i < 10; ++i)
         ASSERT_EQ(attempt(u"victim%40example.org"_s, u"guess"_s + QString::number(i)).status, 401);
@@ -596,10 +538,6 @@ TEST_F(ServerTest, PasswordGuessesAreLimitedPerEmailAndPerAddress)
     EXPECT_TRUE(refused.headers.contains("Retry-After: 900")) << refused.headers.constData();
     EXPECT_EQ(refused.json()[u"error"_s].toString(),
               u"Too many failed sign-ins. Try again in 15 minutes."_s);
-    const auto inBrowser =
-        attempt(u"victim%40example.org"_s, u"x"_s, {u"-H"_s, u"Accept: text/html"_s});
-    EXPECT_TRUE(inBrowser.status == 429 && inBrowser.body.contains("<form")
-                && inBrowser.body.contains("Try again in 15 minutes."));
 
     // Other addresses from the same client: their own tries, up to the client's limit.
     for (int i = 0; i < 20; ++i)
@@ -631,13 +569,11 @@ TEST(ServerConfigTest, TelemetryTurnedOffStoresNothingAndTellsClientsToDrop)
     TelemetryStore stored(*server.db);
     // Counted as differences: on PostgreSQL every harness of the run shares one database.
     const auto before = std::pair{stored.eventCount(), stored.crashCount()};
-    const auto events = u"/api/v1/telemetry/events"_s;
-    expectRoutes(
-        server, {},
-        {{"GET", u"/api/v1/telemetry/config"_s, {}, 200, R"({"enabled":false})"},
-         {"POST", events, R"({"deviceId":"d1","events":[{"name":"a","category":"c"}]})", 204},
-         {"POST", u"/api/v1/telemetry/crash"_s, R"({"deviceId":"d1","n":1})", 204},
-         {"POST", events, R"({"deviceId":"d1","events":[{}]})", 204}});
+    expectRoutes(server, {},
+                 {{"GET", u"/api/v1/telemetry/config"_s, {}, 200, R"({"enabled":false})"},
+                  {"POST", u"/api/v1/telemetry/events"_s,
+                   R"({"deviceId":"d1","events":[{"name":"a","category":"c"}]})", 204},
+                  {"POST", u"/api/v1/telemetry/crash"_s, R"({"deviceId":"d1","n":1})", 204}});
     EXPECT_EQ(std::pair(stored.eventCount(), stored.crashCount()), before);
 }
 
@@ -645,8 +581,8 @@ TEST(ServerConfigTest, TelemetryTurnedOffStoresNothingAndTellsClientsToDrop)
 TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
 {
     ServerConfig config;
-    config.quotas.answerStreamsAtOnce = 2;
-    config.quotas.answersPerMinute = 3;
+    config.quotas.answerStreamsAtOnce = 1;
+    config.quotas.answersPerMinute = 2;
     config.quotas.speechTokensPerMinute = 2;
     config.quotas.documentsKept = 2;
     config.quotas.documentBytes = 100;
@@ -656,29 +592,21 @@ TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
     ServerHarness server(config);
     const auto account = server.signUp();
 
-    // Answers: two streaming at once, three started a minute.
+    // Answers: one streaming at once, two started a minute.
     const auto answer = u"/api/v1/chat/answer"_s;
-    const QByteArray third = R"({"question":"Three?"})";
-    QProcess first, second;
+    const QByteArray question = R"({"question":"Two?"})";
+    QProcess first;
     startAnswer(first, server, account, R"({"question":"One?"})");
-    startAnswer(second, server, account, R"({"question":"Two?"})");
-    ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 2; }));
-    expectRoutes(server, account, {{"POST", answer, third, 429, R"({"error":"~at once"})"}});
-    // Either curl may have reached the engine first.
+    ASSERT_TRUE(waitUntil([&] { return server.engine.answers.size() == 1; }));
+    expectRoutes(server, account, {{"POST", answer, question, 429, R"({"error":"~at once"})"}});
     server.engine.answers[0]->onDone({});
-    ASSERT_TRUE(waitUntil([&] {
-        return first.state() == QProcess::NotRunning || second.state() == QProcess::NotRunning;
-    }));
+    ASSERT_TRUE(waitUntil([&] { return first.state() == QProcess::NotRunning; }));
     server.engine.finishAtOnce = true;
-    expectRoutes(
-        server, account,
-        {{"POST", answer, third, 200}, {"POST", answer, third, 429, R"({"error":"~per minute"})"}});
+    expectRoutes(server, account,
+                 {{"POST", answer, question, 200},
+                  {"POST", answer, question, 429, R"({"error":"~per minute"})"}});
     server.clock.advance(std::chrono::minutes(1));
-    expectRoutes(server, account, {{"POST", answer, third, 200}});
-    server.engine.answers[1]->onDone({});
-    ASSERT_TRUE(waitUntil([&] {
-        return first.state() == QProcess::NotRunning && second.state() == QProcess::NotRunning;
-    }));
+    expectRoutes(server, account, {{"POST", answer, question, 200}});
 
     // Speech tokens: whatever the first two get, the third is refused.
     for (int i = 0; i < 2; ++i)
@@ -701,60 +629,45 @@ TEST(ServerConfigTest, QuotasRefuseWith429AndAMessageOnlyPastTheirLimit)
                   {"POST", jobs, small, 200}});
     expectRoutes(server, server.signUp(), {{"POST", jobs, forty, 200}});
 
-    // Telemetry: requests per address, and rows kept with the oldest dropped.
+    // Telemetry: requests per address, and rows kept.
     TelemetryStore stored(*server.db);
     const auto events = u"/api/v1/telemetry/events"_s, crash = u"/api/v1/telemetry/crash"_s;
-    const auto two = [](const char* name) {
-        return QByteArray(R"({"deviceId":"d1","events":[{"name":")") + name
-               + R"(","category":"c"},{"name":")" + name + R"(","category":"c"}]})";
-    };
+    const QByteArray two =
+        R"({"deviceId":"d1","events":[{"name":"a","category":"c"},{"name":"b","category":"c"}]})";
     expectRoutes(server, {},
-                 {{"POST", events, two("old"), 200},
+                 {{"POST", events, two, 200},
                   {"POST", crash, R"({"deviceId":"d1","n":1})", 200},
-                  {"POST", events, two("refused"), 429, R"({"error":"~Too many"})"}});
+                  {"POST", events, two, 429, R"({"error":"~Too many"})"}});
     server.clock.advance(std::chrono::minutes(1));
-    expectRoutes(
-        server, {},
-        {{"POST", events, two("new"), 200}, {"POST", crash, R"({"deviceId":"d1","n":2})", 200}});
+    expectRoutes(server, {},
+                 {{"POST", events, two, 200}, {"POST", crash, R"({"deviceId":"d1","n":2})", 200}});
     EXPECT_EQ(std::pair(stored.eventCount(), stored.crashCount()), std::pair(3, 1));
-    // The two newest are kept whatever else is there (on PostgreSQL the run shares one database).
-    auto names =
-        server.db->run(u"SELECT name FROM telemetry_events ORDER BY received_at DESC LIMIT 2"_s);
-    QStringList newest;
-    while (names.next())
-        newest.append(names.value(0).toString());
-    EXPECT_EQ(newest, (QStringList{u"new"_s, u"new"_s}));
-    auto report = server.db->run(u"SELECT report FROM crash_reports"_s);
-    ASSERT_TRUE(report.next());
-    EXPECT_TRUE(report.value(0).toString().contains(u"\"n\":2"_s));
 }
 
 // The newest package by version, not by name, for the kind of install asking (a .deb install is
 // offered the .deb). Only the newest can be downloaded, nothing outside the folder ever, and the
-// link's origin is --public-url when given, whatever the Host header says. (The SHA-256, the size
-// and the download the program checks before it unpacks are the self-update test's.)
+// link's origin is --public-url when given. (The built-in origin, the SHA-256, the size and the
+// download the program checks before it unpacks are the self-update test's.)
 TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfItsKindAndNothingElse)
 {
     QTemporaryDir updates, elsewhere;
     for (const auto& [name, bytes] : {std::pair{"RavletAI-0.9.0-linux-x86_64.tar.gz", "old"},
                                       {"RavletAI-0.10.0-linux-x86_64.tar.gz", "newest package"},
-                                      {"RavletAI-0.10.0-linux-x86_64.changelog.txt", "Faster.\n"},
-                                      {"notes.tar.gz", "not a package"},
                                       {"ravletai_0.10.0_amd64.deb", "system package"},
                                       {"ravletai_0.9.5_amd64.deb", "older"},
                                       {"ravletai-dbgsym_0.11.0_amd64.ddeb", "symbols"}})
         writeFile(updates.filePath(QLatin1String(name)), bytes);
     ServerConfig config;
     config.updatesDir = updates.path();
+    config.publicOrigin = u"https://updates.example.org"_s;
     ServerHarness server(config);
     const auto check = [](const char* version, const char* platform = "linux") {
         return u"/download/check-update?v="_s + QLatin1String(version) + u"&platform="_s
                + QLatin1String(platform);
     };
-    const auto files = server.base().toUtf8() + "/download/files/";
-    const QByteArray newest = R"({"hasUpdate":true,"forceUpdate":false,"latest":{"version":)"
-                              R"("0.10.0","changelog":"Faster.","downloadURL":")"
-                              + files + R"(RavletAI-0.10.0-linux-x86_64.tar.gz"}})",
+    const QByteArray files = "https://updates.example.org/download/files/";
+    const QByteArray newest = R"({"hasUpdate":true,"latest":{"downloadURL":")" + files
+                              + R"(RavletAI-0.10.0-linux-x86_64.tar.gz"}})",
                      newestDeb = R"({"latest":{"downloadURL":")" + files
                                  + R"(ravletai_0.10.0_amd64.deb"}})";
     expectRoutes(server, {},
@@ -762,7 +675,7 @@ TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfItsKindAndNothingElse)
                   {"GET", check("0.9.5", "linux-deb"), {}, 200, newestDeb},
                   {"GET", u"/download/files/RavletAI-0.9.0-linux-x86_64.tar.gz"_s, {}, 404},
                   {"GET", u"/download/files/..%2Fserver.sqlite"_s, {}, 404}});
-    const auto deb = curl({QString::fromUtf8(files) + u"ravletai_0.10.0_amd64.deb"_s});
+    const auto deb = curl({server.base() + u"/download/files/ravletai_0.10.0_amd64.deb"_s});
     EXPECT_EQ(QByteArray::number(deb.status) + ' ' + deb.body, "200 system package");
     writeFile(updates.filePath(u"minimum-version"_s), "0.9.9\n");
     // A package that is a link out of the folder is not served.
@@ -771,11 +684,4 @@ TEST(ServerConfigTest, UpdateCheckOffersTheNewestPackageOfItsKindAndNothingElse)
     expectRoutes(server, {},
                  {{"GET", check("0.9.5"), {}, 200, R"({"forceUpdate":true})"},
                   {"GET", u"/download/files/RavletAI-0.12.0-linux-x86_64.tar.gz"_s, {}, 404}});
-
-    config.publicOrigin = u"https://updates.example.org"_s;
-    ServerHarness behindProxy(config);
-    const auto answer =
-        curl({u"-H"_s, u"Host: localhost:1"_s, behindProxy.base() + check("0.9.5", "linux-deb")});
-    EXPECT_EQ(answer.json()[u"latest"_s][u"downloadURL"_s].toString(),
-              u"https://updates.example.org/download/files/ravletai_0.10.0_amd64.deb"_s);
 }

@@ -121,7 +121,7 @@ TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysH
     const auto grant = FakeBackend::Response::json(200, vendor.grant);
     vendorFake->setRouteSequence(
         "POST", vendor.path,
-        {grant, grant, FakeBackend::Response::json(401, vendor.refusal), limited, limited,
+        {grant, grant, FakeBackend::Response::json(401, vendor.refusal), limited,
          FakeBackend::Response::json(500, "<html>upstream exploded</html>"),
          FakeBackend::Response::json(200, R"({"unexpected":"shape"})"),
          // The vendor hands back the key itself as the token.
@@ -161,24 +161,22 @@ TEST_P(VendorTokenTest, GrantsReachTheClientFailuresNameTheVendorAndTheKeyStaysH
     EXPECT_TRUE(
         fetchError(503).startsWith(name + u" is limiting this server's requests (HTTP 429"_s));
     EXPECT_TRUE(seen.toLower().contains("retry-after: 7"));
-    // The program shows the server's words.
-    try {
-        awaitTask(client.fetchSpeechToken());
-        ADD_FAILURE() << "a rate-limited vendor gave a token";
-    } catch (const SpeechTokenError& error) {
-        EXPECT_TRUE(error.description().startsWith(name + u" is limiting"_s))
-            << error.description().toStdString();
-    }
     EXPECT_EQ(fetchError(502), name + u" could not issue a speech token (HTTP 500)."_s);
     EXPECT_EQ(fetchError(502), name + u" answered without a speech token."_s);
     EXPECT_EQ(fetchError(502), name + u" answered without a speech token."_s);
-    // The vendor recovers; so does the route. Then it is gone from the network.
+    // The vendor recovers; so does the route. Then it takes the connection and never answers:
+    // the request gives up on the server's clock, well before the client's own limit.
     EXPECT_EQ(fetchError(200), QString());
     EXPECT_TRUE(logs.lines().join(u'\n').contains(name + u" token request failed: HTTP 401"_s));
+    const auto port = QUrl(vendorFake->origin()).port();
     vendorFake.reset();
-    const auto unreachable = fetchError(503);
-    EXPECT_TRUE(unreachable.startsWith(name + u" could not be reached from this server"_s))
-        << unreachable.toStdString();
+    QTcpServer silent;
+    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost, port));
+    QObject::connect(&silent, &QTcpServer::newConnection, &silent, [&] {
+        server.clock.advance(std::chrono::milliseconds(VendorTokens::vendorTimeoutMs));
+    });
+    EXPECT_EQ(fetchError(503),
+              name + u" could not be reached from this server: no answer within 15 s"_s);
 
     // The key must not be anywhere a user or an operator's log could see it.
     EXPECT_FALSE(seen.contains(key)) << "in a response";
@@ -198,39 +196,3 @@ INSTANTIATE_TEST_SUITE_P(Vendors, VendorTokenTest, ::testing::ValuesIn(vendorCas
                          [](const auto& info) {
                              return vendorName(info.param.vendor).toStdString();
                          });
-
-// A vendor that takes the connection and never answers: the token request gives up on the
-// server's clock, so that the client hears a clear error well before its own limit.
-TEST(VendorTokensTest, AVendorThatNeverAnswersIsUnreachableAfterItsTime)
-{
-    QTcpServer silent;
-    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost));
-    ServerConfig config;
-    const auto origin = u"http://127.0.0.1:%1"_s.arg(silent.serverPort());
-    config.speechVendor = SpeechVendorConfig{SpeechVendor::deepgram, longLivedKey, origin, {}};
-    ServerHarness server(config);
-    const auto account = server.signUp();
-    // Once the request is there, the limit passes on the server's clock.
-    QObject::connect(&silent, &QTcpServer::newConnection, &silent, [&] {
-        server.clock.advance(std::chrono::milliseconds(VendorTokens::vendorTimeoutMs));
-    });
-    expectRoutes(
-        server, account,
-        {{"GET",
-          u"/api/v1/speech/token"_s,
-          {},
-          503,
-          R"({"error":"Deepgram could not be reached from this server: no answer within 15 s"})"}});
-}
-
-// OpenAI's older transcription-session answer nests the secret.
-TEST(VendorTokensTest, OpenAIsOlderAnswerNestsTheSecret)
-{
-    const auto nested = VendorTokens::interpret(
-        {SpeechVendor::openai, longLivedKey, {}, u"whisper-1"_s},
-        {200, R"({"client_secret":{"value":"ek_nested","expires_at":1}})", {}, {}});
-    ASSERT_TRUE(std::get_if<VendorTokens::Token>(&nested));
-    EXPECT_EQ(std::get<VendorTokens::Token>(nested).token + u' '
-                  + *std::get<VendorTokens::Token>(nested).sttModel,
-              u"ek_nested whisper-1"_s);
-}
