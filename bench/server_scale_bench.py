@@ -16,15 +16,54 @@ and at the end replays its first refresh token on the first server (which must r
 address then guesses on both servers in turn to show what the sign-in limits hold across.
 """
 import argparse, asyncio, concurrent.futures, json, multiprocessing, os, select, statistics, sys, tempfile, threading, time
-import urllib.error
+import functools, http.client, http.cookiejar, re, urllib.error, urllib.parse, urllib.request
 
 import websockets
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "server"))
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from transcript_socket_test import FromAddress, Server, api, sign_in_tokens  # noqa: E402
+from transcript_socket_test import NoRedirect, Server  # noqa: E402
 from sign_in_guess_bench import FormClient  # noqa: E402
 from idle_connections_bench import open_silent  # noqa: E402
+
+
+class FromAddress(urllib.request.HTTPHandler):
+    """Connections from a loopback address of the caller's choice (limits count per address)."""
+
+    def __init__(self, source):
+        super().__init__()
+        self.source = source
+
+    def http_open(self, request):
+        connection = functools.partial(http.client.HTTPConnection, source_address=(self.source, 0))
+        return self.do_open(connection, request)
+
+
+def api(base, token, method, path, body=None, source=None):
+    data = None if body is None else json.dumps(body).encode()
+    headers = {"Content-Type": "application/json"}
+    if token:
+        headers["Authorization"] = "Bearer " + token
+    request = urllib.request.Request(base + path, method=method, data=data, headers=headers)
+    opener = urllib.request.build_opener(*([FromAddress(source)] if source else []))
+    return json.loads(opener.open(request, timeout=10).read() or b"{}")
+
+
+def sign_in_tokens(base, form, source):
+    """Through the sign-in page, as a browser on `source` would: page, cookie, form, redirect,
+    exchange; both tokens."""
+    cookies = urllib.request.HTTPCookieProcessor(http.cookiejar.CookieJar())
+    opener = urllib.request.build_opener(cookies, NoRedirect, FromAddress(source))
+    page = opener.open(base + "/auth/login?state=T1&mode=register").read().decode()
+    csrf = re.search(r'name="csrf" value="([^"]+)"', page).group(1)
+    try:
+        opener.open(base + "/auth/login", urllib.parse.urlencode(dict(form, state="T1", csrf=csrf)).encode())
+        raise RuntimeError("the sign-in page did not redirect")
+    except urllib.error.HTTPError as answer:
+        if answer.code != 303:
+            raise
+        query = urllib.parse.parse_qs(urllib.parse.urlparse(answer.headers["Location"]).query)
+    return api(base, None, "POST", "/api/v1/auth/exchange", {"code": query["code"][0]}, source)
 
 
 def p95(values):
@@ -299,7 +338,7 @@ def main():
     import resource
     import transcript_socket_test
     transcript_socket_test.SERVER = args.server
-    transcript_socket_test.DATABASE = args.database or None
+    transcript_socket_test.ON_DATABASE = ["--database", args.database] if args.database else []
     # This process holds the other end of every silent connection.
     _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
