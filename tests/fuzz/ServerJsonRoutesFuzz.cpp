@@ -114,7 +114,8 @@ FUZZ_TARGET(input)
         {"POST", u"/api/v1/telemetry/events"_s},
         {"POST", u"/api/v1/telemetry/crash"_s},
         {"POST", u"/api/v1/chat/answer"_s},
-        {"POST", u"/api/v1/job-description"_s}};
+        {"POST", u"/api/v1/job-description"_s},
+        {"POST", u"/api/v1/mock-interview/questions"_s}};
     const auto which = Fuzz::takeByte(input) % std::size(routes);
     const auto& [method, route] = routes[which];
     auto& s = server();
@@ -150,4 +151,8 @@ FUZZ_TARGET(input)
                         && stored->content == sent.value(u"content"_s).toString(),
                     "a job description stored with other text");
     }
+    if (which == 10)
+        Fuzz::check(answer.value(u"questions"_s).toArray().size()
+                        == sent.value(u"count"_s).toInteger(8),
+                    "another number of questions than asked for");
 }
