@@ -57,7 +57,8 @@ def sign_in_tokens(base, form, source):
     page = opener.open(base + "/auth/login?state=T1&mode=register").read().decode()
     csrf = re.search(r'name="csrf" value="([^"]+)"', page).group(1)
     try:
-        opener.open(base + "/auth/login", urllib.parse.urlencode(dict(form, state="T1", csrf=csrf)).encode())
+        filled = urllib.parse.urlencode(dict(form, state="T1", csrf=csrf)).encode()
+        opener.open(base + "/auth/login", filled)
         raise RuntimeError("the sign-in page did not redirect")
     except urllib.error.HTTPError as answer:
         if answer.code != 303:
