@@ -119,6 +119,27 @@ TEST(InterviewPipelineTest, ASessionFailureRecordsLocallyWithoutUploadOrAnswers)
     EXPECT_TRUE(h.shown().endsWith(u"- | -"_s) && h.vm.currentSessionUsesBackend());
 }
 
+// The microphone is optional: denied, or its speech token refused, the interviewer's side records
+// on alone (with the microphone running unread until the stop).
+TEST(InterviewPipelineTest, AFailingMicrophoneSideLeavesTheInterviewRecording)
+{
+    for (const bool denied : {true, false}) {
+        SCOPED_TRACE(denied ? "microphone denied" : "second speech token refused");
+        H h;
+        h.rights.microphone = !denied;
+        if (!denied) {
+            h.backend->speechTokenFailures.add(nullptr);
+            h.backend->speechTokenFailures.add(failureOf(APIError::serverError(500)));
+        }
+        h.start();
+        EXPECT_TRUE(h.shown().startsWith(u"recording | Recording live | "_s));
+        EXPECT_TRUE(h.vm.recognizer(Speaker::interviewer) && !h.vm.recognizer(Speaker::user));
+        EXPECT_EQ(h.microphone.isRunning, !denied);
+        h.stop();
+        expectNothingRunning(h);
+    }
+}
+
 TEST(InterviewPipelineTest, AHangingCaptureHoldsTheStopForTwoSecondsAtMost)
 {
     H h;
